@@ -1,0 +1,65 @@
+// CNB domain: numbered shared-memory buffers under one size limit, and the cache of their mappings.
+#pragma once
+
+#include <cstdint>
+
+// A range of the process's default buffer. Value-initialised it is empty; a release empties it again.
+struct cnb_allocation {
+    uint32_t buffer = 0; // buffer number, 0 when empty
+    uint64_t offset = 0;
+    uint64_t size = 0;
+    char name[32] = {};
+};
+
+// Mapping modes of the access cache.
+inline constexpr int access_read = 0;
+inline constexpr int access_write = 4;
+
+extern int cnb_default_buffer_level; // written by the program before anything else
+extern int cnb_static_alloc;         // 1: the buffer holds one allocation, at offset 0
+extern uint64_t cnb_total;           // bytes wanted of the default buffer
+
+// The loaded default buffer; 0 and -1 while there is none. Written by the platform.
+extern uint32_t image_cnb_buffer;
+extern int image_cnb_buffer_fd;
+
+void cnb_alloc_init();
+
+// Loads the process's default buffer of cnb_total bytes. 0 once it is there, non-zero while the domain
+// has no room for it yet. Answers at once. A request that can never be met is answered with 0, too:
+// cnb_malloc refuses it.
+int cnb_default_buffer_load();
+
+// Gives the default buffer back to the domain. May be called without one and more than once.
+void cnb_default_buffer_drop();
+
+// Takes `size` bytes of the default buffer, really reserved and zero. The name is data, not a format.
+// False when the size does not fit the domain, the buffer or the machine's memory.
+bool cnb_malloc(cnb_allocation* allocation, unsigned long size, const char* name, ...);
+
+// Releases an allocation and empties its record; an empty record is fine.
+void cnb_free(cnb_allocation* allocation);
+void cnb_alloc_freeall();
+void cnb_alloc_print_remaining_buffers(); // one line on standard error for each live allocation
+
+// --- access cache -------------------------------------------------------------------------------
+
+struct vexa_global_access_cache;
+
+// Null when there is no memory.
+vexa_global_access_cache* vexa_global_access_cache_create();
+
+// A pointer to `length` bytes of `buffer` from `offset`, or null when the range does not lie inside
+// the buffer. Overlapping requests alias each other; pointers stay valid until the buffer is dropped.
+// With access_write the pages of the range are made present ahead of the writer.
+unsigned char* vexa_global_access_cache_quickfetch(vexa_global_access_cache* cache, uint32_t buffer,
+                                                   uint64_t offset, uint64_t length, int mode);
+
+// The same with a result: non-zero on success. `aux` receives the bytes that may be read from *data
+// on, up to the end of the buffer: at least `length`.
+int vexa_global_access_cache_get(vexa_global_access_cache* cache, uint32_t buffer, uint64_t offset,
+                                 uint64_t length, unsigned char** data, unsigned long* aux,
+                                 int mode);
+
+// Lets go of what the cache can make anew. Never invalidates a pointer into a loaded buffer.
+void vexa_global_access_cache_cleanup_idle(vexa_global_access_cache* cache);

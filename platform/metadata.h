@@ -1,0 +1,59 @@
+// Item metadata: a list of name/value entries kept in one text file per item.
+// File format: docs/metadata.md.
+#pragma once
+
+#include <cstddef>
+
+// An open item: its picture and its metadata file. Made by vexa_standard_to_derived_params.
+struct metadata_v4_context {
+    int file_fd;           // the picture, open for reading; -1 when it is not open
+    const char* file_name; // path of the picture, for messages
+    const char* metadata_path;
+};
+
+// One entry. Neither text holds a NUL inside; both are NUL-terminated besides their length.
+struct metadata_v4_entry {
+    const char* name;
+    size_t name_length;
+    const char* value;
+    size_t value_length;
+    int tag; // -1: the item as a whole
+};
+
+// An item's entries, in file order.
+struct metadata_v4_metadata_context;
+
+// A fresh descriptor on the picture, at offset 0, open for reading, owned by the caller. `which` is 0,
+// the picture. It refers to the file that `context->file_fd` refers to, even when the path has been
+// replaced since. Negative when the picture is not a regular file or no descriptor can be had.
+int metadata_v4_context_get_file_handle(metadata_v4_context* context, int which);
+
+// Number of slots, holes left by freed entries included. 0 for null and for a closed list.
+size_t metadata_v4_metadata_context_entry_count(const metadata_v4_metadata_context* list);
+
+// The entry in slot `index`, owned by the list; null for a hole or an index past the end.
+metadata_v4_entry* metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context* list,
+                                                           size_t index);
+
+// Removes an entry that read_entry returned, leaving a hole.
+void metadata_v4_metadata_context_free_metadata_entry(metadata_v4_metadata_context* list,
+                                                      metadata_v4_entry* entry);
+
+// Appends an entry; texts are copied, a length of 0 means NUL-terminated. 0, or -1 when the list is
+// closed, a text holds a NUL, or a limit of docs/metadata.md is passed.
+int metadata_v4_metadata_context_add_name_value_pair(metadata_v4_metadata_context* list,
+                                                     const char* name, size_t name_length,
+                                                     const char* value, size_t value_length,
+                                                     int tag);
+
+// Replaces the item's metadata file by this list, atomically. `flags` is 0 and `reserved` null.
+// 0, or non-zero with the old file untouched.
+int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_context* list,
+                                                        metadata_v4_context* context, int flags,
+                                                        void* reserved);
+
+// Closes the list: from here on it answers as an empty one. The object itself stays with the platform.
+void metadata_v4_metadata_close_file(metadata_v4_metadata_context* list);
+
+// Adds a random "GUID" entry when the list has none. Non-zero when one was added.
+int auto_generate_metadata_guid(metadata_v4_metadata_context* list);

@@ -1,0 +1,23 @@
+# The libraries that are called, each as an imported target:
+#   ZLIB::ZLIB PNG::PNG TIFF::TIFF GIF::GIF PkgConfig::webp Threads::Threads
+#   jpeg9::jpeg9 json11::json11                      (scripts/setup brings these two)
+#   CLI11::CLI11 GTest::gtest GTest::gmock benchmark::benchmark
+
+find_package(Threads REQUIRED)
+find_package(ZLIB REQUIRED)
+find_package(PNG REQUIRED)
+find_package(TIFF REQUIRED)
+find_package(GIF 5 REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(webp REQUIRED IMPORTED_TARGET libwebp)
+find_package(jpeg9 REQUIRED MODULE)
+find_package(json11 REQUIRED MODULE)
+find_package(CLI11 REQUIRED)
+
+if(STILLIMAGE_BUILD_TESTS)
+    find_package(GTest REQUIRED)
+    include(GoogleTest)
+endif()
+if(STILLIMAGE_BUILD_BENCH)
+    find_package(benchmark REQUIRED)
+endif()

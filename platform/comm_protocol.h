@@ -1,9 +1,9 @@
 // Packets between worker and client: constants, messages and their encoding.
 // Field by field with a worked exchange: docs/protocol.md.
 //
-// Every packet is one SOCK_SEQPACKET message: a header of packet_header_size bytes, then a body. All
-// numbers are little-endian. Encoding appends to a buffer; decoding reads a private copy, checks every
-// length, and leaves *message unspecified when it returns false.
+// Every packet is one SOCK_SEQPACKET message: a header of packet_header_size bytes, then a body.
+// All numbers are little-endian. Encoding appends to a buffer; decoding reads a private copy,
+// checks every length, and leaves *message unspecified when it returns false.
 #pragma once
 
 #include <cstddef>
@@ -20,6 +20,9 @@ inline constexpr uint16_t version_minor = 0;  // minor versions only add
 
 inline constexpr size_t packet_header_size = 24;
 inline constexpr size_t max_packet_size = 65536;
+inline constexpr size_t max_status_part = 32768; // bytes of the document in one STATUS packet
+inline constexpr size_t max_packet_text =
+    1024; // bytes of an ERROR's or EVENT's text; the rest is cut
 
 // Limits of one connection and of the server. Beyond them a request is refused with LIMIT or, where
 // stated in docs/protocol.md, the client is dropped.
@@ -53,16 +56,16 @@ enum packet_type : uint16_t {
 };
 
 enum error_code : int32_t {
-    BAD_PACKET = 1,          // malformed; the client is dropped after it
-    VERSION_MISMATCH = 2,    // dropped after it
-    UNSUPPORTED = 3,         // unknown request type
-    NOT_GREETED = 4,         // a request before HELLO; dropped after it
-    LIMIT = 5,               // too many pending requests or held references
-    NO_SUCH_FRAME = 6,       // the frame does not exist
-    NO_SUCH_REFERENCE = 7,   // not a reference of this connection
+    BAD_PACKET = 1,        // malformed; the client is dropped after it
+    VERSION_MISMATCH = 2,  // dropped after it
+    UNSUPPORTED = 3,       // unknown request type
+    NOT_GREETED = 4,       // a request before HELLO; dropped after it
+    LIMIT = 5,             // too many pending requests or held references
+    NO_SUCH_FRAME = 6,     // the frame does not exist
+    NO_SUCH_REFERENCE = 7, // not a reference of this connection
     NO_MEMORY = 8,
-    REFUSED_VALUE = 9,       // metadata that may not be set
-    NOT_READY = 10,          // GET_FRAME without waiting
+    REFUSED_VALUE = 9, // metadata that may not be set
+    NOT_READY = 10,    // GET_FRAME without waiting
     GOING_DOWN = 11,
     SLOW_CLIENT = 12, // dropped: answers were not read
 };
@@ -164,7 +167,8 @@ struct event {
 
 using packet_bytes = std::vector<unsigned char>;
 
-// Whole packets: header, body, length filled in.
+// Whole packets: header, body, length filled in. Metadata that would pass max_packet_size and a
+// status part above max_status_part give no bytes at all.
 packet_bytes encode(uint64_t request, const hello& message);
 packet_bytes encode(uint64_t request, const hello_answer& message);
 packet_bytes encode(uint64_t request, const set_output_size& message);
@@ -183,8 +187,8 @@ packet_bytes encode_empty(uint64_t request, packet_type type); // GET_STATUS, EX
 // max_packet_size, of another magic, or its length field is not `size`. The version is not judged.
 bool decode_header(const unsigned char* bytes, size_t size, packet_header* header);
 
-// Bodies: `bytes` and `size` are those of the body. Views point into `bytes`. A body longer than the
-// message is accepted, since minor versions add fields at the end.
+// Bodies: `bytes` and `size` are those of the body. Views point into `bytes`. A body longer than
+// the message is accepted, since minor versions add fields at the end.
 bool decode(const unsigned char* bytes, size_t size, hello* message);
 bool decode(const unsigned char* bytes, size_t size, hello_answer* message);
 bool decode(const unsigned char* bytes, size_t size, set_output_size* message);

@@ -3,7 +3,8 @@
 
 #include <cstdint>
 
-// A range of the process's default buffer. Value-initialised it is empty; a release empties it again.
+// A range of the process's default buffer. Value-initialised it is empty; a release empties it
+// again.
 struct cnb_allocation {
     uint32_t buffer = 0; // buffer number, 0 when empty
     uint64_t offset = 0;
@@ -25,16 +26,16 @@ extern int image_cnb_buffer_fd;
 
 void cnb_alloc_init();
 
-// Loads the process's default buffer of cnb_total bytes. 0 once it is there, non-zero while the domain
-// has no room for it yet. Answers at once. A request that can never be met is answered with 0, too:
-// cnb_malloc refuses it.
+// Loads the process's default buffer of cnb_total bytes. 0 once it is there, non-zero while the
+// domain has no room for it yet. Answers at once. A request that can never be met is answered with
+// 0, too: cnb_malloc refuses it.
 int cnb_default_buffer_load();
 
 // Gives the default buffer back to the domain. May be called without one and more than once.
 void cnb_default_buffer_drop();
 
-// Takes `size` bytes of the default buffer, really reserved and zero. The name is data, not a format.
-// False when the size does not fit the domain, the buffer or the machine's memory.
+// Takes `size` bytes of the default buffer, really reserved and zero. The name is data, not a
+// format. False when the size does not fit the domain, the buffer or the machine's memory.
 bool cnb_malloc(cnb_allocation* allocation, unsigned long size, const char* name, ...);
 
 // Releases an allocation and empties its record; an empty record is fine.
@@ -50,8 +51,8 @@ struct vexa_global_access_cache;
 vexa_global_access_cache* vexa_global_access_cache_create();
 
 // A pointer to `length` bytes of `buffer` from `offset`, or null when the range does not lie inside
-// the buffer. Overlapping requests alias each other; pointers stay valid until the buffer is dropped.
-// With access_write the pages of the range are made present ahead of the writer.
+// the buffer. Overlapping requests alias each other; pointers stay valid until the buffer is
+// dropped. With access_write the pages of the range are made present ahead of the writer.
 unsigned char* vexa_global_access_cache_quickfetch(vexa_global_access_cache* cache, uint32_t buffer,
                                                    uint64_t offset, uint64_t length, int mode);
 

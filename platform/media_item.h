@@ -44,25 +44,25 @@ extern int vexa_video_streams;
 
 // --- run state ----------------------------------------------------------------------------------
 
-extern std::atomic<int> DIE4;                // termination signals received
-extern bool vexa_should_exit;                // the host or a client asked the process to exit
-extern bool vexa_ready;                      // frames may be handed out
-extern uint64_t mono_auto_shutdown;          // monotonic us at which the process ends itself; 0: never
+extern std::atomic<int> DIE4;       // termination signals received
+extern bool vexa_should_exit;       // the host or a client asked the process to exit
+extern bool vexa_ready;             // frames may be handed out
+extern uint64_t mono_auto_shutdown; // monotonic us at which the process ends itself; 0: never
 extern uint64_t auto_shutdown_delay_initial; // us from "ready" to the first deadline
 extern vexa_global_access_cache* vexa_acc_cache;
 extern comm_socket_v4_server* vexa_comm_server; // null until the platform has created the socket
-extern bool json_next_xmit_rebuild;             // the status document is rebuilt at its next transmission
+extern bool json_next_xmit_rebuild; // the status document is rebuilt at its next transmission
 
 static_assert(std::atomic<int>::is_always_lock_free, "DIE4 is written by a signal handler");
 
 // --- command line and start-up (0 on success unless said otherwise) -----------------------------
 
 int vexa_init_argv(int argc, char** argv);
-char* vexa_next_arg();                        // null at the end
-int vexa_argv_is_switch(char** argument);     // non-zero: a switch, its dashes stripped
-int vexa_argv_std_handle_switch(char* word);  // > 0 taken, 0 not a standard switch, < 0 error (told)
-void vexa_std_help();                         // the standard switches, on standard error
-int vexa_standard_to_derived_params();        // fills paths, vexa_meta, vexa_metadata and settings
+char* vexa_next_arg();                       // null at the end
+int vexa_argv_is_switch(char** argument);    // non-zero: a switch, its dashes stripped
+int vexa_argv_std_handle_switch(char* word); // > 0 taken, 0 not a standard switch, < 0 error (told)
+void vexa_std_help();                        // the standard switches, on standard error
+int vexa_standard_to_derived_params();       // fills paths, vexa_meta, vexa_metadata and settings
 int vexa_join_cnb_domain();
 int vexa_redirect_stderr_to_logfile();
 int vexa_self_test();
@@ -73,8 +73,8 @@ void vexa_free_all(); // gives everything of the item back; may run twice
 // Replaces *variable by a copy of text (null: none) and frees the old text.
 void vexa_set_string(char** variable, const char* text);
 
-// Parses "N:D", "N/D" or "N" (N:1) into *ratio, saturating; text that is neither leaves it unchanged.
-// 0 when it was a ratio.
+// Parses "N:D", "N/D" or "N" (N:1) into *ratio, saturating; text that is neither leaves it
+// unchanged. 0 when it was a ratio.
 int vexa_parse_int_rational(int_rational* ratio, const char* text);
 
 // 1 for on/yes/true/1, 0 for off/no/false/0, any case; anything else is the present setting.
@@ -88,8 +88,8 @@ void meta_to_json(metadata_v4_metadata_context* list); // copies the entries for
 
 // --- status to the host -------------------------------------------------------------------------
 
-// Progress: 0..100 with a text, 100 with an empty text at the end, -1 with a short text for a refusal.
-// Never blocks; only changes are written.
+// Progress: 0..100 with a text, 100 with an empty text at the end, -1 with a short text for a
+// refusal. Never blocks; only changes are written.
 void vexa_status_write(int percent, const char* text);
 
 // 1 final, -1 provisional. Sets vexa_ready.
@@ -107,8 +107,8 @@ extern void (*vexa_on_metadata_set)(comm_socket_v4_client* client, const char* n
 extern void (*on_vexa_client_disconnect)(comm_socket_v4_client* client);
 void my_client_disconnect_handler(comm_socket_v4_client* client);
 
-void item_to_json_common();          // takes the item's own values into the document
-void rebuild_json();                 // builds the document anew
+void item_to_json_common();            // takes the item's own values into the document
+void rebuild_json();                   // builds the document anew
 void json_check_xmit(uint64_t now_us); // rebuilds when asked for, sends to subscribers what changed
 
 // --- idle work (one round each; amount of work done, negative: fatal) ----------------------------
@@ -155,8 +155,8 @@ public:
     int is_video = 0;
 };
 
-// A client's hold on one frame. The platform fills the public fields, then calls map_frame and get_frame.
-// The order of the virtual functions is interface.
+// A client's hold on one frame. The platform fills the public fields, then calls map_frame and
+// get_frame. The order of the virtual functions is interface.
 class vexa_video_frame_reference {
 public:
     vexa_video_frame_reference();

@@ -23,9 +23,9 @@ struct metadata_v4_entry {
 // An item's entries, in file order.
 struct metadata_v4_metadata_context;
 
-// A fresh descriptor on the picture, at offset 0, open for reading, owned by the caller. `which` is 0,
-// the picture. It refers to the file that `context->file_fd` refers to, even when the path has been
-// replaced since. Negative when the picture is not a regular file or no descriptor can be had.
+// A fresh descriptor on the picture, at offset 0, open for reading, owned by the caller. `which` is
+// 0, the picture. It refers to the file that `context->file_fd` refers to, even when the path has
+// been replaced since. Negative when the picture is not a regular file or no descriptor can be had.
 int metadata_v4_context_get_file_handle(metadata_v4_context* context, int which);
 
 // Number of slots, holes left by freed entries included. 0 for null and for a closed list.
@@ -52,7 +52,8 @@ int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_con
                                                         metadata_v4_context* context, int flags,
                                                         void* reserved);
 
-// Closes the list: from here on it answers as an empty one. The object itself stays with the platform.
+// Closes the list: from here on it answers as an empty one. The object itself stays with the
+// platform.
 void metadata_v4_metadata_close_file(metadata_v4_metadata_context* list);
 
 // Adds a random "GUID" entry when the list has none. Non-zero when one was added.

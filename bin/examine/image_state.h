@@ -1,6 +1,6 @@
-// What examination has found out about the picture. Written by bin/examine, read by everything after it.
-// Two later writers: the alpha test of the mipmap pyramid clears image_has_alpha_channel, and the GIF
-// decoder fills the timeline.
+// What examination has found out about the picture. Written by bin/examine, read by everything
+// after it. Two later writers: the alpha test of the mipmap pyramid clears image_has_alpha_channel,
+// and the GIF decoder fills the timeline.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ inline constexpr int image_size_limit = 16384; // pixels in either direction, fo
 extern int image_file_type; // an image_type
 extern int image_width;     // pixels; -1 before examination
 extern int image_height;
-extern int image_buffer_height; // rows allocated per full-size plane; -1 before examination
+extern int image_buffer_height;      // rows allocated per full-size plane; -1 before examination
 extern uint8_t image_chroma_x_shift; // log2 of the chroma planes' subsampling: 0, 1 or 2
 extern uint8_t image_chroma_y_shift;
 extern int image_has_alpha_channel; // 1: an A plane is kept

@@ -1,8 +1,9 @@
 // Frame buffer layout: where every plane of every picture lies in the one shared allocation.
 // Byte for byte, with a worked example: docs/frame-buffer.md.
 //
-// A unit is one frame: its full-size planes Y, U, V, A (each when present), its scanline data area, then
-// the mipmap levels with the same pieces. Frame t's offsets are frame 0's plus t * image_decoded_unit_size.
+// A unit is one frame: its full-size planes Y, U, V, A (each when present), its scanline data area,
+// then the mipmap levels with the same pieces. Frame t's offsets are frame 0's plus t *
+// image_decoded_unit_size.
 #pragma once
 
 #include <cstdint>
@@ -46,18 +47,19 @@ extern uint64_t image_decoded_unit_size; // bytes of one frame's unit
 extern uint64_t image_decoded_size;      // the running size while laying out, then the total
 extern int mipmaps;                      // levels laid out
 
-extern mipmap_image mipmap[most_mipmaps]; // levels of frame 0
-extern mipmap_image main_image_mipmap;    // full size of frame 0
-extern std::vector<mipmap_image> secondary_image_mipmap_main;          // full size of frames 1, 2, ...
+extern mipmap_image mipmap[most_mipmaps];                     // levels of frame 0
+extern mipmap_image main_image_mipmap;                        // full size of frame 0
+extern std::vector<mipmap_image> secondary_image_mipmap_main; // full size of frames 1, 2, ...
 extern std::vector<mipmap_image> secondary_image_mipmap[most_mipmaps]; // levels of frames 1, 2, ...
 
 extern cnb_allocation image_cnb_alloc; // the frame buffer
 
-// Lays out frame 0's full-size planes from the image state and prints the first "CNB buffer stats:".
+// Lays out frame 0's full-size planes from the image state and prints the first "CNB buffer
+// stats:".
 void layout_full_size();
 
-// Lays out the mipmap levels behind them, printing a line for each, and sets the unit size, the total
-// and cnb_total. A total beyond 64 bits is stored as all ones: no buffer can hold it.
+// Lays out the mipmap levels behind them, printing a line for each, and sets the unit size, the
+// total and cnb_total. A total beyond 64 bits is stored as all ones: no buffer can hold it.
 void layout_mipmaps();
 
 void print_final_layout(); // the "CNB buffer stats [final]:" block and a line for each level

@@ -57,3 +57,8 @@ if(STILLIMAGE_FUZZ)
     endif()
     add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
+
+# An installed program finds the libraries beside it, wherever the whole is put.
+include(GNUInstallDirs)
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+set(CMAKE_INSTALL_RPATH_USE_LINK_PATH ON)

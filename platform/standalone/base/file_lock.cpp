@@ -1,0 +1,60 @@
+#include "platform/standalone/base/file_lock.h"
+
+#include <cerrno>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include "platform/standalone/base/checked_math.h"
+#include "platform/standalone/base/fd_io.h"
+#include "platform/time.h"
+
+namespace platform {
+
+namespace {
+
+constexpr timespec pause_between_tries = {0, 5'000'000};
+
+// O_NONBLOCK for a FIFO in the place of the file: opening it must not wait.
+constexpr int lock_file_flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+
+int open_lock_file(int folder, const char* name)
+{
+    unique_fd fd(open_file_at(folder, name, lock_file_flags, 0600));
+    struct stat status = {};
+    if (!fd || fstat(fd.get(), &status) != 0) {
+        return -1;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return -1;
+    }
+    return fd.release();
+}
+
+} // namespace
+
+// Tries in turn instead of waiting in the kernel: a blocked flock has no time limit.
+lock_result file_lock::take(int folder, const char* name, uint64_t limit_us,
+                            const std::atomic<int>* stop)
+{
+    const uint64_t deadline = saturating_add(monotonic_clock_us(), limit_us);
+    unique_fd fd(open_lock_file(folder, name));
+    if (!fd) {
+        return lock_result::FAILED;
+    }
+    while (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            return lock_result::FAILED;
+        }
+        if (monotonic_clock_us() >= deadline || (stop != nullptr && stop->load() != 0)) {
+            return lock_result::BUSY;
+        }
+        nanosleep(&pause_between_tries, nullptr);
+    }
+    fd_ = std::move(fd);
+    return lock_result::TAKEN;
+}
+
+} // namespace platform

@@ -1,0 +1,33 @@
+// A lock between processes, held through an open file: it survives a fork and goes with its last
+// holder.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "platform/standalone/base/unique_fd.h"
+
+namespace platform {
+
+enum class lock_result {
+    TAKEN,
+    BUSY,   // another process held it until the time limit, or `stop` became non-zero
+    FAILED, // the lock file cannot be opened or locked: errno
+};
+
+class file_lock {
+public:
+    // Locks the file `name` in the open folder, made with mode 0600 and never removed. Waits up to
+    // `limit_us`, 0 tries once. `stop`, when given, ends the wait early as soon as it is not 0.
+    lock_result take(int folder, const char* name, uint64_t limit_us,
+                     const std::atomic<int>* stop = nullptr);
+
+    bool held() const { return static_cast<bool>(fd_); }
+    int fd() const { return fd_.get(); }
+    void release() { fd_.reset(); }
+
+private:
+    unique_fd fd_;
+};
+
+} // namespace platform

@@ -1,0 +1,69 @@
+#include "platform/standalone/base/folders.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+
+#include "platform/standalone/base/fd_io.h"
+
+namespace platform {
+
+namespace {
+
+constexpr mode_t folder_mode = 0700;
+
+int make_one_folder(const char* path)
+{
+    if (mkdir(path, folder_mode) == 0) {
+        return 0;
+    }
+    // A parent such as "/" or a read-only mount answers with an error of its own though it is
+    // there.
+    const int mkdir_errno = errno;
+    struct stat status = {};
+    if (stat(path, &status) != 0) {
+        errno = mkdir_errno;
+        return -1;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        errno = ENOTDIR;
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int make_folders(const char* path)
+{
+    const std::string whole(path);
+    for (size_t slash = whole.find('/', 1); slash != std::string::npos;
+         slash = whole.find('/', slash + 1)) {
+        if (make_one_folder(whole.substr(0, slash).c_str()) != 0) {
+            return -1;
+        }
+    }
+    return make_one_folder(path);
+}
+
+unique_fd open_folder(const char* path)
+{
+    return unique_fd(open_file(path, O_RDONLY | O_DIRECTORY));
+}
+
+unique_fd open_private_folder(const char* path)
+{
+    unique_fd folder(open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    struct stat status = {};
+    if (!folder || fstat(folder.get(), &status) != 0) {
+        return {};
+    }
+    if (status.st_uid != geteuid() || (status.st_mode & 077U) != 0) {
+        errno = EPERM;
+        return {};
+    }
+    return folder;
+}
+
+} // namespace platform

@@ -1,0 +1,120 @@
+#include "platform/standalone/base/replace_file.h"
+
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+
+#include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/base/random_bytes.h"
+#include "platform/standalone/base/unique_fd.h"
+
+namespace platform {
+
+namespace {
+
+constexpr size_t random_name_bytes = 8;
+
+int fail(replace_failure* failure, const char* step)
+{
+    *failure = {.step = step, .error_number = errno};
+    return -1;
+}
+
+int write_all(int fd, std::string_view contents, const file_operations& operations)
+{
+    while (!contents.empty()) {
+        const ssize_t step = operations.write(fd, contents.data(), contents.size());
+        if (step < 0) {
+            return -1;
+        }
+        if (step == 0) {
+            errno = ENOSPC;
+            return -1;
+        }
+        contents.remove_prefix(static_cast<size_t>(step));
+    }
+    return 0;
+}
+
+// Mode and owner of the file that is to be replaced, given to the new one before it is visible.
+int take_over_attributes(int folder, const char* name, int fd, const file_operations& operations)
+{
+    struct stat old = {};
+    if (fstatat(folder, name, &old, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(old.st_mode)) {
+        return 0;
+    }
+    struct stat fresh = {};
+    if (fstat(fd, &fresh) != 0) {
+        return -1;
+    }
+    if (old.st_uid != fresh.st_uid || old.st_gid != fresh.st_gid) {
+        // Only a privileged process may give files away; for others the file becomes their own.
+        (void)operations.change_owner(fd, old.st_uid, old.st_gid);
+    }
+    return operations.change_mode(fd, old.st_mode & 0777U);
+}
+
+int fill_temporary(int folder, const char* name, int fd, std::string_view contents,
+                   replace_failure* failure, const file_operations& operations)
+{
+    if (write_all(fd, contents, operations) != 0) {
+        return fail(failure, "write");
+    }
+    if (take_over_attributes(folder, name, fd, operations) != 0) {
+        return fail(failure, "set the mode of");
+    }
+    if (operations.sync(fd) != 0) {
+        return fail(failure, "sync");
+    }
+    return 0;
+}
+
+} // namespace
+
+int replace_file(int folder, const char* name, std::string_view contents, mode_t mode,
+                 replace_failure* failure, const file_operations& operations)
+{
+    const std::string temporary =
+        std::string(name) + std::string(temporary_mark) + random_hex(random_name_bytes);
+    unique_fd fd(operations.open_at(folder, temporary.c_str(),
+                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode));
+    if (!fd) {
+        return fail(failure, "create");
+    }
+    int result = fill_temporary(folder, name, fd.get(), contents, failure, operations);
+    fd.reset();
+    if (result == 0 && operations.rename_at(folder, temporary.c_str(), name) != 0) {
+        result = fail(failure, "rename");
+    }
+    if (result != 0) {
+        (void)operations.unlink_at(folder, temporary.c_str());
+        return -1;
+    }
+    if (operations.sync(folder) != 0) {
+        return fail(failure, "sync the folder of");
+    }
+    return 0;
+}
+
+void remove_temporary_files(int folder, std::string_view name, const file_operations& operations)
+{
+    unique_fd listing(open_file_at(folder, ".", O_RDONLY | O_DIRECTORY));
+    if (!listing) {
+        return;
+    }
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(listing.get()), closedir);
+    if (!entries) {
+        return;
+    }
+    (void)listing.release(); // closedir closes it
+    const std::string beginning = std::string(name) + std::string(temporary_mark);
+    while (const dirent* entry = readdir(entries.get())) {
+        if (std::string_view(entry->d_name).starts_with(beginning)) {
+            (void)operations.unlink_at(folder, entry->d_name);
+        }
+    }
+}
+
+} // namespace platform

@@ -1,0 +1,19 @@
+#include "platform/standalone/base/unique_fd.h"
+
+#include <cerrno>
+
+namespace platform {
+
+void unique_fd::reset(int fd)
+{
+    const int old = std::exchange(fd_, fd);
+    if (old >= 0 && old != fd) {
+        const int kept_errno = errno;
+        // Never repeated after EINTR: on Linux the number is free by then and may be somebody
+        // else's.
+        close(old);
+        errno = kept_errno;
+    }
+}
+
+} // namespace platform

@@ -1,0 +1,168 @@
+// Start-up: from process entry to the moment before the picture is looked at. Every failure but
+// that of the self-test ends the process with status 1.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <unistd.h>
+
+#include "bin/invariant.h"
+#include "bin/quickidle.h"
+#include "bin/serve/client_context.h"
+#include "bin/serve/status_json.h"
+#include "bin/serve/video_reference.h"
+#include "bin/vexa_stillimage.h"
+#include "platform/media_item.h"
+
+namespace {
+
+int fail(const char* message)
+{
+    fputs(message, stderr);
+    return EXIT_FAILURE;
+}
+
+int fail_with_help()
+{
+    print_help();
+    return EXIT_FAILURE;
+}
+
+// The program's own switches; the platform has declined the word.
+int take_own_switch(const char* word)
+{
+    if (strcmp(word, "d-merged-s") == 0) {
+        return go_on;
+    }
+    if (strcmp(word, "slow-decode") == 0) {
+        slow_decode = true;
+        return go_on;
+    }
+    // Withdrawn, but old host configurations still start with them.
+    if (strcmp(word, "d-merged") == 0) {
+        fputs("d-merged is no longer supported. rendering mode removed.\n", stderr);
+        return go_on;
+    }
+    if (strcmp(word, "d-all-scanlines") == 0) {
+        fputs("d-all-scanlines is no longer supported. rendering mode removed.\n", stderr);
+        return go_on;
+    }
+    if (strcmp(word, "h") != 0 && strcmp(word, "help") != 0) {
+        fprintf(stderr, "Unknown switch '%s'\n", word);
+    }
+    return fail_with_help();
+}
+
+int take_argument(char* argument)
+{
+    char* word = argument;
+    if (vexa_argv_is_switch(&word) == 0) {
+        fprintf(stderr, "Non-switch argument '%s'\n", argument);
+        return EXIT_FAILURE;
+    }
+    const int taken = vexa_argv_std_handle_switch(word);
+    if (taken < 0) {
+        return fail_with_help();
+    }
+    return taken > 0 ? go_on : take_own_switch(word);
+}
+
+int take_arguments()
+{
+    for (char* argument = vexa_next_arg(); argument != nullptr; argument = vexa_next_arg()) {
+        const int status = take_argument(argument);
+        if (status != go_on) {
+            return status;
+        }
+    }
+    return go_on;
+}
+
+int derive_item()
+{
+    if (vexa_file == nullptr) {
+        fputs("File to play not specified. Use --file parameter\n", stderr);
+        return fail_with_help();
+    }
+    if (vexa_standard_to_derived_params() != 0) {
+        return fail("Failed to obtain derived params\n");
+    }
+    if (vexa_join_cnb_domain() != 0) {
+        return fail("Failed to join CNB domain\n");
+    }
+    return go_on;
+}
+
+int check_derived_item()
+{
+    if (vexa_file_metadir == nullptr) {
+        return fail("Library failed to derive metadata dir\n");
+    }
+    if (vexa_sock == nullptr) {
+        return fail("Library failed to make socket path or accept a path\n");
+    }
+    if (vexa_meta == nullptr) {
+        return fail("No meta object\n");
+    }
+    if (vexa_metadata == nullptr) {
+        return fail("No metadata object\n");
+    }
+    return go_on;
+}
+
+void register_callbacks()
+{
+    vexa_client_contexts.new_client_context = my_new_client_context;
+    vexa_client_contexts.new_video_reference = stillimage_new_video_reference;
+    on_vexa_client_disconnect = my_client_disconnect_handler;
+    vexa_on_metadata_set = my_on_metadata_set;
+    vexa_on_json_build = my_custom_json_build;
+}
+
+void print_settings()
+{
+    fputs("Media item setting:\n", stderr);
+    fprintf(stderr, "   File: %s\n", vexa_file);
+    fprintf(stderr, "   Meta: %s\n", vexa_file_metadir);
+    fprintf(stderr, "   Sock: %s\n", vexa_sock);
+}
+
+int prepare_services()
+{
+    if (vexa_stderr_to_log && vexa_redirect_stderr_to_logfile() != 0) {
+        return fail("Failed to redirect stderr\n");
+    }
+    fprintf(stderr, "bg=%d\n", vexa_background_music);
+    srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(time(nullptr)));
+    if (vexa_self_test() != 0) {
+        fputs("Self-test failed [VEXA]\n", stderr);
+    }
+    cnb_alloc_init();
+    register_callbacks();
+    print_settings();
+    return go_on;
+}
+
+} // namespace
+
+int start_up(int argc, char** argv)
+{
+    cnb_default_buffer_level = 0;
+    vexa_auto_socket_create = true;
+    if (vexa_init_argv(argc, argv) != 0) {
+        return EXIT_FAILURE;
+    }
+    for (int (*const stage)() :
+         {take_arguments, derive_item, check_derived_item, prepare_services}) {
+        const int status = stage();
+        if (status != go_on) {
+            return status;
+        }
+    }
+    if (vexa_temp_clean_only) {
+        return EXIT_SUCCESS;
+    }
+    INVARIANT(vexa_meta->file_fd >= 0, "vexa_meta->file_fd >= 0");
+    install_termination_handler();
+    return go_on;
+}

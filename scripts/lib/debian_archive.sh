@@ -34,6 +34,7 @@ archive_apt() {
         -o Dir::State::lists="$archive_dir/lists" \
         -o Dir::Cache="$archive_dir/cache" \
         -o Acquire::Languages=none \
+        -o APT::Update::Error-Mode=any \
         -o APT::Sandbox::User="$(id -un)" \
         "$@"
 }

@@ -1,0 +1,126 @@
+#include "bin/examine/jpeg_reader.h"
+
+#include <cstdlib>
+
+FILE* jpeg_fp = nullptr;
+jpeg_decompress_struct* jpeg_decompress = nullptr;
+jpeg_error_mgr* jpeg_error_manager = nullptr;
+uint8_t jpeg_should_abort = 0;
+jmp_buf jpeg_error_jumpto;
+bool jpeg_error_armed = false;
+
+// A jump into a function that has returned is undefined, so the trap is this flag, not a jump
+// buffer left behind.
+void setjmp_abort_unexpected()
+{
+    jpeg_error_armed = false;
+}
+
+void jump_to_jpeg_call_site()
+{
+    if (!jpeg_error_armed) {
+        fputs("Unexpected longjmp from JPEGLIB error handler\n", stderr);
+        abort();
+    }
+    jpeg_error_armed = false;
+    longjmp(jpeg_error_jumpto, 1);
+}
+
+void jpeg_error_exit_cbj(j_common_ptr cinfo)
+{
+    if (jpeg_error_manager == nullptr) {
+        fputs("Whoah.... jpeg_error_exit callback with no error manager!\n", stderr);
+        abort();
+    }
+    if (cinfo != reinterpret_cast<j_common_ptr>(jpeg_decompress)) {
+        fputs("jpeg_error_exit for a decompression object that's not mine\n", stderr);
+        abort();
+    }
+    char message[JMSG_LENGTH_MAX] = "";
+    jpeg_error_manager->format_message(cinfo, message);
+    fprintf(stderr, "JPEGLIB error exit attempted (code %d: '%s')\n", jpeg_error_manager->msg_code,
+            message);
+    jump_to_jpeg_call_site();
+}
+
+namespace {
+
+// Each of the two library calls below has a frame of its own, live while the jump is armed.
+
+bool finish_decompress()
+{
+    if (setjmp(jpeg_error_jumpto) != 0) {
+        return false;
+    }
+    jpeg_error_armed = true;
+    jpeg_finish_decompress(jpeg_decompress);
+    setjmp_abort_unexpected();
+    return true;
+}
+
+bool abort_decompress()
+{
+    if (setjmp(jpeg_error_jumpto) != 0) {
+        return false;
+    }
+    jpeg_error_armed = true;
+    jpeg_abort_decompress(jpeg_decompress);
+    setjmp_abort_unexpected();
+    return true;
+}
+
+void finish_or_abort_decompress()
+{
+    if (finish_decompress()) {
+        return;
+    }
+    fputs("jpeg_finish_decompress() threw an error. calling jpeg_abort_decompress function\n",
+          stderr);
+    if (!abort_decompress()) {
+        fputs("free_all_jpeg() JPEGLIB panicked in a way I could not handle. Bailing out\n",
+              stderr);
+        abort();
+    }
+}
+
+void free_decompressor()
+{
+    // Memory that the library never made an object of is none of the library's business.
+    if (jpeg_decompress->mem != nullptr) {
+        if (jpeg_should_abort != 0) {
+            setjmp_abort_unexpected();
+            jpeg_abort_decompress(jpeg_decompress);
+        } else {
+            finish_or_abort_decompress();
+        }
+        setjmp_abort_unexpected();
+        jpeg_destroy_decompress(jpeg_decompress);
+    }
+    free(jpeg_decompress);
+    jpeg_decompress = nullptr;
+}
+
+} // namespace
+
+void free_all_jpeg_fileio()
+{
+    if (jpeg_decompress != nullptr) {
+        free_decompressor();
+    }
+    free(jpeg_error_manager);
+    jpeg_error_manager = nullptr;
+    if (jpeg_fp != nullptr) {
+        fclose(jpeg_fp);
+        jpeg_fp = nullptr;
+    }
+    setjmp_abort_unexpected();
+}
+
+void reset_jpeg_reader()
+{
+    if (jpeg_decompress != nullptr) {
+        jpeg_should_abort = 1;
+    }
+    free_all_jpeg_fileio();
+    jpeg_should_abort = 0;
+}

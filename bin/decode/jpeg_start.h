@@ -1,0 +1,11 @@
+// Starting the decompression of the JPEG that examination has opened.
+#pragma once
+
+// 0: rows can be read, and any later fatal library error ends the process. -1: the library gave up,
+// a termination signal arrived, or the file has more scans than any picture needs; the reason is
+// printed and the library object is back in its idle state.
+//
+// A file with several scans is read to its end here. Socket and clients are served meanwhile.
+int start_jpeg_decompress();
+
+inline constexpr int most_jpeg_scans = 1000;

@@ -1,0 +1,242 @@
+// Where the library may jump: each function that calls setjmp arms the jump, calls one inner
+// function and looks at how it came back. No frame from there down holds an object with a
+// destructor, and what is read after a jump does not change after setjmp.
+#include "bin/examine/png.h"
+
+#include <csetjmp>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "bin/examine/image_state.h"
+#include "bin/invariant.h"
+#include "platform/media_item.h"
+
+FILE* png_fp = nullptr;
+png_structp png_context = nullptr;
+png_infop png_context_info = nullptr;
+png_infop png_context_end = nullptr;
+png_uint_32 png_width = 0;
+png_uint_32 png_height = 0;
+int png_bit_depth = 0;
+int png_color_type = 0;
+int png_interlace_method = 0;
+int png_compression_method = 0;
+int png_filter_method = 0;
+
+namespace {
+
+constexpr const char* library_version = "1.6.37"; // every 1.6 library takes it
+constexpr png_alloc_size_t largest_chunk = 8'000'000;
+constexpr png_uint_32 most_chunks = 1000; // that are kept for the header
+
+constexpr size_t header_bytes =
+    24; // signature, then the first chunk's length, name and picture size
+
+int refuse(const char* message)
+{
+    fputs(message, stderr);
+    free_all_png_fileio();
+    return -1;
+}
+
+[[noreturn]] void abort_jump(jmp_buf /*nobody*/, int /*value*/)
+{
+    fputs("Unexpected PNG setjmp after header setup\n", stderr);
+    abort();
+}
+
+uint32_t big_endian_32(const unsigned char* bytes)
+{
+    return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
+}
+
+// The library refuses a size beyond its limits before it tells it, so it is looked up in the file.
+// False when the file has no header there.
+bool read_size_from_file(png_uint_32* width, png_uint_32* height)
+{
+    static constexpr unsigned char start[16] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n',
+                                                0,    0,   0,   13,  'I',  'H',  'D',  'R'};
+    unsigned char bytes[header_bytes] = {};
+    if (pread(fileno(png_fp), bytes, sizeof bytes, 0) != ssize_t{sizeof bytes} ||
+        memcmp(bytes, start, sizeof start) != 0) {
+        return false;
+    }
+    *width = big_endian_32(bytes + 16);
+    *height = big_endian_32(bytes + 20);
+    return true;
+}
+
+int report_unexpected_error()
+{
+    fputs("Unexpected PNG error, giving up\n", stderr);
+    png_uint_32 width = 0;
+    png_uint_32 height = 0;
+    if (read_size_from_file(&width, &height) && !png_size_is_acceptable(width, height)) {
+        fputs("Image width and height is unacceptable\n", stderr);
+    }
+    return -1;
+}
+
+void zero_header()
+{
+    png_width = png_height = 0;
+    png_bit_depth = png_color_type = png_interlace_method = 0;
+    png_compression_method = png_filter_method = 0;
+}
+
+void print_header()
+{
+    fprintf(stderr, "PNG info: %u x %u %d-bit colortype=%d ilmethod=%d cmethod=%d fmethod=%d\n",
+            png_width, png_height, png_bit_depth, png_color_type, png_interlace_method,
+            png_compression_method, png_filter_method);
+    if ((png_color_type & PNG_COLOR_MASK_PALETTE) != 0) {
+        fputs("  PNG_COLOR_MASK_PALETTE\n", stderr);
+    }
+    if ((png_color_type & PNG_COLOR_MASK_COLOR) != 0) {
+        fputs("  PNG_COLOR_MASK_COLOR\n", stderr);
+    }
+    if ((png_color_type & PNG_COLOR_MASK_ALPHA) != 0) {
+        fputs("  PNG_COLOR_MASK_ALPHA\n", stderr);
+    }
+}
+
+void publish_image_state()
+{
+    image_height = static_cast<int>(png_height);
+    image_width = static_cast<int>(png_width);
+    image_buffer_height = round_up_to_16(image_height);
+    image_chroma_x_shift = 0;
+    image_chroma_y_shift = 0;
+    // A palette's transparency chunk gives no alpha plane.
+    image_has_alpha_channel = (png_color_type & PNG_COLOR_MASK_ALPHA) != 0 ? 1 : 0;
+    image_is_monochrome = (png_color_type & ~PNG_COLOR_MASK_ALPHA) == 0 ? 1 : 0;
+}
+
+void set_transformations()
+{
+    png_set_scale_16(png_context);
+    png_set_strip_16(png_context);
+    png_set_packing(png_context);
+}
+
+int read_header()
+{
+    png_init_io(png_context, png_fp);
+    png_read_info(png_context, png_context_info);
+    zero_header();
+    if (png_get_IHDR(png_context, png_context_info, &png_width, &png_height, &png_bit_depth,
+                     &png_color_type, &png_interlace_method, &png_compression_method,
+                     &png_filter_method) == 0) {
+        fputs("Failed to read PNG IHDR\n", stderr);
+        return -1;
+    }
+    print_header();
+    if (!png_size_is_acceptable(png_width, png_height)) {
+        fputs("Image width and height is unacceptable\n", stderr);
+        return -1;
+    }
+    publish_image_state();
+    set_transformations();
+    return 0;
+}
+
+int read_header_armed()
+{
+    if (setjmp(png_jmpbuf(png_context)) != 0) {
+        return report_unexpected_error();
+    }
+    const int result = read_header();
+    png_abort_unexpected();
+    return result;
+}
+
+void destroy_reader_armed()
+{
+    if (setjmp(png_jmpbuf(png_context)) != 0) {
+        fputs("PNG longjmp while freeing struct. Giving up.\n", stderr);
+        fputs("This may show up as a memory leak.\n", stderr);
+        return;
+    }
+    png_destroy_read_struct(&png_context, &png_context_info, &png_context_end);
+    INVARIANT(png_context == nullptr, "png_context == __null");
+    INVARIANT(png_context_info == nullptr, "png_context_info == __null");
+    INVARIANT(png_context_end == nullptr, "png_context_end == __null");
+}
+
+// Before a byte is read: what a hostile file may ask for.
+void set_limits()
+{
+    png_set_user_limits(png_context, image_size_limit, image_size_limit);
+    png_set_chunk_malloc_max(png_context, largest_chunk);
+    png_set_chunk_cache_max(png_context, most_chunks);
+}
+
+} // namespace
+
+bool png_size_is_acceptable(png_uint_32 width, png_uint_32 height)
+{
+    constexpr png_uint_32 limit = image_size_limit;
+    return width >= 1 && width <= limit && height >= 1 && height <= limit;
+}
+
+void png_abort_unexpected()
+{
+    png_set_longjmp_fn(png_context, abort_jump, sizeof(jmp_buf));
+}
+
+void png_error_cb(png_structp /*context*/, png_const_charp message)
+{
+    fprintf(stderr, "PNG ERROR: %s\n", message);
+}
+
+void png_warning_cb(png_structp /*context*/, png_const_charp message)
+{
+    fprintf(stderr, "PNG WARNING: %s\n", message);
+}
+
+int examine_png_file()
+{
+    if (png_fp != nullptr || png_context != nullptr || png_context_info != nullptr) {
+        fputs("BUG: examine_png_file() when already opened\n", stderr);
+        return -1;
+    }
+    const int fd = metadata_v4_context_get_file_handle(vexa_meta, 0);
+    if (fd < 0) {
+        fputs("Unable to get file handle\n", stderr);
+        return -1;
+    }
+    png_fp = fdopen(fd, "rb");
+    if (png_fp == nullptr) {
+        close(fd);
+        return refuse("fdopen() failed\n");
+    }
+    png_context = png_create_read_struct(library_version, nullptr, nullptr, nullptr);
+    if (png_context == nullptr) {
+        return refuse("failed to create PNG read struct\n");
+    }
+    png_context_info = png_create_info_struct(png_context);
+    if (png_context_info == nullptr) {
+        return refuse("Failed to create PNG info struct\n");
+    }
+    png_voidp const own_structure = png_context;
+    png_set_error_fn(png_context, own_structure, png_error_cb, png_warning_cb);
+    set_limits();
+    if (read_header_armed() != 0) {
+        free_all_png_fileio();
+        return -1;
+    }
+    return 0;
+}
+
+void free_all_png_fileio()
+{
+    if (png_context != nullptr) {
+        destroy_reader_armed();
+    }
+    if (png_fp != nullptr) {
+        fclose(png_fp);
+        png_fp = nullptr;
+    }
+    zero_header();
+}

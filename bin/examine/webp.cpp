@@ -1,0 +1,135 @@
+#include "bin/examine/webp.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <new>
+#include <unistd.h>
+
+#include "bin/examine/image_state.h"
+#include "platform/media_item.h"
+
+uint8_t* webp_image = nullptr;
+uint64_t webp_size = 0;
+WebPBitstreamFeatures webp_bf_features = {};
+WebPDecoderConfig webp_deccfg = {};
+bool webp_deccfg_init = false;
+
+namespace {
+
+constexpr off_t smallest_file = 16;
+constexpr off_t largest_file = 0xFFFFFF;
+
+int refuse(const char* message)
+{
+    fputs(message, stderr);
+    free_all_webp();
+    return 1;
+}
+
+bool read_whole(int fd, uint8_t* bytes, uint64_t size)
+{
+    uint64_t done = 0;
+    while (done < size) {
+        const ssize_t got = read(fd, bytes + done, size - done);
+        if (got > 0) {
+            done += static_cast<uint64_t>(got);
+        } else if (got == 0 || errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Fills webp_image. 0 or the result of refuse(); the descriptor stays open.
+int load_file(int fd)
+{
+    const off_t size = lseek(fd, 0, SEEK_END); // -1 is too small as well
+    if (size < smallest_file) {
+        return refuse("WebP file too small\n");
+    }
+    if (size > largest_file) {
+        return refuse("WebP file too large\n");
+    }
+    webp_size = static_cast<uint64_t>(size);
+    webp_image = new (std::nothrow) uint8_t[webp_size];
+    if (webp_image == nullptr) {
+        return refuse("Cannot alloc memory for WebP\n");
+    }
+    if (lseek(fd, 0, SEEK_SET) != 0 || !read_whole(fd, webp_image, webp_size)) {
+        return refuse("Failed to read WebP\n");
+    }
+    return 0;
+}
+
+int read_features()
+{
+    if (WebPGetFeatures(webp_image, webp_size, &webp_bf_features) != VP8_STATUS_OK) {
+        return refuse("Failed to read WebP bitstream features\n");
+    }
+    fprintf(stderr, "WebP: %d x %d has_alpha=%u has_anim=%u formatcode=%u\n",
+            webp_bf_features.width, webp_bf_features.height,
+            static_cast<unsigned>(webp_bf_features.has_alpha),
+            static_cast<unsigned>(webp_bf_features.has_animation),
+            static_cast<unsigned>(webp_bf_features.format));
+    if (webp_bf_features.width <= 0 || webp_bf_features.height <= 0) {
+        return refuse("Invalid WebP state\n");
+    }
+    return 0;
+}
+
+void publish_image_state()
+{
+    image_width = webp_bf_features.width;
+    image_height = webp_bf_features.height;
+    image_buffer_height = round_up_to_16(image_height);
+    image_chroma_x_shift = 1;
+    image_chroma_y_shift = 1;
+    image_has_alpha_channel = webp_bf_features.has_alpha != 0 ? 1 : 0;
+    image_is_monochrome = 0;
+    image_decoded_frames = 1; // an animation is not played
+}
+
+} // namespace
+
+int examine_webp_file()
+{
+    if (webp_image != nullptr) {
+        fputs("BUG: examine_webp_file() when already opened\n", stderr);
+        return 1;
+    }
+    const int fd = metadata_v4_context_get_file_handle(vexa_meta, 0);
+    if (fd < 0) {
+        fputs("Unable to get file handle\n", stderr);
+        return 1;
+    }
+    const int loaded = load_file(fd);
+    close(fd);
+    if (loaded != 0 || read_features() != 0) {
+        return 1;
+    }
+    publish_image_state();
+    return 0;
+}
+
+void free_all_webp_raw()
+{
+    delete[] webp_image;
+    webp_image = nullptr;
+}
+
+void free_all_webp()
+{
+    free_all_webp_raw();
+    if (webp_deccfg_init) {
+        WebPFreeDecBuffer(&webp_deccfg.output);
+        webp_deccfg_init = false;
+    }
+}
+
+void reset_webp()
+{
+    free_all_webp();
+    webp_size = 0;
+    webp_bf_features = {};
+    webp_deccfg = {};
+}

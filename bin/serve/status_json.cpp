@@ -1,0 +1,33 @@
+#include "bin/serve/status_json.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include "bin/examine/identify.h"
+#include "bin/examine/image_state.h"
+#include "bin/invariant.h"
+
+void my_custom_json_build(std::map<std::string, json11::Json>& document, unsigned long context_id)
+{
+    std::map<std::string, json11::Json> info;
+    INVARIANT(image_file_type <= IMAGE_WEBP, "image_file_type <= 5");
+    const char* type = name_of_file_type(image_file_type);
+    if (type != nullptr) {
+        info["file type"] = type;
+        if (context_id != no_context_id) {
+            info["context id"] = static_cast<int32_t>(context_id);
+        }
+        info["width"] = image_width;
+        info["height"] = image_height;
+    }
+    document["image info"] = info;
+}
+
+void my_on_metadata_set(comm_socket_v4_client* /*client*/, const char* name, std::string& value)
+{
+    if (strcmp(name, "aspect ratio") == 0) {
+        vexa_parse_int_rational(&vexa_aspect_ratio, value.c_str());
+    } else if (strcmp(name, "background music") == 0) {
+        vexa_background_music = vexa_parse_background_music(value.c_str());
+    }
+}

@@ -18,7 +18,7 @@ constexpr size_t random_name_bytes = 8;
 
 int fail(replace_failure* failure, const char* step)
 {
-    *failure = {.step = step, .error_number = errno};
+    *failure = {.step = step, .error_number = errno, .replaced = false};
     return -1;
 }
 
@@ -93,7 +93,8 @@ int replace_file(int folder, const char* name, std::string_view contents, mode_t
         return -1;
     }
     if (operations.sync(folder) != 0) {
-        return fail(failure, "sync the folder of");
+        *failure = {.step = "sync the folder of", .error_number = errno, .replaced = true};
+        return -1;
     }
     return 0;
 }

@@ -12,13 +12,14 @@ namespace platform {
 struct replace_failure {
     const char* step = nullptr; // "create", "write", ...: what could not be done, for a message
     int error_number = 0;
+    bool replaced =
+        false; // the new file is in its place nevertheless, whole, but perhaps not for good
 };
 
 // Replaces `name` in the open folder by `contents`: temporary file beside it, write, sync, rename,
 // sync of the folder. The mode of an existing file is kept, its owner where that is allowed; a new
-// file gets `mode`. 0, or -1 with *failure filled in and the old file untouched. Only a failing
-// sync of the folder leaves the new file in place: it is whole, but a power cut may still bring the
-// old one back.
+// file gets `mode`. 0, or -1 with *failure filled in and the old file untouched. When only the sync
+// of the folder failed, failure->replaced is set: a power cut may still bring the old file back.
 int replace_file(int folder, const char* name, std::string_view contents, mode_t mode,
                  replace_failure* failure,
                  const file_operations& operations = system_file_operations);

@@ -1,0 +1,29 @@
+// Which state of which file: tells whether somebody has changed or replaced a file meanwhile.
+#pragma once
+
+#include <cstdint>
+#include <sys/stat.h>
+
+namespace platform {
+
+struct file_identity {
+    bool exists = false;
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    int64_t size = 0;
+    int64_t modified_s = 0, modified_ns = 0;
+    int64_t changed_s = 0, changed_ns = 0;
+
+    bool operator==(const file_identity&) const = default;
+
+    // Size and time of writing agree; a rename meanwhile changes neither.
+    bool same_contents(const file_identity& other) const;
+};
+
+file_identity identity_of(const struct stat& status);
+
+// The identity of `name` in the open folder, links not followed. One that does not exist when there
+// is no such file, or when it cannot be looked at.
+file_identity identity_at(int folder, const char* name);
+
+} // namespace platform

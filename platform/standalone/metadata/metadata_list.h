@@ -1,0 +1,56 @@
+// An item's entries in memory, behind the list calls of platform/metadata.h.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <string>
+#include <string_view>
+
+#include "platform/metadata.h"
+#include "platform/standalone/metadata/file_identity.h"
+#include "platform/standalone/metadata/metadata_text.h"
+
+namespace platform {
+
+// One slot: the entry as callers see it, and the texts that it points to. Slots never move.
+struct metadata_slot : metadata_v4_entry {
+    text_entry text;
+    size_t line_size = 0; // bytes of its line in the file
+    bool hole = false;    // freed; only the comments before it are left
+};
+
+} // namespace platform
+
+struct metadata_v4_metadata_context {
+    std::string header; // text above all entries
+    std::deque<platform::metadata_slot> slots;
+    std::string trailing;           // comments after the last entry
+    size_t entries = 0;             // slots that are no holes
+    size_t text_size = 0;           // bytes of the whole text
+    bool closed = false;            // answers as an empty list from now on
+    bool write_refused = false;     // what is stored must not be replaced by this list
+    platform::file_identity stored; // the file that the list was read from or last written to
+};
+
+namespace platform {
+
+// An empty list with the header of a new file. To be freed with free_metadata_list.
+metadata_v4_metadata_context* new_metadata_list();
+metadata_v4_metadata_context* new_metadata_list(text_document&& document);
+void free_metadata_list(metadata_v4_metadata_context* list); // null is fine
+
+// The text of the list as its file holds it.
+std::string metadata_list_text(const metadata_v4_metadata_context& list);
+
+// The first entry of the item (tag -1) with this name, or null.
+const metadata_v4_entry* find_item_entry(const metadata_v4_metadata_context* list,
+                                         std::string_view name);
+
+// Gives the item's entry of this name a value: in its place, or at the end when there is none.
+// Further ones of the name are freed. 1 when that changed the list, 0 when all was so already, -1
+// when the list is closed or refuses the texts (as add_name_value_pair does); the list is then as
+// before.
+int set_item_entry(metadata_v4_metadata_context* list, std::string_view name,
+                   std::string_view value);
+
+} // namespace platform

@@ -1,0 +1,45 @@
+// The text of a metadata file, to entries and back. Format and limits: docs/metadata.md.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace platform {
+
+inline constexpr size_t max_metadata_file = size_t{16} << 20; // bytes
+inline constexpr size_t max_metadata_entries = 131072;
+inline constexpr size_t max_metadata_name = 4096;             // bytes, before escaping
+inline constexpr size_t max_metadata_value = size_t{1} << 20; // bytes, before escaping
+
+inline constexpr int item_tag = -1; // the tag of entries that speak of the item as a whole
+
+struct text_entry {
+    std::string leading; // comments and empty lines before the entry, each with its newline
+    std::string name;
+    std::string value;
+    int tag = item_tag;
+};
+
+struct text_document {
+    std::vector<text_entry> entries; // in file order
+    std::string trailing;            // comments and empty lines after the last entry
+};
+
+struct text_fault {
+    size_t line = 0; // from 1
+    const char* reason = "";
+};
+
+// False when the text is not a metadata file, *fault then says where and why; *document is then
+// unspecified and not to be used in part.
+bool parse_metadata(std::string_view text, text_document* document, text_fault* fault);
+
+// Appends the line of one entry, newline included. No text may hold a NUL.
+void append_entry_line(std::string* out, std::string_view name, std::string_view value, int tag);
+
+// The whole text. Parsing it gives `document` again.
+std::string write_metadata(const text_document& document);
+
+} // namespace platform

@@ -72,11 +72,11 @@ int allocate_frame_buffer()
     fprintf(stderr, "Using CNB buffer %u [sz=%lu unit=%lu frames=%lu]\n", image_cnb_buffer,
             image_decoded_size, image_decoded_unit_size, image_decoded_frames);
     INVARIANT(image_cnb_buffer_fd >= 0, "image_cnb_buffer_fd >= 0");
-    if (!cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image") || !build_picture_records()) {
+    if (!cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image")) {
         fputs("CNB allocation failed\n", stderr);
         return EXIT_FAILURE;
     }
-    return go_on;
+    return build_picture_records() == 0 ? go_on : EXIT_FAILURE;
 }
 
 void decode_and_serve()

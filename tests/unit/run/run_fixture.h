@@ -1,0 +1,24 @@
+// Common ground of the tests of bin/: a platform as at program start and standard error at hand.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/scripted_platform.h"
+
+class RunFixture : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Runs start_up on "stillimage" and these words.
+    int start(const std::vector<std::string>& words);
+
+    // What was printed on standard error since the last call.
+    std::string printed();
+
+    // How often a life-cycle call was made.
+    static long calls(const std::string& name);
+};

@@ -66,6 +66,11 @@ void vexa_idle_housekeeping()
 
 // --- item: command line -------------------------------------------------------------------------
 
+void open_missing_standard_descriptors()
+{
+    log.calls.emplace_back("open_missing_standard_descriptors");
+}
+
 int vexa_init_argv(int argc, char** argv)
 {
     arguments = argc > 0 ? argv + 1 : nullptr;

@@ -35,3 +35,8 @@ cnb_domain_view cnb_view_domain();
 // the buffer for writing, and its file offset is nobody else's. The caller closes it. -1 with errno
 // while nothing is allocated in the buffer.
 int cnb_open_read_only_descriptor();
+
+// Called again and again while cnb_malloc reserves a large buffer, so that the comm socket is
+// served meanwhile (a gigabyte takes about a fifth of a second). May be null; must not call
+// anything of this module. Set by the item.
+extern void (*cnb_reserve_pump)();

@@ -1,0 +1,33 @@
+// The memory limits of the control groups that this process is in, of either version of the
+// interface.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace platform {
+
+// One control group's folder.
+struct memory_cgroup {
+    std::string folder;
+    int version; // 1 or 2
+};
+
+inline constexpr uint64_t no_memory_limit = UINT64_MAX;
+
+// The process's memory control group and those above it, the innermost first, from the texts of
+// /proc/self/cgroup and /proc/self/mountinfo. Empty when there is none. Version 1 comes first where
+// a machine runs both: there the memory is counted by version 1.
+std::vector<memory_cgroup> find_memory_cgroups(std::string_view membership,
+                                               std::string_view mounts);
+
+// The group's limit in bytes, or no_memory_limit.
+uint64_t cgroup_memory_limit(const memory_cgroup& group);
+
+// Bytes that the group may still take, those that the kernel would take back from its file cache
+// included; no_memory_limit without a limit.
+uint64_t cgroup_memory_room(const memory_cgroup& group);
+
+} // namespace platform

@@ -1,0 +1,186 @@
+#include "platform/standalone/cnb/domain.h"
+
+#include <cerrno>
+#include <memory>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "platform/cnb.h"
+#include "platform/standalone/base/error_line.h"
+#include "platform/standalone/cnb/default_buffer.h"
+#include "platform/standalone/cnb/domain_folder.h"
+#include "platform/standalone/cnb/domain_membership.h"
+#include "platform/standalone/cnb/shared_buffer.h"
+
+void (*cnb_reserve_pump)() = nullptr;
+
+namespace platform {
+
+cnb_machine the_machine;
+
+namespace {
+
+constexpr size_t longest_name = 64;
+
+struct joined_domain {
+    domain_folder place;
+    buffer_registry registry;
+    memory_room room;
+    uint64_t limit;
+};
+
+// Never destroyed: what runs at exit may still come here.
+struct membership {
+    std::string name = default_cnb_domain;
+    uint64_t limit = default_cnb_limit;
+    std::unique_ptr<joined_domain> joined;
+};
+
+membership& state()
+{
+    static membership& instance = *new membership;
+    return instance;
+}
+
+int refuse(std::string_view what, std::string_view reason)
+{
+    error_line("cannot use the CNB domain", what, reason);
+    return -1;
+}
+
+// Found out here, where it can be told, and not when the picture waits for its buffer.
+bool memory_files_work()
+{
+    shared_buffer probe(the_machine.kernel);
+    return probe.create() == 0;
+}
+
+} // namespace
+
+uint64_t largest_buffer()
+{
+    return (uint64_t{1} << 32) - static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+uint64_t domain_limit()
+{
+    return state().joined ? state().joined->limit : 0;
+}
+
+claim_result claim_in_domain(uint64_t bytes, uint32_t* number, std::string* reason)
+{
+    claim_result result = claim_result::GONE;
+    for (int tries = 0; tries < 3 && result == claim_result::GONE; ++tries) {
+        if (cnb_join_domain() != 0) {
+            *reason = "the domain cannot be joined";
+            return claim_result::FAILED;
+        }
+        joined_domain& domain = *state().joined;
+        result = domain.registry.claim(bytes, domain.limit);
+        if (result == claim_result::GONE) {
+            state().joined.reset();
+        } else if (result == claim_result::FAILED) {
+            *reason = "registry in '" + domain.place.path + "': " +
+                      (errno == EPROTO ? "not a registry of this version" : error_text(errno));
+        } else if (result == claim_result::TAKEN) {
+            *number = domain.registry.number();
+        }
+    }
+    return result == claim_result::GONE ? claim_result::NO_ROOM : result;
+}
+
+void release_in_domain()
+{
+    if (state().joined) {
+        state().joined->registry.release();
+    }
+}
+
+void note_domain_owner()
+{
+    if (state().joined) {
+        state().joined->registry.note_owner();
+    }
+}
+
+uint64_t memory_for_buffers()
+{
+    if (!state().joined) {
+        return 0;
+    }
+    const memory_room& room = state().joined->room;
+    const uint64_t available = room.available();
+    const uint64_t reserve = memory_reserve(room.total());
+    return available > reserve ? available - reserve : 0;
+}
+
+void reset_cnb()
+{
+    cnb_leave_domain();
+    cnb_default_buffer_level = -1;
+    cnb_static_alloc = 0;
+    cnb_total = 0;
+    cnb_reserve_pump = nullptr;
+    state().name = default_cnb_domain;
+    state().limit = default_cnb_limit;
+    the_machine = {};
+}
+
+} // namespace platform
+
+using namespace platform;
+
+bool cnb_domain_name_valid(std::string_view name)
+{
+    return !name.empty() && name.size() <= longest_name && name.front() != '.' &&
+           name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+void cnb_set_domain(const char* name, uint64_t limit)
+{
+    if (!state().joined) {
+        state().name = name;
+        state().limit = limit;
+    }
+}
+
+int cnb_join_domain()
+{
+    membership& member = state();
+    if (member.joined) {
+        return 0;
+    }
+    if (!cnb_domain_name_valid(member.name)) {
+        return refuse(member.name, "a name has 1 to 64 bytes, no '/', and no '.' at its beginning");
+    }
+    domain_folder place = open_domain_folder(member.name);
+    if (!place.folder) {
+        return refuse(place.path, place.reason);
+    }
+    // Programs that tidy up temporary folders leave those alone that somebody has locked.
+    flock(place.folder.get(), LOCK_SH | LOCK_NB);
+    buffer_registry registry;
+    if (registry.open(place.folder.get()) != 0) {
+        const std::string path = place.path + "/registry";
+        return refuse(path, errno == EPROTO ? "not a file" : error_text(errno));
+    }
+    if (!memory_files_work()) {
+        return refuse(place.path, "no memory files: " + error_text(errno));
+    }
+    memory_room room(the_machine.root);
+    const uint64_t limit = member.limit != default_cnb_limit ? member.limit : room.total() / 2;
+    member.joined = std::make_unique<joined_domain>(
+        joined_domain{std::move(place), std::move(registry), std::move(room), limit});
+    return 0;
+}
+
+cnb_domain_view cnb_view_domain()
+{
+    return {state().name.c_str(), domain_limit(), image_cnb_buffer, default_buffer_size()};
+}
+
+void cnb_leave_domain()
+{
+    cnb_default_buffer_drop();
+    state().joined.reset();
+}

@@ -1,0 +1,137 @@
+#include "platform/standalone/cnb/shared_buffer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "platform/standalone/base/fd_io.h"
+
+#ifndef MFD_NOEXEC_SEAL
+#define MFD_NOEXEC_SEAL 0x0008U // Linux 6.3
+#endif
+
+namespace platform {
+
+namespace {
+
+constexpr uint64_t largest_piece = uint64_t{64} << 20;
+
+// A file of memory is made with all rights for everybody, and whoever has it open for reading could
+// open it anew for writing.
+constexpr mode_t read_only_mode = 0400;
+
+// Past this limit the kernel sends a signal that ends the process.
+bool exceeds_file_size_limit(uint64_t size)
+{
+    rlimit limit = {};
+    return getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+           size > limit.rlim_cur;
+}
+
+} // namespace
+
+int shared_buffer::create()
+{
+    reset();
+    constexpr unsigned flags = MFD_CLOEXEC | MFD_ALLOW_SEALING;
+    int fd = kernel_->create_memory_file("cnb", flags | MFD_NOEXEC_SEAL);
+    if (fd < 0 && errno == EINVAL) {
+        fd = kernel_->create_memory_file("cnb", flags);
+    }
+    file_.reset(fd);
+    return fd >= 0 ? 0 : -1;
+}
+
+reserve_failure shared_buffer::reserve(uint64_t size, void (*between_pieces)())
+{
+    const auto failed = [this](const char* step) {
+        const reserve_failure failure = {step, errno};
+        memory_.reset();
+        // Gives the pages back; the descriptor stays, its number is known to others.
+        const int cut = ftruncate(file_.get(), 0);
+        static_cast<void>(cut);
+        return failure;
+    };
+    if (exceeds_file_size_limit(size)) {
+        return {"file size limit", EFBIG};
+    }
+    if (reserve_pages(size, between_pieces) != 0) {
+        return failed("reserving memory");
+    }
+    void* address = kernel_->map(size, file_.get());
+    if (address == MAP_FAILED) {
+        return failed("mapping");
+    }
+    memory_ = mapping(address, size);
+    // The process may abort on purpose, and gigabytes of picture explain nothing.
+    kernel_->advise(address, size, MADV_DONTDUMP);
+    if (kernel_->change_mode(file_.get(), read_only_mode) != 0) {
+        return failed("changing the mode");
+    }
+    if (seal() != 0) {
+        return failed("sealing");
+    }
+    return {};
+}
+
+// An interrupted call gives back what it has taken. A timer that fires faster than a piece is taken
+// would keep it from ever ending, and so the pieces become smaller.
+int shared_buffer::reserve_pages(uint64_t size, void (*between_pieces)())
+{
+    const uint64_t smallest_piece = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    uint64_t piece = largest_piece;
+    for (uint64_t done = 0; done < size;) {
+        if (done > 0 && between_pieces != nullptr) {
+            between_pieces();
+        }
+        const uint64_t length = std::min(piece, size - done);
+        if (kernel_->allocate(file_.get(), static_cast<off_t>(done), static_cast<off_t>(length)) ==
+            0) {
+            done += length;
+        } else if (errno == EINTR) {
+            piece = std::max(piece / 2, smallest_piece);
+        } else {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// The mapping that is there goes on: only new ones for writing are refused.
+int shared_buffer::seal()
+{
+    constexpr int seals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+    if (kernel_->add_seals(file_.get(), seals | F_SEAL_FUTURE_WRITE) == 0) {
+        sealed_against_writing_ = true;
+        return 0;
+    }
+    // Linux before 5.1: the read-only descriptor and the mode have to do.
+    return errno == EINVAL ? kernel_->add_seals(file_.get(), seals) : -1;
+}
+
+int shared_buffer::open_read_only() const
+{
+    if (!memory_) {
+        errno = ENODATA;
+        return -1;
+    }
+    const std::string path = "/proc/self/fd/" + std::to_string(file_.get());
+    const int fd = open_file(path.c_str(), O_RDONLY);
+    if (fd >= 0 || !sealed_against_writing_) {
+        return fd;
+    }
+    return fcntl(file_.get(), F_DUPFD_CLOEXEC, 0);
+}
+
+void shared_buffer::reset()
+{
+    memory_.reset();
+    file_.reset();
+    sealed_against_writing_ = false;
+}
+
+} // namespace platform

@@ -57,4 +57,12 @@ lock_result file_lock::take(int folder, const char* name, uint64_t limit_us,
     return lock_result::TAKEN;
 }
 
+void file_lock::release()
+{
+    if (fd_) {
+        flock(fd_.get(), LOCK_UN);
+        fd_.reset();
+    }
+}
+
 } // namespace platform

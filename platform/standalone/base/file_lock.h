@@ -24,7 +24,9 @@ public:
 
     bool held() const { return static_cast<bool>(fd_); }
     int fd() const { return fd_.get(); }
-    void release() { fd_.reset(); }
+
+    // Lets go of the lock, for every process that has inherited it.
+    void release();
 
 private:
     unique_fd fd_;

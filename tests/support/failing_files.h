@@ -1,0 +1,27 @@
+// The system's file operations with a count: the n-th call of them fails or ends the process. One
+// instance, process-wide, since the operations are plain functions.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/standalone/base/file_operations.h"
+
+namespace failing_files {
+
+enum class fate {
+    FAIL,        // the call does nothing and fails with `error_number`
+    DIE_BEFORE,  // the process is killed instead of the call
+    DIE_AFTER,   // the process is killed right after the call
+    HALF_WRITES, // every write takes one byte only
+};
+
+// From now on the n-th call (from 1; 0: none) meets `fate`.
+void arm(int nth, fate what, int error_number = 0);
+
+extern const platform::file_operations operations;
+
+// Names of the calls made since arm(), as "open_at", "write", ...
+const std::vector<std::string>& calls();
+
+} // namespace failing_files

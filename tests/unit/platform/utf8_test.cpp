@@ -1,0 +1,109 @@
+#include <cstdint>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "platform/standalone/base/utf8.h"
+
+namespace {
+
+using platform::utf8_sequence;
+
+// The plain definition: the bytes of a number, by the number of its bits.
+std::string encoded(uint32_t number)
+{
+    std::string text;
+    const auto add = [&](uint32_t byte) { text += static_cast<char>(byte); };
+    if (number < 0x80) {
+        add(number);
+    } else if (number < 0x800) {
+        add(0xC0 | number >> 6);
+        add(0x80 | (number & 0x3F));
+    } else if (number < 0x10000) {
+        add(0xE0 | number >> 12);
+        add(0x80 | (number >> 6 & 0x3F));
+        add(0x80 | (number & 0x3F));
+    } else {
+        add(0xF0 | number >> 18);
+        add(0x80 | (number >> 12 & 0x3F));
+        add(0x80 | (number >> 6 & 0x3F));
+        add(0x80 | (number & 0x3F));
+    }
+    return text;
+}
+
+TEST(Utf8, EveryNumberOfUnicodeIsOneSequence)
+{
+    for (uint32_t number = 0; number <= 0x10FFFF; ++number) {
+        const std::string text = encoded(number);
+        const bool surrogate = number >= 0xD800 && number <= 0xDFFF;
+        ASSERT_EQ(utf8_sequence(text + "x"), surrogate ? 0 : text.size()) << number;
+        ASSERT_EQ(platform::is_utf8(text), !surrogate) << number;
+    }
+}
+
+TEST(Utf8, NumbersPastUnicodeAreNone)
+{
+    EXPECT_EQ(utf8_sequence(encoded(0x110000)), 0U);
+    EXPECT_EQ(utf8_sequence(encoded(0x1FFFFF)), 0U);
+    EXPECT_EQ(utf8_sequence("\xF8\x88\x80\x80\x80"), 0U);
+    EXPECT_EQ(utf8_sequence("\xFF"), 0U);
+}
+
+TEST(Utf8, OverlongFormsAreNone)
+{
+    EXPECT_EQ(utf8_sequence("\xC0\x80"), 0U);
+    EXPECT_EQ(utf8_sequence("\xC1\xBF"), 0U);
+    EXPECT_EQ(utf8_sequence("\xE0\x9F\xBF"), 0U);
+    EXPECT_EQ(utf8_sequence("\xF0\x8F\xBF\xBF"), 0U);
+}
+
+TEST(Utf8, CutAndStrayBytesAreNone)
+{
+    EXPECT_EQ(utf8_sequence(""), 0U);
+    EXPECT_EQ(utf8_sequence("\xC3"), 0U);
+    EXPECT_EQ(utf8_sequence("\xE2\x82"), 0U);
+    EXPECT_EQ(utf8_sequence("\xE2\x82z"), 0U);
+    EXPECT_EQ(utf8_sequence("\xC3z"), 0U);
+    EXPECT_EQ(utf8_sequence("\x80"), 0U);
+}
+
+TEST(Utf8, ReplacementKeepsTextAndMarksEachBadByte)
+{
+    EXPECT_EQ(platform::to_utf8("gr\xC3\xBC\xC3\n\xFF\xFE"),
+              "gr\xC3\xBC\xEF\xBF\xBD\n\xEF\xBF\xBD\xEF\xBF\xBD");
+    EXPECT_EQ(platform::to_utf8(""), "");
+}
+
+TEST(Utf8, ReplacementOfAnyBytesIsValid)
+{
+    uint32_t state = 1;
+    for (int round = 0; round < 2000; ++round) {
+        std::string bytes;
+        for (int i = 0; i < 40; ++i) {
+            state = state * 1664525 + 1013904223;
+            bytes += static_cast<char>(state >> 24);
+        }
+        EXPECT_TRUE(platform::is_utf8(platform::to_utf8(bytes)));
+        EXPECT_TRUE(platform::is_utf8(platform::printable(bytes)));
+    }
+}
+
+TEST(Utf8, ControlsAreTheOnesThatChangeATerminal)
+{
+    for (uint32_t number = 0; number < 0x3000; ++number) {
+        const bool control = number < 0x20 || (number >= 0x7F && number <= 0x9F) ||
+                             (number >= 0x2028 && number <= 0x202E) ||
+                             (number >= 0x2066 && number <= 0x2069);
+        ASSERT_EQ(platform::is_control(encoded(number)), control) << number;
+    }
+}
+
+TEST(Utf8, PrintableEscapesControlsBadBytesAndTheBackslash)
+{
+    EXPECT_EQ(platform::printable("a\\b\n\x1B\x7F\xFFz"), "a\\\\b\\x0A\\x1B\\x7F\\xFFz");
+    EXPECT_EQ(platform::printable("\xC2\x9B[0m"), "\\xC2\\x9B[0m");
+    EXPECT_EQ(platform::printable("gr\xC3\xBC\xC3\x9F"), "gr\xC3\xBC\xC3\x9F");
+}
+
+} // namespace

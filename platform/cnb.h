@@ -28,14 +28,16 @@ void cnb_alloc_init();
 
 // Loads the process's default buffer of cnb_total bytes. 0 once it is there, non-zero while the
 // domain has no room for it yet. Answers at once. A request that can never be met is answered with
-// 0, too: cnb_malloc refuses it.
+// 0, too, with a descriptor but with number 0: cnb_malloc refuses it.
 int cnb_default_buffer_load();
 
 // Gives the default buffer back to the domain. May be called without one and more than once.
 void cnb_default_buffer_drop();
 
 // Takes `size` bytes of the default buffer, really reserved and zero. The name is data, not a
-// format. False when the size does not fit the domain, the buffer or the machine's memory.
+// format. False, after one line on standard error, when the size does not fit the domain, the
+// buffer or the machine's memory, or when the record is in use. A record stays in its place until
+// its release.
 bool cnb_malloc(cnb_allocation* allocation, unsigned long size, const char* name, ...);
 
 // Releases an allocation and empties its record; an empty record is fine.

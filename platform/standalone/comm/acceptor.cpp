@@ -1,0 +1,166 @@
+#include "platform/standalone/comm/acceptor.h"
+
+#include <cerrno>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+
+#include "platform/standalone/base/error_line.h"
+#include "platform/standalone/comm/socket_channel.h"
+
+namespace platform {
+
+namespace {
+
+constexpr int most_accepted_a_round = 64;
+constexpr uint64_t accept_pause_us = 1'000'000;
+
+const refusal too_many_clients = {comm_protocol::LIMIT, true, "too many clients"};
+const refusal foreign_user = {comm_protocol::NOT_ALLOWED, true, "another user's process"};
+const refusal cannot_watch = {comm_protocol::NO_MEMORY, true,
+                              "the kernel cannot watch this connection"};
+
+unsigned long last_connection = 0; // number of the newest connection of this process
+
+bool watch_listener(const comm_socket_v4_server& server, comm_listener& listener, int operation,
+                    uint32_t events)
+{
+    epoll_event wanted = {};
+    wanted.events = events;
+    wanted.data.ptr = &listener;
+    return epoll_ctl(server.epoll.get(), operation, listener.socket.get(), &wanted) == 0;
+}
+
+void watch_listeners(comm_socket_v4_server& server, uint32_t events)
+{
+    for (comm_listener* listener : {&server.listener, &server.old_listener}) {
+        if (listener->socket) {
+            watch_listener(server, *listener, EPOLL_CTL_MOD, events);
+        }
+    }
+}
+
+void pause_accepting(comm_socket_v4_server& server, uint64_t now_us)
+{
+    server.accepting = false;
+    server.accept_again_us = now_us + accept_pause_us;
+    watch_listeners(server, 0);
+}
+
+bool peer_is_allowed(int socket)
+{
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
+           (peer.uid == geteuid() || peer.uid == 0);
+}
+
+void turn_away(packet_channel& channel, const refusal& reason)
+{
+    channel.send({comm_protocol::encode(0, comm_protocol::error{reason.code, reason.text}), {}});
+    channel.finish();
+}
+
+bool out_of_descriptors(int error_number)
+{
+    return error_number == EMFILE || error_number == ENFILE || error_number == ENOBUFS ||
+           error_number == ENOMEM;
+}
+
+} // namespace
+
+bool start_listening(comm_socket_v4_server& server, const std::string& path)
+{
+    if (!clear_socket_path(path) || !open_listener(path, &server.listener)) {
+        return false;
+    }
+    if (!watch_listener(server, server.listener, EPOLL_CTL_ADD, EPOLLIN)) {
+        error_line("Comm socket", path, errno);
+        close_listener(&server.listener);
+        return false;
+    }
+    return true;
+}
+
+comm_socket_v4_client* adopt(comm_socket_v4_server& server, std::unique_ptr<packet_channel> channel,
+                             uint64_t now_us)
+{
+    if (server.clients.size() >= server.limits.clients) {
+        turn_away(*channel, too_many_clients);
+        return nullptr;
+    }
+    auto client = std::make_unique<comm_socket_v4_client>();
+    client->id = ++last_connection;
+    client->channel = std::move(channel);
+    client->home = &server.home;
+    client->connected_us = now_us;
+    client->place = server.clients.size();
+    if (!watch(*client, EPOLLIN, true)) {
+        turn_away(*client->channel, cannot_watch);
+        return nullptr;
+    }
+    server.ungreeted.push_back(client.get());
+    server.clients.push_back(std::move(client));
+    return server.clients.back().get();
+}
+
+int accept_clients(comm_socket_v4_server& server, int listening_socket, uint64_t now_us)
+{
+    int accepted = 0;
+    while (accepted < most_accepted_a_round) {
+        unique_fd socket(accept4(listening_socket, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (!socket) {
+            if (out_of_descriptors(errno)) {
+                pause_accepting(server, now_us);
+            }
+            return accepted;
+        }
+        ++accepted;
+        const bool allowed = peer_is_allowed(socket.get());
+        auto channel = make_socket_channel(std::move(socket));
+        if (allowed) {
+            adopt(server, std::move(channel), now_us);
+        } else {
+            turn_away(*channel, foreign_user);
+        }
+    }
+    return accepted;
+}
+
+void resume_accepting(comm_socket_v4_server& server)
+{
+    if (!server.accepting) {
+        server.accepting = true;
+        watch_listeners(server, EPOLLIN);
+    }
+}
+
+bool replace_listener(comm_socket_v4_server& server, uint64_t now_us)
+{
+    // Whatever comes of it, the file now is this process's to remove.
+    server.listener.owner = getpid();
+    comm_listener fresh;
+    if (!open_listener(server.listener.path, &fresh)) {
+        return false;
+    }
+    server.old_listener = std::move(server.listener);
+    server.listener = std::move(fresh);
+    server.old_listener_until_us = now_us + server.limits.old_listener_us;
+    // The kernel still reports the old socket under the new one's name.
+    const uint32_t events = server.accepting ? static_cast<uint32_t>(EPOLLIN) : 0;
+    watch_listener(server, server.old_listener, EPOLL_CTL_MOD, events);
+    return watch_listener(server, server.listener, EPOLL_CTL_ADD, events);
+}
+
+void tend_listeners(comm_socket_v4_server& server, uint64_t now_us)
+{
+    if (!server.accepting && now_us >= server.accept_again_us) {
+        resume_accepting(server);
+    }
+    if (server.old_listener.socket && now_us >= server.old_listener_until_us) {
+        unwatch(server, server.old_listener.socket.get());
+        server.old_listener.socket.reset();
+    }
+}
+
+} // namespace platform

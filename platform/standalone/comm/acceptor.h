@@ -1,0 +1,24 @@
+// The server's front door: listening, accepting, and what to do when descriptors run out.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/standalone/comm/server.h"
+
+namespace platform {
+
+// Accepts what waits at the listening socket, a bounded number. Returns how many there were. When
+// the process or the machine has no descriptor left, accepting pauses until a client leaves or a
+// second has passed: a listening socket that stays readable would keep the loop awake for nothing.
+int accept_clients(comm_socket_v4_server& server, int listening_socket, uint64_t now_us);
+
+void resume_accepting(comm_socket_v4_server& server);
+
+// Listens anew at the same path. Connections that are on their way to the old socket are still
+// accepted for a while. False with one line on failure: the old socket goes on.
+bool replace_listener(comm_socket_v4_server& server, uint64_t now_us);
+
+// What time asks for: accepting again, closing a replaced socket.
+void tend_listeners(comm_socket_v4_server& server, uint64_t now_us);
+
+} // namespace platform

@@ -1,0 +1,71 @@
+// What a client is still to be sent. Bounded: a client that reads nothing costs a few kilobytes
+// until it is dropped, because unasked packets replace each other here instead of adding up.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "platform/standalone/comm/channel.h"
+
+namespace platform {
+
+// A status document at one moment, shared by all who are being sent it.
+using document_text = std::shared_ptr<const std::string>;
+
+// The state that the newest EVENT tells; its text is kept beside it.
+struct event_state {
+    int32_t percent = 0;
+    int32_t ready = 0;
+    std::string progress;
+};
+
+class answer_queue {
+public:
+    // Each sends what the channel takes at once and keeps the rest. False when the client has to
+    // go: the channel is gone or the queue full. `now_us` is any monotonic time.
+    bool send(packet_channel& channel, comm_socket_v4_packet packet, uint64_t now_us);
+
+    // The document as STATUS packets. `asked`: the answer to a request; otherwise it belongs to the
+    // subscription and replaces an older document of which nothing was sent.
+    bool send_document(packet_channel& channel, document_text text, uint64_t request, bool asked,
+                       uint64_t now_us);
+
+    // Adds the changes to an EVENT that still waits, or makes a new one.
+    bool send_event(packet_channel& channel, uint64_t request, uint32_t changes,
+                    const event_state& state, uint64_t now_us);
+
+    // Sends on. False when the channel is gone.
+    bool flush(packet_channel& channel, uint64_t now_us);
+
+    bool empty() const { return entries_.empty(); }
+
+    // Since when the client has taken nothing, though something waits for it. Meaningless when
+    // empty.
+    uint64_t stalled_since_us() const { return stalled_since_us_; }
+
+private:
+    enum class entry_kind { PACKET, DOCUMENT, EVENT };
+
+    struct entry {
+        entry_kind kind = entry_kind::PACKET;
+        uint64_t request = 0;
+        comm_socket_v4_packet packet = {}; // PACKET
+        document_text text = {};           // DOCUMENT
+        size_t offset = 0;                 // of what is still to be sent of it
+        bool asked = false;
+        uint32_t changes = 0; // EVENT
+        event_state state = {};
+    };
+
+    bool append(packet_channel& channel, entry&& added, uint64_t now_us);
+    channel_result send_front(packet_channel& channel);
+    static channel_result send_part(packet_channel& channel, entry& document);
+
+    std::list<entry> entries_;
+    uint64_t stalled_since_us_ = 0;
+};
+
+} // namespace platform

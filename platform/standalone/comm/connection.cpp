@@ -1,0 +1,117 @@
+#include "platform/standalone/comm/connection.h"
+
+#include <algorithm>
+#include <sys/epoll.h>
+#include <utility>
+
+namespace platform {
+
+namespace {
+
+const refusal unread_answers = {comm_protocol::SLOW_CLIENT, true, "answers were not read"};
+
+comm_socket_v4_packet error_packet(uint64_t request, const refusal& reason)
+{
+    return {comm_protocol::encode(request, comm_protocol::error{reason.code, reason.text}), {}};
+}
+
+// A client with unread answers is asked for nothing more: neither its requests nor their answers
+// pile up.
+void block(comm_socket_v4_client& client)
+{
+    client.blocked = true;
+    client.home->blocked.push_back(&client);
+    watch(client, EPOLLOUT, false);
+}
+
+void unblock(comm_socket_v4_client& client)
+{
+    client.blocked = false;
+    std::erase(client.home->blocked, &client);
+    watch(client, EPOLLIN, false);
+}
+
+// After each attempt to send: `delivered` as the queue said.
+void settle(comm_socket_v4_client& client, bool delivered)
+{
+    if (!delivered) {
+        drop(client, 0, unread_answers);
+    } else if (client.blocked == client.answers.empty()) {
+        client.blocked ? unblock(client) : block(client);
+    }
+}
+
+} // namespace
+
+void send_answer(comm_socket_v4_client& client, comm_socket_v4_packet packet, uint64_t now_us)
+{
+    if (!client.leaving) {
+        settle(client, client.answers.send(*client.channel, std::move(packet), now_us));
+    }
+}
+
+void send_error(comm_socket_v4_client& client, uint64_t request, const refusal& reason,
+                uint64_t now_us)
+{
+    if (reason.drop) {
+        drop(client, request, reason);
+    } else {
+        send_answer(client, error_packet(request, reason), now_us);
+    }
+}
+
+void send_status(comm_socket_v4_client& client, document_text document, uint64_t request,
+                 bool asked, uint64_t now_us)
+{
+    if (!client.leaving) {
+        settle(client, client.answers.send_document(*client.channel, std::move(document), request,
+                                                    asked, now_us));
+    }
+}
+
+void send_event(comm_socket_v4_client& client, uint32_t changes, const event_state& state,
+                uint64_t now_us)
+{
+    if (!client.leaving) {
+        settle(client, client.answers.send_event(*client.channel, client.subscription, changes,
+                                                 state, now_us));
+    }
+}
+
+void flush_answers(comm_socket_v4_client& client, uint64_t now_us)
+{
+    if (!client.leaving) {
+        settle(client, client.answers.flush(*client.channel, now_us));
+    }
+}
+
+bool watch(comm_socket_v4_client& client, uint32_t events, bool anew)
+{
+    const int socket = client.channel->descriptor();
+    if (client.home->epoll < 0 || socket < 0) {
+        return true;
+    }
+    epoll_event wanted = {};
+    wanted.events = events;
+    wanted.data.ptr = &client;
+    return epoll_ctl(client.home->epoll, anew ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, socket, &wanted) ==
+           0;
+}
+
+void leave(comm_socket_v4_client& client)
+{
+    if (!client.leaving) {
+        client.leaving = true;
+        client.home->leaving.push_back(&client);
+    }
+}
+
+void drop(comm_socket_v4_client& client, uint64_t request, const refusal& reason)
+{
+    if (!client.leaving) {
+        leave(client);
+        client.channel->send(error_packet(request, reason));
+    }
+}
+
+} // namespace platform

@@ -1,0 +1,195 @@
+#include "platform/standalone/comm/listener.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utility>
+
+#include "platform/standalone/base/error_line.h"
+#include "platform/standalone/base/fd_io.h"
+
+namespace platform {
+
+namespace {
+
+constexpr mode_t all_but_owner = 0177;
+constexpr const char* message_head = "Comm socket";
+
+struct split_path {
+    std::string folder;
+    std::string name;
+};
+
+split_path split(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return {".", path};
+    }
+    return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
+bool fail(const std::string& path, const char* reason)
+{
+    error_line(message_head, path, reason);
+    return false;
+}
+
+bool fail(const std::string& path, int error_number)
+{
+    error_line(message_head, path, error_number);
+    return false;
+}
+
+// The path must fit; see most_path_bytes.
+sockaddr_un address_of(const std::string& path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return address;
+}
+
+bool path_fits(const std::string& path)
+{
+    return !path.empty() && path.size() <= most_path_bytes;
+}
+
+unique_fd new_socket()
+{
+    return unique_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
+
+// 0 when somebody listens there, or the error number of the attempt.
+int try_to_connect(const std::string& path)
+{
+    const unique_fd probe = new_socket();
+    if (!probe) {
+        return errno;
+    }
+    const sockaddr_un address = address_of(path);
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    return connect(probe.get(), generic, sizeof(address)) == 0 ? 0 : errno;
+}
+
+// A socket file is there: true when it is a dead one of this user, now removed.
+bool remove_stale_socket(const std::string& path, uid_t file_owner)
+{
+    const int answer = try_to_connect(path);
+    if (answer == 0 || answer == EAGAIN || answer == EPROTOTYPE) {
+        return fail(path, "another process is listening on it");
+    }
+    if (answer != ECONNREFUSED && answer != ENOENT) {
+        return fail(path, answer);
+    }
+    if (file_owner != geteuid()) {
+        return fail(path, "left behind by another user");
+    }
+    return unlink(path.c_str()) == 0 || errno == ENOENT || fail(path, errno);
+}
+
+// Where the socket is bound before it gets its name. A path of its own when that fits; a long
+// folder is reached through its descriptor.
+std::string temporary_path(const split_path& at, const std::string& name, int folder)
+{
+    std::string plain = at.folder + "/" + name;
+    if (path_fits(plain)) {
+        return plain;
+    }
+    return "/proc/self/fd/" + std::to_string(folder) + "/" + name;
+}
+
+int bind_private(int socket, const std::string& path)
+{
+    const sockaddr_un address = address_of(path);
+    const mode_t kept_mask = umask(all_but_owner);
+    const int result = bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    umask(kept_mask);
+    return result;
+}
+
+bool note_file(int folder, const std::string& name, comm_listener* listener)
+{
+    struct stat file = {};
+    if (fstatat(folder, name.c_str(), &file, AT_SYMLINK_NOFOLLOW) != 0) {
+        return false;
+    }
+    listener->device = file.st_dev;
+    listener->inode = file.st_ino;
+    listener->owner = getpid();
+    return true;
+}
+
+// False with errno. The temporary name is gone afterwards, one way or the other.
+bool bind_and_rename(const split_path& at, int folder, comm_listener* listener)
+{
+    const std::string temporary = ".stillimage-" + std::to_string(getpid());
+    unlinkat(folder, temporary.c_str(), 0); // of a dead process with this number
+    const int socket = listener->socket.get();
+    if (bind_private(socket, temporary_path(at, temporary, folder)) != 0) {
+        return false;
+    }
+    if (listen(socket, SOMAXCONN) == 0 && note_file(folder, temporary, listener) &&
+        renameat(folder, temporary.c_str(), folder, at.name.c_str()) == 0) {
+        return true;
+    }
+    const int reason = errno;
+    unlinkat(folder, temporary.c_str(), 0);
+    errno = reason;
+    return false;
+}
+
+} // namespace
+
+bool clear_socket_path(const std::string& path)
+{
+    if (!path_fits(path)) {
+        return fail(path, "a socket path has 1 to 107 bytes");
+    }
+    struct stat file = {};
+    if (lstat(path.c_str(), &file) != 0) {
+        return errno == ENOENT || fail(path, errno);
+    }
+    if (S_ISLNK(file.st_mode)) {
+        return fail(path, "is a symbolic link");
+    }
+    if (!S_ISSOCK(file.st_mode)) {
+        return fail(path, "is there and not a socket");
+    }
+    return remove_stale_socket(path, file.st_uid);
+}
+
+bool open_listener(const std::string& path, comm_listener* listener)
+{
+    if (!path_fits(path)) {
+        return fail(path, "a socket path has 1 to 107 bytes");
+    }
+    const split_path at = split(path);
+    const unique_fd folder(open_file(at.folder.c_str(), O_PATH | O_DIRECTORY));
+    comm_listener opened;
+    opened.path = path;
+    opened.socket = new_socket();
+    if (!folder || !opened.socket || !bind_and_rename(at, folder.get(), &opened)) {
+        return fail(path, errno);
+    }
+    *listener = std::move(opened);
+    return true;
+}
+
+void close_listener(comm_listener* listener)
+{
+    struct stat file = {};
+    if (listener->socket && listener->owner == getpid() &&
+        lstat(listener->path.c_str(), &file) == 0 && file.st_dev == listener->device &&
+        file.st_ino == listener->inode) {
+        unlink(listener->path.c_str());
+    }
+    listener->socket.reset();
+}
+
+} // namespace platform

@@ -1,0 +1,21 @@
+// What the platform's opaque packet types hold.
+#pragma once
+
+#include <cstddef>
+
+#include "platform/comm.h"
+#include "platform/comm_protocol.h"
+#include "platform/standalone/base/unique_fd.h"
+
+// A whole packet, header included.
+struct comm_socket_v4_packet {
+    comm_protocol::packet_bytes bytes;
+    platform::unique_fd descriptor; // travels with it, when there is one
+};
+
+// A received request. `body` points into the packet that it came in.
+struct common_pkt_parsing {
+    comm_protocol::packet_header header;
+    const unsigned char* body = nullptr;
+    size_t body_size = 0;
+};

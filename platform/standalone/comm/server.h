@@ -1,0 +1,94 @@
+// The comm server: accepts clients, takes one packet of each readable client a round, sends what
+// was queued, and lets clients go. It knows packets and limits, nothing of the item.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <sys/epoll.h>
+#include <vector>
+
+#include "platform/comm.h"
+#include "platform/standalone/comm/connection.h"
+#include "platform/standalone/comm/listener.h"
+
+namespace platform {
+
+// Time limits and numbers; the defaults are those of docs/protocol.md. Tests use others.
+struct server_limits {
+    size_t clients = comm_protocol::max_clients;
+    uint64_t greeting_us = 5'000'000;     // from the connection to the hello
+    uint64_t unread_us = 5'000'000;       // that answers may wait without one being read
+    uint64_t round_gap_us = 500;          // between two looks at quiet sockets
+    uint64_t tend_gap_us = 100'000;       // between two looks at the time limits
+    uint64_t old_listener_us = 2'000'000; // that a replaced listening socket is still served
+};
+
+// Called in the middle of a round. What they throw makes the client leave.
+struct server_callbacks {
+    // A request that may be carried out; `packet` is the whole of it.
+    void (*request)(comm_socket_v4_client& client, common_pkt_parsing& request,
+                    const unsigned char* packet, size_t size, uint64_t now_us) = nullptr;
+    // The client leaves and can no longer be sent anything. Never called inside `request`.
+    void (*left)(comm_socket_v4_client& client) = nullptr;
+};
+
+} // namespace platform
+
+// The fields are the server's own.
+struct comm_socket_v4_server {
+    platform::server_callbacks callbacks;
+    platform::server_limits limits;
+    platform::unique_fd epoll;
+    platform::connection_home home;
+    platform::comm_listener listener;
+    platform::comm_listener old_listener; // replaced by `listener`, still served for a while
+    uint64_t old_listener_until_us = 0;
+    bool accepting = true;
+    uint64_t accept_again_us = 0;
+    std::vector<std::unique_ptr<comm_socket_v4_client>> clients;
+    std::vector<comm_socket_v4_client*> ungreeted;
+    std::array<epoll_event, 256> events = {};
+    size_t events_ready = 0; // of them reported by the last wait and not yet looked at
+    uint64_t next_look_us = 0;
+    uint64_t next_tend_us = 0;
+    bool inside_round = false;
+};
+
+namespace platform {
+
+// A server without a socket. Raises the soft limit of descriptors as far as it goes; the limit of
+// clients leaves some of them to the rest of the process. Null, told in one line, when the kernel
+// has no descriptor for it.
+std::unique_ptr<comm_socket_v4_server> make_server(const server_callbacks& callbacks,
+                                                   const server_limits& limits = {});
+
+// Binds and listens; a stale socket file is replaced. False with one line on failure.
+bool start_listening(comm_socket_v4_server& server, const std::string& path);
+
+// Takes a connection. Null when it is refused; it was told why.
+comm_socket_v4_client* adopt(comm_socket_v4_server& server, std::unique_ptr<packet_channel> channel,
+                             uint64_t now_us);
+
+// False when the last round was idle and is less than a round gap ago, and nothing was reported
+// since.
+bool round_is_due(const comm_socket_v4_server& server, uint64_t now_us);
+
+// Takes a descriptor out of the kernel's watch before it is closed: after a fork another process
+// may hold it open still, and it would go on being reported.
+void unwatch(const comm_socket_v4_server& server, int descriptor);
+
+// One round. The amount of work done.
+int run_round(comm_socket_v4_server& server, uint64_t now_us);
+
+// Treats one packet as if it had come from the client.
+void take_packet(comm_socket_v4_server& server, comm_socket_v4_client& client,
+                 const unsigned char* packet, size_t size, uint64_t now_us);
+
+// Removes the clients that leave. Part of each round; also for the end, when there are no more
+// rounds.
+int remove_leaving(comm_socket_v4_server& server);
+
+} // namespace platform

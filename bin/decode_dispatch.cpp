@@ -65,7 +65,10 @@ void decode_png()
 void decode_tiff()
 {
     fputs("I'm not yet familiar with that form of TIFF\n", stderr);
-    close_tiff();
+    if (tiff_image != nullptr) {
+        TIFFClose(tiff_image);
+        tiff_image = nullptr;
+    }
 }
 
 void decode_gif()

@@ -45,6 +45,7 @@ TEST_F(DecodeDispatch, UnfamiliarTiffIsTold)
 TEST_F(DecodeDispatch, JpegWithoutAReaderBreaksAnInvariant)
 {
     image_file_type = IMAGE_JPEG;
+    leave_stderr();
     EXPECT_EXIT(decode_picture(), testing::KilledBySignal(SIGABRT),
                 "bin/vexa_stillimage: .*jpeg_decompress != __null");
 }

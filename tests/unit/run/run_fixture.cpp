@@ -17,12 +17,13 @@ void RunFixture::SetUp()
     reset_mipmaps();
     slow_decode = false;
     testing::internal::CaptureStderr();
+    capturing = true;
 }
 
 void RunFixture::TearDown()
 {
-    testing::internal::GetCapturedStderr();
     free_all();
+    leave_stderr();
     scripted::reset();
 }
 
@@ -44,6 +45,14 @@ std::string RunFixture::printed()
     std::string text = testing::internal::GetCapturedStderr();
     testing::internal::CaptureStderr();
     return text;
+}
+
+void RunFixture::leave_stderr()
+{
+    if (capturing) {
+        testing::internal::GetCapturedStderr();
+        capturing = false;
+    }
 }
 
 long RunFixture::calls(const std::string& name)

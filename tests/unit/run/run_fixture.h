@@ -19,6 +19,12 @@ protected:
     // What was printed on standard error since the last call.
     std::string printed();
 
+    // Leaves standard error to a death test, which captures it itself.
+    void leave_stderr();
+
     // How often a life-cycle call was made.
     static long calls(const std::string& name);
+
+private:
+    bool capturing = false;
 };

@@ -172,6 +172,7 @@ TEST_F(StartUp, TemporaryCleanOnlyEndsWithStatusZeroAndFreesNothing)
 TEST_F(StartUp, UnopenedPictureBreaksAnInvariant)
 {
     scripted::set_picture_descriptor(-1);
+    leave_stderr();
     EXPECT_EXIT(start({"--file", "p"}), testing::KilledBySignal(SIGABRT),
                 "bin/vexa_stillimage: .*vexa_meta->file_fd >= 0");
 }

@@ -42,6 +42,7 @@ TEST_F(Termination, NineteenSignalsAreSurvived)
 
 TEST_F(Termination, TheTwentiethAborts)
 {
+    leave_stderr();
     EXPECT_EXIT(raise_often(SIGINT, 20), testing::KilledBySignal(SIGABRT), "");
 }
 

@@ -1,6 +1,6 @@
-// What the item's units know of each other: progress, readiness, the status document, the socket's path
-// and the lock under which it is served. Written by the item's own units, read by the clients' unit.
-// See also clients.h for the other direction.
+// What the item's units know of each other: progress, readiness, the status document, the socket's
+// path and the lock under which it is served. Written by the item's own units, read by the clients'
+// unit. See also clients.h for the other direction.
 #pragma once
 
 #include <cstddef>
@@ -10,9 +10,9 @@
 
 // --- progress; written by vexa_status_write and vexa_ready_write --------------------------------
 
-int progress_percent();            // -1 (a refusal) to 100; 0 at program start
-std::string_view progress_text();  // valid UTF-8 without control characters, at most 512 bytes
-int ready_state();                 // 0 not yet, -1 provisional, 1 final
+int progress_percent();           // -1 (a refusal) to 100; 0 at program start
+std::string_view progress_text(); // valid UTF-8 without control characters, at most 512 bytes
+int ready_state();                // 0 not yet, -1 provisional, 1 final
 
 // --- status document ----------------------------------------------------------------------------
 
@@ -33,18 +33,18 @@ void mark_document_changed();
 
 // Takes a client's metadata value: into the document at once, into the item's file within about a
 // second (only when metadata may be updated), whatever the number of calls. To be called before
-// vexa_on_metadata_set. 0, or -1 with nothing changed when the name or the value may not be set: facts
-// that the worker itself finds out, values of a known name that do not parse, texts with a NUL, or more
-// than docs/metadata.md allows.
+// vexa_on_metadata_set. 0, or -1 with nothing changed when the name or the value may not be set:
+// facts that the worker itself finds out, values of a known name that do not parse, texts with a
+// NUL, or more than docs/metadata.md allows.
 int store_client_setting(std::string_view name, std::string_view value);
 
 // --- the socket ---------------------------------------------------------------------------------
 
-// Absolute path of the comm socket, whatever vexa_sock was given as and wherever the process's working
-// folder is now; at most 107 bytes. Empty before vexa_standard_to_derived_params.
+// Absolute path of the comm socket, whatever vexa_sock was given as and wherever the process's
+// working folder is now; at most 107 bytes. Empty before vexa_standard_to_derived_params.
 const std::string& socket_path();
 
-// The lock on socket_path() + ".lock" is held by this process, or was inherited through daemon(). Only
-// then may the socket be bound. Taken by vexa_standard_to_derived_params unless the mode never serves;
-// let go of by vexa_free_all.
+// The lock on socket_path() + ".lock" is held by this process, or was inherited through daemon().
+// Only then may the socket be bound. Taken by vexa_standard_to_derived_params unless the mode never
+// serves; let go of by vexa_free_all.
 bool holds_serve_lock();

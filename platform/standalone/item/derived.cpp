@@ -1,0 +1,189 @@
+#include "platform/standalone/item/derived.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/item_paths.h"
+#include "platform/media_item.h"
+#include "platform/standalone/base/error_line.h"
+#include "platform/standalone/base/file_lock.h"
+#include "platform/standalone/base/folders.h"
+#include "platform/standalone/base/replace_file.h"
+#include "platform/standalone/comm/listener.h"
+#include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/serve_lock.h"
+#include "platform/standalone/item/settings.h"
+#include "platform/standalone/item/standard_entries.h"
+#include "platform/standalone/metadata/metadata_list.h"
+#include "platform/standalone/metadata/picture_file.h"
+#include "platform/standalone/metadata/picture_stamp.h"
+
+namespace item {
+
+namespace {
+
+platform::open_item* the_item = nullptr;
+std::string absolute_socket;
+
+int refuse(const char* what, const std::string& path, int error_number)
+{
+    platform::error_line(what, path, error_number);
+    return -1;
+}
+
+// --- paths --------------------------------------------------------------------------------------
+
+int derive_metadir(const std::string& name)
+{
+    std::string folder;
+    if (!item_paths::state_folder(&folder)) {
+        return refuse("No home folder for the metadata of", vexa_file, errno);
+    }
+    vexa_set_string(&vexa_file_metadir, (folder + '/' + name).c_str());
+    return 0;
+}
+
+// The folder of the sockets is only needed by a worker that serves.
+int derive_socket(const std::string& name)
+{
+    const std::string folder = item_paths::runtime_folder();
+    vexa_set_string(&vexa_sock, (folder + '/' + name + ".sock").c_str());
+    if (!mode_serves()) {
+        return 0;
+    }
+    if (platform::make_folders(folder.c_str()) != 0) {
+        return refuse("Cannot make socket folder", folder, errno);
+    }
+    if (!platform::open_private_folder(folder.c_str())) {
+        return refuse("Socket folder is not private to this user", folder, errno);
+    }
+    return 0;
+}
+
+// What the command line left open.
+int derive_paths()
+{
+    if (vexa_file_metadir != nullptr && vexa_sock != nullptr) {
+        return 0;
+    }
+    std::string name;
+    if (!item_paths::name_of_picture(vexa_file, &name)) {
+        return refuse("Cannot open file", vexa_file, errno);
+    }
+    if (vexa_file_metadir == nullptr && derive_metadir(name) != 0) {
+        return -1;
+    }
+    return vexa_sock == nullptr ? derive_socket(name) : 0;
+}
+
+// A path that the kernel cuts would be another socket's.
+int settle_socket_path()
+{
+    absolute_socket = platform::absolute_path(vexa_sock);
+    if (absolute_socket.size() > item_paths::longest_socket_path) {
+        platform::error_line("Socket path", absolute_socket,
+                             "too long, at most " +
+                                 std::to_string(item_paths::longest_socket_path) + " bytes");
+        return -1;
+    }
+    return 0;
+}
+
+// --- the item -----------------------------------------------------------------------------------
+
+int open_item_and_list()
+{
+    the_item = platform::open_media_item(vexa_file, vexa_file_metadir);
+    if (the_item == nullptr) {
+        return -1;
+    }
+    the_item->store.stop = &DIE4;
+    vexa_meta = the_item;
+    vexa_metadata = platform::load_item_metadata(*the_item);
+    if (vexa_metadata == nullptr) {
+        return -1;
+    }
+    platform::picture_stamp stamp;
+    const bool stale = platform::read_picture_stamp(the_item->file_fd, &stamp) &&
+                       platform::metadata_is_stale(vexa_metadata, stamp);
+    take_stored_settings(vexa_metadata, stale);
+    return 0;
+}
+
+// --- leftovers ----------------------------------------------------------------------------------
+
+bool is_ours(const std::string& path)
+{
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0 && status.st_uid == geteuid();
+}
+
+// What a worker that was killed may have left. Nothing of a live one is touched: both kinds of file
+// are only removed under the lock of those who write them.
+void remove_leftovers()
+{
+    if ((is_ours(absolute_socket) || is_ours(absolute_socket + lock_suffix)) &&
+        take_serve_lock(absolute_socket)) {
+        platform::clear_socket_path(absolute_socket);
+        release_serve_lock();
+    }
+    platform::file_lock writers;
+    const int folder = the_item->store.folder;
+    if (writers.take(folder, platform::metadata_lock_name, 0) == platform::lock_result::TAKEN) {
+        platform::remove_temporary_files(folder, platform::metadata_file_name);
+    }
+}
+
+int derive_all()
+{
+    if (derive_paths() != 0 || settle_socket_path() != 0) {
+        return -1;
+    }
+    if (mode_serves() && !take_serve_lock(absolute_socket)) {
+        return -1;
+    }
+    if (open_item_and_list() != 0) {
+        return -1;
+    }
+    if (vexa_temp_clean_only) {
+        remove_leftovers();
+    }
+    return 0;
+}
+
+} // namespace
+
+const platform::open_item* opened_item()
+{
+    return the_item;
+}
+
+void close_item()
+{
+    platform::free_metadata_list(vexa_metadata);
+    vexa_metadata = nullptr;
+    vexa_meta = nullptr;
+    platform::close_media_item(the_item);
+    the_item = nullptr;
+}
+
+} // namespace item
+
+int vexa_standard_to_derived_params()
+{
+    item::close_item();
+    const int result = item::derive_all();
+    if (result != 0) {
+        item::close_item();
+        item::release_serve_lock();
+    }
+    return result;
+}
+
+const std::string& socket_path()
+{
+    return item::absolute_socket;
+}

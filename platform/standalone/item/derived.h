@@ -1,0 +1,17 @@
+// From the switches to an open item: the paths that no switch gave, the lock, the metadata and the
+// settings in it. The call is vexa_standard_to_derived_params of platform/media_item.h.
+#pragma once
+
+#include "platform/standalone/metadata/item_metadata.h"
+
+namespace item {
+
+// The open item behind vexa_meta; null while there is none. What of the metadata may be written,
+// and how, goes through it.
+const platform::open_item* opened_item();
+
+// Closes the item and frees its entry list; vexa_meta and vexa_metadata are null afterwards. May
+// run twice.
+void close_item();
+
+} // namespace item

@@ -1,0 +1,266 @@
+#include "platform/standalone/item/document.h"
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <json11.hpp>
+
+#include "platform/media_item.h"
+#include "platform/standalone/base/utf8.h"
+#include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/item/clients.h"
+#include "platform/standalone/item/item_state.h"
+#include "platform/standalone/metadata/metadata_names.h"
+
+bool json_next_xmit_rebuild = false;
+void (*vexa_on_json_build)(std::map<std::string, json11::Json>& document,
+                           unsigned long context_id) = nullptr;
+
+namespace item {
+
+namespace {
+
+using json_object = std::map<std::string, json11::Json>;
+
+struct shown_entry {
+    std::string name;
+    std::string value;
+    int tag;
+};
+
+constexpr size_t longest_item_text = 8192; // bytes of a path or name, before it is made UTF-8
+// What the entries may take of the document. The other members stay far below the rest.
+constexpr size_t entries_limit = max_status_document / 2;
+constexpr uint64_t shortest_rebuild_interval_us = 10'000;
+
+std::vector<shown_entry> entries;
+json_object item_common;
+std::string document = "{}";
+bool changed = true;
+size_t clients_shown = 0;
+uint64_t generation = 0;
+uint64_t generation_sent = 0;
+uint64_t last_check_rebuild_us = 0;
+
+// --- values -------------------------------------------------------------------------------------
+
+json11::Json text_or_null(const char* text)
+{
+    if (text == nullptr) {
+        return nullptr;
+    }
+    return platform::to_utf8(std::string_view(text).substr(0, longest_item_text));
+}
+
+// JSON readers keep whole numbers of up to 53 bits.
+json11::Json whole_number(int64_t number)
+{
+    constexpr int64_t exact = int64_t{1} << 53;
+    return static_cast<double>(std::clamp(number, -exact, exact));
+}
+
+json11::Json whole_number(uint64_t number)
+{
+    return whole_number(static_cast<int64_t>(std::min<uint64_t>(number, INT64_MAX)));
+}
+
+json11::Json ratio(const int_rational& value)
+{
+    return json11::Json::array{whole_number(value.numerator), whole_number(value.denominator)};
+}
+
+// Bytes that a JSON text of `text` takes, quotes included.
+size_t json_size(std::string_view text)
+{
+    size_t size = 2;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        // Controls as \u00XX; a byte of U+2028 or U+2029, or one that is replaced, counts as much.
+        const bool may_grow = byte < 0x20 || byte >= 0x80;
+        size += may_grow ? 6 : (c == '"' || c == '\\' ? 2 : 1);
+    }
+    return size;
+}
+
+// --- members ------------------------------------------------------------------------------------
+
+json_object item_object()
+{
+    json_object object = item_common;
+    object["aspect ratio"] = ratio(vexa_aspect_ratio);
+    object["background music"] = vexa_background_music != 0;
+    object["file type"] = text_or_null(vexa_file_type);
+    object["time duration"] = whole_number(vexa_time_duration);
+    object["time scale"] = ratio(vexa_time_scale);
+    object["video streams"] = vexa_video_streams;
+    return object;
+}
+
+json_object process_object()
+{
+    clients_shown = connected_clients();
+    return {
+        {"clients", whole_number(static_cast<uint64_t>(clients_shown))},
+        {"pid", static_cast<int>(getpid())},
+        {"progress",
+         json_object{{"percent", progress_percent()}, {"text", std::string(progress_text())}}},
+        {"ready", ready_state()},
+        {"version", STILLIMAGE_VERSION},
+    };
+}
+
+json_object buffer_object()
+{
+    const cnb_domain_view view = cnb_view_domain();
+    return {
+        {"domain", text_or_null(view.name)},
+        {"limit", whole_number(view.limit)},
+        {"number", whole_number(static_cast<uint64_t>(view.buffer))},
+        {"size", whole_number(view.buffer_size)},
+        {"total", whole_number(cnb_total)},
+    };
+}
+
+void add_entries(json_object* target)
+{
+    json11::Json::array shown;
+    size_t size = 0;
+    for (const shown_entry& entry : entries) {
+        size += json_size(entry.name) + json_size(entry.value) + 64;
+        if (size > entries_limit) {
+            (*target)["metadata cut"] = true;
+            break;
+        }
+        shown.push_back(json_object{{"name", platform::to_utf8(entry.name)},
+                                    {"tag", entry.tag},
+                                    {"value", platform::to_utf8(entry.value)}});
+    }
+    (*target)["metadata"] = std::move(shown);
+}
+
+shown_entry* find_entry(std::string_view name)
+{
+    const auto found = std::find_if(entries.begin(), entries.end(), [name](const auto& entry) {
+        return entry.tag == -1 && entry.name == name;
+    });
+    return found != entries.end() ? &*found : nullptr;
+}
+
+} // namespace
+
+const std::string* document_entry(std::string_view name)
+{
+    const shown_entry* entry = find_entry(name);
+    return entry != nullptr ? &entry->value : nullptr;
+}
+
+void set_document_entry(std::string_view name, std::string_view value)
+{
+    if (shown_entry* entry = find_entry(name); entry != nullptr) {
+        entry->value = value;
+    } else {
+        entries.push_back({std::string(name), std::string(value), -1});
+    }
+    changed = true;
+}
+
+void reset_document()
+{
+    entries.clear();
+    item_common.clear();
+    document = "{}";
+    changed = true;
+    clients_shown = 0;
+    generation = 0;
+    generation_sent = 0;
+    last_check_rebuild_us = 0;
+    json_next_xmit_rebuild = false;
+    vexa_on_json_build = nullptr;
+}
+
+} // namespace item
+
+// The list is closed when the metadata has been written back; the document outlives it.
+void meta_to_json(metadata_v4_metadata_context* list)
+{
+    item::entries.clear();
+    const size_t count = metadata_v4_metadata_context_entry_count(list);
+    for (size_t i = 0; i < count; ++i) {
+        const metadata_v4_entry* entry = metadata_v4_metadata_context_read_entry(list, i);
+        if (entry != nullptr) {
+            item::entries.push_back({std::string(entry->name, entry->name_length),
+                                     std::string(entry->value, entry->value_length), entry->tag});
+        }
+    }
+    item::changed = true;
+}
+
+void item_to_json_common()
+{
+    const std::string* guid = item::document_entry(platform::metadata_name::guid);
+    item::item_common = {
+        {"GUID", item::text_or_null(guid != nullptr ? guid->c_str() : nullptr)},
+        {"file", item::text_or_null(vexa_file)},
+        {"metadata folder", item::text_or_null(vexa_file_metadir)},
+        {"socket", item::text_or_null(vexa_sock)},
+    };
+    item::changed = true;
+}
+
+void rebuild_json()
+{
+    item::json_object members = {
+        {"buffer", item::buffer_object()},
+        {"item", item::item_object()},
+        {"process", item::process_object()},
+    };
+    item::add_entries(&members);
+    if (vexa_on_json_build != nullptr) {
+        vexa_on_json_build(members, no_context_id);
+    }
+    json_next_xmit_rebuild = false;
+    item::changed = false;
+    std::string text = json11::Json(members).dump();
+    if (text != item::document) {
+        item::document = std::move(text);
+        ++item::generation;
+    }
+}
+
+// A flood of changes costs one rebuild in ten milliseconds, not one each.
+void json_check_xmit(uint64_t now_us)
+{
+    const bool wanted =
+        json_next_xmit_rebuild || item::changed || item::clients_shown != connected_clients();
+    const bool due = now_us < item::last_check_rebuild_us ||
+                     now_us - item::last_check_rebuild_us >= item::shortest_rebuild_interval_us;
+    if (wanted && due) {
+        item::last_check_rebuild_us = now_us;
+        rebuild_json();
+    }
+    if (item::generation_sent != item::generation) {
+        item::generation_sent = item::generation;
+        send_document_to_subscribers();
+    }
+}
+
+const std::string& status_document()
+{
+    if (item::changed || json_next_xmit_rebuild || item::clients_shown != connected_clients()) {
+        rebuild_json();
+    }
+    return item::document;
+}
+
+uint64_t status_document_generation()
+{
+    return item::generation;
+}
+
+void mark_document_changed()
+{
+    item::changed = true;
+}

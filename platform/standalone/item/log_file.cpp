@@ -1,0 +1,115 @@
+#include "platform/standalone/item/log_file.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/base/folders.h"
+
+namespace item {
+
+namespace {
+
+constexpr const char* log_name = "log";
+constexpr const char* old_log_name = "log.old";
+
+// O_NONBLOCK for a FIFO in the place of the file: opening it must not wait.
+constexpr int log_flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+
+bool is_same_file(const struct stat& a, const struct stat& b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// A second name could be anybody's file that happens to be ours to write.
+bool is_our_log(const struct stat& status)
+{
+    return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
+}
+
+} // namespace
+
+bool log_file::open(const char* folder)
+{
+    folder_ = platform::open_folder(folder);
+    return folder_ && open_in_folder();
+}
+
+void log_file::close()
+{
+    fd_.reset();
+    folder_.reset();
+    mirror_ = -1;
+}
+
+bool log_file::mirror_on(int fd)
+{
+    if (dup2(fd_.get(), fd) < 0) {
+        return false;
+    }
+    mirror_ = fd;
+    return true;
+}
+
+bool log_file::open_in_folder()
+{
+    platform::unique_fd fd(platform::open_file_at(folder_.get(), log_name, log_flags, 0600));
+    struct stat status = {};
+    if (!fd || fstat(fd.get(), &status) != 0) {
+        return false;
+    }
+    if (!is_our_log(status)) {
+        errno = EPERM;
+        return false;
+    }
+    if (fchmod(fd.get(), 0600) != 0) {
+        return false;
+    }
+    fd_ = std::move(fd);
+    return true;
+}
+
+// Asks the file, not a counter: an identify-only run may write to the same log.
+bool log_file::has_room(uint64_t size) const
+{
+    struct stat status = {};
+    return fstat(fd_.get(), &status) == 0 && status.st_nlink > 0 &&
+           static_cast<uint64_t>(status.st_size) + size <= log_limit / 2;
+}
+
+bool log_file::begin_new_file()
+{
+    struct stat ours = {};
+    struct stat named = {};
+    struct stat mirrored = {};
+    if (fstat(fd_.get(), &ours) != 0) {
+        return false;
+    }
+    const bool still_named = fstatat(folder_.get(), log_name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+                             is_same_file(ours, named);
+    if (still_named && renameat(folder_.get(), log_name, folder_.get(), old_log_name) != 0) {
+        return false;
+    }
+    const bool mirror_is_ours =
+        mirror_ >= 0 && fstat(mirror_, &mirrored) == 0 && is_same_file(ours, mirrored);
+    if (!open_in_folder()) {
+        return false;
+    }
+    if (mirror_is_ours) {
+        dup2(fd_.get(), mirror_);
+    }
+    return true;
+}
+
+void log_file::append(std::string_view text)
+{
+    if (!has_room(text.size()) && (!begin_new_file() || !has_room(text.size()))) {
+        return;
+    }
+    platform::write_fully(fd_.get(), text.data(), text.size());
+}
+
+} // namespace item

@@ -1,0 +1,42 @@
+// The item's log: the file "log" in its metadata folder, and "log.old" with what came before it.
+// Together they never take more than log_limit, whatever is written.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "platform/standalone/base/unique_fd.h"
+
+namespace item {
+
+inline constexpr uint64_t log_limit = uint64_t{16} << 20; // bytes of both files
+
+class log_file {
+public:
+    // Opens the log for appending, mode 0600. False with errno when the folder cannot be opened or
+    // something else than a file of this user's, with one name only, is in the log's place.
+    bool open(const char* folder);
+    void close();
+
+    // Makes `fd` refer to the log, now and, as long as nobody has put something else there,
+    // whenever a new file is begun: for writers that know only the descriptor. False with errno on
+    // failure.
+    bool mirror_on(int fd);
+
+    bool is_open() const { return static_cast<bool>(fd_); }
+
+    // Appends, after beginning a new file when this one is half of log_limit long or has been
+    // removed. What cannot be written is lost; the caller has nowhere to tell it.
+    void append(std::string_view text);
+
+private:
+    bool open_in_folder();
+    bool has_room(uint64_t size) const;
+    bool begin_new_file();
+
+    platform::unique_fd folder_;
+    platform::unique_fd fd_;
+    int mirror_ = -1;
+};
+
+} // namespace item

@@ -1,0 +1,118 @@
+#include "platform/standalone/item/serve_lock.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/media_item.h"
+#include "platform/standalone/base/error_line.h"
+#include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/base/file_lock.h"
+#include "platform/standalone/item/item_state.h"
+
+namespace item {
+
+namespace {
+
+constexpr uint64_t patience_us = 300'000;
+
+platform::file_lock lock;
+std::string lock_path;
+pid_t owner = 0; // the process whose number stands in the file
+
+// The last holder may have removed the file between our opening and our locking it; then the lock
+// is on a file that nobody else will find.
+bool is_still_named(int fd, const char* path)
+{
+    struct stat held = {};
+    struct stat named = {};
+    return fstat(fd, &held) == 0 && lstat(path, &named) == 0 && held.st_dev == named.st_dev &&
+           held.st_ino == named.st_ino;
+}
+
+platform::lock_result take_named_lock(const std::string& path)
+{
+    for (;;) {
+        const platform::lock_result result = lock.take(AT_FDCWD, path.c_str(), patience_us, &DIE4);
+        if (result != platform::lock_result::TAKEN || is_still_named(lock.fd(), path.c_str())) {
+            return result;
+        }
+        lock.release();
+    }
+}
+
+// The number in the lock file of another worker, 0 when it has not written it yet.
+int holder_of(const std::string& path)
+{
+    char text[16] = "";
+    const platform::unique_fd fd(
+        platform::open_file(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+    const ssize_t size = fd ? platform::pread_fully(fd.get(), text, sizeof text, 0) : 0;
+    int number = 0;
+    std::from_chars(text, text + (size > 0 ? size : 0), number);
+    return number;
+}
+
+std::string served_by(int holder)
+{
+    return holder > 0 ? "already served by process " + std::to_string(holder)
+                      : "already served by another process";
+}
+
+} // namespace
+
+bool take_serve_lock(const std::string& socket_path)
+{
+    const std::string path = socket_path + lock_suffix;
+    switch (take_named_lock(path)) {
+    case platform::lock_result::TAKEN:
+        break;
+    case platform::lock_result::BUSY:
+        platform::error_line("Socket", socket_path, served_by(holder_of(path)));
+        return false;
+    case platform::lock_result::FAILED:
+        platform::error_line("Cannot lock socket", path, errno);
+        return false;
+    }
+    lock_path = path;
+    refresh_serve_lock();
+    static const bool at_exit = atexit(release_serve_lock) == 0;
+    static_cast<void>(at_exit);
+    return true;
+}
+
+void refresh_serve_lock()
+{
+    if (!lock.held() || owner == getpid()) {
+        return;
+    }
+    owner = getpid();
+    const std::string text = std::to_string(owner) + '\n';
+    // Only a help for people: without it the lock is as good.
+    if (ftruncate(lock.fd(), 0) == 0) {
+        platform::pwrite_fully(lock.fd(), text.data(), text.size(), 0);
+    }
+}
+
+void release_serve_lock()
+{
+    if (!lock.held()) {
+        return;
+    }
+    if (owner == getpid() && is_still_named(lock.fd(), lock_path.c_str())) {
+        unlink(lock_path.c_str());
+    }
+    lock.release();
+    lock_path.clear();
+    owner = 0;
+}
+
+} // namespace item
+
+bool holds_serve_lock()
+{
+    return item::lock.held();
+}

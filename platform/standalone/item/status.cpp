@@ -1,0 +1,174 @@
+#include "platform/standalone/item/status.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "platform/comm_protocol.h"
+#include "platform/media_item.h"
+#include "platform/standalone/base/utf8.h"
+#include "platform/standalone/item/clients.h"
+#include "platform/standalone/item/host_channel.h"
+#include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/notify_socket.h"
+#include "platform/standalone/item/standard_error.h"
+
+namespace item {
+
+namespace {
+
+// A decoder calls for every row. What it said last is kept as it said it, so that the many calls
+// that bring nothing new end after one comparison.
+struct last_call {
+    int number = 0;
+    char text[512] = {};
+
+    bool is(int other, const char* other_text) const
+    {
+        return number == other && strncmp(text, other_text, sizeof text - 1) == 0;
+    }
+
+    void set(int other, const char* other_text)
+    {
+        number = other;
+        strncpy(text, other_text, sizeof text - 1);
+    }
+};
+
+constexpr size_t longest_text = 512;
+
+host_channel host;
+notify_socket service_manager;
+bool service_manager_known = false; // looked for in the environment
+
+last_call last_status;
+last_call last_ready;
+int percent_now = 0;
+std::string text_now;
+int ready_now = 0;
+
+notify_socket& known_service_manager()
+{
+    if (!service_manager_known) {
+        service_manager_known = true;
+        service_manager.open(getenv("NOTIFY_SOCKET"));
+    }
+    return service_manager;
+}
+
+// Cut before a character that does not fit whole.
+std::string clean_text(const char* text)
+{
+    std::string clean = platform::printable(text);
+    if (clean.size() > longest_text) {
+        size_t length = longest_text;
+        while ((static_cast<unsigned char>(clean[length]) & 0xC0U) == 0x80U) {
+            --length;
+        }
+        clean.resize(length);
+    }
+    return clean;
+}
+
+// One line for a person: "40 % Decoding PNG".
+std::string progress_line()
+{
+    return text_now.empty() || percent_now < 0 ? text_now
+                                               : std::to_string(percent_now) + " % " + text_now;
+}
+
+} // namespace
+
+bool open_status_channel(int fd)
+{
+    return host.open(fd);
+}
+
+void flush_status()
+{
+    host.flush();
+    service_manager.flush();
+}
+
+void close_status()
+{
+    draw_progress_line("");
+    if (service_manager.is_open()) {
+        service_manager.tell_stopping();
+        service_manager.close();
+    }
+    host.flush();
+    host.close();
+}
+
+void reset_status()
+{
+    draw_progress_line("");
+    host.close();
+    service_manager.close();
+    service_manager_known = false;
+    last_status = {};
+    last_ready = {};
+    percent_now = 0;
+    text_now.clear();
+    ready_now = 0;
+}
+
+} // namespace item
+
+void vexa_status_write(int percent, const char* text)
+{
+    const char* said = text != nullptr ? text : "";
+    if (item::last_status.is(percent, said)) {
+        if (item::host.has_waiting()) {
+            item::host.flush();
+        }
+        return;
+    }
+    item::last_status.set(percent, said);
+    item::percent_now = std::clamp(percent, -1, 100);
+    item::text_now = item::clean_text(said);
+    item::host.tell_progress(item::percent_now, item::text_now);
+    item::known_service_manager().tell_status(item::progress_line());
+    item::draw_progress_line(item::progress_line());
+    mark_document_changed();
+    notify_clients(comm_protocol::change_progress);
+}
+
+void vexa_ready_write(int state, const char* text)
+{
+    const char* said = text != nullptr ? text : "";
+    vexa_ready = true;
+    if (item::last_ready.is(state, said)) {
+        item::flush_status();
+        return;
+    }
+    item::last_ready.set(state, said);
+    item::ready_now = state < 0 ? -1 : 1;
+    item::text_now = item::clean_text(said);
+    if (item::ready_now == 1) {
+        item::percent_now = 100;
+    }
+    item::host.tell_ready(item::ready_now, item::text_now);
+    item::known_service_manager().tell_ready(item::text_now);
+    item::draw_progress_line("");
+    mark_document_changed();
+    notify_clients(item::ready_now == 1 ? comm_protocol::change_ready
+                                        : comm_protocol::change_provisional);
+}
+
+int progress_percent()
+{
+    return item::percent_now;
+}
+
+std::string_view progress_text()
+{
+    return item::text_now;
+}
+
+int ready_state()
+{
+    return item::ready_now;
+}

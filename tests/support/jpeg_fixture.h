@@ -1,0 +1,38 @@
+// A fresh process, as far as the JPEG units can tell, and a JPEG opened in it.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/jpeg_writer.h"
+
+// What `work` prints on standard error.
+std::string told_by(const std::function<void()>& work);
+
+size_t open_descriptors(); // of this process
+
+// Every variable that the JPEG units use, back to the values at program start.
+void reset_for_jpeg();
+
+class jpeg_test : public testing::Test {
+protected:
+    void SetUp() override { reset_for_jpeg(); }
+    void TearDown() override { reset_for_jpeg(); }
+
+    // Hands `file` to the process. The result of examining it; what is printed goes to `told`.
+    int examine(const jpeg_writer::file_bytes& file);
+
+    // Examines `file`, which must go well, lays the frame buffer out and fills it with `before`.
+    void open(const jpeg_writer::file_bytes& file, unsigned char before = 0);
+
+    // Runs `decode`, keeps what it prints in `told`.
+    int decode(int (*decoder)());
+
+    std::vector<unsigned char> allocation() const; // the whole frame buffer
+
+    std::string told;
+};

@@ -1,0 +1,182 @@
+#include <csignal>
+#include <functional>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <jerror.h>
+
+#include "bin/decode/jpeg_start.h"
+#include "bin/examine/jpeg_reader.h"
+#include "platform/media_item.h"
+#include "tests/support/jpeg_fixture.h"
+#include "tests/support/jpeg_writer.h"
+#include "tests/support/scripted_platform.h"
+
+using namespace jpeg_writer;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr char gave_up[] = "jpeg_start_decompress() threw an error. giving up\n";
+constexpr int idle_state = 200; // the library's, as after its creation
+
+class JpegStart : public jpeg_test {
+protected:
+    int start()
+    {
+        int result = 0;
+        told = told_by([&result] { result = start_jpeg_decompress(); });
+        return result;
+    }
+
+    void expect_idle() const
+    {
+        EXPECT_EQ(jpeg_decompress->global_state, idle_state);
+        EXPECT_EQ(jpeg_decompress->progress, nullptr);
+        EXPECT_FALSE(jpeg_error_armed);
+        EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
+    }
+};
+
+file_bytes progressive(int width, int height)
+{
+    picture what = ycbcr(width, height, {2, 2});
+    what.progressive = true;
+    return write(what);
+}
+
+TEST_F(JpegStart, StartedPictureIsReadyForRowsAndTrapped)
+{
+    open(write(ycbcr(32, 32, {2, 2})));
+    EXPECT_EQ(start(), 0);
+    EXPECT_EQ(told, "");
+    EXPECT_EQ(jpeg_decompress->output_height, 32U);
+    EXPECT_EQ(jpeg_decompress->progress, nullptr);
+    EXPECT_FALSE(jpeg_error_armed);
+}
+
+TEST_F(JpegStart, FatalErrorIsReportedAndTheLibraryLeftIdle)
+{
+    file_bytes file = write(ycbcr(32, 32, {2, 2}));
+    const size_t table = find_marker(file, 0xC4);
+    insert(file, find_marker(file, 0xDA),
+           {0xFF, 0xC4, 0, 19, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+    ASSERT_LT(table, file.size());
+    set_precision(file, 12);
+    open(file);
+    EXPECT_EQ(start(), -1);
+    EXPECT_THAT(told, testing::StartsWith("JPEGLIB error exit attempted (code "));
+    EXPECT_THAT(told, EndsWith(std::string("')\n") + gave_up));
+    expect_idle();
+}
+
+TEST_F(JpegStart, ProgressiveFileIsReadWithClientsServed)
+{
+    open(progressive(64, 64));
+    EXPECT_EQ(start(), 0);
+    EXPECT_EQ(told, "");
+    EXPECT_GE(scripted::log.idle_rounds, 4U * 6U); // four rows of blocks, at least six scans
+    EXPECT_EQ(jpeg_decompress->progress, nullptr);
+}
+
+TEST_F(JpegStart, SingleScanIsNotReadAhead)
+{
+    open(write(ycbcr(64, 64, {2, 2})));
+    EXPECT_EQ(start(), 0);
+    EXPECT_EQ(scripted::log.idle_rounds, 0U);
+}
+
+TEST_F(JpegStart, SignalDuringTheReadEndsItAsAFailure)
+{
+    open(progressive(64, 64));
+    scripted::plan.die_after_idle = 5;
+    EXPECT_EQ(start(), -1);
+    EXPECT_EQ(told, gave_up);
+    EXPECT_EQ(scripted::log.idle_rounds, 5U);
+    EXPECT_TRUE(scripted::log.status.empty());
+    expect_idle();
+}
+
+TEST_F(JpegStart, ScansBeyondTheCeilingEndTheReadAsAFailure)
+{
+    file_bytes file = progressive(8, 8);
+    insert_before_end(file, empty_scans(1100));
+    open(file);
+    EXPECT_EQ(start(), -1);
+    EXPECT_THAT(told, EndsWith(gave_up));
+    EXPECT_THAT(told, testing::Not(HasSubstr("JPEGLIB")));
+    EXPECT_EQ(scripted::log.idle_rounds, 1U + 2U * most_jpeg_scans);
+    expect_idle();
+}
+
+TEST_F(JpegStart, ScansUpToTheCeilingAreRead)
+{
+    file_bytes file = progressive(8, 8);
+    const int own_scans = [&file, this] {
+        open(file);
+        start();
+        const int scans = jpeg_decompress->input_scan_number;
+        reset_for_jpeg();
+        return scans;
+    }();
+    insert_before_end(file, empty_scans(static_cast<size_t>(most_jpeg_scans - own_scans)));
+    open(file);
+    EXPECT_EQ(start(), 0);
+    EXPECT_EQ(jpeg_decompress->input_scan_number, most_jpeg_scans);
+}
+
+TEST_F(JpegStart, ErrorAfterTheStartEndsTheProcess)
+{
+    open(progressive(32, 32));
+    ASSERT_EQ(start(), 0);
+    EXPECT_EXIT(jpeg_start_decompress(jpeg_decompress), testing::KilledBySignal(SIGABRT),
+                EndsWith("Unexpected longjmp from JPEGLIB error handler\n"));
+}
+
+// A child with little address space starts the picture; its exit status is what `judge` says.
+int in_little_memory(rlim_t bytes, const std::function<int()>& judge)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        const rlimit limit = {bytes, bytes};
+        setrlimit(RLIMIT_AS, &limit);
+        _exit(judge());
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__has_feature)
+#define LIMITED_MEMORY_CAN_BE_TRIED
+#elif !defined(__SANITIZE_ADDRESS__)
+#if !__has_feature(address_sanitizer)
+#define LIMITED_MEMORY_CAN_BE_TRIED
+#endif
+#endif
+
+#ifdef LIMITED_MEMORY_CAN_BE_TRIED
+TEST_F(JpegStart, MemoryThatRunsOutIsAFailure)
+{
+    file_bytes file = progressive(64, 64);
+    set_size(file, 16384, 16384);
+    open(write(grey(8, 8))); // a small buffer: it is not drawn to
+    reset_jpeg_reader();
+    ASSERT_EQ(examine(file), 0);
+    const int status = in_little_memory(512U << 20U, [this] {
+        return start() == -1 && told.find("Insufficient memory") != std::string::npos &&
+                       told.ends_with(gave_up)
+                   ? 0
+                   : 1;
+    });
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+#endif
+
+} // namespace

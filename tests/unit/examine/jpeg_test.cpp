@@ -1,0 +1,575 @@
+#include <cstdlib>
+#include <initializer_list>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <jerror.h>
+
+#include "bin/examine/image_state.h"
+#include "bin/examine/jpeg.h"
+#include "bin/examine/jpeg_reader.h"
+#include "platform/media_item.h"
+#include "tests/support/jpeg_fixture.h"
+#include "tests/support/jpeg_writer.h"
+#include "tests/support/scripted_platform.h"
+#include "tests/unit/examine/failing_calls.h"
+
+using namespace jpeg_writer;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+class ExamineJpeg : public jpeg_test {
+protected:
+    void SetUp() override
+    {
+        jpeg_test::SetUp();
+        descriptors = open_descriptors();
+    }
+
+    void TearDown() override
+    {
+        failing::none();
+        jpeg_test::TearDown();
+    }
+
+    // The file is refused, its last words are `line`, and nothing stays open.
+    void expect_refusal(const file_bytes& file, const std::string& line)
+    {
+        EXPECT_EQ(examine(file), -1);
+        EXPECT_THAT(told, EndsWith(line));
+        expect_closed();
+    }
+
+    void expect_closed() const
+    {
+        EXPECT_EQ(jpeg_fp, nullptr);
+        EXPECT_EQ(jpeg_decompress, nullptr);
+        EXPECT_EQ(jpeg_error_manager, nullptr);
+        EXPECT_FALSE(jpeg_error_armed);
+        EXPECT_EQ(open_descriptors(), descriptors + 1); // the picture itself
+    }
+
+    size_t descriptors = 0;
+};
+
+file_bytes ycbcr_file(int width, int height, factors luma)
+{
+    return write(ycbcr(width, height, luma));
+}
+
+// --- before the library is asked
+// ------------------------------------------------------------------
+
+TEST_F(ExamineJpeg, SecondExaminationWhileOpenIsABug)
+{
+    ASSERT_EQ(examine(ycbcr_file(16, 16, {1, 1})), 0);
+    FILE* stream = jpeg_fp;
+    const std::string line = told_by([] { EXPECT_EQ(examine_jpeg_file(), -1); });
+    EXPECT_EQ(line, "BUG: examine_jpeg_file() when file already opened\n");
+    EXPECT_EQ(jpeg_fp, stream);
+    EXPECT_NE(jpeg_decompress, nullptr);
+}
+
+TEST_F(ExamineJpeg, EachPointerAloneCountsAsOpen)
+{
+    jpeg_fp = stdin;
+    EXPECT_THAT(told_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }), StartsWith("BUG: "));
+    jpeg_fp = nullptr;
+    jpeg_decompress_struct object = {};
+    jpeg_decompress = &object;
+    EXPECT_THAT(told_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }), StartsWith("BUG: "));
+    jpeg_decompress = nullptr;
+    jpeg_error_mgr errors = {};
+    jpeg_error_manager = &errors;
+    EXPECT_THAT(told_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }), StartsWith("BUG: "));
+    jpeg_error_manager = nullptr;
+}
+
+TEST_F(ExamineJpeg, NoDescriptorIsRefused)
+{
+    scripted::plan.file_handle_fails = true;
+    EXPECT_EQ(examine(ycbcr_file(16, 16, {1, 1})), -1);
+    EXPECT_EQ(told, "Unable to get file handle\n");
+    expect_closed();
+}
+
+TEST_F(ExamineJpeg, DescriptorIsClosedWhenNoStreamTakesIt)
+{
+    failing::fdopen_call.arm(1);
+    EXPECT_EQ(examine(ycbcr_file(16, 16, {1, 1})), -1);
+    EXPECT_EQ(told, "fdopen() failed\n");
+    expect_closed();
+}
+
+TEST_F(ExamineJpeg, EitherObjectMissingIsRefusedWithoutALibraryCall)
+{
+    const file_bytes file = ycbcr_file(16, 16, {1, 1});
+    for (const int missing : {1, 2}) {
+        jpeg_should_abort = 0;
+        scripted::set_picture(file);
+        failing::calloc_call.arm(missing);
+        EXPECT_EQ(told_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }),
+                  "Unable to allocate JPEG object\n");
+        expect_closed();
+    }
+}
+
+TEST_F(ExamineJpeg, EveryAllocationOfTheLibraryMayFail)
+{
+    const file_bytes file = ycbcr_file(16, 16, {2, 2});
+    scripted::set_picture(file);
+    int refused = 0;
+    int result = -1;
+    for (int n = 1; result != 0; ++n) {
+        ASSERT_LT(n, 100);
+        reset_jpeg_reader();
+        testing::internal::CaptureStderr();
+        failing::malloc_call.arm(n, true);
+        result = examine_jpeg_file();
+        failing::none();
+        const std::string lines = testing::internal::GetCapturedStderr();
+        if (result != 0) {
+            ++refused;
+            EXPECT_THAT(lines, HasSubstr("JPEGLIB error exit attempted (code "));
+            EXPECT_THAT(lines, HasSubstr("Insufficient memory"));
+            EXPECT_THAT(lines,
+                        EndsWith("JPEG library panicked and attempted to exit. Decode failed\n"));
+            expect_closed();
+        }
+    }
+    EXPECT_GT(refused, 2);
+}
+
+// --- header that cannot be read
+// -------------------------------------------------------------------
+
+TEST_F(ExamineJpeg, FatalErrorInTheHeaderIsRefused)
+{
+    file_bytes file = ycbcr_file(16, 16, {1, 1});
+    set_precision(file, 7);
+    EXPECT_EQ(examine(file), -1);
+    EXPECT_EQ(told, "JPEGLIB error exit attempted (code " + std::to_string(JERR_BAD_PRECISION) +
+                        ": 'Unsupported JPEG data precision 7')\n"
+                        "JPEG library panicked and attempted to exit. Decode failed\n");
+    expect_closed();
+}
+
+TEST_F(ExamineJpeg, EmptyFileIsRefused)
+{
+    expect_refusal({}, "JPEG library panicked and attempted to exit. Decode failed\n");
+    EXPECT_THAT(told, StartsWith("JPEGLIB error exit attempted (code "));
+    EXPECT_THAT(told, HasSubstr("'Empty input file'"));
+}
+
+TEST_F(ExamineJpeg, SuspendedHeaderIsRefused)
+{
+    failing::read_header_call.arm(1);
+    EXPECT_EQ(examine(ycbcr_file(16, 16, {1, 1})), -1);
+    EXPECT_EQ(told, "JPEG library failed to read header\n");
+    expect_closed();
+}
+
+TEST_F(ExamineJpeg, EmptyPictureIsRefused)
+{
+    file_bytes file = ycbcr_file(16, 16, {1, 1});
+    set_size(file, 16, 0);
+    expect_refusal(file, "JPEG library panicked and attempted to exit. Decode failed\n");
+}
+
+// --- tables only
+// ----------------------------------------------------------------------------------
+
+constexpr char no_picture[] =
+    "JPEG: 0 x 0 image with 0 components, colorspace #0: Unknown  lib default out #0: Unknown\n"
+    "JPEGLIB: ERROR: Unsupported colorspace\n";
+
+file_bytes tables_only()
+{
+    const file_bytes file = ycbcr_file(16, 16, {1, 1});
+    file_bytes tables = first_bytes(file, find_frame_header(file));
+    tables.insert(tables.end(), {0xFF, 0xD9});
+    return tables;
+}
+
+TEST_F(ExamineJpeg, TablesOnlyFileHasNoColourSpace)
+{
+    EXPECT_EQ(examine(tables_only()), -1);
+    EXPECT_EQ(told, no_picture);
+    expect_closed();
+}
+
+TEST_F(ExamineJpeg, PictureBehindTablesIsNotLookedFor)
+{
+    file_bytes file = tables_only();
+    insert(file, file.size(), ycbcr_file(16, 16, {1, 1}));
+    EXPECT_EQ(examine(file), -1);
+    EXPECT_EQ(told, no_picture);
+}
+
+TEST_F(ExamineJpeg, FileCutBeforeItsFrameHeaderIsTablesOnly)
+{
+    const file_bytes file = ycbcr_file(16, 16, {1, 1});
+    expect_refusal(first_bytes(file, find_frame_header(file)), no_picture);
+}
+
+// --- report and parameters
+// ------------------------------------------------------------------------
+
+TEST_F(ExamineJpeg, YcbcrIsReportedLineByLine)
+{
+    EXPECT_EQ(examine(ycbcr_file(40, 24, {2, 1})), 0);
+    EXPECT_EQ(told, "JPEG: 40 x 24 image with 3 components, colorspace #3: YCbCr  "
+                    "lib default out #2: RGB\n"
+                    "JPEGLIB: Reading raw YCbCr pixel data\n"
+                    "Color channel[1]: ID 1 Sampling factor 2x1\n"
+                    "Color channel[2]: ID 2 Sampling factor 1x1\n"
+                    "Color channel[3]: ID 3 Sampling factor 1x1\n"
+                    "JPEG chroma subsample 2x1\n");
+    EXPECT_EQ(jpeg_decompress->out_color_space, JCS_YCbCr);
+    EXPECT_EQ(jpeg_decompress->raw_data_out, TRUE);
+    EXPECT_EQ(jpeg_decompress->do_fancy_upsampling, FALSE);
+    EXPECT_EQ(jpeg_decompress->do_block_smoothing, TRUE);
+    EXPECT_NE(jpeg_fp, nullptr);
+    EXPECT_FALSE(jpeg_error_armed);
+    EXPECT_EQ(jpeg_should_abort, 1);
+}
+
+TEST_F(ExamineJpeg, GrayscaleIsReportedLineByLine)
+{
+    image_chroma_x_shift = image_chroma_y_shift = 1;
+    EXPECT_EQ(examine(write(grey(7, 3))), 0);
+    EXPECT_EQ(told, "JPEG: 7 x 3 image with 1 components, colorspace #1: Grayscale  "
+                    "lib default out #1: Grayscale\n"
+                    "JPEGLIB: Reading raw grayscale data\n"
+                    "Color channel[1]: ID 1 Sampling factor 1x1\n");
+    EXPECT_EQ(jpeg_decompress->out_color_space, JCS_GRAYSCALE);
+    EXPECT_EQ(jpeg_decompress->raw_data_out, TRUE);
+    EXPECT_EQ(jpeg_decompress->do_fancy_upsampling, FALSE);
+    EXPECT_EQ(image_chroma_x_shift, 0);
+    EXPECT_EQ(image_chroma_y_shift, 0);
+}
+
+TEST_F(ExamineJpeg, YcckIsReportedLineByLine)
+{
+    EXPECT_EQ(examine(write(four(JCS_YCCK, 16, 16, {1, 2}))), 0);
+    EXPECT_EQ(told, "JPEG: 16 x 16 image with 4 components, colorspace #5: YCbCrK  "
+                    "lib default out #4: CMYK\n"
+                    "JPEGLIB: Hoo boy... YCCK.\n"
+                    "Color channel[1]: ID 1 Sampling factor 1x2\n"
+                    "Color channel[2]: ID 2 Sampling factor 1x1\n"
+                    "Color channel[3]: ID 3 Sampling factor 1x1\n"
+                    "Color channel[4]: ID 4 Sampling factor 1x2\n"
+                    "YCCK K-channel is not subsampled. GOOD\n"
+                    "JPEG chroma subsample 1x2\n");
+    EXPECT_EQ(jpeg_decompress->out_color_space, JCS_YCCK);
+    EXPECT_EQ(jpeg_decompress->raw_data_out, TRUE);
+    EXPECT_EQ(jpeg_decompress->do_fancy_upsampling, FALSE);
+}
+
+TEST_F(ExamineJpeg, CmykIsReportedLineByLine)
+{
+    image_chroma_x_shift = image_chroma_y_shift = 1;
+    EXPECT_EQ(examine(write(four(JCS_CMYK, 16, 16, {1, 1}))), 0);
+    EXPECT_EQ(told, "JPEG: 16 x 16 image with 4 components, colorspace #4: CMYK  "
+                    "lib default out #4: CMYK\n"
+                    "JPEGLIB: Hoo boy... CYMK.\n"
+                    "Color channel[1]: ID 67 Sampling factor 1x1\n"
+                    "Color channel[2]: ID 77 Sampling factor 1x1\n"
+                    "Color channel[3]: ID 89 Sampling factor 1x1\n"
+                    "Color channel[4]: ID 75 Sampling factor 1x1\n");
+    EXPECT_EQ(jpeg_decompress->out_color_space, JCS_CMYK);
+    EXPECT_EQ(jpeg_decompress->raw_data_out, TRUE);
+    EXPECT_EQ(jpeg_decompress->do_fancy_upsampling, TRUE);
+    EXPECT_EQ(jpeg_decompress->do_block_smoothing, TRUE);
+    EXPECT_EQ(image_chroma_x_shift, 0);
+    EXPECT_EQ(image_chroma_y_shift, 0);
+}
+
+TEST_F(ExamineJpeg, CmykFactorsAreNotJudged)
+{
+    EXPECT_EQ(examine(write(four(JCS_CMYK, 16, 16, {2, 2}))), 0);
+}
+
+TEST_F(ExamineJpeg, MonochromeFlagFollowsOneAndThreeComponentsOnly)
+{
+    image_is_monochrome = 1;
+    ASSERT_EQ(examine(ycbcr_file(16, 16, {1, 1})), 0);
+    EXPECT_EQ(image_is_monochrome, 0);
+    for (const int before : {0, 1}) {
+        for (const J_COLOR_SPACE space : {JCS_YCCK, JCS_CMYK}) {
+            reset_jpeg_reader();
+            image_is_monochrome = before;
+            ASSERT_EQ(examine(write(four(space, 16, 16, {1, 1}))), 0);
+            EXPECT_EQ(image_is_monochrome, before);
+        }
+    }
+    reset_jpeg_reader();
+    image_is_monochrome = 0;
+    ASSERT_EQ(examine(write(grey(16, 16))), 0);
+    EXPECT_EQ(image_is_monochrome, 1);
+}
+
+// --- colour spaces
+// --------------------------------------------------------------------------------
+
+TEST_F(ExamineJpeg, RgbIsRefusedAfterTheHeaderLine)
+{
+    picture rgb = ycbcr(16, 16, {1, 1});
+    rgb.colour_space = JCS_RGB;
+    EXPECT_EQ(examine(write(rgb)), -1);
+    EXPECT_EQ(told, "JPEG: 16 x 16 image with 3 components, colorspace #2: RGB  "
+                    "lib default out #2: RGB\n"
+                    "JPEGLIB: ERROR: Unsupported colorspace\n");
+    expect_closed();
+}
+
+TEST_F(ExamineJpeg, TwoComponentsAreOfUnknownColourSpace)
+{
+    picture two = grey(16, 16);
+    two.colour_space = JCS_UNKNOWN;
+    two.sampling = {{1, 1}, {1, 1}};
+    EXPECT_EQ(examine(write(two)), -1);
+    EXPECT_EQ(told, "JPEG: 16 x 16 image with 2 components, colorspace #0: Unknown  "
+                    "lib default out #0: Unknown\n"
+                    "JPEGLIB: ERROR: Unsupported colorspace\n");
+}
+
+TEST_F(ExamineJpeg, ColourSpaceWithoutANameIsThreeQuestionMarks)
+{
+    file_bytes file = ycbcr_file(16, 16, {1, 1});
+    set_component_id(file, 1, 0x22);
+    set_component_id(file, 2, 0x23);
+    EXPECT_EQ(examine(file), -1);
+    EXPECT_EQ(told, "JPEG: 16 x 16 image with 3 components, colorspace #7: ???  "
+                    "lib default out #2: RGB\n"
+                    "JPEGLIB: ERROR: Unsupported colorspace\n");
+}
+
+// Four components numbered 1 to 4, as many programs write CMYK.
+file_bytes four_numbered_components(const file_bytes& marker)
+{
+    picture what = four(JCS_YCCK, 16, 16, {1, 1});
+    what.adobe_marker = false;
+    file_bytes file = write(what);
+    insert(file, 2, marker);
+    return file;
+}
+
+TEST_F(ExamineJpeg, FourComponentsWithoutAdobeMarkerAreCmyk)
+{
+    ASSERT_EQ(examine(four_numbered_components({})), 0);
+    EXPECT_THAT(told, HasSubstr("colorspace #4: CMYK  lib default out #4: CMYK\n"));
+    EXPECT_THAT(told, HasSubstr("CYMK"));
+    EXPECT_EQ(jpeg_decompress->jpeg_color_space, JCS_CMYK);
+}
+
+TEST_F(ExamineJpeg, FourComponentsWithAdobeTransformZeroAreCmyk)
+{
+    ASSERT_EQ(examine(four_numbered_components(adobe_segment(0))), 0);
+    EXPECT_EQ(jpeg_decompress->jpeg_color_space, JCS_CMYK);
+}
+
+TEST_F(ExamineJpeg, FourComponentsWithAnyOtherAdobeTransformAreYcck)
+{
+    for (const unsigned char transform : file_bytes{1, 2, 3, 255}) {
+        reset_jpeg_reader();
+        ASSERT_EQ(examine(four_numbered_components(adobe_segment(transform))), 0);
+        EXPECT_EQ(jpeg_decompress->jpeg_color_space, JCS_YCCK);
+        EXPECT_THAT(told, HasSubstr("colorspace #5: YCbCrK"));
+    }
+}
+
+TEST_F(ExamineJpeg, CmykLettersDoNotOutweighAnAdobeTransform)
+{
+    picture what = four(JCS_CMYK, 16, 16, {1, 1});
+    what.adobe_marker = false;
+    file_bytes file = write(what);
+    insert(file, 2, adobe_segment(2));
+    ASSERT_EQ(examine(file), 0);
+    EXPECT_EQ(jpeg_decompress->jpeg_color_space, JCS_YCCK);
+}
+
+TEST_F(ExamineJpeg, AdobeMarkerDoesNotChangeThreeComponents)
+{
+    file_bytes file = ycbcr_file(16, 16, {1, 1});
+    insert(file, 2, adobe_segment(0));
+    ASSERT_EQ(examine(file), 0);
+    EXPECT_EQ(jpeg_decompress->jpeg_color_space, JCS_YCbCr);
+}
+
+// --- size
+// -----------------------------------------------------------------------------------------
+
+TEST_F(ExamineJpeg, LargestSizeIsAccepted)
+{
+    file_bytes file = ycbcr_file(16, 16, {1, 1});
+    set_size(file, 16384, 16384);
+    EXPECT_EQ(examine(file), 0);
+    EXPECT_EQ(image_width, 16384);
+    EXPECT_EQ(image_height, 16384);
+    EXPECT_EQ(image_buffer_height, 16384);
+}
+
+TEST_F(ExamineJpeg, OneMoreInEitherDirectionIsRefusedAfterTheHeaderLine)
+{
+    for (const auto& [width, height] : {std::pair{16385, 1}, std::pair{1, 16385}}) {
+        file_bytes file = ycbcr_file(16, 16, {1, 1});
+        set_size(file, width, height);
+        EXPECT_EQ(examine(file), -1);
+        EXPECT_EQ(told, "JPEG: " + std::to_string(width) + " x " + std::to_string(height) +
+                            " image with 3 components, colorspace #3: YCbCr  "
+                            "lib default out #2: RGB\n"
+                            "JPEG image is WAY TOO LARGE\n");
+        expect_closed();
+    }
+    EXPECT_EQ(image_width, -1);
+}
+
+TEST_F(ExamineJpeg, BufferHeightIsRoundedUpTo32)
+{
+    const std::vector<std::pair<int, int>> heights = {{1, 32}, {31, 32}, {32, 32}, {33, 64}};
+    for (const auto& [height, rounded] : heights) {
+        reset_jpeg_reader();
+        image_has_alpha_channel = 1;
+        ASSERT_EQ(examine(write(grey(5, height))), 0);
+        EXPECT_EQ(image_width, 5);
+        EXPECT_EQ(image_height, height);
+        EXPECT_EQ(image_buffer_height, rounded);
+        EXPECT_EQ(image_has_alpha_channel, 0);
+    }
+}
+
+// --- subsampling
+// ----------------------------------------------------------------------------------
+
+// A header as the library leaves it, for factors that its compressor refuses to write.
+struct made_header {
+    std::vector<jpeg_component_info> components;
+    jpeg_decompress_struct cinfo = {};
+
+    made_header(J_COLOR_SPACE space, std::initializer_list<factors> all)
+    {
+        for (const factors& f : all) {
+            jpeg_component_info info = {};
+            info.h_samp_factor = f.h;
+            info.v_samp_factor = f.v;
+            components.push_back(info);
+        }
+        cinfo.jpeg_color_space = space;
+        cinfo.num_components = static_cast<int>(components.size());
+        cinfo.comp_info = components.data();
+    }
+};
+
+TEST_F(ExamineJpeg, FourLumaFactorsAreSupported)
+{
+    const std::vector<std::tuple<factors, int, int, std::string>> supported = {
+        {{1, 1}, 0, 0, "JPEG chroma subsample 1x1\n"},
+        {{2, 1}, 1, 0, "JPEG chroma subsample 2x1\n"},
+        {{1, 2}, 0, 1, "JPEG chroma subsample 1x2\n"},
+        {{2, 2}, 1, 1, "JPEG chroma subsample 2x2\n"},
+    };
+    for (const auto& [luma, x_shift, y_shift, line] : supported) {
+        reset_jpeg_reader();
+        EXPECT_EQ(examine(ycbcr_file(32, 32, luma)), 0);
+        EXPECT_EQ(image_chroma_x_shift, x_shift);
+        EXPECT_EQ(image_chroma_y_shift, y_shift);
+        EXPECT_THAT(told, EndsWith(line));
+    }
+}
+
+TEST_F(ExamineJpeg, EveryOtherLumaFactorIsRefused)
+{
+    for (int h = 1; h <= 4; ++h) {
+        for (int v = 1; v <= 4; ++v) {
+            const made_header header(JCS_YCbCr, {{h, v}, {1, 1}, {1, 1}});
+            const bool supported = h <= 2 && v <= 2;
+            const std::string line = told_by([&header, supported] {
+                EXPECT_EQ(find_jpeg_chroma_shifts(header.cinfo), supported ? 0 : -1);
+            });
+            if (!supported) {
+                EXPECT_EQ(line, "Unsupported chroma subsampling scheme\n");
+            }
+        }
+    }
+}
+
+TEST_F(ExamineJpeg, ChromaFactorsOtherThanOneAreRefused)
+{
+    const made_header headers[] = {
+        {JCS_YCbCr, {{2, 2}, {2, 2}, {2, 2}}},        {JCS_YCbCr, {{2, 2}, {2, 1}, {1, 1}}},
+        {JCS_YCbCr, {{2, 2}, {1, 1}, {1, 2}}},        {JCS_YCbCr, {{1, 1}, {1, 1}, {2, 1}}},
+        {JCS_YCCK, {{2, 2}, {2, 2}, {2, 2}, {2, 2}}},
+    };
+    for (const made_header& header : headers) {
+        EXPECT_EQ(told_by([&header] { EXPECT_EQ(find_jpeg_chroma_shifts(header.cinfo), -1); }),
+                  "Unsupported chroma subsampling scheme\n");
+    }
+}
+
+TEST_F(ExamineJpeg, FullChromaWithLargeFactorsIsRefusedFromTheFile)
+{
+    picture what = ycbcr(71, 53, {2, 2});
+    what.sampling = {{2, 2}, {2, 2}, {2, 2}};
+    what.separate_scans = true;
+    expect_refusal(write(what), "Unsupported chroma subsampling scheme\n");
+    EXPECT_EQ(image_width, -1);
+}
+
+TEST_F(ExamineJpeg, SubsampledKIsRefusedWithTheShiftsAlreadySet)
+{
+    picture what = four(JCS_YCCK, 32, 32, {2, 2});
+    what.sampling[3] = {1, 1};
+    expect_refusal(write(what), "Unsupported chroma subsampling on K channel\n");
+    EXPECT_EQ(image_chroma_x_shift, 1);
+    EXPECT_EQ(image_chroma_y_shift, 1);
+}
+
+TEST_F(ExamineJpeg, KThatDiffersInOneDirectionIsRefused)
+{
+    for (const factors k : {factors{2, 1}, factors{1, 2}}) {
+        const made_header header(JCS_YCCK, {{2, 2}, {1, 1}, {1, 1}, k});
+        EXPECT_EQ(told_by([&header] { EXPECT_EQ(find_jpeg_chroma_shifts(header.cinfo), -1); }),
+                  "Unsupported chroma subsampling on K channel\n");
+    }
+}
+
+TEST_F(ExamineJpeg, TooFewComponentsAreWeird)
+{
+    const made_header two(JCS_YCbCr, {{1, 1}, {1, 1}});
+    EXPECT_EQ(told_by([&two] { EXPECT_EQ(find_jpeg_chroma_shifts(two.cinfo), -1); }),
+              "Weird YCbCr colorspace with less than 3 components, ignoring JPEG\n");
+    const made_header three(JCS_YCCK, {{1, 1}, {1, 1}, {1, 1}});
+    EXPECT_EQ(told_by([&three] { EXPECT_EQ(find_jpeg_chroma_shifts(three.cinfo), -1); }),
+              "Weird YCCK colorspace with less than 4 components, ignoring JPEG\n");
+}
+
+// --- afterwards
+// -----------------------------------------------------------------------------------
+
+TEST_F(ExamineJpeg, LibraryErrorAfterwardsEndsTheProcess)
+{
+    ASSERT_EQ(examine(ycbcr_file(16, 16, {1, 1})), 0);
+    EXPECT_EXIT(jpeg_finish_decompress(jpeg_decompress), testing::KilledBySignal(SIGABRT),
+                EndsWith("Unexpected longjmp from JPEGLIB error handler\n"));
+}
+
+TEST_F(ExamineJpeg, FileCutAtEveryByteIsRefusedOrAccepted)
+{
+    const file_bytes file = ycbcr_file(24, 24, {2, 2});
+    for (size_t size = 0; size <= file.size(); ++size) {
+        reset_jpeg_reader();
+        if (examine(first_bytes(file, size)) != 0) {
+            expect_closed();
+        }
+    }
+    EXPECT_EQ(image_width, 24);
+}
+
+} // namespace

@@ -15,7 +15,7 @@
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_writer.h"
 #include "tests/support/scripted_platform.h"
-#include "tests/unit/examine/failing_calls.h"
+#include "tests/unit/examine/jpeg_failing_calls.h"
 
 using namespace jpeg_writer;
 using testing::EndsWith;

@@ -1,4 +1,4 @@
-#include "tests/unit/examine/failing_calls.h"
+#include "tests/unit/examine/jpeg_failing_calls.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,0 +1,37 @@
+// Calls of the system and of the codec libraries that a test wants to see fail. Linking this
+// replaces them for the whole test program; without a script they behave as ever.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+namespace failing_calls {
+
+// Counters count down with each call; the call that reaches 0 fails. 0: never.
+struct script {
+    int fdopen = 0;
+    int calloc = 0;
+    int new_array = 0; // new (std::nothrow) T[n]
+    int read = 0;      // fails with errno
+    int read_errno = 0;
+    int read_most = 0; // bytes that one read gives at most; 0: no limit
+    int read_ends = 0; // finds the end of the file
+    int lseek = 0;
+    int webp_width = 0; // WebPGetFeatures reports a width of 0
+    int webp_height = 0;
+    int png_create_read_struct = 0;
+    int png_create_info_struct = 0;
+    int png_get_ihdr = 0;
+    int png_destroy_read_struct = 0; // jumps to png_error
+    uint32_t tiff_tag = 0;           // TIFFGetField does not know this tag ...
+    uint16_t tiff_value = 0;         // ... yet stores this value, unless it is 0
+    int tiff_samples = -1;           // what SamplesPerPixel reads, unless -1
+    std::pair<uint16_t, uint16_t> tiff_factors = {0, 0}; // what the chroma factors read, unless 0
+    bool tiff_no_strips = false;                         // TIFFNumberOfStrips is 0
+    bool tiff_no_scanline = false;                       // TIFFScanlineSize is 0
+    bool tiff_no_strip_size = false;                     // TIFFStripSize is 0
+};
+
+extern script plan;
+
+} // namespace failing_calls

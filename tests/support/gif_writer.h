@@ -1,0 +1,44 @@
+// GIF files, block by block.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+using gif_colour = std::array<unsigned char, 3>;
+
+struct gif_control_spec {
+    unsigned disposal = 0;
+    unsigned delay = 0;
+    std::optional<unsigned char> transparent = {};
+};
+
+struct gif_frame_spec {
+    unsigned left = 0;
+    unsigned top = 0;
+    unsigned width = 1;
+    unsigned height = 1;
+    bool interlaced = false;
+    std::optional<gif_control_spec> control = {};
+    std::vector<gif_colour> palette = {}; // local; 2 to 256 colours, a power of two; empty: none
+    std::vector<unsigned char> indices =
+        {}; // in the order of the file; those left out are not written
+};
+
+struct gif_spec {
+    unsigned width = 1;
+    unsigned height = 1;
+    unsigned background = 0;
+    std::vector<gif_colour> palette = {{0, 0, 0}, {255, 255, 255}}; // global; as above
+    std::vector<gif_frame_spec> frames = {};
+    bool trailer = true;
+};
+
+// A code block ("graphic control" and the like): introducer, code, data blocks, terminator.
+void append_gif_extension(std::vector<unsigned char>& file, unsigned char code,
+                          const std::vector<std::vector<unsigned char>>& blocks);
+
+std::vector<unsigned char> gif_start(const gif_spec& spec); // signature, screen and global palette
+void append_gif_frame(std::vector<unsigned char>& file, const gif_frame_spec& frame);
+std::vector<unsigned char> write_gif(const gif_spec& spec);

@@ -1,0 +1,14 @@
+// WebP files: pictures by the library's encoder, and containers byte by byte.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+// `rgba` holds width x height pixels of 4 bytes. With every alpha 255 the file has no alpha.
+std::vector<unsigned char> lossless_webp(int width, int height,
+                                         const std::vector<unsigned char>& rgba);
+std::vector<unsigned char> lossy_webp(int width, int height, const std::vector<unsigned char>& rgba,
+                                      float quality);
+
+// An animation's container with a canvas and no frame.
+std::vector<unsigned char> webp_animation_start(uint32_t width, uint32_t height, bool alpha);

@@ -66,23 +66,35 @@ int load_frame(GifFileType* gif)
     return GIF_OK;
 }
 
+int add_extension_block(GifFileType* gif, int code, GifByteType* data)
+{
+    return GifAddExtensionBlock(&gif->ExtensionBlockCount, &gif->ExtensionBlocks, code, data[0],
+                                data + 1);
+}
+
 // Each data block becomes a block of its own: the first with the extension's code, the others with
-// the library's code for a continuation.
+// the library's code for a continuation. `data` is a length, then bytes; null at the end of the
+// extension.
 int load_extension(GifFileType* gif)
 {
     int code = 0;
-    GifByteType* data = nullptr; // length, then bytes; null at the end of the extension
+    GifByteType* data = nullptr;
     if (DGifGetExtension(gif, &code, &data) == GIF_ERROR) {
         return GIF_ERROR;
     }
-    while (data != nullptr) {
-        if (GifAddExtensionBlock(&gif->ExtensionBlockCount, &gif->ExtensionBlocks, code, data[0],
-                                 data + 1) == GIF_ERROR ||
-            DGifGetExtensionNext(gif, &data) == GIF_ERROR) {
+    if (data != nullptr && add_extension_block(gif, code, data) == GIF_ERROR) {
+        return GIF_ERROR;
+    }
+    // Kept as in the library's loader: behind an extension without any data one more block is read.
+    do {
+        if (DGifGetExtensionNext(gif, &data) == GIF_ERROR) {
             return GIF_ERROR;
         }
-        code = CONTINUE_EXT_FUNC_CODE;
-    }
+        if (data != nullptr &&
+            add_extension_block(gif, CONTINUE_EXT_FUNC_CODE, data) == GIF_ERROR) {
+            return GIF_ERROR;
+        }
+    } while (data != nullptr);
     return GIF_OK;
 }
 

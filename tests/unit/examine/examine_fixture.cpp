@@ -1,0 +1,93 @@
+#include "tests/unit/examine/examine_fixture.h"
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "bin/examine/gif.h"
+#include "bin/examine/image_state.h"
+#include "bin/examine/jpeg_reader.h"
+#include "bin/examine/png.h"
+#include "bin/examine/tiff.h"
+#include "bin/examine/webp.h"
+#include "platform/media_item.h"
+
+namespace {
+
+void reset_examination()
+{
+    free_all_gif();
+    free_all_png_fileio();
+    reset_tiff();
+    reset_webp();
+    reset_jpeg_reader();
+    reset_image_state();
+}
+
+} // namespace
+
+size_t open_descriptors()
+{
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+void ExamineFixture::SetUp()
+{
+    scripted::reset();
+    failing_calls::plan = {};
+    reset_examination();
+    descriptors_at_start_ = open_descriptors();
+    testing::internal::CaptureStderr();
+    captured_ = true;
+}
+
+void ExamineFixture::TearDown()
+{
+    leave_stderr_alone();
+    failing_calls::plan = {};
+    reset_examination();
+    reset_examination();
+    scripted::reset();
+    EXPECT_EQ(open_descriptors(), descriptors_at_start_);
+}
+
+std::string ExamineFixture::printed()
+{
+    std::string text = testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    return text;
+}
+
+void ExamineFixture::leave_stderr_alone()
+{
+    if (captured_) {
+        testing::internal::GetCapturedStderr();
+        captured_ = false;
+    }
+}
+
+void ExamineFixture::add_entry(const std::string& name, const std::string& value, int tag)
+{
+    metadata_v4_metadata_context_add_name_value_pair(vexa_metadata, name.c_str(), 0, value.c_str(),
+                                                     0, tag);
+}
+
+std::vector<std::string> ExamineFixture::entries()
+{
+    std::vector<std::string> found;
+    for (size_t i = 0; i < metadata_v4_metadata_context_entry_count(vexa_metadata); ++i) {
+        const auto* entry = metadata_v4_metadata_context_read_entry(vexa_metadata, i);
+        if (entry != nullptr) {
+            found.push_back(std::string(entry->name) + "=" + entry->value);
+        }
+    }
+    return found;
+}
+
+std::vector<unsigned char> read_test_file(const std::string& path)
+{
+    std::ifstream file(STILLIMAGE_TEST_DATA "/" + path, std::ios::binary);
+    EXPECT_TRUE(file.is_open()) << path;
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}

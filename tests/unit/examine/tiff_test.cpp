@@ -1,0 +1,511 @@
+#include "bin/examine/image_state.h"
+#include "bin/examine/tiff.h"
+#include "platform/media_item.h"
+#include "tests/support/tiff_writer.h"
+#include "tests/unit/examine/examine_fixture.h"
+
+namespace {
+
+using bytes = std::vector<unsigned char>;
+
+// Strips that the library takes as they are; it cuts tall ones without compression into smaller
+// ones.
+constexpr uint32_t compression_lzw = 5;
+
+class TiffExamination : public ExamineFixture {
+protected:
+    static int examine(const tiff_spec& spec)
+    {
+        scripted::set_picture(write_tiff(spec));
+        return examine_tiff_file();
+    }
+
+    // Refused with `message` as the last line, and closed.
+    void expect_refusal(const tiff_spec& spec, const std::string& message)
+    {
+        EXPECT_EQ(examine(spec), 1);
+        const std::string text = printed();
+        ASSERT_GE(text.size(), message.size());
+        EXPECT_EQ(text.substr(text.size() - message.size()), message) << text;
+        EXPECT_EQ(tiff_image, nullptr);
+        EXPECT_EQ(tiff_bps, 0U);
+        EXPECT_EQ(tiff_strips, 0U);
+    }
+
+    bool has_printed(const std::string& part) { return printed().find(part) != std::string::npos; }
+};
+
+TEST_F(TiffExamination, TagsAreReadReportedAndPublished)
+{
+    tiff_spec spec = plain_tiff(40, 17, 3, 2);
+    spec.set_short(274, {3});
+    spec.set_long(278, {17});
+    image_chroma_x_shift = image_chroma_y_shift = 2;
+    ASSERT_EQ(examine(spec), 0);
+    EXPECT_EQ(printed(),
+              "TIFF inkset not available\n"
+              "TIFF: 40 x 17 8-bit/sample 3 sample/pixel fill=1 photo=2 orient=3 inkset=0\n"
+              "      1 strips with 2040 pixels 17 rows per strip (120 per line)\n");
+    EXPECT_EQ(tiff_bps, 8U);
+    EXPECT_EQ(tiff_orientation, 3U);
+    EXPECT_EQ(tiff_spp, 3U);
+    EXPECT_EQ(tiff_fillorder, 1U);
+    EXPECT_EQ(tiff_photometric, 2U);
+    EXPECT_EQ(tiff_width, 40U);
+    EXPECT_EQ(tiff_height, 17U);
+    EXPECT_EQ(tiff_stripheight, 17U);
+    EXPECT_EQ(tiff_inkset, 0U);
+    EXPECT_EQ(tiff_bytes_per_row, 120U);
+    EXPECT_EQ(tiff_stripsize, 2040U);
+    EXPECT_EQ(tiff_strips, 1U);
+    EXPECT_EQ(image_width, 40);
+    EXPECT_EQ(image_height, 17);
+    EXPECT_EQ(image_buffer_height, 32);
+    EXPECT_EQ(image_chroma_x_shift, 0);
+    EXPECT_EQ(image_chroma_y_shift, 0);
+    EXPECT_NE(tiff_image, nullptr);
+}
+
+TEST_F(TiffExamination, BigEndianTagsReadTheSame)
+{
+    tiff_spec spec = plain_tiff(40, 17, 3, 2);
+    spec.big_endian = true;
+    ASSERT_EQ(examine(spec), 0);
+    EXPECT_EQ(tiff_bps, 8U);
+    EXPECT_EQ(tiff_orientation, 1U);
+    EXPECT_EQ(tiff_spp, 3U);
+    EXPECT_EQ(tiff_fillorder, 1U);
+    EXPECT_EQ(tiff_photometric, 2U);
+    EXPECT_EQ(tiff_width, 40U);
+    EXPECT_EQ(tiff_height, 17U);
+}
+
+TEST_F(TiffExamination, UpperHalvesOfShortTagsAreZero)
+{
+    tiff_bps = tiff_orientation = tiff_spp = tiff_fillorder = UINT32_MAX;
+    tiff_photometric = tiff_inkset = UINT32_MAX;
+    ASSERT_EQ(examine(plain_tiff(4, 4, 4, 5)), 0);
+    EXPECT_EQ(tiff_bps, 8U);
+    EXPECT_EQ(tiff_orientation, 1U);
+    EXPECT_EQ(tiff_spp, 4U);
+    EXPECT_EQ(tiff_fillorder, 1U);
+    EXPECT_EQ(tiff_photometric, 5U);
+    EXPECT_EQ(tiff_inkset, 1U);
+}
+
+// --- tags ---------------------------------------------------------------------------------------
+
+struct tag_case {
+    const char* name;
+    uint32_t tag;
+    bool mandatory;
+    const char* message;
+};
+
+class TiffTag : public TiffExamination, public testing::WithParamInterface<tag_case> {};
+
+TEST_P(TiffTag, AbsenceIsToldAndMandatoryOnesRefuse)
+{
+    failing_calls::plan.tiff_tag = GetParam().tag;
+    const int result = examine(plain_tiff(4, 4, 4, 5));
+    EXPECT_EQ(result, GetParam().mandatory ? 1 : 0);
+    EXPECT_EQ(tiff_image == nullptr, GetParam().mandatory);
+    EXPECT_EQ(printed().substr(0, std::string(GetParam().message).size()), GetParam().message);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Tags, TiffTag,
+    testing::Values(tag_case{"Bps", 258, true, "TIFF bits per sample not available\n"},
+                    tag_case{"Orientation", 274, false, "TIFF orientation not available\n"},
+                    tag_case{"Spp", 277, true, "TIFF samples/pixel not available\n"},
+                    tag_case{"Fillorder", 266, false, "TIFF fillorder not available\n"},
+                    tag_case{"Photometric", 262, true, "TIFF photometric not available\n"},
+                    tag_case{"Width", 256, true, "TIFF width not available\n"},
+                    tag_case{"Length", 257, true, "TIFF length not available\n"},
+                    tag_case{"StripHeight", 278, true, "TIFF strip height not available\n"}),
+    [](const auto& tag) { return tag.param.name; });
+
+TEST_F(TiffExamination, InkSetIsOptionalButCmykNeedsIt)
+{
+    tiff_spec spec = plain_tiff(4, 4, 4, 5);
+    spec.tags.erase(332);
+    EXPECT_EQ(examine(spec), 1);
+    const std::string text = printed();
+    EXPECT_EQ(text.find("TIFF inkset not available\n"), 0U);
+    EXPECT_NE(text.find("Unknown TIFF color format\n"), std::string::npos);
+}
+
+TEST_F(TiffExamination, OptionalTagsReadZeroWhenAbsent)
+{
+    tiff_spec spec = plain_tiff(4, 4, 1, 1);
+    tiff_orientation = tiff_fillorder = tiff_inkset = 9;
+    spec.tags.erase(274);
+    spec.tags.erase(266);
+    ASSERT_EQ(examine(spec), 0);
+    EXPECT_EQ(tiff_orientation, 0U);
+    EXPECT_EQ(tiff_fillorder, 0U);
+    EXPECT_EQ(tiff_inkset, 0U);
+    EXPECT_EQ(printed().find("TIFF orientation not available\n"
+                             "TIFF fillorder not available\n"
+                             "TIFF inkset not available\n"
+                             "TIFF: 4 x 4 "),
+              0U);
+}
+
+TEST_F(TiffExamination, TilesWithoutAStripHeightAreRefused)
+{
+    tiff_spec spec = plain_tiff(16, 16, 1, 1);
+    spec.tags.erase(278);
+    spec.set_short(322, {16});
+    spec.set_short(323, {16});
+    spec.set_long(324, {8});
+    spec.set_long(325, {256});
+    expect_refusal(spec, "TIFF strip height not available\n");
+}
+
+TEST_F(TiffExamination, TilesWithAStripHeightPass)
+{
+    tiff_spec spec = plain_tiff(16, 16, 1, 1);
+    spec.set_short(322, {16});
+    spec.set_short(323, {16});
+    spec.set_long(324, {8});
+    spec.set_long(325, {256});
+    EXPECT_EQ(examine(spec), 0);
+}
+
+// --- strips -------------------------------------------------------------------------------------
+
+TEST_F(TiffExamination, SeparatePlanesAreNotRefused)
+{
+    tiff_spec spec = plain_tiff(4, 4, 3, 2);
+    spec.set_short(284, {2});
+    spec.strips.assign(3, bytes(16));
+    EXPECT_EQ(examine(spec), 0);
+}
+
+TEST_F(TiffExamination, PlanarIsRefusedOnlyWhenTheFailedQueryStillSaysSo)
+{
+    failing_calls::plan.tiff_tag = 284;
+    failing_calls::plan.tiff_value = 2;
+    expect_refusal(plain_tiff(4, 4, 3, 2), "TIFF must not be planar\n");
+    failing_calls::plan.tiff_value = 1;
+    EXPECT_EQ(examine(plain_tiff(4, 4, 3, 2)), 0);
+}
+
+TEST_F(TiffExamination, NoStripsAreRefused)
+{
+    failing_calls::plan.tiff_no_strips = true;
+    expect_refusal(plain_tiff(4, 4, 3, 2), "TIFF strip info not available\n");
+}
+
+TEST_F(TiffExamination, EmptyStripsAreRefused)
+{
+    failing_calls::plan.tiff_no_strip_size = true;
+    expect_refusal(plain_tiff(4, 4, 3, 2), "TIFF strip info not available\n");
+}
+
+TEST_F(TiffExamination, EmptyRowsAreRefusedAfterTheReport)
+{
+    failing_calls::plan.tiff_no_scanline = true;
+    expect_refusal(plain_tiff(4, 4, 3, 2),
+                   "      1 strips with 48 pixels 4 rows per strip (0 per line)\n"
+                   "Invalid strip info\n");
+}
+
+TEST_F(TiffExamination, RowsPerStripBeyondTheHeightIsReportedRaw)
+{
+    tiff_spec spec = plain_tiff(4, 4, 1, 1);
+    spec.set_short(259, {compression_lzw});
+    spec.set_long(278, {0xFFFFFFFF});
+    ASSERT_EQ(examine(spec), 0);
+    EXPECT_EQ(tiff_stripheight, 0xFFFFFFFF);
+    EXPECT_TRUE(has_printed(" -1 rows per strip (4 per line)\n"));
+}
+
+TEST_F(TiffExamination, StripSizeIsKeptInThirtyTwoBits)
+{
+    // 16384 x 16384 x 64 bits: 2^31 bytes; with 128 bits 2^32, of which 32 bits keep nothing.
+    tiff_spec spec = plain_tiff(1, 1, 1, 1);
+    spec.set_short(259, {compression_lzw});
+    spec.set_long(256, {16384});
+    spec.set_long(257, {16384});
+    spec.set_long(278, {16384});
+    spec.set_short(258, {64});
+    ASSERT_EQ(examine(spec), 0);
+    EXPECT_EQ(tiff_stripsize, 0x80000000U);
+    free_all_tiff();
+    printed();
+    spec.set_short(258, {128});
+    expect_refusal(spec, "TIFF strip info not available\n");
+}
+
+// --- size and samples ---------------------------------------------------------------------------
+
+tiff_spec sized(uint32_t width, uint32_t height)
+{
+    tiff_spec spec = plain_tiff(1, 1, 1, 1);
+    spec.set_long(256, {width});
+    spec.set_long(257, {height});
+    spec.set_long(278, {1});
+    spec.set_long(273, std::vector<uint32_t>(height, 8));
+    spec.set_long(279, std::vector<uint32_t>(height, width));
+    return spec;
+}
+
+TEST_F(TiffExamination, LargestSizePasses)
+{
+    ASSERT_EQ(examine(sized(16384, 16384)), 0);
+    EXPECT_EQ(image_width, 16384);
+    EXPECT_EQ(image_height, 16384);
+    EXPECT_EQ(image_buffer_height, 16384);
+}
+
+TEST_F(TiffExamination, LargerSizesAreRefused)
+{
+    expect_refusal(sized(16385, 1), "Too large or invalid TIFF dimensions\n");
+    expect_refusal(sized(1, 16385), "Too large or invalid TIFF dimensions\n");
+    expect_refusal(sized(0x7FFFFFFF, 1), "Too large or invalid TIFF dimensions\n");
+}
+
+TEST_F(TiffExamination, EmptySizesAreRefused)
+{
+    EXPECT_EQ(examine(sized(0, 1)), 1);
+    EXPECT_EQ(examine(sized(1, 0)), 1);
+    EXPECT_EQ(tiff_image, nullptr);
+}
+
+TEST_F(TiffExamination, SixSamplesPassAndSevenDoNot)
+{
+    EXPECT_EQ(examine(plain_tiff(4, 4, 6, 2)), 0);
+    free_all_tiff();
+    expect_refusal(plain_tiff(4, 4, 7, 2), "Too many channels\n");
+}
+
+// --- colour models ------------------------------------------------------------------------------
+
+struct model_case {
+    const char* name;
+    uint32_t photometric;
+    uint32_t samples;
+    int is_monochrome;
+    int has_alpha;
+};
+
+class TiffModel : public TiffExamination, public testing::WithParamInterface<model_case> {};
+
+TEST_P(TiffModel, DecidesThePlanes)
+{
+    const model_case& model = GetParam();
+    image_is_monochrome = image_has_alpha_channel = 7;
+    ASSERT_EQ(examine(plain_tiff(4, 4, model.samples, model.photometric)), 0);
+    EXPECT_EQ(image_is_monochrome, model.is_monochrome);
+    EXPECT_EQ(image_has_alpha_channel, model.has_alpha);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Models, TiffModel,
+    testing::Values(model_case{"Rgb", 2, 3, 0, 0}, model_case{"RgbAlpha", 2, 4, 0, 1},
+                    model_case{"RgbSix", 2, 6, 0, 1}, model_case{"Ycbcr", 6, 3, 0, 0},
+                    model_case{"White", 0, 1, 1, 0}, model_case{"WhiteAlpha", 0, 2, 1, 1},
+                    model_case{"Black", 1, 1, 1, 0}, model_case{"BlackAlpha", 1, 2, 1, 1},
+                    model_case{"Palette", 3, 1, 0, 0}, model_case{"PaletteTwo", 3, 2, 0, 0},
+                    model_case{"Cmyk", 5, 4, 0, 0}, model_case{"CmykAlpha", 5, 5, 0, 1}),
+    [](const auto& model) { return model.param.name; });
+
+struct too_few_case {
+    const char* name;
+    uint32_t photometric;
+    uint32_t samples;
+    const char* message;
+};
+
+class TiffTooFew : public TiffExamination, public testing::WithParamInterface<too_few_case> {};
+
+TEST_P(TiffTooFew, AreRefused)
+{
+    expect_refusal(plain_tiff(4, 4, GetParam().samples, GetParam().photometric),
+                   GetParam().message);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Models, TiffTooFew,
+    testing::Values(too_few_case{"Rgb", 2, 2, "RGB format requires at least 3 channels\n"},
+                    too_few_case{"Cmyk", 5, 3, "cmyk format requires at least 4 channels\n"}),
+    [](const auto& model) { return model.param.name; });
+
+TEST_F(TiffExamination, YcbcrWantsThreeSamplesAndTakesAFourthAsAlpha)
+{
+    // The library itself opens such files with three samples only.
+    failing_calls::plan.tiff_samples = 2;
+    expect_refusal(plain_tiff(4, 4, 3, 6), "YCbCr format requires at least 3 channels\n");
+    failing_calls::plan.tiff_samples = 4;
+    ASSERT_EQ(examine(plain_tiff(4, 4, 3, 6)), 0);
+    EXPECT_EQ(image_is_monochrome, 0);
+    EXPECT_EQ(image_has_alpha_channel, 1);
+}
+
+TEST_F(TiffExamination, NoSampleAtAllIsRefusedByEachModel)
+{
+    // No file can say so: the library makes it one. The tag is read as 0 all the same.
+    for (const auto& [photometric, message] :
+         {std::pair{0U, "white/black grayscale format requires at least 1 channel\n"},
+          std::pair{1U, "white/black grayscale format requires at least 1 channel\n"},
+          std::pair{3U, "palettized format requires at least 1 channel\n"}}) {
+        failing_calls::plan.tiff_samples = 0;
+        expect_refusal(plain_tiff(4, 4, 1, photometric), message);
+    }
+}
+
+TEST_F(TiffExamination, OtherModelsAreUnknown)
+{
+    for (const uint32_t photometric : {4U, 8U, 9U, 32844U, 32845U, 12345U}) {
+        expect_refusal(plain_tiff(4, 4, photometric == 4 ? 1 : 3, photometric),
+                       "Unknown TIFF color format\n");
+    }
+}
+
+TEST_F(TiffExamination, OtherInkSetsAreUnknown)
+{
+    for (const uint32_t ink_set : {0U, 2U, 3U}) {
+        tiff_spec spec = plain_tiff(4, 4, 4, 5);
+        spec.set_short(332, {ink_set});
+        expect_refusal(spec, "Unknown TIFF color format\n");
+    }
+}
+
+// --- chroma subsampling -------------------------------------------------------------------------
+
+TEST_F(TiffExamination, SubsamplingGivesTheShifts)
+{
+    for (const auto& [factor, shift] : {std::pair{1U, 0}, std::pair{2U, 1}, std::pair{4U, 2}}) {
+        tiff_spec spec = plain_tiff(16, 16, 3, 6);
+        spec.set_short(530, {factor, 1});
+        ASSERT_EQ(examine(spec), 0);
+        EXPECT_EQ(image_chroma_x_shift, shift);
+        EXPECT_EQ(image_chroma_y_shift, 0);
+        EXPECT_TRUE(has_printed("YCbCr subsampling: " + std::to_string(factor) + ", 1\n"));
+        free_all_tiff();
+    }
+    tiff_spec spec = plain_tiff(16, 16, 3, 6);
+    spec.set_short(530, {4, 2});
+    ASSERT_EQ(examine(spec), 0);
+    EXPECT_EQ(image_chroma_x_shift, 2);
+    EXPECT_EQ(image_chroma_y_shift, 1);
+}
+
+TEST_F(TiffExamination, MissingSubsamplingIsTwoByTwoAfterAWarning)
+{
+    ASSERT_EQ(examine(plain_tiff(16, 16, 3, 6)), 0);
+    EXPECT_EQ(image_chroma_x_shift, 1);
+    EXPECT_EQ(image_chroma_y_shift, 1);
+    EXPECT_TRUE(has_printed("Warning: TIFF library does not provide YCbCr subsampling info\n"
+                            "YCbCr subsampling: 2, 2\n"));
+}
+
+TEST_F(TiffExamination, SubsamplingByThreeIsRefused)
+{
+    for (const auto& factors : {std::pair{3U, 1U}, std::pair{1U, 3U}, std::pair{0U, 1U},
+                                std::pair{1U, 8U}, std::pair{5U, 5U}}) {
+        tiff_spec spec = plain_tiff(16, 16, 3, 6);
+        spec.set_short(530, {factors.first, factors.second});
+        EXPECT_EQ(examine(spec), 1);
+        EXPECT_EQ(tiff_image, nullptr);
+    }
+    tiff_spec spec = plain_tiff(16, 16, 3, 6);
+    spec.set_short(530, {1, 2});
+    failing_calls::plan.tiff_factors = {1, 3};
+    expect_refusal(spec, "YCbCr subsampling: 1, 3\nInvalid YCbCr subsampling\n");
+    failing_calls::plan.tiff_factors = {3, 1};
+    expect_refusal(spec, "YCbCr subsampling: 3, 1\nInvalid YCbCr subsampling\n");
+}
+
+// --- opening and closing ------------------------------------------------------------------------
+
+TEST_F(TiffExamination, SecondExaminationIsABugAndKeepsTheFirst)
+{
+    ASSERT_EQ(examine(plain_tiff(4, 4, 1, 1)), 0);
+    printed();
+    TIFF* const image = tiff_image;
+    EXPECT_EQ(examine_tiff_file(), 1);
+    EXPECT_EQ(printed(), "BUG: examine_tiff_file() when already opened\n");
+    EXPECT_EQ(tiff_image, image);
+    EXPECT_EQ(tiff_width, 4U);
+}
+
+TEST_F(TiffExamination, NoFileHandleLeavesTheStateZeroed)
+{
+    tiff_width = tiff_height = tiff_orientation = tiff_inkset = tiff_bps = 9;
+    scripted::plan.file_handle_fails = true;
+    EXPECT_EQ(examine(plain_tiff(4, 4, 1, 1)), 1);
+    EXPECT_EQ(printed(), "Unable to get file handle\n");
+    EXPECT_EQ(tiff_width + tiff_height + tiff_orientation + tiff_inkset + tiff_bps, 0U);
+}
+
+TEST_F(TiffExamination, FileThatIsNoTiffIsRefused)
+{
+    scripted::set_picture(bytes(100, 'x'));
+    EXPECT_EQ(examine_tiff_file(), 1);
+    const std::string text = printed();
+    EXPECT_EQ(text.substr(text.find('\n') + 1), "TIFF did not open file\n");
+    EXPECT_EQ(text.substr(0, 20), "TIFF ERROR: picture:");
+}
+
+TEST_F(TiffExamination, CutAtEveryByteIsRefusedOrAccepted)
+{
+    const bytes whole = write_tiff(plain_tiff(4, 4, 3, 2));
+    for (size_t length = 0; length < whole.size(); ++length) {
+        scripted::set_picture(bytes(whole.begin(), whole.begin() + long(length)));
+        examine_tiff_file();
+        free_all_tiff();
+    }
+    EXPECT_EQ(tiff_image, nullptr);
+}
+
+TEST_F(TiffExamination, DirectoryThatClaimsGigabytesIsRefused)
+{
+    tiff_spec spec = plain_tiff(4, 4, 1, 1);
+    bytes file = write_tiff(spec);
+    // The strip sizes' count, in a directory that stands behind a strip of 16 bytes.
+    const size_t directory = 24;
+    for (size_t entry = directory + 2; entry + 12 <= file.size(); entry += 12) {
+        if (file[entry] == (279 & 0xFF) && file[entry + 1] == 279 >> 8) {
+            file[entry + 7] = 0x3F; // 2^30 of them
+        }
+    }
+    scripted::set_picture(file);
+    examine_tiff_file(); // whatever the verdict: no such memory is taken
+}
+
+TEST_F(TiffExamination, LibraryMessagesAreOneLineEachWhateverTheFileIsCalled)
+{
+    scripted::set_picture(bytes(100, 'x'));
+    vexa_meta->file_name = "two\nlines\x1B[31m%n%s";
+    EXPECT_EQ(examine_tiff_file(), 1);
+    const std::string text = printed();
+    EXPECT_EQ(text.substr(0, 35), "TIFF ERROR: two?lines?[31m%n%s: Not");
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
+}
+
+TEST_F(TiffExamination, CleanUpKeepsSizeOrientationAndInkSet)
+{
+    ASSERT_EQ(examine(plain_tiff(4, 5, 4, 5)), 0);
+    printed();
+    free_all_tiff();
+    EXPECT_EQ(tiff_image, nullptr);
+    EXPECT_EQ(tiff_bps, 0U);
+    EXPECT_EQ(tiff_spp, 0U);
+    EXPECT_EQ(tiff_fillorder, 0U);
+    EXPECT_EQ(tiff_photometric, 0U);
+    EXPECT_EQ(tiff_stripheight, 0U);
+    EXPECT_EQ(tiff_bytes_per_row, 0U);
+    EXPECT_EQ(tiff_stripsize, 0U);
+    EXPECT_EQ(tiff_strips, 0U);
+    EXPECT_EQ(tiff_width, 4U);
+    EXPECT_EQ(tiff_height, 5U);
+    EXPECT_EQ(tiff_orientation, 1U);
+    EXPECT_EQ(tiff_inkset, 1U);
+    free_all_tiff();
+    EXPECT_EQ(printed(), "");
+}
+
+} // namespace

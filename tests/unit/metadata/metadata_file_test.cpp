@@ -1,0 +1,452 @@
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/standalone/base/file_lock.h"
+#include "platform/standalone/base/unique_fd.h"
+#include "platform/standalone/metadata/metadata_file.h"
+#include "tests/support/child_process.h"
+#include "tests/support/failing_files.h"
+#include "tests/unit/metadata/metadata_fixture.h"
+
+namespace {
+
+using failing_files::fate;
+using platform::entry_update;
+using platform::load_metadata;
+using platform::store_metadata;
+using platform::update_stored_metadata;
+using strings = std::vector<std::string>;
+
+class MetadataFile : public testing::Test {
+protected:
+    MetadataFile() { failing_files::arm(0, fate::FAIL); }
+
+    list_owner load() { return {load_metadata(store), platform::free_metadata_list}; }
+
+    // Loads while collecting what is printed.
+    list_owner load_told()
+    {
+        list_owner list(nullptr, platform::free_metadata_list);
+        told = printed_by([&] { list = load(); });
+        return list;
+    }
+
+    int store_told(const list_owner& list)
+    {
+        int result = 0;
+        told = printed_by([&] { result = store_metadata(store, list.get()); });
+        return result;
+    }
+
+    int update_told(std::string_view name, std::string_view value)
+    {
+        const entry_update update = {.name = name, .value = value};
+        int result = 0;
+        told = printed_by([&] { result = update_stored_metadata(store, {&update, 1}); });
+        return result;
+    }
+
+    temporary_folder folder;
+    platform::metadata_store store = store_in(folder);
+    std::string told;
+};
+
+TEST_F(MetadataFile, MissingFileGivesANewList)
+{
+    const list_owner list = load_told();
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(list->entries, 0U);
+    EXPECT_EQ(told, "");
+    EXPECT_EQ(folder.names(), strings{});
+}
+
+TEST_F(MetadataFile, StoredListIsLoadedAgain)
+{
+    const list_owner list = load();
+    platform::set_item_entry(list.get(), "a", "1\n2");
+    ASSERT_EQ(store_metadata(store, list.get()), 0);
+    EXPECT_STREQ(platform::find_item_entry(load().get(), "a")->value, "1\n2");
+    struct stat status = {};
+    ASSERT_EQ(stat(folder.path("metadata").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+}
+
+TEST_F(MetadataFile, ForeignEntriesCommentsAndOrderSurvive)
+{
+    constexpr const char* text =
+        "# mine\nzebra = 1\n\n[4] colour = red\nfile type = image/png\n#end\n";
+    folder.write("metadata", text);
+    const list_owner list = load();
+    ASSERT_EQ(store_metadata(store, list.get()), 0);
+    EXPECT_EQ(folder.read("metadata"), text);
+}
+
+TEST_F(MetadataFile, ListMayBeStoredAgain)
+{
+    const list_owner list = load();
+    ASSERT_EQ(store_metadata(store, list.get()), 0);
+    platform::set_item_entry(list.get(), "a", "1");
+    ASSERT_EQ(store_told(list), 0);
+    EXPECT_EQ(told, "");
+    EXPECT_NE(folder.read("metadata").find("a = 1\n"), std::string::npos);
+}
+
+TEST_F(MetadataFile, DamagedFileIsToldSetAsideAndANewOneIsWritten)
+{
+    folder.write("metadata", "a = 1\nnonsense\n");
+    const list_owner list = load_told();
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(told, "Damaged metadata file 'META': line 2: neither an entry (name = value) nor a "
+                    "comment\n"
+                    "Metadata file set aside 'META': now named metadata.damaged-1\n");
+    EXPECT_EQ(list->entries, 0U) << "never a part of a damaged file";
+    EXPECT_EQ(folder.read("metadata.damaged-1"), "a = 1\nnonsense\n");
+    EXPECT_FALSE(folder.has("metadata"));
+    EXPECT_EQ(store_metadata(store, list.get()), 0);
+    EXPECT_TRUE(folder.has("metadata"));
+}
+
+TEST_F(MetadataFile, FilesSetAsideDoNotOverwriteEachOther)
+{
+    for (const char* text : {"one", "two", "three"}) {
+        folder.write("metadata", text);
+        load_told();
+    }
+    EXPECT_EQ(folder.read("metadata.damaged-1"), "one");
+    EXPECT_EQ(folder.read("metadata.damaged-2"), "two");
+    EXPECT_EQ(folder.read("metadata.damaged-3"), "three");
+}
+
+TEST_F(MetadataFile, TooManySetAsideLeaveTheDamagedFileInPlaceUnwritten)
+{
+    for (int number = 1; number <= platform::max_set_aside; ++number) {
+        folder.write("metadata.damaged-" + std::to_string(number), "");
+    }
+    folder.write("metadata", "nonsense");
+    const list_owner list = load_told();
+    EXPECT_NE(told.find("Cannot set aside metadata file 'META': too many were set aside before\n"),
+              std::string::npos);
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(store_told(list), -1);
+    EXPECT_EQ(told, "Cannot write metadata file 'META': the damaged file is still in its place\n");
+    EXPECT_EQ(folder.read("metadata"), "nonsense");
+}
+
+TEST_F(MetadataFile, FailingSetAsideLeavesTheDamagedFileInPlaceUnwritten)
+{
+    folder.write("metadata", "nonsense");
+    store.operations = &failing_files::operations;
+    failing_files::arm(1, fate::FAIL, EROFS);
+    const list_owner list = load_told();
+    EXPECT_NE(told.find("Cannot set aside metadata file 'META': Read-only file system\n"),
+              std::string::npos);
+    failing_files::arm(0, fate::FAIL);
+    EXPECT_EQ(store_told(list), -1);
+    EXPECT_EQ(folder.read("metadata"), "nonsense");
+}
+
+TEST_F(MetadataFile, DamagedFileIsLeftAloneWhileAnotherProcessHoldsTheLock)
+{
+    folder.write("metadata", "nonsense");
+    platform::file_lock other;
+    ASSERT_EQ(other.take(folder.fd(), "metadata.lock", 0), platform::lock_result::TAKEN);
+    const list_owner list = load_told();
+    EXPECT_NE(told.find("Cannot set aside metadata file 'META': another process holds its lock\n"),
+              std::string::npos);
+    other.release();
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(store_told(list), -1);
+    EXPECT_EQ(folder.read("metadata"), "nonsense");
+}
+
+TEST_F(MetadataFile, HugeFileIsRefusedUnread)
+{
+    folder.write("metadata", "");
+    ASSERT_EQ(truncate(folder.path("metadata").c_str(), 1 << 30), 0);
+    const list_owner list = load_told();
+    EXPECT_EQ(told, "Damaged metadata file 'META': the file is too large\n"
+                    "Metadata file set aside 'META': now named metadata.damaged-1\n");
+    ASSERT_NE(list, nullptr);
+}
+
+// Memory for its bytes could not be had: asking for it would end the child.
+TEST_F(MetadataFile, HugeFileCostsNoMemory)
+{
+    folder.write("metadata", "");
+    ASSERT_EQ(truncate(folder.path("metadata").c_str(), INT64_C(1) << 40), 0);
+    EXPECT_EQ(run_in_child([&] {
+                  return load_told() != nullptr && folder.has("metadata.damaged-1") ? 0 : 1;
+              }),
+              0);
+}
+
+TEST_F(MetadataFile, LargestFileIsLoaded)
+{
+    folder.write("metadata", "a = 1\n" + std::string(platform::max_metadata_file - 6, '\n'));
+    const list_owner list = load_told();
+    EXPECT_EQ(told, "");
+    EXPECT_EQ(list->entries, 1U);
+}
+
+TEST_F(MetadataFile, WhatIsNoRegularFileIsSetAside)
+{
+    folder.write("target", "a = 1\n");
+    ASSERT_EQ(symlink("target", folder.path("metadata").c_str()), 0);
+    load_told();
+    ASSERT_EQ(mkfifo(folder.path("metadata").c_str(), 0600), 0);
+    load_told();
+    ASSERT_EQ(mkdir(folder.path("metadata").c_str(), 0700), 0);
+    load_told();
+    const platform::unique_fd socket_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, folder.path("metadata").c_str(), sizeof(address.sun_path) - 1);
+    ASSERT_EQ(bind(socket_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+              0);
+    load_told();
+    EXPECT_EQ(told, "Damaged metadata file 'META': not a regular file\n"
+                    "Metadata file set aside 'META': now named metadata.damaged-4\n");
+    EXPECT_EQ(folder.names(),
+              (strings{"metadata.damaged-1", "metadata.damaged-2", "metadata.damaged-3",
+                       "metadata.damaged-4", "metadata.lock", "target"}));
+    EXPECT_EQ(folder.read("target"), "a = 1\n");
+}
+
+TEST_F(MetadataFile, UnreadableFileIsSetAside)
+{
+    folder.write("metadata", "a = 1\n");
+    ASSERT_EQ(chmod(folder.path("metadata").c_str(), 0), 0);
+    ASSERT_EQ(chmod(folder.path().c_str(), 0777), 0);
+    EXPECT_EQ(run_without_privileges([&] {
+                  const list_owner list = load_told();
+                  EXPECT_EQ(told, "Damaged metadata file 'META': Permission denied\n"
+                                  "Metadata file set aside 'META': now named metadata.damaged-1\n");
+                  return list != nullptr && list->entries == 0 && !HasFailure() ? 0 : 1;
+              }),
+              0);
+    EXPECT_TRUE(folder.has("metadata.damaged-1"));
+}
+
+TEST_F(MetadataFile, LackOfDescriptorsIsNotTheFilesFault)
+{
+    folder.write("metadata", "a = 1\n");
+    EXPECT_EQ(run_in_child([&] {
+                  testing::internal::CaptureStderr();
+                  const rlimit none = {0, 0};
+                  setrlimit(RLIMIT_NOFILE, &none);
+                  return load_metadata(store) == nullptr ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(folder.names(), strings{"metadata"});
+}
+
+TEST_F(MetadataFile, ListIsNotWrittenOverAnothersChange)
+{
+    folder.write("metadata", "a = 1\n");
+    const list_owner list = load();
+    const list_owner second = load();
+    platform::set_item_entry(list.get(), "a", "first");
+    platform::set_item_entry(second.get(), "a", "second");
+    ASSERT_EQ(store_metadata(store, list.get()), 0);
+    EXPECT_EQ(store_told(second), -1);
+    EXPECT_EQ(told,
+              "Cannot write metadata file 'META': another process has changed it meanwhile\n");
+    EXPECT_EQ(folder.read("metadata"), "a = first\n");
+}
+
+TEST_F(MetadataFile, FileThatAppearedOrWentIsAChangeToo)
+{
+    const list_owner from_nothing = load();
+    folder.write("metadata", "a = 1\n");
+    EXPECT_EQ(store_told(from_nothing), -1);
+    const list_owner from_file = load();
+    ASSERT_EQ(unlink(folder.path("metadata").c_str()), 0);
+    EXPECT_EQ(store_told(from_file), -1);
+    EXPECT_FALSE(folder.has("metadata"));
+}
+
+TEST_F(MetadataFile, LoserOfTheLockSaysSoAndDoesNotWrite)
+{
+    folder.write("metadata", "a = 1\n");
+    const list_owner list = load();
+    platform::file_lock other;
+    ASSERT_EQ(other.take(folder.fd(), "metadata.lock", 0), platform::lock_result::TAKEN);
+    EXPECT_EQ(store_told(list), -1);
+    EXPECT_EQ(told, "Cannot write metadata file 'META': another process holds its lock\n");
+    EXPECT_EQ(update_told("a", "2"), -1);
+    EXPECT_EQ(told, "Cannot write metadata file 'META': another process holds its lock\n");
+    EXPECT_EQ(folder.read("metadata"), "a = 1\n");
+}
+
+TEST_F(MetadataFile, StopEndsTheWaitForTheLock)
+{
+    const std::atomic<int> stop = 1;
+    store.stop = &stop;
+    store.lock_limit_us = UINT64_MAX;
+    const list_owner list = load();
+    platform::file_lock other;
+    ASSERT_EQ(other.take(folder.fd(), "metadata.lock", 0), platform::lock_result::TAKEN);
+    EXPECT_EQ(store_told(list), -1);
+}
+
+TEST_F(MetadataFile, LockThatCannotBeHadIsTold)
+{
+    const list_owner list = load();
+    ASSERT_EQ(mkdir(folder.path("metadata.lock").c_str(), 0700), 0);
+    EXPECT_EQ(store_told(list), -1);
+    EXPECT_EQ(told,
+              "Cannot write metadata file 'META': its lock cannot be taken: Is a directory\n");
+}
+
+TEST_F(MetadataFile, LockIsFreeAfterwards)
+{
+    const list_owner list = load();
+    ASSERT_EQ(store_metadata(store, list.get()), 0);
+    platform::file_lock lock;
+    EXPECT_EQ(lock.take(folder.fd(), "metadata.lock", 0), platform::lock_result::TAKEN);
+}
+
+struct failing_step {
+    int call;
+    const char* told;
+};
+
+class MetadataFileFailure : public testing::TestWithParam<failing_step> {};
+
+TEST_P(MetadataFileFailure, IsToldAndLeavesTheOldFile)
+{
+    const temporary_folder folder;
+    platform::metadata_store store = store_in(folder);
+    folder.write("metadata", "a = 1\n");
+    const list_owner list(load_metadata(store), platform::free_metadata_list);
+    platform::set_item_entry(list.get(), "a", "2");
+    store.operations = &failing_files::operations;
+    failing_files::arm(GetParam().call, fate::FAIL, EDQUOT);
+    const std::string told = printed_by([&] { EXPECT_EQ(store_metadata(store, list.get()), -1); });
+    EXPECT_EQ(told, GetParam().told);
+    EXPECT_EQ(folder.read("metadata"), "a = 1\n");
+    EXPECT_EQ(folder.names(), (strings{"metadata", "metadata.lock"}));
+    failing_files::arm(0, fate::FAIL);
+    EXPECT_EQ(store_metadata(store, list.get()), 0) << "a later try is free to succeed";
+    EXPECT_EQ(folder.read("metadata"), "a = 2\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachStep, MetadataFileFailure,
+    testing::Values(failing_step{1, "Cannot create metadata file 'META': Disk quota exceeded\n"},
+                    failing_step{2, "Cannot write metadata file 'META': Disk quota exceeded\n"},
+                    failing_step{
+                        3, "Cannot set the mode of metadata file 'META': Disk quota exceeded\n"},
+                    failing_step{4, "Cannot sync metadata file 'META': Disk quota exceeded\n"},
+                    failing_step{5, "Cannot rename metadata file 'META': Disk quota exceeded\n"}));
+
+TEST_F(MetadataFile, FailingSyncOfTheFolderIsToldWithTheNewFileInPlace)
+{
+    folder.write("metadata", "a = 1\n");
+    const list_owner list = load();
+    platform::set_item_entry(list.get(), "a", "2");
+    store.operations = &failing_files::operations;
+    failing_files::arm(6, fate::FAIL, EIO);
+    EXPECT_EQ(store_told(list), -1);
+    EXPECT_EQ(told, "Cannot sync the folder of metadata file 'META': Input/output error\n");
+    EXPECT_EQ(folder.read("metadata"), "a = 2\n");
+    failing_files::arm(0, fate::FAIL);
+    EXPECT_EQ(store_metadata(store, list.get()), 0);
+}
+
+TEST_F(MetadataFile, LeftoversOfAKilledWriterAreRemoved)
+{
+    folder.write("metadata.tmp-0123456789abcdef", "half");
+    const list_owner list = load();
+    ASSERT_EQ(store_metadata(store, list.get()), 0);
+    EXPECT_EQ(folder.names(), (strings{"metadata", "metadata.lock"}));
+}
+
+TEST_F(MetadataFile, ListThatBecameTooLargeInTheFileIsNotWritten)
+{
+    // Bytes that a file may hold as they are and that are written as escapes.
+    const std::string controls(platform::max_metadata_value - 1, '\x01');
+    std::string text;
+    for (int i = 0; i < 8; ++i) {
+        text += "a = " + controls + "\n";
+    }
+    folder.write("metadata", text);
+    const list_owner list = load();
+    ASSERT_EQ(list->entries, 8U);
+    EXPECT_EQ(store_told(list), -1);
+    EXPECT_EQ(told, "Cannot write metadata file 'META': it would become too large\n");
+    EXPECT_EQ(folder.read("metadata"), text);
+    EXPECT_EQ(metadata_v4_metadata_context_add_name_value_pair(list.get(), "b", 0, "c", 0, -1), -1);
+}
+
+TEST_F(MetadataFile, UpdateSetsOneEntryAndKeepsTheRest)
+{
+    folder.write("metadata", "# mine\nx = 1\naspect ratio = 4:3\ny = 2\n");
+    EXPECT_EQ(update_told("aspect ratio", "16:9"), 0);
+    EXPECT_EQ(told, "");
+    EXPECT_EQ(folder.read("metadata"), "# mine\nx = 1\naspect ratio = 16:9\ny = 2\n");
+}
+
+TEST_F(MetadataFile, UpdateSeesWhatAnotherProcessWrote)
+{
+    folder.write("metadata", "x = 1\n");
+    const list_owner list = load();
+    folder.write("metadata", "x = 2\n");
+    EXPECT_EQ(update_told("y", "3"), 0);
+    EXPECT_EQ(folder.read("metadata"), "x = 2\ny = 3\n");
+}
+
+TEST_F(MetadataFile, UpdateMakesAMissingFile)
+{
+    EXPECT_EQ(update_told("a", "1"), 0);
+    EXPECT_EQ(folder.read("metadata"),
+              "# Metadata of one media item. One entry a line: name = value\na = 1\n");
+}
+
+TEST_F(MetadataFile, UpdateOfWhatIsSoAlreadyDoesNotWrite)
+{
+    folder.write("metadata", "a=1");
+    EXPECT_EQ(update_told("a", "1"), 0);
+    EXPECT_EQ(folder.read("metadata"), "a=1");
+}
+
+TEST_F(MetadataFile, SeveralUpdatesAreOneWrite)
+{
+    folder.write("metadata", "a = 1\n");
+    store.operations = &failing_files::operations;
+    const entry_update updates[] = {{"a", "2"}, {"b", "3"}, {"a", "4"}};
+    ASSERT_EQ(update_stored_metadata(store, updates), 0);
+    EXPECT_EQ(folder.read("metadata"), "a = 4\nb = 3\n");
+    EXPECT_EQ(failing_files::calls(),
+              (strings{"open_at", "write", "change_mode", "sync", "rename_at", "sync"}));
+}
+
+TEST_F(MetadataFile, UpdateLeavesADamagedFileWhereItIs)
+{
+    folder.write("metadata", "nonsense");
+    EXPECT_EQ(update_told("a", "1"), -1);
+    EXPECT_EQ(told,
+              "Cannot write metadata file 'META': line 1: neither an entry (name = value) nor "
+              "a comment\n");
+    EXPECT_EQ(folder.read("metadata"), "nonsense");
+}
+
+TEST_F(MetadataFile, UpdateThatIsRefusedWritesNothing)
+{
+    folder.write("metadata", "a = 1\n");
+    const entry_update updates[] = {{"a", "2"}, {"b", std::string_view("x\0y", 3)}};
+    const std::string text =
+        printed_by([&] { EXPECT_EQ(update_stored_metadata(store, updates), -1); });
+    EXPECT_EQ(text, "Cannot write metadata file 'META': an entry is too large or holds a NUL\n");
+    EXPECT_EQ(folder.read("metadata"), "a = 1\n");
+}
+
+} // namespace

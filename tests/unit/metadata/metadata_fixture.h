@@ -1,0 +1,42 @@
+// What the metadata tests share: lists from a text, and a store in a folder of the test's own.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <gtest/gtest.h>
+
+#include "platform/standalone/metadata/metadata_file.h"
+#include "platform/standalone/metadata/metadata_list.h"
+#include "tests/support/temporary_folder.h"
+
+using list_owner =
+    std::unique_ptr<metadata_v4_metadata_context, void (*)(metadata_v4_metadata_context*)>;
+
+inline list_owner list_from(std::string_view text)
+{
+    platform::text_document document;
+    platform::text_fault fault;
+    EXPECT_TRUE(platform::parse_metadata(text, &document, &fault)) << fault.reason;
+    return {platform::new_metadata_list(std::move(document)), platform::free_metadata_list};
+}
+
+// The store of `folder`, with messages that name "META" and a short wait for the lock.
+inline platform::metadata_store store_in(const temporary_folder& folder)
+{
+    platform::metadata_store store;
+    store.folder = folder.fd();
+    store.path = "META";
+    store.lock_limit_us = 20'000;
+    return store;
+}
+
+// What `work` prints on standard error.
+template <typename work>
+std::string printed_by(const work& the_work)
+{
+    testing::internal::CaptureStderr();
+    the_work();
+    return testing::internal::GetCapturedStderr();
+}

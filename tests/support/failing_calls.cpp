@@ -58,6 +58,8 @@ ssize_t __real_read(int fd, void* buffer, size_t size);
 ssize_t __wrap_read(int fd, void* buffer, size_t size);
 off_t __real_lseek(int fd, off_t offset, int whence);
 off_t __wrap_lseek(int fd, off_t offset, int whence);
+void* __real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
+void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
 void* __real__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
 void* __wrap__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
 png_structp __real_png_create_read_struct(png_const_charp version, png_voidp error_pointer,
@@ -112,6 +114,11 @@ ssize_t __wrap_read(int fd, void* buffer, size_t size)
 off_t __wrap_lseek(int fd, off_t offset, int whence)
 {
     return counts_out(plan.lseek) ? -1 : __real_lseek(fd, offset, whence);
+}
+
+void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag)
+{
+    return counts_out(plan.new_object) ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
 }
 
 void* __wrap__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag)

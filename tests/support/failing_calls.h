@@ -11,8 +11,9 @@ namespace failing_calls {
 struct script {
     int fdopen = 0;
     int calloc = 0;
-    int new_array = 0; // new (std::nothrow) T[n]
-    int read = 0;      // fails with errno
+    int new_object = 0; // new (std::nothrow) T
+    int new_array = 0;  // new (std::nothrow) T[n]
+    int read = 0;       // fails with errno
     int read_errno = 0;
     int read_most = 0; // bytes that one read gives at most; 0: no limit
     int read_ends = 0; // finds the end of the file

@@ -1,0 +1,90 @@
+// The metadata file's text, as a person, a broken disk or another program may have left it:
+// refused, or read and written without any loss, through the plain text and through the entry list.
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/standalone/base/utf8.h"
+#include "platform/standalone/metadata/metadata_list.h"
+#include "platform/standalone/metadata/metadata_text.h"
+
+namespace {
+
+using list_owner =
+    std::unique_ptr<metadata_v4_metadata_context, void (*)(metadata_v4_metadata_context*)>;
+
+void require(bool condition)
+{
+    if (!condition) {
+        abort();
+    }
+}
+
+bool same(const platform::text_entry& a, const platform::text_entry& b)
+{
+    return a.leading == b.leading && a.name == b.name && a.value == b.value && a.tag == b.tag;
+}
+
+// Entry by entry what was read first, and from then on the same text for ever.
+void check_round_trip(const platform::text_document& document, const std::string& text)
+{
+    platform::text_document again;
+    platform::text_fault fault;
+    require(platform::parse_metadata(text, &again, &fault));
+    require(again.entries.size() == document.entries.size());
+    for (size_t i = 0; i < again.entries.size(); ++i) {
+        require(same(again.entries[i], document.entries[i]));
+    }
+    require(again.trailing == document.trailing);
+    require(platform::write_metadata(again) == text);
+}
+
+// Every other entry freed, one changed, one added: what is left is what the file then holds.
+void check_list(platform::text_document&& document, const std::string& text)
+{
+    const list_owner owner(platform::new_metadata_list(std::move(document)),
+                           platform::free_metadata_list);
+    metadata_v4_metadata_context* list = owner.get();
+    require(platform::metadata_list_text(*list) == text);
+    require(list->text_size == text.size());
+    const size_t count = metadata_v4_metadata_context_entry_count(list);
+    for (size_t i = 0; i < count; i += 2) {
+        metadata_v4_metadata_context_free_metadata_entry(
+            list, metadata_v4_metadata_context_read_entry(list, i));
+    }
+    const bool room = platform::set_item_entry(list, "aspect ratio", "16:9") >= 0;
+    const std::string changed = platform::metadata_list_text(*list);
+    require(list->text_size == changed.size());
+    platform::text_document again;
+    platform::text_fault fault;
+    if (changed.size() > platform::max_metadata_file) {
+        return;
+    }
+    require(platform::parse_metadata(changed, &again, &fault));
+    require(again.entries.size() == list->entries);
+    require(!room || platform::find_item_entry(list, "aspect ratio") != nullptr);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    const std::string_view input(reinterpret_cast<const char*>(data), size);
+    platform::text_document document;
+    platform::text_fault fault;
+    if (!platform::parse_metadata(input, &document, &fault)) {
+        require(platform::is_utf8(fault.reason) && *fault.reason != '\0');
+        return 0;
+    }
+    const std::string text = platform::write_metadata(document);
+    require(platform::is_utf8(text));
+    // Escapes may make the text larger than a file may be; it is then not written.
+    if (text.size() <= platform::max_metadata_file) {
+        check_round_trip(document, text);
+        check_list(std::move(document), text);
+    }
+    return 0;
+}

@@ -1,0 +1,1 @@
+add_fuzz_target(metadata metadata_fuzz.cpp LIBRARIES platform_metadata)

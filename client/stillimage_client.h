@@ -1,0 +1,214 @@
+/* Taking pictures from a stillimage worker.
+ *
+ *     stillimage_client* client;
+ *     stillimage_frame* frame;
+ *     if (stillimage_connect(socket_path, 5000, &client) == STILLIMAGE_OK &&
+ *         stillimage_get_frame(client, 0, 1280, 720, -1, &frame) == STILLIMAGE_OK) {
+ *         const stillimage_picture* picture = stillimage_frame_picture(frame);
+ *         ... picture->plane[STILLIMAGE_Y] ...
+ *         stillimage_frame_release(frame);
+ *     }
+ *     stillimage_close(client);
+ *
+ * Usable from C11 and C++. No threads, no process-wide state, no output, no exceptions. A
+ * connection and its frames belong to one thread at a time. Times are in milliseconds: -1 waits for
+ * ever, 0 not at all. No call blocks longer than its limit, whatever the worker does.
+ */
+#ifndef STILLIMAGE_CLIENT_H
+#define STILLIMAGE_CLIENT_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define STILLIMAGE_API __attribute__((visibility("default")))
+#else
+#define STILLIMAGE_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Results of every call that can fail. */
+typedef enum stillimage_result {
+    STILLIMAGE_OK = 0,
+    STILLIMAGE_ERROR_ARGUMENT = -1,  /* a call that makes no sense: null, a text that is too long */
+    STILLIMAGE_ERROR_NO_WORKER = -2, /* nobody serves at that path, or the worker has gone */
+    STILLIMAGE_ERROR_TIMEOUT = -3,   /* the time limit passed first */
+    STILLIMAGE_ERROR_REFUSED = -4,   /* version or permission */
+    STILLIMAGE_ERROR_NOT_READY = -5, /* the picture is not decoded yet */
+    STILLIMAGE_ERROR_NO_FRAME = -6,  /* no such frame */
+    STILLIMAGE_ERROR_PROTOCOL = -7,  /* the worker sent what it may not send */
+    STILLIMAGE_ERROR_RECORD = -8,    /* the picture's description in shared memory is not valid */
+    STILLIMAGE_ERROR_SYSTEM = -9,    /* out of memory or descriptors, a mapping that failed */
+    STILLIMAGE_ERROR_VALUE = -10,    /* the worker refuses the value */
+    STILLIMAGE_ERROR_LIMIT = -11     /* more frames or requests than the worker allows */
+} stillimage_result;
+
+typedef struct stillimage_client stillimage_client; /* one connection */
+typedef struct stillimage_frame stillimage_frame;   /* one held frame */
+
+/* The version of this library, as (major << 16) | minor. */
+STILLIMAGE_API uint32_t stillimage_client_version(void);
+
+/* A short text for a result. Never null, static. */
+STILLIMAGE_API const char* stillimage_result_text(stillimage_result result);
+
+/* --- connection ------------------------------------------------------------------------------- */
+
+/* Connects to the worker at `socket_path` and greets it. A worker that is just starting is waited
+ * for within the time limit. On failure *client is still made unless memory is short (then it is
+ * null), so that stillimage_last_error can be asked; close it as any other. */
+STILLIMAGE_API stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
+                                                    stillimage_client** client);
+
+/* Closes the connection. Null is fine. Frames that are still held stay readable until released. */
+STILLIMAGE_API void stillimage_close(stillimage_client* client);
+
+/* What went wrong last on this connection, for a person: what, where and why. "" when nothing did.
+ * Valid until the next call on the connection. */
+STILLIMAGE_API const char* stillimage_last_error(const stillimage_client* client);
+
+/* A descriptor that polls readable when stillimage_dispatch has something to do; -1 once the worker
+ * has gone. Not to be read from, nor closed. */
+STILLIMAGE_API int stillimage_descriptor(const stillimage_client* client);
+
+/* Takes in what has arrived and calls the change handler. STILLIMAGE_OK also when there was
+ * nothing. */
+STILLIMAGE_API stillimage_result stillimage_dispatch(stillimage_client* client, int timeout_ms);
+
+/* Process id of the worker; 0 when not connected. */
+STILLIMAGE_API int32_t stillimage_worker_pid(const stillimage_client* client);
+
+/* --- changes ---------------------------------------------------------------------------------- */
+
+enum {
+    STILLIMAGE_CHANGE_PROGRESS = 1 << 0,
+    STILLIMAGE_CHANGE_PROVISIONAL = 1 << 1, /* a coarse picture can be had */
+    STILLIMAGE_CHANGE_READY = 1 << 2,
+    STILLIMAGE_CHANGE_METADATA = 1 << 3,
+    STILLIMAGE_CHANGE_GOING_DOWN = 1 << 4,
+    STILLIMAGE_CHANGE_CLIENTS = 1 << 5,
+    STILLIMAGE_CHANGE_DOCUMENT = 1 << 6 /* a new status document came along */
+};
+
+typedef struct stillimage_event {
+    uint32_t changes;     /* STILLIMAGE_CHANGE_* */
+    int32_t percent;      /* 0..100, -1: the decoder refuses the picture */
+    int32_t ready;        /* 0 not yet, -1 provisional, 1 final */
+    const char* progress; /* text of the present step */
+    const char* document; /* status document as JSON with STILLIMAGE_CHANGE_DOCUMENT, else null */
+} stillimage_event;
+
+typedef void (*stillimage_event_handler)(void* user, const stillimage_event* event);
+
+/* Asks for the changes in `mask`, 0 for none. The handler is called from inside stillimage_dispatch
+ * and from any call that waits; it may not call back into the connection. The present state comes
+ * as a first event. */
+STILLIMAGE_API stillimage_result stillimage_subscribe(stillimage_client* client, uint32_t mask,
+                                                      stillimage_event_handler handler, void* user,
+                                                      int timeout_ms);
+
+/* Waits until the picture is ready: provisional is enough when `provisional` is not 0. */
+STILLIMAGE_API stillimage_result stillimage_wait_ready(stillimage_client* client, int provisional,
+                                                       int timeout_ms);
+
+/* --- frames ----------------------------------------------------------------------------------- */
+
+enum {
+    STILLIMAGE_Y = 0,
+    STILLIMAGE_U = 1,
+    STILLIMAGE_V = 2,
+    STILLIMAGE_A = 3,
+    STILLIMAGE_PLANES = 4
+};
+
+enum {
+    STILLIMAGE_RANGE_LIMITED = 1
+}; /* Y 16..235, U and V 16..240 round 128; A 0..255, straight */
+enum { STILLIMAGE_MATRIX_BT601 = 1 };
+
+/* One picture: full size or a reduced level. Planes are 8 bits a sample, rows top down. An absent
+ * plane has a null pointer and stride, width and height 0: U and V of a monochrome picture, A of an
+ * opaque one. */
+typedef struct stillimage_picture {
+    const uint8_t* plane[STILLIMAGE_PLANES];
+    uint32_t stride[STILLIMAGE_PLANES];       /* bytes from row to row */
+    uint32_t plane_width[STILLIMAGE_PLANES];  /* samples; chroma rounded up */
+    uint32_t plane_height[STILLIMAGE_PLANES]; /* rows; chroma rounded up */
+    uint32_t width;                           /* of this picture */
+    uint32_t height;
+    uint32_t full_width; /* of the item */
+    uint32_t full_height;
+    uint32_t scale_x; /* of this picture against the full one, 16.16 */
+    uint32_t scale_y;
+    uint8_t chroma_x_shift; /* log2 of the subsampling: 0, 1 or 2 */
+    uint8_t chroma_y_shift;
+    uint8_t range;            /* STILLIMAGE_RANGE_LIMITED */
+    uint8_t matrix;           /* STILLIMAGE_MATRIX_BT601 */
+    uint64_t frame_number;    /* 1 for the first */
+    int64_t aspect_numerator; /* display aspect ratio; both at least 1 */
+    int64_t aspect_denominator;
+    int32_t provisional; /* 1: a coarse picture that will be refined in place */
+} stillimage_picture;
+
+/* What the worker said about the frame and what the record in shared memory holds, field by field.
+ */
+typedef struct stillimage_descriptor_info {
+    uint32_t buffer;
+    uint64_t base_offset;
+    uint64_t area_size;
+    uint64_t scanline_offset;
+    uint64_t scanline_size;
+    uint64_t frame_number;
+    int32_t width;
+    int32_t height;
+    int64_t aspect_numerator;
+    int64_t aspect_denominator;
+    int32_t provisional;
+    const uint8_t* scanline; /* private copy of the whole scanline area, scanline_size bytes */
+    const uint8_t* area;     /* the whole shared area, area_size bytes, read-only */
+} stillimage_descriptor_info;
+
+/* Gets the frame shown at `time_position` (in units of the item's time scale: 1/100 s for
+ * animations, frames else), at the level that fits an output of wanted_width x wanted_height best;
+ * 0 x 0 is the full size. Waits until the picture is ready, as long as the time limit allows; with
+ * 0 it answers STILLIMAGE_ERROR_NOT_READY at once. */
+STILLIMAGE_API stillimage_result stillimage_get_frame(stillimage_client* client,
+                                                      uint64_t time_position, int32_t wanted_width,
+                                                      int32_t wanted_height, int timeout_ms,
+                                                      stillimage_frame** frame);
+
+/* Both live as long as the frame, also after the worker has gone. Never null. */
+STILLIMAGE_API const stillimage_picture* stillimage_frame_picture(const stillimage_frame* frame);
+STILLIMAGE_API const stillimage_descriptor_info*
+stillimage_frame_descriptor(const stillimage_frame* frame);
+
+/* Gives the frame back. Null is fine; so is a frame whose connection was closed. */
+STILLIMAGE_API void stillimage_frame_release(stillimage_frame* frame);
+
+/* --- status, metadata, exit ---------------------------------------------------------------------
+ */
+
+/* The status document as JSON. *json is NUL-terminated and to be freed by stillimage_free. */
+STILLIMAGE_API stillimage_result stillimage_get_status(stillimage_client* client, int timeout_ms,
+                                                       char** json);
+STILLIMAGE_API void stillimage_free(void* memory);
+
+/* Sets a metadata value of the item, such as "aspect ratio" to "16:9". */
+STILLIMAGE_API stillimage_result stillimage_set_metadata(stillimage_client* client,
+                                                         const char* name, const char* value,
+                                                         int timeout_ms);
+
+/* Asks the worker to exit. STILLIMAGE_OK once it has agreed. */
+STILLIMAGE_API stillimage_result stillimage_quit(stillimage_client* client, int timeout_ms);
+
+/* Makes sure that the worker answers. */
+STILLIMAGE_API stillimage_result stillimage_ping(stillimage_client* client, int timeout_ms);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -172,6 +172,25 @@ TEST(MetadataText, EqualNamesAndTheirOrderAreKept)
     EXPECT_EQ(platform::write_metadata(parsed(text)), text);
 }
 
+// The example of docs/metadata.md.
+TEST(MetadataText, DocumentedExampleMeansWhatItSays)
+{
+    constexpr const char* text = "# Metadata of one media item. One entry a line: name = value\n"
+                                 "aspect ratio = 16:9\n"
+                                 "file type = image/gif\n"
+                                 "image size = 640 x 480\n"
+                                 "title = Gr\xC3\xB6\xC3\x9F"
+                                 "e\\tof the\\x20\n"
+                                 "[3] language = de\n";
+    const text_document document = parsed(text);
+    ASSERT_EQ(document.entries.size(), 5U);
+    EXPECT_EQ(document.entries[3].value, "Gr\xC3\xB6\xC3\x9F"
+                                         "e\tof the ");
+    EXPECT_EQ(document.entries[4].tag, 3);
+    EXPECT_EQ(document.entries[4].name, "language");
+    EXPECT_EQ(platform::write_metadata(document), text);
+}
+
 TEST(MetadataText, EntryIsWrittenForPeople)
 {
     EXPECT_EQ(line_of("image size", "640 x 480"), "image size = 640 x 480\n");

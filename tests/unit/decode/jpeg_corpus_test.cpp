@@ -1,0 +1,217 @@
+// Real files, and a small file with every possible cut and a change of every byte: what they end
+// in.
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "bin/decode/jpeg_raw.h"
+#include "bin/examine/image_state.h"
+#include "bin/examine/jpeg.h"
+#include "bin/examine/jpeg_reader.h"
+#include "bin/framebuffer/layout.h"
+#include "tests/support/child_process.h"
+#include "tests/support/jpeg_fixture.h"
+#include "tests/support/jpeg_literal.h"
+#include "tests/support/jpeg_writer.h"
+#include "tests/support/scripted_platform.h"
+
+using namespace jpeg_writer;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+namespace {
+
+int decode_raw()
+{
+    return image_is_monochrome != 0 ? full_decode_jpeg_raw_grayscale() : full_decode_jpeg_raw_yuv();
+}
+
+class JpegCorpus : public jpeg_test {
+protected:
+    static file_bytes load(const std::string& name)
+    {
+        std::ifstream file(STILLIMAGE_TEST_DATA "/jpeg/" + name, std::ios::binary);
+        EXPECT_TRUE(file) << name;
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+};
+
+TEST_F(JpegCorpus, PicturesOfOneAndThreeComponentsAreDrawnAsTold)
+{
+    const std::vector<std::string> names = {"arithmetic-420.jpg",
+                                            "grey-factors-2x2.jpg",
+                                            "harvesters-420.jpg",
+                                            "landscape-420.jpg",
+                                            "peacock-420.jpg",
+                                            "peacock-420-cut.jpg",
+                                            "peacock-422.jpg",
+                                            "peacock-444.jpg",
+                                            "peacock-grey.jpg",
+                                            "peacock-progressive.jpg",
+                                            "peacock-progressive-cut.jpg",
+                                            "photo-422.jpg",
+                                            "progressive-non-interleaved.jpg",
+                                            "restarts-444.jpg",
+                                            "size-1x1.jpg",
+                                            "size-17x17.jpg",
+                                            "wide-16384.jpg"};
+    for (const std::string& name : names) {
+        reset_for_jpeg();
+        const file_bytes file = load(name);
+        open(file);
+        EXPECT_EQ(decode(decode_raw), 0) << name;
+        EXPECT_TRUE(allocation() == draw_literally(file)) << name;
+        EXPECT_EQ(scripted::log.status.back(), (scripted::status_line{100, ""})) << name;
+    }
+}
+
+TEST_F(JpegCorpus, CutFilesAreDrawnAfterAWarningOfTheLibrary)
+{
+    for (const char* name : {"peacock-420-cut.jpg", "peacock-progressive-cut.jpg"}) {
+        reset_for_jpeg();
+        open(load(name));
+        EXPECT_EQ(decode(decode_raw), 0) << name;
+        EXPECT_EQ(told, "Premature end of JPEG file\n") << name;
+    }
+}
+
+TEST_F(JpegCorpus, RefusedPicturesSayWhy)
+{
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"all-factors-2x2.jpg", "Unsupported chroma subsampling scheme\n"},
+        {"luma-4x1.jpg", "Unsupported chroma subsampling scheme\n"},
+        {"missing-scan.jpg", "JPEG library panicked and attempted to exit. Decode failed\n"},
+        {"peacock-mixed-factors.jpg", "Unsupported chroma subsampling scheme\n"},
+        {"rgb-components.jpg", "JPEGLIB: ERROR: Unsupported colorspace\n"},
+        {"wide-16385.jpg", "JPEG image is WAY TOO LARGE\n"},
+        {"wide-32540.jpg", "JPEG image is WAY TOO LARGE\n"},
+        {"ycck-420-small-k.jpg", "Unsupported chroma subsampling on K channel\n"},
+        {"zero-width.jpg", "JPEG library panicked and attempted to exit. Decode failed\n"},
+    };
+    for (const auto& [name, line] : refused) {
+        EXPECT_EQ(examine(load(name)), -1) << name;
+        EXPECT_THAT(told, EndsWith(line)) << name;
+    }
+}
+
+TEST_F(JpegCorpus, FourComponentsAreToldApart)
+{
+    const std::vector<std::pair<std::string, std::string>> accepted = {
+        {"cmyk-32x32.jpg", "JPEGLIB: Hoo boy... CYMK.\n"},
+        {"cmyk-odd-width.jpg", "JPEGLIB: Hoo boy... CYMK.\n"},
+        {"ycck-420.jpg", "JPEGLIB: Hoo boy... YCCK.\n"},
+        {"ycck-422.jpg", "JPEGLIB: Hoo boy... YCCK.\n"},
+        {"ycck-440.jpg", "JPEGLIB: Hoo boy... YCCK.\n"},
+        {"ycck-444.jpg", "JPEGLIB: Hoo boy... YCCK.\n"},
+    };
+    for (const auto& [name, line] : accepted) {
+        reset_for_jpeg();
+        EXPECT_EQ(examine(load(name)), 0) << name;
+        EXPECT_THAT(told, HasSubstr(line)) << name;
+    }
+}
+
+TEST_F(JpegCorpus, PicturesThatCannotBeStartedAreReported)
+{
+    const std::vector<std::pair<std::string, std::string>> unstarted = {
+        {"bogus-huffman-table.jpg", "'Bogus Huffman table definition')\n"},
+        {"twelve-bits.jpg", "'Unsupported JPEG data precision 12')\n"},
+    };
+    for (const auto& [name, line] : unstarted) {
+        reset_for_jpeg();
+        open(load(name));
+        EXPECT_EQ(decode(decode_raw), -1) << name;
+        EXPECT_THAT(told, EndsWith(line + "jpeg_start_decompress() threw an error. giving up\n"))
+            << name;
+    }
+}
+
+TEST_F(JpegCorpus, SecondFrameHeaderEndsTheProcess)
+{
+    open(load("two-frame-headers.jpg"));
+    EXPECT_EXIT(decode_raw(), testing::KilledBySignal(SIGABRT),
+                EndsWith("'Invalid JPEG file structure: two SOF markers')\n"
+                         "Unexpected longjmp from JPEGLIB error handler\n"));
+}
+
+// --- every cut, every byte
+// ------------------------------------------------------------------------
+
+// From examination to clean-up in a child of its own. 0 served, 1 refused, else minus its signal.
+int whole_road(const file_bytes& file)
+{
+    return run_in_child([&file] {
+        alarm(60);
+        scripted::set_picture(file);
+        if (examine_jpeg_file() != 0) {
+            return 1;
+        }
+        layout_full_size();
+        scripted::provide_buffer(image_decoded_size);
+        decode_raw();
+        free_all_jpeg_fileio();
+        free_all_jpeg_fileio();
+        return 0;
+    });
+}
+
+class JpegDamage : public JpegCorpus {
+protected:
+    void expect_a_told_ending(const file_bytes& file, const std::string& name)
+    {
+        int ending = 0;
+        told = told_by([&ending, &file] { ending = whole_road(file); });
+        if (ending == -SIGABRT) {
+            EXPECT_TRUE(told.ends_with("Unexpected longjmp from JPEGLIB error handler\n") ||
+                        told.ends_with("Assertion `irem <= 16' failed.\n"))
+                << name << told;
+        } else {
+            EXPECT_TRUE(ending == 0 || ending == 1) << name << " " << ending << told;
+        }
+    }
+
+    void expect_told_endings(const file_bytes& file)
+    {
+        for (size_t size = 0; size < file.size(); ++size) {
+            expect_a_told_ending(first_bytes(file, size), "cut at " + std::to_string(size));
+        }
+        for (size_t at = 0; at < file.size(); ++at) {
+            for (const unsigned char flip : file_bytes{0x01, 0xFF}) {
+                file_bytes changed = file;
+                changed[at] ^= flip;
+                expect_a_told_ending(changed, "byte " + std::to_string(at) + " changed");
+            }
+        }
+    }
+};
+
+TEST_F(JpegDamage, ColourFile)
+{
+    picture what = ycbcr(17, 17, {2, 2});
+    what.quality = 50;
+    expect_told_endings(write(what));
+}
+
+TEST_F(JpegDamage, ProgressiveFile)
+{
+    picture what = ycbcr(17, 9, {1, 2});
+    what.progressive = true;
+    what.quality = 30;
+    expect_told_endings(write(what));
+}
+
+TEST_F(JpegDamage, GreyFile)
+{
+    picture what = grey(9, 17);
+    what.arithmetic = true;
+    what.quality = 30;
+    expect_told_endings(write(what));
+}
+
+} // namespace

@@ -40,7 +40,8 @@ void cnb_default_buffer_drop();
 // its release.
 bool cnb_malloc(cnb_allocation* allocation, unsigned long size, const char* name, ...);
 
-// Releases an allocation and empties its record; an empty record is fine.
+// Releases an allocation and empties its record; an empty record is fine. A copy of a record is
+// only emptied.
 void cnb_free(cnb_allocation* allocation);
 void cnb_alloc_freeall();
 void cnb_alloc_print_remaining_buffers(); // one line on standard error for each live allocation

@@ -126,11 +126,7 @@ bool cnb_malloc(cnb_allocation* allocation, unsigned long size, const char* name
 
 void cnb_free(cnb_allocation* allocation)
 {
-    std::erase_if(state().live, [allocation](const cnb_allocation* other) {
-        return other == allocation ||
-               (other->offset == allocation->offset && other->buffer == allocation->buffer &&
-                !is_empty(*allocation));
-    });
+    std::erase(state().live, allocation);
     *allocation = {};
 }
 

@@ -4,6 +4,8 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include "platform/standalone/base/fd_io.h"
+
 namespace platform {
 
 namespace {
@@ -23,6 +25,11 @@ int add_seals(int fd, int seals)
     return fcntl(fd, F_ADD_SEALS, seals);
 }
 
+int open_read_only(const char* path)
+{
+    return open_file(path, O_RDONLY);
+}
+
 } // namespace
 
 const kernel_calls system_kernel_calls = {
@@ -32,6 +39,7 @@ const kernel_calls system_kernel_calls = {
     .advise = madvise,
     .change_mode = fchmod,
     .add_seals = add_seals,
+    .open_read_only = open_read_only,
 };
 
 } // namespace platform

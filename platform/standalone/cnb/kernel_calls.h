@@ -14,6 +14,7 @@ struct kernel_calls {
     int (*advise)(void* address, size_t length, int advice);     // madvise
     int (*change_mode)(int fd, mode_t mode);                     // fchmod
     int (*add_seals)(int fd, int seals);                         // fcntl
+    int (*open_read_only)(const char* path);                     // open
 };
 
 extern const kernel_calls system_kernel_calls;

@@ -8,8 +8,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "platform/standalone/base/fd_io.h"
-
 #ifndef MFD_NOEXEC_SEAL
 #define MFD_NOEXEC_SEAL 0x0008U // Linux 6.3
 #endif
@@ -120,7 +118,7 @@ int shared_buffer::open_read_only() const
         return -1;
     }
     const std::string path = "/proc/self/fd/" + std::to_string(file_.get());
-    const int fd = open_file(path.c_str(), O_RDONLY);
+    const int fd = kernel_->open_read_only(path.c_str());
     if (fd >= 0 || !sealed_against_writing_) {
         return fd;
     }

@@ -1,0 +1,90 @@
+// What the tests of the CNB domain share: a folder of their own, processes, a kernel that fails.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <sys/types.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/standalone/cnb/kernel_calls.h"
+
+namespace cnb_test {
+
+// A folder that goes, with all that is in it, at the end of the test.
+class temporary_folder {
+public:
+    temporary_folder();
+    temporary_folder(const temporary_folder&) = delete;
+    temporary_folder& operator=(const temporary_folder&) = delete;
+    ~temporary_folder();
+
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+// The module at its values at program start, its folder under a temporary XDG_RUNTIME_DIR.
+class cnb : public testing::Test {
+protected:
+    cnb();
+    ~cnb() override;
+
+    std::string domain_path(const std::string& domain = "default") const
+    {
+        return runtime / ("stillimage/cnb/" + domain);
+    }
+
+    temporary_folder runtime;
+};
+
+void write_file(const std::string& path, const std::string& text);
+
+// Runs `body` in a forked process, whose exit status is what it returns.
+pid_t in_child(const std::function<int()>& body);
+
+// The exit status of a child; -1 when a signal ended it.
+int status_of(pid_t child);
+
+// One byte at a time between two processes.
+class signal_pipe {
+public:
+    signal_pipe();
+    signal_pipe(const signal_pipe&) = delete;
+    signal_pipe& operator=(const signal_pipe&) = delete;
+    ~signal_pipe();
+    void give();
+    void wait(); // also ends when every process that could give has ended
+    void close_giving_end();
+
+private:
+    int ends_[2];
+};
+
+// The system's calls but for those that a test makes fail; reset by the fixture.
+struct failing_kernel {
+    int create_errno = 0;   // memfd_create
+    int allocate_errno = 0; // fallocate ...
+    int allocate_from = 0;  // ... from this call on, counted from 0
+    int map_errno = 0;
+    int mode_errno = 0;
+    int seal_errno = 0;
+    bool seal_knows_future_write = true;
+    bool create_knows_noexec = true;
+    int advise_errno = 0;
+    int open_errno = 0;
+    uint64_t longest_uninterrupted = UINT64_MAX; // a longer fallocate fails with EINTR
+
+    // What has been called.
+    int allocations = 0;
+    uint64_t shortest_allocation = UINT64_MAX;
+    int populated_pieces = 0;
+    uint64_t populated_bytes = 0;
+    uint64_t largest_populated = 0;
+};
+extern failing_kernel failing;
+extern const platform::kernel_calls failing_kernel_calls;
+
+} // namespace cnb_test

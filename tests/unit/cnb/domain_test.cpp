@@ -1,0 +1,311 @@
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include "platform/cnb.h"
+#include "platform/standalone/base/unique_fd.h"
+#include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/cnb/domain_membership.h"
+#include "tests/unit/cnb/cnb_fixture.h"
+
+using cnb_test::failing;
+using cnb_test::in_child;
+using cnb_test::status_of;
+using testing::HasSubstr;
+
+namespace {
+
+class domain : public cnb_test::cnb {
+protected:
+    static std::string join_and_tell(int expected)
+    {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(cnb_join_domain(), expected);
+        return testing::internal::GetCapturedStderr();
+    }
+
+    void make_parent_of_domains()
+    {
+        std::filesystem::create_directories(runtime / "stillimage/cnb");
+        std::filesystem::permissions(runtime / "stillimage", std::filesystem::perms::owner_all);
+        std::filesystem::permissions(runtime / "stillimage/cnb", std::filesystem::perms::owner_all);
+    }
+
+    static mode_t mode_of(const std::string& path)
+    {
+        struct stat status = {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0);
+        return status.st_mode & 07777U;
+    }
+};
+
+TEST_F(domain, IsAPrivateFolderUnderTheRuntimeFolder)
+{
+    const mode_t before = umask(0);
+    EXPECT_EQ(join_and_tell(0), "");
+    umask(before);
+    EXPECT_EQ(mode_of(runtime / "stillimage"), 0700U);
+    EXPECT_EQ(mode_of(runtime / "stillimage/cnb"), 0700U);
+    EXPECT_EQ(mode_of(runtime / "stillimage/cnb/default"), 0700U);
+    EXPECT_EQ(mode_of(runtime / "stillimage/cnb/default/registry"), 0600U);
+}
+
+TEST_F(domain, WithoutRuntimeFolderItLiesInTheUsersTemporaryFolder)
+{
+    unsetenv("XDG_RUNTIME_DIR");
+    setenv("TMPDIR", runtime.path().c_str(), 1);
+    EXPECT_EQ(join_and_tell(0), "");
+    unsetenv("TMPDIR");
+    const std::string users = runtime / ("stillimage-" + std::to_string(geteuid()));
+    EXPECT_EQ(mode_of(users), 0700U);
+    EXPECT_EQ(access((users + "/cnb/default/registry").c_str(), F_OK), 0);
+}
+
+TEST_F(domain, RelativeRuntimeFolderIsIgnored)
+{
+    setenv("XDG_RUNTIME_DIR", "relative", 1);
+    setenv("TMPDIR", runtime.path().c_str(), 1);
+    EXPECT_EQ(join_and_tell(0), "");
+    unsetenv("TMPDIR");
+    EXPECT_NE(access("relative", F_OK), 0);
+}
+
+TEST_F(domain, MissingRuntimeFolderIsNamed)
+{
+    setenv("XDG_RUNTIME_DIR", "/nonexistent/runtime", 1);
+    EXPECT_EQ(join_and_tell(-1),
+              "cannot use the CNB domain '/nonexistent/runtime': No such file or directory\n");
+}
+
+TEST_F(domain, JoiningTwiceIsFine)
+{
+    EXPECT_EQ(join_and_tell(0), "");
+    EXPECT_EQ(join_and_tell(0), "");
+}
+
+TEST_F(domain, LeavingWithoutAndTwiceIsFine)
+{
+    cnb_leave_domain();
+    EXPECT_EQ(join_and_tell(0), "");
+    cnb_leave_domain();
+    cnb_leave_domain();
+    EXPECT_EQ(cnb_view_domain().limit, 0U);
+}
+
+TEST_F(domain, NamesThatCouldLeaveTheFolderAreInvalid)
+{
+    for (const char* name : {"", ".", "..", ".hidden", "a/b", "/", "../default"}) {
+        EXPECT_FALSE(cnb_domain_name_valid(name)) << name;
+    }
+    EXPECT_FALSE(cnb_domain_name_valid(std::string(65, 'x')));
+    EXPECT_FALSE(cnb_domain_name_valid(std::string_view("a\0b", 3)));
+    EXPECT_TRUE(cnb_domain_name_valid(std::string(64, 'x')));
+    for (const char* name : {"default", "studio 1", "%s%n", "a..b", "\xC3\xBC"}) {
+        EXPECT_TRUE(cnb_domain_name_valid(name)) << name;
+    }
+}
+
+TEST_F(domain, InvalidNameIsToldOnOneLine)
+{
+    cnb_set_domain("a/b\nc", 0);
+    EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain 'a/b\\x0Ac': a name has 1 to 64 bytes, "
+                                 "no '/', and no '.' at its beginning\n");
+}
+
+TEST_F(domain, NameIsData)
+{
+    cnb_set_domain("%s%n", 0);
+    EXPECT_EQ(join_and_tell(0), "");
+    EXPECT_EQ(access(domain_path("%s%n").c_str(), F_OK), 0);
+    EXPECT_STREQ(cnb_view_domain().name, "%s%n");
+}
+
+TEST_F(domain, SettingsAreForTheNextJoin)
+{
+    cnb_set_domain("one", 1000);
+    EXPECT_EQ(join_and_tell(0), "");
+    cnb_set_domain("two", 2000);
+    EXPECT_STREQ(cnb_view_domain().name, "one");
+    EXPECT_EQ(cnb_view_domain().limit, 1000U);
+}
+
+TEST_F(domain, DefaultLimitIsHalfOfTheMemory)
+{
+    const cnb_test::temporary_folder machine;
+    cnb_test::write_file(machine / "proc/meminfo", "MemTotal: 1000 kB\nMemAvailable: 900 kB\n");
+    platform::the_machine.root = machine.path();
+    EXPECT_EQ(join_and_tell(0), "");
+    EXPECT_EQ(cnb_view_domain().limit, 512'000U);
+}
+
+TEST_F(domain, DefaultLimitIsHalfOfTheControlGroup)
+{
+    const cnb_test::temporary_folder machine;
+    cnb_test::write_file(machine / "proc/meminfo", "MemTotal: 1000 kB\nMemAvailable: 900 kB\n");
+    cnb_test::write_file(machine / "proc/self/cgroup", "3:memory:/\n");
+    cnb_test::write_file(machine / "proc/self/mountinfo", "4 3 0:3 / /g rw - cgroup none memory\n");
+    cnb_test::write_file(machine / "g/memory.limit_in_bytes", "300000\n");
+    platform::the_machine.root = machine.path();
+    EXPECT_EQ(join_and_tell(0), "");
+    EXPECT_EQ(cnb_view_domain().limit, 150'000U);
+}
+
+TEST_F(domain, ViewTellsTheBuffer)
+{
+    cnb_set_domain("studio", 5000);
+    cnb_total = 1234;
+    ASSERT_EQ(cnb_default_buffer_load(), 0);
+    const cnb_domain_view view = cnb_view_domain();
+    EXPECT_STREQ(view.name, "studio");
+    EXPECT_EQ(view.limit, 5000U);
+    EXPECT_EQ(view.buffer, 1U);
+    EXPECT_EQ(view.buffer_size, 1234U);
+}
+
+TEST_F(domain, PlantedLinkIsNotFollowed)
+{
+    const cnb_test::temporary_folder elsewhere;
+    make_parent_of_domains();
+    std::filesystem::create_directory_symlink(elsewhere.path(), domain_path());
+    EXPECT_EQ(join_and_tell(-1),
+              "cannot use the CNB domain '" + domain_path() + "': not a folder, or a link\n");
+    EXPECT_TRUE(std::filesystem::is_empty(elsewhere.path()));
+}
+
+TEST_F(domain, PlantedLinkFurtherUpIsNotFollowed)
+{
+    const cnb_test::temporary_folder elsewhere;
+    std::filesystem::create_directory_symlink(elsewhere.path(), runtime / "stillimage");
+    EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain '" + (runtime / "stillimage") +
+                                     "': not a folder, or a link\n");
+    EXPECT_TRUE(std::filesystem::is_empty(elsewhere.path()));
+}
+
+TEST_F(domain, FileInThePlaceOfTheFolderIsTold)
+{
+    make_parent_of_domains();
+    cnb_test::write_file(domain_path(), "");
+    EXPECT_EQ(join_and_tell(-1),
+              "cannot use the CNB domain '" + domain_path() + "': not a folder, or a link\n");
+}
+
+TEST_F(domain, FolderThatOthersCanWriteIsRefused)
+{
+    make_parent_of_domains();
+    ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
+    ASSERT_EQ(chmod(domain_path().c_str(), 0770), 0);
+    EXPECT_EQ(join_and_tell(-1),
+              "cannot use the CNB domain '" + domain_path() + "': writable by other users\n");
+}
+
+TEST_F(domain, FolderThatOthersCanReadIsClosed)
+{
+    make_parent_of_domains();
+    ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
+    ASSERT_EQ(chmod(domain_path().c_str(), 0755), 0);
+    EXPECT_EQ(join_and_tell(0), "");
+    EXPECT_EQ(mode_of(domain_path()), 0700U);
+}
+
+TEST_F(domain, FolderOfAnotherUserIsRefused)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to give a folder away";
+    }
+    make_parent_of_domains();
+    ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
+    ASSERT_EQ(chown(domain_path().c_str(), 65534, 65534), 0);
+    EXPECT_EQ(join_and_tell(-1),
+              "cannot use the CNB domain '" + domain_path() + "': owned by another user\n");
+}
+
+TEST_F(domain, RegistryThatIsAFifoIsTold)
+{
+    make_parent_of_domains();
+    ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
+    ASSERT_EQ(mkfifo((domain_path() + "/registry").c_str(), 0600), 0);
+    EXPECT_EQ(join_and_tell(-1),
+              "cannot use the CNB domain '" + domain_path() + "/registry': not a file\n");
+}
+
+TEST_F(domain, KernelWithoutMemoryFilesIsTold)
+{
+    failing.create_errno = ENOSYS;
+    EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain '" + domain_path() +
+                                     "': no memory files: Function not implemented\n");
+}
+
+TEST_F(domain, FolderIsLockedAgainstProgramsThatTidyUp)
+{
+    EXPECT_EQ(join_and_tell(0), "");
+    const platform::unique_fd other(open(domain_path().c_str(), O_RDONLY | O_DIRECTORY));
+    EXPECT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), -1);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_EQ(flock(other.get(), LOCK_SH | LOCK_NB), 0);
+}
+
+// The registry is written, never mapped: a full file system is an error and not a signal.
+TEST_F(domain, FullFileSystemIsARefusalWithItsReason)
+{
+    const pid_t child = in_child([this] {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", runtime.path().c_str(), "tmpfs", 0, "size=16k") != 0) {
+            return 77;
+        }
+        if (cnb_join_domain() != 0) {
+            return 1;
+        }
+        cnb_test::write_file(runtime / "filler", std::string(1 << 20, 'x'));
+        testing::internal::CaptureStderr();
+        cnb_total = 100'000;
+        cnb_allocation image;
+        const bool refused = cnb_default_buffer_load() == 0 && image_cnb_buffer_fd >= 0 &&
+                             !cnb_malloc(&image, 100'000, "Image");
+        const std::string told = testing::internal::GetCapturedStderr();
+        return refused && told.find("No space left on device\n") != std::string::npos ? 0 : 2;
+    });
+    const int status = status_of(child);
+    if (status == 77) {
+        GTEST_SKIP() << "needs root, to mount a small file system";
+    }
+    EXPECT_EQ(status, 0);
+}
+
+// The memory does not come from the file system of the registry.
+TEST_F(domain, BufferCanBeLargerThanTheFileSystemOfItsRegistry)
+{
+    const pid_t child = in_child([this] {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", runtime.path().c_str(), "tmpfs", 0, "size=1m") != 0) {
+            return 77;
+        }
+        cnb_total = 8 << 20;
+        cnb_allocation image;
+        if (cnb_default_buffer_load() != 0 || !cnb_malloc(&image, cnb_total, "Image")) {
+            return 1;
+        }
+        vexa_global_access_cache* cache = vexa_global_access_cache_create();
+        unsigned char* bytes = vexa_global_access_cache_quickfetch(cache, image_cnb_buffer, 0,
+                                                                   cnb_total, access_write);
+        for (uint64_t i = 0; i < cnb_total; i += 4096) {
+            bytes[i] = 1;
+        }
+        return 0;
+    });
+    const int status = status_of(child);
+    if (status == 77) {
+        GTEST_SKIP() << "needs root, to mount a small file system";
+    }
+    EXPECT_EQ(status, 0);
+}
+
+} // namespace

@@ -1,0 +1,84 @@
+#include <sys/sysinfo.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/standalone/cnb/memory_room.h"
+#include "tests/unit/cnb/cnb_fixture.h"
+
+using cnb_test::temporary_folder;
+using cnb_test::write_file;
+using platform::memory_reserve;
+using platform::memory_room;
+
+namespace {
+
+class memory : public testing::Test {
+protected:
+    memory()
+    {
+        write_file(root / "proc/meminfo",
+                   "MemTotal:  1000 kB\nMemFree: 1 kB\nMemAvailable: 600 kB\n");
+    }
+
+    void join_group(const std::string& limit, const std::string& usage)
+    {
+        write_file(root / "proc/self/cgroup", "0::/outer/inner\n");
+        write_file(root / "proc/self/mountinfo", "4 3 0:3 / /groups rw - cgroup2 none rw\n");
+        write_file(root / "groups/outer/inner/memory.max", "max\n");
+        write_file(root / "groups/outer/memory.max", limit);
+        write_file(root / "groups/outer/memory.current", usage);
+    }
+
+    temporary_folder root;
+};
+
+TEST_F(memory, MachineDecidesWithoutGroups)
+{
+    const memory_room room(root.path());
+    EXPECT_EQ(room.total(), 1000U * 1024);
+    EXPECT_EQ(room.available(), 600U * 1024);
+}
+
+TEST_F(memory, TightestGroupOnTheWayUpDecides)
+{
+    join_group("204800\n", "4800\n");
+    const memory_room room(root.path());
+    EXPECT_EQ(room.total(), 204800U);
+    EXPECT_EQ(room.available(), 200000U);
+}
+
+TEST_F(memory, GroupLargerThanTheMachineDoesNotCount)
+{
+    join_group("1099511627776\n", "0\n");
+    const memory_room room(root.path());
+    EXPECT_EQ(room.total(), 1000U * 1024);
+    EXPECT_EQ(room.available(), 600U * 1024);
+}
+
+TEST_F(memory, WithoutProcTheSystemIsAsked)
+{
+    const temporary_folder nothing;
+    const memory_room room(nothing.path());
+    struct sysinfo info = {};
+    ASSERT_EQ(sysinfo(&info), 0);
+    EXPECT_EQ(room.total(), uint64_t{info.totalram} * info.mem_unit);
+    EXPECT_GT(room.available(), 0U);
+    EXPECT_LE(room.available(), room.total());
+}
+
+TEST_F(memory, ThisMachineHasSome)
+{
+    const memory_room room;
+    EXPECT_GT(room.total(), 0U);
+    EXPECT_GT(room.available(), 0U);
+}
+
+TEST_F(memory, ReserveIsASixteenthUpTo256MiB)
+{
+    EXPECT_EQ(memory_reserve(0), 0U);
+    EXPECT_EQ(memory_reserve(uint64_t{1} << 30), uint64_t{64} << 20);
+    EXPECT_EQ(memory_reserve(uint64_t{4} << 30), uint64_t{256} << 20);
+    EXPECT_EQ(memory_reserve(uint64_t{64} << 30), uint64_t{256} << 20);
+}
+
+} // namespace

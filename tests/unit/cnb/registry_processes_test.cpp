@@ -1,0 +1,235 @@
+// Processes that start, exit and are killed at any time: numbers stay unique, the limit holds, and
+// what the dead had comes back.
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <random>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/cnb/registry.h"
+#include "tests/unit/cnb/cnb_fixture.h"
+
+using cnb_test::in_child;
+using cnb_test::signal_pipe;
+using cnb_test::status_of;
+using cnb_test::temporary_folder;
+using platform::buffer_registry;
+using platform::claim_result;
+using platform::unique_fd;
+
+namespace {
+
+constexpr uint64_t limit = 1000;
+
+class registry_processes : public testing::Test {
+protected:
+    registry_processes() : folder_fd(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY)) {}
+
+    // True once everything can be claimed by one owner.
+    bool all_came_back()
+    {
+        buffer_registry instance;
+        if (instance.open(folder_fd.get()) != 0) {
+            return false;
+        }
+        for (int tries = 0; tries < 1000; ++tries) {
+            if (instance.claim(limit, limit) == claim_result::TAKEN) {
+                return instance.number() == 1;
+            }
+            usleep(1000);
+        }
+        return false;
+    }
+
+    temporary_folder folder;
+    unique_fd folder_fd;
+};
+
+// What racing processes tell each other about what they hold.
+struct shared_board {
+    std::atomic<uint64_t> bytes;
+    std::atomic<uint32_t> holders_of[platform::most_buffers + 1];
+};
+
+shared_board* make_board()
+{
+    void* memory = mmap(nullptr, sizeof(shared_board), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return memory == MAP_FAILED ? nullptr : static_cast<shared_board*>(memory);
+}
+
+// Exit status 0: all went well; 1: a number was shared; 2: over the limit; 3: a claim failed.
+int claim_and_release(int folder, shared_board* board, unsigned seed)
+{
+    std::minstd_rand random(seed);
+    for (int round = 0; round < 300; ++round) {
+        buffer_registry instance;
+        if (instance.open(folder) != 0) {
+            return 3;
+        }
+        const uint64_t bytes = 1 + random() % 400;
+        claim_result result = claim_result::NO_ROOM;
+        while (result == claim_result::NO_ROOM) {
+            result = instance.claim(bytes, limit);
+        }
+        if (result != claim_result::TAKEN) {
+            return 3;
+        }
+        if (board->holders_of[instance.number()].fetch_add(1) != 0) {
+            return 1;
+        }
+        if (board->bytes.fetch_add(bytes) + bytes > limit) {
+            return 2;
+        }
+        if (random() % 4 == 0) {
+            usleep(100);
+        }
+        board->bytes.fetch_sub(bytes);
+        board->holders_of[instance.number()].fetch_sub(1);
+        if (random() % 2 == 0) {
+            instance.release(); // otherwise closing the file does it
+        }
+    }
+    return 0;
+}
+
+TEST_F(registry_processes, RacersShareNoNumberAndKeepTheLimit)
+{
+    shared_board* board = make_board();
+    ASSERT_NE(board, nullptr);
+    std::vector<pid_t> children;
+    for (unsigned seed = 1; seed <= 8; ++seed) {
+        children.push_back(
+            in_child([&] { return claim_and_release(folder_fd.get(), board, seed); }));
+    }
+    for (const pid_t child : children) {
+        EXPECT_EQ(status_of(child), 0);
+    }
+    EXPECT_TRUE(all_came_back());
+    munmap(board, sizeof *board);
+}
+
+int claim_until_killed(int folder)
+{
+    for (;;) {
+        buffer_registry instance;
+        if (instance.open(folder) != 0) {
+            return 1;
+        }
+        if (instance.claim(100, limit) == claim_result::TAKEN) {
+            usleep(50);
+            instance.release();
+        }
+    }
+}
+
+TEST_F(registry_processes, WhatTheKilledHadComesBack)
+{
+    std::minstd_rand random(7);
+    std::vector<pid_t> children(6, -1);
+    for (int round = 0; round < 200; ++round) {
+        pid_t& child = children[random() % children.size()];
+        if (child > 0) {
+            kill(child, SIGKILL);
+            ASSERT_EQ(status_of(child), -1); // it would have ended by itself on an error
+        }
+        child = in_child([&] { return claim_until_killed(folder_fd.get()); });
+        usleep(static_cast<useconds_t>(random() % 3000));
+    }
+    for (const pid_t child : children) {
+        if (child > 0) {
+            kill(child, SIGKILL);
+            status_of(child);
+        }
+    }
+    EXPECT_TRUE(all_came_back());
+}
+
+TEST_F(registry_processes, ProcessKilledInsideTheLockedPartLeavesNothingBehind)
+{
+    buffer_registry maker;
+    ASSERT_EQ(maker.open(folder_fd.get()), 0);
+    const pid_t child = in_child([&] {
+        // Takes the header's and a record's lock as a claim does, and dies before the record is
+        // written.
+        const int file = openat(folder_fd.get(), "registry", O_RDWR | O_CLOEXEC);
+        struct flock both = {};
+        both.l_type = F_WRLCK;
+        both.l_whence = SEEK_SET;
+        both.l_len = 32;
+        if (fcntl(file, F_OFD_SETLK, &both) == 0) {
+            kill(getpid(), SIGKILL);
+        }
+        return 1;
+    });
+    ASSERT_EQ(status_of(child), -1);
+    EXPECT_TRUE(all_came_back());
+}
+
+TEST_F(registry_processes, WaitEndsWhenTheOtherExits)
+{
+    signal_pipe claimed;
+    signal_pipe leave;
+    const pid_t other = in_child([&] {
+        buffer_registry instance;
+        if (instance.open(folder_fd.get()) != 0 ||
+            instance.claim(limit, limit) != claim_result::TAKEN) {
+            return 1;
+        }
+        claimed.give();
+        leave.wait();
+        return 0; // without a release
+    });
+    claimed.wait();
+    buffer_registry instance;
+    ASSERT_EQ(instance.open(folder_fd.get()), 0);
+    EXPECT_EQ(instance.claim(1, limit), claim_result::NO_ROOM);
+    leave.give();
+    EXPECT_EQ(status_of(other), 0);
+    EXPECT_TRUE(all_came_back());
+}
+
+TEST_F(registry_processes, DaemonisedChildKeepsTheNumber)
+{
+    signal_pipe daemonised;
+    signal_pipe leave;
+    const pid_t parent = in_child([&] {
+        buffer_registry instance;
+        if (instance.open(folder_fd.get()) != 0 ||
+            instance.claim(limit, limit) != claim_result::TAKEN) {
+            return 1;
+        }
+        if (fork() != 0) {
+            return 0; // as daemon() does: the parent exits at once
+        }
+        leave.close_giving_end();
+        instance.note_owner();
+        daemonised.give();
+        leave.wait();
+        _exit(0);
+    });
+    ASSERT_EQ(status_of(parent), 0);
+    daemonised.wait();
+
+    buffer_registry instance;
+    ASSERT_EQ(instance.open(folder_fd.get()), 0);
+    EXPECT_EQ(instance.claim(1, limit), claim_result::NO_ROOM);
+    uint32_t owner = 0;
+    const unique_fd file(openat(folder_fd.get(), "registry", O_RDONLY));
+    ASSERT_EQ(platform::pread_fully(file.get(), &owner, sizeof owner, 16 + 8),
+              ssize_t{sizeof owner});
+    EXPECT_NE(owner, static_cast<uint32_t>(parent));
+    EXPECT_EQ(kill(static_cast<pid_t>(owner), 0), 0);
+
+    leave.give();
+    EXPECT_TRUE(all_came_back());
+}
+
+} // namespace

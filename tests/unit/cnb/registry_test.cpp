@@ -1,0 +1,303 @@
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/cnb/registry.h"
+#include "tests/unit/cnb/cnb_fixture.h"
+
+using cnb_test::temporary_folder;
+using platform::buffer_registry;
+using platform::claim_result;
+using platform::unique_fd;
+
+namespace {
+
+constexpr uint64_t record_size = 16;
+
+class registry : public testing::Test {
+protected:
+    registry() : folder_fd(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY)) {}
+
+    buffer_registry opened()
+    {
+        buffer_registry instance;
+        EXPECT_EQ(instance.open(folder_fd.get()), 0);
+        return instance;
+    }
+
+    // Another open file of the registry, for locks and bytes behind its back.
+    unique_fd file()
+    {
+        return unique_fd(open((folder / "registry").c_str(), O_RDWR | O_CREAT, 0600));
+    }
+
+    std::vector<unsigned char> bytes_of_file(uint64_t offset, size_t size)
+    {
+        std::vector<unsigned char> bytes(size);
+        EXPECT_EQ(platform::pread_fully(file().get(), bytes.data(), size, offset),
+                  static_cast<ssize_t>(size));
+        return bytes;
+    }
+
+    static void lock(const unique_fd& file, uint64_t first, uint64_t count, short type = F_WRLCK)
+    {
+        struct flock range = {};
+        range.l_type = type;
+        range.l_whence = SEEK_SET;
+        range.l_start = static_cast<off_t>(first * record_size);
+        range.l_len = static_cast<off_t>(count * record_size);
+        ASSERT_EQ(fcntl(file.get(), F_OFD_SETLK, &range), 0);
+    }
+
+    temporary_folder folder;
+    unique_fd folder_fd;
+};
+
+// Asks until the registry has looked again.
+claim_result claim_patiently(buffer_registry& instance, uint64_t bytes, uint64_t limit)
+{
+    claim_result result = claim_result::NO_ROOM;
+    for (int tries = 0; tries < 1000 && result == claim_result::NO_ROOM; ++tries) {
+        result = instance.claim(bytes, limit);
+        usleep(1000);
+    }
+    return result;
+}
+
+TEST_F(registry, NumbersBeginWithOne)
+{
+    buffer_registry first = opened();
+    EXPECT_EQ(first.number(), 0U);
+    ASSERT_EQ(first.claim(10, 100), claim_result::TAKEN);
+    EXPECT_EQ(first.number(), 1U);
+}
+
+TEST_F(registry, LowestFreeNumberIsGiven)
+{
+    std::vector<buffer_registry> all(4);
+    for (buffer_registry& each : all) {
+        ASSERT_EQ(each.open(folder_fd.get()), 0);
+        ASSERT_EQ(each.claim(1, 100), claim_result::TAKEN);
+    }
+    all[1].release();
+    buffer_registry next = opened();
+    ASSERT_EQ(next.claim(1, 100), claim_result::TAKEN);
+    EXPECT_EQ(next.number(), 2U);
+    ASSERT_EQ(all[1].claim(1, 100), claim_result::TAKEN);
+    EXPECT_EQ(all[1].number(), 5U);
+}
+
+TEST_F(registry, SumEqualToTheLimitFits)
+{
+    buffer_registry first = opened();
+    buffer_registry second = opened();
+    ASSERT_EQ(first.claim(60, 100), claim_result::TAKEN);
+    EXPECT_EQ(second.claim(40, 100), claim_result::TAKEN);
+}
+
+TEST_F(registry, OneByteMoreThanTheLimitHasNoRoom)
+{
+    buffer_registry first = opened();
+    buffer_registry second = opened();
+    ASSERT_EQ(first.claim(60, 100), claim_result::TAKEN);
+    EXPECT_EQ(second.claim(41, 100), claim_result::NO_ROOM);
+    EXPECT_EQ(second.number(), 0U);
+}
+
+TEST_F(registry, SumThatDoesNotFit64BitsHasNoRoom)
+{
+    buffer_registry first = opened();
+    buffer_registry second = opened();
+    ASSERT_EQ(first.claim(UINT64_MAX - 5, UINT64_MAX), claim_result::TAKEN);
+    EXPECT_EQ(second.claim(6, UINT64_MAX), claim_result::NO_ROOM);
+    EXPECT_EQ(claim_patiently(second, 5, UINT64_MAX), claim_result::TAKEN);
+}
+
+TEST_F(registry, ReleaseGivesNumberAndBytesBack)
+{
+    buffer_registry first = opened();
+    buffer_registry second = opened();
+    ASSERT_EQ(first.claim(100, 100), claim_result::TAKEN);
+    first.release();
+    first.release();
+    EXPECT_EQ(first.number(), 0U);
+    ASSERT_EQ(second.claim(100, 100), claim_result::TAKEN);
+    EXPECT_EQ(second.number(), 1U);
+}
+
+TEST_F(registry, ClosingTheFileGivesBack)
+{
+    buffer_registry first = opened();
+    ASSERT_EQ(first.claim(100, 100), claim_result::TAKEN);
+    first.close();
+    buffer_registry second = opened();
+    EXPECT_EQ(second.claim(100, 100), claim_result::TAKEN);
+}
+
+TEST_F(registry, SecondClaimOfOneOwnerIsRefused)
+{
+    buffer_registry first = opened();
+    ASSERT_EQ(first.claim(1, 100), claim_result::TAKEN);
+    EXPECT_EQ(first.claim(1, 100), claim_result::FAILED);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(first.number(), 1U);
+}
+
+TEST_F(registry, LastNumberIs65535AndThenThereIsNoRoom)
+{
+    constexpr uint64_t most = platform::most_buffers;
+    const unique_fd others = file();
+    ASSERT_EQ(platform::pwrite_fully(others.get(), "cnb registry 1\n", 16, 0), 0);
+    const struct {
+        uint64_t bytes;
+        uint32_t owner, reserved;
+    } taken = {0, 1, 0};
+    for (uint64_t number = 1; number <= most; ++number) {
+        ASSERT_EQ(platform::pwrite_fully(others.get(), &taken, record_size, number * record_size),
+                  0);
+    }
+    lock(others, 1, most);
+    buffer_registry next = opened();
+    EXPECT_EQ(next.claim(0, 100), claim_result::NO_ROOM);
+    lock(others, most, 1, F_UNLCK);
+    EXPECT_EQ(claim_patiently(next, 0, 100), claim_result::TAKEN);
+    EXPECT_EQ(next.number(), most);
+}
+
+TEST_F(registry, NumberBehindAFileOf65534RecordsIsTheLast)
+{
+    const unique_fd others = file();
+    ASSERT_EQ(platform::pwrite_fully(others.get(), "cnb registry 1\n", 16, 0), 0);
+    ASSERT_EQ(ftruncate(others.get(), 65535 * record_size), 0);
+    lock(others, 1, 65534);
+    buffer_registry next = opened();
+    ASSERT_EQ(next.claim(0, 100), claim_result::TAKEN);
+    EXPECT_EQ(next.number(), 65535U);
+}
+
+TEST_F(registry, RecordThatNobodyHasLockedIsFreeWhateverItSays)
+{
+    const unique_fd others = file();
+    std::vector<unsigned char> garbage(size_t{70000} * record_size, 0xFF);
+    ASSERT_EQ(platform::pwrite_fully(others.get(), garbage.data(), garbage.size(), 0), 0);
+    ASSERT_EQ(platform::pwrite_fully(others.get(), "cnb registry 1\n", 16, 0), 0);
+    buffer_registry next = opened();
+    ASSERT_EQ(next.claim(100, 100), claim_result::TAKEN);
+    EXPECT_EQ(next.number(), 1U);
+}
+
+TEST_F(registry, HugeSizesOfLiveBuffersDoNotWrap)
+{
+    const unique_fd others = file();
+    std::vector<unsigned char> garbage(4 * record_size, 0xFF);
+    ASSERT_EQ(platform::pwrite_fully(others.get(), garbage.data(), garbage.size(), 0), 0);
+    ASSERT_EQ(platform::pwrite_fully(others.get(), "cnb registry 1\n", 16, 0), 0);
+    lock(others, 1, 2);
+    buffer_registry next = opened();
+    EXPECT_EQ(next.claim(1, UINT64_MAX - 1), claim_result::NO_ROOM);
+}
+
+TEST_F(registry, ClearedRecordThatIsStillLockedIsPassedOver)
+{
+    buffer_registry first = opened();
+    ASSERT_EQ(first.claim(1, 100), claim_result::TAKEN);
+    first.release();
+    const unique_fd leaving = file(); // an owner between clearing and letting go
+    lock(leaving, 1, 1);
+    ASSERT_EQ(first.claim(1, 100), claim_result::TAKEN);
+    EXPECT_EQ(first.number(), 2U);
+}
+
+TEST_F(registry, BusyRegistryIsNotWaitedFor)
+{
+    const unique_fd other = file();
+    lock(other, 0, 1);
+    buffer_registry next = opened();
+    EXPECT_EQ(next.claim(1, 100), claim_result::NO_ROOM);
+    lock(other, 0, 1, F_UNLCK);
+    EXPECT_EQ(next.claim(1, 100), claim_result::TAKEN);
+}
+
+TEST_F(registry, NoRoomEndsWhenRoomIsMade)
+{
+    buffer_registry first = opened();
+    buffer_registry second = opened();
+    ASSERT_EQ(first.claim(100, 100), claim_result::TAKEN);
+    ASSERT_EQ(second.claim(1, 100), claim_result::NO_ROOM);
+    first.release();
+    EXPECT_EQ(claim_patiently(second, 1, 100), claim_result::TAKEN);
+}
+
+TEST_F(registry, RemovedFileIsGoneAndCanBeMadeAnew)
+{
+    buffer_registry instance = opened();
+    ASSERT_EQ(unlink((folder / "registry").c_str()), 0);
+    EXPECT_EQ(instance.claim(1, 100), claim_result::GONE);
+    ASSERT_EQ(instance.open(folder_fd.get()), 0);
+    EXPECT_EQ(instance.claim(1, 100), claim_result::TAKEN);
+}
+
+TEST_F(registry, FileOfAnotherFormatIsRefusedAndLeftAlone)
+{
+    cnb_test::write_file(folder / "registry", "cnb registry 2\nsomething");
+    buffer_registry instance = opened();
+    EXPECT_EQ(instance.claim(1, 100), claim_result::FAILED);
+    EXPECT_EQ(errno, EPROTO);
+    const std::vector<unsigned char> kept = bytes_of_file(0, 24);
+    EXPECT_EQ(std::string(kept.begin(), kept.end()), "cnb registry 2\nsomething");
+}
+
+TEST_F(registry, HeaderThatWasCutShortIsWrittenAgain)
+{
+    cnb_test::write_file(folder / "registry", "cnb");
+    buffer_registry instance = opened();
+    EXPECT_EQ(instance.claim(1, 100), claim_result::TAKEN);
+    const std::vector<unsigned char> header = bytes_of_file(0, 16);
+    EXPECT_EQ(std::string(header.begin(), header.end()), std::string("cnb registry 1\n\0", 16));
+}
+
+TEST_F(registry, RecordIsSizeAndOwnerLittleEndian)
+{
+    buffer_registry instance = opened();
+    ASSERT_EQ(instance.claim(0x0102030405060708, UINT64_MAX), claim_result::TAKEN);
+    std::vector<unsigned char> record = {8, 7, 6, 5, 4, 3, 2, 1};
+    for (int byte = 0; byte < 8; ++byte) {
+        record.push_back(static_cast<unsigned char>(uint64_t(getpid()) >> (8 * byte)));
+    }
+    EXPECT_EQ(bytes_of_file(record_size, record_size), record);
+    instance.release();
+    EXPECT_EQ(bytes_of_file(record_size, record_size), std::vector<unsigned char>(record_size));
+}
+
+TEST_F(registry, FileIsForItsUserAlone)
+{
+    opened();
+    struct stat status = {};
+    ASSERT_EQ(stat((folder / "registry").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+}
+
+TEST_F(registry, FifoInThePlaceOfTheFileIsRefused)
+{
+    ASSERT_EQ(mkfifo((folder / "registry").c_str(), 0600), 0);
+    buffer_registry instance;
+    EXPECT_EQ(instance.open(folder_fd.get()), -1);
+    EXPECT_EQ(errno, EPROTO);
+    EXPECT_FALSE(instance);
+}
+
+TEST_F(registry, LinkInThePlaceOfTheFileIsNotFollowed)
+{
+    ASSERT_EQ(symlink("elsewhere", (folder / "registry").c_str()), 0);
+    buffer_registry instance;
+    EXPECT_EQ(instance.open(folder_fd.get()), -1);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_NE(access((folder / "elsewhere").c_str(), F_OK), 0);
+}
+
+} // namespace

@@ -1,0 +1,56 @@
+#include <gtest/gtest.h>
+
+#include "platform/standalone/cnb/small_file.h"
+#include "tests/unit/cnb/cnb_fixture.h"
+
+using platform::leading_number;
+using platform::number_of_line;
+using platform::read_small_file;
+
+TEST(small_file, WholeTextIsRead)
+{
+    const cnb_test::temporary_folder folder;
+    for (const size_t size : {0U, 1U, 4095U, 4096U, 4097U, 100'000U}) {
+        const std::string text(size, 'x');
+        cnb_test::write_file(folder / "text", text);
+        EXPECT_EQ(read_small_file(folder / "text"), text);
+    }
+}
+
+TEST(small_file, ReadingEndsAtOneMebibyte)
+{
+    const cnb_test::temporary_folder folder;
+    cnb_test::write_file(folder / "text", std::string(3'000'000, 'x'));
+    EXPECT_EQ(read_small_file(folder / "text").size(), 1U << 20);
+}
+
+TEST(small_file, MissingFileAndFolderAreEmpty)
+{
+    const cnb_test::temporary_folder folder;
+    EXPECT_EQ(read_small_file(folder / "nothing"), "");
+    EXPECT_EQ(read_small_file(folder.path()), "");
+}
+
+TEST(small_file, NumberIsTheOneInFront)
+{
+    EXPECT_EQ(leading_number("42 kB", 7), 42U);
+    EXPECT_EQ(leading_number("18446744073709551615\n", 7), UINT64_MAX);
+    EXPECT_EQ(leading_number("18446744073709551616", 7), 7U);
+    EXPECT_EQ(leading_number("max\n", 7), 7U);
+    EXPECT_EQ(leading_number("-1", 7), 7U);
+    EXPECT_EQ(leading_number("", 7), 7U);
+}
+
+TEST(small_file, LineIsFoundByItsWholeKey)
+{
+    const char* text =
+        "Mem: 1\nMemTotal:       24684084 kB\nMemTotal: 5\ninactive_file 12\nlast\t9";
+    EXPECT_EQ(number_of_line(text, "MemTotal:", 7), 24684084U);
+    EXPECT_EQ(number_of_line(text, "inactive_file", 7), 12U);
+    EXPECT_EQ(number_of_line(text, "last", 7), 9U);
+    EXPECT_EQ(number_of_line(text, "inactive", 7), 7U);
+    EXPECT_EQ(number_of_line(text, "file", 7), 7U);
+    EXPECT_EQ(number_of_line("key", "key", 7), 7U);
+    EXPECT_EQ(number_of_line("key \n", "key", 7), 7U);
+    EXPECT_EQ(number_of_line("", "key", 7), 7U);
+}

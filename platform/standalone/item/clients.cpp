@@ -221,5 +221,6 @@ void close_comm_service()
     unanswered.clear();
     new_requests = false;
     service_failed = false;
+    reset_client_numbers();
     reset_client_events();
 }

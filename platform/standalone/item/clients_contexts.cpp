@@ -80,6 +80,12 @@ void forget_client(comm_socket_v4_client& connection)
     clients_changed();
 }
 
+void reset_client_numbers()
+{
+    last_context_id = 0;
+    last_reference_id = 0;
+}
+
 bool may_hold_another(const client_record& client)
 {
     return client.references.size() < comm_protocol::max_held_references &&

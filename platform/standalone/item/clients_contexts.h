@@ -46,3 +46,6 @@ bool may_hold_another(const client_record& client);
 
 // Notes a request for idle_vexa_client_contexts.
 void add_pending_request(unsigned long context_id, const vexa_video_pending_request& request);
+
+// Numbers begin anew at 1; only while there are no clients.
+void reset_client_numbers();

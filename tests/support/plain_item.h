@@ -1,0 +1,47 @@
+// The item as its clients' units see it, in plain memory: the state is what the test sets, settings
+// are recorded, frames are numbers and the frame buffer is a small memfd. For tests of the comm
+// service without a picture, a metadata file or a domain.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/media_item.h"
+
+namespace plain_item {
+
+struct item_state {
+    int percent = 0;
+    std::string progress;
+    int ready = 0;
+    std::string document = R"({"a": 1})";
+    bool document_changed = false; // asked for since the last build
+    unsigned documents_built = 0;
+    uint64_t generation = 1;
+    std::vector<std::pair<std::string, std::string>> stored;
+    bool refuses_settings = false;
+    std::string socket;
+    bool holds_lock = true;
+    uint64_t frames = 1;
+    int live_frames = 0;                 // frame objects that exist
+    int live_contexts = 0;               // context objects that exist
+    bool frames_fail = false;            // factory gives null
+    bool factory_throws = false;         // factories throw bad_alloc
+    bool descriptor_fails = false;       // of the buffer
+    std::vector<std::string> hook_calls; // "name=value" of vexa_on_metadata_set
+    std::vector<unsigned long> left;     // context ids at on_vexa_client_disconnect
+};
+
+extern item_state state;
+
+// The state at program start, with the factories and hooks below registered.
+void reset();
+
+// As the program's: ready for `percent` 100.
+void make_ready(int ready_state);
+
+inline constexpr uint64_t buffer_size = 8192;
+
+} // namespace plain_item

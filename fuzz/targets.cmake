@@ -1,1 +1,2 @@
 add_fuzz_target(metadata metadata_fuzz.cpp LIBRARIES platform_metadata)
+add_fuzz_target(jpeg jpeg_fuzz.cpp LIBRARIES stillimage_decode caught_abort scripted_platform)

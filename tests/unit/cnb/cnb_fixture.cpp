@@ -184,11 +184,14 @@ void signal_pipe::give()
     static_cast<void>(written);
 }
 
-void signal_pipe::wait()
+bool signal_pipe::wait()
 {
     char byte = 0;
-    while (read(ends_[0], &byte, 1) < 0 && errno == EINTR) {
+    ssize_t got = read(ends_[0], &byte, 1);
+    while (got < 0 && errno == EINTR) {
+        got = read(ends_[0], &byte, 1);
     }
+    return got == 1;
 }
 
 void signal_pipe::close_giving_end()

@@ -56,7 +56,7 @@ public:
     signal_pipe& operator=(const signal_pipe&) = delete;
     ~signal_pipe();
     void give();
-    void wait(); // also ends when every process that could give has ended
+    bool wait(); // false when every process that could give has ended without doing so
     void close_giving_end();
 
 private:

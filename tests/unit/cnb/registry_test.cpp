@@ -193,11 +193,13 @@ TEST_F(registry, RecordThatNobodyHasLockedIsFreeWhateverItSays)
 
 TEST_F(registry, HugeSizesOfLiveBuffersDoNotWrap)
 {
-    const unique_fd others = file();
-    std::vector<unsigned char> garbage(4 * record_size, 0xFF);
-    ASSERT_EQ(platform::pwrite_fully(others.get(), garbage.data(), garbage.size(), 0), 0);
-    ASSERT_EQ(platform::pwrite_fully(others.get(), "cnb registry 1\n", 16, 0), 0);
-    lock(others, 1, 2);
+    constexpr uint64_t half = uint64_t{1} << 63;
+    buffer_registry first = opened();
+    ASSERT_EQ(first.claim(half, UINT64_MAX), claim_result::TAKEN);
+    const unique_fd second = file();
+    const uint64_t record[2] = {half, 1};
+    ASSERT_EQ(platform::pwrite_fully(second.get(), record, record_size, 2 * record_size), 0);
+    lock(second, 2, 1);
     buffer_registry next = opened();
     EXPECT_EQ(next.claim(1, UINT64_MAX - 1), claim_result::NO_ROOM);
 }

@@ -157,7 +157,7 @@ bool home_folder(std::string* folder)
     std::vector<char> texts(16384);
     passwd entry = {};
     passwd* found = nullptr;
-    const int failure = getpwuid_r(getuid(), &entry, texts.data(), texts.size(), &found);
+    const int failure = getpwuid_r(geteuid(), &entry, texts.data(), texts.size(), &found);
     if (found == nullptr || found->pw_dir == nullptr || found->pw_dir[0] != '/') {
         errno = failure != 0 ? failure : ENOENT;
         return false;
@@ -179,6 +179,9 @@ std::string name_of_real_path(std::string_view real_path)
         const bool plain = is_letter_or_digit(c) || is_above_ascii(c);
         const bool inner = !name.empty() && (c == '.' || c == '-');
         name += plain || inner ? c : '_';
+    }
+    if (name.empty()) {
+        name = '_';
     }
     return name + '-' + short_hash(real_path);
 }
@@ -213,7 +216,7 @@ std::string runtime_folder()
     }
     const char* temporary = absolute_path_in("TMPDIR");
     return std::string(temporary != nullptr ? temporary : "/tmp") + "/stillimage-" +
-           std::to_string(getuid());
+           std::to_string(geteuid());
 }
 
 bool default_socket(const char* picture, std::string* path)

@@ -175,7 +175,8 @@ void close_item()
 int vexa_standard_to_derived_params()
 {
     item::close_item();
-    const int result = item::derive_all();
+    item::release_serve_lock();
+    const int result = vexa_file != nullptr ? item::derive_all() : -1;
     if (result != 0) {
         item::close_item();
         item::release_serve_lock();

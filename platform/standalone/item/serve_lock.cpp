@@ -102,10 +102,14 @@ void release_serve_lock()
     if (!lock.held()) {
         return;
     }
-    if (owner == getpid() && is_still_named(lock.fd(), lock_path.c_str())) {
-        unlink(lock_path.c_str());
+    if (owner == getpid()) {
+        if (is_still_named(lock.fd(), lock_path.c_str())) {
+            unlink(lock_path.c_str());
+        }
+        lock.release();
+    } else {
+        lock = platform::file_lock(); // the owner keeps it
     }
-    lock.release();
     lock_path.clear();
     owner = 0;
 }

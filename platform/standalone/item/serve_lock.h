@@ -17,8 +17,8 @@ bool take_serve_lock(const std::string& socket_path);
 // Writes the process's number anew when it has another one, as after daemon().
 void refresh_serve_lock();
 
-// Removes the lock file and lets go. Does nothing without the lock and in a process that inherited
-// it without refreshing. Also runs at exit.
+// Removes the lock file and lets go; a process that has inherited the lock without refreshing it
+// lets go of its part only. Does nothing without the lock. Also runs at exit.
 void release_serve_lock();
 
 } // namespace item

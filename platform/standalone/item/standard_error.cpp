@@ -24,7 +24,7 @@ namespace item {
 namespace {
 
 constexpr int error_fd = STDERR_FILENO;
-constexpr uint64_t patience_us = 2'000'000;
+constexpr uint64_t patience_us = 1'000'000;
 
 FILE* inherited_stream = nullptr; // stderr as the C library made it
 FILE* guarded_stream = nullptr;

@@ -2,8 +2,8 @@
 // or does not, can hold the worker up.
 //
 // stdio's stderr is replaced by a stream of this unit, so that what the codec libraries print takes
-// the same road. On a pipe, socket or terminal whose reader has stopped the worker waits for two
-// seconds in its whole life; after that, what cannot be written at once is dropped and the loss is
+// the same road. For a pipe, socket or terminal whose reader has stopped the worker waits one
+// second in its whole life; after that, what cannot be written at once is dropped, and the loss is
 // told as soon as there is room again. The log has its own limit (log_file.h).
 #pragma once
 

@@ -1,0 +1,216 @@
+#include <fcntl.h>
+#include <string>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/media_item.h"
+#include "platform/standalone/item/client_settings.h"
+#include "platform/standalone/item/derived.h"
+#include "platform/standalone/item/document.h"
+#include "platform/standalone/item/item_state.h"
+#include "platform/time.h"
+#include "tests/unit/item/item_fixture.h"
+
+namespace {
+
+class ClientSettings : public item_test::ItemFixture {
+protected:
+    ClientSettings()
+    {
+        name_picture();
+        vexa_set_string(&vexa_file_metadir, folder.path("meta").c_str());
+    }
+
+    // An item that is being served: its list is closed.
+    void serve()
+    {
+        ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+        meta_to_json(vexa_metadata);
+        metadata_v4_metadata_close_file(vexa_metadata);
+    }
+
+    std::string stored() const { return folder.read("meta/metadata"); }
+
+    static std::string shown(const char* name)
+    {
+        const std::string* value = item::document_entry(name);
+        return value != nullptr ? *value : "(none)";
+    }
+
+    uint64_t later() const { return monotonic_clock_us() + 1'000'001; }
+};
+
+TEST_F(ClientSettings, AreShownAtOnceAndWrittenAfterASecond)
+{
+    serve();
+    ASSERT_EQ(store_client_setting("title", "A picture"), 0);
+    EXPECT_EQ(shown("title"), "A picture");
+    item::store_waiting_settings(monotonic_clock_us());
+    EXPECT_EQ(stored().find("title"), std::string::npos);
+    item::store_waiting_settings(later());
+    EXPECT_NE(stored().find("title = A picture\n"), std::string::npos);
+}
+
+TEST_F(ClientSettings, ManySetsAreOneWrite)
+{
+    serve();
+    for (int i = 0; i < 100'000; ++i) {
+        ASSERT_EQ(store_client_setting("title", std::to_string(i)), 0);
+    }
+    EXPECT_FALSE(folder.has("meta/metadata"));
+    item::store_waiting_settings(later());
+    EXPECT_NE(stored().find("title = 99999\n"), std::string::npos);
+    struct stat before = {};
+    stat(folder.path("meta/metadata").c_str(), &before);
+    item::store_waiting_settings(later() + 10'000'000);
+    struct stat after = {};
+    stat(folder.path("meta/metadata").c_str(), &after);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+}
+
+TEST_F(ClientSettings, WhatElseIsInTheFileStays)
+{
+    mkdir(folder.path("meta").c_str(), 0700);
+    folder.write("meta/metadata", "# mine\none = 1\naspect ratio = 4:3\n");
+    serve();
+    ASSERT_EQ(store_client_setting("aspect ratio", "16:9"), 0);
+    folder.write("meta/metadata", "# mine\none = 1\naspect ratio = 4:3\nadded = by hand\n");
+    item::store_waiting_settings(later());
+    EXPECT_EQ(stored(), "# mine\none = 1\naspect ratio = 16:9\nadded = by hand\n");
+}
+
+TEST_F(ClientSettings, EndOfTheProcessWritesWhatWaits)
+{
+    serve();
+    ASSERT_EQ(store_client_setting("title", "last words"), 0);
+    vexa_free_all();
+    EXPECT_NE(stored().find("title = last words\n"), std::string::npos);
+}
+
+TEST_F(ClientSettings, WithoutMetadataUpdateNothingIsWritten)
+{
+    serve();
+    vexa_metadata_may_update = false;
+    ASSERT_EQ(store_client_setting("title", "x"), 0);
+    EXPECT_EQ(shown("title"), "x");
+    item::store_waiting_settings(later());
+    vexa_free_all();
+    EXPECT_FALSE(folder.has("meta/metadata"));
+}
+
+TEST_F(ClientSettings, SameValueAgainIsNothingNew)
+{
+    mkdir(folder.path("meta").c_str(), 0700);
+    folder.write("meta/metadata", "title = x\n");
+    serve();
+    struct stat before = {};
+    stat(folder.path("meta/metadata").c_str(), &before);
+    ASSERT_EQ(store_client_setting("title", "x"), 0);
+    item::store_waiting_settings(later());
+    struct stat after = {};
+    stat(folder.path("meta/metadata").c_str(), &after);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+}
+
+TEST_F(ClientSettings, FactsOfTheWorkerAreRefused)
+{
+    serve();
+    for (const char* name : {"file type", "GUID", "image size", "picture size", "picture time",
+                             "time duration", "time scale", "video streams"}) {
+        EXPECT_EQ(store_client_setting(name, "1"), -1) << name;
+        EXPECT_EQ(shown(name), "(none)") << name;
+    }
+    EXPECT_EQ(store_client_setting("file type ", "1"), 0);
+}
+
+TEST_F(ClientSettings, KnownNamesMustParse)
+{
+    serve();
+    for (const char* value : {"", "wide", "16:0", "-1:1", "16:9:1"}) {
+        EXPECT_EQ(store_client_setting("aspect ratio", value), -1) << value;
+    }
+    for (const char* value : {"", "loud", "2"}) {
+        EXPECT_EQ(store_client_setting("background music", value), -1) << value;
+    }
+    EXPECT_EQ(shown("aspect ratio"), "(none)");
+    EXPECT_EQ(store_client_setting("aspect ratio", "16:9"), 0);
+    EXPECT_EQ(store_client_setting("background music", "on"), 0);
+}
+
+TEST_F(ClientSettings, NamesAndValuesHaveLimits)
+{
+    serve();
+    EXPECT_EQ(store_client_setting("", "x"), -1);
+    EXPECT_EQ(store_client_setting(std::string(256, 'n'), "x"), 0);
+    EXPECT_EQ(store_client_setting(std::string(257, 'n'), "x"), -1);
+    EXPECT_EQ(store_client_setting("value", std::string(16384, 'v')), 0);
+    EXPECT_EQ(store_client_setting("value", std::string(16385, 'v')), -1);
+    EXPECT_EQ(store_client_setting(std::string_view("a\0b", 3), "x"), -1);
+    EXPECT_EQ(store_client_setting("a", std::string_view("x\0y", 3)), -1);
+    EXPECT_EQ(store_client_setting("a", ""), 0);
+}
+
+TEST_F(ClientSettings, NewNamesAreCounted)
+{
+    serve();
+    for (int i = 0; i < 256; ++i) {
+        ASSERT_EQ(store_client_setting("name " + std::to_string(i), "x"), 0);
+    }
+    EXPECT_EQ(store_client_setting("one more", "x"), -1);
+    EXPECT_EQ(shown("one more"), "(none)");
+    EXPECT_EQ(store_client_setting("name 7", "y"), 0);
+}
+
+TEST_F(ClientSettings, HostileTextForgesNoEntry)
+{
+    serve();
+    ASSERT_EQ(store_client_setting("a\nfile type = b", "c\nGUID = d = \x1B\xFF"), 0);
+    item::store_waiting_settings(later());
+    item::close_item();
+    vexa_set_string(&vexa_file_type, nullptr);
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    ASSERT_EQ(metadata_v4_metadata_context_entry_count(vexa_metadata), 1U);
+    const metadata_v4_entry* entry = metadata_v4_metadata_context_read_entry(vexa_metadata, 0);
+    EXPECT_STREQ(entry->name, "a\nfile type = b");
+    EXPECT_STREQ(entry->value, "c\nGUID = d = \x1B\xFF");
+}
+
+TEST_F(ClientSettings, FailedWriteIsTriedAgainLessAndLessOften)
+{
+    serve();
+    const platform::unique_fd other(
+        open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
+    ASSERT_EQ(store_client_setting("title", "x"), 0);
+    const uint64_t now_us = later();
+    EXPECT_NE(messages([&] { item::store_waiting_settings(now_us); }), "");
+    EXPECT_EQ(messages([&] { item::store_waiting_settings(now_us + 1'999'999); }), "");
+    EXPECT_NE(messages([&] { item::store_waiting_settings(now_us + 2'000'000); }), "");
+    EXPECT_EQ(messages([&] { item::store_waiting_settings(now_us + 5'999'999); }), "");
+    flock(other.get(), LOCK_UN);
+    EXPECT_EQ(messages([&] { item::store_waiting_settings(now_us + 6'000'000); }), "");
+    EXPECT_NE(stored().find("title = x\n"), std::string::npos);
+}
+
+TEST_F(ClientSettings, WhatCannotBeWrittenAtTheEndIsToldLost)
+{
+    serve();
+    const platform::unique_fd other(
+        open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
+    ASSERT_EQ(store_client_setting("title", "x"), 0);
+    DIE4 = 1; // nobody waits for the lock any more
+    EXPECT_TRUE(messages(vexa_free_all).ends_with("What clients have set is lost\n"));
+}
+
+TEST_F(ClientSettings, WithoutAnItemNothingHappens)
+{
+    EXPECT_EQ(store_client_setting("title", "x"), 0);
+    item::store_waiting_settings(later());
+    item::store_all_settings();
+}
+
+} // namespace

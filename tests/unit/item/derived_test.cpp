@@ -1,0 +1,371 @@
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/item_paths.h"
+#include "platform/media_item.h"
+#include "platform/standalone/item/derived.h"
+#include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/settings.h"
+#include "tests/support/child_process.h"
+#include "tests/unit/item/item_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using item_test::environment_variable;
+
+class Derived : public item_test::ItemFixture {
+protected:
+    Derived() { name_picture(); }
+
+    // What a failing derivation prints.
+    static std::string refusal()
+    {
+        return messages([] { EXPECT_NE(vexa_standard_to_derived_params(), 0); });
+    }
+
+    std::string item_name() const
+    {
+        std::string name;
+        EXPECT_TRUE(item_paths::name_of_picture(vexa_file, &name));
+        return name;
+    }
+
+    static mode_t mode_of(const std::string& path)
+    {
+        struct stat status = {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+        return status.st_mode & 07777U;
+    }
+};
+
+// --- paths --------------------------------------------------------------------------------------
+
+TEST_F(Derived, DefaultPlacesAreMadeForTheUserAlone)
+{
+    const mode_t old_mask = umask(0);
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    umask(old_mask);
+    EXPECT_EQ(vexa_file_metadir, state_folder() + "/" + item_name());
+    EXPECT_EQ(vexa_sock, runtime_folder() + "/" + item_name() + ".sock");
+    EXPECT_EQ(socket_path(), vexa_sock);
+    EXPECT_EQ(mode_of(vexa_file_metadir), 0700U);
+    EXPECT_EQ(mode_of(runtime_folder()), 0700U);
+    EXPECT_TRUE(holds_serve_lock());
+    ASSERT_NE(vexa_meta, nullptr);
+    EXPECT_GE(vexa_meta->file_fd, 0);
+    ASSERT_NE(vexa_metadata, nullptr);
+    EXPECT_EQ(metadata_v4_metadata_context_entry_count(vexa_metadata), 0U);
+}
+
+TEST_F(Derived, SocketIsWhereClientsLookForIt)
+{
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    std::string looked_for;
+    ASSERT_TRUE(item_paths::default_socket(vexa_file, &looked_for));
+    EXPECT_EQ(vexa_sock, looked_for);
+}
+
+TEST_F(Derived, GivenPathsStayAsGiven)
+{
+    const fs::path before = fs::current_path();
+    fs::current_path(folder.path());
+    vexa_set_string(&vexa_file, "./picture.png");
+    vexa_set_string(&vexa_file_metadir, "meta/deep");
+    vexa_set_string(&vexa_sock, "s.sock");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    fs::current_path("/");
+    EXPECT_STREQ(vexa_file, "./picture.png");
+    EXPECT_STREQ(vexa_file_metadir, "meta/deep");
+    EXPECT_STREQ(vexa_sock, "s.sock");
+    EXPECT_EQ(socket_path(), folder.path("s.sock"));
+    EXPECT_TRUE(folder.has("meta/deep"));
+    EXPECT_TRUE(folder.has("s.sock.lock"));
+    // Nothing depends on the working folder any more.
+    const int picture = metadata_v4_context_get_file_handle(vexa_meta, 0);
+    EXPECT_GE(picture, 0);
+    close(picture);
+    auto_generate_metadata_guid(vexa_metadata);
+    EXPECT_EQ(
+        metadata_v4_metadata_context_write_metadata_to_file(vexa_metadata, vexa_meta, 0, nullptr),
+        0);
+    EXPECT_TRUE(folder.has("meta/deep/metadata"));
+    fs::current_path(before);
+}
+
+TEST_F(Derived, TemporaryFolderIsUsedWithoutARuntimeFolder)
+{
+    const environment_variable runtime("XDG_RUNTIME_DIR", nullptr);
+    const environment_variable temporary("TMPDIR", folder.path("tmp").c_str());
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    const std::string own = folder.path("tmp/stillimage-") + std::to_string(geteuid());
+    EXPECT_EQ(mode_of(own), 0700U);
+    EXPECT_TRUE(std::string(vexa_sock).starts_with(own + "/"));
+}
+
+TEST_F(Derived, SocketFolderOpenToOthersIsRefused)
+{
+    fs::create_directories(runtime_folder());
+    chmod(runtime_folder().c_str(), 0755);
+    EXPECT_EQ(refusal(), "Socket folder is not private to this user '" + runtime_folder() +
+                             "': Operation not permitted\n");
+    EXPECT_EQ(vexa_meta, nullptr);
+    EXPECT_FALSE(holds_serve_lock());
+}
+
+TEST_F(Derived, LinkInThePlaceOfTheSocketFolderIsRefused)
+{
+    fs::create_directories(folder.path("elsewhere"));
+    chmod(folder.path("elsewhere").c_str(), 0700);
+    fs::create_directory_symlink(folder.path("elsewhere"), runtime_folder());
+    EXPECT_EQ(refusal(), "Socket folder is not private to this user '" + runtime_folder() +
+                             "': Not a directory\n");
+}
+
+TEST_F(Derived, SocketFolderOfSomebodyElseIsRefused)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs the superuser";
+    }
+    fs::create_directories(runtime_folder());
+    chmod(runtime_folder().c_str(), 0700);
+    ASSERT_EQ(chown(runtime_folder().c_str(), unprivileged_user, unprivileged_user), 0);
+    EXPECT_EQ(refusal(), "Socket folder is not private to this user '" + runtime_folder() +
+                             "': Operation not permitted\n");
+}
+
+TEST_F(Derived, FoldersThatCannotBeMadeAreNamed)
+{
+    rmdir(folder.path("run").c_str());
+    folder.write("run", "a file");
+    EXPECT_EQ(refusal(), "Cannot make socket folder '" + runtime_folder() + "': Not a directory\n");
+    unlink(folder.path("run").c_str());
+    folder.write("state", "a file");
+    vexa_set_string(&vexa_file_metadir, nullptr);
+    vexa_set_string(&vexa_sock, nullptr);
+    const std::string metadir = state_folder() + "/" + item_name();
+    EXPECT_EQ(refusal(), "Cannot make metadata folder '" + metadir + "': Not a directory\n");
+    EXPECT_FALSE(holds_serve_lock());
+}
+
+TEST_F(Derived, PictureThatCannotBeOpenedIsNamed)
+{
+    vexa_set_string(&vexa_file, folder.path("none\n.png").c_str());
+    const std::string line =
+        "Cannot open file '" + folder.path("none\\x0A.png") + "': No such file or directory\n";
+    EXPECT_EQ(refusal(), line);
+    vexa_set_string(&vexa_file_metadir, folder.path("m").c_str());
+    vexa_set_string(&vexa_sock, folder.path("s").c_str());
+    EXPECT_EQ(refusal(), line);
+    EXPECT_EQ(vexa_meta, nullptr);
+    EXPECT_EQ(vexa_metadata, nullptr);
+}
+
+TEST_F(Derived, EndlessPictureNameIsRefused)
+{
+    const std::string name = "/" + std::string(5000, 'x');
+    vexa_set_string(&vexa_file, name.c_str());
+    EXPECT_EQ(refusal(), "Cannot open file '" + name + "': File name too long\n");
+}
+
+TEST_F(Derived, WithoutAFileItFails)
+{
+    vexa_set_string(&vexa_file, nullptr);
+    EXPECT_NE(vexa_standard_to_derived_params(), 0);
+}
+
+TEST_F(Derived, SocketPathOfExactly107BytesIsTaken)
+{
+    const std::string begin = folder.path("s");
+    vexa_set_string(&vexa_sock, (begin + std::string(107 - begin.size(), 's')).c_str());
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    vexa_set_string(&vexa_sock, (std::string(vexa_sock) + "s").c_str());
+    EXPECT_EQ(refusal(),
+              "Socket path '" + std::string(vexa_sock) + "': too long, at most 107 bytes\n");
+    vexa_set_string(&vexa_sock, ("/" + std::string(4095, 's')).c_str());
+    EXPECT_EQ(refusal(),
+              "Socket path '" + std::string(vexa_sock) + "': too long, at most 107 bytes\n");
+}
+
+// --- who serves ---------------------------------------------------------------------------------
+
+TEST_F(Derived, SecondWorkerIsRefusedWithoutTouchingTheItem)
+{
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    const std::string sock = vexa_sock;
+    const std::string holder = std::to_string(getpid());
+    // As the kernel sees it, an open file of its own is another worker.
+    EXPECT_EQ(run_in_child([&] {
+                  const std::string seen = messages([] {
+                      item::close_item();
+                      EXPECT_NE(vexa_standard_to_derived_params(), 0);
+                  });
+                  return seen == "Socket '" + sock + "': already served by process " + holder +
+                                         "\n" &&
+                                 vexa_meta == nullptr
+                             ? 0
+                             : 1;
+              }),
+              0);
+}
+
+TEST_F(Derived, ModesThatDoNotServeDisturbNobody)
+{
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    const std::string sock = vexa_sock;
+    EXPECT_EQ(run_in_child([&] {
+                  vexa_identify_only = true;
+                  return vexa_standard_to_derived_params() == 0 && vexa_sock == sock ? 0 : 1;
+              }),
+              0);
+    EXPECT_TRUE(holds_serve_lock());
+    EXPECT_TRUE(fs::exists(sock + ".lock"));
+}
+
+TEST_F(Derived, ModesThatDoNotServeMakeNoSocketFolder)
+{
+    for (bool* mode : {&vexa_identify_only, &vexa_create_meta, &vexa_temp_clean_only}) {
+        vexa_set_string(&vexa_sock, nullptr);
+        *mode = true;
+        ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+        EXPECT_NE(vexa_sock, nullptr);
+        EXPECT_FALSE(holds_serve_lock());
+        *mode = false;
+    }
+    EXPECT_FALSE(fs::exists(runtime_folder()));
+}
+
+// --- what a killed worker left ------------------------------------------------------------------
+
+// A socket at the path; listening while the descriptor lives.
+platform::unique_fd socket_at(const std::string& path, bool listening)
+{
+    platform::unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    if (listening) {
+        EXPECT_EQ(listen(fd.get(), 1), 0);
+    }
+    return fd;
+}
+
+class Leftovers : public Derived {
+protected:
+    Leftovers()
+    {
+        vexa_set_string(&vexa_file_metadir, folder.path("meta").c_str());
+        vexa_set_string(&vexa_sock, folder.path("s.sock").c_str());
+        fs::create_directory(folder.path("meta"));
+        vexa_temp_clean_only = true;
+    }
+};
+
+TEST_F(Leftovers, AreRemovedOnRequest)
+{
+    socket_at(folder.path("s.sock"), true);
+    folder.write("s.sock.lock", "4711\n");
+    folder.write("meta/metadata.tmp-0123", "half");
+    folder.write("meta/other", "kept");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_FALSE(folder.has("s.sock"));
+    EXPECT_FALSE(folder.has("s.sock.lock"));
+    EXPECT_FALSE(folder.has("meta/metadata.tmp-0123"));
+    EXPECT_TRUE(folder.has("meta/other"));
+}
+
+TEST_F(Leftovers, OfALiveWorkerAreNone)
+{
+    const platform::unique_fd socket = socket_at(folder.path("s.sock"), true);
+    folder.write("s.sock.lock", "4711\n");
+    folder.write("meta/metadata.tmp-0123", "being written");
+    const platform::unique_fd serving(open(folder.path("s.sock.lock").c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(flock(serving.get(), LOCK_EX | LOCK_NB), 0);
+    const platform::unique_fd writing(
+        open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(flock(writing.get(), LOCK_EX | LOCK_NB), 0);
+    EXPECT_EQ(messages([] { EXPECT_EQ(vexa_standard_to_derived_params(), 0); }),
+              "Socket '" + folder.path("s.sock") + "': already served by process 4711\n");
+    EXPECT_TRUE(folder.has("s.sock"));
+    EXPECT_TRUE(folder.has("s.sock.lock"));
+    EXPECT_TRUE(folder.has("meta/metadata.tmp-0123"));
+}
+
+TEST_F(Leftovers, NothingThereIsFine)
+{
+    EXPECT_EQ(messages([] { EXPECT_EQ(vexa_standard_to_derived_params(), 0); }), "");
+    EXPECT_FALSE(folder.has("s.sock.lock"));
+}
+
+// --- settings -----------------------------------------------------------------------------------
+
+TEST_F(Derived, StoredSettingsAreTaken)
+{
+    vexa_set_string(&vexa_file_metadir, folder.path().c_str());
+    folder.write("metadata", "file type = image/png\naspect ratio = 16:9\nbackground music = on\n");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_STREQ(vexa_file_type, "image/png");
+    EXPECT_EQ(vexa_aspect_ratio.numerator, 16);
+    EXPECT_EQ(vexa_background_music, 1);
+}
+
+TEST_F(Derived, TypeOfAnotherStateOfThePictureIsStale)
+{
+    vexa_set_string(&vexa_file_metadir, folder.path().c_str());
+    folder.write("metadata", "file type = image/png\naspect ratio = 16:9\npicture size = 17\n");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_EQ(vexa_file_type, nullptr);
+    EXPECT_EQ(vexa_aspect_ratio.numerator, 16);
+}
+
+TEST_F(Derived, WhatIsWrittenBackIsBelievedUntilThePictureChanges)
+{
+    vexa_set_string(&vexa_file_type, "image/png");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    vexa_standard_vars_to_metadata(vexa_metadata);
+    ASSERT_EQ(
+        metadata_v4_metadata_context_write_metadata_to_file(vexa_metadata, vexa_meta, 0, nullptr),
+        0);
+    vexa_set_string(&vexa_file_type, nullptr);
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_STREQ(vexa_file_type, "image/png");
+    vexa_set_string(&vexa_file_type, nullptr);
+    name_picture("picture.png", "other bytes");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_EQ(vexa_file_type, nullptr);
+}
+
+TEST_F(Derived, SwitchesWinOverTheMetadata)
+{
+    folder.write("metadata", "file type = image/png\naspect ratio = 16:9\nbackground music = on\n");
+    ASSERT_EQ(take({"--file", vexa_file, "--metadir", folder.path(), "--file-type", "image/gif",
+                    "--aspect-ratio", "4:3", "--background-music", "off"}),
+              0);
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_STREQ(vexa_file_type, "image/gif");
+    EXPECT_EQ(vexa_aspect_ratio.numerator, 4);
+    EXPECT_EQ(vexa_background_music, 0);
+}
+
+TEST_F(Derived, ClosingTwiceGivesEverythingBack)
+{
+    const size_t before = item_test::open_descriptors();
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    vexa_free_all();
+    vexa_free_all();
+    EXPECT_EQ(item_test::open_descriptors(), before);
+    EXPECT_EQ(vexa_meta, nullptr);
+    EXPECT_EQ(vexa_metadata, nullptr);
+    EXPECT_EQ(item::opened_item(), nullptr);
+}
+
+} // namespace

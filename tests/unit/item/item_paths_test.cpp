@@ -1,0 +1,146 @@
+#include <cerrno>
+#include <filesystem>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/item_paths.h"
+#include "tests/unit/item/item_fixture.h"
+
+namespace {
+
+using item_test::environment_variable;
+
+class ItemPaths : public item_test::ItemFixture {};
+
+TEST_F(ItemPaths, NameIsStemAndHashOfThePath)
+{
+    // SHA-256 of "abc" begins with ba7816bf8f01cfea4141.
+    EXPECT_EQ(item_paths::name_of_real_path("abc"), "abc-ba7816bf8f01cfea4141");
+    EXPECT_EQ(item_paths::name_of_real_path("/a/photo.one.jpg").substr(0, 10), "photo.one-");
+    EXPECT_EQ(item_paths::name_of_real_path("/a/.hidden").substr(0, 8), "_hidden-");
+    EXPECT_EQ(item_paths::name_of_real_path("/a/-x.png").substr(0, 3), "_x-");
+    EXPECT_NE(item_paths::name_of_real_path("/a/x.png"), item_paths::name_of_real_path("/b/x.png"));
+    EXPECT_NE(item_paths::name_of_real_path("/a/x.png"), item_paths::name_of_real_path("/a/x.gif"));
+}
+
+// Each length modulo the block of 64 bytes pads in its own way; the figures are those of sha256sum.
+TEST_F(ItemPaths, HashIsRightAroundTheBlockSize)
+{
+    const auto hash = [](size_t length) {
+        const std::string name = item_paths::name_of_real_path(std::string(length, 'a'));
+        return name.substr(name.size() - 20);
+    };
+    EXPECT_EQ(hash(55), "9f4390f8d30c2dd92ec9");
+    EXPECT_EQ(hash(56), "b35439a4ac6f0948b6d6");
+    EXPECT_EQ(hash(63), "7d3e74a05d7db15bce4a");
+    EXPECT_EQ(hash(64), "ffe054fe7ae0cb6dc65c");
+    EXPECT_EQ(hash(1000), "41edece42d63e8d9bf51");
+}
+
+TEST_F(ItemPaths, NameIsOneShortComponentWhateverTheFileIsCalled)
+{
+    for (const std::string& file :
+         {std::string(255, 'x'), std::string("a b\n\x1B%n'\"*"), std::string("."),
+          std::string(".."), std::string("\xFF\xFE"), std::string()}) {
+        const std::string name = item_paths::name_of_real_path("/folder/" + file);
+        EXPECT_LE(name.size(), 45U) << file;
+        EXPECT_NE(name[0], '.') << file;
+        EXPECT_NE(name[0], '-') << file;
+        EXPECT_EQ(name.find_first_of("/ \n\x1B%'\"*"), std::string::npos) << file;
+    }
+}
+
+TEST_F(ItemPaths, LongStemIsCutBetweenCharacters)
+{
+    // 8 characters of 3 bytes are 24; one more byte in front leaves room for 7 of them.
+    std::string eight;
+    for (int i = 0; i < 8; ++i) {
+        eight += "\xE3\x81\x82";
+    }
+    EXPECT_EQ(item_paths::name_of_real_path("/" + eight + ".png").substr(0, 25), eight + "-");
+    const std::string cut = item_paths::name_of_real_path("/x" + eight + ".png");
+    EXPECT_EQ(cut.substr(0, 23), "x" + eight.substr(0, 21) + "-");
+}
+
+TEST_F(ItemPaths, LinksLeadToTheSameName)
+{
+    const std::string picture = folder.write("real.png", "x");
+    std::filesystem::create_symlink(picture, folder.path("link.png"));
+    std::string direct;
+    std::string linked;
+    ASSERT_TRUE(item_paths::name_of_picture(picture.c_str(), &direct));
+    ASSERT_TRUE(item_paths::name_of_picture(folder.path("link.png").c_str(), &linked));
+    EXPECT_EQ(direct, linked);
+    EXPECT_FALSE(item_paths::name_of_picture(folder.path("none.png").c_str(), &direct));
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(ItemPaths, FoldersFollowTheEnvironment)
+{
+    std::string state;
+    EXPECT_EQ(item_paths::runtime_folder(), folder.path("run/stillimage"));
+    ASSERT_TRUE(item_paths::state_folder(&state));
+    EXPECT_EQ(state, folder.path("state/stillimage"));
+}
+
+TEST_F(ItemPaths, WithoutVariablesTheTemporaryFolderAndTheHomeAreUsed)
+{
+    const environment_variable runtime("XDG_RUNTIME_DIR", nullptr);
+    const environment_variable state_home("XDG_STATE_HOME", nullptr);
+    const environment_variable temporary("TMPDIR", "/var/tmp");
+    const environment_variable home("HOME", "/home/of/mine");
+    const std::string own = "stillimage-" + std::to_string(geteuid());
+    std::string state;
+    EXPECT_EQ(item_paths::runtime_folder(), "/var/tmp/" + own);
+    ASSERT_TRUE(item_paths::state_folder(&state));
+    EXPECT_EQ(state, "/home/of/mine/.local/state/stillimage");
+    const environment_variable no_temporary("TMPDIR", nullptr);
+    EXPECT_EQ(item_paths::runtime_folder(), "/tmp/" + own);
+    const environment_variable no_home("HOME", nullptr);
+    ASSERT_TRUE(item_paths::state_folder(&state));
+    EXPECT_EQ(state, std::string(getpwuid(geteuid())->pw_dir) + "/.local/state/stillimage");
+}
+
+TEST_F(ItemPaths, RelativeVariablesCountAsUnset)
+{
+    const environment_variable runtime("XDG_RUNTIME_DIR", "run");
+    const environment_variable temporary("TMPDIR", "tmp");
+    const environment_variable state_home("XDG_STATE_HOME", "");
+    const environment_variable home("HOME", "/h");
+    std::string state;
+    EXPECT_EQ(item_paths::runtime_folder(), "/tmp/stillimage-" + std::to_string(geteuid()));
+    ASSERT_TRUE(item_paths::state_folder(&state));
+    EXPECT_EQ(state, "/h/.local/state/stillimage");
+}
+
+TEST_F(ItemPaths, DefaultSocketLiesInTheRuntimeFolder)
+{
+    const std::string picture = folder.write("p.png", "x");
+    std::string path;
+    std::string name;
+    ASSERT_TRUE(item_paths::default_socket(picture.c_str(), &path));
+    ASSERT_TRUE(item_paths::name_of_picture(picture.c_str(), &name));
+    EXPECT_EQ(path, folder.path("run/stillimage/") + name + ".sock");
+    EXPECT_FALSE(item_paths::default_socket(folder.path("none").c_str(), &path));
+}
+
+TEST_F(ItemPaths, DefaultSocketOfExactly107BytesIsTaken)
+{
+    const std::string picture = folder.write("p.png", "x");
+    std::string name;
+    ASSERT_TRUE(item_paths::name_of_picture(picture.c_str(), &name));
+    const size_t others =
+        std::string("/stillimage/").size() + name.size() + std::string(".sock").size();
+    std::string path;
+    const std::string fits = "/" + std::string(107 - others - 1, 'r');
+    const environment_variable runtime("XDG_RUNTIME_DIR", fits.c_str());
+    ASSERT_TRUE(item_paths::default_socket(picture.c_str(), &path));
+    EXPECT_EQ(path.size(), 107U);
+    const environment_variable longer("XDG_RUNTIME_DIR", (fits + "r").c_str());
+    EXPECT_FALSE(item_paths::default_socket(picture.c_str(), &path));
+    EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+} // namespace

@@ -1,0 +1,190 @@
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/standalone/item/log_file.h"
+#include "tests/unit/item/item_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class LogFile : public item_test::ItemFixture {
+protected:
+    uint64_t bytes_on_disk() const
+    {
+        uint64_t sum = 0;
+        for (const char* name : {"log", "log.old"}) {
+            sum += folder.has(name) ? fs::file_size(folder.path(name)) : 0;
+        }
+        return sum;
+    }
+
+    mode_t mode_of(const char* name) const
+    {
+        struct stat status = {};
+        EXPECT_EQ(stat(folder.path(name).c_str(), &status), 0);
+        return status.st_mode & 07777U;
+    }
+
+    item::log_file log;
+};
+
+TEST_F(LogFile, IsMadeForItsUserAlone)
+{
+    const mode_t old_mask = umask(0);
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    umask(old_mask);
+    EXPECT_EQ(mode_of("log"), 0600U);
+}
+
+TEST_F(LogFile, OpenModeOfAnOlderLogIsTightened)
+{
+    folder.write("log", "before\n");
+    chmod(folder.path("log").c_str(), 0644);
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    EXPECT_EQ(mode_of("log"), 0600U);
+}
+
+TEST_F(LogFile, AppendsToWhatIsThere)
+{
+    folder.write("log", "before\n");
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    log.append("after\n");
+    EXPECT_EQ(folder.read("log"), "before\nafter\n");
+}
+
+TEST_F(LogFile, LinkInItsPlaceIsRefused)
+{
+    folder.write("target", "mine");
+    fs::create_symlink(folder.path("target"), folder.path("log"));
+    EXPECT_FALSE(log.open(folder.path().c_str()));
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_FALSE(log.is_open());
+    EXPECT_EQ(folder.read("target"), "mine");
+}
+
+TEST_F(LogFile, FileWithASecondNameIsRefused)
+{
+    folder.write("target", "mine");
+    fs::create_hard_link(folder.path("target"), folder.path("log"));
+    EXPECT_FALSE(log.open(folder.path().c_str()));
+    EXPECT_EQ(errno, EPERM);
+}
+
+TEST_F(LogFile, FifoOrFolderInItsPlaceIsRefusedAtOnce)
+{
+    ASSERT_EQ(mkfifo(folder.path("log").c_str(), 0600), 0);
+    EXPECT_FALSE(log.open(folder.path().c_str()));
+    unlink(folder.path("log").c_str());
+    fs::create_directory(folder.path("log"));
+    EXPECT_FALSE(log.open(folder.path().c_str()));
+}
+
+TEST_F(LogFile, MissingFolderIsRefused)
+{
+    EXPECT_FALSE(log.open(folder.path("none").c_str()));
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(LogFile, FloodStaysUnderTheLimitAndKeepsTheNewest)
+{
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    const std::string line(1000, 'x');
+    for (int i = 0; i < 50'000; ++i) {
+        log.append(line + std::to_string(i) + '\n');
+        if (i % 1000 == 0) {
+            ASSERT_LE(bytes_on_disk(), item::log_limit);
+        }
+    }
+    EXPECT_LE(bytes_on_disk(), item::log_limit);
+    EXPECT_GT(bytes_on_disk(), item::log_limit / 2);
+    EXPECT_TRUE(folder.read("log").ends_with("x49999\n"));
+    EXPECT_EQ(mode_of("log"), 0600U);
+    EXPECT_EQ(folder.names(), (std::vector<std::string>{"log", "log.old", "run"}));
+}
+
+TEST_F(LogFile, LineThatIsLargerThanALogIsLost)
+{
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    log.append(std::string(item::log_limit / 2 + 1, 'x'));
+    EXPECT_EQ(bytes_on_disk(), 0U);
+    log.append("short\n");
+    EXPECT_EQ(folder.read("log"), "short\n");
+}
+
+TEST_F(LogFile, LogThatWasRemovedIsBegunAnew)
+{
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    log.append("lost\n");
+    unlink(folder.path("log").c_str());
+    log.append("kept\n");
+    EXPECT_EQ(folder.read("log"), "kept\n");
+}
+
+TEST_F(LogFile, LogThatAnotherProcessHasBegunAnewIsNotMovedAway)
+{
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    log.append(std::string(item::log_limit / 2, 'x'));
+    fs::rename(folder.path("log"), folder.path("log.old"));
+    folder.write("log", "of the other\n");
+    log.append("ours\n");
+    EXPECT_EQ(folder.read("log"), "of the other\nours\n");
+    EXPECT_EQ(fs::file_size(folder.path("log.old")), item::log_limit / 2);
+}
+
+TEST_F(LogFile, MirrorFollowsToTheNewFile)
+{
+    const int mirror = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    ASSERT_TRUE(log.mirror_on(mirror));
+    log.append(std::string(item::log_limit / 2, 'x'));
+    log.append("new\n");
+    ASSERT_EQ(write(mirror, "raw\n", 4), 4);
+    EXPECT_EQ(folder.read("log"), "new\nraw\n");
+    close(mirror);
+}
+
+TEST_F(LogFile, DescriptorThatIsNoLongerTheMirrorIsLeftAlone)
+{
+    const int mirror = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    ASSERT_TRUE(log.mirror_on(mirror));
+    const int other = open(folder.path("other").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+    dup2(other, mirror);
+    log.append(std::string(item::log_limit / 2, 'x'));
+    log.append("new\n");
+    ASSERT_EQ(write(mirror, "raw\n", 4), 4);
+    EXPECT_EQ(folder.read("log"), "new\n");
+    EXPECT_EQ(folder.read("other"), "raw\n");
+    close(other);
+    close(mirror);
+}
+
+TEST_F(LogFile, GoesOnAfterTheWorkingFolderHasChanged)
+{
+    const fs::path before = fs::current_path();
+    fs::current_path(folder.path());
+    ASSERT_TRUE(log.open("."));
+    fs::current_path("/");
+    log.append(std::string(item::log_limit / 2, 'x'));
+    log.append("new\n");
+    EXPECT_EQ(folder.read("log"), "new\n");
+    fs::current_path(before);
+}
+
+TEST_F(LogFile, ClosingTwiceIsFine)
+{
+    const size_t before = item_test::open_descriptors();
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    log.close();
+    log.close();
+    EXPECT_EQ(item_test::open_descriptors(), before);
+}
+
+} // namespace

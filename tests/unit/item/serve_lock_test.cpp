@@ -1,0 +1,171 @@
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/media_item.h"
+#include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/serve_lock.h"
+#include "tests/support/child_process.h"
+#include "tests/unit/item/item_fixture.h"
+
+namespace {
+
+class ServeLock : public item_test::ItemFixture {
+protected:
+    const std::string socket = folder.path("s.sock");
+    const std::string number = std::to_string(getpid());
+};
+
+// A lock on a file, of another process as far as the kernel is concerned.
+platform::unique_fd locked(const std::string& path)
+{
+    platform::unique_fd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    EXPECT_EQ(flock(fd.get(), LOCK_EX | LOCK_NB), 0);
+    return fd;
+}
+
+TEST_F(ServeLock, IsAFileWithTheProcessNumberAndGoneAfterwards)
+{
+    EXPECT_FALSE(holds_serve_lock());
+    ASSERT_TRUE(item::take_serve_lock(socket));
+    EXPECT_TRUE(holds_serve_lock());
+    EXPECT_EQ(folder.read("s.sock.lock"), number + "\n");
+    struct stat status = {};
+    stat(folder.path("s.sock.lock").c_str(), &status);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    item::release_serve_lock();
+    EXPECT_FALSE(holds_serve_lock());
+    EXPECT_FALSE(folder.has("s.sock.lock"));
+    item::release_serve_lock();
+}
+
+TEST_F(ServeLock, TakenLockNamesSocketAndHolder)
+{
+    folder.write("s.sock.lock", "4711\n");
+    const platform::unique_fd other = locked(folder.path("s.sock.lock"));
+    bool taken = true;
+    const std::string seen = messages([&] { taken = item::take_serve_lock(socket); });
+    EXPECT_FALSE(taken);
+    EXPECT_EQ(seen, "Socket '" + socket + "': already served by process 4711\n");
+    EXPECT_FALSE(holds_serve_lock());
+    EXPECT_TRUE(folder.has("s.sock.lock"));
+}
+
+TEST_F(ServeLock, HolderThatHasNotWrittenItsNumberIsStillOne)
+{
+    const platform::unique_fd other = locked(folder.path("s.sock.lock"));
+    for (const char* text : {"", "x", "-3", "0", "99999999999999999999"}) {
+        folder.write("s.sock.lock", text);
+        EXPECT_EQ(messages([&] { EXPECT_FALSE(item::take_serve_lock(socket)); }),
+                  "Socket '" + socket + "': already served by another process\n");
+    }
+}
+
+TEST_F(ServeLock, FileLeftByADeadWorkerIsTakenOver)
+{
+    folder.write("s.sock.lock", "4711 and much more than this worker writes\n");
+    ASSERT_TRUE(item::take_serve_lock(socket));
+    EXPECT_EQ(folder.read("s.sock.lock"), number + "\n");
+}
+
+TEST_F(ServeLock, WorkerThatIsJustEndingIsWaitedFor)
+{
+    platform::unique_fd other = locked(folder.path("s.sock.lock"));
+    child_process ending([&other] {
+        usleep(50'000);
+        return other.get() >= 0 ? 0 : 1; // the child's copy of the lock goes with it
+    });
+    other.reset();
+    EXPECT_TRUE(item::take_serve_lock(socket));
+    EXPECT_EQ(ending.wait(), 0);
+}
+
+TEST_F(ServeLock, FileThatTheLastHolderRemovedIsNotTheLock)
+{
+    // The loser of the race has the old file open when its holder removes it.
+    platform::unique_fd holder = locked(folder.path("s.sock.lock"));
+    child_process ending([&] {
+        usleep(50'000);
+        unlink(folder.path("s.sock.lock").c_str());
+        return 0;
+    });
+    holder.reset();
+    ASSERT_TRUE(item::take_serve_lock(socket));
+    EXPECT_EQ(ending.wait(), 0);
+    EXPECT_TRUE(folder.has("s.sock.lock"));
+    const platform::unique_fd named(open(folder.path("s.sock.lock").c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(flock(named.get(), LOCK_EX | LOCK_NB), -1);
+}
+
+TEST_F(ServeLock, PathThatCannotBeLockedIsNamed)
+{
+    const std::string lost = folder.path("none/s.sock");
+    EXPECT_EQ(messages([&] { EXPECT_FALSE(item::take_serve_lock(lost)); }),
+              "Cannot lock socket '" + lost + ".lock': No such file or directory\n");
+    std::filesystem::create_symlink("/dev/null", folder.path("s.sock.lock"));
+    EXPECT_EQ(messages([&] { EXPECT_FALSE(item::take_serve_lock(socket)); }),
+              "Cannot lock socket '" + socket + ".lock': Too many levels of symbolic links\n");
+}
+
+TEST_F(ServeLock, KilledHolderLeavesNoLock)
+{
+    const item_test::pipe_pair pipe = item_test::make_pipe();
+    child_process holder([&] {
+        const bool taken = item::take_serve_lock(socket);
+        const ssize_t told = write(pipe.writer.get(), taken ? "1" : "0", 1);
+        pause();
+        return told == 1 ? 0 : 1;
+    });
+    char taken = 0;
+    ASSERT_EQ(read(pipe.reader.get(), &taken, 1), 1);
+    ASSERT_EQ(taken, '1');
+    messages([&] { EXPECT_FALSE(item::take_serve_lock(socket)); });
+    holder.kill_now();
+    holder.wait();
+    EXPECT_TRUE(item::take_serve_lock(socket));
+}
+
+TEST_F(ServeLock, ChildThatGoesOnAloneOwnsItAfterRefreshing)
+{
+    ASSERT_TRUE(item::take_serve_lock(socket));
+    EXPECT_EQ(run_in_child([&] {
+                  // Not yet the owner: leaves the file alone.
+                  return holds_serve_lock() && folder.read("s.sock.lock") == number + "\n" ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(run_in_child([&] {
+                  item::refresh_serve_lock();
+                  return folder.read("s.sock.lock") == std::to_string(getpid()) + "\n" ? 0 : 1;
+              }),
+              0);
+}
+
+TEST_F(ServeLock, ProcessThatIsNotTheOwnerDoesNotRemoveTheFile)
+{
+    ASSERT_TRUE(item::take_serve_lock(socket));
+    EXPECT_EQ(run_in_child([&] {
+                  item::release_serve_lock();
+                  return 0;
+              }),
+              0);
+    EXPECT_TRUE(folder.has("s.sock.lock"));
+    EXPECT_TRUE(holds_serve_lock());
+    const platform::unique_fd named(open(folder.path("s.sock.lock").c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(flock(named.get(), LOCK_EX | LOCK_NB), -1);
+}
+
+TEST_F(ServeLock, DescriptorIsNotInherited)
+{
+    const size_t before = item_test::open_descriptors();
+    ASSERT_TRUE(item::take_serve_lock(socket));
+    EXPECT_EQ(item_test::open_descriptors(), before + 1);
+    item::release_serve_lock();
+    EXPECT_EQ(item_test::open_descriptors(), before);
+}
+
+} // namespace

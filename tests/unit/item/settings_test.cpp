@@ -1,0 +1,53 @@
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "platform/media_item.h"
+#include "platform/standalone/item/settings.h"
+#include "tests/unit/item/item_fixture.h"
+
+namespace {
+
+class Settings : public item_test::ItemFixture {};
+
+TEST_F(Settings, SetStringKeepsACopy)
+{
+    std::string text = "one";
+    vexa_set_string(&vexa_file_type, text.c_str());
+    text = "two";
+    EXPECT_STREQ(vexa_file_type, "one");
+    vexa_set_string(&vexa_file_type, nullptr);
+    EXPECT_EQ(vexa_file_type, nullptr);
+}
+
+TEST_F(Settings, SetStringTakesItsOwnText)
+{
+    vexa_set_string(&vexa_file_type, "image/png");
+    vexa_set_string(&vexa_file_type, vexa_file_type);
+    EXPECT_STREQ(vexa_file_type, "image/png");
+    vexa_set_string(&vexa_file_type, vexa_file_type + 6);
+    EXPECT_STREQ(vexa_file_type, "png");
+}
+
+TEST_F(Settings, ProgramStartValues)
+{
+    vexa_oneshot = true;
+    vexa_metadata_may_update = false;
+    vexa_time_scale = {100, 3};
+    DIE4 = 4;
+    mono_auto_shutdown = 5;
+    item::own.domain = "x";
+    vexa_set_string(&vexa_file, "f");
+    item::reset_settings();
+    EXPECT_FALSE(vexa_oneshot);
+    EXPECT_TRUE(vexa_metadata_may_update);
+    EXPECT_EQ(vexa_time_scale.numerator, 1);
+    EXPECT_EQ(vexa_time_scale.denominator, 1);
+    EXPECT_EQ(DIE4, 0);
+    EXPECT_EQ(mono_auto_shutdown, 0U);
+    EXPECT_EQ(auto_shutdown_delay_initial, 60'000'000U);
+    EXPECT_EQ(item::own.domain, "default");
+    EXPECT_EQ(vexa_file, nullptr);
+}
+
+} // namespace

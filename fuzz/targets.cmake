@@ -1,2 +1,3 @@
 add_fuzz_target(metadata metadata_fuzz.cpp LIBRARIES platform_metadata)
 add_fuzz_target(jpeg jpeg_fuzz.cpp LIBRARIES stillimage_decode caught_abort scripted_platform)
+add_fuzz_target(packet packet_fuzz.cpp LIBRARIES clients_on_plain_item)

@@ -1,0 +1,3 @@
+add_library(packet_echo STATIC packet_echo.cpp)
+target_link_libraries(packet_echo PUBLIC stillimage_headers)
+add_benchmark(frame_request_bench frame_request_bench.cpp LIBRARIES packet_echo packet_client picture_writers test_files)

@@ -30,6 +30,9 @@ constexpr const char* library_version = "1.6.37"; // every 1.6 library takes it
 constexpr png_alloc_size_t largest_chunk = 8'000'000;
 constexpr png_uint_32 most_chunks = 1000; // that are kept for the header
 
+// The library needs a few rows and the largest chunk, twice.
+constexpr png_alloc_size_t largest_block = 16 << 20;
+
 constexpr size_t header_bytes =
     24; // signature, then the first chunk's length, name and picture size
 
@@ -164,9 +167,17 @@ void destroy_reader_armed()
     INVARIANT(png_context_end == nullptr, "png_context_end == __null");
 }
 
+// Before it reads a chunk the library takes and clears as many bytes as the chunk claims to have,
+// even beyond its own limit for chunks: 2 GiB for a file of a hundred bytes.
+png_voidp allocate_limited(png_structp /*context*/, png_alloc_size_t size)
+{
+    return size <= largest_block ? malloc(size) : nullptr;
+}
+
 // Before a byte is read: what a hostile file may ask for.
 void set_limits()
 {
+    png_set_mem_fn(png_context, nullptr, allocate_limited, nullptr);
     png_set_user_limits(png_context, image_size_limit, image_size_limit);
     png_set_chunk_malloc_max(png_context, largest_chunk);
     png_set_chunk_cache_max(png_context, most_chunks);

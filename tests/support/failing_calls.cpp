@@ -95,7 +95,10 @@ FILE* __wrap_fdopen(int fd, const char* mode)
 
 void* __wrap_calloc(size_t count, size_t size)
 {
-    return counts_out(plan.calloc) ? nullptr : __real_calloc(count, size);
+    if (counts_out(plan.calloc) || (size != 0 && count > plan.largest_calloc / size)) {
+        return nullptr;
+    }
+    return __real_calloc(count, size);
 }
 
 ssize_t __wrap_read(int fd, void* buffer, size_t size)

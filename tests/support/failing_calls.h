@@ -2,6 +2,7 @@
 // replaces them for the whole test program; without a script they behave as ever.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 
@@ -11,6 +12,7 @@ namespace failing_calls {
 struct script {
     int fdopen = 0;
     int calloc = 0;
+    size_t largest_calloc = SIZE_MAX; // larger requests fail
     int new_object = 0; // new (std::nothrow) T
     int new_array = 0;  // new (std::nothrow) T[n]
     int read = 0;       // fails with errno

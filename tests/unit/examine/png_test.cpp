@@ -233,6 +233,18 @@ TEST_F(PngExamination, ProfileThatGrowsBeyondTheChunkLimitIsDropped)
     EXPECT_NE(printed().find("PNG WARNING: zTXt"), std::string::npos);
 }
 
+TEST_F(PngExamination, ChunkThatClaimsGigabytesIsGivenNoMemory)
+{
+    bytes file = png_signature();
+    append_png_chunk(file, {"IHDR", png_header({})});
+    file.insert(file.end(), {0x7F, 0xFF, 0xFF, 0xFF, 't', 'E', 'X', 't', 'k', 0, 'v'});
+    EXPECT_EQ(examine_bytes(file), -1);
+    EXPECT_EQ(printed(), "PNG WARNING: tEXt: chunk data is too large\n"
+                         "PNG WARNING: tEXt: insufficient memory to read chunk\n"
+                         "PNG WARNING: tEXt: out of memory\n" +
+                             library_line("Read Error") + "Unexpected PNG error, giving up\n");
+}
+
 TEST_F(PngExamination, SixteenBitSamplesArriveAsEight)
 {
     ASSERT_EQ(

@@ -1,3 +1,6 @@
 add_library(packet_echo STATIC packet_echo.cpp)
 target_link_libraries(packet_echo PUBLIC stillimage_headers)
 add_benchmark(frame_request_bench frame_request_bench.cpp LIBRARIES packet_echo packet_client picture_writers test_files)
+add_benchmark(mipmap_filter_bench mipmap_filter_bench.cpp LIBRARIES stillimage_framebuffer)
+add_benchmark(alpha_test_bench alpha_test_bench.cpp LIBRARIES stillimage_framebuffer stillimage_platform)
+add_benchmark(pyramid_bench pyramid_bench.cpp LIBRARIES stillimage_framebuffer stillimage_platform)

@@ -26,6 +26,7 @@ struct joined_domain {
     domain_folder place;
     buffer_registry registry;
     memory_room room;
+    uint64_t reserve; // bytes of memory that are left to others
     uint64_t limit;
 };
 
@@ -108,9 +109,8 @@ uint64_t memory_for_buffers()
     if (!state().joined) {
         return 0;
     }
-    const memory_room& room = state().joined->room;
-    const uint64_t available = room.available();
-    const uint64_t reserve = memory_reserve(room.total());
+    const uint64_t available = state().joined->room.available();
+    const uint64_t reserve = state().joined->reserve;
     return available > reserve ? available - reserve : 0;
 }
 
@@ -168,9 +168,10 @@ int cnb_join_domain()
         return refuse(place.path, "no memory files: " + error_text(errno));
     }
     memory_room room(the_machine.root);
-    const uint64_t limit = member.limit != default_cnb_limit ? member.limit : room.total() / 2;
-    member.joined = std::make_unique<joined_domain>(
-        joined_domain{std::move(place), std::move(registry), std::move(room), limit});
+    const uint64_t total = room.total();
+    const uint64_t limit = member.limit != default_cnb_limit ? member.limit : total / 2;
+    member.joined = std::make_unique<joined_domain>(joined_domain{
+        std::move(place), std::move(registry), std::move(room), memory_reserve(total), limit});
     return 0;
 }
 

@@ -1,0 +1,334 @@
+// The C border: arguments are checked, time limits begin, no exception passes.
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "client/connection.h"
+#include "client/frames.h"
+#include "client/stillimage_client.h"
+
+namespace {
+
+constexpr uint32_t library_version = 1U << 16;
+
+// Runs `work` and turns what it throws (memory alone can) into a result. A handler that calls back
+// into its own connection is refused: it would take packets away from the call that is waiting.
+template <typename Work>
+stillimage_result at_border(stillimage_client* client, Work work) noexcept
+{
+    if (client == nullptr) {
+        return STILLIMAGE_ERROR_ARGUMENT;
+    }
+    try {
+        if (client->in_handler) {
+            return fail(*client, STILLIMAGE_ERROR_ARGUMENT,
+                        "the change handler may not call back into its connection");
+        }
+        return work(*client);
+    } catch (const std::exception&) {
+        client->last_error.clear();
+        return STILLIMAGE_ERROR_SYSTEM;
+    }
+}
+
+stillimage_result missing(stillimage_client& client, const char* what)
+{
+    return fail(client, STILLIMAGE_ERROR_ARGUMENT, what);
+}
+
+stillimage_result collect_status(stillimage_client& client, const deadline& until,
+                                 std::string* document)
+{
+    received_packet answer;
+    const auto request =
+        comm_protocol::encode_empty(++client.last_request, comm_protocol::GET_STATUS);
+    const uint64_t number = client.last_request;
+    stillimage_result result = ask(client, request, comm_protocol::STATUS, until, &answer);
+    while (result == STILLIMAGE_OK) {
+        switch (add_document_part(answer, document)) {
+        case document_progress::WHOLE:
+            return STILLIMAGE_OK;
+        case document_progress::BROKEN:
+            return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent a broken document");
+        case document_progress::MORE:
+            result = await_answer(client, number, comm_protocol::STATUS, until, &answer);
+        }
+    }
+    return result;
+}
+
+char* copy_text(const std::string& text)
+{
+    char* copy = static_cast<char*>(malloc(text.size() + 1));
+    if (copy == nullptr) {
+        throw std::bad_alloc();
+    }
+    memcpy(copy, text.c_str(), text.size() + 1);
+    return copy;
+}
+
+stillimage_result ask_for_done(stillimage_client& client,
+                               const comm_protocol::packet_bytes& request, int timeout_ms)
+{
+    received_packet answer;
+    return ask(client, request, comm_protocol::DONE, deadline(timeout_ms), &answer);
+}
+
+// Takes in what is there. `wait` decides about the first packet only.
+stillimage_result take_arrived(stillimage_client& client, const deadline& wait)
+{
+    received_packet packet;
+    stillimage_result result = receive_packet(client, wait, &packet);
+    while (result == STILLIMAGE_OK) {
+        take_unasked(client, packet, deadline(0));
+        packet.descriptor.reset();
+        result = receive_packet(client, deadline(0), &packet);
+    }
+    if (result == STILLIMAGE_ERROR_TIMEOUT) {
+        client.last_error.clear();
+        return STILLIMAGE_OK;
+    }
+    return result;
+}
+
+bool is_ready(const stillimage_client& client, int provisional)
+{
+    return client.state.ready == 1 || (client.state.ready == -1 && provisional != 0);
+}
+
+} // namespace
+
+uint32_t stillimage_client_version(void)
+{
+    return library_version;
+}
+
+const char* stillimage_result_text(stillimage_result result)
+{
+    switch (result) {
+    case STILLIMAGE_OK:
+        return "done";
+    case STILLIMAGE_ERROR_ARGUMENT:
+        return "bad argument";
+    case STILLIMAGE_ERROR_NO_WORKER:
+        return "no worker there";
+    case STILLIMAGE_ERROR_TIMEOUT:
+        return "time limit passed";
+    case STILLIMAGE_ERROR_REFUSED:
+        return "refused";
+    case STILLIMAGE_ERROR_NOT_READY:
+        return "not ready";
+    case STILLIMAGE_ERROR_NO_FRAME:
+        return "no such frame";
+    case STILLIMAGE_ERROR_PROTOCOL:
+        return "protocol broken";
+    case STILLIMAGE_ERROR_RECORD:
+        return "invalid description of the picture";
+    case STILLIMAGE_ERROR_SYSTEM:
+        return "out of memory or system resources";
+    case STILLIMAGE_ERROR_VALUE:
+        return "value refused";
+    case STILLIMAGE_ERROR_LIMIT:
+        return "limit reached";
+    }
+    return "unknown result";
+}
+
+stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
+                                     stillimage_client** client)
+{
+    if (socket_path == nullptr || client == nullptr) {
+        return STILLIMAGE_ERROR_ARGUMENT;
+    }
+    *client = new (std::nothrow) stillimage_client;
+    if (*client == nullptr) {
+        return STILLIMAGE_ERROR_SYSTEM;
+    }
+    return at_border(*client, [&](stillimage_client& c) {
+        return open_connection(c, socket_path, deadline(timeout_ms));
+    });
+}
+
+void stillimage_close(stillimage_client* client)
+{
+    if (client == nullptr || client->in_handler) {
+        return;
+    }
+    for (stillimage_frame* frame : client->frames) {
+        frame->owner = nullptr;
+    }
+    delete client;
+}
+
+const char* stillimage_last_error(const stillimage_client* client)
+{
+    return client == nullptr ? "" : client->last_error.c_str();
+}
+
+int stillimage_descriptor(const stillimage_client* client)
+{
+    return client == nullptr ? -1 : client->socket.get();
+}
+
+int32_t stillimage_worker_pid(const stillimage_client* client)
+{
+    return client == nullptr ? 0 : client->worker_pid;
+}
+
+stillimage_result stillimage_dispatch(stillimage_client* client, int timeout_ms)
+{
+    return at_border(client,
+                     [&](stillimage_client& c) { return take_arrived(c, deadline(timeout_ms)); });
+}
+
+stillimage_result stillimage_subscribe(stillimage_client* client, uint32_t mask,
+                                       stillimage_event_handler handler, void* user, int timeout_ms)
+{
+    return at_border(client, [&](stillimage_client& c) {
+        const auto request =
+            comm_protocol::encode(++c.last_request, comm_protocol::subscribe{mask});
+        c.handler = mask != 0 ? handler : nullptr;
+        c.handler_data = user;
+        c.subscription = mask != 0 ? c.last_request : 0;
+        return ask_for_done(c, request, timeout_ms);
+    });
+}
+
+stillimage_result stillimage_wait_ready(stillimage_client* client, int provisional, int timeout_ms)
+{
+    return at_border(client, [&](stillimage_client& c) {
+        const deadline until(timeout_ms);
+        stillimage_result result = STILLIMAGE_OK;
+        if (c.subscription == 0) {
+            const auto request = comm_protocol::encode(
+                ++c.last_request, comm_protocol::subscribe{comm_protocol::change_provisional |
+                                                           comm_protocol::change_ready});
+            c.subscription = c.last_request;
+            received_packet answer;
+            result = ask(c, request, comm_protocol::DONE, until, &answer);
+        }
+        while (result == STILLIMAGE_OK && !is_ready(c, provisional)) {
+            received_packet packet;
+            result = receive_packet(c, until, &packet);
+            if (result == STILLIMAGE_OK) {
+                result = take_unasked(c, packet, until);
+            }
+        }
+        return result;
+    });
+}
+
+stillimage_result stillimage_get_frame(stillimage_client* client, uint64_t time_position,
+                                       int32_t wanted_width, int32_t wanted_height, int timeout_ms,
+                                       stillimage_frame** frame)
+{
+    return at_border(client, [&](stillimage_client& c) {
+        if (frame == nullptr) {
+            return missing(c, "no place for the frame");
+        }
+        *frame = nullptr;
+        // A worker that answers at once still needs a moment to do so.
+        constexpr int answer_ms = 1000;
+        const deadline until(timeout_ms == 0 ? answer_ms : timeout_ms);
+        const uint32_t flags = timeout_ms == 0 ? 0 : comm_protocol::get_frame_wait;
+        stillimage_result result = set_output_size(c, wanted_width, wanted_height, until);
+        std::unique_ptr<stillimage_frame> taken;
+        if (result == STILLIMAGE_OK) {
+            result = get_frame(c, {time_position, flags}, until, &taken);
+        }
+        *frame = taken.release();
+        return result;
+    });
+}
+
+const stillimage_picture* stillimage_frame_picture(const stillimage_frame* frame)
+{
+    static const stillimage_picture nothing = {};
+    return frame == nullptr ? &nothing : &frame->picture;
+}
+
+const stillimage_descriptor_info* stillimage_frame_descriptor(const stillimage_frame* frame)
+{
+    static const stillimage_descriptor_info nothing = {};
+    return frame == nullptr ? &nothing : &frame->descriptor;
+}
+
+void stillimage_frame_release(stillimage_frame* frame)
+{
+    if (frame == nullptr) {
+        return;
+    }
+    const std::unique_ptr<stillimage_frame> owned(frame);
+    if (frame->owner == nullptr) {
+        return;
+    }
+    stillimage_client& client = *frame->owner;
+    client.frames.erase(frame);
+    try {
+        release_reference(client, frame->reference);
+        // Answers to releases would fill the worker's queue if nobody ever took them in.
+        constexpr int most_unread = 64;
+        if (++client.unread_releases >= most_unread && !client.in_handler) {
+            take_arrived(client, deadline(0));
+            client.unread_releases = 0;
+        }
+    } catch (const std::exception&) {
+        client.last_error.clear(); // the worker takes the frame back when the connection ends
+    }
+}
+
+stillimage_result stillimage_get_status(stillimage_client* client, int timeout_ms, char** json)
+{
+    return at_border(client, [&](stillimage_client& c) {
+        if (json == nullptr) {
+            return missing(c, "no place for the document");
+        }
+        *json = nullptr;
+        std::string document;
+        const stillimage_result result = collect_status(c, deadline(timeout_ms), &document);
+        if (result == STILLIMAGE_OK) {
+            *json = copy_text(document);
+        }
+        return result;
+    });
+}
+
+void stillimage_free(void* memory)
+{
+    free(memory);
+}
+
+stillimage_result stillimage_set_metadata(stillimage_client* client, const char* name,
+                                          const char* value, int timeout_ms)
+{
+    return at_border(client, [&](stillimage_client& c) {
+        if (name == nullptr || value == nullptr ||
+            strlen(name) > comm_protocol::max_metadata_name ||
+            strlen(value) > comm_protocol::max_metadata_value) {
+            return missing(c,
+                           "a name of at most 256 bytes and a value of at most 16384 are needed");
+        }
+        return ask_for_done(
+            c, comm_protocol::encode(++c.last_request, comm_protocol::set_metadata{name, value}),
+            timeout_ms);
+    });
+}
+
+stillimage_result stillimage_quit(stillimage_client* client, int timeout_ms)
+{
+    return at_border(client, [&](stillimage_client& c) {
+        return ask_for_done(c, comm_protocol::encode_empty(++c.last_request, comm_protocol::EXIT),
+                            timeout_ms);
+    });
+}
+
+stillimage_result stillimage_ping(stillimage_client* client, int timeout_ms)
+{
+    return at_border(client, [&](stillimage_client& c) {
+        received_packet answer;
+        const auto request = comm_protocol::encode_ping(++c.last_request, comm_protocol::PING,
+                                                        comm_protocol::ping{c.last_request});
+        return ask(c, request, comm_protocol::PONG, deadline(timeout_ms), &answer);
+    });
+}

@@ -1,0 +1,166 @@
+// The record in shared memory is copied until two copies in a row agree, since the worker may be
+// writing it anew; then only the copy is looked at.
+#include "client/frames.h"
+
+#include <cstring>
+#include <ctime>
+
+#include "client/scanline_record.h"
+
+namespace {
+
+constexpr size_t most_scanline = 65536; // bytes of a record's area
+constexpr int most_copies = 200;
+constexpr long copy_pause_ns = 500'000;
+
+std::vector<unsigned char> copy_range(const shared_area& area, uint64_t offset, uint64_t size)
+{
+    const unsigned char* first = area.bytes() + offset;
+    return {first, first + size};
+}
+
+bool range_is_inside(const comm_protocol::frame& frame, const shared_area& area)
+{
+    const uint64_t room = frame.area_size < area.size() ? frame.area_size : area.size();
+    return frame.area_size <= area.size() && frame.base_offset <= room &&
+           frame.scanline_offset <= room - frame.base_offset &&
+           frame.scanline_size <= room - frame.base_offset - frame.scanline_offset;
+}
+
+// Empty when the record does not come to rest.
+std::vector<unsigned char> settled_copy(const shared_area& area, const comm_protocol::frame& frame)
+{
+    const uint64_t offset = frame.base_offset + frame.scanline_offset;
+    auto before = copy_range(area, offset, frame.scanline_size);
+    for (int copies = 1; copies < most_copies; ++copies) {
+        auto after = copy_range(area, offset, frame.scanline_size);
+        if (before == after && record_is_whole(after.data(), after.size())) {
+            return after;
+        }
+        before = std::move(after);
+        const timespec pause = {0, copy_pause_ns};
+        nanosleep(&pause, nullptr);
+    }
+    return {};
+}
+
+void fill_descriptor(const comm_protocol::frame& message, stillimage_frame& frame)
+{
+    stillimage_descriptor_info& info = frame.descriptor;
+    info.buffer = message.buffer;
+    info.base_offset = message.base_offset;
+    info.area_size = message.area_size;
+    info.scanline_offset = message.scanline_offset;
+    info.scanline_size = message.scanline_size;
+    info.frame_number = message.frame_number;
+    info.width = message.width;
+    info.height = message.height;
+    info.aspect_numerator = message.aspect_numerator;
+    info.aspect_denominator = message.aspect_denominator;
+    info.provisional = frame.picture.provisional;
+    info.scanline = frame.scanline.data();
+    info.area = frame.area->bytes();
+}
+
+stillimage_result bad_record(stillimage_client& client, const std::string& why)
+{
+    return fail(client, STILLIMAGE_ERROR_RECORD,
+                "the picture's description in shared memory is not valid: " + why);
+}
+
+stillimage_result read_frame(stillimage_client& client, const comm_protocol::frame& message,
+                             stillimage_frame& frame)
+{
+    if (message.scanline_size > most_scanline || !range_is_inside(message, *client.area)) {
+        return bad_record(client, "it does not lie inside the shared area");
+    }
+    frame.area = client.area;
+    frame.scanline = settled_copy(*client.area, message);
+    if (frame.scanline.empty()) {
+        return bad_record(client, "it is not whole");
+    }
+    std::string why;
+    if (!describe_picture(frame.scanline.data(), frame.scanline.size(), message,
+                          client.area->bytes(), &frame.picture, &why)) {
+        return bad_record(client, why);
+    }
+    fill_descriptor(message, frame);
+    return STILLIMAGE_OK;
+}
+
+} // namespace
+
+stillimage_result keep_area(stillimage_client& client, const received_packet& packet,
+                            const comm_protocol::frame& frame)
+{
+    if (packet.descriptor) {
+        std::string why;
+        auto area = shared_area::map(packet.descriptor.get(), frame.area_size, &why);
+        if (area == nullptr) {
+            return fail(client, STILLIMAGE_ERROR_RECORD, why);
+        }
+        client.area = std::move(area);
+    }
+    if (client.area == nullptr) {
+        return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent no buffer");
+    }
+    return STILLIMAGE_OK;
+}
+
+stillimage_result set_output_size(stillimage_client& client, int32_t width, int32_t height,
+                                  const deadline& until)
+{
+    if (width == client.output_width && height == client.output_height) {
+        return STILLIMAGE_OK;
+    }
+    received_packet answer;
+    const auto request =
+        comm_protocol::encode(++client.last_request, comm_protocol::set_output_size{width, height});
+    const stillimage_result result = ask(client, request, comm_protocol::DONE, until, &answer);
+    if (result == STILLIMAGE_OK) {
+        client.output_width = width;
+        client.output_height = height;
+    }
+    return result;
+}
+
+stillimage_result get_frame(stillimage_client& client, const comm_protocol::get_frame& wanted,
+                            const deadline& until, std::unique_ptr<stillimage_frame>* frame)
+{
+    auto taken = std::make_unique<stillimage_frame>();
+    received_packet answer;
+    const auto request = comm_protocol::encode(++client.last_request, wanted);
+    const uint64_t number = client.last_request;
+    stillimage_result result = ask(client, request, comm_protocol::FRAME, until, &answer);
+    if (result == STILLIMAGE_ERROR_TIMEOUT) {
+        client.abandoned_frames.insert(number);
+    }
+    if (result != STILLIMAGE_OK) {
+        return result;
+    }
+    comm_protocol::frame message;
+    if (!comm_protocol::decode(answer.body, answer.size, &message)) {
+        return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent a malformed frame");
+    }
+    result = keep_area(client, answer, message);
+    if (result == STILLIMAGE_OK) {
+        result = read_frame(client, message, *taken);
+    }
+    if (result != STILLIMAGE_OK) {
+        const std::string reason = client.last_error;
+        release_reference(client, message.reference);
+        return fail(client, result, reason);
+    }
+    taken->reference = message.reference;
+    taken->owner = &client;
+    client.frames.insert(taken.get());
+    *frame = std::move(taken);
+    return STILLIMAGE_OK;
+}
+
+void release_reference(stillimage_client& client, uint64_t reference)
+{
+    const auto request =
+        comm_protocol::encode(++client.last_request, comm_protocol::release_frame{reference});
+    send_packet(client, request, deadline(0));
+}

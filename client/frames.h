@@ -1,0 +1,26 @@
+// Frames: asking for one, judging what comes, holding it.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "client/connection.h"
+
+struct stillimage_frame {
+    std::shared_ptr<shared_area> area;
+    std::vector<unsigned char> scanline; // private copy of the record's area
+    stillimage_picture picture = {};
+    stillimage_descriptor_info descriptor = {};
+    uint64_t reference = 0;
+    stillimage_client* owner = nullptr; // null once the connection is closed
+};
+
+stillimage_result get_frame(stillimage_client& client, const comm_protocol::get_frame& wanted,
+                            const deadline& until, std::unique_ptr<stillimage_frame>* frame);
+
+// Tells the worker which output size the next frames are for, unless it knows.
+stillimage_result set_output_size(stillimage_client& client, int32_t width, int32_t height,
+                                  const deadline& until);
+
+// Gives the frame's hold back to the worker, which need not answer.
+void release_reference(stillimage_client& client, uint64_t reference);

@@ -1,0 +1,164 @@
+// Requests and their answers, and what comes in between: events, parts of the status document, and
+// frames whose caller has stopped waiting.
+#include <utility>
+
+#include "client/connection.h"
+
+namespace {
+
+// What an ERROR packet means to the caller.
+stillimage_result result_of(int32_t code)
+{
+    switch (code) {
+    case comm_protocol::VERSION_MISMATCH:
+        return STILLIMAGE_ERROR_REFUSED;
+    case comm_protocol::LIMIT:
+        return STILLIMAGE_ERROR_LIMIT;
+    case comm_protocol::NO_SUCH_FRAME:
+    case comm_protocol::NO_SUCH_REFERENCE:
+        return STILLIMAGE_ERROR_NO_FRAME;
+    case comm_protocol::NO_MEMORY:
+        return STILLIMAGE_ERROR_SYSTEM;
+    case comm_protocol::REFUSED_VALUE:
+        return STILLIMAGE_ERROR_VALUE;
+    case comm_protocol::NOT_READY:
+        return STILLIMAGE_ERROR_NOT_READY;
+    case comm_protocol::GOING_DOWN:
+        return STILLIMAGE_ERROR_NO_WORKER;
+    default:
+        return STILLIMAGE_ERROR_PROTOCOL;
+    }
+}
+
+stillimage_result take_error(stillimage_client& client, const received_packet& packet)
+{
+    comm_protocol::error error;
+    if (!comm_protocol::decode(packet.body, packet.size, &error)) {
+        return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent a malformed error");
+    }
+    return fail(client, result_of(error.code), "the worker says: " + std::string(error.text));
+}
+
+void tell_handler(stillimage_client& client, uint32_t changes, const char* document)
+{
+    client.state.changes = changes;
+    client.state.progress = client.progress.c_str();
+    stillimage_event event = client.state;
+    event.document = document;
+    if (client.handler != nullptr) {
+        client.in_handler = true;
+        client.handler(client.handler_data, &event);
+        client.in_handler = false;
+    }
+}
+
+void take_event(stillimage_client& client, const received_packet& packet)
+{
+    comm_protocol::event event;
+    if (comm_protocol::decode(packet.body, packet.size, &event)) {
+        client.state.percent = event.percent;
+        client.state.ready = event.ready;
+        client.progress = event.progress;
+        tell_handler(client, event.changes, nullptr);
+    }
+}
+
+void take_document_part(stillimage_client& client, const received_packet& packet)
+{
+    if (add_document_part(packet, &client.document) == document_progress::WHOLE) {
+        const std::string document = std::move(client.document);
+        client.document.clear();
+        tell_handler(client, comm_protocol::change_document, document.c_str());
+    }
+}
+
+// A frame that nobody waits for any more goes back; its descriptor is of use all the same.
+stillimage_result return_frame(stillimage_client& client, const received_packet& packet,
+                               const deadline& until)
+{
+    comm_protocol::frame frame;
+    if (!comm_protocol::decode(packet.body, packet.size, &frame)) {
+        return STILLIMAGE_OK;
+    }
+    keep_area(client, packet, frame);
+    return send_packet(
+        client,
+        comm_protocol::encode(++client.last_request, comm_protocol::release_frame{frame.reference}),
+        until);
+}
+
+bool is_unasked(const stillimage_client& client, const comm_protocol::packet_header& header)
+{
+    return header.type == comm_protocol::EVENT ||
+           (header.type == comm_protocol::STATUS && header.request == client.subscription &&
+            client.subscription != 0);
+}
+
+} // namespace
+
+document_progress add_document_part(const received_packet& packet, std::string* document)
+{
+    constexpr size_t most_document = size_t{16} << 20;
+    comm_protocol::status_part part;
+    if (!comm_protocol::decode(packet.body, packet.size, &part) || part.total > most_document) {
+        return document_progress::BROKEN;
+    }
+    if (part.offset == 0) {
+        document->clear();
+    }
+    if (part.offset != document->size() || part.text.size() > part.total - part.offset) {
+        return document_progress::BROKEN;
+    }
+    document->append(part.text);
+    return document->size() == part.total ? document_progress::WHOLE : document_progress::MORE;
+}
+
+stillimage_result take_unasked(stillimage_client& client, received_packet& packet,
+                               const deadline& until)
+{
+    if (packet.header.type == comm_protocol::EVENT) {
+        take_event(client, packet);
+    } else if (is_unasked(client, packet.header)) {
+        take_document_part(client, packet);
+    } else if (client.abandoned_frames.erase(packet.header.request) != 0 &&
+               packet.header.type == comm_protocol::FRAME) {
+        return return_frame(client, packet, until);
+    }
+    return STILLIMAGE_OK;
+}
+
+stillimage_result await_answer(stillimage_client& client, uint64_t number,
+                               comm_protocol::packet_type expected, const deadline& until,
+                               received_packet* answer)
+{
+    while (true) {
+        stillimage_result result = receive_packet(client, until, answer);
+        if (result != STILLIMAGE_OK) {
+            return result;
+        }
+        if (answer->header.request == number && !is_unasked(client, answer->header)) {
+            break;
+        }
+        result = take_unasked(client, *answer, until);
+        if (result != STILLIMAGE_OK) {
+            return result;
+        }
+    }
+    client.unread_releases = 0; // whatever was answered before has been taken in
+    if (answer->header.type == comm_protocol::ERROR) {
+        return take_error(client, *answer);
+    }
+    if (answer->header.type != expected) {
+        return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker gave another kind of answer");
+    }
+    return STILLIMAGE_OK;
+}
+
+stillimage_result ask(stillimage_client& client, const comm_protocol::packet_bytes& request,
+                      comm_protocol::packet_type expected, const deadline& until,
+                      received_packet* answer)
+{
+    const uint64_t number = client.last_request;
+    const stillimage_result result = send_packet(client, request, until);
+    return result == STILLIMAGE_OK ? await_answer(client, number, expected, until, answer) : result;
+}

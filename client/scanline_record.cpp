@@ -1,0 +1,216 @@
+#include "client/scanline_record.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include "platform/scanline_format.h"
+
+namespace {
+
+namespace format = scanline_format;
+
+uint64_t load(const unsigned char* bytes, size_t at, size_t count)
+{
+    uint64_t value = 0;
+    for (size_t i = 0; i < count; ++i) {
+        value |= static_cast<uint64_t>(bytes[at + i]) << (8 * i);
+    }
+    return value;
+}
+
+constexpr int most_levels = 16;
+constexpr uint64_t cut = 0x10000; // what a 16-bit field has lost is a multiple of this
+
+uint32_t halved(uint32_t size, int times)
+{
+    return static_cast<uint32_t>((static_cast<uint64_t>(size) + (UINT64_C(1) << times) - 1) >>
+                                 times);
+}
+
+// The number of halvings that lead from the full size to the record's (cut) size.
+std::optional<int> find_level(const unsigned char* copy, uint32_t width, uint32_t height)
+{
+    const uint64_t wanted_width = load(copy, format::at_source_width, 4) >> 16;
+    const uint64_t wanted_height = load(copy, format::at_source_height, 4) >> 16;
+    for (int level = 0; level <= most_levels; ++level) {
+        if (halved(width, level) % cut == wanted_width &&
+            halved(height, level) % cut == wanted_height) {
+            return level;
+        }
+    }
+    return std::nullopt;
+}
+
+// log2 of the subsampling that a sample mask stands for.
+std::optional<uint8_t> shift_of(uint64_t mask)
+{
+    switch (mask) {
+    case 0:
+        return uint8_t{0};
+    case 1:
+        return uint8_t{1};
+    case 3:
+        return uint8_t{2};
+    default:
+        return std::nullopt;
+    }
+}
+
+// Both masks of a chroma plane must agree with the other's, those of Y and A be 0.
+std::optional<uint8_t> read_shift(const unsigned char* copy, size_t at)
+{
+    if (copy[at + STILLIMAGE_Y] != 0 || copy[at + STILLIMAGE_A] != 0 ||
+        copy[at + STILLIMAGE_U] != copy[at + STILLIMAGE_V]) {
+        return std::nullopt;
+    }
+    return shift_of(copy[at + STILLIMAGE_U]);
+}
+
+uint32_t rounded_up(uint32_t size, uint8_t shift)
+{
+    return halved(size, shift);
+}
+
+// The stride that has lost its upper bits: the smallest that holds a row.
+uint64_t rebuild_stride(uint64_t stored, uint64_t row)
+{
+    const uint64_t missing = stored < row ? (row - stored + cut - 1) / cut : 0;
+    const uint64_t stride = stored + missing * cut;
+    return stride != 0 ? stride : cut;
+}
+
+class record_reader {
+public:
+    record_reader(const unsigned char* record, const comm_protocol::frame& said,
+                  const unsigned char* shared, stillimage_picture* result)
+        : copy(record), message(said), area(shared), picture(result)
+    {
+    }
+
+    // Null, or why the record cannot be believed.
+    const char* read()
+    {
+        if (const char* reason = read_head()) {
+            return reason;
+        }
+        for (int plane = 0; plane < STILLIMAGE_PLANES; ++plane) {
+            if (const char* reason = read_plane(plane)) {
+                return reason;
+            }
+        }
+        if (picture->plane[STILLIMAGE_Y] == nullptr) {
+            return "the picture has no Y plane";
+        }
+        const bool has_u = picture->plane[STILLIMAGE_U] != nullptr;
+        const bool has_v = picture->plane[STILLIMAGE_V] != nullptr;
+        return has_u != has_v ? "it has one chroma plane only" : nullptr;
+    }
+
+private:
+    const char* read_head()
+    {
+        if (message.width < 1 || message.height < 1) {
+            return "the picture has no size";
+        }
+        if (load(copy, format::at_buffer_number, 2) != message.buffer % cut) {
+            return "it is about another buffer";
+        }
+        picture->full_width = static_cast<uint32_t>(message.width);
+        picture->full_height = static_cast<uint32_t>(message.height);
+        const auto level = find_level(copy, picture->full_width, picture->full_height);
+        const auto x_shift = read_shift(copy, format::at_horizontal_masks);
+        const auto y_shift = read_shift(copy, format::at_vertical_masks);
+        if (!level) {
+            return "its size is no level of the picture's";
+        }
+        if (!x_shift || !y_shift) {
+            return "its chroma subsampling is unknown";
+        }
+        picture->width = halved(picture->full_width, *level);
+        picture->height = halved(picture->full_height, *level);
+        picture->scale_x = picture->scale_y = cut >> *level;
+        picture->chroma_x_shift = *x_shift;
+        picture->chroma_y_shift = *y_shift;
+        return nullptr;
+    }
+
+    const char* read_plane(int plane)
+    {
+        const bool chroma = plane == STILLIMAGE_U || plane == STILLIMAGE_V;
+        const auto index = static_cast<size_t>(plane);
+        const uint64_t offset = load(copy, format::at_plane_offsets + 4 * index, 4);
+        if (offset == format::absent_plane) {
+            return nullptr;
+        }
+        const uint8_t x_shift = chroma ? picture->chroma_x_shift : uint8_t{0};
+        const uint8_t y_shift = chroma ? picture->chroma_y_shift : uint8_t{0};
+        // Rows of reduced levels hold the rounded-down number of chroma samples for certain.
+        const uint64_t row = std::max(picture->width >> x_shift, 1U);
+        const uint64_t stride = rebuild_stride(load(copy, format::at_strides + 2 * index, 2), row);
+        const uint32_t rows = rounded_up(picture->height, y_shift);
+        const uint64_t width = std::min<uint64_t>(rounded_up(picture->width, x_shift), stride);
+        return place_plane(plane, offset, stride, width, rows);
+    }
+
+    const char* place_plane(int plane, uint64_t offset, uint64_t stride, uint64_t width,
+                            uint32_t rows)
+    {
+        // Whole rows, so that readers may copy row by row with the padding.
+        const uint64_t size = stride * rows;
+        if (stride > UINT32_MAX || message.base_offset > message.area_size ||
+            offset > message.area_size - message.base_offset ||
+            size > message.area_size - message.base_offset - offset) {
+            return "a plane does not lie inside the shared area";
+        }
+        picture->plane[plane] = area + message.base_offset + offset;
+        picture->stride[plane] = static_cast<uint32_t>(stride);
+        picture->plane_width[plane] = static_cast<uint32_t>(width);
+        picture->plane_height[plane] = rows;
+        return nullptr;
+    }
+
+    const unsigned char* copy;
+    const comm_protocol::frame& message;
+    const unsigned char* area;
+    stillimage_picture* picture;
+};
+
+void describe_message(const comm_protocol::frame& message, stillimage_picture* picture)
+{
+    picture->range = STILLIMAGE_RANGE_LIMITED;
+    picture->matrix = STILLIMAGE_MATRIX_BT601;
+    picture->frame_number = message.frame_number;
+    picture->provisional = (message.flags & comm_protocol::frame_provisional) != 0 ? 1 : 0;
+    const bool known = message.aspect_numerator > 0 && message.aspect_denominator > 0;
+    picture->aspect_numerator = known ? message.aspect_numerator : picture->full_width;
+    picture->aspect_denominator = known ? message.aspect_denominator : picture->full_height;
+}
+
+} // namespace
+
+bool record_is_whole(const unsigned char* copy, size_t size)
+{
+    return size >= format::record_size && load(copy, format::at_magic, 4) == format::magic &&
+           memcmp(copy + format::at_end_mark, format::end_mark, sizeof format::end_mark) == 0;
+}
+
+bool describe_picture(const unsigned char* copy, size_t size, const comm_protocol::frame& message,
+                      const unsigned char* area, stillimage_picture* picture, std::string* reason)
+{
+    *picture = {};
+    if (!record_is_whole(copy, size)) {
+        *reason = "its marks are missing";
+        return false;
+    }
+    if (load(copy, format::at_area_size, 4) != size) {
+        *reason = "its size is not the one that the worker named";
+        return false;
+    }
+    if (const char* why = record_reader(copy, message, area, picture).read()) {
+        *reason = why;
+        return false;
+    }
+    describe_message(message, picture);
+    return true;
+}

@@ -1,0 +1,93 @@
+// Command lines: arguments with a NUL behind each, taken as the program takes them. Whatever they
+// hold, what is set afterwards is something that the rest of the program can work with.
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "platform/media_item.h"
+#include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/item/life_cycle.h"
+#include "platform/standalone/item/settings.h"
+
+namespace {
+
+void require(bool condition)
+{
+    if (!condition) {
+        abort();
+    }
+}
+
+std::vector<std::string> arguments_in(const uint8_t* data, size_t size)
+{
+    std::vector<std::string> arguments;
+    std::string argument;
+    for (size_t i = 0; i < size; ++i) {
+        if (data[i] == 0) {
+            arguments.push_back(argument);
+            argument.clear();
+        } else {
+            argument += static_cast<char>(data[i]);
+        }
+    }
+    return arguments;
+}
+
+void take_argument(char* argument)
+{
+    const char* const before = argument;
+    if (vexa_argv_is_switch(&argument) == 0) {
+        require(argument == before);
+        return;
+    }
+    require(argument == before + 1 || argument == before + 2);
+    vexa_argv_std_handle_switch(argument);
+}
+
+void take_arguments()
+{
+    for (char* argument = vexa_next_arg(); argument != nullptr; argument = vexa_next_arg()) {
+        take_argument(argument);
+    }
+    require(vexa_next_arg() == nullptr);
+}
+
+void check_settings()
+{
+    for (const char* text : {vexa_file, vexa_file_metadir, vexa_sock, vexa_file_type}) {
+        require(text == nullptr || *text != '\0');
+    }
+    const bool unknown = vexa_aspect_ratio.numerator == 0 && vexa_aspect_ratio.denominator == 0;
+    require(unknown || (vexa_aspect_ratio.numerator > 0 && vexa_aspect_ratio.denominator > 0));
+    require(vexa_background_music == 0 || vexa_background_music == 1);
+    require(cnb_domain_name_valid(item::own.domain));
+}
+
+FILE* null_stream()
+{
+    static FILE* const stream = fopen("/dev/null", "w");
+    return stream;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    std::vector<std::string> arguments = arguments_in(data, size);
+    std::vector<char*> vector;
+    vector.reserve(arguments.size() + 1);
+    for (std::string& argument : arguments) {
+        vector.push_back(argument.data());
+    }
+    vector.push_back(nullptr);
+    const bool accepted = vexa_init_argv(static_cast<int>(arguments.size()), vector.data()) == 0;
+    require(accepted == !arguments.empty());
+    stderr = null_stream(); // until reset_item gives the real one back
+    take_arguments();
+    check_settings();
+    item::reset_item();
+    return 0;
+}

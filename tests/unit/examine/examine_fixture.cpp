@@ -34,9 +34,7 @@ size_t open_descriptors()
 
 void ExamineFixture::SetUp()
 {
-    scripted::reset();
-    failing_calls::plan = {};
-    reset_examination();
+    start_anew();
     descriptors_at_start_ = open_descriptors();
     testing::internal::CaptureStderr();
     captured_ = true;
@@ -50,6 +48,13 @@ void ExamineFixture::TearDown()
     reset_examination();
     scripted::reset();
     EXPECT_EQ(open_descriptors(), descriptors_at_start_);
+}
+
+void ExamineFixture::start_anew()
+{
+    scripted::reset();
+    failing_calls::plan = {};
+    reset_examination();
 }
 
 std::string ExamineFixture::printed()

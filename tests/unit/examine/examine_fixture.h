@@ -15,6 +15,8 @@ protected:
     void SetUp() override;
     void TearDown() override; // also expects that no descriptor is left
 
+    static void start_anew(); // as SetUp, within a test
+
     // What was printed on standard error since the last call.
     std::string printed();
     void leave_stderr_alone(); // before a death test, which wants it for itself

@@ -3,7 +3,6 @@
 #include "platform/standalone/cnb/cgroup_memory.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
-using cnb_test::temporary_folder;
 using cnb_test::write_file;
 using platform::cgroup_memory_limit;
 using platform::cgroup_memory_room;
@@ -103,42 +102,42 @@ protected:
 TEST_F(cgroup_folder, LimitOfVersion2)
 {
     EXPECT_EQ(cgroup_memory_limit(version2()), no_memory_limit);
-    write_file(folder / "memory.max", "max\n");
+    write_file(folder.path("memory.max"), "max\n");
     EXPECT_EQ(cgroup_memory_limit(version2()), no_memory_limit);
-    write_file(folder / "memory.max", "1073741824\n");
+    write_file(folder.path("memory.max"), "1073741824\n");
     EXPECT_EQ(cgroup_memory_limit(version2()), 1073741824U);
 }
 
 TEST_F(cgroup_folder, LimitOfVersion1)
 {
-    write_file(folder / "memory.limit_in_bytes", "9223372036854771712\n");
+    write_file(folder.path("memory.limit_in_bytes"), "9223372036854771712\n");
     EXPECT_EQ(cgroup_memory_limit(version1()), no_memory_limit);
     EXPECT_EQ(cgroup_memory_room(version1()), no_memory_limit);
-    write_file(folder / "memory.limit_in_bytes", "1000\n");
+    write_file(folder.path("memory.limit_in_bytes"), "1000\n");
     EXPECT_EQ(cgroup_memory_limit(version1()), 1000U);
 }
 
 TEST_F(cgroup_folder, RoomCountsTheFileCacheAsFree)
 {
-    write_file(folder / "memory.max", "1000\n");
-    write_file(folder / "memory.current", "700\n");
+    write_file(folder.path("memory.max"), "1000\n");
+    write_file(folder.path("memory.current"), "700\n");
     EXPECT_EQ(cgroup_memory_room(version2()), 300U);
-    write_file(folder / "memory.stat", "anon 500\nfile 200\ninactive_file 150\n");
+    write_file(folder.path("memory.stat"), "anon 500\nfile 200\ninactive_file 150\n");
     EXPECT_EQ(cgroup_memory_room(version2()), 450U);
 
-    write_file(folder / "memory.limit_in_bytes", "1000\n");
-    write_file(folder / "memory.usage_in_bytes", "700\n");
-    write_file(folder / "memory.stat", "inactive_file 1\ntotal_inactive_file 100\n");
+    write_file(folder.path("memory.limit_in_bytes"), "1000\n");
+    write_file(folder.path("memory.usage_in_bytes"), "700\n");
+    write_file(folder.path("memory.stat"), "inactive_file 1\ntotal_inactive_file 100\n");
     EXPECT_EQ(cgroup_memory_room(version1()), 400U);
 }
 
 TEST_F(cgroup_folder, FullGroupHasNoRoom)
 {
-    write_file(folder / "memory.max", "1000\n");
-    write_file(folder / "memory.current", "1200\n");
+    write_file(folder.path("memory.max"), "1000\n");
+    write_file(folder.path("memory.current"), "1200\n");
     EXPECT_EQ(cgroup_memory_room(version2()), 0U);
-    write_file(folder / "memory.current", "100\n");
-    write_file(folder / "memory.stat", "inactive_file 5000\n"); // counted at different moments
+    write_file(folder.path("memory.current"), "100\n");
+    write_file(folder.path("memory.stat"), "inactive_file 5000\n"); // counted at different moments
     EXPECT_EQ(cgroup_memory_room(version2()), 1000U);
 }
 

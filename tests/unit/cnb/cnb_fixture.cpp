@@ -9,7 +9,6 @@
 #include <stdexcept>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "platform/standalone/cnb/domain_membership.h"
@@ -114,19 +113,6 @@ const platform::kernel_calls failing_kernel_calls = {
     .open_read_only = open_read_only,
 };
 
-temporary_folder::temporary_folder() : path_("/tmp/unit_cnb.XXXXXX")
-{
-    if (mkdtemp(path_.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp");
-    }
-}
-
-temporary_folder::~temporary_folder()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
 cnb::cnb()
 {
     platform::reset_cnb();
@@ -146,23 +132,6 @@ void write_file(const std::string& path, const std::string& text)
 {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << text;
-}
-
-pid_t in_child(const std::function<int()>& body)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(body());
-    }
-    return child;
-}
-
-int status_of(pid_t child)
-{
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 signal_pipe::signal_pipe()

@@ -1,4 +1,4 @@
-// What the tests of the CNB domain share: a folder of their own, processes, a kernel that fails.
+// What the tests of the CNB domain share: a domain of their own, a kernel that fails, signals.
 #pragma once
 
 #include <functional>
@@ -8,23 +8,9 @@
 #include <gtest/gtest.h>
 
 #include "platform/standalone/cnb/kernel_calls.h"
+#include "tests/support/temporary_folder.h"
 
 namespace cnb_test {
-
-// A folder that goes, with all that is in it, at the end of the test.
-class temporary_folder {
-public:
-    temporary_folder();
-    temporary_folder(const temporary_folder&) = delete;
-    temporary_folder& operator=(const temporary_folder&) = delete;
-    ~temporary_folder();
-
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
 
 // The module at its values at program start, its folder under a temporary XDG_RUNTIME_DIR.
 class cnb : public testing::Test {
@@ -34,19 +20,13 @@ protected:
 
     std::string domain_path(const std::string& domain = "default") const
     {
-        return runtime / ("stillimage/cnb/" + domain);
+        return runtime.path("stillimage/cnb/" + domain);
     }
 
     temporary_folder runtime;
 };
 
 void write_file(const std::string& path, const std::string& text);
-
-// Runs `body` in a forked process, whose exit status is what it returns.
-pid_t in_child(const std::function<int()>& body);
-
-// The exit status of a child; -1 when a signal ended it.
-int status_of(pid_t child);
 
 // One byte at a time between two processes.
 class signal_pipe {

@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,12 +12,11 @@
 #include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/cnb/domain_membership.h"
+#include "tests/support/child_process.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
 using cnb_test::failing;
-using cnb_test::in_child;
 using cnb_test::signal_pipe;
-using cnb_test::status_of;
 using testing::HasSubstr;
 
 namespace {
@@ -50,9 +50,9 @@ protected:
     }
 
     // Another process with a buffer of `size` bytes, until it is told to leave.
-    pid_t neighbour(uint64_t size)
+    std::unique_ptr<child_process> neighbour(uint64_t size)
     {
-        const pid_t child = in_child([&, this] {
+        auto child = std::make_unique<child_process>([&, this] {
             if (load(size) != 0) {
                 return 1;
             }
@@ -159,45 +159,45 @@ TEST_F(default_buffer, EmptyBufferIsRefused)
 TEST_F(default_buffer, RefusedRequestTakesNothingFromTheOthers)
 {
     ASSERT_EQ(load(UINT64_MAX), 0);
-    const pid_t other = in_child([] {
+    child_process other([] {
         cnb_leave_domain();
         return load(limit) == 0 && image_cnb_buffer == 1 ? 0 : 1;
     });
-    EXPECT_EQ(status_of(other), 0);
+    EXPECT_EQ(other.wait(), 0);
 }
 
 TEST_F(default_buffer, WaitsWhileTheOthersLeaveNoRoom)
 {
-    const pid_t other = neighbour(limit);
+    const std::unique_ptr<child_process> other = neighbour(limit);
     EXPECT_NE(load(1), 0);
     EXPECT_NE(load(1), 0);
     EXPECT_EQ(image_cnb_buffer, 0U);
     EXPECT_EQ(image_cnb_buffer_fd, -1);
     leave.give();
-    EXPECT_EQ(status_of(other), 0);
+    EXPECT_EQ(other->wait(), 0);
     EXPECT_EQ(load_patiently(1), 0);
     EXPECT_EQ(image_cnb_buffer, 1U);
 }
 
 TEST_F(default_buffer, RoomBesideTheOthersIsUsedToTheLastByte)
 {
-    const pid_t other = neighbour(limit - 1000);
+    const std::unique_ptr<child_process> other = neighbour(limit - 1000);
     EXPECT_NE(load(1001), 0);
     EXPECT_EQ(load_patiently(1000), 0);
     EXPECT_EQ(image_cnb_buffer, 2U);
     leave.give();
-    EXPECT_EQ(status_of(other), 0);
+    EXPECT_EQ(other->wait(), 0);
 }
 
 TEST_F(default_buffer, DomainsDoNotSeeEachOther)
 {
-    const pid_t other = neighbour(limit);
+    const std::unique_ptr<child_process> other = neighbour(limit);
     cnb_leave_domain();
     cnb_set_domain("another", limit);
     EXPECT_EQ(load(limit), 0);
     EXPECT_EQ(image_cnb_buffer, 1U);
     leave.give();
-    EXPECT_EQ(status_of(other), 0);
+    EXPECT_EQ(other->wait(), 0);
 }
 
 TEST_F(default_buffer, DropGivesEverythingBackAndMayRunTwice)
@@ -232,8 +232,8 @@ TEST_F(default_buffer, NextPictureSeesNothingOfTheLast)
 
 TEST_F(default_buffer, MoreThanTheMachineHasIsRefusedWithoutTrying)
 {
-    const cnb_test::temporary_folder machine;
-    cnb_test::write_file(machine / "proc/meminfo", "MemTotal: 1024 kB\nMemAvailable: 512 kB\n");
+    const temporary_folder machine;
+    cnb_test::write_file(machine.path("proc/meminfo"), "MemTotal: 1024 kB\nMemAvailable: 512 kB\n");
     platform::the_machine.root = machine.path();
     constexpr uint64_t room = 512 * 1024 - 1024 * 1024 / 16;
     ASSERT_EQ(load(room + 1), 0);
@@ -250,13 +250,14 @@ TEST_F(default_buffer, MoreThanTheMachineHasIsRefusedWithoutTrying)
 
 TEST_F(default_buffer, TwiceTheMemoryOfThisMachineIsRefusedCleanly)
 {
-    const cnb_test::temporary_folder machine;
-    cnb_test::write_file(machine / "proc/meminfo",
+    const temporary_folder machine;
+    cnb_test::write_file(machine.path("proc/meminfo"),
                          "MemTotal: 8000000 kB\nMemAvailable: 7000000 kB\n");
-    cnb_test::write_file(machine / "proc/self/cgroup", "0::/\n");
-    cnb_test::write_file(machine / "proc/self/mountinfo", "4 3 0:3 / /g rw - cgroup2 none rw\n");
-    cnb_test::write_file(machine / "g/memory.max", "1000000\n");
-    cnb_test::write_file(machine / "g/memory.current", "100000\n");
+    cnb_test::write_file(machine.path("proc/self/cgroup"), "0::/\n");
+    cnb_test::write_file(machine.path("proc/self/mountinfo"),
+                         "4 3 0:3 / /g rw - cgroup2 none rw\n");
+    cnb_test::write_file(machine.path("g/memory.max"), "1000000\n");
+    cnb_test::write_file(machine.path("g/memory.current"), "100000\n");
     platform::the_machine.root = machine.path();
     ASSERT_EQ(load(900'000), 0);
     testing::internal::CaptureStderr();
@@ -313,7 +314,7 @@ TEST_F(default_buffer, DamagedRegistryIsARefusalThatNamesIt)
 TEST_F(default_buffer, RemovedFolderIsMadeAnew)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
-    std::filesystem::remove_all(runtime / "stillimage");
+    std::filesystem::remove_all(runtime.path("stillimage"));
     ASSERT_EQ(load(1000), 0);
     EXPECT_EQ(image_cnb_buffer, 1U);
     EXPECT_EQ(access((domain_path() + "/registry").c_str(), F_OK), 0);
@@ -348,7 +349,7 @@ TEST_F(default_buffer, SocketIsServedDuringALargeReservation)
 
 TEST_F(default_buffer, DaemonisedChildKeepsTheBytesAndIsNamedAsOwner)
 {
-    const pid_t parent = in_child([this] {
+    child_process parent([this] {
         if (load(limit) != 0) {
             return 1;
         }
@@ -364,7 +365,7 @@ TEST_F(default_buffer, DaemonisedChildKeepsTheBytesAndIsNamedAsOwner)
         leave.wait();
         _exit(0);
     });
-    ASSERT_EQ(status_of(parent), 0);
+    ASSERT_EQ(parent.wait(), 0);
     loaded.close_giving_end();
     EXPECT_TRUE(loaded.wait());
     EXPECT_NE(load(1), 0);

@@ -13,11 +13,10 @@
 #include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/cnb/domain_membership.h"
+#include "tests/support/child_process.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
 using cnb_test::failing;
-using cnb_test::in_child;
-using cnb_test::status_of;
 using testing::HasSubstr;
 
 namespace {
@@ -33,9 +32,10 @@ protected:
 
     void make_parent_of_domains()
     {
-        std::filesystem::create_directories(runtime / "stillimage/cnb");
-        std::filesystem::permissions(runtime / "stillimage", std::filesystem::perms::owner_all);
-        std::filesystem::permissions(runtime / "stillimage/cnb", std::filesystem::perms::owner_all);
+        std::filesystem::create_directories(runtime.path("stillimage/cnb"));
+        std::filesystem::permissions(runtime.path("stillimage"), std::filesystem::perms::owner_all);
+        std::filesystem::permissions(runtime.path("stillimage/cnb"),
+                                     std::filesystem::perms::owner_all);
     }
 
     static mode_t mode_of(const std::string& path)
@@ -51,10 +51,10 @@ TEST_F(domain, IsAPrivateFolderUnderTheRuntimeFolder)
     const mode_t before = umask(0);
     EXPECT_EQ(join_and_tell(0), "");
     umask(before);
-    EXPECT_EQ(mode_of(runtime / "stillimage"), 0700U);
-    EXPECT_EQ(mode_of(runtime / "stillimage/cnb"), 0700U);
-    EXPECT_EQ(mode_of(runtime / "stillimage/cnb/default"), 0700U);
-    EXPECT_EQ(mode_of(runtime / "stillimage/cnb/default/registry"), 0600U);
+    EXPECT_EQ(mode_of(runtime.path("stillimage")), 0700U);
+    EXPECT_EQ(mode_of(runtime.path("stillimage/cnb")), 0700U);
+    EXPECT_EQ(mode_of(runtime.path("stillimage/cnb/default")), 0700U);
+    EXPECT_EQ(mode_of(runtime.path("stillimage/cnb/default/registry")), 0600U);
 }
 
 TEST_F(domain, WithoutRuntimeFolderItLiesInTheUsersTemporaryFolder)
@@ -63,7 +63,7 @@ TEST_F(domain, WithoutRuntimeFolderItLiesInTheUsersTemporaryFolder)
     setenv("TMPDIR", runtime.path().c_str(), 1);
     EXPECT_EQ(join_and_tell(0), "");
     unsetenv("TMPDIR");
-    const std::string users = runtime / ("stillimage-" + std::to_string(geteuid()));
+    const std::string users = runtime.path("stillimage-" + std::to_string(geteuid()));
     EXPECT_EQ(mode_of(users), 0700U);
     EXPECT_EQ(access((users + "/cnb/default/registry").c_str(), F_OK), 0);
 }
@@ -138,8 +138,8 @@ TEST_F(domain, SettingsAreForTheNextJoin)
 
 TEST_F(domain, DefaultLimitIsHalfOfTheMemory)
 {
-    const cnb_test::temporary_folder machine;
-    cnb_test::write_file(machine / "proc/meminfo", "MemTotal: 1000 kB\nMemAvailable: 900 kB\n");
+    const temporary_folder machine;
+    cnb_test::write_file(machine.path("proc/meminfo"), "MemTotal: 1000 kB\nMemAvailable: 900 kB\n");
     platform::the_machine.root = machine.path();
     EXPECT_EQ(join_and_tell(0), "");
     EXPECT_EQ(cnb_view_domain().limit, 512'000U);
@@ -147,11 +147,12 @@ TEST_F(domain, DefaultLimitIsHalfOfTheMemory)
 
 TEST_F(domain, DefaultLimitIsHalfOfTheControlGroup)
 {
-    const cnb_test::temporary_folder machine;
-    cnb_test::write_file(machine / "proc/meminfo", "MemTotal: 1000 kB\nMemAvailable: 900 kB\n");
-    cnb_test::write_file(machine / "proc/self/cgroup", "3:memory:/\n");
-    cnb_test::write_file(machine / "proc/self/mountinfo", "4 3 0:3 / /g rw - cgroup none memory\n");
-    cnb_test::write_file(machine / "g/memory.limit_in_bytes", "300000\n");
+    const temporary_folder machine;
+    cnb_test::write_file(machine.path("proc/meminfo"), "MemTotal: 1000 kB\nMemAvailable: 900 kB\n");
+    cnb_test::write_file(machine.path("proc/self/cgroup"), "3:memory:/\n");
+    cnb_test::write_file(machine.path("proc/self/mountinfo"),
+                         "4 3 0:3 / /g rw - cgroup none memory\n");
+    cnb_test::write_file(machine.path("g/memory.limit_in_bytes"), "300000\n");
     platform::the_machine.root = machine.path();
     EXPECT_EQ(join_and_tell(0), "");
     EXPECT_EQ(cnb_view_domain().limit, 150'000U);
@@ -171,7 +172,7 @@ TEST_F(domain, ViewTellsTheBuffer)
 
 TEST_F(domain, PlantedLinkIsNotFollowed)
 {
-    const cnb_test::temporary_folder elsewhere;
+    const temporary_folder elsewhere;
     make_parent_of_domains();
     std::filesystem::create_directory_symlink(elsewhere.path(), domain_path());
     EXPECT_EQ(join_and_tell(-1),
@@ -181,9 +182,9 @@ TEST_F(domain, PlantedLinkIsNotFollowed)
 
 TEST_F(domain, PlantedLinkFurtherUpIsNotFollowed)
 {
-    const cnb_test::temporary_folder elsewhere;
-    std::filesystem::create_directory_symlink(elsewhere.path(), runtime / "stillimage");
-    EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain '" + (runtime / "stillimage") +
+    const temporary_folder elsewhere;
+    std::filesystem::create_directory_symlink(elsewhere.path(), runtime.path("stillimage"));
+    EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain '" + runtime.path("stillimage") +
                                      "': not a folder, or a link\n");
     EXPECT_TRUE(std::filesystem::is_empty(elsewhere.path()));
 }
@@ -254,7 +255,7 @@ TEST_F(domain, FolderIsLockedAgainstProgramsThatTidyUp)
 // The registry is written, never mapped: a full file system is an error and not a signal.
 TEST_F(domain, FullFileSystemIsARefusalWithItsReason)
 {
-    const pid_t child = in_child([this] {
+    child_process child([this] {
         if (unshare(CLONE_NEWNS) != 0 ||
             mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount("none", runtime.path().c_str(), "tmpfs", 0, "size=16k") != 0) {
@@ -263,7 +264,7 @@ TEST_F(domain, FullFileSystemIsARefusalWithItsReason)
         if (cnb_join_domain() != 0) {
             return 1;
         }
-        cnb_test::write_file(runtime / "filler", std::string(1 << 20, 'x'));
+        cnb_test::write_file(runtime.path("filler"), std::string(1 << 20, 'x'));
         testing::internal::CaptureStderr();
         cnb_total = 100'000;
         cnb_allocation image;
@@ -272,7 +273,7 @@ TEST_F(domain, FullFileSystemIsARefusalWithItsReason)
         const std::string told = testing::internal::GetCapturedStderr();
         return refused && told.find("No space left on device\n") != std::string::npos ? 0 : 2;
     });
-    const int status = status_of(child);
+    const int status = child.wait();
     if (status == 77) {
         GTEST_SKIP() << "needs root, to mount a small file system";
     }
@@ -282,7 +283,7 @@ TEST_F(domain, FullFileSystemIsARefusalWithItsReason)
 // The memory does not come from the file system of the registry.
 TEST_F(domain, BufferCanBeLargerThanTheFileSystemOfItsRegistry)
 {
-    const pid_t child = in_child([this] {
+    child_process child([this] {
         if (unshare(CLONE_NEWNS) != 0 ||
             mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount("none", runtime.path().c_str(), "tmpfs", 0, "size=1m") != 0) {
@@ -301,7 +302,7 @@ TEST_F(domain, BufferCanBeLargerThanTheFileSystemOfItsRegistry)
         }
         return 0;
     });
-    const int status = status_of(child);
+    const int status = child.wait();
     if (status == 77) {
         GTEST_SKIP() << "needs root, to mount a small file system";
     }

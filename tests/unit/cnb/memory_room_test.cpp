@@ -5,7 +5,6 @@
 #include "platform/standalone/cnb/memory_room.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
-using cnb_test::temporary_folder;
 using cnb_test::write_file;
 using platform::memory_reserve;
 using platform::memory_room;
@@ -16,17 +15,17 @@ class memory : public testing::Test {
 protected:
     memory()
     {
-        write_file(root / "proc/meminfo",
+        write_file(root.path("proc/meminfo"),
                    "MemTotal:  1000 kB\nMemFree: 1 kB\nMemAvailable: 600 kB\n");
     }
 
     void join_group(const std::string& limit, const std::string& usage)
     {
-        write_file(root / "proc/self/cgroup", "0::/outer/inner\n");
-        write_file(root / "proc/self/mountinfo", "4 3 0:3 / /groups rw - cgroup2 none rw\n");
-        write_file(root / "groups/outer/inner/memory.max", "max\n");
-        write_file(root / "groups/outer/memory.max", limit);
-        write_file(root / "groups/outer/memory.current", usage);
+        write_file(root.path("proc/self/cgroup"), "0::/outer/inner\n");
+        write_file(root.path("proc/self/mountinfo"), "4 3 0:3 / /groups rw - cgroup2 none rw\n");
+        write_file(root.path("groups/outer/inner/memory.max"), "max\n");
+        write_file(root.path("groups/outer/memory.max"), limit);
+        write_file(root.path("groups/outer/memory.current"), usage);
     }
 
     temporary_folder root;

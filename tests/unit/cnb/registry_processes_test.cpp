@@ -4,9 +4,9 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <memory>
 #include <random>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -14,12 +14,10 @@
 
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/cnb/registry.h"
+#include "tests/support/child_process.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
-using cnb_test::in_child;
 using cnb_test::signal_pipe;
-using cnb_test::status_of;
-using cnb_test::temporary_folder;
 using platform::buffer_registry;
 using platform::claim_result;
 using platform::unique_fd;
@@ -104,13 +102,13 @@ TEST_F(registry_processes, RacersShareNoNumberAndKeepTheLimit)
 {
     shared_board* board = make_board();
     ASSERT_NE(board, nullptr);
-    std::vector<pid_t> children;
+    std::vector<std::unique_ptr<child_process>> children;
     for (unsigned seed = 1; seed <= 8; ++seed) {
-        children.push_back(
-            in_child([&] { return claim_and_release(folder_fd.get(), board, seed); }));
+        children.push_back(std::make_unique<child_process>(
+            [&, seed] { return claim_and_release(folder_fd.get(), board, seed); }));
     }
-    for (const pid_t child : children) {
-        EXPECT_EQ(status_of(child), 0);
+    for (const auto& child : children) {
+        EXPECT_EQ(child->wait(), 0);
     }
     EXPECT_TRUE(all_came_back());
     munmap(board, sizeof *board);
@@ -133,22 +131,18 @@ int claim_until_killed(int folder)
 TEST_F(registry_processes, WhatTheKilledHadComesBack)
 {
     std::minstd_rand random(7);
-    std::vector<pid_t> children(6, -1);
+    std::vector<std::unique_ptr<child_process>> children(6);
     for (int round = 0; round < 200; ++round) {
-        pid_t& child = children[random() % children.size()];
-        if (child > 0) {
-            kill(child, SIGKILL);
-            ASSERT_EQ(status_of(child), -1); // it would have ended by itself on an error
+        std::unique_ptr<child_process>& child = children[random() % children.size()];
+        if (child) {
+            child->kill_now();
+            ASSERT_EQ(child->wait(), -SIGKILL); // it would have ended by itself on an error
         }
-        child = in_child([&] { return claim_until_killed(folder_fd.get()); });
+        child =
+            std::make_unique<child_process>([&] { return claim_until_killed(folder_fd.get()); });
         usleep(static_cast<useconds_t>(random() % 3000));
     }
-    for (const pid_t child : children) {
-        if (child > 0) {
-            kill(child, SIGKILL);
-            status_of(child);
-        }
-    }
+    children.clear(); // kills them
     EXPECT_TRUE(all_came_back());
 }
 
@@ -156,7 +150,7 @@ TEST_F(registry_processes, ProcessKilledInsideTheLockedPartLeavesNothingBehind)
 {
     buffer_registry maker;
     ASSERT_EQ(maker.open(folder_fd.get()), 0);
-    const pid_t child = in_child([&] {
+    child_process child([&] {
         // Takes the header's and a record's lock as a claim does, and dies before the record is
         // written.
         const int file = openat(folder_fd.get(), "registry", O_RDWR | O_CLOEXEC);
@@ -169,7 +163,7 @@ TEST_F(registry_processes, ProcessKilledInsideTheLockedPartLeavesNothingBehind)
         }
         return 1;
     });
-    ASSERT_EQ(status_of(child), -1);
+    ASSERT_EQ(child.wait(), -SIGKILL);
     EXPECT_TRUE(all_came_back());
 }
 
@@ -177,7 +171,7 @@ TEST_F(registry_processes, WaitEndsWhenTheOtherExits)
 {
     signal_pipe claimed;
     signal_pipe leave;
-    const pid_t other = in_child([&] {
+    child_process other([&] {
         buffer_registry instance;
         if (instance.open(folder_fd.get()) != 0 ||
             instance.claim(limit, limit) != claim_result::TAKEN) {
@@ -192,7 +186,7 @@ TEST_F(registry_processes, WaitEndsWhenTheOtherExits)
     ASSERT_EQ(instance.open(folder_fd.get()), 0);
     EXPECT_EQ(instance.claim(1, limit), claim_result::NO_ROOM);
     leave.give();
-    EXPECT_EQ(status_of(other), 0);
+    EXPECT_EQ(other.wait(), 0);
     EXPECT_TRUE(all_came_back());
 }
 
@@ -200,7 +194,7 @@ TEST_F(registry_processes, DaemonisedChildKeepsTheNumber)
 {
     signal_pipe daemonised;
     signal_pipe leave;
-    const pid_t parent = in_child([&] {
+    child_process parent([&] {
         buffer_registry instance;
         if (instance.open(folder_fd.get()) != 0 ||
             instance.claim(limit, limit) != claim_result::TAKEN) {
@@ -215,7 +209,8 @@ TEST_F(registry_processes, DaemonisedChildKeepsTheNumber)
         leave.wait();
         _exit(0);
     });
-    ASSERT_EQ(status_of(parent), 0);
+    const pid_t former = parent.pid();
+    ASSERT_EQ(parent.wait(), 0);
     daemonised.wait();
 
     buffer_registry instance;
@@ -225,7 +220,7 @@ TEST_F(registry_processes, DaemonisedChildKeepsTheNumber)
     const unique_fd file(openat(folder_fd.get(), "registry", O_RDONLY));
     ASSERT_EQ(platform::pread_fully(file.get(), &owner, sizeof owner, 16 + 8),
               ssize_t{sizeof owner});
-    EXPECT_NE(owner, static_cast<uint32_t>(parent));
+    EXPECT_NE(owner, static_cast<uint32_t>(former));
     EXPECT_EQ(kill(static_cast<pid_t>(owner), 0), 0);
 
     leave.give();

@@ -10,7 +10,6 @@
 #include "platform/standalone/cnb/registry.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
-using cnb_test::temporary_folder;
 using platform::buffer_registry;
 using platform::claim_result;
 using platform::unique_fd;
@@ -33,7 +32,7 @@ protected:
     // Another open file of the registry, for locks and bytes behind its back.
     unique_fd file()
     {
-        return unique_fd(open((folder / "registry").c_str(), O_RDWR | O_CREAT, 0600));
+        return unique_fd(open(folder.path("registry").c_str(), O_RDWR | O_CREAT, 0600));
     }
 
     std::vector<unsigned char> bytes_of_file(uint64_t offset, size_t size)
@@ -238,7 +237,7 @@ TEST_F(registry, NoRoomEndsWhenRoomIsMade)
 TEST_F(registry, RemovedFileIsGoneAndCanBeMadeAnew)
 {
     buffer_registry instance = opened();
-    ASSERT_EQ(unlink((folder / "registry").c_str()), 0);
+    ASSERT_EQ(unlink(folder.path("registry").c_str()), 0);
     EXPECT_EQ(instance.claim(1, 100), claim_result::GONE);
     ASSERT_EQ(instance.open(folder_fd.get()), 0);
     EXPECT_EQ(instance.claim(1, 100), claim_result::TAKEN);
@@ -246,7 +245,7 @@ TEST_F(registry, RemovedFileIsGoneAndCanBeMadeAnew)
 
 TEST_F(registry, FileOfAnotherFormatIsRefusedAndLeftAlone)
 {
-    cnb_test::write_file(folder / "registry", "cnb registry 2\nsomething");
+    cnb_test::write_file(folder.path("registry"), "cnb registry 2\nsomething");
     buffer_registry instance = opened();
     EXPECT_EQ(instance.claim(1, 100), claim_result::FAILED);
     EXPECT_EQ(errno, EPROTO);
@@ -256,7 +255,7 @@ TEST_F(registry, FileOfAnotherFormatIsRefusedAndLeftAlone)
 
 TEST_F(registry, HeaderThatWasCutShortIsWrittenAgain)
 {
-    cnb_test::write_file(folder / "registry", "cnb");
+    cnb_test::write_file(folder.path("registry"), "cnb");
     buffer_registry instance = opened();
     EXPECT_EQ(instance.claim(1, 100), claim_result::TAKEN);
     const std::vector<unsigned char> header = bytes_of_file(0, 16);
@@ -280,13 +279,13 @@ TEST_F(registry, FileIsForItsUserAlone)
 {
     opened();
     struct stat status = {};
-    ASSERT_EQ(stat((folder / "registry").c_str(), &status), 0);
+    ASSERT_EQ(stat(folder.path("registry").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
 TEST_F(registry, FifoInThePlaceOfTheFileIsRefused)
 {
-    ASSERT_EQ(mkfifo((folder / "registry").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(folder.path("registry").c_str(), 0600), 0);
     buffer_registry instance;
     EXPECT_EQ(instance.open(folder_fd.get()), -1);
     EXPECT_EQ(errno, EPROTO);
@@ -295,11 +294,11 @@ TEST_F(registry, FifoInThePlaceOfTheFileIsRefused)
 
 TEST_F(registry, LinkInThePlaceOfTheFileIsNotFollowed)
 {
-    ASSERT_EQ(symlink("elsewhere", (folder / "registry").c_str()), 0);
+    ASSERT_EQ(symlink("elsewhere", folder.path("registry").c_str()), 0);
     buffer_registry instance;
     EXPECT_EQ(instance.open(folder_fd.get()), -1);
     EXPECT_EQ(errno, ELOOP);
-    EXPECT_NE(access((folder / "elsewhere").c_str(), F_OK), 0);
+    EXPECT_NE(access(folder.path("elsewhere").c_str(), F_OK), 0);
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/standalone/cnb/shared_buffer.h"
+#include "tests/support/child_process.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
 using cnb_test::failing;
@@ -170,7 +171,7 @@ TEST_F(buffer, AnotherUserCannotOpenTheDescriptorAnew)
     }
     make(mebibyte);
     const unique_fd reader(memory.open_read_only());
-    const pid_t child = cnb_test::in_child([&] {
+    child_process child([&] {
         constexpr uid_t nobody = 65534;
         // Becoming another user shuts /proc/self, which is not what is tested here.
         if (setgid(nobody) != 0 || setuid(nobody) != 0 || prctl(PR_SET_DUMPABLE, 1) != 0) {
@@ -183,7 +184,7 @@ TEST_F(buffer, AnotherUserCannotOpenTheDescriptorAnew)
         }
         return open(path.c_str(), O_RDWR) < 0 && errno == EACCES ? 0 : 3;
     });
-    EXPECT_EQ(cnb_test::status_of(child), 0);
+    EXPECT_EQ(child.wait(), 0);
 }
 
 TEST_F(buffer, WithoutProcTheSealsProtectTheDescriptor)
@@ -334,7 +335,7 @@ TEST_F(buffer, FastTimerDoesNotStarveTheReservation)
 
 TEST_F(buffer, FileSizeLimitIsAnErrorAndNotASignal)
 {
-    const pid_t child = cnb_test::in_child([&] {
+    child_process child([&] {
         const rlimit limit = {mebibyte, mebibyte};
         if (setrlimit(RLIMIT_FSIZE, &limit) != 0 || memory.create() != 0) {
             return 1;
@@ -343,7 +344,7 @@ TEST_F(buffer, FileSizeLimitIsAnErrorAndNotASignal)
         const bool told = failure.step != nullptr && failure.error_number == EFBIG;
         return told && memory.reserve(mebibyte).step == nullptr ? 0 : 2;
     });
-    EXPECT_EQ(cnb_test::status_of(child), 0);
+    EXPECT_EQ(child.wait(), 0);
 }
 
 TEST_F(buffer, AddressSpaceLimitIsAnError)
@@ -351,7 +352,7 @@ TEST_F(buffer, AddressSpaceLimitIsAnError)
     if (built_with_address_sanitizer) {
         GTEST_SKIP() << "the sanitizer's own mappings are past any limit";
     }
-    const pid_t child = cnb_test::in_child([&] {
+    child_process child([&] {
         const rlimit limit = {256 * mebibyte, 256 * mebibyte};
         if (setrlimit(RLIMIT_AS, &limit) != 0 || memory.create() != 0) {
             return 1;
@@ -359,7 +360,7 @@ TEST_F(buffer, AddressSpaceLimitIsAnError)
         const reserve_failure failure = memory.reserve(512 * mebibyte);
         return failure.step != nullptr && strcmp(failure.step, "mapping") == 0 ? 0 : 2;
     });
-    EXPECT_EQ(cnb_test::status_of(child), 0);
+    EXPECT_EQ(child.wait(), 0);
 }
 
 } // namespace

@@ -9,25 +9,25 @@ using platform::read_small_file;
 
 TEST(small_file, WholeTextIsRead)
 {
-    const cnb_test::temporary_folder folder;
+    const temporary_folder folder;
     for (const size_t size : {0U, 1U, 4095U, 4096U, 4097U, 100'000U}) {
         const std::string text(size, 'x');
-        cnb_test::write_file(folder / "text", text);
-        EXPECT_EQ(read_small_file(folder / "text"), text);
+        cnb_test::write_file(folder.path("text"), text);
+        EXPECT_EQ(read_small_file(folder.path("text")), text);
     }
 }
 
 TEST(small_file, ReadingEndsAtOneMebibyte)
 {
-    const cnb_test::temporary_folder folder;
-    cnb_test::write_file(folder / "text", std::string(3'000'000, 'x'));
-    EXPECT_EQ(read_small_file(folder / "text").size(), 1U << 20);
+    const temporary_folder folder;
+    cnb_test::write_file(folder.path("text"), std::string(3'000'000, 'x'));
+    EXPECT_EQ(read_small_file(folder.path("text")).size(), 1U << 20);
 }
 
 TEST(small_file, MissingFileAndFolderAreEmpty)
 {
-    const cnb_test::temporary_folder folder;
-    EXPECT_EQ(read_small_file(folder / "nothing"), "");
+    const temporary_folder folder;
+    EXPECT_EQ(read_small_file(folder.path("nothing")), "");
     EXPECT_EQ(read_small_file(folder.path()), "");
 }
 

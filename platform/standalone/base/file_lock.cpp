@@ -33,6 +33,32 @@ int open_lock_file(int folder, const char* name)
     return fd.release();
 }
 
+bool is_named(int fd, int folder, const char* name)
+{
+    struct stat held = {};
+    struct stat named = {};
+    return fstat(fd, &held) == 0 && fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
+// Opened anew for each try: whoever held the lock may have removed its file since, and a lock on a
+// file without a name keeps nobody away.
+lock_result try_lock(int folder, const char* name, unique_fd* held)
+{
+    unique_fd fd(open_lock_file(folder, name));
+    if (!fd) {
+        return lock_result::FAILED;
+    }
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        return errno == EWOULDBLOCK || errno == EINTR ? lock_result::BUSY : lock_result::FAILED;
+    }
+    if (!is_named(fd.get(), folder, name)) {
+        return lock_result::BUSY;
+    }
+    *held = std::move(fd);
+    return lock_result::TAKEN;
+}
+
 } // namespace
 
 // Tries in turn instead of waiting in the kernel: a blocked flock has no time limit.
@@ -40,21 +66,14 @@ lock_result file_lock::take(int folder, const char* name, uint64_t limit_us,
                             const std::atomic<int>* stop)
 {
     const uint64_t deadline = saturating_add(monotonic_clock_us(), limit_us);
-    unique_fd fd(open_lock_file(folder, name));
-    if (!fd) {
-        return lock_result::FAILED;
-    }
-    while (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR) {
-            return lock_result::FAILED;
-        }
-        if (monotonic_clock_us() >= deadline || (stop != nullptr && stop->load() != 0)) {
-            return lock_result::BUSY;
+    for (;;) {
+        const lock_result result = try_lock(folder, name, &fd_);
+        if (result != lock_result::BUSY || monotonic_clock_us() >= deadline ||
+            (stop != nullptr && stop->load() != 0)) {
+            return result;
         }
         nanosleep(&pause_between_tries, nullptr);
     }
-    fd_ = std::move(fd);
-    return lock_result::TAKEN;
 }
 
 void file_lock::release()

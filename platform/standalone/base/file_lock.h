@@ -17,8 +17,10 @@ enum class lock_result {
 
 class file_lock {
 public:
-    // Locks the file `name` in the open folder, made with mode 0600 and never removed. Waits up to
-    // `limit_us`, 0 tries once. `stop`, when given, ends the wait early as soon as it is not 0.
+    // Locks the file `name` in the open folder (AT_FDCWD: the working one), made with mode 0600 and
+    // not removed by release. A file that its last holder has removed is not taken for the lock.
+    // Waits up to `limit_us`, 0 tries once. `stop`, when given, ends the wait early as soon as it
+    // is not 0.
     lock_result take(int folder, const char* name, uint64_t limit_us,
                      const std::atomic<int>* stop = nullptr);
 

@@ -59,6 +59,27 @@ TEST(FileLock, WaitsUntilTheHolderLeaves)
     EXPECT_EQ(waiting.wait(), 0);
 }
 
+TEST(FileLock, FileThatItsHolderRemovesIsNotTakenForTheLock)
+{
+    const temporary_folder folder;
+    file_lock holder;
+    ASSERT_EQ(holder.take(folder.fd(), "l", 0), lock_result::TAKEN);
+    child_process waiting([&] {
+        file_lock lock;
+        struct stat held = {};
+        struct stat named = {};
+        return lock.take(folder.fd(), "l", 60'000'000) == lock_result::TAKEN &&
+                       fstat(lock.fd(), &held) == 0 &&
+                       stat(folder.path("l").c_str(), &named) == 0 && held.st_ino == named.st_ino
+                   ? 0
+                   : 1;
+    });
+    usleep(20'000); // long enough for the child to have met the lock at least once
+    ASSERT_EQ(unlink(folder.path("l").c_str()), 0);
+    holder.release();
+    EXPECT_EQ(waiting.wait(), 0);
+}
+
 TEST(FileLock, StopEndsTheWait)
 {
     const temporary_folder folder;

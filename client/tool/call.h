@@ -1,0 +1,36 @@
+// The calls of stillimage-client: one function each, one file each.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+enum exit_status : int {
+    STATUS_DONE = 0,
+    STATUS_FAILED = 1,
+    STATUS_USAGE = 2,
+    STATUS_NO_WORKER = 3,
+    STATUS_TIME_LIMIT = 4,
+    STATUS_REFUSED = 5,
+};
+
+// What the command line said. A call reads the fields that its help names.
+struct call_options {
+    std::string socket_or_picture;
+    int timeout_ms = -1;
+    uint64_t time_position = 0;
+    int32_t wanted_width = 0; // 0 x 0: full size
+    int32_t wanted_height = 0;
+    bool no_wait = false;
+    bool watch = false;
+    std::string output; // file or folder
+    std::string name;
+    std::string value;
+};
+
+exit_status call_wait(const call_options& options);
+exit_status call_status(const call_options& options);
+exit_status call_frame(const call_options& options);
+exit_status call_save(const call_options& options);
+exit_status call_dump(const call_options& options);
+exit_status call_set(const call_options& options);
+exit_status call_quit(const call_options& options);

@@ -1,0 +1,49 @@
+#include "client/tool/call.h"
+#include "client/tool/frame_json.h"
+#include "client/tool/output.h"
+#include "client/tool/session.h"
+
+namespace {
+
+std::string_view bytes_of(const uint8_t* first, uint64_t size)
+{
+    return {reinterpret_cast<const char*>(first), size};
+}
+
+// Stride x visible rows of each plane that is there.
+bool write_planes(const std::string& folder, const stillimage_picture& picture)
+{
+    const char* const names[STILLIMAGE_PLANES] = {"Y.raw", "U.raw", "V.raw", "A.raw"};
+    for (int p = 0; p < STILLIMAGE_PLANES; ++p) {
+        const uint64_t size = uint64_t{picture.stride[p]} * picture.plane_height[p];
+        if (picture.plane[p] != nullptr &&
+            !write_result(folder + "/" + names[p], bytes_of(picture.plane[p], size))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool write_dump(const std::string& folder, const stillimage_frame* frame)
+{
+    const stillimage_descriptor_info& info = *stillimage_frame_descriptor(frame);
+    return make_folder(folder) && write_planes(folder, *stillimage_frame_picture(frame)) &&
+           write_result(folder + "/scanline.bin", bytes_of(info.scanline, info.scanline_size)) &&
+           write_result(folder + "/frame.json", frame_json(info));
+}
+
+} // namespace
+
+exit_status call_dump(const call_options& options)
+{
+    session worker;
+    held_frame frame;
+    exit_status status = worker.open(options);
+    if (status == STATUS_DONE) {
+        status = worker.take_frame(options, &frame);
+    }
+    if (status != STATUS_DONE) {
+        return status;
+    }
+    return write_dump(options.output, frame.get()) ? STATUS_DONE : STATUS_FAILED;
+}

@@ -1,0 +1,135 @@
+// stillimage-client: the command line over the client library.
+#include <cmath>
+#include <csignal>
+#include <exception>
+
+#include <CLI/CLI.hpp>
+
+#include "client/tool/call.h"
+#include "client/tool/session.h"
+
+namespace {
+
+constexpr const char* description =
+    "Takes pictures from a stillimage worker.\n"
+    "\n"
+    "    stillimage --file photo.jpg &\n"
+    "    stillimage-client photo.jpg save preview.png --size 640x360\n"
+    "\n"
+    "SOCK is the worker's socket, or the picture that it serves at its default socket.";
+
+constexpr const char* statuses =
+    "Exit status: 0 done, 1 the operation failed, 2 usage, 3 no worker there, 4 time limit, "
+    "5 refused.\n";
+
+struct command_line {
+    call_options options;
+    double timeout_s = -1;
+    std::string size;
+    exit_status (*call)(const call_options&) = nullptr;
+};
+
+// "WxH" with both at least 1.
+std::string check_size(const std::string& text)
+{
+    int width = 0;
+    int height = 0;
+    int end = 0;
+    const bool parsed = sscanf(text.c_str(), "%9dx%9d%n", &width, &height, &end) == 2;
+    if (!parsed || static_cast<size_t>(end) != text.size() || width < 1 || height < 1) {
+        return "a size is written as 1280x720, not " + text;
+    }
+    return {};
+}
+
+CLI::App* add_call(CLI::App& app, command_line& line, const char* name, const char* help,
+                   exit_status (*call)(const call_options&))
+{
+    CLI::App* added = app.add_subcommand(name, help);
+    added->callback([&line, call] { line.call = call; });
+    return added;
+}
+
+void add_timeout(CLI::App* call, command_line& line)
+{
+    call->add_option("--timeout", line.timeout_s, "give up after that many seconds")
+        ->check(CLI::Range(0.0, 1e6))
+        ->type_name("S");
+}
+
+void add_frame_options(CLI::App* call, command_line& line)
+{
+    call->add_option("--at", line.options.time_position,
+                     "time position, in units of the item's time scale")
+        ->type_name("T");
+    call->add_option("--size", line.size, "wanted output size; the fitting level is taken")
+        ->check(CLI::Validator(check_size, "WxH", "size"))
+        ->type_name("");
+    add_timeout(call, line);
+}
+
+void add_calls(CLI::App& app, command_line& line)
+{
+    call_options& options = line.options;
+    add_timeout(add_call(app, line, "wait", "return when the picture is ready", call_wait), line);
+    CLI::App* status = add_call(app, line, "status", "print the status document", call_status);
+    status->add_flag("--watch", options.watch, "print it again whenever it changes, a line each");
+    CLI::App* frame = add_call(
+        app, line, "frame", "print the frame's descriptor and scanline list as JSON", call_frame);
+    add_frame_options(frame, line);
+    frame->add_flag("--no-wait", options.no_wait, "fail when the picture is not ready");
+    CLI::App* save = add_call(app, line, "save", "write the frame as a picture", call_save);
+    save->add_option("OUT", options.output, "file.png, file.ppm, file.y4m, or - for PNG")
+        ->required();
+    add_frame_options(save, line);
+    CLI::App* dump = add_call(app, line, "dump", "write the frame's planes and record", call_dump);
+    dump->add_option("DIR", options.output, "folder to write into")->required();
+    add_frame_options(dump, line);
+    CLI::App* set = add_call(app, line, "set", "set a metadata value of the item", call_set);
+    set->add_option("NAME", options.name, "such as \"aspect ratio\"")->required();
+    set->add_option("VALUE", options.value, "such as 16:9")->required();
+    add_call(app, line, "quit", "ask the worker to exit", call_quit);
+}
+
+void finish_options(command_line& line)
+{
+    if (line.timeout_s >= 0) {
+        line.options.timeout_ms = static_cast<int>(std::min(line.timeout_s * 1000, 1e9));
+    }
+    if (!line.size.empty()) {
+        sscanf(line.size.c_str(), "%9dx%9d", &line.options.wanted_width,
+               &line.options.wanted_height);
+    }
+}
+
+int run(int argc, char** argv)
+{
+    command_line line;
+    CLI::App app(description, "stillimage-client");
+    app.set_version_flag("--version", STILLIMAGE_VERSION);
+    app.footer(statuses);
+    app.add_option("SOCK", line.options.socket_or_picture, "socket of the worker, or its picture")
+        ->required();
+    app.require_subcommand(1);
+    add_calls(app, line);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? STATUS_DONE : STATUS_USAGE;
+    }
+    finish_options(line);
+    return line.call(line.options);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    signal(SIGPIPE, SIG_IGN);
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        tell(error.what());
+        return STATUS_FAILED;
+    }
+}

@@ -1,0 +1,62 @@
+#include <strings.h>
+
+#include "client/tool/call.h"
+#include "client/tool/output.h"
+#include "client/tool/picture_files.h"
+#include "client/tool/session.h"
+
+namespace {
+
+struct file_kind {
+    const char* ending;
+    std::string (*make)(const stillimage_picture& picture);
+};
+
+constexpr file_kind kinds[] = {{".png", png_file}, {".ppm", ppm_file}, {".y4m", y4m_file}};
+
+bool ends_in(const std::string& path, const char* ending)
+{
+    const size_t length = std::string_view(ending).size();
+    return path.size() >= length && strcasecmp(path.c_str() + path.size() - length, ending) == 0;
+}
+
+// By the file's ending; standard output is PNG.
+const file_kind* kind_of(const std::string& path)
+{
+    if (path == "-") {
+        return &kinds[0];
+    }
+    for (const file_kind& kind : kinds) {
+        if (ends_in(path, kind.ending)) {
+            return &kind;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
+exit_status call_save(const call_options& options)
+{
+    const file_kind* kind = kind_of(options.output);
+    if (kind == nullptr) {
+        tell("cannot tell the format of " + options.output +
+             " (name it .png, .ppm or .y4m, or - for PNG on standard output)");
+        return STATUS_USAGE;
+    }
+    session worker;
+    held_frame frame;
+    exit_status status = worker.open(options);
+    if (status == STATUS_DONE) {
+        status = worker.take_frame(options, &frame);
+    }
+    if (status != STATUS_DONE) {
+        return status;
+    }
+    const std::string file = kind->make(*stillimage_frame_picture(frame.get()));
+    if (file.empty()) {
+        tell("cannot write " + options.output + ": not enough memory");
+        return STATUS_FAILED;
+    }
+    return write_result(options.output, file) ? STATUS_DONE : STATUS_FAILED;
+}

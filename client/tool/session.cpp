@@ -1,0 +1,99 @@
+#include "client/tool/session.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
+
+#include "platform/item_paths.h"
+
+namespace {
+
+constexpr int connect_ms = 2000; // for a worker that is just starting
+
+bool is_regular_file(const std::string& path)
+{
+    struct stat info = {};
+    return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+exit_status status_of(stillimage_result result)
+{
+    switch (result) {
+    case STILLIMAGE_OK:
+        return STATUS_DONE;
+    case STILLIMAGE_ERROR_NO_WORKER:
+        return STATUS_NO_WORKER;
+    case STILLIMAGE_ERROR_TIMEOUT:
+        return STATUS_TIME_LIMIT;
+    case STILLIMAGE_ERROR_REFUSED:
+        return STATUS_REFUSED;
+    default:
+        return STATUS_FAILED;
+    }
+}
+
+// What to try next, or nothing.
+std::string advice(stillimage_result result)
+{
+    switch (result) {
+    case STILLIMAGE_ERROR_NO_WORKER:
+        return " (start one: stillimage --file PICTURE)";
+    case STILLIMAGE_ERROR_NOT_READY:
+        return " (leave --no-wait out to wait for it)";
+    case STILLIMAGE_ERROR_TIMEOUT:
+        return " (try a longer --timeout)";
+    default:
+        return "";
+    }
+}
+
+} // namespace
+
+void tell(const std::string& text)
+{
+    std::string line = "stillimage-client: " + text;
+    for (char& c : line) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F) {
+            c = '?';
+        }
+    }
+    fprintf(stderr, "%s\n", line.c_str());
+}
+
+exit_status session::open(const call_options& options)
+{
+    socket_path = options.socket_or_picture;
+    if (is_regular_file(socket_path) &&
+        !item_paths::default_socket(options.socket_or_picture.c_str(), &socket_path)) {
+        tell("cannot work out the socket of " + options.socket_or_picture + ": " + strerror(errno));
+        return STATUS_FAILED;
+    }
+    const int limit =
+        options.timeout_ms < 0 || options.timeout_ms > connect_ms ? connect_ms : options.timeout_ms;
+    stillimage_client* made = nullptr;
+    const stillimage_result result = stillimage_connect(socket_path.c_str(), limit, &made);
+    connection.reset(made);
+    return result == STILLIMAGE_OK ? STATUS_DONE : failed("connect", result);
+}
+
+exit_status session::failed(const char* doing, stillimage_result result) const
+{
+    std::string reason = stillimage_last_error(connection.get());
+    if (reason.empty()) {
+        reason = stillimage_result_text(result);
+    }
+    tell(std::string("cannot ") + doing + ": " + reason + advice(result));
+    return status_of(result);
+}
+
+exit_status session::take_frame(const call_options& options, held_frame* frame) const
+{
+    stillimage_frame* taken = nullptr;
+    const stillimage_result result = stillimage_get_frame(
+        client(), options.time_position, options.wanted_width, options.wanted_height,
+        options.no_wait ? 0 : options.timeout_ms, &taken);
+    frame->reset(taken);
+    return result == STILLIMAGE_OK ? STATUS_DONE : failed("get a frame", result);
+}

@@ -1,0 +1,37 @@
+// A connection as the calls use it: made from what the user named, failures told in one line.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "client/stillimage_client.h"
+#include "client/tool/call.h"
+
+struct client_closer {
+    void operator()(stillimage_client* client) const { stillimage_close(client); }
+};
+struct frame_releaser {
+    void operator()(stillimage_frame* frame) const { stillimage_frame_release(frame); }
+};
+using held_frame = std::unique_ptr<stillimage_frame, frame_releaser>;
+
+// "stillimage-client: <text>" on standard error, hostile bytes replaced.
+void tell(const std::string& text);
+
+class session {
+public:
+    // Connects to the socket, or to the default socket of the picture, that the options name.
+    exit_status open(const call_options& options);
+
+    // Tells why `doing` ("get a frame") failed, and the exit status that stands for it.
+    exit_status failed(const char* doing, stillimage_result result) const;
+
+    // The frame that the options ask for.
+    exit_status take_frame(const call_options& options, held_frame* frame) const;
+
+    stillimage_client* client() const { return connection.get(); }
+
+private:
+    std::unique_ptr<stillimage_client, client_closer> connection;
+    std::string socket_path;
+};

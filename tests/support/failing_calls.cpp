@@ -77,6 +77,10 @@ png_uint_32 __wrap_png_get_IHDR(png_const_structrp context, png_const_inforp inf
 void __real_png_destroy_read_struct(png_structpp context, png_infopp info, png_infopp end);
 void __wrap_png_destroy_read_struct(png_structpp context, png_infopp info, png_infopp end);
 int __wrap_TIFFGetField(TIFF* image, uint32_t tag, ...);
+#if TIFFLIB_VERSION >= 20221213
+void __real_TIFFOpenOptionsSetMaxSingleMemAlloc(TIFFOpenOptions* options, tmsize_t limit);
+void __wrap_TIFFOpenOptionsSetMaxSingleMemAlloc(TIFFOpenOptions* options, tmsize_t limit);
+#endif
 uint32_t __real_TIFFNumberOfStrips(TIFF* image);
 uint32_t __wrap_TIFFNumberOfStrips(TIFF* image);
 tmsize_t __real_TIFFScanlineSize(TIFF* image);
@@ -171,6 +175,16 @@ int __wrap_TIFFGetField(TIFF* image, uint32_t tag, ...)
     va_end(arguments);
     return result;
 }
+
+#if TIFFLIB_VERSION >= 20221213
+
+void __wrap_TIFFOpenOptionsSetMaxSingleMemAlloc(TIFFOpenOptions* options, tmsize_t limit)
+{
+    plan.seen_tiff_limit = limit;
+    __real_TIFFOpenOptionsSetMaxSingleMemAlloc(options, limit);
+}
+
+#endif
 
 uint32_t __wrap_TIFFNumberOfStrips(TIFF* image)
 {

@@ -13,9 +13,9 @@ struct script {
     int fdopen = 0;
     int calloc = 0;
     size_t largest_calloc = SIZE_MAX; // larger requests fail
-    int new_object = 0; // new (std::nothrow) T
-    int new_array = 0;  // new (std::nothrow) T[n]
-    int read = 0;       // fails with errno
+    int new_object = 0;               // new (std::nothrow) T
+    int new_array = 0;                // new (std::nothrow) T[n]
+    int read = 0;                     // fails with errno
     int read_errno = 0;
     int read_most = 0; // bytes that one read gives at most; 0: no limit
     int read_ends = 0; // finds the end of the file
@@ -30,9 +30,10 @@ struct script {
     uint16_t tiff_value = 0;         // ... yet stores this value, unless it is 0
     int tiff_samples = -1;           // what SamplesPerPixel reads, unless -1
     std::pair<uint16_t, uint16_t> tiff_factors = {0, 0}; // what the chroma factors read, unless 0
-    bool tiff_no_strips = false;                         // TIFFNumberOfStrips is 0
-    bool tiff_no_scanline = false;                       // TIFFScanlineSize is 0
-    bool tiff_no_strip_size = false;                     // TIFFStripSize is 0
+    int64_t seen_tiff_limit = 0;     // what TIFFOpenOptionsSetMaxSingleMemAlloc was told
+    bool tiff_no_strips = false;     // TIFFNumberOfStrips is 0
+    bool tiff_no_scanline = false;   // TIFFScanlineSize is 0
+    bool tiff_no_strip_size = false; // TIFFStripSize is 0
 };
 
 extern script plan;

@@ -4,3 +4,5 @@ add_benchmark(frame_request_bench frame_request_bench.cpp LIBRARIES packet_echo 
 add_benchmark(mipmap_filter_bench mipmap_filter_bench.cpp LIBRARIES stillimage_framebuffer)
 add_benchmark(alpha_test_bench alpha_test_bench.cpp LIBRARIES stillimage_framebuffer stillimage_platform)
 add_benchmark(pyramid_bench pyramid_bench.cpp LIBRARIES stillimage_framebuffer stillimage_platform)
+add_benchmark(first_touch_bench first_touch_bench.cpp LIBRARIES platform_cnb)
+add_benchmark(access_cache_bench access_cache_bench.cpp LIBRARIES platform_cnb)

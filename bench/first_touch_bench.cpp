@@ -1,0 +1,183 @@
+// What it costs to get fresh shared memory and to write it for the first time, in several ways. The
+// ways take turns; each figure is the median of the turns' ratios to plain page faults.
+//
+//   first_touch_bench [MEGABYTES]      256 when not given
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
+
+#include "platform/cnb.h"
+#include "platform/standalone/base/mapping.h"
+#include "platform/standalone/base/unique_fd.h"
+#include "platform/standalone/cnb/access_cache.h"
+#include "platform/standalone/cnb/domain.h"
+
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23
+#endif
+
+using platform::mapping;
+using platform::unique_fd;
+
+namespace {
+
+constexpr int turns = 9;
+constexpr uint64_t band = 192'000; // 32 rows of 6000 bytes, as decoders write them
+constexpr uint64_t everything = UINT64_MAX;
+
+struct cost {
+    double reserve = 0; // seconds until the memory is there
+    double write = 0;   // seconds to write all of it
+};
+
+struct way {
+    const char* name;
+    bool reserve;   // fallocate first, otherwise the file is only made long enough
+    int map_flags;  // besides MAP_SHARED
+    uint64_t piece; // made present ahead of the writer; 0: left to page faults
+};
+
+constexpr way ways[] = {
+    {"faults", false, 0, 0},
+    {"mapped with everything present", false, MAP_POPULATE, 0},
+    {"everything made present", false, 0, everything},
+    {"fallocate, faults", true, 0, 0},
+    {"fallocate, 16 KiB ahead", true, 0, 16 << 10},
+    {"fallocate, 64 KiB ahead", true, 0, 64 << 10},
+    {"fallocate, 128 KiB ahead", true, 0, 128 << 10},
+    {"fallocate, 256 KiB ahead", true, 0, 256 << 10},
+    {"fallocate, 1 MiB ahead", true, 0, 1 << 20},
+    {"fallocate, 8 MiB ahead", true, 0, 8 << 20},
+    {"fallocate, everything made present", true, 0, everything},
+};
+
+[[noreturn]] void give_up(const char* what)
+{
+    perror(what);
+    exit(1);
+}
+
+// Processor time: steadier than the clock on a machine that does other things, too.
+double now()
+{
+    timespec time = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+void write_in_bands(unsigned char* memory, uint64_t size, uint64_t piece)
+{
+    uint64_t present = 0;
+    for (uint64_t begin = 0; begin < size; begin += band) {
+        const uint64_t end = std::min(begin + band, size);
+        while (piece != 0 && present < end) {
+            const uint64_t length = std::min(piece, size - present);
+            madvise(memory + present, length, MADV_POPULATE_WRITE);
+            present += length;
+        }
+        memset(memory + begin, static_cast<int>(begin >> 12), end - begin);
+    }
+}
+
+cost measure(const way& tried, uint64_t size)
+{
+    const double begin = now();
+    const unique_fd file(memfd_create("bench", MFD_CLOEXEC));
+    const auto length = static_cast<off_t>(size);
+    const int result =
+        tried.reserve ? fallocate(file.get(), 0, 0, length) : ftruncate(file.get(), length);
+    if (result != 0) {
+        give_up("memory");
+    }
+    void* address =
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | tried.map_flags, file.get(), 0);
+    if (address == MAP_FAILED) {
+        give_up("mmap");
+    }
+    const mapping memory(address, size);
+    const double reserved = now();
+    write_in_bands(memory.data(), size, tried.piece);
+    return {reserved - begin, now() - reserved};
+}
+
+// The worker's own way, through the platform.
+cost measure_platform(uint64_t size)
+{
+    static vexa_global_access_cache* const cache = vexa_global_access_cache_create();
+    cnb_static_alloc = 1;
+    cnb_total = size;
+    cnb_allocation allocation;
+    const double begin = now();
+    if (cnb_default_buffer_load() != 0 || !cnb_malloc(&allocation, size, "bench")) {
+        give_up("buffer");
+    }
+    const double reserved = now();
+    for (uint64_t offset = 0; offset < size; offset += band) {
+        const uint64_t length = std::min(band, size - offset);
+        unsigned char* rows = vexa_global_access_cache_quickfetch(cache, image_cnb_buffer, offset,
+                                                                  length, access_write);
+        memset(rows, static_cast<int>(offset >> 12), length);
+    }
+    const cost result = {reserved - begin, now() - reserved};
+    cnb_default_buffer_drop();
+    return result;
+}
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+void print_line(const char* name, const std::vector<cost>& costs, const std::vector<cost>& floor)
+{
+    std::vector<double> reserve;
+    std::vector<double> write;
+    std::vector<double> sum;
+    for (size_t turn = 0; turn < costs.size(); ++turn) {
+        const double whole = floor[turn].reserve + floor[turn].write;
+        reserve.push_back(costs[turn].reserve / whole);
+        write.push_back(costs[turn].write / whole);
+        sum.push_back((costs[turn].reserve + costs[turn].write) / whole);
+    }
+    printf("%-36s %8.2f %8.2f %8.2f\n", name, median(reserve), median(write), median(sum));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const uint64_t size = strtoull(argc > 1 ? argv[1] : "256", nullptr, 10) << 20;
+    cnb_set_domain("bench", size);
+    if (size == 0 || cnb_join_domain() != 0) {
+        return 1;
+    }
+    std::vector<std::vector<cost>> costs(std::size(ways) + 1);
+    for (int turn = -1; turn < turns; ++turn) { // the first one warms up
+        for (size_t i = 0; i < costs.size(); ++i) {
+            const cost result =
+                i < std::size(ways) ? measure(ways[i], size) : measure_platform(size);
+            if (turn >= 0) {
+                costs[i].push_back(result);
+            }
+        }
+    }
+    const double floor = costs[0][turns / 2].write / (static_cast<double>(size) / 4096) * 1e6;
+    printf("plain faults: about %.2f us for 4 KiB; everything below is relative to them\n\n",
+           floor);
+    printf("%-36s %8s %8s %8s\n", "", "reserve", "write", "both");
+    for (size_t i = 0; i < costs.size(); ++i) {
+        print_line(i < std::size(ways) ? ways[i].name : "the platform's buffer and cache", costs[i],
+                   costs[0]);
+    }
+    cnb_leave_domain();
+    return 0;
+}

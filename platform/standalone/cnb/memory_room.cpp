@@ -13,21 +13,19 @@ namespace {
 constexpr uint64_t largest_reserve = uint64_t{256} << 20;
 constexpr uint64_t kibibyte = 1024;
 
-// Where /proc is missing.
-uint64_t counted_by_sysinfo(uint64_t (*bytes_of)(const struct sysinfo&))
+// Where /proc cannot be read: what is free, but the kernel does not say there how much of the rest
+// is file cache, and so at least half of the memory.
+uint64_t total_by_sysinfo()
 {
     struct sysinfo info = {};
-    return sysinfo(&info) == 0 ? bytes_of(info) : 0;
+    return sysinfo(&info) == 0 ? uint64_t{info.totalram} * info.mem_unit : 0;
 }
 
-uint64_t total_of(const struct sysinfo& info)
+uint64_t available_by_sysinfo()
 {
-    return uint64_t{info.totalram} * info.mem_unit;
-}
-
-uint64_t free_of(const struct sysinfo& info)
-{
-    return (uint64_t{info.freeram} + info.bufferram) * info.mem_unit;
+    struct sysinfo info = {};
+    const uint64_t free = sysinfo(&info) == 0 ? uint64_t{info.freeram} * info.mem_unit : 0;
+    return std::max(free, total_by_sysinfo() / 2);
 }
 
 } // namespace
@@ -47,7 +45,7 @@ uint64_t memory_room::total() const
     const std::string text = read_small_file(root_ + "/proc/meminfo");
     uint64_t bytes = number_of_line(text, "MemTotal:", 0) * kibibyte;
     if (bytes == 0) {
-        bytes = counted_by_sysinfo(total_of);
+        bytes = total_by_sysinfo();
     }
     for (const memory_cgroup& group : groups_) {
         bytes = std::min(bytes, cgroup_memory_limit(group));
@@ -59,8 +57,7 @@ uint64_t memory_room::available() const
 {
     const std::string text = read_small_file(root_ + "/proc/meminfo");
     const uint64_t kibibytes = number_of_line(text, "MemAvailable:", no_memory_limit);
-    uint64_t bytes =
-        kibibytes == no_memory_limit ? counted_by_sysinfo(free_of) : kibibytes * kibibyte;
+    uint64_t bytes = kibibytes == no_memory_limit ? available_by_sysinfo() : kibibytes * kibibyte;
     for (const memory_cgroup& group : groups_) {
         bytes = std::min(bytes, cgroup_memory_room(group));
     }

@@ -5,6 +5,7 @@
 
 #include <jpeglib.h>
 
+#include "bin/decode/jpeg_four.h"
 #include "bin/decode/jpeg_raw.h"
 #include "bin/examine/gif.h"
 #include "bin/examine/image_state.h"
@@ -25,6 +26,8 @@ struct decoder {
 constexpr decoder jpeg_decoders[] = {
     {JCS_YCbCr, full_decode_jpeg_raw_yuv},
     {JCS_GRAYSCALE, full_decode_jpeg_raw_grayscale},
+    {JCS_YCCK, full_decode_jpeg_raw_ycck},
+    {JCS_CMYK, full_decode_jpeg_raw_cmyk},
 };
 
 // Null when no decoder is familiar with the colour model.

@@ -1,6 +1,6 @@
 // The drawing rules of the raw JPEG decoders in their plainest form, for comparison: every band is
 // filled anew before each row group, rows are decoded one beside the other with room to spare, and
-// samples are rescaled one by one.
+// samples are converted one by one.
 #pragma once
 
 #include <cstddef>
@@ -15,6 +15,6 @@ struct literal_options {
 };
 
 // The whole allocation of image_decoded_size bytes after drawing `file` by the rules. Reads the
-// image state and the layout of an examined picture. The file must have one or three components.
+// image state and the layout of an examined picture.
 std::vector<unsigned char> draw_literally(const jpeg_writer::file_bytes& file,
                                           const literal_options& options = {});

@@ -1,0 +1,79 @@
+// Plain loops that compilers make vector code of; the function for the processor at hand is chosen
+// when the program is loaded. t / 255 = (t + 1 + (t >> 8)) >> 8 for t in 0 .. 255 * 255, and all
+// sums of the RGB rule fit 16 bits, so that every step is 16-bit arithmetic.
+#include "bin/decode/jpeg_four_kernels.h"
+
+#include <cstdint>
+
+#include "bin/decode/rgb_to_yuv.h"
+
+#if defined(__x86_64__)
+#define FOR_EACH_PROCESSOR __attribute__((target_clones("avx2", "default")))
+#else
+#define FOR_EACH_PROCESSOR
+#endif
+
+namespace {
+
+constexpr uint16_t divided_by_255(uint16_t t)
+{
+    return static_cast<uint16_t>((t + 1 + (t >> 8)) >> 8);
+}
+
+constexpr bool division_is_exact()
+{
+    for (unsigned t = 0; t <= 255 * 255; ++t) {
+        if (divided_by_255(static_cast<uint16_t>(t)) != t / 255) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(division_is_exact());
+
+constexpr uint16_t scaled(uint16_t sample, uint16_t k)
+{
+    return divided_by_255(static_cast<uint16_t>(sample * k));
+}
+
+} // namespace
+
+FOR_EACH_PROCESSOR void invert_and_darken_luma(unsigned char* __restrict samples,
+                                               const unsigned char* __restrict k, size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        samples[i] = static_cast<unsigned char>(scaled(255 - samples[i], k[i]));
+    }
+}
+
+FOR_EACH_PROCESSOR void invert_and_darken_chroma(unsigned char* __restrict samples,
+                                                 const unsigned char* __restrict k, size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        const auto c = static_cast<uint16_t>(255 - samples[i]);
+        const bool below = c < 128;
+        const auto distance = static_cast<uint16_t>(below ? 128 - c : c - 128);
+        const uint16_t kept = scaled(distance, k[i]);
+        samples[i] = static_cast<unsigned char>(below ? 128 - kept : 128 + kept);
+    }
+}
+
+FOR_EACH_PROCESSOR void invert(unsigned char* samples, size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        samples[i] = static_cast<unsigned char>(~samples[i]);
+    }
+}
+
+FOR_EACH_PROCESSOR void cmyk_to_yuv(unsigned char* __restrict c, unsigned char* __restrict m,
+                                    unsigned char* __restrict y, const unsigned char* __restrict k,
+                                    size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        const yuv_sample pixel =
+            rgb_to_yuv(scaled(c[i], k[i]), scaled(m[i], k[i]), scaled(y[i], k[i]));
+        c[i] = pixel.y;
+        m[i] = pixel.u;
+        y[i] = pixel.v;
+    }
+}

@@ -1,0 +1,18 @@
+// Per-sample rules of the four-component JPEG decoders, over runs of samples. Products of two
+// samples are divided by 255 truncating toward zero.
+#pragma once
+
+#include <cstddef>
+
+// samples[i] = (255 - samples[i]) * k[i] / 255
+void invert_and_darken_luma(unsigned char* samples, const unsigned char* k, size_t count);
+
+// With c = 255 - samples[i]: samples[i] = 128 + (c - 128) * k[i] / 255
+void invert_and_darken_chroma(unsigned char* samples, const unsigned char* k, size_t count);
+
+// samples[i] = 255 - samples[i]
+void invert(unsigned char* samples, size_t count);
+
+// c, m, y with k, each a share of white, to Y, U, V in their place.
+void cmyk_to_yuv(unsigned char* c, unsigned char* m, unsigned char* y, const unsigned char* k,
+                 size_t count);

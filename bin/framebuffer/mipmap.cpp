@@ -162,7 +162,7 @@ void fill_level(const mipmap_image& destination, const mipmap_image& source)
     const mipmap_kernel halve_row = fastest_mipmap_kernel();
     for (size_t p = 0; p < to.size(); ++p) {
         const bool chroma = p == 1 || p == 2;
-        if (to[p].stride != 0 && from[p].stride != 0 && DIE4 == 0) {
+        if (to[p].stride != 0 && from[p].stride != 0) {
             fill_plane({from[p], to[p], source.height,
                         destination.buffer_height >> (chroma ? destination.chroma_y_shift : 0),
                         static_cast<size_t>(destination.width) >>
@@ -242,7 +242,7 @@ void gen_mipmap(mipmap_image* destination, mipmap_image* source)
     dac8_gamma22_init_do();
     fprintf(stderr, "Generating mipmap %d x %d\n", destination->width, destination->height);
     warn_about_sizes(*destination, *source);
-    if (destination->stride_Y != 0 && source->stride_Y != 0 && DIE4 == 0) {
+    if (destination->stride_Y != 0 && source->stride_Y != 0) {
         fill_level(*destination, *source);
     }
 }

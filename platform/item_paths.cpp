@@ -115,9 +115,28 @@ bool is_letter_or_digit(char c)
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
-bool is_above_ascii(char c)
+// Bytes of the printable UTF-8 character beyond ASCII that `text` begins with, 0 when it begins
+// with none.
+size_t wide_character(std::string_view text)
 {
-    return static_cast<unsigned char>(c) > 127;
+    const auto byte = [text](size_t i) {
+        return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+    };
+    const unsigned lead = byte(0);
+    const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+    if (lead < 0xC2 || lead > 0xF4) {
+        return 0;
+    }
+    for (size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xC0U) != 0x80U) {
+            return 0;
+        }
+    }
+    const bool overlong = (lead == 0xE0 && byte(1) < 0xA0) || (lead == 0xF0 && byte(1) < 0x90);
+    const bool surrogate = lead == 0xED && byte(1) > 0x9F;
+    const bool too_large = lead == 0xF4 && byte(1) > 0x8F;
+    const bool control = lead == 0xC2 && byte(1) < 0xA0;
+    return overlong || surrogate || too_large || control ? 0 : length;
 }
 
 // The file's name without its folder and its last extension.
@@ -126,19 +145,6 @@ std::string_view stem_of(std::string_view path)
     const std::string_view file = path.substr(path.find_last_of('/') + 1);
     const size_t dot = file.find_last_of('.');
     return dot == std::string_view::npos || dot == 0 ? file : file.substr(0, dot);
-}
-
-// Cuts before a character that would not fit whole.
-std::string_view shortened(std::string_view stem)
-{
-    if (stem.size() <= longest_stem) {
-        return stem;
-    }
-    size_t length = longest_stem;
-    while (length > 0 && (static_cast<unsigned char>(stem[length]) & 0xC0U) == 0x80U) {
-        --length;
-    }
-    return stem.substr(0, length > 0 ? length : longest_stem);
 }
 
 // A variable's value when it is an absolute path, else null.
@@ -175,15 +181,20 @@ struct free_memory {
 std::string name_of_real_path(std::string_view real_path)
 {
     std::string name;
-    for (const char c : shortened(stem_of(real_path))) {
-        const bool plain = is_letter_or_digit(c) || is_above_ascii(c);
+    std::string_view rest = stem_of(real_path);
+    while (!rest.empty()) {
+        const char c = rest[0];
+        const size_t wide = wide_character(rest);
         const bool inner = !name.empty() && (c == '.' || c == '-');
-        name += plain || inner ? c : '_';
+        const std::string_view kept =
+            wide > 0 || inner || is_letter_or_digit(c) ? rest.substr(0, wide > 0 ? wide : 1) : "_";
+        if (name.size() + kept.size() > longest_stem) {
+            break;
+        }
+        name += kept;
+        rest.remove_prefix(wide > 0 ? wide : 1);
     }
-    if (name.empty()) {
-        name = '_';
-    }
-    return name + '-' + short_hash(real_path);
+    return (name.empty() ? "_" : name) + '-' + short_hash(real_path);
 }
 
 bool name_of_picture(const char* picture, std::string* name)

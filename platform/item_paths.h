@@ -16,8 +16,9 @@ namespace item_paths {
 // What the kernel takes as the path of a local socket, without the closing NUL.
 inline constexpr size_t longest_socket_path = 107;
 
-// The item's name for a real path: one path component of at most 45 bytes that begins with a
-// letter, a digit, '_' or a byte above 127. Different paths have different names.
+// The item's name for a real path: one path component of at most 45 bytes, valid UTF-8, of letters,
+// digits,
+// '_', inner '.' and '-', and characters beyond ASCII. Different paths have different names.
 std::string name_of_real_path(std::string_view real_path);
 
 // The item's name for the picture at `picture`, links followed. False with errno set when the

@@ -28,7 +28,8 @@ constexpr uint64_t write_delay_us = 1'000'000;
 constexpr uint64_t longest_delay_us = 600'000'000;
 // Serving goes on while the lock of the metadata file is waited for, so the wait is short.
 constexpr uint64_t lock_wait_us = 20'000;
-constexpr size_t most_new_names = 256; // that clients of one run may add
+constexpr uint64_t last_lock_wait_us = 200'000; // at the end, whatever ended the worker
+constexpr size_t most_new_names = 256;          // that clients of one run may add
 
 std::map<std::string, std::string, std::less<>> waiting; // name to value, not yet in the file
 uint64_t due_us = 0; // when to write; meaningful while something waits
@@ -94,6 +95,7 @@ int write_waiting(uint64_t lock_limit_us)
     }
     platform::metadata_store store = opened_item()->store;
     store.lock_limit_us = lock_limit_us;
+    store.stop = nullptr;
     if (platform::update_stored_metadata(store, updates) != 0) {
         return -1;
     }
@@ -118,7 +120,7 @@ void store_waiting_settings(uint64_t now_us)
 
 void store_all_settings()
 {
-    if (opened_item() != nullptr && write_waiting(opened_item()->store.lock_limit_us) != 0) {
+    if (write_waiting(last_lock_wait_us) != 0) {
         fputs("What clients have set is lost\n", stderr);
     }
     waiting.clear();

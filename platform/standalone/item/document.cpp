@@ -12,6 +12,7 @@
 #include "platform/standalone/base/utf8.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/clients.h"
+#include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/item_state.h"
 #include "platform/standalone/metadata/metadata_names.h"
 
@@ -201,11 +202,14 @@ void meta_to_json(metadata_v4_metadata_context* list)
 void item_to_json_common()
 {
     const std::string* guid = item::document_entry(platform::metadata_name::guid);
+    const platform::open_item* opened = item::opened_item();
     item::item_common = {
         {"GUID", item::text_or_null(guid != nullptr ? guid->c_str() : nullptr)},
         {"file", item::text_or_null(vexa_file)},
+        {"file path",
+         item::text_or_null(opened != nullptr ? opened->picture_absolute.c_str() : nullptr)},
         {"metadata folder", item::text_or_null(vexa_file_metadir)},
-        {"socket", item::text_or_null(vexa_sock)},
+        {"socket", item::text_or_null(socket_path().c_str())},
     };
     item::changed = true;
 }

@@ -195,6 +195,15 @@ TEST_F(ClientSettings, FailedWriteIsTriedAgainLessAndLessOften)
     EXPECT_NE(stored().find("title = x\n"), std::string::npos);
 }
 
+TEST_F(ClientSettings, TerminationDoesNotLoseThem)
+{
+    serve();
+    ASSERT_EQ(store_client_setting("title", "x"), 0);
+    DIE4 = 1;
+    vexa_free_all();
+    EXPECT_NE(stored().find("title = x\n"), std::string::npos);
+}
+
 TEST_F(ClientSettings, WhatCannotBeWrittenAtTheEndIsToldLost)
 {
     serve();
@@ -202,7 +211,6 @@ TEST_F(ClientSettings, WhatCannotBeWrittenAtTheEndIsToldLost)
         open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
     ASSERT_EQ(store_client_setting("title", "x"), 0);
-    DIE4 = 1; // nobody waits for the lock any more
     EXPECT_TRUE(messages(vexa_free_all).ends_with("What clients have set is lost\n"));
 }
 

@@ -1,4 +1,5 @@
 #include <climits>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <unistd.h>
@@ -33,7 +34,7 @@ protected:
         EXPECT_TRUE(platform::is_utf8(text));
         EXPECT_LE(text.size(), max_status_document);
         std::string error;
-        const Json json = Json::parse(text, error);
+        Json json = Json::parse(text, error);
         EXPECT_EQ(error, "");
         return json;
     }
@@ -72,18 +73,24 @@ TEST_F(Document, HasAllMembersFromTheStart)
 
 TEST_F(Document, ItemsOwnValuesAreTakenWhenAskedTo)
 {
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(folder.path());
+    folder.write("a.png", "sixteen bytes ..");
     vexa_set_string(&vexa_file, "a.png");
     vexa_set_string(&vexa_file_metadir, "meta");
     vexa_set_string(&vexa_sock, "s.sock");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     add("GUID", "28b16888-075e-4af1-9f99-ca77c3173779");
     meta_to_json(list.get());
     EXPECT_FALSE(read()["item"]["file"].is_string());
     item_to_json_common();
     const Json item = read()["item"];
     EXPECT_EQ(item["file"], Json("a.png"));
+    EXPECT_EQ(item["file path"], Json(folder.path("a.png")));
     EXPECT_EQ(item["metadata folder"], Json("meta"));
-    EXPECT_EQ(item["socket"], Json("s.sock"));
+    EXPECT_EQ(item["socket"], Json(folder.path("s.sock")));
     EXPECT_EQ(item["GUID"], Json("28b16888-075e-4af1-9f99-ca77c3173779"));
+    std::filesystem::current_path(before);
 }
 
 TEST_F(Document, LivingValuesAreThoseOfTheMoment)

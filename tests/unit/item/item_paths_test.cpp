@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <pwd.h>
 #include <unistd.h>
@@ -50,6 +51,24 @@ TEST_F(ItemPaths, NameIsOneShortComponentWhateverTheFileIsCalled)
         EXPECT_NE(name[0], '-') << file;
         EXPECT_EQ(name.find_first_of("/ \n\x1B%'\"*"), std::string::npos) << file;
     }
+}
+
+TEST_F(ItemPaths, OnlyPrintableCharactersBeyondAsciiAreKept)
+{
+    const auto stem = [](const std::string& text) {
+        const std::string name = item_paths::name_of_real_path("/" + text);
+        return name.substr(0, name.size() - 21);
+    };
+    for (const char* kept : {"\xC2\xA0", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEF\xBF\xBD",
+                             "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}) {
+        EXPECT_EQ(stem(kept), kept);
+    }
+    for (const char* bad :
+         {"\xFF", "\x80", "\xC3", "\xC1\xBF", "\xC2\x9B", "\xE0\x9F\xBF", "\xED\xA0\x80",
+          "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xE3\x81", "\xF5\x80\x80\x80"}) {
+        EXPECT_EQ(stem(bad), std::string(strlen(bad), '_'));
+    }
+    EXPECT_EQ(stem("a\xE3(\xC3\xA4"), "a__\xC3\xA4");
 }
 
 TEST_F(ItemPaths, LongStemIsCutBetweenCharacters)

@@ -1,13 +1,17 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <memory>
+#include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "platform/media_item.h"
+#include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "tests/support/child_process.h"
@@ -122,12 +126,39 @@ TEST_F(ServeLock, KilledHolderLeavesNoLock)
         return told == 1 ? 0 : 1;
     });
     char taken = 0;
-    ASSERT_EQ(read(pipe.reader.get(), &taken, 1), 1);
+    ASSERT_EQ(platform::read_fully(pipe.reader.get(), &taken, 1), 1);
     ASSERT_EQ(taken, '1');
     messages([&] { EXPECT_FALSE(item::take_serve_lock(socket)); });
     holder.kill_now();
     holder.wait();
     EXPECT_TRUE(item::take_serve_lock(socket));
+}
+
+TEST_F(ServeLock, OneOfManyWins)
+{
+    const item_test::pipe_pair start = item_test::make_pipe();
+    const item_test::pipe_pair results = item_test::make_pipe();
+    std::vector<std::unique_ptr<child_process>> workers;
+    for (int i = 0; i < 8; ++i) {
+        workers.push_back(std::make_unique<child_process>([&] {
+            char byte = 0;
+            const bool begun = platform::read_fully(start.reader.get(), &byte, 1) == 1;
+            const bool taken = begun && item::take_serve_lock(socket);
+            const bool told = write(results.writer.get(), taken ? "1" : "0", 1) == 1;
+            pause();
+            return told ? 0 : 1;
+        }));
+    }
+    messages([&] {
+        ASSERT_EQ(write(start.writer.get(), "xxxxxxxx", 8), 8);
+        int winners = 0;
+        for (size_t i = 0; i < workers.size(); ++i) {
+            char taken = 0;
+            ASSERT_EQ(platform::read_fully(results.reader.get(), &taken, 1), 1);
+            winners += taken == '1' ? 1 : 0;
+        }
+        EXPECT_EQ(winners, 1);
+    });
 }
 
 TEST_F(ServeLock, ChildThatGoesOnAloneOwnsItAfterRefreshing)

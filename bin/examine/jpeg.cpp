@@ -274,6 +274,5 @@ int examine_jpeg_file()
         return -1;
     }
     publish_picture(*jpeg_decompress);
-    setjmp_abort_unexpected();
     return 0;
 }

@@ -142,6 +142,29 @@ TEST_F(JpegReader, ErrorWhileDroppingAPictureAborts)
     EXPECT_EXIT(free_stuck_picture(), KilledBySignal(SIGABRT), testing::Eq(raised + unexpected));
 }
 
+TEST_F(JpegReader, ArmingOfAnEarlierCallSiteDoesNotReachTheCleanUp)
+{
+    open_small();
+    jpeg_error_armed = true;
+    EXPECT_EXIT(free_stuck_picture(), KilledBySignal(SIGABRT), testing::Eq(raised + unexpected));
+    jpeg_error_armed = false;
+}
+
+TEST_F(JpegReader, LibraryGivesItsMemoryBack)
+{
+    static void (*true_destruct)(j_common_ptr);
+    static int destructions;
+    open_small();
+    destructions = 0;
+    true_destruct = jpeg_decompress->mem->self_destruct;
+    jpeg_decompress->mem->self_destruct = [](j_common_ptr cinfo) {
+        ++destructions;
+        true_destruct(cinfo);
+    };
+    free_all_jpeg_fileio();
+    EXPECT_EQ(destructions, 1);
+}
+
 TEST_F(JpegReader, PictureReadToItsEndIsFinishedSilently)
 {
     open_small();

@@ -296,6 +296,16 @@ TEST_F(ExamineJpeg, CmykFactorsAreNotJudged)
     EXPECT_EQ(examine(write(four(JCS_CMYK, 16, 16, {2, 2}))), 0);
 }
 
+TEST_F(ExamineJpeg, BlocksAreSmoothedInEveryColourSpace)
+{
+    for (const J_COLOR_SPACE space : {JCS_YCbCr, JCS_GRAYSCALE, JCS_YCCK, JCS_CMYK}) {
+        jpeg_decompress_struct cinfo = {};
+        cinfo.jpeg_color_space = space;
+        told_by([&cinfo] { EXPECT_EQ(choose_jpeg_output(&cinfo), 0); });
+        EXPECT_EQ(cinfo.do_block_smoothing, TRUE);
+    }
+}
+
 TEST_F(ExamineJpeg, MonochromeFlagFollowsOneAndThreeComponentsOnly)
 {
     image_is_monochrome = 1;

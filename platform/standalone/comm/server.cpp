@@ -192,6 +192,15 @@ int run_round(comm_socket_v4_server& server, uint64_t now_us)
     return work;
 }
 
+void note_round_time(comm_socket_v4_server& server, uint64_t began_us, uint64_t ended_us)
+{
+    server.busy_us += ended_us - began_us;
+    if (server.busy_us >= server.limits.busy_us) {
+        server.next_look_us = ended_us + server.busy_us;
+        server.busy_us = 0;
+    }
+}
+
 void take_packet(comm_socket_v4_server& server, comm_socket_v4_client& client,
                  const unsigned char* packet, size_t size, uint64_t now_us)
 {
@@ -238,12 +247,14 @@ timespec time_until(uint64_t deadline_us)
 void comm_socket_v4_server_from_client_readable(comm_socket_v4_server* server, uint64_t deadline_us)
 {
     const timespec left = time_until(deadline_us);
-    if ((left.tv_sec == 0 && left.tv_nsec == 0) ||
-        (server != nullptr && server->events_ready > 0)) {
-        return;
-    }
     if (server == nullptr) {
         nanosleep(&left, nullptr);
+        return;
+    }
+    // Who waits has nothing else to do: no gate is closed any more.
+    server->busy_us = 0;
+    server->next_look_us = 0;
+    if ((left.tv_sec == 0 && left.tv_nsec == 0) || server->events_ready > 0) {
         return;
     }
     int ready = epoll_pwait2(server->epoll.get(), server->events.data(),
@@ -252,7 +263,6 @@ void comm_socket_v4_server_from_client_readable(comm_socket_v4_server* server, u
         // Kernels without that call: wait only, the next round asks what for.
         pollfd any = {server->epoll.get(), POLLIN, 0};
         ppoll(&any, 1, &left, nullptr);
-        server->next_look_us = 0;
         ready = 0;
     }
     server->events_ready = static_cast<size_t>(std::max(ready, 0));

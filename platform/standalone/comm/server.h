@@ -22,6 +22,7 @@ struct server_limits {
     uint64_t greeting_us = 5'000'000;     // from the connection to the hello
     uint64_t unread_us = 5'000'000;       // that answers may wait without one being read
     uint64_t round_gap_us = 500;          // between two looks at quiet sockets
+    uint64_t busy_us = 1'000;             // of rounds without a wait, then a pause
     uint64_t tend_gap_us = 100'000;       // between two looks at the time limits
     uint64_t old_listener_us = 2'000'000; // that a replaced listening socket is still served
 };
@@ -54,6 +55,7 @@ struct comm_socket_v4_server {
     size_t events_ready = 0; // of them reported by the last wait and not yet looked at
     uint64_t next_look_us = 0;
     uint64_t next_tend_us = 0;
+    uint64_t busy_us = 0; // spent in rounds since the last pause or wait
     bool inside_round = false;
 };
 
@@ -82,6 +84,12 @@ void unwatch(const comm_socket_v4_server& server, int descriptor);
 
 // One round. The amount of work done.
 int run_round(comm_socket_v4_server& server, uint64_t now_us);
+
+// To be told after a round how long it and what followed from it took. Clients that keep the server
+// busy while it is pumped in the middle of other work get about half of the time: after busy_us of
+// rounds the next is due only when as much time has passed without one. A wait for clients ends
+// that.
+void note_round_time(comm_socket_v4_server& server, uint64_t began_us, uint64_t ended_us);
 
 // Treats one packet as if it had come from the client.
 void take_packet(comm_socket_v4_server& server, comm_socket_v4_client& client,

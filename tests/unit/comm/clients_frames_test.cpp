@@ -251,6 +251,18 @@ TEST_F(ClientsFrames, OneHeldFrameTooManyIsRefused)
     ask_frame(client, 0);
 }
 
+TEST_F(ClientsFrames, FramesOfAllClientsTogetherAreLimited)
+{
+    const packet_client greedy = greeted();
+    for (size_t i = 0; i < max_references_of_all; ++i) {
+        only_context().allocate_video_reference(0, nullptr);
+    }
+    const packet_client other = greeted();
+    expect_error(ask(other, encode(4, get_frame{0, 0})), LIMIT, 4);
+    only_context().expire_all_references();
+    ask_frame(other, 0);
+}
+
 TEST_F(ClientsFrames, ReferenceFactoryWithoutMemoryIsToldAsSuch)
 {
     const packet_client client = greeted();

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <new>
+#include <poll.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -36,6 +37,22 @@ void answer_plainly(comm_socket_v4_client& client, common_pkt_parsing& request,
 void note_leaving(comm_socket_v4_client& client)
 {
     left_ids.push_back(client.id);
+}
+
+constexpr size_t connections_in_a_row = 3000;
+
+// 0 when every connection was made at the first attempt and answered.
+int keep_connecting(const std::string& path)
+{
+    for (size_t i = 0; i < connections_in_a_row; ++i) {
+        const packet_client client(path);
+        pollfd readable = {client.fd(), POLLIN, 0};
+        if (!client.connected() || !client.send(encode(1, hello())) ||
+            poll(&readable, 1, 10'000) != 1 || !client.receive().has_value()) {
+            return 1;
+        }
+    }
+    return 0;
 }
 
 class Server : public testing::Test {
@@ -331,6 +348,27 @@ TEST_F(Server, BusyRoundLeavesTheGateOpen)
     EXPECT_TRUE(platform::round_is_due(*server, now_us));
 }
 
+TEST_F(Server, BusyRoundsWithoutAWaitArePausedForAsLongAsTheyTook)
+{
+    start();
+    const packet_client client(path);
+    run_round(*server, now_us);
+    platform::note_round_time(*server, now_us, now_us + 999);
+    EXPECT_TRUE(platform::round_is_due(*server, now_us));
+    platform::note_round_time(*server, now_us + 999, now_us + 1300);
+    EXPECT_FALSE(platform::round_is_due(*server, now_us + 1300 + 1299));
+    EXPECT_TRUE(platform::round_is_due(*server, now_us + 1300 + 1300));
+}
+
+TEST_F(Server, WaitEndsThePause)
+{
+    start();
+    platform::note_round_time(*server, now_us, now_us + 1'000'000);
+    EXPECT_FALSE(platform::round_is_due(*server, now_us));
+    comm_socket_v4_server_from_client_readable(server.get(), 0);
+    EXPECT_TRUE(platform::round_is_due(*server, now_us));
+}
+
 TEST_F(Server, WaitThatReportsAClientOpensTheGate)
 {
     start();
@@ -460,6 +498,25 @@ TEST_F(Server, FailedReplacementLeavesTheOldSocketServing)
     EXPECT_TRUE(server->listener.socket);
     EXPECT_FALSE(server->old_listener.socket);
     rmdir(path.c_str());
+}
+
+TEST_F(Server, ClientThatKeepsConnectingNeverMeetsAGap)
+{
+    start({.tend_gap_us = 1'000, .old_listener_us = 10'000});
+    child_process newcomer([this] { return keep_connecting(path); });
+    int replaced = 0;
+    const uint64_t give_up_us = monotonic_clock_us() + 60'000'000;
+    while (left_ids.size() < connections_in_a_row && monotonic_clock_us() < give_up_us) {
+        now_us = monotonic_clock_us();
+        run_round(*server, now_us);
+        if (!server->old_listener.socket && !left_ids.empty()) {
+            ASSERT_EQ(comm_socket_v4_reopen_server(server.get()), 0);
+            ++replaced;
+        }
+        comm_socket_v4_server_from_client_readable(server.get(), now_us + 1'000);
+    }
+    EXPECT_EQ(newcomer.wait(), 0);
+    EXPECT_GT(replaced, 1);
 }
 
 TEST_F(Server, NoServerIsNothingToReplace)

@@ -8,7 +8,7 @@ namespace platform {
 
 // The kernel is asked for this many bytes at a time. Smaller pieces cost more calls; larger ones
 // gain nothing, and may make pages present that nobody writes (bench/first_touch_bench.cpp).
-inline constexpr uint64_t present_piece = 256 * 1024;
+inline constexpr uint64_t present_piece = uint64_t{256} << 10;
 
 // At most so much is made present for one request, about 20 ms; the rest is left to the writer.
 inline constexpr uint64_t present_at_once = uint64_t{64} << 20;

@@ -60,7 +60,8 @@ std::vector<unsigned char> webp_animation_start(uint32_t width, uint32_t height,
     append_little_endian(chunks, height - 1, 3);
     append_text(chunks, "ANIM");
     append_little_endian(chunks, 6, 4);
-    append_little_endian(chunks, 0, 6);
+    append_little_endian(chunks, 0, 4); // background
+    append_little_endian(chunks, 0, 2); // loops
     std::vector<unsigned char> file;
     append_text(file, "RIFF");
     append_little_endian(file, static_cast<uint32_t>(chunks.size()), 4);

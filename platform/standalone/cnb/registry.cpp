@@ -37,8 +37,10 @@ constexpr uint32_t records_at_once = 256;
 constexpr int lock_tries = 10;
 constexpr timespec pause_between_tries = {0, 100'000};
 
-// A survey may take this part of a waiting process's time: 1 / (1 + rest_factor).
+// A survey may take this part of a waiting process's time: 1 / (1 + rest_factor). Room that is made
+// is noticed after the longest rest at the latest.
 constexpr uint64_t rest_factor = 10;
+constexpr uint64_t longest_rest_us = 250'000;
 
 uint64_t offset_of(uint32_t number)
 {
@@ -182,7 +184,8 @@ claim_result buffer_registry::claim(uint64_t bytes, uint64_t limit)
     const int claim_errno = errno;
     set_lock(file_.get(), header_number, F_UNLCK);
     const uint64_t now = monotonic_clock_us();
-    look_again_us_ = result == claim_result::NO_ROOM ? now + (now - begin) * rest_factor : 0;
+    const uint64_t rest = std::min((now - begin) * rest_factor, longest_rest_us);
+    look_again_us_ = result == claim_result::NO_ROOM ? now + rest : 0;
     errno = claim_errno;
     return result;
 }

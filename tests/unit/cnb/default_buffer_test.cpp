@@ -64,11 +64,11 @@ protected:
         return child;
     }
 
-    // Loads as the program does, up to a second.
+    // Loads as the program does, up to five seconds.
     static int load_patiently(uint64_t size)
     {
         int result = 1;
-        for (int tries = 0; tries < 200 && result != 0; ++tries) {
+        for (int tries = 0; tries < 1000 && result != 0; ++tries) {
             result = load(size);
             usleep(5000);
         }

@@ -37,7 +37,7 @@ protected:
         if (instance.open(folder_fd.get()) != 0) {
             return false;
         }
-        for (int tries = 0; tries < 1000; ++tries) {
+        for (int tries = 0; tries < 5000; ++tries) {
             if (instance.claim(limit, limit) == claim_result::TAKEN) {
                 return instance.number() == 1;
             }

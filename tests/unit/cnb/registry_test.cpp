@@ -61,7 +61,7 @@ protected:
 claim_result claim_patiently(buffer_registry& instance, uint64_t bytes, uint64_t limit)
 {
     claim_result result = claim_result::NO_ROOM;
-    for (int tries = 0; tries < 1000 && result == claim_result::NO_ROOM; ++tries) {
+    for (int tries = 0; tries < 5000 && result == claim_result::NO_ROOM; ++tries) {
         result = instance.claim(bytes, limit);
         usleep(1000);
     }

@@ -58,17 +58,18 @@ TEST(cgroup_memory, Version1ComesFirstWhereBothRun)
 TEST(cgroup_memory, PartOfTheHierarchyMountedInAContainerIsCutOff)
 {
     const char* mount =
-        "35 31 0:32 /docker/abc /sys/fs/cgroup/memory ro - cgroup cgroup rw,memory\n";
-    EXPECT_THAT(folders("4:memory:/docker/abc/inner\n", mount),
+        "35 31 0:32 /containers/abc /sys/fs/cgroup/memory ro - cgroup cgroup rw,memory\n";
+    EXPECT_THAT(folders("4:memory:/containers/abc/inner\n", mount),
                 testing::ElementsAre("1 /sys/fs/cgroup/memory/inner", "1 /sys/fs/cgroup/memory"));
-    EXPECT_THAT(folders("4:memory:/docker/abc\n", mount),
+    EXPECT_THAT(folders("4:memory:/containers/abc\n", mount),
                 testing::ElementsAre("1 /sys/fs/cgroup/memory"));
 }
 
 TEST(cgroup_memory, PathOutsideOfWhatIsMountedMeansTheMountItself)
 {
-    const char* mount = "35 31 0:32 /docker/abc /sys/fs/cgroup rw - cgroup2 cgroup rw\n";
-    EXPECT_THAT(folders("0::/docker/abcdef\n", mount), testing::ElementsAre("2 /sys/fs/cgroup"));
+    const char* mount = "35 31 0:32 /containers/abc /sys/fs/cgroup rw - cgroup2 cgroup rw\n";
+    EXPECT_THAT(folders("0::/containers/abcdef\n", mount),
+                testing::ElementsAre("2 /sys/fs/cgroup"));
     EXPECT_THAT(folders("0::/elsewhere\n", mount), testing::ElementsAre("2 /sys/fs/cgroup"));
     EXPECT_THAT(folders("0::/../elsewhere\n", unified_mount),
                 testing::ElementsAre("2 /sys/fs/cgroup"));

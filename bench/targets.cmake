@@ -6,3 +6,4 @@ add_benchmark(alpha_test_bench alpha_test_bench.cpp LIBRARIES stillimage_framebu
 add_benchmark(pyramid_bench pyramid_bench.cpp LIBRARIES stillimage_framebuffer stillimage_platform)
 add_benchmark(first_touch_bench first_touch_bench.cpp LIBRARIES platform_cnb)
 add_benchmark(access_cache_bench access_cache_bench.cpp LIBRARIES platform_cnb)
+add_benchmark(rescale_bench rescale_bench.cpp LIBRARIES stillimage_decode)

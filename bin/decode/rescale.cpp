@@ -36,10 +36,10 @@ void chroma_portable(unsigned char* p, size_t count)
 {
     for (; count >= piece; p += piece, count -= piece) {
         for (size_t i = 0; i < piece; ++i) {
+            // The shift rounds down: one more where that is away from zero.
             const int distance = p[i] - 128;
-            const unsigned magnitude = static_cast<unsigned>(distance < 0 ? -distance : distance);
-            const int scaled = static_cast<int>((magnitude * chroma_multiplier) >> 16);
-            p[i] = static_cast<unsigned char>(128 + (distance < 0 ? -scaled : scaled));
+            const int rounded_down = (distance * static_cast<int>(chroma_multiplier)) >> 16;
+            p[i] = static_cast<unsigned char>(128 + rounded_down + (distance < 0 ? 1 : 0));
         }
     }
     for (size_t i = 0; i < count; ++i) {

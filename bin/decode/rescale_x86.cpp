@@ -22,8 +22,7 @@ void chroma_rest(unsigned char* p, size_t count)
     }
 }
 
-// --- AVX2: 32 samples
-// -----------------------------------------------------------------------------
+// --- AVX2: 32 samples ---------------------------------------------------------------------------
 
 // Every byte times the 16-bit factor, its high half as a byte again.
 __attribute__((target("avx2"))) inline __m256i scale(__m256i bytes, __m256i factor)
@@ -49,8 +48,7 @@ __attribute__((target("avx2"))) inline __m256i chroma(__m256i c)
     return _mm256_add_epi8(_mm256_sign_epi8(scaled, distance), middle);
 }
 
-// --- SSE2: 16 samples
-// -----------------------------------------------------------------------------
+// --- SSE2: 16 samples ---------------------------------------------------------------------------
 
 inline __m128i scale(__m128i bytes, __m128i factor)
 {

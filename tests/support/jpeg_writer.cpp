@@ -210,8 +210,7 @@ picture four(J_COLOR_SPACE colour_space, int width, int height, factors all)
     return what;
 }
 
-// --- damage
-// ---------------------------------------------------------------------------------------
+// --- damage -------------------------------------------------------------------------------------
 
 size_t find_marker(const file_bytes& file, unsigned char code)
 {

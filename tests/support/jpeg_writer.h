@@ -43,8 +43,7 @@ picture grey(int width, int height);
 picture ycbcr(int width, int height, factors luma);
 picture four(J_COLOR_SPACE colour_space, int width, int height, factors all);
 
-// --- damage
-// ---------------------------------------------------------------------------------------
+// --- damage -------------------------------------------------------------------------------------
 
 // Where the first marker 0xFF `code` of the header stands, or where the header's SOS stands when
 // there is none before it. Fails the test program when the file holds neither.

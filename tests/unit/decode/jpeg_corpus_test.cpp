@@ -139,8 +139,7 @@ TEST_F(JpegCorpus, SecondFrameHeaderEndsTheProcess)
                          "Unexpected longjmp from JPEGLIB error handler\n"));
 }
 
-// --- every cut, every byte
-// ------------------------------------------------------------------------
+// --- every cut, every byte ----------------------------------------------------------------------
 
 // From examination to clean-up. Ends early in an abort where a file may cause one.
 void go_the_whole_road()

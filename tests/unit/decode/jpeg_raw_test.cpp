@@ -69,8 +69,7 @@ picture flat(picture what, const std::vector<unsigned char>& samples)
     return what;
 }
 
-// --- samples
-// --------------------------------------------------------------------------------------
+// --- samples ------------------------------------------------------------------------------------
 
 TEST_F(JpegRaw, FullRangeBecomesVideoRange)
 {
@@ -113,8 +112,7 @@ TEST_F(JpegRaw, PaddingOfColourIsBlack)
     EXPECT_EQ(v(0, 31), 128);
 }
 
-// --- progress and pumping
-// -------------------------------------------------------------------------
+// --- progress and pumping -----------------------------------------------------------------------
 
 TEST_F(JpegRaw, ProgressIsReportedAndClientsServedForEachRowGroup)
 {
@@ -166,8 +164,7 @@ TEST_F(JpegRaw, BandsReachFromTheRowToTheirHeight)
     EXPECT_EQ(scripted::log.idle_rounds, 2U);
 }
 
-// --- ends before the end
-// --------------------------------------------------------------------------
+// --- ends before the end ------------------------------------------------------------------------
 
 TEST_F(JpegRaw, PictureThatCannotBeStartedIsAFailure)
 {
@@ -311,8 +308,7 @@ TEST_F(JpegRaw, LibraryWithoutRowsStopsTheLoopInABlackBand)
     EXPECT_EQ(scripted::log.status.back(), (status_line{100, ""}));
 }
 
-// --- ends of the process
-// --------------------------------------------------------------------------
+// --- ends of the process ------------------------------------------------------------------------
 
 TEST_F(JpegRaw, MissingBufferBreaksAnInvariant)
 {

@@ -1,8 +1,10 @@
 // The shortcuts of the row loop against the rules in their plain form: the whole allocation, byte
 // for byte, for every block size and sampling, and with the buffer holding something else before.
+#include <algorithm>
 #include <csignal>
+#include <cstddef>
 #include <string>
-#include <unistd.h>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,6 +15,7 @@
 #include "bin/examine/jpeg_reader.h"
 #include "bin/framebuffer/layout.h"
 #include "platform/media_item.h"
+#include "tests/support/caught_abort.h"
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_literal.h"
 #include "tests/support/jpeg_writer.h"
@@ -124,8 +127,7 @@ TEST_F(JpegRows, WidestPicture)
     expect_as_told(grey(8, 16384));
 }
 
-// --- block sizes other than 8
-// ---------------------------------------------------------------------
+// --- block sizes other than 8 -------------------------------------------------------------------
 
 // True when every row group finds enough rows left below it in the buffer.
 bool groups_fit(const picture& what)
@@ -167,8 +169,7 @@ TEST_F(JpegRows, WideBlocksAtTheWidestPicture)
     }
 }
 
-// --- row groups that are too high
-// -----------------------------------------------------------------
+// --- row groups that are too high ---------------------------------------------------------------
 
 TEST_F(JpegRows, GreyGroupsOf24And32RowsBreakAnInvariant)
 {
@@ -199,24 +200,22 @@ TEST_F(JpegRows, LargeBlocksWithVerticalSubsamplingBreakAnInvariant)
     }
 }
 
-// Surplus rows are not drawn anywhere: what lies behind the band's first 16 rows stays as it was.
+// Surplus rows are not drawn anywhere: behind the band's first 16 rows all stays as it was.
 TEST_F(JpegRows, SurplusRowsAreNotDrawn)
 {
     file_bytes file = write(grey(50, 100));
     set_sampling(file, 0, {1, 4});
     open(file, sentinel);
-    static unsigned char* memory; // shared with the child
-    memory = scripted::buffer() + 16 * image_stride_Y;
-    EXPECT_EXIT(
-        {
-            signal(SIGABRT, [](int) { _exit(*memory == sentinel ? 0 : 1); });
-            decode_any();
-        },
-        testing::ExitedWithCode(0), "irem <= 16");
+    static constexpr const char* wanted[] = {"Assertion `irem <= 16' failed.\n"};
+    ASSERT_TRUE(aborts_as_wanted([] { decode_any(); }, wanted));
+    const std::vector<unsigned char> all = allocation();
+    const auto first_surplus = all.begin() + static_cast<std::ptrdiff_t>(16 * image_stride_Y);
+    EXPECT_NE(all[15 * image_stride_Y], sentinel); // the row above is drawn
+    EXPECT_TRUE(
+        std::all_of(first_surplus, all.end(), [](unsigned char byte) { return byte == sentinel; }));
 }
 
-// --- too few rows left
-// ----------------------------------------------------------------------------
+// --- too few rows left --------------------------------------------------------------------------
 
 TEST_F(JpegRows, GroupLargerThanTheRowsLeftEndsTheProcess)
 {
@@ -229,8 +228,7 @@ TEST_F(JpegRows, GroupLargerThanTheRowsLeftEndsTheProcess)
         "small'\\)\nUnexpected longjmp from JPEGLIB error handler\n$");
 }
 
-// --- black that stays
-// -----------------------------------------------------------------------------
+// --- black that stays ---------------------------------------------------------------------------
 
 TEST_F(JpegRows, StopAtEveryGroupLeavesTheBandBlackBelowIt)
 {

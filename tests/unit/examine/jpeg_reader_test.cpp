@@ -44,8 +44,7 @@ const std::string raised = "JPEGLIB error exit attempted (code " +
                            ": 'Insufficient memory (case 7)')\n";
 constexpr char unexpected[] = "Unexpected longjmp from JPEGLIB error handler\n";
 
-// --- error callback
-// -------------------------------------------------------------------------------
+// --- error callback -----------------------------------------------------------------------------
 
 TEST_F(JpegReader, CallbackWithoutErrorManagerAborts)
 {
@@ -93,8 +92,7 @@ TEST_F(JpegReader, DisarmedJumpAborts)
                 "^Unexpected longjmp from JPEGLIB error handler\n$");
 }
 
-// --- clean-up
-// -------------------------------------------------------------------------------------
+// --- clean-up -----------------------------------------------------------------------------------
 
 void expect_closed()
 {

@@ -63,8 +63,7 @@ file_bytes ycbcr_file(int width, int height, factors luma)
     return write(ycbcr(width, height, luma));
 }
 
-// --- before the library is asked
-// ------------------------------------------------------------------
+// --- before the library is asked ----------------------------------------------------------------
 
 TEST_F(ExamineJpeg, SecondExaminationWhileOpenIsABug)
 {
@@ -146,8 +145,7 @@ TEST_F(ExamineJpeg, EveryAllocationOfTheLibraryMayFail)
     EXPECT_GT(refused, 2);
 }
 
-// --- header that cannot be read
-// -------------------------------------------------------------------
+// --- header that cannot be read -----------------------------------------------------------------
 
 TEST_F(ExamineJpeg, FatalErrorInTheHeaderIsRefused)
 {
@@ -182,8 +180,7 @@ TEST_F(ExamineJpeg, EmptyPictureIsRefused)
     expect_refusal(file, "JPEG library panicked and attempted to exit. Decode failed\n");
 }
 
-// --- tables only
-// ----------------------------------------------------------------------------------
+// --- tables only --------------------------------------------------------------------------------
 
 constexpr char no_picture[] =
     "JPEG: 0 x 0 image with 0 components, colorspace #0: Unknown  lib default out #0: Unknown\n"
@@ -218,8 +215,7 @@ TEST_F(ExamineJpeg, FileCutBeforeItsFrameHeaderIsTablesOnly)
     expect_refusal(first_bytes(file, find_frame_header(file)), no_picture);
 }
 
-// --- report and parameters
-// ------------------------------------------------------------------------
+// --- report and parameters ----------------------------------------------------------------------
 
 TEST_F(ExamineJpeg, YcbcrIsReportedLineByLine)
 {
@@ -325,8 +321,7 @@ TEST_F(ExamineJpeg, MonochromeFlagFollowsOneAndThreeComponentsOnly)
     EXPECT_EQ(image_is_monochrome, 1);
 }
 
-// --- colour spaces
-// --------------------------------------------------------------------------------
+// --- colour spaces ------------------------------------------------------------------------------
 
 TEST_F(ExamineJpeg, RgbIsRefusedAfterTheHeaderLine)
 {
@@ -413,8 +408,7 @@ TEST_F(ExamineJpeg, AdobeMarkerDoesNotChangeThreeComponents)
     EXPECT_EQ(jpeg_decompress->jpeg_color_space, JCS_YCbCr);
 }
 
-// --- size
-// -----------------------------------------------------------------------------------------
+// --- size ---------------------------------------------------------------------------------------
 
 TEST_F(ExamineJpeg, LargestSizeIsAccepted)
 {
@@ -455,8 +449,7 @@ TEST_F(ExamineJpeg, BufferHeightIsRoundedUpTo32)
     }
 }
 
-// --- subsampling
-// ----------------------------------------------------------------------------------
+// --- subsampling --------------------------------------------------------------------------------
 
 // A header as the library leaves it, for factors that its compressor refuses to write.
 struct made_header {
@@ -560,8 +553,7 @@ TEST_F(ExamineJpeg, TooFewComponentsAreWeird)
               "Weird YCCK colorspace with less than 4 components, ignoring JPEG\n");
 }
 
-// --- afterwards
-// -----------------------------------------------------------------------------------
+// --- afterwards ---------------------------------------------------------------------------------
 
 TEST_F(ExamineJpeg, LibraryErrorAfterwardsEndsTheProcess)
 {

@@ -242,7 +242,7 @@ TEST_F(ClientsEvents, GoingDownIsToldToSubscribersAndToThoseWhoWait)
     close_vexa_client_contexts();
     EXPECT_EQ(expect_event(client).changes, change_going_down);
     EXPECT_TRUE(client.hung_up());
-    expect_error(waiting.receive(), GOING_DOWN, 9);
+    expect_error(waiting.receive(), GOING_DOWN, 9, "the worker is going down");
     EXPECT_TRUE(waiting.hung_up());
     EXPECT_EQ(connected_clients(), 0U);
 }

@@ -90,7 +90,8 @@ TEST_F(ClientsFrames, MissingDescriptorIsToldAndTriedAgain)
 {
     const packet_client client = greeted();
     state.descriptor_fails = true;
-    expect_error(ask(client, encode(4, get_frame{0, 0})), NO_MEMORY, 4);
+    expect_error(ask(client, encode(4, get_frame{0, 0})), NO_MEMORY, 4,
+                 "no descriptor for the frame buffer");
     EXPECT_EQ(state.live_frames, 0);
     state.descriptor_fails = false;
     const auto answer = ask(client, encode(5, get_frame{0, 0}));
@@ -110,8 +111,9 @@ TEST_F(ClientsFrames, ProvisionalPictureIsMarked)
 TEST_F(ClientsFrames, FrameThatDoesNotExistIsRefused)
 {
     const packet_client client = greeted();
-    expect_error(ask(client, encode(4, get_frame{3, 0})), NO_SUCH_FRAME, 4);
-    expect_error(ask(client, encode(4, get_frame{UINT64_MAX, get_frame_wait})), NO_SUCH_FRAME, 4);
+    expect_error(ask(client, encode(4, get_frame{3, 0})), NO_SUCH_FRAME, 4, "no such frame");
+    expect_error(ask(client, encode(4, get_frame{UINT64_MAX, get_frame_wait})), NO_SUCH_FRAME, 4,
+                 "no such frame");
     EXPECT_EQ(state.live_frames, 0);
     EXPECT_FALSE(client.hung_up());
 }
@@ -120,10 +122,10 @@ TEST_F(ClientsFrames, PictureThatIsNotReadyIsToldAtOnceOrWaitedFor)
 {
     vexa_ready = false;
     const packet_client client = greeted();
-    expect_error(ask(client, encode(4, get_frame{0, 0})), NOT_READY, 4);
+    expect_error(ask(client, encode(4, get_frame{0, 0})), NOT_READY, 4, "the picture is not ready");
     EXPECT_FALSE(ask(client, encode(5, get_frame{0, get_frame_wait})).has_value());
     EXPECT_EQ(ask(client, encode_ping(6, PING, {}))->header.type, PONG);
-    expect_error(ask(client, encode(7, get_frame{0, 0})), NOT_READY, 7);
+    expect_error(ask(client, encode(7, get_frame{0, 0})), NOT_READY, 7, "the picture is not ready");
     plain_item::make_ready(-1);
     pump();
     const auto answer = client.receive();
@@ -155,7 +157,8 @@ TEST_F(ClientsFrames, OneWaitingRequestTooManyIsRefused)
     for (uint64_t i = 0; i < max_pending_requests; ++i) {
         ASSERT_FALSE(ask(client, encode(100 + i, get_frame{0, get_frame_wait})).has_value());
     }
-    expect_error(ask(client, encode(5, get_frame{0, get_frame_wait})), LIMIT, 5);
+    expect_error(ask(client, encode(5, get_frame{0, get_frame_wait})), LIMIT, 5,
+                 "too many pending requests");
     EXPECT_FALSE(client.hung_up());
 }
 
@@ -189,7 +192,8 @@ TEST_F(ClientsFrames, ReleasedFrameIsDeletedWithoutAWarning)
     EXPECT_EQ(release(client, reference)->header.type, DONE);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(state.live_frames, 0);
-    expect_error(release(client, reference), NO_SUCH_REFERENCE, 60);
+    expect_error(release(client, reference), NO_SUCH_REFERENCE, 60,
+                 "not a reference of this connection");
     EXPECT_FALSE(client.hung_up());
 }
 
@@ -231,8 +235,10 @@ TEST_F(ClientsFrames, ReferencesOfAnotherClientAreUnknown)
     const uint64_t of_first = ask_frame(first, 0).reference;
     const uint64_t of_second = ask_frame(second, 0).reference;
     EXPECT_NE(of_first, of_second);
-    expect_error(release(first, of_second), NO_SUCH_REFERENCE, 60);
-    expect_error(release(second, of_first), NO_SUCH_REFERENCE, 60);
+    expect_error(release(first, of_second), NO_SUCH_REFERENCE, 60,
+                 "not a reference of this connection");
+    expect_error(release(second, of_first), NO_SUCH_REFERENCE, 60,
+                 "not a reference of this connection");
     EXPECT_EQ(state.live_frames, 2);
     EXPECT_EQ(release(first, of_first)->header.type, DONE);
     EXPECT_EQ(release(second, of_second)->header.type, DONE);
@@ -245,7 +251,7 @@ TEST_F(ClientsFrames, OneHeldFrameTooManyIsRefused)
     for (size_t i = 1; i < max_held_references; ++i) {
         ask_frame(client, 0);
     }
-    expect_error(ask(client, encode(4, get_frame{0, 0})), LIMIT, 4);
+    expect_error(ask(client, encode(4, get_frame{0, 0})), LIMIT, 4, "too many frames held");
     EXPECT_EQ(state.live_frames, static_cast<int>(max_held_references));
     EXPECT_EQ(release(client, first)->header.type, DONE);
     ask_frame(client, 0);
@@ -258,7 +264,7 @@ TEST_F(ClientsFrames, FramesOfAllClientsTogetherAreLimited)
         only_context().allocate_video_reference(0, nullptr);
     }
     const packet_client other = greeted();
-    expect_error(ask(other, encode(4, get_frame{0, 0})), LIMIT, 4);
+    expect_error(ask(other, encode(4, get_frame{0, 0})), LIMIT, 4, "too many frames held");
     only_context().expire_all_references();
     ask_frame(other, 0);
 }
@@ -267,10 +273,12 @@ TEST_F(ClientsFrames, ReferenceFactoryWithoutMemoryIsToldAsSuch)
 {
     const packet_client client = greeted();
     state.frames_fail = true;
-    expect_error(ask(client, encode(4, get_frame{0, 0})), NO_MEMORY, 4);
+    expect_error(ask(client, encode(4, get_frame{0, 0})), NO_MEMORY, 4,
+                 "no memory for a frame reference");
     EXPECT_FALSE(client.hung_up());
     vexa_client_contexts.new_video_reference = nullptr;
-    expect_error(ask(client, encode(4, get_frame{0, 0})), NO_MEMORY, 4);
+    expect_error(ask(client, encode(4, get_frame{0, 0})), NO_MEMORY, 4,
+                 "no memory for a frame reference");
 }
 
 TEST_F(ClientsFrames, ExceptionInTheFactoryCostsTheClientOnly)
@@ -281,7 +289,7 @@ TEST_F(ClientsFrames, ExceptionInTheFactoryCostsTheClientOnly)
     ASSERT_TRUE(client.send(encode(4, get_frame{0, 0})));
     pump();
     state.factory_throws = false;
-    expect_error(client.receive(), NO_MEMORY, 0);
+    expect_error(client.receive(), NO_MEMORY, 0, "out of memory");
     EXPECT_TRUE(client.hung_up());
     ask_frame(other, 0);
 }

@@ -68,7 +68,7 @@ TEST_F(ClientsRequests, HelloIsAnsweredWithContextAndProcess)
 TEST_F(ClientsRequests, CutHelloIsMalformed)
 {
     const packet_client newcomer = connect();
-    expect_error(ask(newcomer, encode_empty(3, HELLO)), BAD_PACKET, 3);
+    expect_error(ask(newcomer, encode_empty(3, HELLO)), BAD_PACKET, 3, "malformed packet");
     EXPECT_TRUE(newcomer.hung_up());
     EXPECT_EQ(connected_clients(), 0U);
 }
@@ -76,13 +76,14 @@ TEST_F(ClientsRequests, CutHelloIsMalformed)
 TEST_F(ClientsRequests, RequestBeforeHelloIsRefused)
 {
     const packet_client newcomer = connect();
-    expect_error(ask(newcomer, encode_ping(3, PING, {})), NOT_GREETED, 3);
+    expect_error(ask(newcomer, encode_ping(3, PING, {})), NOT_GREETED, 3,
+                 "the first request must be a hello");
     EXPECT_TRUE(newcomer.hung_up());
 }
 
 TEST_F(ClientsRequests, SecondHelloIsRefused)
 {
-    expect_error(ask(client(), encode(3, hello())), BAD_PACKET, 3);
+    expect_error(ask(client(), encode(3, hello())), BAD_PACKET, 3, "a second hello");
     EXPECT_TRUE(client().hung_up());
     EXPECT_EQ(connected_clients(), 0U);
 }
@@ -92,7 +93,8 @@ TEST_F(ClientsRequests, OtherMajorVersionIsRefused)
     const packet_client newcomer = connect();
     packet_bytes packet = encode(3, hello());
     packet[4] = 2;
-    expect_error(ask(newcomer, packet), VERSION_MISMATCH, 3);
+    expect_error(ask(newcomer, packet), VERSION_MISMATCH, 3,
+                 "this worker speaks protocol version 1");
     EXPECT_TRUE(newcomer.hung_up());
 }
 
@@ -100,13 +102,13 @@ TEST_F(ClientsRequests, HelloWithoutMemoryForAContextIsRefused)
 {
     state.factory_throws = true;
     const packet_client newcomer = connect();
-    expect_error(ask(newcomer, encode(3, hello())), NO_MEMORY, 0);
+    expect_error(ask(newcomer, encode(3, hello())), NO_MEMORY, 0, "out of memory");
     EXPECT_TRUE(newcomer.hung_up());
     vexa_client_contexts.new_client_context = [](unsigned long) {
         return static_cast<vexa_client_context*>(nullptr);
     };
     const packet_client second = connect();
-    expect_error(ask(second, encode(3, hello())), NO_MEMORY, 3);
+    expect_error(ask(second, encode(3, hello())), NO_MEMORY, 3, "no memory for a client context");
     EXPECT_TRUE(second.hung_up());
 }
 
@@ -121,8 +123,8 @@ TEST_F(ClientsRequests, WithoutAFactoryTheBaseContextServes)
 TEST_F(ClientsRequests, UnknownRequestIsRefusedAndTheConnectionKept)
 {
     for (const int type : {0, 10, 100, 102, 105, 65535}) {
-        expect_error(ask(client(), encode_empty(4, static_cast<packet_type>(type))), UNSUPPORTED,
-                     4);
+        expect_error(ask(client(), encode_empty(4, static_cast<packet_type>(type))), UNSUPPORTED, 4,
+                     "unknown request");
     }
     const auto pong = ask(client(), encode_ping(5, PING, {6}));
     ASSERT_TRUE(pong.has_value());
@@ -143,7 +145,7 @@ TEST_F(ClientsRequests, CutBodiesAreMalformed)
     for (const packet_type type :
          {SET_OUTPUT_SIZE, SUBSCRIBE, GET_FRAME, RELEASE_FRAME, SET_METADATA, PING}) {
         const packet_client newcomer = greeted();
-        expect_error(ask(newcomer, encode_empty(4, type)), BAD_PACKET, 4);
+        expect_error(ask(newcomer, encode_empty(4, type)), BAD_PACKET, 4, "malformed packet");
         EXPECT_TRUE(newcomer.hung_up()) << type;
     }
 }
@@ -228,7 +230,8 @@ TEST_F(ClientsRequests, MetadataThatTheItemRefusesChangesNothing)
     client();
     state.refuses_settings = true;
     state.document_changed = false;
-    expect_error(ask(client(), encode(4, set_metadata{"GUID", "1"})), REFUSED_VALUE, 4);
+    expect_error(ask(client(), encode(4, set_metadata{"GUID", "1"})), REFUSED_VALUE, 4,
+                 "this metadata may not be set so");
     EXPECT_THAT(state.hook_calls, IsEmpty());
     EXPECT_FALSE(state.document_changed);
     EXPECT_FALSE(client().hung_up());
@@ -241,17 +244,22 @@ TEST_F(ClientsRequests, MetadataAtItsLimitsIsTakenAndBeyondRefused)
     expect_done(ask(client(), encode(4, set_metadata{name, value})), 4);
     expect_done(ask(client(), encode(4, set_metadata{"n", ""})), 4);
     EXPECT_EQ(state.stored.size(), 2U);
-    expect_error(ask(client(), encode(5, set_metadata{name + "n", "v"})), REFUSED_VALUE, 5);
-    expect_error(ask(client(), encode(5, set_metadata{"n", value + "v"})), REFUSED_VALUE, 5);
-    expect_error(ask(client(), encode(5, set_metadata{"", "v"})), REFUSED_VALUE, 5);
+    expect_error(ask(client(), encode(5, set_metadata{name + "n", "v"})), REFUSED_VALUE, 5,
+                 "this metadata may not be set so");
+    expect_error(ask(client(), encode(5, set_metadata{"n", value + "v"})), REFUSED_VALUE, 5,
+                 "this metadata may not be set so");
+    expect_error(ask(client(), encode(5, set_metadata{"", "v"})), REFUSED_VALUE, 5,
+                 "this metadata may not be set so");
     EXPECT_EQ(state.stored.size(), 2U);
 }
 
 TEST_F(ClientsRequests, MetadataWithANulIsRefused)
 {
     const std::string_view nul("a\0b", 3);
-    expect_error(ask(client(), encode(5, set_metadata{nul, "v"})), REFUSED_VALUE, 5);
-    expect_error(ask(client(), encode(5, set_metadata{"n", nul})), REFUSED_VALUE, 5);
+    expect_error(ask(client(), encode(5, set_metadata{nul, "v"})), REFUSED_VALUE, 5,
+                 "this metadata may not be set so");
+    expect_error(ask(client(), encode(5, set_metadata{"n", nul})), REFUSED_VALUE, 5,
+                 "this metadata may not be set so");
     EXPECT_THAT(state.stored, IsEmpty());
 }
 

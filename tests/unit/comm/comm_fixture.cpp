@@ -15,13 +15,14 @@ size_t open_descriptors()
     return count;
 }
 
-void expect_error(const std::optional<received_packet>& packet, error_code code, uint64_t request)
+void expect_error(const std::optional<received_packet>& packet, error_code code, uint64_t request,
+                  std::string_view text)
 {
     ASSERT_TRUE(packet.has_value());
     EXPECT_EQ(packet->header.type, ERROR);
     EXPECT_EQ(packet->header.request, request);
     EXPECT_EQ(packet->as<error>().code, code);
-    EXPECT_FALSE(packet->as<error>().text.empty());
+    EXPECT_EQ(packet->as<error>().text, text);
 }
 
 comm_fixture::comm_fixture()

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
@@ -16,9 +17,9 @@
 // Open descriptors of this process.
 size_t open_descriptors();
 
-// Checks that the packet is an ERROR of this code for this request.
+// Checks that the packet is an ERROR of this code and text for this request.
 void expect_error(const std::optional<received_packet>& packet, comm_protocol::error_code code,
-                  uint64_t request);
+                  uint64_t request, std::string_view text);
 
 class comm_fixture : public testing::Test {
 protected:

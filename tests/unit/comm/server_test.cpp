@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <string>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -11,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/standalone/comm/server.h"
+#include "platform/standalone/comm/socket_channel.h"
 #include "platform/time.h"
 #include "tests/support/child_process.h"
 #include "tests/support/memory_channel.h"
@@ -147,7 +149,7 @@ TEST_F(Server, OversizedPacketIsRefusedAndItsClientDropped)
     packet.resize(100'000);
     ASSERT_TRUE(client.send(packet));
     pump();
-    expect_error(client.receive(), BAD_PACKET, 0);
+    expect_error(client.receive(), BAD_PACKET, 0, "malformed packet");
     EXPECT_TRUE(client.hung_up());
     EXPECT_EQ(left_ids.size(), 1U);
 }
@@ -161,7 +163,7 @@ TEST_F(Server, PacketWithAWrongLengthFieldIsRefused)
         packet[12] = static_cast<unsigned char>(packet[12] + wrong);
         ASSERT_TRUE(client.send(packet));
         pump();
-        expect_error(client.receive(), BAD_PACKET, 0);
+        expect_error(client.receive(), BAD_PACKET, 0, "malformed packet");
         EXPECT_TRUE(client.hung_up());
     }
 }
@@ -175,7 +177,7 @@ TEST_F(Server, RefusalIsReadThoughRequestsWereStillUnderWay)
         ASSERT_TRUE(client.send(encode_ping(2, PING, {})));
     }
     pump();
-    expect_error(client.receive(), BAD_PACKET, 0);
+    expect_error(client.receive(), BAD_PACKET, 0, "malformed packet");
     EXPECT_TRUE(client.hung_up());
 }
 
@@ -233,7 +235,7 @@ TEST_F(Server, ClientWithoutHelloIsDroppedInTime)
     EXPECT_FALSE(silent.hung_up());
     now_us += 200'000;
     pump();
-    expect_error(silent.receive(), NOT_GREETED, 0);
+    expect_error(silent.receive(), NOT_GREETED, 0, "no hello in time");
     EXPECT_TRUE(silent.hung_up());
     EXPECT_FALSE(polite.hung_up());
 }
@@ -269,6 +271,45 @@ TEST_F(Server, ClientThatReadsNothingIsDroppedInTime)
     while (client.receive().has_value()) {
     }
     EXPECT_TRUE(client.hung_up());
+}
+
+TEST_F(Server, ClientThatReadAgainTooLateIsToldWhy)
+{
+    start();
+    const auto ends = std::make_shared<channel_ends>();
+    comm_socket_v4_client* client =
+        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    client->greeted = true;
+    ends->room = 0;
+    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    ends->room = 1;
+    now_us += 6'000'000;
+    pump();
+    ASSERT_EQ(ends->sent.size(), 1U);
+    EXPECT_EQ(to_hex(ends->sent[0]),
+              to_hex(encode(0, error{SLOW_CLIENT, "answers were not read in time"})));
+    EXPECT_TRUE(ends->destroyed);
+}
+
+TEST_F(Server, ClientWithAFullQueueIsToldWhy)
+{
+    start();
+    const auto ends = std::make_shared<channel_ends>();
+    comm_socket_v4_client* client =
+        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    client->greeted = true;
+    ends->room = 0;
+    for (size_t i = 0; i < max_queued_answers; ++i) {
+        platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    }
+    EXPECT_FALSE(client->leaving);
+    ends->room = 1;
+    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    EXPECT_TRUE(client->leaving);
+    ASSERT_EQ(ends->sent.size(), 1U);
+    EXPECT_EQ(to_hex(ends->sent[0]),
+              to_hex(encode(0, error{SLOW_CLIENT, "answers were not read"})));
+    pump();
 }
 
 TEST_F(Server, SlowReaderIsKept)
@@ -314,7 +355,7 @@ TEST_F(Server, ExceptionInARequestCostsTheClientOnly)
     ASSERT_TRUE(unlucky.send(encode_empty(2, EXIT)));
     ASSERT_TRUE(other.send(encode_ping(3, PING, {})));
     pump();
-    expect_error(unlucky.receive(), NO_MEMORY, 0);
+    expect_error(unlucky.receive(), NO_MEMORY, 0, "out of memory");
     EXPECT_TRUE(unlucky.hung_up());
     EXPECT_EQ(other.receive()->header.request, 3U);
 }
@@ -387,12 +428,26 @@ TEST_F(Server, ClientBeyondTheLimitIsToldSo)
     packet_client first = greeted();
     const packet_client second = greeted();
     const packet_client third = connect();
-    expect_error(third.receive(), LIMIT, 0);
+    expect_error(third.receive(), LIMIT, 0, "too many clients");
     EXPECT_TRUE(third.hung_up());
     EXPECT_TRUE(left_ids.empty());
     first.close();
     pump();
     greeted();
+}
+
+TEST_F(Server, ConnectionThatTheKernelCannotWatchIsTurnedAway)
+{
+    start();
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    const packet_client client{platform::unique_fd(ends[0])};
+    server->home.epoll = client.fd(); // no epoll descriptor
+    EXPECT_EQ(platform::adopt(*server, platform::make_socket_channel(platform::unique_fd(ends[1])),
+                              now_us),
+              nullptr);
+    expect_error(client.receive(), NO_MEMORY, 0, "the kernel cannot watch this connection");
+    EXPECT_TRUE(client.hung_up());
 }
 
 TEST_F(Server, OtherUsersAreTurnedAway)
@@ -410,7 +465,9 @@ TEST_F(Server, OtherUsersAreTurnedAway)
         const packet_client client(path);
         for (int i = 0; i < 5000 && client.connected(); ++i) {
             if (const auto answer = client.receive()) {
-                return answer->as<error>().code == NOT_ALLOWED ? 0 : 3;
+                const auto refused = answer->as<error>();
+                return refused.code == NOT_ALLOWED && refused.text == "another user's process" ? 0
+                                                                                               : 3;
             }
             usleep(1000);
         }

@@ -61,6 +61,7 @@ void reset_item()
 {
     reset_client_settings();
     vexa_free_all();
+    cnb_set_domain(default_cnb_domain, default_cnb_limit);
     reset_switches();
     reset_settings();
     reset_document();

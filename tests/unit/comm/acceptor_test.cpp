@@ -1,0 +1,226 @@
+#include <poll.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/standalone/comm/acceptor.h"
+#include "platform/standalone/comm/socket_channel.h"
+#include "platform/time.h"
+#include "tests/support/child_process.h"
+#include "tests/unit/comm/comm_fixture.h"
+#include "tests/unit/comm/server_fixture.h"
+
+using namespace comm_protocol;
+using platform::run_round;
+
+namespace {
+
+constexpr size_t connections_in_a_row = 3000;
+
+// 0 when every connection was made at the first attempt and answered.
+int keep_connecting(const std::string& path)
+{
+    for (size_t i = 0; i < connections_in_a_row; ++i) {
+        const packet_client client(path);
+        pollfd readable = {client.fd(), POLLIN, 0};
+        if (!client.connected() || !client.send(encode(1, hello())) ||
+            poll(&readable, 1, 10'000) != 1 || !client.receive().has_value()) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+class Acceptor : public server_fixture {};
+
+} // namespace
+
+TEST_F(Acceptor, ClientBeyondTheLimitIsToldSo)
+{
+    start({.clients = 2});
+    packet_client first = greeted();
+    const packet_client second = greeted();
+    const packet_client third = connect();
+    expect_error(third.receive(), LIMIT, 0, "too many clients");
+    EXPECT_TRUE(third.hung_up());
+    EXPECT_TRUE(left_ids.empty());
+    first.close();
+    pump();
+    greeted();
+}
+
+TEST_F(Acceptor, ConnectionThatTheKernelCannotWatchIsTurnedAway)
+{
+    start();
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    const packet_client client{platform::unique_fd(ends[0])};
+    server->home.epoll = client.fd(); // no epoll descriptor
+    EXPECT_EQ(platform::adopt(*server, platform::make_socket_channel(platform::unique_fd(ends[1])),
+                              now_us),
+              nullptr);
+    expect_error(client.receive(), NO_MEMORY, 0, "the kernel cannot watch this connection");
+    EXPECT_TRUE(client.hung_up());
+}
+
+TEST_F(Acceptor, OtherUsersAreTurnedAway)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs a second user";
+    }
+    start();
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(folder.path().c_str(), 0755), 0);
+    child_process stranger([this] {
+        if (setresuid(unprivileged_user, unprivileged_user, unprivileged_user) != 0) {
+            return 2;
+        }
+        const packet_client client(path);
+        for (int i = 0; i < 5000 && client.connected(); ++i) {
+            if (const auto answer = client.receive()) {
+                const auto refused = answer->as<error>();
+                return refused.code == NOT_ALLOWED && refused.text == "another user's process" ? 0
+                                                                                               : 3;
+            }
+            usleep(1000);
+        }
+        return 4;
+    });
+    for (int i = 0; i < 5000 && run_round(*server, now_us) == 0; ++i) {
+        usleep(1000);
+    }
+    EXPECT_EQ(stranger.wait(), 0);
+    EXPECT_TRUE(server->clients.empty());
+}
+
+TEST_F(Acceptor, SocketIsClosedToOtherUsersByItsMode)
+{
+    start();
+    ASSERT_EQ(chmod(folder.path().c_str(), 0755), 0);
+    EXPECT_EQ(
+        run_without_privileges([this] { return packet_client(path).error() == EACCES ? 0 : 1; }),
+        geteuid() == 0 ? 0 : 1);
+}
+
+TEST_F(Acceptor, ReplacedSocketKeepsItsConnectionsAndThoseOnTheirWay)
+{
+    start();
+    const packet_client before = greeted();
+    const packet_client on_its_way(path); // not accepted yet
+    ASSERT_EQ(comm_socket_v4_reopen_server(server.get()), 0);
+    ASSERT_TRUE(before.send(encode_ping(2, PING, {})));
+    ASSERT_TRUE(on_its_way.send(encode(3, hello())));
+    const packet_client after(path);
+    ASSERT_TRUE(after.send(encode(4, hello())));
+    pump();
+    EXPECT_EQ(before.receive()->header.request, 2U);
+    EXPECT_EQ(on_its_way.receive()->header.request, 3U);
+    EXPECT_EQ(after.receive()->header.request, 4U);
+}
+
+TEST_F(Acceptor, ReplacedSocketIsClosedAfterAWhile)
+{
+    start();
+    now_us = monotonic_clock_us();
+    ASSERT_EQ(comm_socket_v4_reopen_server(server.get()), 0);
+    pump();
+    EXPECT_TRUE(server->old_listener.socket);
+    now_us += 3'000'000;
+    pump();
+    EXPECT_FALSE(server->old_listener.socket);
+    EXPECT_TRUE(packet_client(path).connected());
+}
+
+TEST_F(Acceptor, SocketMayBeReplacedAgainAndAgain)
+{
+    start();
+    const size_t before = open_descriptors();
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(comm_socket_v4_reopen_server(server.get()), 0);
+    }
+    greeted();
+    pump();
+    EXPECT_EQ(open_descriptors(), before + 1);
+}
+
+TEST_F(Acceptor, FailedReplacementLeavesTheOldSocketServing)
+{
+    start();
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(comm_socket_v4_reopen_server(server.get()), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Comm socket '" + path + "': Is a directory\n");
+    EXPECT_TRUE(server->listener.socket);
+    EXPECT_FALSE(server->old_listener.socket);
+    rmdir(path.c_str());
+}
+
+TEST_F(Acceptor, ClientThatKeepsConnectingNeverMeetsAGap)
+{
+    start({.tend_gap_us = 1'000, .old_listener_us = 10'000});
+    child_process newcomer([this] { return keep_connecting(path); });
+    int replaced = 0;
+    const uint64_t give_up_us = monotonic_clock_us() + 60'000'000;
+    while (left_ids.size() < connections_in_a_row && monotonic_clock_us() < give_up_us) {
+        now_us = monotonic_clock_us();
+        run_round(*server, now_us);
+        if (!server->old_listener.socket && !left_ids.empty()) {
+            ASSERT_EQ(comm_socket_v4_reopen_server(server.get()), 0);
+            ++replaced;
+        }
+        comm_socket_v4_server_from_client_readable(server.get(), now_us + 1'000);
+    }
+    EXPECT_EQ(newcomer.wait(), 0);
+    EXPECT_GT(replaced, 1);
+}
+
+TEST_F(Acceptor, NoServerIsNothingToReplace)
+{
+    EXPECT_EQ(comm_socket_v4_reopen_server(nullptr), 0);
+}
+
+TEST_F(Acceptor, DaemonisedChildOwnsTheFile)
+{
+    start();
+    const packet_client before = greeted();
+    const int status = run_in_child([this, &before] {
+        if (comm_socket_v4_reopen_server(server.get()) != 0) {
+            return 2;
+        }
+        const packet_client after(path);
+        if (!after.send(encode(4, hello())) || !before.send(encode_ping(5, PING, {}))) {
+            return 3;
+        }
+        pump();
+        if (!after.receive().has_value() || !before.receive().has_value()) {
+            return 4;
+        }
+        platform::close_listener(&server->listener);
+        return 0;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(folder.has("socket"));
+}
+
+TEST_F(Acceptor, SoftDescriptorLimitIsRaisedAndBoundsTheClients)
+{
+    EXPECT_EQ(run_in_child([this] {
+                  const rlimit limit = {64, 128};
+                  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+                      return 2;
+                  }
+                  start();
+                  rlimit now = {};
+                  getrlimit(RLIMIT_NOFILE, &now);
+                  const bool right = now.rlim_cur == 128 && server->limits.clients == 128 - 32;
+                  platform::close_listener(&server->listener);
+                  return right ? 0 : 1;
+              }),
+              0);
+}

@@ -385,6 +385,10 @@ TEST_F(MetadataFile, ListThatBecameTooLargeInTheFileIsNotWritten)
     EXPECT_EQ(told, "Cannot write metadata file 'META': it would become too large\n");
     EXPECT_EQ(folder.read("metadata"), text);
     EXPECT_EQ(metadata_v4_metadata_context_add_name_value_pair(list.get(), "b", 0, "c", 0, -1), -1);
+    EXPECT_EQ(platform::set_item_entry(list.get(), "a", controls.substr(1)), 1) << "shorter";
+    EXPECT_EQ(platform::set_item_entry(list.get(), "a", "short"), 1);
+    EXPECT_EQ(store_told(list), 0);
+    EXPECT_EQ(folder.read("metadata"), "a = short\n");
 }
 
 TEST_F(MetadataFile, UpdateSetsOneEntryAndKeepsTheRest)

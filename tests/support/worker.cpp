@@ -1,0 +1,248 @@
+#include "tests/support/worker.h"
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "client/stillimage_client.h"
+
+namespace {
+
+std::string next_name(const char* stem)
+{
+    static std::atomic<int> count{0};
+    return std::string(stem) + std::to_string(++count);
+}
+
+std::vector<char*> pointers_to(std::vector<std::string>& texts)
+{
+    std::vector<char*> pointers;
+    for (std::string& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+void redirect(const std::string& path, int to)
+{
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    dup2(fd, to);
+    close(fd);
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The environment of the tests, without what would lead a worker to the user's own folders.
+std::vector<std::string> child_environment(const worker_home& home,
+                                           const std::vector<std::string>& more)
+{
+    std::vector<std::string> result = home.environment();
+    result.insert(result.end(), more.begin(), more.end());
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string text = *entry;
+        const std::string name = text.substr(0, text.find('=') + 1);
+        const bool ours = std::any_of(result.begin(), result.end(), [&](const std::string& own) {
+            return own.compare(0, name.size(), name) == 0;
+        });
+        if (!ours && name != "NOTIFY_SOCKET=") {
+            result.push_back(text);
+        }
+    }
+    return result;
+}
+
+[[noreturn]] void become_program(const char* program, std::vector<std::string> arguments,
+                                 std::vector<std::string> environment)
+{
+    execve(program, pointers_to(arguments).data(), pointers_to(environment).data());
+    _exit(127);
+}
+
+int wait_for(pid_t pid, int timeout_ms)
+{
+    int status = 0;
+    const bool ended =
+        eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout_ms);
+    if (!ended) {
+        return worker::no_end;
+    }
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+} // namespace
+
+void pause_ms(int milliseconds)
+{
+    const timespec pause = {milliseconds / 1000, (milliseconds % 1000) * 1'000'000L};
+    nanosleep(&pause, nullptr);
+}
+
+// --- home ---------------------------------------------------------------------------------------
+
+worker_home::worker_home()
+{
+    for (const char* name : {"run", "state", "tmp"}) {
+        std::filesystem::create_directory(path(name));
+        std::filesystem::permissions(path(name), std::filesystem::perms::owner_all);
+    }
+}
+
+std::vector<std::string> worker_home::environment() const
+{
+    return {"HOME=" + folder_.path(), "XDG_RUNTIME_DIR=" + path("run"),
+            "XDG_STATE_HOME=" + path("state"), "TMPDIR=" + path("tmp")};
+}
+
+std::vector<std::string> worker_home::sockets() const
+{
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder_.path())) {
+        if (entry.is_socket()) {
+            found.push_back(entry.path());
+        }
+    }
+    return found;
+}
+
+// --- worker -------------------------------------------------------------------------------------
+
+worker::worker(const worker_home& home, const setting& how)
+{
+    start(home, how);
+}
+
+worker::worker(const worker_home& home, const std::string& picture, std::vector<std::string> more)
+{
+    socket_ = home.path(next_name("socket"));
+    setting how = {{"--file", picture, "--sock", socket_, "--no-autoshutdown"}};
+    how.arguments.insert(how.arguments.end(), more.begin(), more.end());
+    start(home, how);
+}
+
+void worker::start(const worker_home& home, const setting& how)
+{
+    stderr_path_ = home.path(next_name("stderr"));
+    std::vector<std::string> arguments;
+    if (!how.empty_arguments) {
+        arguments.emplace_back("stillimage");
+        arguments.insert(arguments.end(), how.arguments.begin(), how.arguments.end());
+    }
+    const auto environment = child_environment(home, how.more_environment);
+    pid_ = fork();
+    if (pid_ != 0) {
+        return;
+    }
+    redirect(stderr_path_, STDERR_FILENO);
+    if (how.stderr_closed) {
+        close(STDERR_FILENO);
+    }
+    if (!how.working_folder.empty() && chdir(how.working_folder.c_str()) != 0) {
+        _exit(126);
+    }
+    become_program(STILLIMAGE_PROGRAM, arguments, environment);
+}
+
+worker::~worker()
+{
+    if (pid_ > 0 && end_ == no_end) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+bool worker::wait_ready(int timeout_ms) const
+{
+    stillimage_client* client = nullptr;
+    const bool ready = stillimage_connect(socket_.c_str(), timeout_ms, &client) == STILLIMAGE_OK &&
+                       stillimage_wait_ready(client, 0, timeout_ms) == STILLIMAGE_OK;
+    stillimage_close(client);
+    return ready;
+}
+
+bool worker::wait_printed(std::string_view text, int timeout_ms) const
+{
+    return eventually([&] { return told().find(text) != std::string::npos; }, timeout_ms);
+}
+
+int worker::wait_end(int timeout_ms)
+{
+    if (end_ == no_end) {
+        end_ = wait_for(pid_, timeout_ms);
+    }
+    return end_;
+}
+
+void worker::send(int signal) const
+{
+    kill(pid_, signal);
+}
+
+std::string worker::told() const
+{
+    return read_file(stderr_path_);
+}
+
+size_t worker::open_descriptors() const
+{
+    const auto folder =
+        std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/fd");
+    return static_cast<size_t>(std::distance(begin(folder), end(folder)));
+}
+
+size_t worker::resident_kilobytes() const
+{
+    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("RssAnon:")) {
+            return std::stoul(line.substr(8));
+        }
+    }
+    return 0;
+}
+
+// --- runs to the end ----------------------------------------------------------------------------
+
+ended_worker run_worker(const worker_home& home, const worker::setting& how)
+{
+    worker started(home, how);
+    const int status = started.wait_end();
+    return {status, started.told()};
+}
+
+int run_client(const worker_home& home, const std::vector<std::string>& arguments, std::string* out)
+{
+    const std::string out_path = home.path(next_name("out"));
+    std::vector<std::string> words = {"stillimage-client"};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    const auto environment = child_environment(home, {});
+    const pid_t pid = fork();
+    if (pid == 0) {
+        redirect(out_path, STDOUT_FILENO);
+        redirect(out_path + ".err", STDERR_FILENO);
+        become_program(STILLIMAGE_CLIENT_PROGRAM, words, environment);
+    }
+    const int status = wait_for(pid, 60'000);
+    if (status == worker::no_end) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    if (out != nullptr) {
+        *out = read_file(out_path);
+    }
+    return status;
+}

@@ -3,8 +3,9 @@
 // alone. Nothing is created here.
 //
 //   metadata folder   $XDG_STATE_HOME/stillimage/<name>        ~/.local/state when unset
-//   comm socket       $XDG_RUNTIME_DIR/stillimage/<name>.sock  <temporary folder>/stillimage-<uid>
-//   when unset <name>            <stem of the file>-<hash of its real path>
+//   comm socket       $XDG_RUNTIME_DIR/stillimage/<name>.sock  when unset, in the folder
+//                                                              <temporary folder>/stillimage-<uid>
+//   <name>            <stem of the file>-<hash of its real path>
 #pragma once
 
 #include <cstddef>
@@ -17,8 +18,7 @@ namespace item_paths {
 inline constexpr size_t longest_socket_path = 107;
 
 // The item's name for a real path: one path component of at most 45 bytes, valid UTF-8, of letters,
-// digits,
-// '_', inner '.' and '-', and characters beyond ASCII. Different paths have different names.
+// digits, '_', inner '.' and '-', and characters beyond ASCII. Other paths have other names.
 std::string name_of_real_path(std::string_view real_path);
 
 // The item's name for the picture at `picture`, links followed. False with errno set when the

@@ -57,8 +57,8 @@ static_assert(std::atomic<int>::is_always_lock_free, "DIE4 is written by a signa
 
 // --- command line and start-up (0 on success unless said otherwise) -----------------------------
 
-// Opens the null device on each of descriptors 0, 1 and 2 that is closed, so that no later file gets
-// such a number and diagnostics are never written into it. The first thing that main does.
+// Opens the null device on each of descriptors 0, 1 and 2 that is closed, so that no later file
+// gets such a number and diagnostics are never written into it. The first thing that main does.
 void open_missing_standard_descriptors();
 
 int vexa_init_argv(int argc, char** argv);

@@ -47,8 +47,8 @@ int metadata_v4_metadata_context_add_name_value_pair(metadata_v4_metadata_contex
                                                      int tag);
 
 // Replaces the item's metadata file by this list, atomically. `flags` is 0 and `reserved` null.
-// 0, or non-zero with the old file untouched. Should only the sync of its folder fail, the result is
-// non-zero and the new file is in place, whole.
+// 0, or non-zero with the old file untouched. Should only the sync of its folder fail, the result
+// is non-zero and the new file is in place, whole.
 int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_context* list,
                                                         metadata_v4_context* context, int flags,
                                                         void* reserved);

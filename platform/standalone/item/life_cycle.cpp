@@ -17,6 +17,18 @@
 #include "platform/standalone/item/switches.h"
 #include "platform/time.h"
 
+namespace {
+
+// Reserving gigabytes takes a noticeable part of a second; clients are served meanwhile.
+void serve_while_reserving()
+{
+    if (idle_vexa_server_comm() >= 0) {
+        idle_vexa_client_contexts();
+    }
+}
+
+} // namespace
+
 // The lowest free number is given, so a descriptor opened here is the missing one. Not
 // close-on-exec, as standard descriptors are.
 void open_missing_standard_descriptors()
@@ -32,6 +44,7 @@ void open_missing_standard_descriptors()
 int vexa_join_cnb_domain()
 {
     cnb_set_domain(item::own.domain.c_str(), item::own.domain_limit);
+    cnb_reserve_pump = serve_while_reserving;
     return cnb_join_domain();
 }
 

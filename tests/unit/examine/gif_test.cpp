@@ -262,8 +262,7 @@ TEST_F(GifControl, RunningTimeIsAtLeastOne)
     EXPECT_EQ(gif_running_time(gif), 65535U + 10 + 10);
 }
 
-// --- the same list as the library's own loader
-// ------------------------------------------------------
+// --- the same list as the library's own loader --------------------------------------------------
 
 class GifLoading : public testing::Test {
 protected:

@@ -191,8 +191,7 @@ TEST_F(mipmap_generation, DestinationRowAsksFor32BytesMoreThanItsStride)
     EXPECT_EQ(level_row(30), 240U);
 }
 
-// --- rows that end at the end of the buffer
-// ---------------------------------------------------------
+// --- rows that end at the end of the buffer -----------------------------------------------------
 
 mipmap_image luma_only(int width, int height, uint64_t stride, uint64_t offset)
 {
@@ -231,8 +230,7 @@ TEST_F(mipmap_generation, LevelWiderThanItsSourceReadsNoFurtherThanTheBuffer)
     EXPECT_EQ(buffer_bytes(), wanted);
 }
 
-// --- socket and signals
-// -----------------------------------------------------------------------------
+// --- socket and signals -------------------------------------------------------------------------
 
 TEST_F(mipmap_generation, SocketIsServedIn16OfEvery256Rows)
 {
@@ -285,8 +283,7 @@ TEST_F(mipmap_generation, SignalStopsPlanesAndLevelsButMakesThemAvailable)
     EXPECT_EQ(mipmaps_avail, 2);
 }
 
-// --- generate_all_mipmaps
-// ---------------------------------------------------------------------------
+// --- generate_all_mipmaps -----------------------------------------------------------------------
 
 TEST_F(mipmap_generation, LevelsAreAvailableOnlyAtTheEnd)
 {

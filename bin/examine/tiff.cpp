@@ -87,8 +87,7 @@ void zero_tags()
     tiff_bytes_per_row = tiff_stripsize = tiff_strips = 0;
 }
 
-// --- steps of the examination, each 0 or the result of refuse()
-// ------------------------------------
+// --- steps of the examination, each 0 or the result of refuse() ---------------------------------
 
 bool read_tag(const wanted_tag& wanted)
 {

@@ -9,6 +9,7 @@
 
 #include <jpeglib.h>
 
+#include "bin/decode/jpeg_four.h"
 #include "bin/decode/jpeg_raw.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg.h"
@@ -45,6 +46,12 @@ void decode_by_colour_space()
         return;
     case JCS_GRAYSCALE:
         full_decode_jpeg_raw_grayscale();
+        return;
+    case JCS_YCCK:
+        full_decode_jpeg_raw_ycck();
+        return;
+    case JCS_CMYK:
+        full_decode_jpeg_raw_cmyk();
         return;
     default:
         return;

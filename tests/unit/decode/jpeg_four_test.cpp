@@ -14,6 +14,7 @@
 #include "bin/examine/jpeg_reader.h"
 #include "bin/framebuffer/layout.h"
 #include "platform/media_item.h"
+#include "tests/support/failing_calls.h"
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_literal.h"
 #include "tests/support/jpeg_writer.h"
@@ -247,9 +248,10 @@ TEST_F(JpegFour, VerticallySubsampledYcckKeepsTheNextPlane)
 TEST_F(JpegFour, MissingMemoryForKIsToldBeforeAnyLibraryCall)
 {
     open(write(four(JCS_CMYK, 16, 16, {1, 1})));
-    image_stride_Y = UINT64_C(1) << 62; // no such allocation can be had
+    failing_calls::plan.calloc = 1;
     EXPECT_EQ(decode(full_decode_jpeg_raw_cmyk), -1);
     EXPECT_EQ(told, "Cannot alloc K channel\n");
+    failing_calls::plan.calloc = 1;
     EXPECT_EQ(decode(full_decode_jpeg_raw_ycck), -1);
     EXPECT_EQ(told, "Cannot alloc K channel\n");
     EXPECT_TRUE(scripted::log.status.empty());

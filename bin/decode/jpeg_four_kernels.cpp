@@ -7,7 +7,8 @@
 
 #include "bin/decode/rgb_to_yuv.h"
 
-#if defined(__x86_64__)
+// clang 14 gives the clones a name that other sources do not find.
+#if defined(__x86_64__) && !defined(__clang__)
 #define FOR_EACH_PROCESSOR __attribute__((target_clones("avx2", "default")))
 #else
 #define FOR_EACH_PROCESSOR

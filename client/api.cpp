@@ -25,8 +25,10 @@ stillimage_result at_border(stillimage_client* client, Work work) noexcept
             return fail(*client, STILLIMAGE_ERROR_ARGUMENT,
                         "the change handler may not call back into its connection");
         }
+        client->late_packets = 0;
         return work(*client);
     } catch (const std::exception&) {
+        client->in_handler = false;
         client->last_error.clear();
         return STILLIMAGE_ERROR_SYSTEM;
     }
@@ -81,13 +83,33 @@ stillimage_result take_arrived(stillimage_client& client, const deadline& wait)
     received_packet packet;
     stillimage_result result = receive_packet(client, wait, &packet);
     while (result == STILLIMAGE_OK) {
-        take_unasked(client, packet, deadline(0));
+        result = take_unasked(client, packet);
         packet.descriptor.reset();
-        result = receive_packet(client, deadline(0), &packet);
+        if (result == STILLIMAGE_OK) {
+            result = receive_packet(client, deadline(0), &packet);
+        }
     }
+    send_releases(client);
     if (result == STILLIMAGE_ERROR_TIMEOUT) {
         client.last_error.clear();
         return STILLIMAGE_OK;
+    }
+    return result;
+}
+
+constexpr uint32_t readiness = comm_protocol::change_provisional | comm_protocol::change_ready;
+
+// Readiness is always part of a subscription, so that stillimage_wait_ready hears of it.
+stillimage_result subscribe(stillimage_client& client, uint32_t mask, const deadline& until)
+{
+    const auto request =
+        comm_protocol::encode(++client.last_request, comm_protocol::subscribe{mask});
+    client.subscription = mask != 0 ? client.last_request : 0;
+    client.document.clear();
+    received_packet answer;
+    const stillimage_result result = ask(client, request, comm_protocol::DONE, until, &answer);
+    if (result != STILLIMAGE_OK) {
+        client.subscription = 0;
     }
     return result;
 }
@@ -186,12 +208,10 @@ stillimage_result stillimage_subscribe(stillimage_client* client, uint32_t mask,
                                        stillimage_event_handler handler, void* user, int timeout_ms)
 {
     return at_border(client, [&](stillimage_client& c) {
-        const auto request =
-            comm_protocol::encode(++c.last_request, comm_protocol::subscribe{mask});
         c.handler = mask != 0 ? handler : nullptr;
         c.handler_data = user;
-        c.subscription = mask != 0 ? c.last_request : 0;
-        return ask_for_done(c, request, timeout_ms);
+        c.wanted_changes = mask;
+        return subscribe(c, mask != 0 ? mask | readiness : 0, deadline(timeout_ms));
     });
 }
 
@@ -201,18 +221,13 @@ stillimage_result stillimage_wait_ready(stillimage_client* client, int provision
         const deadline until(timeout_ms);
         stillimage_result result = STILLIMAGE_OK;
         if (c.subscription == 0) {
-            const auto request = comm_protocol::encode(
-                ++c.last_request, comm_protocol::subscribe{comm_protocol::change_provisional |
-                                                           comm_protocol::change_ready});
-            c.subscription = c.last_request;
-            received_packet answer;
-            result = ask(c, request, comm_protocol::DONE, until, &answer);
+            result = subscribe(c, readiness, until);
         }
         while (result == STILLIMAGE_OK && !is_ready(c, provisional)) {
             received_packet packet;
             result = receive_packet(c, until, &packet);
             if (result == STILLIMAGE_OK) {
-                result = take_unasked(c, packet, until);
+                result = take_unasked(c, packet);
             }
         }
         return result;
@@ -270,6 +285,7 @@ void stillimage_frame_release(stillimage_frame* frame)
         // Answers to releases would fill the worker's queue if nobody ever took them in.
         constexpr int most_unread = 64;
         if (++client.unread_releases >= most_unread && !client.in_handler) {
+            client.late_packets = 0;
             take_arrived(client, deadline(0));
             client.unread_releases = 0;
         }

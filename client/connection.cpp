@@ -1,6 +1,7 @@
 // Packets on the socket. Every wait is a poll with what is left of the caller's time limit.
 #include "client/connection.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -9,7 +10,9 @@
 
 namespace {
 
-constexpr long retry_ns = 20'000'000; // between tries to reach a worker that is just starting
+constexpr int start_ms = 5000;         // in which a worker that is just starting is there
+constexpr long retry_ns = 20'000'000;  // between tries to reach it
+constexpr int most_late_packets = 256; // that one call takes in after its time limit
 
 std::string with_errno(const std::string& what, int error)
 {
@@ -32,7 +35,7 @@ bool fill_address(const char* path, sockaddr_un* address)
 // A worker binds its socket a moment after its start, and anew when it becomes a daemon.
 bool may_be_starting(int error)
 {
-    return error == ENOENT || error == ECONNREFUSED || error == EAGAIN;
+    return error == ENOENT || error == ECONNREFUSED;
 }
 
 // 0, or the reason as an errno.
@@ -59,6 +62,9 @@ stillimage_result connect_failure(stillimage_client& client, const char* path, i
     case EPERM:
         return fail(client, STILLIMAGE_ERROR_REFUSED,
                     with_errno(std::string("may not connect to ") + path, error));
+    case EAGAIN:
+        return fail(client, STILLIMAGE_ERROR_TIMEOUT,
+                    std::string("the worker at ") + path + " did not take the connection in time");
     case ENOENT:
         return fail(client, STILLIMAGE_ERROR_NO_WORKER, where + ": there is no such socket");
     case ECONNREFUSED:
@@ -76,15 +82,18 @@ stillimage_result connect_failure(stillimage_client& client, const char* path, i
 stillimage_result connect_until(stillimage_client& client, const char* path,
                                 const sockaddr_un& address, const deadline& until)
 {
+    const deadline start(start_ms);
     while (true) {
         const int error = connect_once(client, address);
         if (error == 0) {
             return STILLIMAGE_OK;
         }
-        if (!may_be_starting(error) || until.passed()) {
+        const bool waiting = error == EAGAIN || (may_be_starting(error) && !start.passed());
+        if (!waiting || until.passed()) {
             return connect_failure(client, path, error);
         }
-        const timespec pause = {0, retry_ns};
+        const long left_ms = until.left_ms() < 0 ? retry_ns : until.left_ms() * 1'000'000L;
+        const timespec pause = {0, std::min(retry_ns, left_ms)};
         nanosleep(&pause, nullptr);
     }
 }
@@ -261,7 +270,11 @@ stillimage_result send_packet(stillimage_client& client, const comm_protocol::pa
 stillimage_result receive_packet(stillimage_client& client, const deadline& until,
                                  received_packet* packet)
 {
+    bool reset_seen = false;
     while (client.socket) {
+        if (until.passed() && ++client.late_packets > most_late_packets) {
+            return fail(client, STILLIMAGE_ERROR_TIMEOUT, "the worker did not answer in time");
+        }
         bool truncated = false;
         const ssize_t got = receive_message(client, &truncated, &packet->descriptor);
         if (got > 0 && !truncated) {
@@ -269,6 +282,10 @@ stillimage_result receive_packet(stillimage_client& client, const deadline& unti
         }
         if (got > 0) {
             return broken_protocol(client, "the worker sent a packet that is too large");
+        }
+        if (got < 0 && errno == ECONNRESET && !reset_seen) {
+            reset_seen = true; // what was sent before the reset can still be read
+            continue;
         }
         if (got == 0 || errno == ECONNRESET || errno == EPIPE) {
             break;

@@ -32,15 +32,18 @@ struct stillimage_client {
 
     // frames
     std::shared_ptr<shared_area> area;
-    int32_t output_width = 0; // as the worker knows it
+    int32_t output_width = 0; // as the worker knows it; -1: unsure
     int32_t output_height = 0;
     std::set<uint64_t> abandoned_frames; // requests whose answer came too late for their caller
 
+    std::vector<uint64_t> unsent_releases; // references that found the socket full
     int unread_releases = 0;
+    int late_packets = 0;               // taken in by this call after its time limit
     std::set<stillimage_frame*> frames; // held
 
     // subscription
-    uint64_t subscription = 0; // its request number, 0: none
+    uint64_t subscription = 0;   // its request number, 0: none
+    uint32_t wanted_changes = 0; // what the user's handler asked for
     stillimage_event_handler handler = nullptr;
     void* handler_data = nullptr;
     bool in_handler = false;
@@ -65,9 +68,14 @@ stillimage_result send_packet(stillimage_client& client, const comm_protocol::pa
 stillimage_result receive_packet(stillimage_client& client, const deadline& until,
                                  received_packet* packet);
 
-// Does with a packet that nobody waits for what is to be done: events, late frames.
-stillimage_result take_unasked(stillimage_client& client, received_packet& packet,
-                               const deadline& until);
+// Does with a packet that nobody waits for what is to be done: events, late frames. An error that
+// answers no request is the result.
+stillimage_result take_unasked(stillimage_client& client, received_packet& packet);
+
+// Gives a frame's hold back to the worker, at once or, when the socket is full, with what is sent
+// next. The worker's answer is passed over.
+void release_reference(stillimage_client& client, uint64_t reference);
+void send_releases(stillimage_client& client);
 
 // One more part of a status document, appended to *document.
 enum class document_progress { MORE, WHOLE, BROKEN };

@@ -28,7 +28,8 @@ bool range_is_inside(const comm_protocol::frame& frame, const shared_area& area)
 }
 
 // Empty when the record does not come to rest.
-std::vector<unsigned char> settled_copy(const shared_area& area, const comm_protocol::frame& frame)
+std::vector<unsigned char> settled_copy(const shared_area& area, const comm_protocol::frame& frame,
+                                        const deadline& until)
 {
     const uint64_t offset = frame.base_offset + frame.scanline_offset;
     auto before = copy_range(area, offset, frame.scanline_size);
@@ -36,6 +37,9 @@ std::vector<unsigned char> settled_copy(const shared_area& area, const comm_prot
         auto after = copy_range(area, offset, frame.scanline_size);
         if (before == after && record_is_whole(after.data(), after.size())) {
             return after;
+        }
+        if (until.passed()) {
+            break;
         }
         before = std::move(after);
         const timespec pause = {0, copy_pause_ns};
@@ -69,13 +73,13 @@ stillimage_result bad_record(stillimage_client& client, const std::string& why)
 }
 
 stillimage_result read_frame(stillimage_client& client, const comm_protocol::frame& message,
-                             stillimage_frame& frame)
+                             const deadline& until, stillimage_frame& frame)
 {
     if (message.scanline_size > most_scanline || !range_is_inside(message, *client.area)) {
         return bad_record(client, "it does not lie inside the shared area");
     }
     frame.area = client.area;
-    frame.scanline = settled_copy(*client.area, message);
+    frame.scanline = settled_copy(*client.area, message, until);
     if (frame.scanline.empty()) {
         return bad_record(client, "it is not whole");
     }
@@ -107,9 +111,12 @@ stillimage_result keep_area(stillimage_client& client, const received_packet& pa
     return STILLIMAGE_OK;
 }
 
-stillimage_result set_output_size(stillimage_client& client, int32_t width, int32_t height,
-                                  const deadline& until)
+stillimage_result set_output_size(stillimage_client& client, int32_t wanted_width,
+                                  int32_t wanted_height, const deadline& until)
 {
+    const bool known = wanted_width > 0 && wanted_height > 0;
+    const int32_t width = known ? wanted_width : 0;
+    const int32_t height = known ? wanted_height : 0;
     if (width == client.output_width && height == client.output_height) {
         return STILLIMAGE_OK;
     }
@@ -117,10 +124,9 @@ stillimage_result set_output_size(stillimage_client& client, int32_t width, int3
     const auto request =
         comm_protocol::encode(++client.last_request, comm_protocol::set_output_size{width, height});
     const stillimage_result result = ask(client, request, comm_protocol::DONE, until, &answer);
-    if (result == STILLIMAGE_OK) {
-        client.output_width = width;
-        client.output_height = height;
-    }
+    // Without an answer the worker may have taken the size over, or not.
+    client.output_width = result == STILLIMAGE_OK ? width : -1;
+    client.output_height = result == STILLIMAGE_OK ? height : -1;
     return result;
 }
 
@@ -144,7 +150,7 @@ stillimage_result get_frame(stillimage_client& client, const comm_protocol::get_
     }
     result = keep_area(client, answer, message);
     if (result == STILLIMAGE_OK) {
-        result = read_frame(client, message, *taken);
+        result = read_frame(client, message, until, *taken);
     }
     if (result != STILLIMAGE_OK) {
         const std::string reason = client.last_error;
@@ -156,11 +162,4 @@ stillimage_result get_frame(stillimage_client& client, const comm_protocol::get_
     client.frames.insert(taken.get());
     *frame = std::move(taken);
     return STILLIMAGE_OK;
-}
-
-void release_reference(stillimage_client& client, uint64_t reference)
-{
-    const auto request =
-        comm_protocol::encode(++client.last_request, comm_protocol::release_frame{reference});
-    send_packet(client, request, deadline(0));
 }

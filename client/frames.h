@@ -21,6 +21,3 @@ stillimage_result get_frame(stillimage_client& client, const comm_protocol::get_
 // Tells the worker which output size the next frames are for, unless it knows.
 stillimage_result set_output_size(stillimage_client& client, int32_t width, int32_t height,
                                   const deadline& until);
-
-// Gives the frame's hold back to the worker, which need not answer.
-void release_reference(stillimage_client& client, uint64_t reference);

@@ -1,5 +1,6 @@
 // Requests and their answers, and what comes in between: events, parts of the status document, and
 // frames whose caller has stopped waiting.
+#include <algorithm>
 #include <utility>
 
 #include "client/connection.h"
@@ -11,8 +12,10 @@ stillimage_result result_of(int32_t code)
 {
     switch (code) {
     case comm_protocol::VERSION_MISMATCH:
+    case comm_protocol::NOT_ALLOWED:
         return STILLIMAGE_ERROR_REFUSED;
     case comm_protocol::LIMIT:
+    case comm_protocol::SLOW_CLIENT:
         return STILLIMAGE_ERROR_LIMIT;
     case comm_protocol::NO_SUCH_FRAME:
     case comm_protocol::NO_SUCH_REFERENCE:
@@ -39,9 +42,14 @@ stillimage_result take_error(stillimage_client& client, const received_packet& p
     return fail(client, result_of(error.code), "the worker says: " + std::string(error.text));
 }
 
+// Changes that only the library itself has asked for stay inside it.
 void tell_handler(stillimage_client& client, uint32_t changes, const char* document)
 {
-    client.state.changes = changes;
+    const uint32_t wanted = changes & client.wanted_changes;
+    if (changes != 0 && wanted == 0) {
+        return;
+    }
+    client.state.changes = wanted;
     client.state.progress = client.progress.c_str();
     stillimage_event event = client.state;
     event.document = document;
@@ -56,8 +64,8 @@ void take_event(stillimage_client& client, const received_packet& packet)
 {
     comm_protocol::event event;
     if (comm_protocol::decode(packet.body, packet.size, &event)) {
-        client.state.percent = event.percent;
-        client.state.ready = event.ready;
+        client.state.percent = std::clamp(event.percent, -1, 100);
+        client.state.ready = std::clamp(event.ready, -1, 1);
         client.progress = event.progress;
         tell_handler(client, event.changes, nullptr);
     }
@@ -73,18 +81,15 @@ void take_document_part(stillimage_client& client, const received_packet& packet
 }
 
 // A frame that nobody waits for any more goes back; its descriptor is of use all the same.
-stillimage_result return_frame(stillimage_client& client, const received_packet& packet,
-                               const deadline& until)
+stillimage_result return_frame(stillimage_client& client, const received_packet& packet)
 {
     comm_protocol::frame frame;
     if (!comm_protocol::decode(packet.body, packet.size, &frame)) {
         return STILLIMAGE_OK;
     }
     keep_area(client, packet, frame);
-    return send_packet(
-        client,
-        comm_protocol::encode(++client.last_request, comm_protocol::release_frame{frame.reference}),
-        until);
+    release_reference(client, frame.reference);
+    return STILLIMAGE_OK;
 }
 
 bool is_unasked(const stillimage_client& client, const comm_protocol::packet_header& header)
@@ -106,23 +111,45 @@ document_progress add_document_part(const received_packet& packet, std::string* 
     if (part.offset == 0) {
         document->clear();
     }
-    if (part.offset != document->size() || part.text.size() > part.total - part.offset) {
+    if (part.offset != document->size() || part.text.size() > part.total - part.offset ||
+        (part.text.empty() && part.total != 0)) {
         return document_progress::BROKEN;
     }
     document->append(part.text);
     return document->size() == part.total ? document_progress::WHOLE : document_progress::MORE;
 }
 
-stillimage_result take_unasked(stillimage_client& client, received_packet& packet,
-                               const deadline& until)
+void release_reference(stillimage_client& client, uint64_t reference)
+{
+    client.unsent_releases.push_back(reference);
+    send_releases(client);
+}
+
+void send_releases(stillimage_client& client)
+{
+    const std::string error_before = client.last_error;
+    while (client.socket && !client.unsent_releases.empty()) {
+        const comm_protocol::release_frame message{client.unsent_releases.back()};
+        const auto packet = comm_protocol::encode(++client.last_request, message);
+        if (send_packet(client, packet, deadline(0)) != STILLIMAGE_OK) {
+            break;
+        }
+        client.unsent_releases.pop_back();
+    }
+    client.last_error = error_before;
+}
+
+stillimage_result take_unasked(stillimage_client& client, received_packet& packet)
 {
     if (packet.header.type == comm_protocol::EVENT) {
         take_event(client, packet);
     } else if (is_unasked(client, packet.header)) {
         take_document_part(client, packet);
+    } else if (packet.header.type == comm_protocol::ERROR && packet.header.request == 0) {
+        return take_error(client, packet); // why the worker is about to hang up
     } else if (client.abandoned_frames.erase(packet.header.request) != 0 &&
                packet.header.type == comm_protocol::FRAME) {
-        return return_frame(client, packet, until);
+        return return_frame(client, packet);
     }
     return STILLIMAGE_OK;
 }
@@ -139,7 +166,7 @@ stillimage_result await_answer(stillimage_client& client, uint64_t number,
         if (answer->header.request == number && !is_unasked(client, answer->header)) {
             break;
         }
-        result = take_unasked(client, *answer, until);
+        result = take_unasked(client, *answer);
         if (result != STILLIMAGE_OK) {
             return result;
         }
@@ -159,6 +186,7 @@ stillimage_result ask(stillimage_client& client, const comm_protocol::packet_byt
                       received_packet* answer)
 {
     const uint64_t number = client.last_request;
+    send_releases(client);
     const stillimage_result result = send_packet(client, request, until);
     return result == STILLIMAGE_OK ? await_answer(client, number, expected, until, answer) : result;
 }

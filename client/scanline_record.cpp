@@ -72,12 +72,16 @@ uint32_t rounded_up(uint32_t size, uint8_t shift)
     return halved(size, shift);
 }
 
-// The stride that has lost its upper bits: the smallest that holds a row.
+constexpr uint64_t most_padding = 15; // bytes behind a row that can push its stride beyond 16 bits
+
+// The stride that has lost its upper bits: the smallest that holds a row. Only the stride of a row
+// that nearly fills 16 bits can have lost any; that of another row comes back as it is.
 uint64_t rebuild_stride(uint64_t stored, uint64_t row)
 {
-    const uint64_t missing = stored < row ? (row - stored + cut - 1) / cut : 0;
-    const uint64_t stride = stored + missing * cut;
-    return stride != 0 ? stride : cut;
+    if (stored >= row || row + most_padding < cut) {
+        return stored;
+    }
+    return stored + (row - stored + cut - 1) / cut * cut;
 }
 
 class record_reader {
@@ -116,8 +120,20 @@ private:
         if (load(copy, format::at_buffer_number, 2) != message.buffer % cut) {
             return "it is about another buffer";
         }
+        if (load(copy, format::at_frame_number, 8) != message.frame_number) {
+            return "it is about another frame";
+        }
         picture->full_width = static_cast<uint32_t>(message.width);
         picture->full_height = static_cast<uint32_t>(message.height);
+        if (load(copy, format::at_full_width, 2) != picture->full_width % cut ||
+            load(copy, format::at_full_height, 2) != picture->full_height % cut) {
+            return "it is about a picture of another size";
+        }
+        return read_geometry();
+    }
+
+    const char* read_geometry()
+    {
         const auto level = find_level(copy, picture->full_width, picture->full_height);
         const auto x_shift = read_shift(copy, format::at_horizontal_masks);
         const auto y_shift = read_shift(copy, format::at_vertical_masks);
@@ -148,6 +164,12 @@ private:
         // Rows of reduced levels hold the rounded-down number of chroma samples for certain.
         const uint64_t row = std::max(picture->width >> x_shift, 1U);
         const uint64_t stride = rebuild_stride(load(copy, format::at_strides + 2 * index, 2), row);
+        if (stride == 0) {
+            return nullptr; // absent, whatever the offset says
+        }
+        if (stride < row) {
+            return "a row is longer than its stride";
+        }
         const uint32_t rows = rounded_up(picture->height, y_shift);
         const uint64_t width = std::min<uint64_t>(rounded_up(picture->width, x_shift), stride);
         return place_plane(plane, offset, stride, width, rows);

@@ -58,8 +58,8 @@ STILLIMAGE_API const char* stillimage_result_text(stillimage_result result);
 /* --- connection ------------------------------------------------------------------------------- */
 
 /* Connects to the worker at `socket_path` and greets it. A worker that is just starting is waited
- * for within the time limit. On failure *client is still made unless memory is short (then it is
- * null), so that stillimage_last_error can be asked; close it as any other. */
+ * for, 5 seconds at most and within the time limit. On failure *client is still made unless memory
+ * is short (then it is null), so that stillimage_last_error can be asked; close it as any other. */
 STILLIMAGE_API stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
                                                     stillimage_client** client);
 
@@ -105,7 +105,7 @@ typedef void (*stillimage_event_handler)(void* user, const stillimage_event* eve
 
 /* Asks for the changes in `mask`, 0 for none. The handler is called from inside stillimage_dispatch
  * and from any call that waits; it may not call back into the connection. The present state comes
- * as a first event. */
+ * as a first event, with changes 0. */
 STILLIMAGE_API stillimage_result stillimage_subscribe(stillimage_client* client, uint32_t mask,
                                                       stillimage_event_handler handler, void* user,
                                                       int timeout_ms);
@@ -174,7 +174,8 @@ typedef struct stillimage_descriptor_info {
 /* Gets the frame shown at `time_position` (in units of the item's time scale: 1/100 s for
  * animations, frames else), at the level that fits an output of wanted_width x wanted_height best;
  * 0 x 0 is the full size. Waits until the picture is ready, as long as the time limit allows; with
- * 0 it answers STILLIMAGE_ERROR_NOT_READY at once. */
+ * 0 a picture that is not ready is STILLIMAGE_ERROR_NOT_READY at once, and the worker has a
+ * second to answer. */
 STILLIMAGE_API stillimage_result stillimage_get_frame(stillimage_client* client,
                                                       uint64_t time_position, int32_t wanted_width,
                                                       int32_t wanted_height, int timeout_ms,

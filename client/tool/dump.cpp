@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include "client/tool/call.h"
 #include "client/tool/frame_json.h"
 #include "client/tool/output.h"
@@ -16,8 +18,10 @@ bool write_planes(const std::string& folder, const stillimage_picture& picture)
     const char* const names[STILLIMAGE_PLANES] = {"Y.raw", "U.raw", "V.raw", "A.raw"};
     for (int p = 0; p < STILLIMAGE_PLANES; ++p) {
         const uint64_t size = uint64_t{picture.stride[p]} * picture.plane_height[p];
-        if (picture.plane[p] != nullptr &&
-            !write_result(folder + "/" + names[p], bytes_of(picture.plane[p], size))) {
+        const std::string path = folder + "/" + names[p];
+        if (picture.plane[p] == nullptr) {
+            unlink(path.c_str()); // one of an earlier dump would be taken for this picture's
+        } else if (!write_result(path, bytes_of(picture.plane[p], size))) {
             return false;
         }
     }

@@ -11,11 +11,10 @@
 namespace {
 
 constexpr const char* description =
-    "Takes pictures from a stillimage worker.\n"
-    "\n"
     "    stillimage --file photo.jpg &\n"
     "    stillimage-client photo.jpg save preview.png --size 640x360\n"
     "\n"
+    "Takes pictures from a stillimage worker. "
     "SOCK is the worker's socket, or the picture that it serves at its default socket.";
 
 constexpr const char* statuses =

@@ -45,11 +45,12 @@ void convert_row(const stillimage_picture& picture, uint32_t row, uint32_t chann
     const uint8_t* U = row_of(picture, STILLIMAGE_U, chroma_row);
     const uint8_t* V = row_of(picture, STILLIMAGE_V, chroma_row);
     const uint8_t* A = row_of(picture, STILLIMAGE_A, row);
+    const uint32_t chroma_width =
+        std::min(picture.plane_width[STILLIMAGE_U], picture.plane_width[STILLIMAGE_V]);
+    const uint32_t last_column = chroma_width > 0 ? chroma_width - 1 : 0;
     for (uint32_t x = 0; x < picture.width; ++x, out += channels) {
-        const uint32_t c = U == nullptr ? 0
-                                        : std::min(x >> picture.chroma_x_shift,
-                                                   picture.plane_width[STILLIMAGE_U] - 1);
-        convert_pixel(Y[x], U == nullptr ? 128 : U[c], V == nullptr ? 128 : V[c], out);
+        const uint32_t column = std::min(x >> picture.chroma_x_shift, last_column);
+        convert_pixel(Y[x], U == nullptr ? 128 : U[column], V == nullptr ? 128 : V[column], out);
         if (channels == 4) {
             out[3] = A[x];
         }

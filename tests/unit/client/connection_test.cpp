@@ -1,0 +1,561 @@
+// The library against workers that behave, misbehave, fall silent and die.
+#include <chrono>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "client/stillimage_client.h"
+#include "tests/unit/client/fake_worker.h"
+
+namespace {
+
+using namespace comm_protocol;
+
+constexpr int patience_ms = 10'000; // never reached by a test that passes
+constexpr int silence_ms = 50;      // against workers that say nothing
+
+struct opened {
+    explicit opened(const std::string& path, int timeout_ms = patience_ms)
+        : result(stillimage_connect(path.c_str(), timeout_ms, &client))
+    {
+    }
+    opened(const opened&) = delete;
+    opened& operator=(const opened&) = delete;
+    ~opened() { stillimage_close(client); }
+
+    stillimage_result get(stillimage_frame** frame, int timeout_ms = patience_ms) const
+    {
+        return stillimage_get_frame(client, 0, 0, 0, timeout_ms, frame);
+    }
+    std::string error() const { return stillimage_last_error(client); }
+
+    stillimage_client* client = nullptr;
+    stillimage_result result;
+};
+
+// What a client that asks for a frame of this worker is told.
+std::string frame_error(const std::function<void(fake_peer&)>& script, stillimage_result expected)
+{
+    const fake_worker worker([&](fake_peer& peer) {
+        peer.greet();
+        script(peer);
+    });
+    const opened connection(worker.path());
+    EXPECT_EQ(connection.result, STILLIMAGE_OK) << connection.error();
+    stillimage_frame* frame = nullptr;
+    EXPECT_EQ(connection.get(&frame), expected) << connection.error();
+    EXPECT_EQ(frame, nullptr);
+    return connection.error();
+}
+
+// ... that answers with the sample and this descriptor.
+std::string descriptor_error(const frame_sample& sample, int descriptor, stillimage_result expected)
+{
+    const std::string text = frame_error(
+        [&](fake_peer& peer) {
+            peer.serve_frame(sample, descriptor);
+            peer.await_end();
+        },
+        expected);
+    close(descriptor);
+    return text;
+}
+
+// --- connecting ----------------------------------------------------------------------------------
+
+TEST(ClientConnection, GreetingTellsTheWorkersProcess)
+{
+    const fake_worker worker([](fake_peer& peer) {
+        peer.greet();
+        peer.await_end();
+    });
+    const opened connection(worker.path());
+    ASSERT_EQ(connection.result, STILLIMAGE_OK) << connection.error();
+    EXPECT_EQ(stillimage_worker_pid(connection.client), 4321);
+    EXPECT_GE(stillimage_descriptor(connection.client), 0);
+    EXPECT_EQ(connection.error(), "");
+}
+
+TEST(ClientConnection, NobodyThereIsToldWithThePath)
+{
+    const temporary_folder folder;
+    const std::string path = folder.path("missing");
+    const opened connection(path, 0);
+    EXPECT_EQ(connection.result, STILLIMAGE_ERROR_NO_WORKER);
+    EXPECT_EQ(connection.error(), "no worker serves at " + path + ": there is no such socket");
+    EXPECT_EQ(stillimage_descriptor(connection.client), -1);
+    const opened file(folder.write("file", "x"), 0);
+    EXPECT_EQ(file.result, STILLIMAGE_ERROR_NO_WORKER);
+    EXPECT_EQ(file.error(), "no worker serves at " + folder.path("file") + ": Connection refused");
+}
+
+TEST(ClientConnection, PathThatIsNoSocketPathIsRefused)
+{
+    EXPECT_EQ(opened("").result, STILLIMAGE_ERROR_ARGUMENT);
+    const std::string path(108, 'x');
+    const opened connection(path);
+    EXPECT_EQ(connection.result, STILLIMAGE_ERROR_ARGUMENT);
+    EXPECT_EQ(connection.error(), "not a socket path of 1 to 107 bytes: " + path);
+}
+
+TEST(ClientConnection, OtherMajorVersionIsRefused)
+{
+    const fake_worker worker([](fake_peer& peer) {
+        packet_bytes answer = encode(peer.next().request, error{VERSION_MISMATCH, "no"});
+        answer[4] = 2;
+        peer.send(answer);
+        peer.await_end();
+    });
+    const opened connection(worker.path());
+    EXPECT_EQ(connection.result, STILLIMAGE_ERROR_REFUSED);
+    EXPECT_EQ(connection.error(),
+              "the worker speaks version 2 of the protocol, this library version 1");
+}
+
+TEST(ClientConnection, RefusalBeforeTheGreetingIsReadThoughTheWorkerHungUp)
+{
+    const fake_worker worker([](fake_peer& peer) {
+        peer.send(encode(0, error{NOT_ALLOWED, "the process of another user"}));
+        peer.hang_up();
+    });
+    const opened connection(worker.path());
+    EXPECT_EQ(connection.result, STILLIMAGE_ERROR_REFUSED);
+    EXPECT_EQ(connection.error(), "the worker says: the process of another user");
+}
+
+TEST(ClientConnection, SilentWorkerMeetsTheTimeLimit)
+{
+    const fake_worker worker([](fake_peer& peer) { peer.await_end(); });
+    const opened connection(worker.path(), silence_ms);
+    EXPECT_EQ(connection.result, STILLIMAGE_ERROR_TIMEOUT);
+    EXPECT_EQ(connection.error(), "the worker did not answer in time");
+}
+
+TEST(ClientConnection, MalformedPacketsEndTheConnection)
+{
+    const packet_bytes sound = encode(1, hello_answer{1, 2, 0});
+    packet_bytes other_magic = sound;
+    other_magic[0] ^= 1U;
+    const packet_bytes half(sound.begin(), sound.begin() + 12);
+    const packet_bytes without_body(sound.begin(), sound.begin() + 30);
+    const packet_bytes too_large(max_packet_size + 1, 0);
+    for (const packet_bytes& packet : {other_magic, half, without_body, too_large}) {
+        const fake_worker worker([&](fake_peer& peer) {
+            peer.next();
+            peer.send(packet);
+            peer.await_end();
+        });
+        const opened connection(worker.path());
+        EXPECT_EQ(connection.result, STILLIMAGE_ERROR_PROTOCOL);
+        EXPECT_EQ(connection.error(), packet.size() > max_packet_size
+                                          ? "the worker sent a packet that is too large"
+                                          : "the worker sent a malformed packet");
+        EXPECT_EQ(stillimage_descriptor(connection.client), -1);
+        EXPECT_EQ(stillimage_ping(connection.client, patience_ms), STILLIMAGE_ERROR_NO_WORKER);
+    }
+}
+
+TEST(ClientConnection, FloodOfNewsDoesNotOutlastTheTimeLimit)
+{
+    const fake_worker worker([](fake_peer& peer) {
+        peer.greet();
+        while (peer.send(encode(99, event{0, 1, 0, "flood"}))) {
+        }
+    });
+    const opened connection(worker.path());
+    ASSERT_EQ(connection.result, STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_ping(connection.client, silence_ms), STILLIMAGE_ERROR_TIMEOUT);
+    EXPECT_EQ(stillimage_dispatch(connection.client, 0), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_wait_ready(connection.client, 0, silence_ms), STILLIMAGE_ERROR_TIMEOUT);
+}
+
+// --- frames --------------------------------------------------------------------------------------
+
+TEST(ClientFrame, StaysReadableWhenWorkerAndConnectionAreGone)
+{
+    const frame_sample sample({.alpha = true});
+    stillimage_frame* frame = nullptr;
+    {
+        const fake_worker worker([&](fake_peer& peer) {
+            const int memory = sealed_memory(sample.area);
+            peer.greet();
+            peer.serve_frame(sample, memory);
+            close(memory);
+        });
+        const opened connection(worker.path());
+        ASSERT_EQ(connection.get(&frame), STILLIMAGE_OK) << connection.error();
+    }
+    const stillimage_picture& picture = *stillimage_frame_picture(frame);
+    for (size_t p = 0; p < STILLIMAGE_PLANES; ++p) {
+        const size_t size = size_t{picture.stride[p]} * picture.plane_height[p];
+        EXPECT_EQ(memcmp(picture.plane[p], sample.area.data() + sample.offsets[p], size), 0);
+    }
+    const stillimage_descriptor_info& info = *stillimage_frame_descriptor(frame);
+    EXPECT_EQ(info.buffer, 7);
+    EXPECT_EQ(info.area_size, sample.area.size());
+    EXPECT_EQ(info.scanline_size, 197);
+    EXPECT_EQ(memcmp(info.scanline, sample.record(), 197), 0);
+    EXPECT_EQ(memcmp(info.area, sample.area.data(), sample.area.size()), 0);
+    stillimage_frame_release(frame);
+}
+
+TEST(ClientFrame, MappingIsSharedAndReleasesReachTheWorker)
+{
+    const frame_sample sample;
+    int releases = 0;
+    {
+        const fake_worker worker([&](fake_peer& peer) {
+            const int memory = sealed_memory(sample.area);
+            peer.greet();
+            peer.serve_frame(sample, memory);
+            peer.serve_frame(sample, -1);
+            close(memory);
+            while (peer.next().type == RELEASE_FRAME) {
+                ++releases;
+            }
+        });
+        const opened connection(worker.path());
+        stillimage_frame* first = nullptr;
+        stillimage_frame* second = nullptr;
+        ASSERT_EQ(connection.get(&first), STILLIMAGE_OK) << connection.error();
+        ASSERT_EQ(connection.get(&second), STILLIMAGE_OK) << connection.error();
+        EXPECT_EQ(stillimage_frame_picture(first)->plane[0],
+                  stillimage_frame_picture(second)->plane[0]);
+        stillimage_frame_release(first);
+        stillimage_frame_release(second);
+    }
+    EXPECT_EQ(releases, 2);
+}
+
+TEST(ClientFrame, DescriptorThatIsNoBufferIsRefused)
+{
+    const frame_sample sample;
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(descriptor_error(sample, ends[0], STILLIMAGE_ERROR_RECORD),
+              "the buffer's descriptor is not a regular file");
+    close(ends[1]);
+    std::vector<unsigned char> cut = sample.area;
+    cut.pop_back();
+    EXPECT_EQ(descriptor_error(sample, sealed_memory(cut), STILLIMAGE_ERROR_RECORD),
+              "the buffer is shorter than the worker says");
+    EXPECT_EQ(descriptor_error(sample, sealed_memory({}), STILLIMAGE_ERROR_RECORD),
+              "the buffer is shorter than the worker says");
+    EXPECT_EQ(descriptor_error(sample, unsealed_memory(sample.area), STILLIMAGE_ERROR_RECORD),
+              "the buffer is not sealed against shrinking");
+    const temporary_folder folder;
+    const std::string file = folder.write("file", std::string(sample.area.size(), 'x'));
+    EXPECT_EQ(
+        descriptor_error(sample, open(file.c_str(), O_RDONLY | O_CLOEXEC), STILLIMAGE_ERROR_RECORD),
+        "the buffer is not sealed against shrinking");
+    const auto without = [&](fake_peer& peer) {
+        peer.serve_frame(sample, -1);
+        peer.await_end();
+    };
+    EXPECT_EQ(frame_error(without, STILLIMAGE_ERROR_PROTOCOL), "the worker sent no buffer");
+}
+
+TEST(ClientFrame, RecordThatDoesNotFitIsRefused)
+{
+    const std::string prefix = "the picture's description in shared memory is not valid: ";
+    const auto refusal = [&](const std::function<void(frame_sample&)>& work) {
+        frame_sample sample;
+        work(sample);
+        return descriptor_error(sample, sealed_memory(sample.area), STILLIMAGE_ERROR_RECORD);
+    };
+    const std::string outside = prefix + "it does not lie inside the shared area";
+    EXPECT_EQ(refusal([](auto& s) { s.message.scanline_offset += 1; }), outside);
+    EXPECT_EQ(refusal([](auto& s) { s.message.scanline_offset = UINT64_MAX; }), outside);
+    EXPECT_EQ(refusal([](auto& s) { s.message.base_offset = UINT64_MAX; }), outside);
+    EXPECT_EQ(refusal([](auto& s) { s.message.scanline_size = 65537; }), outside);
+    EXPECT_EQ(refusal([](auto& s) { s.message.scanline_size = 0; }), prefix + "it is not whole");
+    EXPECT_EQ(refusal([](auto& s) { s.put(0, 1, 0); }), prefix + "it is not whole");
+    EXPECT_EQ(refusal([](auto& s) { s.message.width = 0; }), prefix + "the picture has no size");
+}
+
+TEST(ClientFrame, ErrorsOfTheWorkerBecomeResults)
+{
+    const std::pair<error_code, stillimage_result> pairs[] = {
+        {BAD_PACKET, STILLIMAGE_ERROR_PROTOCOL},
+        {UNSUPPORTED, STILLIMAGE_ERROR_PROTOCOL},
+        {VERSION_MISMATCH, STILLIMAGE_ERROR_REFUSED},
+        {NOT_ALLOWED, STILLIMAGE_ERROR_REFUSED},
+        {LIMIT, STILLIMAGE_ERROR_LIMIT},
+        {SLOW_CLIENT, STILLIMAGE_ERROR_LIMIT},
+        {NO_SUCH_FRAME, STILLIMAGE_ERROR_NO_FRAME},
+        {NO_SUCH_REFERENCE, STILLIMAGE_ERROR_NO_FRAME},
+        {NO_MEMORY, STILLIMAGE_ERROR_SYSTEM},
+        {REFUSED_VALUE, STILLIMAGE_ERROR_VALUE},
+        {NOT_READY, STILLIMAGE_ERROR_NOT_READY},
+        {GOING_DOWN, STILLIMAGE_ERROR_NO_WORKER}};
+    for (const auto& [code, result] : pairs) {
+        const auto answer = [code = code](fake_peer& peer) {
+            peer.send(encode(peer.next(GET_FRAME).request, error{code, "reason"}));
+            peer.await_end();
+        };
+        EXPECT_EQ(frame_error(answer, result), "the worker says: reason") << code;
+    }
+}
+
+TEST(ClientFrame, FrameThatComesTooLateGoesBack)
+{
+    const frame_sample sample;
+    uint64_t returned = 0;
+    {
+        const fake_worker worker([&](fake_peer& peer) {
+            const int memory = sealed_memory(sample.area);
+            peer.greet();
+            const packet_header wanted = peer.next(GET_FRAME);
+            const packet_header ping_packet = peer.next(PING); // after the client gave up
+            peer.send_with_descriptor(encode(wanted.request, sample.message), memory);
+            close(memory);
+            peer.send(encode_ping(ping_packet.request, PONG, {}));
+            if (peer.next().type == RELEASE_FRAME) {
+                returned = peer.request[packet_header_size];
+            }
+            peer.serve_frame(sample, -1); // the descriptor came with the late one
+            peer.await_end();
+        });
+        const opened connection(worker.path());
+        stillimage_frame* frame = nullptr;
+        EXPECT_EQ(connection.get(&frame, silence_ms), STILLIMAGE_ERROR_TIMEOUT);
+        EXPECT_EQ(stillimage_ping(connection.client, patience_ms), STILLIMAGE_OK);
+        EXPECT_EQ(connection.get(&frame), STILLIMAGE_OK) << connection.error();
+        stillimage_frame_release(frame);
+    }
+    EXPECT_EQ(returned, sample.message.reference);
+}
+
+TEST(ClientFrame, SizeIsToldOnceAndAgainWhenItsAnswerWasMissed)
+{
+    const frame_sample sample;
+    std::vector<uint16_t> types;
+    {
+        const fake_worker worker([&](fake_peer& peer) {
+            peer.greet();
+            for (packet_header header = peer.next(); header.type != 0; header = peer.next()) {
+                types.push_back(header.type);
+                if (types.size() > 1) { // the first is not answered
+                    peer.send(header.type == GET_FRAME
+                                  ? encode(header.request, error{NOT_READY, ""})
+                                  : encode_empty(header.request, DONE));
+                }
+            }
+        });
+        const opened connection(worker.path());
+        stillimage_frame* frame = nullptr;
+        stillimage_client* client = connection.client;
+        EXPECT_EQ(stillimage_get_frame(client, 0, 64, 32, silence_ms, &frame),
+                  STILLIMAGE_ERROR_TIMEOUT);
+        for (const int width : {0, -1, 64, 64}) {
+            EXPECT_EQ(stillimage_get_frame(client, 0, width, 32, patience_ms, &frame),
+                      STILLIMAGE_ERROR_NOT_READY);
+        }
+    }
+    const std::vector<uint16_t> expected = {SET_OUTPUT_SIZE, SET_OUTPUT_SIZE, GET_FRAME, GET_FRAME,
+                                            SET_OUTPUT_SIZE, GET_FRAME,       GET_FRAME};
+    EXPECT_EQ(types, expected);
+}
+
+TEST(ClientFrame, WaitingIsAskedForUnlessTheLimitIsNothing)
+{
+    std::vector<int> flags;
+    {
+        const fake_worker worker([&](fake_peer& peer) {
+            peer.greet();
+            for (int i = 0; i < 2; ++i) {
+                const packet_header header = peer.next(GET_FRAME);
+                flags.push_back(peer.request[packet_header_size + 8]);
+                peer.send(encode(header.request, error{NOT_READY, ""}));
+            }
+        });
+        const opened connection(worker.path());
+        stillimage_frame* frame = nullptr;
+        connection.get(&frame, 0);
+        connection.get(&frame);
+    }
+    EXPECT_EQ(flags, (std::vector<int>{0, 1}));
+}
+
+// --- the end of a worker -------------------------------------------------------------------------
+
+TEST(ClientConnection, WorkerThatDiesInAnyCallIsGoneAndNothingLeaks)
+{
+    constexpr int rounds = 300;
+    const frame_sample sample;
+    int step = 0;
+    const fake_worker worker([&](fake_peer& peer) {
+        const int memory = sealed_memory(sample.area);
+        if (step % 3 > 0) {
+            peer.greet();
+        }
+        if (step % 3 > 1) {
+            peer.serve_frame(sample, memory);
+        }
+        close(memory);
+        ++step;
+    });
+    const size_t before = open_descriptors();
+    for (int i = 0; i < rounds; ++i) {
+        const opened connection(worker.path());
+        stillimage_frame* frame = nullptr;
+        const stillimage_result got = connection.get(&frame);
+        char* json = nullptr;
+        EXPECT_EQ(stillimage_get_status(connection.client, patience_ms, &json),
+                  STILLIMAGE_ERROR_NO_WORKER);
+        EXPECT_EQ(json, nullptr);
+        EXPECT_EQ(stillimage_quit(connection.client, patience_ms), STILLIMAGE_ERROR_NO_WORKER);
+        EXPECT_EQ(connection.error(), "the worker has gone");
+        EXPECT_TRUE(got == STILLIMAGE_OK || got == STILLIMAGE_ERROR_NO_WORKER);
+        stillimage_frame_release(frame);
+    }
+    // One connection of the worker may still be on its way out.
+    EXPECT_LE(open_descriptors(), before + 2);
+    EXPECT_GE(step, rounds - 1);
+}
+
+// --- status and changes --------------------------------------------------------------------------
+
+std::string status_of(const std::vector<status_part>& parts, stillimage_result expected)
+{
+    const fake_worker worker([&](fake_peer& peer) {
+        peer.greet();
+        const packet_header header = peer.next(GET_STATUS);
+        for (const status_part& part : parts) {
+            peer.send(encode(header.request, part));
+        }
+        peer.await_end();
+    });
+    const opened connection(worker.path());
+    char* json = nullptr;
+    EXPECT_EQ(stillimage_get_status(connection.client, patience_ms, &json), expected);
+    const std::string text = json != nullptr ? json : connection.error();
+    stillimage_free(json);
+    return text;
+}
+
+TEST(ClientStatus, PartsAreJoined)
+{
+    EXPECT_EQ(status_of({{7, 0, "{\"a"}, {7, 3, "\":1}"}}, STILLIMAGE_OK), "{\"a\":1}");
+    EXPECT_EQ(status_of({{0, 0, ""}}, STILLIMAGE_OK), "");
+}
+
+TEST(ClientStatus, BrokenPartsAreRefused)
+{
+    const std::string broken = "the worker sent a broken document";
+    EXPECT_EQ(status_of({{7, 1, "abc"}}, STILLIMAGE_ERROR_PROTOCOL), broken);
+    EXPECT_EQ(status_of({{2, 0, "abc"}}, STILLIMAGE_ERROR_PROTOCOL), broken);
+    EXPECT_EQ(status_of({{7, 0, "abc"}, {7, 4, "e"}}, STILLIMAGE_ERROR_PROTOCOL), broken);
+    EXPECT_EQ(status_of({{7, 0, ""}}, STILLIMAGE_ERROR_PROTOCOL), broken);
+    EXPECT_EQ(status_of({{(16U << 20U) + 1, 0, "abc"}}, STILLIMAGE_ERROR_PROTOCOL), broken);
+}
+
+struct seen_events {
+    std::string text;
+    stillimage_client* client = nullptr;
+};
+
+void note_event(void* user, const stillimage_event* event)
+{
+    auto* seen = static_cast<seen_events*>(user);
+    seen->text += std::to_string(event->changes) + "/" + std::to_string(event->percent) + "/" +
+                  std::to_string(event->ready) + "/" + event->progress +
+                  (event->document != nullptr ? event->document : "") + " ";
+    EXPECT_EQ(stillimage_ping(seen->client, 0), STILLIMAGE_ERROR_ARGUMENT);
+}
+
+TEST(ClientChanges, HandlerHearsWhatItAskedForAndReadinessIsStillNoticed)
+{
+    uint32_t mask = 0;
+    const fake_worker worker([&](fake_peer& peer) {
+        peer.greet();
+        const uint64_t number = peer.next(SUBSCRIBE).request;
+        mask = peer.request[packet_header_size];
+        peer.send(encode_empty(number, DONE));
+        peer.send(encode(number, event{0, 5, 0, "begun"}));
+        peer.send(encode(number, status_part{2, 0, "{"}));
+        peer.send(encode(number, status_part{2, 1, "}"}));
+        peer.send(encode(number, event{change_provisional, 50, -1, "half"}));
+        peer.send(encode(number, event{change_ready, 900, 7, "done"}));
+        peer.await_end();
+    });
+    const opened connection(worker.path());
+    seen_events seen;
+    seen.client = connection.client;
+    ASSERT_EQ(stillimage_subscribe(seen.client, STILLIMAGE_CHANGE_DOCUMENT, note_event, &seen,
+                                   patience_ms),
+              STILLIMAGE_OK);
+    EXPECT_EQ(mask, change_document | change_ready | change_provisional);
+    EXPECT_EQ(stillimage_wait_ready(seen.client, 1, patience_ms), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_wait_ready(seen.client, 0, patience_ms), STILLIMAGE_OK);
+    EXPECT_EQ(seen.text, "0/5/0/begun 64/5/0/begun{} ");
+}
+
+TEST(ClientChanges, WaitingForReadinessEndsWithTheLimitOrTheWorker)
+{
+    const fake_worker worker([](fake_peer& peer) {
+        peer.greet();
+        const uint64_t number = peer.next(SUBSCRIBE).request;
+        peer.send(encode_empty(number, DONE));
+        peer.send(encode(number, event{0, 5, -1, ""}));
+        peer.next(); // the ping
+    });
+    const opened connection(worker.path());
+    EXPECT_EQ(stillimage_wait_ready(connection.client, 1, patience_ms), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_wait_ready(connection.client, 0, silence_ms), STILLIMAGE_ERROR_TIMEOUT);
+    EXPECT_EQ(stillimage_ping(connection.client, patience_ms), STILLIMAGE_ERROR_NO_WORKER);
+    EXPECT_EQ(stillimage_wait_ready(connection.client, 0, -1), STILLIMAGE_ERROR_NO_WORKER);
+}
+
+// --- arguments -----------------------------------------------------------------------------------
+
+TEST(ClientArguments, NullIsRefusedOrHarmless)
+{
+    stillimage_client* client = nullptr;
+    EXPECT_EQ(stillimage_connect(nullptr, 0, &client), STILLIMAGE_ERROR_ARGUMENT);
+    EXPECT_EQ(stillimage_connect("x", 0, nullptr), STILLIMAGE_ERROR_ARGUMENT);
+    EXPECT_EQ(stillimage_ping(nullptr, 0), STILLIMAGE_ERROR_ARGUMENT);
+    EXPECT_EQ(stillimage_descriptor(nullptr), -1);
+    EXPECT_EQ(stillimage_worker_pid(nullptr), 0);
+    EXPECT_STREQ(stillimage_last_error(nullptr), "");
+    EXPECT_EQ(stillimage_frame_picture(nullptr)->width, 0);
+    EXPECT_EQ(stillimage_frame_descriptor(nullptr)->buffer, 0);
+    stillimage_close(nullptr);
+    stillimage_frame_release(nullptr);
+    stillimage_free(nullptr);
+}
+
+TEST(ClientArguments, MetadataOfTheWrongLengthIsNotSent)
+{
+    const fake_worker worker([](fake_peer& peer) {
+        peer.greet();
+        peer.next(SET_METADATA);
+        peer.await_end();
+    });
+    const opened connection(worker.path());
+    const auto set = [&](size_t name, size_t value) {
+        return stillimage_set_metadata(connection.client, std::string(name, 'n').c_str(),
+                                       std::string(value, 'v').c_str(), silence_ms);
+    };
+    EXPECT_EQ(set(257, 1), STILLIMAGE_ERROR_ARGUMENT);
+    EXPECT_EQ(connection.error(),
+              "a name of at most 256 bytes and a value of at most 16384 are needed");
+    EXPECT_EQ(set(1, 16385), STILLIMAGE_ERROR_ARGUMENT);
+    EXPECT_EQ(set(256, 16384), STILLIMAGE_ERROR_TIMEOUT);
+}
+
+TEST(ClientResults, EachHasAText)
+{
+    for (int result = STILLIMAGE_ERROR_LIMIT; result <= STILLIMAGE_OK; ++result) {
+        EXPECT_STRNE(stillimage_result_text(static_cast<stillimage_result>(result)),
+                     "unknown result");
+    }
+    EXPECT_STREQ(stillimage_result_text(STILLIMAGE_OK), "done");
+    EXPECT_STREQ(stillimage_result_text(static_cast<stillimage_result>(-12)), "unknown result");
+    EXPECT_EQ(stillimage_client_version(), 0x10000);
+}
+
+} // namespace

@@ -1,0 +1,74 @@
+// A frame as a client meets it: the worker's message and its record, both from the input. Whatever is
+// accepted can be read sample by sample, and turned into every kind of file.
+//
+// Input: the body of a FRAME packet (80 bytes), its scanline size and area size cut to what there is;
+// the record's area; then the bytes of the planes.
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "client/scanline_record.h"
+#include "client/tool/picture_files.h"
+
+namespace {
+
+constexpr size_t body_size = 80;
+constexpr uint64_t most_samples = 1 << 16; // of pictures that are converted
+
+// Sums up every sample, so that none is left unread.
+uint32_t read_planes(const stillimage_picture& picture)
+{
+    uint32_t sum = 0;
+    for (size_t p = 0; p < STILLIMAGE_PLANES; ++p) {
+        for (uint32_t y = 0; y < picture.plane_height[p]; ++y) {
+            const uint8_t* row = picture.plane[p] + uint64_t{y} * picture.stride[p];
+            for (uint32_t x = 0; x < picture.stride[p]; ++x) {
+                sum += row[x];
+            }
+        }
+        if (picture.plane_width[p] > picture.stride[p]) {
+            abort();
+        }
+    }
+    return sum;
+}
+
+void convert(const stillimage_picture& picture)
+{
+    if (uint64_t{picture.width} * picture.height <= most_samples) {
+        png_file(picture);
+        ppm_file(picture);
+        y4m_file(picture);
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    comm_protocol::frame message;
+    if (!comm_protocol::decode(data, std::min(size, body_size), &message)) {
+        return 0;
+    }
+    const uint8_t* rest = data + body_size;
+    const size_t left = size - body_size;
+    // What a client has checked before it looks at the record.
+    message.scanline_size = std::min<uint64_t>(message.scanline_size, left);
+    message.area_size = std::min<uint64_t>(message.area_size, left);
+    const auto area = std::make_unique<uint8_t[]>(message.area_size);
+    std::copy_n(rest, message.area_size, area.get());
+    stillimage_picture picture;
+    std::string reason;
+    if (describe_picture(rest, message.scanline_size, message, area.get(), &picture, &reason)) {
+        volatile uint32_t sum = read_planes(picture);
+        static_cast<void>(sum);
+        convert(picture);
+    } else if (reason.empty()) {
+        abort();
+    }
+    return 0;
+}

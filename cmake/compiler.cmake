@@ -58,7 +58,7 @@ if(STILLIMAGE_FUZZ)
     add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
-# An installed program finds the libraries beside it, wherever the whole is put.
 include(GNUInstallDirs)
-set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+
+# A library that was found outside the system's folders is found there after installation, too.
 set(CMAKE_INSTALL_RPATH_USE_LINK_PATH ON)

@@ -1,5 +1,5 @@
 add_fuzz_target(metadata metadata_fuzz.cpp LIBRARIES platform_metadata)
-add_fuzz_target(jpeg jpeg_fuzz.cpp LIBRARIES stillimage_decode caught_abort scripted_platform)
+add_fuzz_target(jpeg jpeg_fuzz.cpp LIBRARIES stillimage_decode stillimage_framebuffer stillimage_examine caught_abort scripted_platform)
 add_fuzz_target(packet packet_fuzz.cpp LIBRARIES clients_on_plain_item)
 add_fuzz_target(identify identify_fuzz.cpp LIBRARIES stillimage_examine scripted_platform)
 add_fuzz_target(examine examine_fuzz.cpp LIBRARIES stillimage_examine failing_calls scripted_platform)

@@ -17,6 +17,7 @@
 #ifndef STILLIMAGE_CLIENT_H
 #define STILLIMAGE_CLIENT_H
 
+/* NOLINTBEGIN(modernize-*): C as well */
 #include <stddef.h>
 #include <stdint.h>
 
@@ -211,5 +212,6 @@ STILLIMAGE_API stillimage_result stillimage_ping(stillimage_client* client, int 
 #ifdef __cplusplus
 }
 #endif
+/* NOLINTEND(modernize-*) */
 
 #endif

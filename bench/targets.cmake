@@ -7,3 +7,28 @@ add_benchmark(pyramid_bench pyramid_bench.cpp LIBRARIES stillimage_framebuffer s
 add_benchmark(first_touch_bench first_touch_bench.cpp LIBRARIES platform_cnb)
 add_benchmark(access_cache_bench access_cache_bench.cpp LIBRARIES platform_cnb)
 add_benchmark(rescale_bench rescale_bench.cpp LIBRARIES stillimage_decode)
+
+# The worker against the codec library alone. bench/floor/setup builds the plain library first.
+set(floor_jpeg "${PROJECT_SOURCE_DIR}/.deps/floor")
+if(EXISTS "${floor_jpeg}/lib/libjpeg.a")
+    add_executable(jpeg_floor floor/jpeg_floor.c)
+    target_include_directories(jpeg_floor PRIVATE "${floor_jpeg}/include")
+    target_link_libraries(jpeg_floor PRIVATE "${floor_jpeg}/lib/libjpeg.a" stillimage_warnings)
+    add_executable(empty_program floor/empty.cpp)
+    target_link_libraries(empty_program PRIVATE stillimage_warnings stillimage_examine)
+    target_link_options(empty_program PRIVATE LINKER:--no-as-needed)
+    add_library(large_jpegs STATIC large_jpegs.cpp)
+    target_link_libraries(large_jpegs PUBLIC jpeg_writer)
+    add_library(timed_process STATIC timed_process.cpp)
+    target_link_libraries(timed_process PUBLIC stillimage_headers)
+    add_benchmark(compare compare.cpp LIBRARIES large_jpegs timed_process test_files)
+    target_compile_definitions(compare PRIVATE
+        STILLIMAGE_PROGRAM="$<TARGET_FILE:stillimage>"
+        JPEG_FLOOR="$<TARGET_FILE:jpeg_floor>"
+        EMPTY_PROGRAM="$<TARGET_FILE:empty_program>"
+        EXAMPLE_PICTURE="${PROJECT_SOURCE_DIR}/examples/harvesters.jpeg"
+        PICTURE_FOLDER="${CMAKE_CURRENT_BINARY_DIR}/pictures")
+    add_dependencies(compare stillimage jpeg_floor empty_program)
+else()
+    message(STATUS "bench/floor/setup was not run: no comparison with the library alone")
+endif()

@@ -1,0 +1,78 @@
+// The least that a decoder of JPEG pictures can cost: the library alone, with the worker's settings,
+// delivers all raw component rows into one small buffer that is used again for each row group.
+//
+//   jpeg_floor FILE     prints its private memory in kilobytes when the last row is there
+//
+// Linked to a libjpeg 9 of its own, built with plain -O2 (bench/floor/setup).
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <jpeglib.h>
+
+enum { most_rows = 64, most_components = 4 };
+
+static void print_private_memory(void)
+{
+    FILE* map = fopen("/proc/self/smaps_rollup", "r");
+    char line[256];
+    long total = 0;
+    long kilobytes = 0;
+    while (map != NULL && fgets(line, sizeof(line), map) != NULL) {
+        if (sscanf(line, "Private_Clean: %ld", &kilobytes) == 1 ||
+            sscanf(line, "Private_Dirty: %ld", &kilobytes) == 1) {
+            total += kilobytes;
+        }
+    }
+    printf("%ld\n", total);
+}
+
+// Raw rows of the picture's own components, as the worker asks for them: no colour conversion, no
+// upsampling.
+static void choose_settings(struct jpeg_decompress_struct* cinfo)
+{
+    cinfo->out_color_space = cinfo->jpeg_color_space;
+    cinfo->raw_data_out = TRUE;
+    cinfo->do_fancy_upsampling = FALSE;
+}
+
+static void read_all_rows(struct jpeg_decompress_struct* cinfo)
+{
+    static JSAMPROW rows[most_components][most_rows];
+    JSAMPARRAY components[most_components];
+    const size_t width = (size_t)cinfo->output_width + 64;
+    for (int i = 0; i < most_components; ++i) {
+        components[i] = rows[i];
+        for (int y = 0; y < most_rows; ++y) {
+            rows[i][y] = y < 16 ? malloc(width) : rows[i][y % 16];
+        }
+    }
+    while (cinfo->output_scanline < cinfo->output_height) {
+        if (jpeg_read_raw_data(cinfo, components, most_rows) == 0) {
+            exit(EXIT_FAILURE);
+        }
+    }
+}
+
+int main(int argc, char** argv)
+{
+    struct jpeg_decompress_struct cinfo;
+    struct jpeg_error_mgr errors;
+    FILE* file = argc == 2 ? fopen(argv[1], "rb") : NULL;
+    if (file == NULL) {
+        fprintf(stderr, "usage: jpeg_floor FILE\n");
+        return EXIT_FAILURE;
+    }
+    memset(&cinfo, 0, sizeof(cinfo));
+    cinfo.err = jpeg_std_error(&errors);
+    jpeg_create_decompress(&cinfo);
+    jpeg_stdio_src(&cinfo, file);
+    jpeg_read_header(&cinfo, TRUE);
+    choose_settings(&cinfo);
+    jpeg_start_decompress(&cinfo);
+    read_all_rows(&cinfo);
+    print_private_memory();
+    jpeg_finish_decompress(&cinfo);
+    jpeg_destroy_decompress(&cinfo);
+    return EXIT_SUCCESS;
+}

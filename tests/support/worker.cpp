@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,6 +65,19 @@ std::vector<std::string> child_environment(const worker_home& home,
         }
     }
     return result;
+}
+
+void use_as_standard_descriptors(int fd)
+{
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        dup2(fd, standard);
+    }
+}
+
+void limit_address_space(uint64_t bytes)
+{
+    const rlimit limit = {bytes, bytes};
+    setrlimit(RLIMIT_AS, &limit);
 }
 
 [[noreturn]] void become_program(const char* program, std::vector<std::string> arguments,
@@ -148,8 +162,14 @@ void worker::start(const worker_home& home, const setting& how)
         return;
     }
     redirect(stderr_path_, STDERR_FILENO);
+    if (how.standard_fd >= 0) {
+        use_as_standard_descriptors(how.standard_fd);
+    }
     if (how.stderr_closed) {
         close(STDERR_FILENO);
+    }
+    if (how.address_space != 0) {
+        limit_address_space(how.address_space);
     }
     if (!how.working_folder.empty() && chdir(how.working_folder.c_str()) != 0) {
         _exit(126);
@@ -213,6 +233,14 @@ size_t worker::resident_kilobytes() const
         }
     }
     return 0;
+}
+
+uint64_t worker::processor_time_us() const
+{
+    std::ifstream schedule("/proc/" + std::to_string(pid_) + "/schedstat");
+    uint64_t nanoseconds = 0;
+    schedule >> nanoseconds;
+    return nanoseconds / 1000;
 }
 
 // --- runs to the end ----------------------------------------------------------------------------

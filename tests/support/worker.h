@@ -2,6 +2,7 @@
 // file. Waits are bounded; nothing of a worker outlives the object.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -34,6 +35,8 @@ public:
         bool stderr_closed = false;   // started with descriptor 2 closed
         int status_fd = -1;           // inherited under its number
         std::string working_folder = {};
+        int standard_fd = -1;       // becomes descriptors 0, 1 and 2: a terminal, or a broken pipe
+        uint64_t address_space = 0; // limit in bytes; 0: none
     };
 
     worker(const worker_home& home, const setting& how);
@@ -58,6 +61,7 @@ public:
 
     size_t open_descriptors() const;
     size_t resident_kilobytes() const;
+    uint64_t processor_time_us() const; // spent so far
 
 private:
     void start(const worker_home& home, const setting& how);

@@ -1,0 +1,198 @@
+// Pictures made to hurt: each ends in its message within bounded time and memory.
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "client/stillimage_client.h"
+#include "tests/support/child_process.h"
+#include "tests/support/gif_writer.h"
+#include "tests/support/jpeg_writer.h"
+#include "tests/support/png_writer.h"
+#include "tests/support/worker.h"
+
+using testing::EndsWith;
+using testing::HasSubstr;
+
+namespace {
+
+const std::string giving_up = "jpeg_start_decompress() threw an error. giving up\n"
+                              "WARNING: Failed to decode JPEG\n";
+
+class HostileFiles : public testing::Test {
+protected:
+    std::string write(const char* name, const std::vector<unsigned char>& file) const
+    {
+        return home.folder().write(name, {reinterpret_cast<const char*>(file.data()), file.size()});
+    }
+
+    // A progressive picture of a few bytes that says it is `side` squared.
+    static jpeg_writer::file_bytes progressive(int side, size_t scans)
+    {
+        jpeg_writer::picture what = jpeg_writer::grey(64, 64);
+        what.progressive = true;
+        auto file = jpeg_writer::write(what);
+        jpeg_writer::set_size(file, side, side);
+        jpeg_writer::insert_before_end(file, jpeg_writer::empty_scans(scans));
+        return file;
+    }
+
+    worker_home home;
+};
+
+TEST_F(HostileFiles, SignalIsObeyedWhileScansAreRead)
+{
+    worker served(home, write("scans.jpg", progressive(8192, 900)));
+    ASSERT_TRUE(served.wait_printed("Using CNB buffer"));
+    served.send(SIGTERM);
+    EXPECT_EQ(served.wait_end(), 0);
+    EXPECT_THAT(served.told(), HasSubstr(giving_up)); // left the library: it had not finished
+    EXPECT_TRUE(home.sockets().empty());
+}
+
+TEST_F(HostileFiles, AHundredThousandScansEndWithTheCeiling)
+{
+    worker served(home, write("scans.jpg", progressive(512, 100'000)));
+    ASSERT_TRUE(served.wait_ready());
+    EXPECT_THAT(served.told(), HasSubstr(giving_up));
+}
+
+#ifndef __SANITIZE_ADDRESS__ // which takes terabytes of address space
+TEST_F(HostileFiles, CoefficientsBeyondTheAddressSpaceAreAFailedStart)
+{
+    // 16 MB of picture with its levels fit; 32 MB of coefficients do not.
+    worker::setting how = {{"--file", write("large.jpg", progressive(4096, 0)), "--oneshot"}};
+    how.address_space = uint64_t{512} << 20;
+    EXPECT_EQ(run_worker(home, how).status, 0);
+    bool failed = false;
+    for (uint64_t megabytes = 40; megabytes <= 200 && !failed; megabytes += 8) {
+        how.address_space = megabytes << 20;
+        const ended_worker ended = run_worker(home, how);
+        failed = ended.told.find(giving_up) != std::string::npos;
+        EXPECT_TRUE(!failed || ended.status == 0) << ended.told;
+    }
+    EXPECT_TRUE(failed);
+}
+#endif
+
+TEST_F(HostileFiles, ScreenOfTerabytesIsRefused)
+{
+    gif_spec screen;
+    screen.width = 65535;
+    screen.height = 65535;
+    gif_frame_spec dot;
+    dot.indices = {0};
+    screen.frames = {dot, dot};
+    const ended_worker ended = run_worker(home, {{"--file", write("huge.gif", write_gif(screen))}});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_THAT(ended.told, EndsWith("CNB allocation failed\n"));
+    EXPECT_TRUE(home.sockets().empty());
+}
+
+TEST_F(HostileFiles, LogOfBadChunksStaysUnderItsLimit)
+{
+    png_spec spec;
+    spec.rows = {0, 0, 0, 0};
+    std::vector<unsigned char> file = png_signature();
+    append_png_chunk(file, {"IHDR", png_header(spec)});
+    std::vector<unsigned char> bad;
+    append_png_chunk(bad, {"gAMA", {0, 0, 0, 1}});
+    bad.back() ^= 1; // its checksum
+    constexpr int chunks = 500'000;
+    for (int i = 0; i < chunks; ++i) {
+        file.insert(file.end(), bad.begin(), bad.end());
+    }
+    const std::string metadir = home.path("meta");
+    const ended_worker ended = run_worker(home, {{"--file", write("bad.png", file), "--metadir",
+                                                  metadir, "--stderr-to-log", "--identify-only"}});
+    EXPECT_EQ(ended.status, 1); // no image data
+    uintmax_t size = 0;
+    for (const char* name : {"log", "log.old"}) {
+        const std::string path = metadir + "/" + name;
+        size += std::filesystem::exists(path) ? std::filesystem::file_size(path) : 0;
+    }
+    EXPECT_LE(size, uintmax_t{16} << 20);
+    EXPECT_GT(size, uintmax_t{8} << 20); // more was told than one log holds
+    EXPECT_THAT(home.folder().read("meta/log"), EndsWith("PNG examination failed\n"));
+}
+
+TEST_F(HostileFiles, PictureCutWhileItIsIdentifiedIsNoBadSignal)
+{
+    const auto whole = jpeg_writer::write(jpeg_writer::grey(500, 400));
+    const std::string path = write("cut.jpg", whole);
+    child_process cutter([&] {
+        const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+        for (;;) {
+            if (ftruncate(fd, 0) != 0 ||
+                pwrite(fd, whole.data(), whole.size(), 0) != static_cast<ssize_t>(whole.size())) {
+                return 1;
+            }
+        }
+    });
+    for (int round = 0; round < 60; ++round) {
+        const ended_worker ended =
+            run_worker(home, {{"--file", path, "--identify-only", "--force-update-metadata",
+                               "--metadir", home.path("meta" + std::to_string(round))}});
+        if (ended.status == -SIGABRT) {
+            EXPECT_THAT(ended.told, HasSubstr("sliding_window_v4_mmap_lazy_lseek"));
+        } else {
+            EXPECT_TRUE(ended.status == 0 || ended.status == 1) << ended.status << ended.told;
+        }
+    }
+    cutter.kill_now();
+    cutter.wait();
+}
+
+TEST_F(HostileFiles, RowGroupsOf24And32RowsEndInTheirAssertion)
+{
+    for (const int rows : {3, 4}) {
+        auto file = jpeg_writer::write(jpeg_writer::grey(64, 64));
+        jpeg_writer::set_sampling(file, 0, {1, rows});
+        const ended_worker ended =
+            run_worker(home, {{"--file", write("tall.jpg", file), "--oneshot"}});
+        EXPECT_EQ(ended.status, -SIGABRT) << ended.told;
+        EXPECT_THAT(ended.told, HasSubstr("bin/vexa_stillimage: "));
+        EXPECT_THAT(ended.told, HasSubstr("irem <= 16"));
+    }
+    // What such an end leaves is in nobody's way.
+    const std::string sound = write("tall.jpg", jpeg_writer::write(jpeg_writer::grey(64, 64)));
+    EXPECT_EQ(run_worker(home, {{"--file", sound, "--oneshot"}}).status, 0);
+}
+
+TEST_F(HostileFiles, BadTableBehindTheScanEndsTheProcessWithItsLine)
+{
+    auto file = jpeg_writer::write(jpeg_writer::grey(64, 64));
+    jpeg_writer::insert_before_end(file, {0xFF, 0xC4, 0x00, 0x03, 0x00});
+    const ended_worker ended = run_worker(home, {{"--file", write("late.jpg", file), "--oneshot"}});
+    EXPECT_EQ(ended.status, -SIGABRT);
+    EXPECT_THAT(ended.told, EndsWith("Unexpected longjmp from JPEGLIB error handler\n"));
+}
+
+TEST_F(HostileFiles, TiffOfJpegStripsMeetsTheLibrarysOwnJpegReader)
+{
+    const ended_worker ended =
+        run_worker(home, {{"--file", STILLIMAGE_TEST_DATA "/tiff/cmyk-jpeg.tif", "--oneshot"}});
+    EXPECT_EQ(ended.status, 0) << ended.told;
+}
+
+TEST_F(HostileFiles, ListOfAHundredThousandSizesIsReplacedByOne)
+{
+    const std::string path = write("picture.jpg", jpeg_writer::write(jpeg_writer::grey(40, 30)));
+    std::filesystem::create_directory(home.path("meta"));
+    std::string list;
+    for (int i = 0; i < 100'000; ++i) {
+        list += "image size = 1 x 1\n";
+    }
+    home.folder().write("meta/metadata", list);
+    const ended_worker ended =
+        run_worker(home, {{"--file", path, "--metadir", home.path("meta"), "--identify-only"}});
+    EXPECT_EQ(ended.status, 0) << ended.told;
+    const std::string written = home.folder().read("meta/metadata");
+    EXPECT_THAT(written, HasSubstr("image size = 40 x 30\n"));
+    EXPECT_EQ(written.find("1 x 1"), std::string::npos);
+}
+
+} // namespace

@@ -1,0 +1,1 @@
+// Nothing but the place where the test framework's headers are compiled once for every suite.

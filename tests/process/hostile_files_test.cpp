@@ -92,6 +92,29 @@ TEST_F(HostileFiles, ScreenOfTerabytesIsRefused)
     EXPECT_TRUE(home.sockets().empty());
 }
 
+TEST_F(HostileFiles, SizesThatTheRecordCutsReachTheClientWhole)
+{
+    gif_spec screen;
+    screen.width = 65535; // the stride, 65536, has 17 bits
+    screen.height = 33;
+    gif_frame_spec dot;
+    dot.indices = {0};
+    screen.frames = {dot};
+    const worker served(home, write("wide.gif", write_gif(screen)));
+    ASSERT_TRUE(served.wait_ready());
+    stillimage_client* client = nullptr;
+    ASSERT_EQ(stillimage_connect(served.socket().c_str(), 20'000, &client), STILLIMAGE_OK);
+    stillimage_frame* frame = nullptr;
+    ASSERT_EQ(stillimage_get_frame(client, 0, 0, 0, 20'000, &frame), STILLIMAGE_OK)
+        << stillimage_last_error(client);
+    const stillimage_picture* seen = stillimage_frame_picture(frame);
+    EXPECT_EQ(seen->width, 65535U);
+    EXPECT_EQ(seen->height, 33U);
+    EXPECT_EQ(seen->stride[STILLIMAGE_Y], 65536U);
+    stillimage_frame_release(frame);
+    stillimage_close(client);
+}
+
 TEST_F(HostileFiles, LogOfBadChunksStaysUnderItsLimit)
 {
     png_spec spec;
@@ -157,6 +180,16 @@ TEST_F(HostileFiles, RowGroupsOf24And32RowsEndInTheirAssertion)
         EXPECT_THAT(ended.told, HasSubstr("bin/vexa_stillimage: "));
         EXPECT_THAT(ended.told, HasSubstr("irem <= 16"));
     }
+    jpeg_writer::picture ink;
+    ink.width = ink.height = 64;
+    ink.colour_space = JCS_CMYK;
+    ink.sampling = {{4, 4}, {4, 4}, {4, 4}, {4, 4}};
+    ink.separate_scans = true;
+    const ended_worker ended =
+        run_worker(home, {{"--file", write("ink.jpg", jpeg_writer::write(ink)), "--oneshot"}});
+    EXPECT_EQ(ended.status, -SIGABRT) << ended.told;
+    EXPECT_THAT(ended.told,
+                EndsWith("full_decode_jpeg_raw_cmyk: Assertion `irem <= 16' failed.\n"));
     // What such an end leaves is in nobody's way.
     const std::string sound = write("tall.jpg", jpeg_writer::write(jpeg_writer::grey(64, 64)));
     EXPECT_EQ(run_worker(home, {{"--file", sound, "--oneshot"}}).status, 0);

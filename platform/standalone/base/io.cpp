@@ -16,7 +16,8 @@ struct window_with_memory : sliding_window_v4 {
     unsigned char* memory;
 };
 
-// Bytes read from `offset` on, up to `size`, the end of the file or the first error.
+// Bytes read from `offset` on, up to `size`, the end of the file or the first error, which an
+// impossible offset is.
 size_t read_what_is_there(int fd, unsigned char* memory, size_t size, uint64_t offset)
 {
     size_t done = 0;
@@ -51,10 +52,7 @@ int sliding_window_v4_mmap_lazy_lseek(sliding_window_v4* window, uint64_t offset
 {
     unsigned char* memory = static_cast<window_with_memory*>(window)->memory;
     const size_t wanted = std::min(length, window->capacity);
-    size_t in_view = 0;
-    if (offset <= static_cast<uint64_t>(INT64_MAX) - wanted) {
-        in_view = read_what_is_there(window->fd, memory, wanted, offset);
-    }
+    const size_t in_view = read_what_is_there(window->fd, memory, wanted, offset);
     window->buffer = in_view > 0 ? memory : nullptr;
     window->end = in_view > 0 ? memory + in_view : nullptr;
     return in_view > 0 ? 1 : 0;

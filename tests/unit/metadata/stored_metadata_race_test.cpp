@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <fcntl.h>
-#include <fstream>
 #include <memory>
 #include <unistd.h>
 
@@ -144,31 +143,38 @@ TEST(StoredMetadataRace, DamagedFileIsSetAsideOnce)
     }
 }
 
-// An editor that writes in place: a reader sees one of the texts whole, or an empty file.
-TEST(StoredMetadataRace, FileWrittenInPlaceIsNeverReadInPart)
+// A file that grows by whole lines is good at every moment. A reader that took the bytes between two
+// looks at its size would find a line that is cut, and set the file aside.
+TEST(StoredMetadataRace, FileThatGrowsWhileItIsReadIsNotTakenForADamagedOne)
 {
+    constexpr size_t lines = 60000;
     const temporary_folder folder;
-    std::string large;
-    for (int i = 0; i < 20000; ++i) {
-        large += "entry " + std::to_string(i) + " = value\n";
-    }
-    folder.write("metadata", large);
-    child_process editor([&] {
-        for (;;) {
-            std::ofstream file(folder.path("metadata"), std::ios::trunc);
-            file << large;
+    folder.write("metadata", "");
+    child_process writer([&] {
+        const std::string line = std::string(100, 'n') + " = v\n";
+        const platform::unique_fd file(
+            platform::open_file(folder.path("metadata").c_str(), O_WRONLY | O_APPEND));
+        for (size_t i = 0; i < lines; ++i) {
+            if (platform::write_fully(file.get(), line.data(), line.size()) != 0) {
+                return 1;
+            }
         }
         return 0;
     });
     const platform::metadata_store store = store_in(folder);
     testing::internal::CaptureStderr();
-    for (int round = 0; round < 200; ++round) {
+    size_t entries = 0;
+    while (entries < lines) {
         const list_owner list(platform::load_metadata(store), platform::free_metadata_list);
         if (list != nullptr) {
-            EXPECT_TRUE(list->entries == 20000 || list->entries == 0) << list->entries;
+            ASSERT_GE(list->entries, entries);
+            entries = list->entries;
         }
     }
-    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(writer.wait(), 0);
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(told.find("Damaged"), std::string::npos) << told;
+    EXPECT_EQ(folder.names(), std::vector<std::string>{"metadata"});
 }
 
 // Readers beside a writer that replaces the file see the old or the new text, always whole.

@@ -1,8 +1,13 @@
 #include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "platform/standalone/base/error_line.h"
+#include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/base/unique_fd.h"
+#include "tests/support/child_process.h"
 
 namespace {
 
@@ -33,11 +38,16 @@ TEST(ErrorLine, ErrorNumberGivesTheSystemsText)
               "Cannot open file 'x': No such file or directory\n");
 }
 
-TEST(ErrorLine, KeepsErrno)
+TEST(ErrorLine, LineThatCannotBeWrittenIsNoErrorAndKeepsErrno)
 {
-    errno = EBUSY;
-    printed("a", "b", "c");
-    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(run_in_child([] {
+                  const platform::unique_fd full(platform::open_file("/dev/full", O_WRONLY));
+                  dup2(full.get(), STDERR_FILENO);
+                  errno = EBUSY;
+                  platform::error_line("a", "b", "c");
+                  return errno == EBUSY ? 0 : 1;
+              }),
+              0);
 }
 
 } // namespace

@@ -46,6 +46,7 @@ TEST(OpenFiles, ClosedDescriptorHasNone)
 TEST(OpenFiles, ListingItselfIsNotListed)
 {
     EXPECT_EQ(open_files().find("/proc/"), std::string::npos) << open_files();
+    EXPECT_EQ(open_files().find(": ?\n"), std::string::npos) << open_files();
 }
 
 TEST(OpenFiles, HostileNameStaysOnItsLine)

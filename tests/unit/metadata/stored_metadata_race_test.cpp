@@ -143,40 +143,6 @@ TEST(StoredMetadataRace, DamagedFileIsSetAsideOnce)
     }
 }
 
-// A file that grows by whole lines is good at every moment. A reader that took the bytes between two
-// looks at its size would find a line that is cut, and set the file aside.
-TEST(StoredMetadataRace, FileThatGrowsWhileItIsReadIsNotTakenForADamagedOne)
-{
-    constexpr size_t lines = 60000;
-    const temporary_folder folder;
-    folder.write("metadata", "");
-    child_process writer([&] {
-        const std::string line = std::string(100, 'n') + " = v\n";
-        const platform::unique_fd file(
-            platform::open_file(folder.path("metadata").c_str(), O_WRONLY | O_APPEND));
-        for (size_t i = 0; i < lines; ++i) {
-            if (platform::write_fully(file.get(), line.data(), line.size()) != 0) {
-                return 1;
-            }
-        }
-        return 0;
-    });
-    const platform::metadata_store store = store_in(folder);
-    testing::internal::CaptureStderr();
-    size_t entries = 0;
-    while (entries < lines) {
-        const list_owner list(platform::load_metadata(store), platform::free_metadata_list);
-        if (list != nullptr) {
-            ASSERT_GE(list->entries, entries);
-            entries = list->entries;
-        }
-    }
-    EXPECT_EQ(writer.wait(), 0);
-    const std::string told = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(told.find("Damaged"), std::string::npos) << told;
-    EXPECT_EQ(folder.names(), std::vector<std::string>{"metadata"});
-}
-
 // Readers beside a writer that replaces the file see the old or the new text, always whole.
 TEST(StoredMetadataRace, ReadersBesideAWriterAlwaysFindAWholeFile)
 {

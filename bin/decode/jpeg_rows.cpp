@@ -15,6 +15,7 @@
 #include <jpeglib.h>
 
 #include "bin/decode/jpeg_start.h"
+#include "bin/decode/planes.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
 #include "bin/framebuffer/layout.h"
@@ -36,28 +37,7 @@ constexpr uint64_t scratch_width = image_size_limit + largest_block;
 unsigned char scratch_rows[most_components][most_jpeg_group_rows][scratch_width];
 unsigned char surplus_row[scratch_width]; // what is written here is never read
 
-// A plane of the frame buffer as the loop sees it.
-struct plane {
-    const uint64_t* offset;
-    const uint64_t* stride;
-    const uint8_t* row_shift; // null: as many rows as luma
-    unsigned char black;
-    const char* map_failure;
-};
-
-constexpr plane planes[] = {
-    {&image_offset_Y, &image_stride_Y, nullptr, 16, "Failed to memory-map Y plane\n"},
-    {&image_offset_U, &image_stride_U, &image_chroma_y_shift, 128,
-     "Failed to memory-map U plane\n"},
-    {&image_offset_V, &image_stride_V, &image_chroma_y_shift, 128,
-     "Failed to memory-map V plane\n"},
-};
 constexpr int k_component = 3;
-
-uint64_t rows_of(const plane& p, uint64_t luma_rows)
-{
-    return p.row_shift == nullptr ? luma_rows : luma_rows >> *p.row_shift;
-}
 
 // The mapped rows at the current position.
 struct band {
@@ -74,12 +54,8 @@ bool map_band(const jpeg_variant& variant, uint64_t row, uint64_t buffer_height,
     mapped->drawn = 0;
     check_jpeg_invariant(variant, mapped->rows != 0, "ys != 0u");
     for (int i = 0; i < variant.planes; ++i) {
-        const plane& p = planes[i];
-        mapped->base[i] = vexa_global_access_cache_quickfetch(
-            vexa_acc_cache, image_cnb_buffer, *p.offset + rows_of(p, row) * *p.stride,
-            rows_of(p, mapped->rows) * *p.stride, access_write);
+        mapped->base[i] = map_plane_rows(frame_planes[i], row, mapped->rows);
         if (mapped->base[i] == nullptr) {
-            fputs(p.map_failure, stderr);
             return false;
         }
     }
@@ -116,8 +92,8 @@ component_rows place_component(int component, const band& mapped, uint64_t row)
     place.stride = image_stride_Y;
     place.pointers = mapped.rows < most_jpeg_group_rows ? mapped.rows : most_jpeg_group_rows;
     if (component != k_component) {
-        place.stride = *planes[component].stride;
-        place.pointers = rows_of(planes[component], place.pointers);
+        place.stride = *frame_planes[component].stride;
+        place.pointers = plane_rows(frame_planes[component], place.pointers);
     }
     place.width =
         static_cast<uint64_t>(info.width_in_blocks) * static_cast<uint64_t>(info.DCT_h_scaled_size);
@@ -149,18 +125,18 @@ void complete_component(const component_rows& place, int component, uint64_t gro
         if (!place.fits) {
             memcpy(row, scratch_rows[component][i], place.stride);
         } else if (component != k_component) {
-            memset(row + place.width, planes[component].black, place.stride - place.width);
+            memset(row + place.width, frame_planes[component].black, place.stride - place.width);
         }
     }
     if (component != k_component) {
-        memset(place.base + delivered * place.stride, planes[component].black,
+        memset(place.base + delivered * place.stride, frame_planes[component].black,
                (group_rows - delivered) * place.stride);
     }
 }
 
 uint64_t group_rows_of(int component, uint64_t luma_rows)
 {
-    return component == k_component ? luma_rows : rows_of(planes[component], luma_rows);
+    return component == k_component ? luma_rows : plane_rows(frame_planes[component], luma_rows);
 }
 
 // Draws the next row group into the top of the band. Its luma rows; 0 when the library has none.
@@ -197,10 +173,10 @@ void convert_row_group(const jpeg_variant& variant, const band& mapped)
 void blacken_rest(const jpeg_variant& variant, const band& mapped)
 {
     for (int i = 0; i < variant.planes && mapped.base[i] != nullptr; ++i) {
-        const plane& p = planes[i];
-        const uint64_t first = rows_of(p, mapped.drawn);
+        const frame_plane& p = frame_planes[i];
+        const uint64_t first = plane_rows(p, mapped.drawn);
         memset(mapped.base[i] + first * *p.stride, p.black,
-               (rows_of(p, mapped.rows) - first) * *p.stride);
+               (plane_rows(p, mapped.rows) - first) * *p.stride);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/item_state.h"
 
 bool vexa_should_exit = false;
@@ -172,6 +173,13 @@ uint64_t status_document_generation()
 void mark_document_changed()
 {
     state.document_changed = true;
+}
+
+void json_check_xmit(uint64_t /*now_us*/)
+{
+    if (state.document_changed) {
+        send_document_to_subscribers();
+    }
 }
 
 int store_client_setting(std::string_view name, std::string_view value)

@@ -89,6 +89,7 @@ int one_round(comm_socket_v4_server& server)
     begin_document_round();
     int work = platform::run_round(server, now_us);
     work += send_changes(server, now_us);
+    send_changed_document(server, now_us);
     put_off_auto_shutdown(now_us);
     if (work > 0) {
         platform::note_round_time(server, now_us, monotonic_clock_us());

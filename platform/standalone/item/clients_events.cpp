@@ -1,5 +1,6 @@
 #include "platform/standalone/item/clients_events.h"
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -93,6 +94,16 @@ void send_present_document(comm_socket_v4_client& client, uint64_t request, bool
                            uint64_t now_us)
 {
     platform::send_status(client, present_document(), request, asked, now_us);
+}
+
+void send_changed_document(comm_socket_v4_server& server, uint64_t now_us)
+{
+    const bool wanted =
+        std::any_of(server.clients.begin(), server.clients.end(),
+                    [](const auto& client) { return (client->subscribed & change_document) != 0; });
+    if (wanted) {
+        json_check_xmit(now_us);
+    }
 }
 
 void send_document_to_subscribers()

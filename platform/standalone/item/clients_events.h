@@ -22,4 +22,8 @@ void send_present_document(comm_socket_v4_client& client, uint64_t request, bool
                            uint64_t now_us);
 void begin_document_round();
 
+// To its subscribers, when it has changed. The serving loop looks after that, too, but while a
+// picture is decoded there is only the service's own round.
+void send_changed_document(comm_socket_v4_server& server, uint64_t now_us);
+
 void reset_client_events();

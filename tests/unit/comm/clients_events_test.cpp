@@ -191,6 +191,28 @@ TEST_F(ClientsEvents, DocumentComesWithTheSubscriptionAndWhenItChanged)
     EXPECT_EQ(second->as<status_part>().text, "second");
 }
 
+// While a picture is decoded nothing else of the program looks after the document.
+TEST_F(ClientsEvents, DocumentThatChangedReachesItsSubscribersThroughTheIdleCall)
+{
+    const packet_client client = subscriber(change_document);
+    state.document = "second";
+    mark_document_changed();
+    pump();
+    const auto second = client.receive();
+    ASSERT_TRUE(second.has_value());
+    EXPECT_EQ(second->as<status_part>().text, "second");
+    pump();
+    EXPECT_FALSE(client.receive().has_value());
+}
+
+TEST_F(ClientsEvents, DocumentThatNobodySubscribedToIsNotBuilt)
+{
+    const packet_client client = subscriber(change_progress);
+    mark_document_changed();
+    pump();
+    EXPECT_EQ(state.documents_built, 0U);
+}
+
 TEST_F(ClientsEvents, DocumentGoesToItsSubscribersOnly)
 {
     const packet_client client = subscriber(change_progress);

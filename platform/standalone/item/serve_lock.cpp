@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +23,16 @@ constexpr uint64_t patience_us = 300'000;
 platform::file_lock lock;
 std::string lock_path;
 pid_t owner = 0; // the process whose number stands in the file
+// Noted by the C library's fork(), also within daemon(), since asking the kernel for the process's
+// number in every idle round costs as much as the rest of the round.
+bool maybe_another_process = true;
+
+bool forks_are_noted()
+{
+    static const bool noted =
+        pthread_atfork(nullptr, nullptr, [] { maybe_another_process = true; }) == 0;
+    return noted;
+}
 
 // The last holder may have removed the file between our opening and our locking it; then the lock
 // is on a file that nobody else will find.
@@ -78,6 +89,7 @@ bool take_serve_lock(const std::string& socket_path)
         return false;
     }
     lock_path = path;
+    maybe_another_process = true;
     refresh_serve_lock();
     static const bool at_exit = atexit(release_serve_lock) == 0;
     static_cast<void>(at_exit);
@@ -86,7 +98,11 @@ bool take_serve_lock(const std::string& socket_path)
 
 void refresh_serve_lock()
 {
-    if (!lock.held() || owner == getpid()) {
+    if (!lock.held() || !maybe_another_process) {
+        return;
+    }
+    maybe_another_process = !forks_are_noted();
+    if (owner == getpid()) {
         return;
     }
     owner = getpid();

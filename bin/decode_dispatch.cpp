@@ -7,12 +7,12 @@
 
 #include "bin/decode/jpeg_four.h"
 #include "bin/decode/jpeg_raw.h"
+#include "bin/decode/webp.h"
 #include "bin/examine/gif.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
 #include "bin/examine/png.h"
 #include "bin/examine/tiff.h"
-#include "bin/examine/webp.h"
 #include "bin/invariant.h"
 #include "bin/vexa_stillimage.h"
 
@@ -81,8 +81,7 @@ void decode_gif()
 
 void decode_webp()
 {
-    fputs("WARNING: Failed to decode WebP image\n", stderr);
-    free_all_webp_raw();
+    full_decode_webp_yuv(); // tells its outcome itself
 }
 
 } // namespace

@@ -91,6 +91,8 @@ VP8StatusCode __real_WebPGetFeaturesInternal(const uint8_t* data, size_t size,
                                              WebPBitstreamFeatures* features, int version);
 VP8StatusCode __wrap_WebPGetFeaturesInternal(const uint8_t* data, size_t size,
                                              WebPBitstreamFeatures* features, int version);
+int __real_WebPInitDecoderConfigInternal(WebPDecoderConfig* config, int version);
+int __wrap_WebPInitDecoderConfigInternal(WebPDecoderConfig* config, int version);
 
 FILE* __wrap_fdopen(int fd, const char* mode)
 {
@@ -212,6 +214,11 @@ VP8StatusCode __wrap_WebPGetFeaturesInternal(const uint8_t* data, size_t size,
         features->height = 0;
     }
     return status;
+}
+
+int __wrap_WebPInitDecoderConfigInternal(WebPDecoderConfig* config, int version)
+{
+    return counts_out(plan.webp_init) ? 0 : __real_WebPInitDecoderConfigInternal(config, version);
 }
 
 } // extern "C"

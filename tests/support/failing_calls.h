@@ -22,6 +22,7 @@ struct script {
     int lseek = 0;
     int webp_width = 0; // WebPGetFeatures reports a width of 0
     int webp_height = 0;
+    int webp_init = 0; // WebPInitDecoderConfig
     int png_create_read_struct = 0;
     int png_create_info_struct = 0;
     int png_get_ihdr = 0;

@@ -4,11 +4,14 @@
 #include <span>
 
 #include <jpeglib.h>
+#include <png.h>
 
+#include "bin/decode/gif.h"
 #include "bin/decode/jpeg_four.h"
 #include "bin/decode/jpeg_raw.h"
+#include "bin/decode/png.h"
+#include "bin/decode/tiff.h"
 #include "bin/decode/webp.h"
-#include "bin/examine/gif.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
 #include "bin/examine/png.h"
@@ -28,6 +31,30 @@ constexpr decoder jpeg_decoders[] = {
     {JCS_GRAYSCALE, full_decode_jpeg_raw_grayscale},
     {JCS_YCCK, full_decode_jpeg_raw_ycck},
     {JCS_CMYK, full_decode_jpeg_raw_cmyk},
+};
+
+constexpr decoder png_decoders[] = {
+    {PNG_COLOR_TYPE_RGB, full_decode_png_rgb},
+    {PNG_COLOR_TYPE_RGB_ALPHA, full_decode_png_rgba},
+    {PNG_COLOR_TYPE_GRAY, full_decode_png_grayscale},
+    {PNG_COLOR_TYPE_GRAY_ALPHA, full_decode_png_grayscale_alpha},
+    {PNG_COLOR_TYPE_PALETTE, full_decode_png_palette},
+};
+
+int decode_tiff_ycbcr()
+{
+    full_decode_tiff_ycbcr(); // tells of its failure itself
+    return 0;
+}
+
+// Separated pictures are CMYK only with one ink set: see decode_tiff.
+constexpr decoder tiff_decoders[] = {
+    {PHOTOMETRIC_RGB, full_decode_tiff_rgb},
+    {PHOTOMETRIC_MINISWHITE, full_decode_tiff_grayscale},
+    {PHOTOMETRIC_MINISBLACK, full_decode_tiff_grayscale},
+    {PHOTOMETRIC_YCBCR, decode_tiff_ycbcr},
+    {PHOTOMETRIC_SEPARATED, full_decode_tiff_cmyk},
+    {PHOTOMETRIC_PALETTE, full_decode_tiff_palette},
 };
 
 // Null when no decoder is familiar with the colour model.
@@ -57,17 +84,27 @@ void decode_jpeg()
 
 void decode_png()
 {
+    const decoder* chosen = find_decoder(png_decoders, png_color_type);
     if (png_interlace_method > 1) {
         fputs("Unsupported interlace pattern\n", stderr);
-    } else {
+    } else if (chosen == nullptr) {
         fputs("I'm not yet familiar with that form of PNG\n", stderr);
+    } else if (png_interlace_method != 0 || chosen->decode() != 0) {
+        fputs("WARNING: Failed to decode PNG\n", stderr);
     }
     free_all_png_fileio();
 }
 
 void decode_tiff()
 {
-    fputs("I'm not yet familiar with that form of TIFF\n", stderr);
+    const decoder* chosen = find_decoder(tiff_decoders, static_cast<int>(tiff_photometric));
+    const bool is_other_ink =
+        tiff_photometric == PHOTOMETRIC_SEPARATED && tiff_inkset != INKSET_CMYK;
+    if (chosen == nullptr || is_other_ink) {
+        fputs("I'm not yet familiar with that form of TIFF\n", stderr);
+    } else if (chosen->decode() != 0) {
+        fputs("WARNING: Failed to decode TIFF\n", stderr);
+    }
     if (tiff_image != nullptr) {
         TIFFClose(tiff_image);
         tiff_image = nullptr;
@@ -76,7 +113,9 @@ void decode_tiff()
 
 void decode_gif()
 {
-    fputs("WARNING: Failed to decode GIF\n", stderr);
+    if (full_decode_gif() != 0) {
+        fputs("WARNING: Failed to decode GIF\n", stderr);
+    }
 }
 
 void decode_webp()

@@ -1,0 +1,166 @@
+// The canvas lives on from frame to frame. Each unit is written whole, whatever little of the canvas
+// has changed. The canvas has the planes' stride, so its padding columns are converted along.
+#include "bin/decode/gif.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <new>
+
+#include "bin/decode/colour_rows.h"
+#include "bin/decode/gif_canvas.h"
+#include "bin/decode/planes.h"
+#include "bin/examine/gif.h"
+#include "bin/examine/image_state.h"
+#include "bin/framebuffer/layout.h"
+#include "bin/invariant.h"
+#include "bin/quickidle.h"
+#include "platform/media_item.h"
+
+namespace {
+
+constexpr uint64_t canvas_slack = 256;
+constexpr uint64_t saved_slack = 64;
+constexpr uint64_t band_rows = 64;
+
+enum disposal : unsigned { TO_BACKGROUND = 2, TO_PREVIOUS = 3 };
+
+struct composition {
+    gif_canvas canvas;
+    unsigned char* prev_RGBA; // the canvas as it was before a frame; made when first needed
+};
+
+uint64_t canvas_size()
+{
+    return static_cast<uint64_t>(image_height) * image_stride_Y * sizeof(gif_pixel);
+}
+
+unsigned char* allocate(uint64_t size)
+{
+    return static_cast<unsigned char*>(calloc(1, size));
+}
+
+bool enter_into_timeline(uint64_t start_time, uint64_t frame)
+{
+    try {
+        image_mapping_points.insert_or_assign(image_mapping_points.end(), start_time, frame);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+bool save_canvas(composition* work)
+{
+    if (work->prev_RGBA == nullptr) {
+        work->prev_RGBA = allocate(canvas_size() + saved_slack);
+    }
+    if (work->prev_RGBA == nullptr) {
+        return false;
+    }
+    memcpy(work->prev_RGBA, work->canvas.pixels, canvas_size());
+    return true;
+}
+
+void dispose(composition* work, const SavedImage& frame, unsigned how)
+{
+    if (how == TO_BACKGROUND) {
+        restore_gif_background(work->canvas, frame);
+    } else if (how == TO_PREVIOUS) {
+        INVARIANT(work->prev_RGBA != nullptr, "prev_RGBA != __null");
+        memcpy(work->canvas.pixels, work->prev_RGBA, canvas_size());
+    }
+}
+
+// Y, U, V and A, or a printed failure.
+bool map_planes(uint64_t row, uint64_t rows, uint32_t unit, unsigned char* planes[4])
+{
+    for (int i = 0; i < 4; ++i) {
+        planes[i] = map_plane_rows(frame_planes[i], row, rows, unit);
+        if (planes[i] == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// All planes are mapped whole before the first sample is written; the bands are asked for once more
+// only to have their pages ready.
+bool convert_canvas(const gif_canvas& canvas, uint32_t unit)
+{
+    const auto height = static_cast<uint64_t>(image_height);
+    unsigned char* planes[4] = {};
+    if (!map_planes(0, height, unit, planes)) {
+        return false;
+    }
+    for (uint64_t row = 0; row < height; row += band_rows) {
+        const uint64_t rows = std::min(band_rows, height - row);
+        if (!map_planes(row, rows, unit, planes)) {
+            return false;
+        }
+        split_yuva(reinterpret_cast<const packed_yuva*>(canvas.pixels + row * canvas.pitch),
+                   rows * image_stride_Y, planes[PLANE_Y], planes[PLANE_U], planes[PLANE_V],
+                   planes[PLANE_A]);
+        if (!go_on_after_gif_row(row + rows - 1)) {
+            return true;
+        }
+    }
+    return true;
+}
+
+int decode_frames(composition* work)
+{
+    uint64_t time = 0;
+    const auto frames = static_cast<uint64_t>(gif_image->ImageCount);
+    for (uint64_t i = 0; i < frames; ++i) {
+        quickidle_comm();
+        if (DIE4 != 0) {
+            return 0;
+        }
+        const SavedImage& frame = gif_image->SavedImages[i];
+        const gif_frame_control control = read_gif_frame_control(frame);
+        if (!enter_into_timeline(time, i) ||
+            (control.disposal == TO_PREVIOUS && !save_canvas(work))) {
+            return -1;
+        }
+        time += control.delay;
+        draw_gif_frame(work->canvas, frame, i == 0);
+        if (!convert_canvas(work->canvas, gif_unit_offset(i, image_decoded_unit_size))) {
+            return -1;
+        }
+        dispose(work, frame, control.disposal);
+    }
+    image_mapping_total = std::max<uint64_t>(time, 1);
+    return 0;
+}
+
+} // namespace
+
+uint32_t gif_unit_offset(uint64_t frame, uint64_t unit_size)
+{
+    return static_cast<uint32_t>(frame) * static_cast<uint32_t>(unit_size);
+}
+
+int full_decode_gif()
+{
+    composition work = {};
+    work.canvas = {allocate(canvas_size() + canvas_slack), image_stride_Y * sizeof(gif_pixel),
+                   &gif_yuva_form};
+    if (work.canvas.pixels == nullptr) {
+        fputs("Unable to allocate RGBA frame\n", stderr);
+        free_all_gif();
+        return -1;
+    }
+    INVARIANT(image_cnb_buffer_fd >= 0, "image_cnb_buffer_fd >= 0");
+    INVARIANT(image_chroma_x_shift == 0, "image_chroma_x_shift == 0");
+    INVARIANT(image_chroma_y_shift == 0, "image_chroma_y_shift == 0");
+    INVARIANT(image_has_alpha_channel != 0, "image_has_alpha_channel");
+    INVARIANT(gif_image->ImageCount > 0, "gif_image->ImageCount > 0");
+    clear_gif_rows(work.canvas, static_cast<size_t>(image_height));
+    const int result = decode_frames(&work);
+    free(work.prev_RGBA);
+    free(work.canvas.pixels);
+    return result;
+}

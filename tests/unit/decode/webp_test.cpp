@@ -1,0 +1,234 @@
+// Good pictures, and what keeps a decoder from starting.
+#include <algorithm>
+#include <string_view>
+
+#include <gmock/gmock.h>
+
+#include "bin/decode/webp.h"
+#include "bin/examine/image_state.h"
+#include "bin/examine/webp.h"
+#include "bin/framebuffer/layout.h"
+#include "platform/media_item.h"
+#include "tests/support/failing_calls.h"
+#include "tests/support/scripted_platform.h"
+#include "tests/support/webp_writer.h"
+#include "tests/unit/decode/webp_fixture.h"
+
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+using WebpDecoding = webp_test;
+
+constexpr char decoded[] = "WebP decoded\n";
+
+void append_chunk(file_bytes& file, std::string_view name, const file_bytes& content)
+{
+    file.insert(file.end(), name.begin(), name.end());
+    for (unsigned shift = 0; shift < 32; shift += 8) {
+        file.push_back(static_cast<unsigned char>(content.size() >> shift));
+    }
+    file.insert(file.end(), content.begin(), content.end());
+    file.resize(file.size() + content.size() % 2);
+}
+
+// The picture of a plain lossy file in a container that promises alpha and has none.
+file_bytes with_an_empty_promise_of_alpha(const file_bytes& lossy, int width, int height)
+{
+    constexpr size_t riff_header = 12;
+    constexpr unsigned char alpha_flag = 0x10;
+    file_bytes chunks = {'W', 'E', 'B', 'P'};
+    append_chunk(chunks, "VP8X",
+                 {alpha_flag, 0, 0, 0, static_cast<unsigned char>(width - 1), 0, 0,
+                  static_cast<unsigned char>(height - 1), 0, 0});
+    chunks.insert(chunks.end(), lossy.begin() + riff_header, lossy.end());
+    file_bytes file;
+    append_chunk(file, "RIFF", chunks);
+    return file;
+}
+
+TEST_F(WebpDecoding, PicturesOfManyKindsAreDrawnAsTheLibraryDrawsThem)
+{
+    for (const char* name :
+         {"lossless-alpha.webp", "lossless-bricks.webp", "lossless-two-colours.webp",
+          "lossy-128x128.webp", "lossy-176x144.webp", "lossy-alpha-128x128.webp",
+          "lossy-alpha-odd-height.webp", "lossy-alpha.webp", "lossy-bricks.webp", "size-13x1.webp",
+          "size-1x1.webp"}) {
+        const file_bytes file = webp_of_tests(name);
+        ASSERT_TRUE(open(file)) << name;
+        EXPECT_EQ(decode(), 0) << name;
+        EXPECT_EQ(told, decoded) << name;
+        EXPECT_EQ(scripted::log.status, std::vector<scripted::status_line>({{100, ""}})) << name;
+        EXPECT_EQ(webp_image, nullptr) << name;
+        EXPECT_TRUE(allocation() == assembled_from_own_planes(file)) << name;
+    }
+}
+
+TEST_F(WebpDecoding, EverySizeUpToThirtyThreeEndsAsByTheRules)
+{
+    for (int width = 1; width <= 33; ++width) {
+        for (int height = 1; height <= 33; ++height) {
+            const file_bytes file = lossy_webp(width, height, noise(width, height, false), 60);
+            ASSERT_TRUE(open(file, 0x55));
+            const drawn_picture expected = drawn_by_the_rules(file, 0x55);
+            ASSERT_EQ(expected.status, VP8_STATUS_OK);
+            ASSERT_EQ(decode(), 0);
+            ASSERT_TRUE(allocation() == expected.area) << width << " x " << height;
+        }
+    }
+}
+
+TEST_F(WebpDecoding, EverySizeWithAlphaEndsAsByTheRules)
+{
+    for (int size = 1; size <= 33; ++size) {
+        const int other = size * 7 % 33 + 1;
+        for (const file_bytes& file : {lossless_webp(size, other, noise(size, other, true)),
+                                       lossless_webp(other, size, noise(other, size, true)),
+                                       lossy_webp(size, other, noise(size, other, true), 40)}) {
+            ASSERT_TRUE(open(file, 0x55));
+            ASSERT_EQ(image_has_alpha_channel, 1);
+            const drawn_picture expected = drawn_by_the_rules(file, 0x55);
+            ASSERT_EQ(decode(), 0);
+            ASSERT_TRUE(allocation() == expected.area) << size << " and " << other;
+        }
+    }
+}
+
+TEST_F(WebpDecoding, PaddingIsBlackAndRowsBelowThePictureAreLeft)
+{
+    ASSERT_TRUE(open(lossless_webp(17, 17, noise(17, 17, true)), 0x55));
+    ASSERT_EQ(decode(), 0);
+    const unsigned char* area = scripted::buffer();
+    for (uint64_t y = 0; y < 17; ++y) {
+        EXPECT_EQ(area[y * 32 + 17], 16);
+        EXPECT_EQ(area[y * 32 + 31], 16);
+        EXPECT_EQ(area[image_offset_A + y * 32 + 17], 16);
+        EXPECT_EQ(area[image_offset_A + y * 32 + 31], 16);
+    }
+    EXPECT_EQ(area[17 * 32], 0x55);
+    EXPECT_EQ(area[image_offset_U - 1], 0x55);
+    EXPECT_EQ(area[image_offset_U + 7 * 16 + 9], 128);
+    EXPECT_EQ(area[image_offset_V + 7 * 16 + 15], 128);
+    // The ninth chroma row is drawn, but its padding does not count as visible.
+    EXPECT_EQ(area[image_offset_U + 8 * 16 + 9], 0x55);
+    EXPECT_EQ(area[image_offset_V + 8 * 16 + 15], 0x55);
+}
+
+TEST_F(WebpDecoding, PromisedAlphaThatIsNotThereIsOpaque)
+{
+    const file_bytes file =
+        with_an_empty_promise_of_alpha(lossy_webp(21, 19, noise(21, 19, false), 60), 21, 19);
+    ASSERT_TRUE(open(file));
+    ASSERT_EQ(image_has_alpha_channel, 1);
+    ASSERT_EQ(decode(), 0);
+    EXPECT_EQ(told, decoded);
+    for (uint64_t y = 0; y < 19; ++y) {
+        const unsigned char* row = scripted::buffer() + image_offset_A + y * image_stride_A;
+        EXPECT_THAT(file_bytes(row, row + 21), Each(255));
+    }
+}
+
+TEST_F(WebpDecoding, PlanesAreMappedOnceEach)
+{
+    ASSERT_TRUE(open(lossy_webp(20, 20, noise(20, 20, false), 60)));
+    ASSERT_EQ(decode(), 0);
+    EXPECT_EQ(scripted::log.mappings, 3U);
+    ASSERT_TRUE(open(lossy_webp(20, 20, noise(20, 20, true), 60)));
+    ASSERT_EQ(decode(), 0);
+    EXPECT_EQ(scripted::log.mappings, 4U);
+}
+
+TEST_F(WebpDecoding, GoodPictureIsDrawnInSpiteOfASignal)
+{
+    const file_bytes file = lossy_webp(20, 20, noise(20, 20, false), 60);
+    ASSERT_TRUE(open(file));
+    DIE4 = 1;
+    EXPECT_EQ(decode(), 0);
+    EXPECT_EQ(told, decoded);
+    EXPECT_TRUE(allocation() == drawn_by_the_rules(file).area);
+}
+
+TEST_F(WebpDecoding, CleanUpAfterwardsMayRunTwice)
+{
+    ASSERT_TRUE(open(lossy_webp(20, 20, noise(20, 20, false), 60)));
+    ASSERT_EQ(decode(), 0);
+    EXPECT_TRUE(webp_deccfg_init);
+    free_all_webp();
+    EXPECT_FALSE(webp_deccfg_init);
+    free_all_webp();
+}
+
+// --- what keeps it from starting ----------------------------------------------------------------
+
+class WebpRefusal : public webp_test {
+protected:
+    void expect_nothing_drawn(const std::string& message)
+    {
+        EXPECT_EQ(decode(), -1);
+        EXPECT_EQ(told, message + "WARNING: Failed to decode WebP\n");
+        EXPECT_THAT(scripted::log.status, IsEmpty());
+        EXPECT_EQ(webp_image, nullptr);
+        EXPECT_THAT(allocation(), Each(0x55));
+    }
+};
+
+TEST_F(WebpRefusal, LibraryThatCannotBeSetUp)
+{
+    ASSERT_TRUE(open(lossy_webp(20, 20, noise(20, 20, false), 60), 0x55));
+    failing_calls::plan.webp_init = 1;
+    expect_nothing_drawn("Failed to init WebP decoder\n");
+    EXPECT_EQ(scripted::log.mappings, 0U);
+    EXPECT_FALSE(webp_deccfg_init);
+}
+
+TEST_F(WebpRefusal, PlaneThatCannotBeMapped)
+{
+    const char* const messages[] = {
+        "Failed to memory-map Y plane\n", "Failed to memory-map U plane\n",
+        "Failed to memory-map V plane\n", "Failed to memory-map V plane\n"};
+    for (int plane = 1; plane <= 4; ++plane) {
+        ASSERT_TRUE(open(lossless_webp(20, 20, noise(20, 20, true)), 0x55));
+        scripted::plan.fail_mapping = plane;
+        expect_nothing_drawn(messages[plane - 1]);
+        EXPECT_EQ(scripted::log.mappings, static_cast<uint64_t>(plane));
+    }
+}
+
+TEST_F(WebpRefusal, MappedRangesAreThePlanesInFullAndNoMore)
+{
+    const file_bytes file = lossless_webp(17, 17, noise(17, 17, true));
+    ASSERT_TRUE(open(file));
+    const std::pair<uint64_t, const char*> last_bytes[] = {
+        {image_offset_U - 1, "Failed to memory-map Y plane\n"},
+        {image_offset_V - 1, "Failed to memory-map U plane\n"},
+        {image_offset_A - 1, "Failed to memory-map V plane\n"},
+        {image_scanline_data_buffer_offset - 1, "Failed to memory-map V plane\n"}};
+    for (const auto& [last, message] : last_bytes) {
+        ASSERT_TRUE(open(file, 0x55));
+        scripted::plan.unmappable = {last, 1};
+        expect_nothing_drawn(message);
+    }
+    ASSERT_TRUE(open(file));
+    scripted::plan.unmappable = {image_scanline_data_buffer_offset, 1};
+    EXPECT_EQ(decode(), 0);
+    EXPECT_EQ(told, decoded);
+}
+
+using WebpDecodingDeathTest = webp_test;
+
+TEST_F(WebpDecodingDeathTest, NoPictureInMemory)
+{
+    webp_size = 1;
+    EXPECT_DEATH(full_decode_webp_yuv(), "full_decode_webp_yuv.*webp_image != __null");
+}
+
+TEST_F(WebpDecodingDeathTest, PictureOfNoBytes)
+{
+    ASSERT_TRUE(open(lossy_webp(20, 20, noise(20, 20, false), 60)));
+    webp_size = 0;
+    EXPECT_DEATH(full_decode_webp_yuv(), "full_decode_webp_yuv.*webp_size != 0");
+}
+
+} // namespace

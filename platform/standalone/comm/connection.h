@@ -34,6 +34,7 @@ struct comm_socket_v4_client {
     bool descriptor_sent = false; // the frame buffer's
     uint32_t subscribed = 0;      // comm_protocol::change_*
     uint64_t subscription = 0;    // request number of the subscription
+    uint64_t document_sent = 0;   // generation of the document that the subscription sent last
     unsigned long context_id = 0; // 0 before the hello
 
     bool leaving = false; // nothing more is done for it

@@ -55,6 +55,13 @@ const platform::document_text& present_document()
     return document;
 }
 
+// As one that has just subscribed has it.
+bool has_present_document(const comm_socket_v4_client& client)
+{
+    present_document();
+    return client.document_sent == document_generation;
+}
+
 } // namespace
 
 void notify_clients(uint32_t changes)
@@ -94,6 +101,9 @@ void send_present_document(comm_socket_v4_client& client, uint64_t request, bool
                            uint64_t now_us)
 {
     platform::send_status(client, present_document(), request, asked, now_us);
+    if (!asked) {
+        client.document_sent = document_generation;
+    }
 }
 
 void send_changed_document(comm_socket_v4_server& server, uint64_t now_us)
@@ -114,7 +124,7 @@ void send_document_to_subscribers()
     document_asked_this_round = false;
     const uint64_t now_us = monotonic_clock_us();
     for (const auto& client : vexa_comm_server->clients) {
-        if ((client->subscribed & change_document) != 0) {
+        if ((client->subscribed & change_document) != 0 && !has_present_document(*client)) {
             send_present_document(*client, client->subscription, false, now_us);
         }
     }

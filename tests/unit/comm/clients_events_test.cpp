@@ -205,6 +205,22 @@ TEST_F(ClientsEvents, DocumentThatChangedReachesItsSubscribersThroughTheIdleCall
     EXPECT_FALSE(client.receive().has_value());
 }
 
+TEST_F(ClientsEvents, SameDocumentIsSentOnce)
+{
+    const packet_client asking = greeted();
+    const packet_client client = subscriber(change_document);
+    send_document_to_subscribers();
+    EXPECT_FALSE(client.receive().has_value());
+    // Somebody who asks for it has it built; the subscriber hears of it afterwards, once.
+    state.document = "second";
+    mark_document_changed();
+    ASSERT_TRUE(ask(asking, encode_empty(5, GET_STATUS)).has_value());
+    send_document_to_subscribers();
+    send_document_to_subscribers();
+    EXPECT_EQ(client.receive()->as<status_part>().text, "second");
+    EXPECT_FALSE(client.receive().has_value());
+}
+
 TEST_F(ClientsEvents, DocumentThatNobodySubscribedToIsNotBuilt)
 {
     const packet_client client = subscriber(change_progress);

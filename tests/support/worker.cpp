@@ -252,25 +252,47 @@ ended_worker run_worker(const worker_home& home, const worker::setting& how)
     return {status, started.told()};
 }
 
-int run_client(const worker_home& home, const std::vector<std::string>& arguments, std::string* out)
+started_client::started_client(const worker_home& home, const std::vector<std::string>& arguments)
+    : out_path_(home.path(next_name("out")))
 {
-    const std::string out_path = home.path(next_name("out"));
     std::vector<std::string> words = {"stillimage-client"};
     words.insert(words.end(), arguments.begin(), arguments.end());
     const auto environment = child_environment(home, {});
-    const pid_t pid = fork();
-    if (pid == 0) {
-        redirect(out_path, STDOUT_FILENO);
-        redirect(out_path + ".err", STDERR_FILENO);
+    pid_ = fork();
+    if (pid_ == 0) {
+        redirect(out_path_, STDOUT_FILENO);
+        redirect(out_path_ + ".err", STDERR_FILENO);
         become_program(STILLIMAGE_CLIENT_PROGRAM, words, environment);
     }
-    const int status = wait_for(pid, 60'000);
-    if (status == worker::no_end) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+}
+
+started_client::~started_client()
+{
+    if (pid_ > 0 && end_ == worker::no_end) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
     }
+}
+
+std::string started_client::printed() const
+{
+    return read_file(out_path_);
+}
+
+int started_client::wait_end(int timeout_ms)
+{
+    if (end_ == worker::no_end) {
+        end_ = wait_for(pid_, timeout_ms);
+    }
+    return end_;
+}
+
+int run_client(const worker_home& home, const std::vector<std::string>& arguments, std::string* out)
+{
+    started_client client(home, arguments);
+    const int status = client.wait_end();
     if (out != nullptr) {
-        *out = read_file(out_path);
+        *out = client.printed();
     }
     return status;
 }

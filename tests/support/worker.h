@@ -79,6 +79,23 @@ struct ended_worker {
 };
 ended_worker run_worker(const worker_home& home, const worker::setting& how);
 
+// stillimage-client at work. Killed with the object when it still runs.
+class started_client {
+public:
+    started_client(const worker_home& home, const std::vector<std::string>& arguments);
+    started_client(const started_client&) = delete;
+    started_client& operator=(const started_client&) = delete;
+    ~started_client();
+
+    std::string printed() const;           // standard output so far
+    int wait_end(int timeout_ms = 60'000); // as worker::wait_end
+
+private:
+    pid_t pid_ = -1;
+    int end_ = worker::no_end;
+    std::string out_path_;
+};
+
 // Runs stillimage-client to its end. `out` receives its standard output.
 int run_client(const worker_home& home, const std::vector<std::string>& arguments,
                std::string* out = nullptr);

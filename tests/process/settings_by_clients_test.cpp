@@ -1,0 +1,225 @@
+// What clients set in the item's metadata: where it takes effect, what it survives, and that no
+// text of theirs breaks the status document.
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json11.hpp>
+
+#include "tests/support/worker.h"
+#include "tests/support/worker_client.h"
+
+using json11::Json;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+const std::string picture = STILLIMAGE_TEST_DATA "/jpeg/peacock-420.jpg"; // 100 x 75
+
+const Json wide = Json::array{16, 9};
+const Json standard = Json::array{4, 3};
+
+class SettingsByClients : public testing::Test {
+protected:
+    Json printed_by(const std::vector<std::string>& arguments) const
+    {
+        std::string text;
+        EXPECT_EQ(run_client(home, arguments, &text), 0) << arguments[1];
+        std::string error;
+        const Json json = Json::parse(text, error);
+        EXPECT_EQ(error, "") << text.substr(0, 1000);
+        return json;
+    }
+
+    void set(const worker& served, const std::string& name, const std::string& value) const
+    {
+        EXPECT_EQ(run_client(home, {served.socket(), "set", name, value}), 0) << name;
+    }
+
+    void quit(worker& served) const
+    {
+        EXPECT_EQ(run_client(home, {served.socket(), "quit"}), 0);
+        EXPECT_EQ(served.wait_end(), 0) << served.told();
+    }
+
+    // The value of the entry in the status document.
+    static std::string shown(const Json& document, const std::string& name)
+    {
+        for (const Json& entry : document["metadata"].array_items()) {
+            if (entry["name"].string_value() == name) {
+                return entry["value"].string_value();
+            }
+        }
+        return "(none)";
+    }
+
+    worker_home home;
+    const std::string metadir = home.path("meta");
+};
+
+// --- where they take effect ---------------------------------------------------------------------
+
+TEST_F(SettingsByClients, ReachFramesMadeAfterwardsAndAreThereAfterARestart)
+{
+    auto served = std::make_unique<worker>(
+        home, picture, std::vector<std::string>{"--metadir", metadir, "--aspect-ratio", "4:3"});
+    ASSERT_TRUE(served->wait_ready());
+    const held_client client = connect_to(*served);
+    const held_frame before = take_frame(client);
+    set(*served, "aspect ratio", "16:9");
+    set(*served, "background music", "on");
+    const Json frame = printed_by({served->socket(), "frame"});
+    EXPECT_EQ(frame["aspect"], wide);
+    EXPECT_EQ(frame["scanline"]["aspect"], standard); // written before
+    EXPECT_EQ(stillimage_frame_picture(before.get())->aspect_numerator, 4);
+    EXPECT_THAT(home.folder().read("meta/metadata"), Not(HasSubstr("aspect ratio = 16:9\n")));
+    EXPECT_TRUE(eventually([&] { // within a second or so, not only at the end
+        const std::string stored = home.folder().read("meta/metadata");
+        return stored.find("aspect ratio = 16:9\n") != std::string::npos &&
+               stored.find("background music = on\n") != std::string::npos;
+    }));
+    quit(*served);
+
+    worker restarted(home, picture, {"--metadir", metadir});
+    ASSERT_TRUE(restarted.wait_ready());
+    const Json again = printed_by({restarted.socket(), "frame"});
+    EXPECT_EQ(again["aspect"], wide);
+    EXPECT_EQ(again["scanline"]["aspect"], wide);
+    const Json item = printed_by({restarted.socket(), "status"})["item"];
+    EXPECT_EQ(item["aspect ratio"], wide);
+    EXPECT_EQ(item["background music"], Json(true));
+    quit(restarted);
+}
+
+// A worker that waits for room in its domain has not written its lists yet.
+TEST_F(SettingsByClients, ReachScanlineListsWrittenAfterwards)
+{
+    worker first(home, picture, {"--domain-limit", "40K"});
+    ASSERT_TRUE(first.wait_ready());
+    worker second(home, picture, {"--domain-limit", "40K", "--metadir", metadir});
+    set(second, "aspect ratio", "16:9");
+    EXPECT_EQ(printed_by({second.socket(), "status"})["buffer"]["number"], Json(0));
+    quit(first);
+    const Json full = printed_by({second.socket(), "frame"});
+    EXPECT_EQ(full["aspect"], wide);
+    EXPECT_EQ(full["scanline"]["aspect"], wide);
+    const Json level = printed_by({second.socket(), "frame", "--size", "25x19"});
+    EXPECT_EQ(level["scanline"]["aspect"], wide);
+    EXPECT_NE(level["scanline_offset"], full["scanline_offset"]);
+    quit(second);
+}
+
+TEST_F(SettingsByClients, AreNotWrittenWhenMetadataMayNotBeUpdated)
+{
+    worker served(home, picture, {"--metadir", metadir, "--no-metadata-update"});
+    ASSERT_TRUE(served.wait_ready());
+    const std::string before =
+        home.folder().has("meta/metadata") ? home.folder().read("meta/metadata") : std::string();
+    set(served, "aspect ratio", "16:9");
+    set(served, "background music", "on");
+    EXPECT_EQ(printed_by({served.socket(), "frame"})["aspect"], wide);
+    quit(served);
+    EXPECT_EQ(home.folder().has("meta/metadata") ? home.folder().read("meta/metadata")
+                                                 : std::string(),
+              before);
+}
+
+TEST_F(SettingsByClients, NamesThatAlmostMatchAreEntriesAndNothingElse)
+{
+    worker served(home, picture, {"--aspect-ratio", "4:3"});
+    ASSERT_TRUE(served.wait_ready());
+    for (const char* name : {"aspect ratio ", "aspect", "Aspect ratio", "aspect ratio 2",
+                             "background music ", "background"}) {
+        set(served, name, "16:9");
+        EXPECT_EQ(shown(printed_by({served.socket(), "status"}), name), "16:9");
+    }
+    EXPECT_EQ(printed_by({served.socket(), "frame"})["aspect"], standard);
+    const Json item = printed_by({served.socket(), "status"})["item"];
+    EXPECT_EQ(item["aspect ratio"], standard);
+    EXPECT_EQ(item["background music"], Json(false));
+    for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
+             {"aspect ratio", "wide"}, {"aspect ratio", "0/1"}, {"background music", "loud"}}) {
+        EXPECT_EQ(run_client(home, {served.socket(), "set", name, value}), 1) << value;
+    }
+    EXPECT_EQ(printed_by({served.socket(), "frame"})["aspect"], standard);
+}
+
+// --- hostile texts ------------------------------------------------------------------------------
+
+// Every byte but 0, over and over.
+std::string every_byte(size_t size)
+{
+    std::string text;
+    for (size_t i = 0; i < size; ++i) {
+        text.push_back(static_cast<char>(1 + i % 255));
+    }
+    return text;
+}
+
+TEST_F(SettingsByClients, MegabytesOfHostileTextsLeaveTheDocumentValid)
+{
+    auto served =
+        std::make_unique<worker>(home, picture, std::vector<std::string>{"--metadir", metadir});
+    ASSERT_TRUE(served->wait_ready());
+    const std::string value = every_byte(16384);
+    {
+        const held_client client = connect_to(*served);
+        const held_client reader = connect_to(*served);
+        for (int i = 0; i < 256; ++i) {
+            const std::string name = "\"name\\\x1B\xFF\n" + std::to_string(i);
+            ASSERT_EQ(stillimage_set_metadata(client.get(), name.c_str(), value.c_str(), 10'000),
+                      STILLIMAGE_OK)
+                << i << stillimage_last_error(client.get());
+            char* text = nullptr;
+            ASSERT_EQ(stillimage_get_status(reader.get(), 10'000, &text), STILLIMAGE_OK);
+            std::string error;
+            const Json document = Json::parse(text, error);
+            ASSERT_EQ(error, "") << i;
+            ASSERT_LE(std::string(text).size(), size_t{1} << 20);
+            ASSERT_EQ(std::string(text).find('\n'), std::string::npos);
+            stillimage_free(text);
+        }
+        EXPECT_EQ(stillimage_set_metadata(client.get(), "one more", "x", 10'000),
+                  STILLIMAGE_ERROR_VALUE)
+            << stillimage_last_error(client.get());
+    }
+    EXPECT_EQ(printed_by({served->socket(), "status"})["metadata cut"], Json(true));
+    quit(*served);
+
+    // Four megabytes of them in the file: read, kept and cut the same way.
+    EXPECT_GT(home.folder().read("meta/metadata").size(), size_t{4} << 20);
+    worker restarted(home, picture, {"--metadir", metadir});
+    ASSERT_TRUE(restarted.wait_ready()) << restarted.told();
+    const Json document = printed_by({restarted.socket(), "status"});
+    EXPECT_EQ(document["metadata cut"], Json(true));
+    EXPECT_EQ(document["image info"]["width"], Json(100));
+    EXPECT_GT(document["metadata"].array_items().size(), 3U);
+    set(restarted, "aspect ratio", "16:9");
+    quit(restarted);
+    EXPECT_THAT(home.folder().read("meta/metadata"), HasSubstr("aspect ratio = 16:9\n"));
+}
+
+TEST_F(SettingsByClients, HostileMetadataFileIsShownAsValidJson)
+{
+    worker made(home, picture, {"--metadir", metadir});
+    ASSERT_TRUE(made.wait_ready());
+    quit(made);
+    const std::string file = home.folder().read("meta/metadata");
+    home.folder().write("meta/metadata",
+                        file + "\"q\\\\\" = \"}{\\xFF\\xC0\\x80\\xED\\xA0\\x80\\x1B[2J\n" +
+                            "long = " + std::string(1'000'000, '"') + "\n");
+    worker served(home, picture, {"--metadir", metadir});
+    ASSERT_TRUE(served.wait_ready()) << served.told();
+    const Json document = printed_by({served.socket(), "status"});
+    EXPECT_EQ(document["metadata cut"], Json(true));
+    EXPECT_EQ(shown(document, "image size"), "100 x 75");
+    EXPECT_EQ(document["image info"]["file type"], Json("JPEG"));
+    quit(served);
+}
+
+} // namespace

@@ -10,6 +10,7 @@
 #include "bin/decode/jpeg_four.h"
 #include "bin/decode/jpeg_raw.h"
 #include "bin/decode/png.h"
+#include "bin/decode/png_adam7.h"
 #include "bin/decode/tiff.h"
 #include "bin/decode/webp.h"
 #include "bin/examine/image_state.h"
@@ -33,6 +34,7 @@ constexpr decoder jpeg_decoders[] = {
     {JCS_CMYK, full_decode_jpeg_raw_cmyk},
 };
 
+// Without interlacing; one decoder for all of these colour types reads interlaced pictures.
 constexpr decoder png_decoders[] = {
     {PNG_COLOR_TYPE_RGB, full_decode_png_rgb},
     {PNG_COLOR_TYPE_RGB_ALPHA, full_decode_png_rgba},
@@ -89,7 +91,7 @@ void decode_png()
         fputs("Unsupported interlace pattern\n", stderr);
     } else if (chosen == nullptr) {
         fputs("I'm not yet familiar with that form of PNG\n", stderr);
-    } else if (png_interlace_method != 0 || chosen->decode() != 0) {
+    } else if ((png_interlace_method == 1 ? full_decode_png_rgb_adam7() : chosen->decode()) != 0) {
         fputs("WARNING: Failed to decode PNG\n", stderr);
     }
     free_all_png_fileio();

@@ -1,6 +1,7 @@
 #include <csignal>
 #include <fstream>
 #include <iterator>
+#include <malloc.h>
 #include <string>
 #include <vector>
 
@@ -212,20 +213,55 @@ TEST_F(JpegFour, EverySizeIsDrawnByTheRules)
     }
 }
 
-TEST_F(JpegFour, BlockSizesThatPassTheStrideTouchNothingElse)
+TEST_F(JpegFour, BlocksOfEverySizeStayInsideTheirPlane)
 {
-    for (const int block : {3, 5, 7, 11, 13, 16}) {
-        picture what = four(JCS_CMYK, 33, block, {1, 1});
-        what.block_size = block;
-        expect_drawn_literally(write(what), std::to_string(block));
+    for (int block = 1; block <= 16; ++block) {
+        for (const int width : {16, 33, 48}) {
+            const std::string name = std::to_string(width) + " block " + std::to_string(block);
+            picture what = four(JCS_CMYK, width, block, {1, 1});
+            what.block_size = block;
+            expect_drawn_literally(write(what), name);
+            for (const factors all : {factors{1, 1}, {1, 2}, {2, 1}, {2, 2}}) {
+                what = four(JCS_YCCK, width, block, all);
+                what.block_size = block;
+                if (all.v * block <= 16) {
+                    expect_drawn_literally(write(what), name + " YCCK");
+                }
+            }
+        }
     }
 }
 
+TEST_F(JpegFour, GroupsOfMoreThan16RowsBreakAnInvariant)
+{
+    picture ink = four(JCS_CMYK, 40, 40, {4, 4});
+    ink.separate_scans = true; // too many blocks for one
+    open(write(ink));
+    EXPECT_EXIT(full_decode_jpeg_raw_cmyk(), KilledBySignal(SIGABRT),
+                "full_decode_jpeg_raw_cmyk: Assertion `irem <= 16' failed.\n$");
+    for (int block = 9; block <= 16; ++block) {
+        for (const factors all : {factors{1, 2}, {2, 2}}) {
+            reset_for_jpeg();
+            picture what = four(JCS_YCCK, 40, 40, all);
+            what.block_size = block;
+            open(write(what));
+            EXPECT_EXIT(full_decode_jpeg_raw_ycck(), KilledBySignal(SIGABRT),
+                        "full_decode_jpeg_raw_ycck: Assertion `irem <= 16' failed.\n$")
+                << block;
+        }
+    }
+}
+
+// K's rows that such a file does not have are not what the heap held before.
 TEST_F(JpegFour, UnequalInkFactorsGiveTheSamePictureEachTime)
 {
     picture what = four(JCS_CMYK, 40, 40, {1, 1});
     what.sampling = {{2, 2}, {1, 1}, {1, 1}, {1, 1}};
-    expect_drawn_literally(write(what), "2x2, 1x1, 1x1, 1x1");
+    for (const int freed : {0, 85, 170}) {
+        mallopt(M_PERTURB, freed);
+        expect_drawn_literally(write(what), "2x2, 1x1, 1x1, 1x1");
+    }
+    mallopt(M_PERTURB, 0);
 }
 
 TEST_F(JpegFour, SubsampledYcckIsToldForEachRowGroupAndChromaIsInvertedOnly)
@@ -279,6 +315,54 @@ TEST_F(JpegFour, SignalStopsAtTheTopOfTheNextPassOnly)
     options.groups = 2;
     options.before = sentinel;
     EXPECT_EQ(allocation(), draw_literally(write(four(JCS_YCCK, 16, 64, {1, 1})), options));
+}
+
+TEST_F(JpegFour, EachPlaneThatCannotBeMappedStopsTheLoop)
+{
+    const std::string lines[] = {"Failed to memory-map Y plane\n", "Failed to memory-map U plane\n",
+                                 "Failed to memory-map V plane\n"};
+    for (const J_COLOR_SPACE space : {JCS_CMYK, JCS_YCCK}) {
+        const file_bytes file = write(four(space, 40, 80, {1, 1}));
+        for (size_t call = 0; call < 9; ++call) {
+            reset_for_jpeg();
+            open(file, sentinel);
+            scripted::plan.fail_mapping = static_cast<int>(call + 1);
+            EXPECT_EQ(decode_as_told(), 0);
+            EXPECT_EQ(told, lines[call % 3]);
+            literal_options options;
+            options.groups = call / 3;
+            options.before = sentinel;
+            EXPECT_EQ(allocation(), draw_literally(file, options)) << call;
+            EXPECT_EQ(scripted::log.status.back(), (scripted::status_line{100, ""}));
+        }
+    }
+}
+
+TEST_F(JpegFour, ProgressIsReportedForEachRowGroup)
+{
+    open(write(four(JCS_CMYK, 16, 20, {1, 1})));
+    EXPECT_EQ(decode(full_decode_jpeg_raw_cmyk), 0);
+    const std::vector<scripted::status_line> wanted = {
+        {0, "Decoding JPEG"}, {40, "Decoding JPEG"}, {80, "Decoding JPEG"}, {100, ""}};
+    EXPECT_EQ(scripted::log.status, wanted);
+    EXPECT_EQ(scripted::log.idle_rounds, 3U);
+}
+
+TEST_F(JpegFour, RowCounterThatDisagreesIsToldBeforeASignalIsSeen)
+{
+    for (const J_COLOR_SPACE space : {JCS_CMYK, JCS_YCCK}) {
+        reset_for_jpeg();
+        open(write(four(space, 16, 64, {1, 1})));
+        scripted::plan.on_idle = [] {
+            if (scripted::log.idle_rounds == 3) {
+                jpeg_decompress->output_scanline = 5;
+                DIE4 = 1;
+            }
+        };
+        EXPECT_EQ(decode_as_told(), 0);
+        EXPECT_EQ(told, "JPEGLIB scan line counter mismatch 16 != 5\n");
+        EXPECT_EQ(jpeg_decompress->global_state, 200); // aborted
+    }
 }
 
 TEST_F(JpegFour, InvariantsNameTheDecoder)

@@ -1,0 +1,118 @@
+// A WebP's whole road: examination, layout, decoding, pyramid, clean-up. It ends in a refusal or in
+// a picture, and nothing stays open. The planes must hold what the library draws on black.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "bin/decode/webp.h"
+#include "bin/examine/image_state.h"
+#include "bin/examine/webp.h"
+#include "bin/framebuffer/layout.h"
+#include "bin/framebuffer/mipmap.h"
+#include "bin/framebuffer/records.h"
+#include "platform/media_item.h"
+#include "tests/support/scripted_platform.h"
+
+namespace {
+
+constexpr int64_t pixel_limit = 1 << 20; // larger pictures only cost time
+
+void require(bool condition)
+{
+    if (!condition) {
+        abort();
+    }
+}
+
+void blacken(std::vector<uint8_t>& area, uint64_t offset, uint64_t size, int black)
+{
+    memset(area.data() + offset, black, size);
+}
+
+// The full-size planes by the plain rule.
+std::vector<uint8_t> planes_on_black(const uint8_t* data, size_t size)
+{
+    std::vector<uint8_t> area(image_scanline_data_buffer_offset);
+    const auto height = static_cast<uint64_t>(image_height);
+    const auto rows = static_cast<uint64_t>(image_buffer_height);
+    blacken(area, image_offset_Y, height * image_stride_Y, 16);
+    blacken(area, image_offset_U, height / 2 * image_stride_U, 128);
+    blacken(area, image_offset_V, height / 2 * image_stride_V, 128);
+    WebPDecoderConfig config;
+    require(WebPInitDecoderConfig(&config) != 0);
+    config.output.colorspace = MODE_YUV;
+    config.output.is_external_memory = 1;
+    const auto luma_stride = static_cast<int>(image_stride_Y);
+    const auto chroma_stride = static_cast<int>(image_stride_U);
+    config.output.u.YUVA = {area.data() + image_offset_Y,
+                            area.data() + image_offset_U,
+                            area.data() + image_offset_V,
+                            nullptr,
+                            luma_stride,
+                            chroma_stride,
+                            chroma_stride,
+                            0,
+                            rows * image_stride_Y,
+                            rows / 2 * image_stride_U,
+                            rows / 2 * image_stride_V,
+                            0};
+    if (image_has_alpha_channel != 0) {
+        blacken(area, image_offset_A, height * image_stride_A, 16);
+        config.output.colorspace = MODE_YUVA;
+        config.output.u.YUVA.a = area.data() + image_offset_A;
+        config.output.u.YUVA.a_stride = luma_stride;
+        config.output.u.YUVA.a_size = rows * image_stride_A;
+    }
+    WebPDecode(data, size, &config);
+    return area;
+}
+
+void go_the_whole_road(const uint8_t* data, size_t size)
+{
+    if (examine_webp_file() != 0) {
+        require(webp_image == nullptr);
+        return;
+    }
+    if (static_cast<int64_t>(image_width) * image_height > pixel_limit) {
+        return;
+    }
+    layout_full_size();
+    layout_mipmaps();
+    require(cnb_default_buffer_load() == 0);
+    require(cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image"));
+    require(build_picture_records() == 0);
+    const std::vector<uint8_t> expected = planes_on_black(data, size);
+    require(full_decode_webp_yuv() == 0);
+    require(webp_image == nullptr);
+    require(scripted::log.status.size() == 1 && scripted::log.status[0].percent == 100);
+    require(memcmp(scripted::buffer(), expected.data(), expected.size()) == 0);
+    generate_all_mipmaps();
+    require(mipmaps_avail == mipmaps);
+}
+
+void start_anew()
+{
+    reset_webp();
+    reset_image_state();
+    reset_layout();
+    reset_mipmaps();
+    scripted::reset();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    start_anew();
+    scripted::set_picture(data, size);
+    vexa_acc_cache = vexa_global_access_cache_create();
+    go_the_whole_road(data, size);
+    free_all_webp();
+    free_all_webp();
+    require(webp_image == nullptr && !webp_deccfg_init);
+    start_anew();
+    return 0;
+}

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/child_process.h"
 #include "tests/unit/client/fake_worker.h"
 #include "tests/unit/client/opened.h"
 
@@ -71,6 +72,40 @@ TEST(ClientConnection, RefusalBeforeTheGreetingIsReadThoughTheWorkerHungUp)
     const opened connection(worker.path());
     EXPECT_EQ(connection.result, STILLIMAGE_ERROR_REFUSED);
     EXPECT_EQ(connection.error(), "the worker says: the process of another user");
+}
+
+TEST(ClientConnection, WorkerOfAnotherUserIsRefusedBeforeAnythingIsSaid)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs the rights to become another user";
+    }
+    constexpr uid_t stranger = unprivileged_user - 1;
+    const fake_worker worker([](fake_peer& peer) {
+        peer.greet();
+        peer.await_end();
+    });
+    // 0: connected. 1: refused for its owner, the connection closed. 2: anything else.
+    const auto nobody_connects = [&worker] {
+        return run_without_privileges([&worker] {
+            const opened connection(worker.path());
+            if (connection.result == STILLIMAGE_OK) {
+                return 0;
+            }
+            return connection.result == STILLIMAGE_ERROR_REFUSED &&
+                           connection.error() ==
+                               "the worker at " + worker.path() + " belongs to another user" &&
+                           stillimage_descriptor(connection.client) == -1
+                       ? 1
+                       : 2;
+        });
+    };
+    ASSERT_TRUE(worker.belong_to(stranger));
+    EXPECT_EQ(nobody_connects(), 1);
+    EXPECT_EQ(opened(worker.path()).result, STILLIMAGE_OK); // the superuser's client takes any
+    ASSERT_TRUE(worker.belong_to(unprivileged_user));
+    EXPECT_EQ(nobody_connects(), 0);
+    ASSERT_TRUE(worker.belong_to(0)); // the system's
+    EXPECT_EQ(nobody_connects(), 0);
 }
 
 TEST(ClientConnection, SilentWorkerMeetsTheTimeLimit)

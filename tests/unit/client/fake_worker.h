@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 #include <thread>
 
 #include "platform/comm_protocol.h"
@@ -47,6 +48,10 @@ public:
     ~fake_worker();
 
     const std::string& path() const { return path_; }
+
+    // From now on the peer that clients see is a process of this user, and clients of any user may
+    // connect. Needs the superuser's rights; false when that could not be done.
+    bool belong_to(uid_t user) const;
 
 private:
     void serve();

@@ -242,8 +242,9 @@ TEST_F(Start, DaemonIsServedOnARelativePath)
     // A second worker on the same socket is still refused.
     const ended_worker second = run_worker(home, how);
     EXPECT_EQ(second.status, 1);
-    EXPECT_THAT(second.told, HasSubstr("here.sock"));
     const pid_t daemon_pid = stillimage_worker_pid(client);
+    EXPECT_THAT(second.told, HasSubstr("here.sock': already served by process " +
+                                       std::to_string(daemon_pid) + "\n"));
     EXPECT_EQ(stillimage_quit(client, 10'000), STILLIMAGE_OK);
     stillimage_close(client);
     EXPECT_TRUE(eventually([&] { return kill(daemon_pid, 0) != 0; }));

@@ -81,7 +81,7 @@ class inflater {
 public:
     inflater(const bytes& file, size_t first_chunk) : data_(file, first_chunk)
     {
-        if (inflateInit(&stream_) != Z_OK) {
+        if (inflateInit2(&stream_, 0) != Z_OK) { // 0: the window that the data asks for
             abort();
         }
     }

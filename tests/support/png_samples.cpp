@@ -255,7 +255,7 @@ png_samples read_png_samples(const bytes& file)
     png_samples picture = read_header(file);
     size_t chunk = 8;
     while (chunk + 8 <= file.size() && !named(file, chunk, "IDAT")) {
-        if (named(file, chunk, "PLTE")) {
+        if (named(file, chunk, "PLTE") && picture.palette.empty()) {
             read_palette(file, chunk, &picture);
         }
         chunk += size_t{12} + word_at(file, chunk);

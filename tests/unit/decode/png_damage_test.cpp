@@ -8,8 +8,8 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
+#include "tests/support/png_literal.h"
 #include "tests/unit/decode/png_fixture.h"
-#include "tests/unit/decode/png_literal.h"
 
 using testing::HasSubstr;
 using testing::KilledBySignal;

@@ -13,7 +13,7 @@
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
 #include "platform/media_item.h"
-#include "tests/unit/decode/png_literal.h"
+#include "tests/support/png_literal.h"
 
 namespace png_tests {
 

@@ -8,8 +8,8 @@
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
 #include "platform/media_item.h"
+#include "tests/support/png_literal.h"
 #include "tests/unit/decode/png_fixture.h"
-#include "tests/unit/decode/png_literal.h"
 
 namespace png_tests {
 namespace {

@@ -110,29 +110,44 @@ bool convert_canvas(const gif_canvas& canvas, uint32_t unit)
     return true;
 }
 
+// False when the frame could not be done. A signal leaves it half done.
+bool decode_frame(composition* work, uint64_t i, uint64_t* time)
+{
+    const SavedImage& frame = gif_image->SavedImages[i];
+    const gif_frame_control control = read_gif_frame_control(frame);
+    if (!enter_into_timeline(*time, i)) {
+        return false;
+    }
+    if (control.disposal == TO_PREVIOUS && !save_canvas(work)) {
+        return false;
+    }
+    *time += control.delay;
+    draw_gif_frame(work->canvas, frame, i == 0);
+    if (DIE4 != 0) {
+        return true;
+    }
+    if (!convert_canvas(work->canvas, gif_unit_offset(i, image_decoded_unit_size))) {
+        return false;
+    }
+    dispose(work, frame, control.disposal);
+    return true;
+}
+
 int decode_frames(composition* work)
 {
-    uint64_t time = 0;
     const auto frames = static_cast<uint64_t>(gif_image->ImageCount);
-    for (uint64_t i = 0; i < frames; ++i) {
+    uint64_t time = 0;
+    uint64_t done = 0;
+    while (done < frames && DIE4 == 0) {
+        if (!decode_frame(work, done, &time)) {
+            return -1;
+        }
+        ++done;
         quickidle_comm();
-        if (DIE4 != 0) {
-            return 0;
-        }
-        const SavedImage& frame = gif_image->SavedImages[i];
-        const gif_frame_control control = read_gif_frame_control(frame);
-        if (!enter_into_timeline(time, i) ||
-            (control.disposal == TO_PREVIOUS && !save_canvas(work))) {
-            return -1;
-        }
-        time += control.delay;
-        draw_gif_frame(work->canvas, frame, i == 0);
-        if (!convert_canvas(work->canvas, gif_unit_offset(i, image_decoded_unit_size))) {
-            return -1;
-        }
-        dispose(work, frame, control.disposal);
     }
-    image_mapping_total = std::max<uint64_t>(time, 1);
+    if (done == frames) {
+        image_mapping_total = std::max<uint64_t>(time, 1);
+    }
     return 0;
 }
 

@@ -3,11 +3,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include <gtest/gtest.h>
 
 #include "client/stillimage_client.h"
-#include "tests/support/worker.h"
 
 struct client_closer {
     void operator()(stillimage_client* client) const { stillimage_close(client); }
@@ -19,10 +19,10 @@ struct frame_releaser {
 };
 using held_frame = std::unique_ptr<stillimage_frame, frame_releaser>;
 
-inline held_client connect_to(const worker& served)
+inline held_client connect_to(const std::string& socket_path)
 {
     stillimage_client* client = nullptr;
-    EXPECT_EQ(stillimage_connect(served.socket().c_str(), 30'000, &client), STILLIMAGE_OK)
+    EXPECT_EQ(stillimage_connect(socket_path.c_str(), 30'000, &client), STILLIMAGE_OK)
         << stillimage_last_error(client);
     return held_client(client);
 }

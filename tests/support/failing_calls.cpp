@@ -43,6 +43,13 @@ int scripted_tiff_tag(TIFF* image, uint32_t tag, va_list arguments)
         *va_arg(arguments, uint16_t*) = plan.tiff_factors.second;
         return 1;
     }
+    if (tag == TIFFTAG_COLORMAP && plan.tiff_null_colour >= 0) {
+        static uint16_t colours[256] = {};
+        for (int i = 0; i < 3; ++i) {
+            *va_arg(arguments, uint16_t**) = i == plan.tiff_null_colour ? nullptr : colours;
+        }
+        return 1;
+    }
     return TIFFVGetField(image, tag, arguments);
 }
 
@@ -81,6 +88,8 @@ int __wrap_TIFFGetField(TIFF* image, uint32_t tag, ...);
 void __real_TIFFOpenOptionsSetMaxSingleMemAlloc(TIFFOpenOptions* options, tmsize_t limit);
 void __wrap_TIFFOpenOptionsSetMaxSingleMemAlloc(TIFFOpenOptions* options, tmsize_t limit);
 #endif
+tmsize_t __real_TIFFReadEncodedStrip(TIFF* image, uint32_t strip, void* to, tmsize_t size);
+tmsize_t __wrap_TIFFReadEncodedStrip(TIFF* image, uint32_t strip, void* to, tmsize_t size);
 uint32_t __real_TIFFNumberOfStrips(TIFF* image);
 uint32_t __wrap_TIFFNumberOfStrips(TIFF* image);
 tmsize_t __real_TIFFScanlineSize(TIFF* image);
@@ -187,6 +196,12 @@ void __wrap_TIFFOpenOptionsSetMaxSingleMemAlloc(TIFFOpenOptions* options, tmsize
 }
 
 #endif
+
+tmsize_t __wrap_TIFFReadEncodedStrip(TIFF* image, uint32_t strip, void* to, tmsize_t size)
+{
+    return plan.tiff_read_strip ? plan.tiff_read_strip(strip, static_cast<unsigned char*>(to), size)
+                                : __real_TIFFReadEncodedStrip(image, strip, to, size);
+}
 
 uint32_t __wrap_TIFFNumberOfStrips(TIFF* image)
 {

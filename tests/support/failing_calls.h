@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <utility>
 
 namespace failing_calls {
@@ -35,6 +36,9 @@ struct script {
     bool tiff_no_strips = false;     // TIFFNumberOfStrips is 0
     bool tiff_no_scanline = false;   // TIFFScanlineSize is 0
     bool tiff_no_strip_size = false; // TIFFStripSize is 0
+    int tiff_null_colour = -1;       // the colormap's pointer of that number is null
+    // In place of TIFFReadEncodedStrip: strip, target, size; bytes read.
+    std::function<int64_t(uint32_t, unsigned char*, int64_t)> tiff_read_strip;
 };
 
 extern script plan;

@@ -38,6 +38,7 @@ TEST_F(DecodeDispatch, PngInterlaceBeyondAdam7DecodesNothing)
 TEST_F(DecodeDispatch, UnfamiliarTiffIsTold)
 {
     image_file_type = IMAGE_TIFF;
+    tiff_photometric = 4;
     decode_picture();
     EXPECT_EQ(printed(), "I'm not yet familiar with that form of TIFF\n");
 }

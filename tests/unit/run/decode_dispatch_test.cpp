@@ -4,6 +4,7 @@
 #include "bin/examine/jpeg.h"
 #include "bin/examine/jpeg_reader.h"
 #include "bin/examine/png.h"
+#include "bin/examine/tiff.h"
 #include "bin/vexa_stillimage.h"
 #include "tests/unit/run/run_fixture.h"
 

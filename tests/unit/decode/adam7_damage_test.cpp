@@ -1,0 +1,282 @@
+// Interlaced pictures that end early: damaged files, failing calls, stop requests, broken
+// invariants.
+#include <csignal>
+#include <string_view>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "bin/decode/png_adam7.h"
+#include "bin/examine/image_state.h"
+#include "bin/examine/png.h"
+#include "bin/framebuffer/layout.h"
+#include "bin/framebuffer/mipmap.h"
+#include "platform/media_item.h"
+#include "tests/unit/decode/adam7_fixture.h"
+
+using namespace adam7_tests;
+using scripted::status_line;
+
+namespace {
+
+using DecodePngAdam7Damage = Fixture;
+
+// Of a picture of 17 x 17: the number of each pass's first row among the rows of all passes.
+constexpr uint64_t first_rows[] = {0, 3, 6, 8, 13, 17, 26};
+constexpr uint64_t all_rows = 34;
+
+size_t image_data_of(const bytes& file)
+{
+    const std::string_view text(reinterpret_cast<const char*>(file.data()), file.size());
+    return text.find("IDAT") + 4;
+}
+
+bytes first_bytes(const bytes& file, size_t count)
+{
+    return {file.begin(), file.begin() + static_cast<std::ptrdiff_t>(count)};
+}
+
+size_t count_of(const std::string& text, const std::string& part)
+{
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST_F(DecodePngAdam7Damage, CutFilesAreDrawnAsFarAsTheyGo)
+{
+    for (const colour_form form : {colour_form{6, 8}, {0, 1}, {3, 8}, {4, 16}, {2, 8}}) {
+        const bytes file = write_png(random_picture(40, 30, form));
+        for (size_t size = image_data_of(file); size <= file.size(); size += 5) {
+            SCOPED_TRACE(size);
+            expect_as_told(first_bytes(file, size), 90);
+        }
+    }
+}
+
+TEST_F(DecodePngAdam7Damage, ImageDataThatEndsEarlyIsDrawnUpToEachRow)
+{
+    const png_spec spec = random_picture(17, 17, {2, 8});
+    for (size_t size = 0; size <= spec.rows.size(); size += 3) {
+        SCOPED_TRACE(size);
+        png_spec shorter = spec;
+        shorter.rows.resize(size);
+        expect_as_told(write_png(shorter), 90);
+    }
+}
+
+TEST_F(DecodePngAdam7Damage, ChangedBytesAreDrawnUpToTheDamage)
+{
+    const bytes file = write_png(random_picture(33, 18, {6, 8}));
+    for (size_t at = image_data_of(file); at + 16 < file.size(); at += 3) {
+        SCOPED_TRACE(at);
+        bytes changed = file;
+        changed[at] ^= 0x41;
+        expect_as_told(changed, 90);
+    }
+}
+
+TEST_F(DecodePngAdam7Damage, ErrorInTheFirstPassAnnouncesNothing)
+{
+    png_spec spec = rgba_picture(64, 64, 0, 0);
+    spec.rows.resize(3 * (1 + 8 * 4));
+    open(write_png(spec), 90, true);
+    EXPECT_EQ(decode(), 0);
+    EXPECT_EQ(told, "PNG ERROR: Not enough image data\nlibpng error: Not enough image data\n"
+                    "Unexpected PNG error while reading, aborting decode\n");
+    EXPECT_TRUE(scripted::log.ready.empty());
+    EXPECT_EQ(count_calls("vexa_global_access_cache_cleanup_idle"), 0U);
+    EXPECT_EQ(mipmaps_avail, 0);
+    EXPECT_EQ(scripted::log.status.back(), (status_line{100, ""}));
+    EXPECT_EQ(plane(3)[23 * 64], 0);      // painted
+    EXPECT_EQ(plane(0)[31 * 64 + 9], 16); // the failing band: black, not to be seen
+    EXPECT_EQ(plane(3)[31 * 64 + 9], 0);
+    EXPECT_EQ(plane(0)[32 * 64], 90); // below it
+}
+
+TEST_F(DecodePngAdam7Damage, ErrorInALaterPassLeavesTheLevelsOfTheLastRebuild)
+{
+    png_spec spec = rgba_picture(64, 64, 0, 0);
+    spec.rows.resize(10 * (1 + 8 * 4)); // two rows into the second pass
+    open(write_png(spec), 0, true);
+    EXPECT_EQ(decode(), 0);
+    EXPECT_EQ(scripted::log.ready, (std::vector<status_line>{{-1, "Provisional image ready"}}));
+    EXPECT_EQ(count_calls("vexa_global_access_cache_cleanup_idle"), 1U);
+    EXPECT_EQ(count_of(told, "Generating mipmap 32 x 32\n"), 1U);
+    EXPECT_EQ(mipmaps_avail, 1);
+}
+
+TEST_F(DecodePngAdam7Damage, PlaneThatCannotBeMappedEndsItsPassOnly)
+{
+    struct drawing {
+        colour_form form;
+        std::string planes;
+    };
+    for (const drawing& d : {drawing{{6, 8}, "YUVA"},
+                             {{2, 8}, "YUV"},
+                             {{0, 8}, "Y"},
+                             {{4, 8}, "YA"},
+                             {{3, 8}, "YUV"}}) {
+        const bytes file = write_png(random_picture(17, 17, d.form));
+        for (uint64_t failing = 0; failing < all_rows; ++failing) {
+            for (size_t i = 0; i < d.planes.size(); ++i) {
+                SCOPED_TRACE(failing);
+                bool failed = false;
+                expect_as_told(file, 90, [&](uint64_t, adam7_literal& literal) {
+                    if (!failed && literal.rows_drawn() == failing) {
+                        failed = true;
+                        scripted::plan.fail_mapping = static_cast<int>(i) + 1;
+                        literal.leave_pass();
+                    }
+                });
+                const std::string line =
+                    std::string("Failed to memory-map ") + d.planes[i] + " plane\n";
+                EXPECT_EQ(count_of(told, line), 1U);
+                EXPECT_EQ(count_of(told, "Failed to memory-map"), 1U);
+                EXPECT_EQ(count_calls("vexa_global_access_cache_cleanup_idle"), 7U);
+                EXPECT_EQ(scripted::log.ready.size(), 1U);
+            }
+        }
+    }
+}
+
+TEST_F(DecodePngAdam7Damage, EveryPassMayFailToMap)
+{
+    for (const colour_form form : colour_forms) {
+        start_anew();
+        open(write_png(random_picture(17, 17, form)));
+        const uint64_t size = scripted::buffer_size();
+        scripted::plan.unmappable = {0, size};
+        EXPECT_EQ(decode(), 0);
+        EXPECT_EQ(count_of(told, "Failed to memory-map Y plane\n"), 7U);
+        EXPECT_EQ(bytes(scripted::buffer(), scripted::buffer() + size), bytes(size, 0));
+    }
+}
+
+TEST_F(DecodePngAdam7Damage, StopRequestEndsEveryPassWithItsWork)
+{
+    const bytes file = write_png(random_picture(17, 17, {6, 8}));
+    for (uint64_t last = 0; last < all_rows; ++last) {
+        SCOPED_TRACE(last);
+        expect_as_told(file, 90, [last](uint64_t row, adam7_literal&) {
+            if (row == last) {
+                DIE4 = 1;
+            }
+        });
+        EXPECT_EQ(scripted::log.status.size(), last + 2);
+        EXPECT_EQ(scripted::log.ready.size(), 1U);
+        EXPECT_EQ(count_calls("vexa_global_access_cache_cleanup_idle"), 7U);
+    }
+}
+
+TEST_F(DecodePngAdam7Damage, StopRequestBeforehandReadsNothing)
+{
+    open(write_png(random_picture(64, 64, {2, 8})), 90, true);
+    const uint64_t mapped_before = scripted::log.mappings;
+    DIE4 = 1;
+    EXPECT_EQ(decode(), 0);
+    EXPECT_EQ(scripted::log.status, (std::vector<status_line>{{100, ""}}));
+    EXPECT_EQ(scripted::log.ready, (std::vector<status_line>{{-1, "Provisional image ready"}}));
+    EXPECT_EQ(scripted::log.mappings, mapped_before);
+    EXPECT_EQ(count_of(told, "Generating mipmap 32 x 32\n"), 3U);
+}
+
+TEST_F(DecodePngAdam7Damage, StopBetweenPassesIsSeenByTheNextOne)
+{
+    const bytes file = write_png(random_picture(17, 17, {2, 8}));
+    for (const uint64_t first : first_rows) {
+        expect_as_told(file, 0, [first](uint64_t row, adam7_literal&) {
+            if (row + 1 == first) {
+                DIE4 = 1;
+            }
+        });
+        EXPECT_EQ(scripted::log.status.size(), first == 0 ? all_rows + 1 : first + 1);
+    }
+}
+
+TEST_F(DecodePngAdam7Damage, RowThatCannotBeAllocatedIsRefused)
+{
+    open(write_png(random_picture(17, 17, {6, 8})));
+    failing_calls::plan.calloc = 1;
+    EXPECT_EQ(decode(), -1);
+    EXPECT_EQ(told, "Unable to allocate RGB row\n");
+    EXPECT_EQ(png_context, nullptr);
+    EXPECT_EQ(png_fp, nullptr);
+    EXPECT_TRUE(scripted::log.status.empty());
+}
+
+TEST_F(DecodePngAdam7Damage, RowHoldsTheStrideAndSpareBytes)
+{
+    struct need {
+        colour_form form;
+        size_t bytes;
+    };
+    for (const need& n : {need{{6, 8}, 32 * 4 + 64},
+                          {{2, 16}, 32 * 3 + 64},
+                          {{4, 8}, 32 * 2 + 64},
+                          {{3, 2}, 32 + 64},
+                          {{0, 16}, 32 + 64}}) {
+        start_anew();
+        open(write_png(random_picture(17, 1, n.form)));
+        failing_calls::plan.largest_calloc = n.bytes - 1;
+        EXPECT_EQ(decode(), -1);
+        EXPECT_EQ(told, "Unable to allocate RGB row\n");
+    }
+}
+
+TEST_F(DecodePngAdam7Damage, MissingPaletteIsRefused)
+{
+    open(write_png(random_picture(17, 17, {2, 8})));
+    png_color_type = 3;
+    EXPECT_EQ(decode(), -1);
+    EXPECT_EQ(told, "PNG library failed to return color palette\n");
+    EXPECT_EQ(png_context, nullptr);
+}
+
+TEST_F(DecodePngAdam7Damage, LaterLibraryErrorEndsTheProcess)
+{
+    open(write_png(random_picture(4, 4, {2, 8})));
+    ASSERT_EQ(decode(), 0);
+    EXPECT_DEATH(png_error(png_context, "later"), "Unexpected PNG setjmp after header setup");
+}
+
+TEST_F(DecodePngAdam7Damage, BrokenInvariantsEndTheProcess)
+{
+    open(write_png(random_picture(4, 4, {2, 8})));
+    const std::string where = "bin/vexa_stillimage.*full_decode_png_rgb_adam7.*";
+    EXPECT_DEATH(
+        {
+            png_interlace_method = 0;
+            full_decode_png_rgb_adam7();
+        },
+        where + "png_interlace_method == 1");
+    EXPECT_DEATH(
+        {
+            image_cnb_buffer_fd = -1;
+            full_decode_png_rgb_adam7();
+        },
+        where + "image_cnb_buffer_fd >= 0");
+    EXPECT_DEATH(
+        {
+            image_chroma_x_shift = 1;
+            full_decode_png_rgb_adam7();
+        },
+        where + "image_chroma_x_shift == 0");
+    EXPECT_DEATH(
+        {
+            image_chroma_y_shift = 1;
+            full_decode_png_rgb_adam7();
+        },
+        where + "image_chroma_y_shift == 0");
+}
+
+TEST_F(DecodePngAdam7Damage, ColourTypeOfNoPictureEndsTheProcess)
+{
+    open(write_png(random_picture(4, 4, {2, 8})));
+    png_color_type = 1;
+    EXPECT_EXIT(full_decode_png_rgb_adam7(), testing::KilledBySignal(SIGABRT), "");
+}
+
+} // namespace

@@ -1,0 +1,200 @@
+#include "tests/unit/decode/adam7_fixture.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <random>
+
+#include "bin/decode/planes.h"
+#include "bin/decode/png_adam7.h"
+#include "bin/examine/image_state.h"
+#include "bin/examine/png.h"
+#include "bin/framebuffer/layout.h"
+#include "bin/framebuffer/mipmap.h"
+#include "bin/framebuffer/records.h"
+#include "platform/media_item.h"
+
+namespace adam7_tests {
+
+namespace {
+
+struct grid {
+    uint32_t first_row, row_step, first_column, column_step;
+};
+
+constexpr grid grids[7] = {{0, 8, 0, 8}, {0, 8, 4, 8}, {4, 8, 0, 4}, {0, 4, 2, 4},
+                           {2, 4, 0, 2}, {0, 2, 1, 2}, {1, 2, 0, 1}};
+
+uint32_t count_of(uint32_t size, uint32_t first, uint32_t step)
+{
+    return size > first ? (size - first - 1) / step + 1 : 0;
+}
+
+// Calls `row` for each row of the file with the number of its pass, columns and bytes of samples.
+template <typename Row>
+void for_each_row(const png_spec& spec, Row row)
+{
+    static constexpr size_t channels[] = {1, 0, 3, 1, 2, 0, 4};
+    for (int pass = 0; pass < 7; ++pass) {
+        const grid& g = grids[pass];
+        const uint32_t columns = count_of(spec.width, g.first_column, g.column_step);
+        const uint32_t rows = count_of(spec.height, g.first_row, g.row_step);
+        for (uint32_t i = 0; columns != 0 && i < rows; ++i) {
+            row(pass, columns, (columns * channels[spec.colour_type] * spec.depth + 7) / 8);
+        }
+    }
+}
+
+} // namespace
+
+const std::vector<colour_form> colour_forms = {{0, 1}, {0, 2},  {0, 4},  {0, 8}, {0, 16},
+                                               {2, 8}, {2, 16}, {3, 1},  {3, 2}, {3, 4},
+                                               {3, 8}, {4, 8},  {4, 16}, {6, 8}, {6, 16}};
+
+png_spec random_picture(uint32_t width, uint32_t height, colour_form form, unsigned seed)
+{
+    std::mt19937 lot(seed);
+    png_spec spec = {.width = width,
+                     .height = height,
+                     .depth = form.depth,
+                     .colour_type = form.colour_type,
+                     .interlace = 1};
+    if (form.colour_type == 3) {
+        png_chunk palette = {"PLTE"};
+        const size_t colours = form.depth == 1 ? 1 : (size_t{1} << form.depth) - form.depth;
+        for (size_t i = 0; i < 3 * colours; ++i) {
+            palette.data.push_back(static_cast<unsigned char>(lot()));
+        }
+        spec.chunks.push_back(palette);
+    }
+    for_each_row(spec, [&](int, uint32_t, size_t size) {
+        spec.rows.push_back(static_cast<unsigned char>(lot() % 5));
+        std::generate_n(std::back_inserter(spec.rows), size,
+                        [&lot] { return static_cast<unsigned char>(lot()); });
+    });
+    return spec;
+}
+
+png_spec rgba_picture(uint32_t width, uint32_t height, unsigned char first, unsigned char others)
+{
+    png_spec spec = {.width = width, .height = height, .colour_type = 6, .interlace = 1};
+    for_each_row(spec, [&](int pass, uint32_t columns, size_t) {
+        spec.rows.push_back(0);
+        for (uint32_t i = 0; i < columns; ++i) {
+            spec.rows.insert(spec.rows.end(), {200, 100, 50, pass == 0 ? first : others});
+        }
+    });
+    return spec;
+}
+
+bytes read_file(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file) << path;
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void Fixture::start_anew()
+{
+    free_all_png_fileio();
+    reset_image_state();
+    reset_layout();
+    reset_mipmaps();
+    scripted::reset();
+    cnb_default_buffer_drop();
+    failing_calls::plan = {};
+}
+
+void Fixture::open(const bytes& file, unsigned char before, bool levels)
+{
+    scripted::set_picture(file);
+    testing::internal::CaptureStderr();
+    const int result = examine_png_file();
+    if (result == 0) {
+        layout_full_size();
+        if (levels) {
+            layout_mipmaps();
+        }
+        // Without levels the buffer ends with the planes: nothing may be drawn behind them.
+        scripted::provide_buffer(levels ? image_decoded_size : image_scanline_data_buffer_offset,
+                                 before);
+        build_picture_records();
+    }
+    told = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(result, 0) << told;
+    for (int i = 0; i < 4; ++i) {
+        plane_offsets_[i] = *frame_planes[i].offset;
+    }
+}
+
+int Fixture::decode()
+{
+    testing::internal::CaptureStderr();
+    const int result = full_decode_png_rgb_adam7();
+    told = testing::internal::GetCapturedStderr();
+    return result;
+}
+
+void Fixture::compare(const adam7_literal& literal, const std::string& when)
+{
+    for (size_t i = 0; i < 4; ++i) {
+        const bytes& expected = literal.planes()[i];
+        ASSERT_TRUE(
+            memcmp(scripted::buffer() + plane_offsets_[i], expected.data(), expected.size()) == 0)
+            << "plane " << i << ", " << image_width << " x " << image_height << " of type "
+            << png_color_type << ", " << png_bit_depth << " bits, " << when;
+    }
+}
+
+void Fixture::expect_as_told(const bytes& file, unsigned char before,
+                             const std::function<void(uint64_t, adam7_literal&)>& before_row)
+{
+    start_anew();
+    open(file, before);
+    adam7_literal literal(read_png_samples(file), before);
+    uint64_t row = 0;
+    scripted::plan.on_idle = [&] {
+        if (row == scripted::log.status.size()) {
+            return; // served from within the alpha test
+        }
+        row = scripted::log.status.size();
+        compare(literal, "before row " + std::to_string(row - 1));
+        const uint64_t percent = literal.rows_drawn() * 100 / literal.rows_in_all();
+        EXPECT_EQ(scripted::log.status.back(),
+                  (scripted::status_line{static_cast<int>(percent), "Decoding PNG"}));
+        const int pass = literal.pass();
+        if (before_row) {
+            before_row(row - 1, literal);
+        }
+        if (literal.pass() == pass) {
+            literal.draw_row();
+        }
+        if (DIE4 != 0) {
+            literal.stop();
+        }
+    };
+    EXPECT_EQ(decode(), 0);
+    scripted::plan.on_idle = nullptr;
+    compare(literal, "at the end");
+    EXPECT_EQ(literal.pass(), 7);
+    EXPECT_EQ(scripted::log.status.back(), (scripted::status_line{100, ""}));
+    EXPECT_EQ(told.find("Unexpected PNG error while reading, aborting decode\n") !=
+                  std::string::npos,
+              literal.gave_up());
+    free_all_png_fileio();
+}
+
+bytes Fixture::plane(int index)
+{
+    const uint64_t rows = *frame_planes[index].stride * static_cast<uint64_t>(image_buffer_height);
+    const unsigned char* first = scripted::buffer() + *frame_planes[index].offset;
+    return {first, first + rows};
+}
+
+size_t Fixture::count_calls(const std::string& name)
+{
+    return static_cast<size_t>(std::ranges::count(scripted::log.calls, name));
+}
+
+} // namespace adam7_tests

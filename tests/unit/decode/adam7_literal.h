@@ -1,0 +1,55 @@
+// The drawing rules of interlaced pictures in plain form: pass by pass, row by row, pixel by pixel.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "tests/support/png_samples.h"
+
+// The four full-size planes, each a whole stride wide and a whole buffer high; empty when absent.
+using adam7_planes = std::array<std::vector<unsigned char>, 4>;
+
+class adam7_literal {
+public:
+    adam7_literal(const png_samples& picture, unsigned char before);
+
+    // Draws the next row of a pass, or nothing in a pass without columns. False when there is none
+    // left, or when the file had no more and the reader gave up.
+    bool draw_row();
+
+    // Ends the pass instead of drawing its next row.
+    void leave_pass();
+
+    // Ends all passes.
+    void stop() { pass_ = 7; }
+
+    bool has_alpha() const { return alpha_; }
+    int pass() const { return pass_; } // of the next row, 0 to 6; 7 at the end
+    bool gave_up() const { return gave_up_; }
+    uint64_t rows_drawn() const { return rows_drawn_; }
+    uint64_t rows_in_all() const;
+    const adam7_planes& planes() const { return planes_; }
+
+private:
+    void go_to_next_row();
+    void end_pass();
+    void make_band_black(uint32_t row);
+    bool take_row();
+    void paint(uint32_t x, uint32_t y, const unsigned char* pixel);
+    std::array<int, 4> converted(const unsigned char* pixel) const;
+
+    png_samples picture_;
+    std::vector<std::vector<unsigned char>> waiting_; // rows that the reader has still to give
+    size_t next_waiting_ = 0;
+    std::vector<unsigned char> row_; // the reader's memory: a short row leaves the rest
+    adam7_planes planes_;
+    uint32_t stride_;
+    uint32_t buffer_height_;
+    bool alpha_;
+    bool gave_up_ = false;
+    int pass_ = 0;
+    uint32_t row_of_pass_ = 0;
+    uint64_t rows_drawn_ = 0;
+};

@@ -92,8 +92,11 @@ private:
         case rgba:
             planes_[image_offset_A + at] = pixel[3];
             [[fallthrough]];
-        default:
+        case rgb:
             paint(at, pixel);
+            break;
+        default:
+            break;
         }
     }
 

@@ -173,10 +173,10 @@ TEST_F(PngDamage, FailingBatchOfGreyWithAlphaIsLeftAlone)
 
 TEST_F(PngDamage, LibraryErrorAfterDecodingEndsTheProcess)
 {
-    for (const size_t bad_rows : {0, 1}) {
+    for (const bool is_damaged : {false, true}) {
         start_anew();
         png_spec spec = random_picture(4, 4, 2, 8);
-        spec.rows[0] = bad_rows != 0 ? 5 : 0;
+        spec.rows[0] = is_damaged ? 5 : 0;
         open(write_png(spec));
         ASSERT_EQ(decode(), 0);
         EXPECT_EXIT(png_error(png_context, "late"), KilledBySignal(SIGABRT),

@@ -49,7 +49,8 @@ TEST_F(PngRows, EveryBatchBoundaryIsDrawnByTheRules)
 {
     for (const model& m : models) {
         for (const uint8_t depth : m.depths) {
-            for (const uint32_t height : {1, 3, 4, 63, 64, 65, 68, 127, 128, 129, 192, 257}) {
+            for (const uint32_t height :
+                 {1U, 3U, 4U, 63U, 64U, 65U, 68U, 127U, 128U, 129U, 192U, 257U}) {
                 const png_spec spec = random_picture(17, height, m.colour_type, depth, height);
                 expect_as_told_over_anything(write_png(spec), name_of(spec));
             }
@@ -60,7 +61,7 @@ TEST_F(PngRows, EveryBatchBoundaryIsDrawnByTheRules)
 TEST_F(PngRows, WidePicturesAreDrawnByTheRules)
 {
     for (const model& m : models) {
-        for (const uint32_t width : {255, 1024, 1031, 16383, 16384}) {
+        for (const uint32_t width : {255U, 1024U, 1031U, 16383U, 16384U}) {
             const png_spec spec = random_picture(width, 6, m.colour_type, m.depths.back(), width);
             expect_as_told_over_anything(write_png(spec), name_of(spec));
         }
@@ -179,7 +180,7 @@ TEST_F(PngRows, SignalEndsDecodingBehindTheBatchAtHand)
 {
     for (const model& m : models) {
         const bytes file = write_png(random_picture(33, 400, m.colour_type, 8));
-        for (const size_t batches : {1, 2, 3}) {
+        for (const size_t batches : {1U, 2U, 3U}) {
             start_anew();
             open(file, sentinel);
             scripted::plan.die_after_idle = static_cast<int>(batches);
@@ -211,7 +212,7 @@ TEST_F(PngRows, MappingFailureEndsDecodingAndNamesThePlane)
 {
     for (const model& m : models) {
         const bytes file = write_png(random_picture(33, 200, m.colour_type, 8));
-        for (const size_t batches : {0, 1}) {
+        for (const size_t batches : {0U, 1U}) {
             for (size_t plane = 0; plane < m.planes.size(); ++plane) {
                 start_anew();
                 open(file, sentinel);

@@ -6,4 +6,6 @@ add_fuzz_target(examine examine_fuzz.cpp LIBRARIES stillimage_examine failing_ca
 add_fuzz_target(arguments arguments_fuzz.cpp LIBRARIES platform_item)
 add_fuzz_target(scanline scanline_fuzz.cpp LIBRARIES stillimage_client_tool stillimage_headers)
 add_fuzz_target(webp webp_fuzz.cpp LIBRARIES stillimage_decode stillimage_framebuffer stillimage_examine scripted_platform)
+add_fuzz_target(tiff tiff_fuzz.cpp LIBRARIES stillimage_decode stillimage_framebuffer stillimage_examine caught_abort scripted_platform)
 add_fuzz_target(png png_fuzz.cpp LIBRARIES stillimage_decode png_literal stillimage_framebuffer stillimage_examine scripted_platform)
+add_fuzz_target(gif gif_fuzz.cpp LIBRARIES stillimage_decode stillimage_framebuffer stillimage_examine scripted_platform)

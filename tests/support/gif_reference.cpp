@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "bin/framebuffer/layout.h"
-
 namespace gif_reference {
 
 namespace {
@@ -265,26 +263,6 @@ struct painter {
     }
 };
 
-void draw_unit(const animation& what, const std::vector<colour>& canvas, unsigned char* unit)
-{
-    for (unsigned y = 0; y < what.height; ++y) {
-        for (size_t x = 0; x < image_stride_Y; ++x) {
-            const colour c = x < what.width ? canvas[size_t{y} * what.width + x] : colour{};
-            const int r = c.r;
-            const int g = c.g;
-            const int b = c.b;
-            const size_t at = y * image_stride_Y + x;
-            unit[image_offset_Y + at] =
-                static_cast<unsigned char>((66 * r + 129 * g + 25 * b + 4096) >> 8);
-            unit[image_offset_U + at] =
-                static_cast<unsigned char>((-38 * r - 74 * g + 112 * b + 32768) >> 8);
-            unit[image_offset_V + at] =
-                static_cast<unsigned char>((112 * r - 94 * g - 18 * b + 32768) >> 8);
-            unit[image_offset_A + at] = c.a;
-        }
-    }
-}
-
 } // namespace
 
 animation read(const file_bytes& file)
@@ -346,17 +324,6 @@ uint64_t running_time(const animation& what)
         time += f.delay;
     }
     return time;
-}
-
-std::vector<unsigned char> draw(const file_bytes& file, size_t frames)
-{
-    std::vector<unsigned char> all(image_decoded_size);
-    const animation what = read(file);
-    const auto shown = compose(what);
-    for (size_t i = 0; i < shown.size() && i < frames; ++i) {
-        draw_unit(what, shown[i], all.data() + i * image_decoded_unit_size);
-    }
-    return all;
 }
 
 } // namespace gif_reference

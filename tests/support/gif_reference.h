@@ -46,8 +46,4 @@ std::vector<std::vector<colour>> compose(const animation& what);
 std::map<uint64_t, uint64_t> timeline(const animation& what, size_t frames = SIZE_MAX);
 uint64_t running_time(const animation& what);
 
-// The whole frame buffer of image_decoded_size bytes with the first `frames` units drawn. Reads the
-// layout of an examined picture.
-std::vector<unsigned char> draw(const file_bytes& file, size_t frames = SIZE_MAX);
-
 } // namespace gif_reference

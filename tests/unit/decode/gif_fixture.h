@@ -1,6 +1,7 @@
 // A fresh process, as far as the GIF units can tell, and a GIF opened in it.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,11 @@ protected:
 
     std::string told;
 };
+
+// The whole frame buffer of image_decoded_size bytes with the first `frames` units of `file` drawn by
+// the plain rules. Reads the layout of an examined picture.
+std::vector<unsigned char> draw_gif_literally(const std::vector<unsigned char>& file,
+                                              size_t frames = SIZE_MAX);
 
 // A frame whose pixels are all `index`.
 gif_frame_spec plain_frame(unsigned left, unsigned top, unsigned width, unsigned height,

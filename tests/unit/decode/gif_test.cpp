@@ -14,7 +14,6 @@
 #include "bin/framebuffer/layout.h"
 #include "platform/media_item.h"
 #include "tests/support/failing_calls.h"
-#include "tests/support/gif_reference.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/unit/decode/gif_fixture.h"
 
@@ -283,7 +282,7 @@ protected:
 
     void expect_frames(size_t frames) const
     {
-        EXPECT_TRUE(allocation() == gif_reference::draw(file, frames)) << frames;
+        EXPECT_TRUE(allocation() == draw_gif_literally(file, frames)) << frames;
     }
 };
 

@@ -1,0 +1,101 @@
+// A GIF's whole road: examination, layout, records of every frame, decoding, pyramid, clean-up. A
+// last byte below 32, which no whole GIF has, is the number of the pump in which a signal arrives.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+#include "bin/decode/gif.h"
+#include "bin/decode/gif_canvas.h"
+#include "bin/examine/gif.h"
+#include "bin/examine/image_state.h"
+#include "bin/framebuffer/layout.h"
+#include "bin/framebuffer/mipmap.h"
+#include "bin/framebuffer/records.h"
+#include "platform/media_item.h"
+#include "tests/support/scripted_platform.h"
+
+namespace {
+
+constexpr uint64_t buffer_limit = 8 << 20; // larger ones only cost time
+constexpr int64_t raster_limit = 1 << 22;
+constexpr int last_pump = 32;
+
+void require(bool condition)
+{
+    if (!condition) {
+        abort();
+    }
+}
+
+bool costs_too_much()
+{
+    int64_t pixels = 0;
+    for (int i = 0; i < gif_image->ImageCount; ++i) {
+        const GifImageDesc& frame = gif_image->SavedImages[i].ImageDesc;
+        pixels += int64_t{frame.Width} * frame.Height;
+    }
+    return image_decoded_size > buffer_limit || pixels > raster_limit;
+}
+
+void check_timeline()
+{
+    require(image_mapping_points.size() <= image_decoded_frames);
+    uint64_t frame = 0;
+    for (const auto& [start, index] : image_mapping_points) {
+        require(index == frame++);
+        require(start < image_mapping_total);
+    }
+}
+
+void go_the_whole_road()
+{
+    if (examine_gif_file() != 0) {
+        require(gif_image == nullptr);
+        return;
+    }
+    require(image_width >= 1 && image_height >= 1 && image_decoded_frames >= 1);
+    layout_full_size();
+    layout_mipmaps();
+    if (costs_too_much()) {
+        return;
+    }
+    require(cnb_default_buffer_load() == 0);
+    require(cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image"));
+    require(build_picture_records() == 0);
+    require(full_decode_gif() == 0);
+    check_timeline();
+    if (DIE4 == 0) {
+        require(image_mapping_points.size() == image_decoded_frames);
+        require(image_mapping_total == gif_running_time(*gif_image));
+        generate_all_mipmaps();
+        require(mipmaps_avail == mipmaps);
+    }
+}
+
+void start_anew()
+{
+    reset_gif_canvas();
+    reset_image_state();
+    reset_layout();
+    reset_mipmaps();
+    scripted::reset();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    start_anew();
+    if (size != 0 && data[size - 1] < last_pump) {
+        scripted::plan.die_after_idle = data[size - 1];
+    }
+    scripted::set_picture(data, size);
+    vexa_acc_cache = vexa_global_access_cache_create();
+    go_the_whole_road();
+    free_all_gif();
+    free_all_gif();
+    require(gif_image == nullptr);
+    start_anew();
+    return 0;
+}

@@ -1,0 +1,176 @@
+// Animations through the real worker and the real client library: the frame of each moment, the
+// running time at any stage, very many frames.
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/gif_reference.h"
+#include "tests/support/gif_writer.h"
+#include "tests/support/worker.h"
+#include "tests/support/worker_client.h"
+
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+const std::vector<gif_colour> four_colours = {{0, 0, 0}, {255, 0, 0}, {0, 255, 0}, {0, 0, 255}};
+
+gif_frame_spec frame_of(unsigned width, unsigned height, unsigned char index, unsigned delay)
+{
+    gif_frame_spec frame = {.width = width, .height = height};
+    frame.control = gif_control_spec{.delay = delay};
+    frame.indices.assign(size_t{width} * height, index);
+    return frame;
+}
+
+class Animation : public testing::Test {
+protected:
+    std::string write(const gif_spec& spec) { return write(write_gif(spec)); }
+
+    std::string write(const std::vector<unsigned char>& file)
+    {
+        home.folder().write("picture.gif",
+                            {reinterpret_cast<const char*>(file.data()), file.size()});
+        return home.path("picture.gif");
+    }
+
+    // Frames of `width` x `height` in one colour after the other, each shown for 1/10 s.
+    std::string write_frames(unsigned width, unsigned height, size_t frames)
+    {
+        gif_spec spec = {.width = width, .height = height, .palette = four_colours};
+        std::vector<unsigned char> file = gif_start(spec);
+        for (size_t i = 0; i < frames; ++i) {
+            append_gif_frame(file, frame_of(width, height, static_cast<unsigned char>(i % 4), 10));
+        }
+        file.push_back(0x3B);
+        return write(file);
+    }
+
+    std::string status() const
+    {
+        std::string document;
+        EXPECT_EQ(run_client(home, {socket_path, "status"}, &document), 0);
+        return document;
+    }
+
+    worker_home home;
+    std::string socket_path;
+};
+
+TEST_F(Animation, EachMomentHasItsFrame)
+{
+    const worker served(home, write({.width = 80,
+                                     .height = 60,
+                                     .palette = four_colours,
+                                     .frames = {frame_of(80, 60, 1, 50), frame_of(80, 60, 2, 0),
+                                                frame_of(80, 60, 3, 20)}}));
+    const held_client client = connect_to(served.socket());
+    const struct {
+        uint64_t time;
+        uint64_t frame;
+        unsigned char luma;
+    } moments[] = {
+        {0, 1, 81},         {49, 1, 81},        {50, 2, 144}, {59, 2, 144},
+        {60, 3, 40},        {79, 3, 40},        {80, 3, 40}, // the end is not the beginning
+        {1'000'000, 3, 40}, {UINT64_MAX, 3, 40}};
+    for (const auto& moment : moments) {
+        for (const int size : {0, 40}) {
+            const held_frame frame = take_frame(client, moment.time, size, size);
+            ASSERT_NE(frame, nullptr) << served.told();
+            const stillimage_picture* seen = stillimage_frame_picture(frame.get());
+            EXPECT_EQ(seen->frame_number, moment.frame) << moment.time;
+            EXPECT_EQ(seen->width, size == 0 ? 80U : 40U);
+            EXPECT_EQ(seen->plane[STILLIMAGE_Y][0], moment.luma) << moment.time;
+        }
+    }
+}
+
+TEST_F(Animation, StoredAnimationReachesTheClientFrameByFrame)
+{
+    const std::string path = STILLIMAGE_TEST_DATA "/gif/mixed-disposal.gif";
+    std::ifstream file(path, std::ios::binary);
+    const gif_reference::animation what =
+        gif_reference::read({std::istreambuf_iterator<char>(file), {}});
+    const auto shown = gif_reference::compose(what);
+    const worker served(home, path);
+    const held_client client = connect_to(served.socket());
+    for (const auto& [time, index] : gif_reference::timeline(what)) {
+        const held_frame frame = take_frame(client, time);
+        ASSERT_NE(frame, nullptr) << served.told();
+        const stillimage_picture* seen = stillimage_frame_picture(frame.get());
+        EXPECT_EQ(seen->frame_number, index + 1);
+        for (unsigned y = 0; y < what.height; ++y) {
+            for (unsigned x = 0; x < what.width; ++x) {
+                const gif_reference::colour c = shown[index][size_t{y} * what.width + x];
+                const int luma = (66 * c.r + 129 * c.g + 25 * c.b + 4096) >> 8;
+                ASSERT_EQ(seen->plane[STILLIMAGE_Y][y * seen->stride[STILLIMAGE_Y] + x], luma);
+                ASSERT_EQ(seen->plane[STILLIMAGE_A][y * seen->stride[STILLIMAGE_A] + x], c.a);
+            }
+        }
+    }
+}
+
+TEST_F(Animation, RunningTimeIsKnownBeforeWhileAndAfterItIsDecoded)
+{
+    const worker served(home, write_frames(1, 1, 100), {"--slow-decode"});
+    socket_path = served.socket();
+    const held_client early = connect_to(socket_path); // a decode of a second, at least
+    stillimage_frame* frame = nullptr;
+    EXPECT_EQ(stillimage_get_frame(early.get(), 0, 0, 0, 0, &frame), STILLIMAGE_ERROR_NOT_READY);
+    EXPECT_THAT(status(), HasSubstr("\"time duration\": 1000,"));
+    const held_frame last = take_frame(early, 999);
+    EXPECT_EQ(stillimage_frame_picture(last.get())->frame_number, 100U);
+    EXPECT_THAT(status(), HasSubstr("\"time duration\": 1000,"));
+}
+
+TEST_F(Animation, VeryManyFramesOfOnePixel)
+{
+    constexpr size_t frames = 50'000;
+    worker served(home, write_frames(1, 1, frames));
+    const held_client client = connect_to(served.socket());
+    for (const size_t i : {size_t{0}, frames / 2 + 1, frames - 1}) {
+        const held_frame frame = take_frame(client, i * 10);
+        ASSERT_NE(frame, nullptr) << served.told();
+        EXPECT_EQ(stillimage_frame_picture(frame.get())->frame_number, i + 1);
+        const unsigned char luma[] = {16, 81, 144, 40};
+        EXPECT_EQ(stillimage_frame_picture(frame.get())->plane[STILLIMAGE_Y][0], luma[i % 4]);
+    }
+    EXPECT_THAT(served.told(), Not(HasSubstr("WARNING")));
+}
+
+TEST_F(Animation, SignalEndsAnAnimationInMidDecode)
+{
+    worker served(home, write_frames(8, 8, 10'000), {"--slow-decode"}); // 100 s, at least
+    ASSERT_TRUE(served.wait_printed("Using CNB buffer"));
+    pause_ms(50);
+    served.send(SIGTERM);
+    EXPECT_EQ(served.wait_end(20'000), 0);
+    EXPECT_THAT(served.told(), Not(HasSubstr("WARNING")));
+    EXPECT_TRUE(home.sockets().empty());
+}
+
+TEST_F(Animation, CutAnimationIsServedAsFarAsItGoes)
+{
+    std::vector<unsigned char> file =
+        write_gif({.width = 4,
+                   .height = 4,
+                   .palette = four_colours,
+                   .frames = {frame_of(4, 4, 1, 30), frame_of(4, 4, 2, 30)}});
+    file.resize(file.size() - 8);
+    const worker served(home, write(file));
+    const held_client client = connect_to(served.socket());
+    const held_frame frame = take_frame(client, 30);
+    ASSERT_NE(frame, nullptr) << served.told();
+    EXPECT_EQ(stillimage_frame_picture(frame.get())->frame_number, 2U);
+    EXPECT_EQ(stillimage_frame_picture(frame.get())->plane[STILLIMAGE_Y][0],
+              16); // unread: the first colour
+    EXPECT_THAT(served.told(), HasSubstr("GIF reading error (?)\n"));
+}
+
+} // namespace

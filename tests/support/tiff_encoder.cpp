@@ -33,7 +33,7 @@ void set_tags(TIFF* image, const encoded_tiff& picture)
 
 void set_colours(TIFF* image, unsigned seed)
 {
-    const std::vector<unsigned char> noise = noise_bytes(3 * 2 * colours, seed + 1000);
+    const std::vector<unsigned char> noise = noise_bytes(colours * 3 * 2, seed + 1000);
     std::vector<uint16_t> values(3 * colours);
     for (size_t i = 0; i < values.size(); ++i) {
         values[i] = static_cast<uint16_t>(noise[2 * i] << 8 | noise[2 * i + 1]);

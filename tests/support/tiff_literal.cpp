@@ -206,7 +206,7 @@ void drawing::convert_row(uint64_t row, const unsigned char* source)
 
 void drawing::convert_bits(uint64_t row, const unsigned char* source)
 {
-    for (uint64_t x = 0; x < (tiff_width + 7) / 8 * 8; ++x) {
+    for (uint64_t x = 0; x < (uint64_t{tiff_width} + 7) / 8 * 8; ++x) {
         const bool bit = (source[x / 8] << x % 8 & 0x80) != 0;
         result.allocation[image_offset_Y + row * image_stride_Y + x] =
             bit == (tiff_photometric == 1) ? 235 : 16;

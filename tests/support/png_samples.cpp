@@ -181,7 +181,7 @@ bytes samples_of(const bytes& row, unsigned depth, size_t count)
 
 bool read_pass(inflater* data, const png_samples& picture, png_pass_samples* pass)
 {
-    const size_t pixel_bits = picture.depth * picture.channels;
+    const size_t pixel_bits = size_t{picture.depth} * picture.channels;
     const size_t row_bytes = (pass->columns * pixel_bits + 7) / 8;
     bytes above(row_bytes + 1);
     bytes row(row_bytes + 1);

@@ -1,7 +1,6 @@
 #include "tests/unit/decode/adam7_fixture.h"
 
 #include <algorithm>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -140,8 +139,8 @@ void Fixture::compare(const adam7_literal& literal, const std::string& when)
 {
     for (size_t i = 0; i < 4; ++i) {
         const bytes& expected = literal.planes()[i];
-        ASSERT_TRUE(
-            memcmp(scripted::buffer() + plane_offsets_[i], expected.data(), expected.size()) == 0)
+        const unsigned char* drawn = scripted::buffer() + plane_offsets_[i];
+        ASSERT_TRUE(expected == bytes(drawn, drawn + expected.size()))
             << "plane " << i << ", " << image_width << " x " << image_height << " of type "
             << png_color_type << ", " << png_bit_depth << " bits, " << when;
     }

@@ -1,21 +1,28 @@
-// The worker from exec to its ready message (T) against the codec library alone in a process of its
-// own (F), in turn, on pictures of 24 megapixels; and a tiny picture against an empty program.
+// The worker from exec to its ready message (T) against a floor (F), in turn, on large pictures of
+// every format; and a tiny picture against an empty program. F is the codec library alone in a
+// process of its own; for uncompressed pictures, which have no codec, a process that touches as much
+// fresh shared memory as the worker writes.
 //
-//   compare [--pairs N] [--pictures DIR] [--program FILE] [NAME...]
+//   compare [--pairs N] [--pictures DIR] [--program FILE] [--draw-only] [NAME...]
 //
-// Pictures are made on the first run and kept in DIR (beside the program unless told). Each ratio is
-// the median of its pairs, with the smallest and the largest; both for time on the wall and for
-// processor time, which is the steadier one on a busy machine.
+// Pictures are made on the first run and kept in DIR (beside the program unless told). A name is a
+// picture's or how several begin ("png", "tiff-lzw"). Each ratio is the median of its pairs, with the
+// smallest and the largest; both for time on the wall and for processor time, which is the steadier
+// one on a busy machine.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <span>
 #include <string>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <vector>
 
-#include "bench/large_jpegs.h"
+#include "bench/large_pictures.h"
+#include "bench/photograph.h"
 #include "bench/timed_process.h"
 #include "tests/support/jpeg_writer.h"
 #include "tests/support/temporary_folder.h"
@@ -26,7 +33,25 @@ struct options {
     int pairs = 7;
     std::string pictures = PICTURE_FOLDER;
     std::string program = STILLIMAGE_PROGRAM;
+    bool draw_only = false;
     std::vector<std::string> names; // empty: all
+};
+
+// One list of pictures, how they are made, and the program that they are compared with.
+struct format {
+    std::span<const large_picture> (*pictures)();
+    void (*write)(const std::string& name, const std::string& photograph, const std::string& path);
+    const char* suffix;
+    const char* floor; // null: the first touch of what the worker writes
+};
+
+constexpr format formats[] = {
+    {large_jpegs, write_large_jpeg, ".jpg", JPEG_FLOOR},
+    {large_pngs, write_large_png, ".png", PNG_FLOOR},
+    {large_tiffs, write_large_tiff, ".tif", TIFF_FLOOR},
+    {plain_tiffs, write_large_tiff, ".tif", nullptr},
+    {large_gifs, write_large_gif, ".gif", GIF_FLOOR},
+    {large_webps, write_large_webp, ".webp", WEBP_FLOOR},
 };
 
 struct spread {
@@ -100,32 +125,61 @@ void print_times(const char* name, const std::vector<pair>& pairs, double goal)
            over(pairs, [](const pair& p) { return p.worker.processor * 1e3; }).median);
 }
 
-void compare_large(const options& how, const large_jpeg& picture)
+std::string drawn_picture(const options& how, const format& kind, const large_picture& picture)
 {
     std::filesystem::create_directories(how.pictures);
-    const std::string path = how.pictures + "/" + picture.name + ".jpg";
+    const std::string path = how.pictures + "/" + picture.name + kind.suffix;
     if (!std::filesystem::exists(path)) {
-        write_large_jpeg(picture.name, EXAMPLE_PICTURE, path);
+        const std::string unfinished = path + ".part";
+        kind.write(picture.name, EXAMPLE_PICTURE, unfinished);
+        std::filesystem::rename(unfinished, path);
     }
-    const auto pairs = run_pairs(
-        how.pairs,
-        [&] {
-            return run_floor({JPEG_FLOOR, path});
-        },
-        [&] { return run_worker_to_ready(worker_on(how, path)); });
-    print_times(picture.name, pairs, picture.goal);
+    return path;
+}
+
+// Y, U and V of uncompressed pictures, and a third of that in mipmaps. The memory is given back here,
+// where it is not timed.
+timed_run run_first_touch()
+{
+    constexpr int64_t bytes = int64_t{large_width} * large_height * 3 * 4 / 3;
+    const int memory = memfd_create("first touch", MFD_CLOEXEC);
+    const std::string path = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(memory);
+    const timed_run run = run_floor({FIRST_TOUCH_FLOOR, path, std::to_string(bytes)});
+    close(memory);
+    return run;
+}
+
+void print_shares(const std::vector<pair>& pairs, const large_picture& picture)
+{
     const spread share =
         over(pairs, [](const pair& p) { return p.worker.pyramid_wall / p.worker.wall * 100; });
     const spread processor_share = over(
         pairs, [](const pair& p) { return p.worker.pyramid_processor / p.worker.processor * 100; });
-    const spread memory = over(pairs, [](const pair& p) {
-        return (p.worker.private_kilobytes - p.floor.private_kilobytes) / 1024;
-    });
-    printf("%-18s pyramid %.1f %% of T wall, %.1f %% (%.1f-%.1f) of its processor time (goal 8); "
-           "private memory F %+.1f MB (goal +4)\n",
-           "", share.median, processor_share.median, processor_share.least, processor_share.most,
-           memory.median);
+    const spread floor_memory =
+        over(pairs, [](const pair& p) { return p.floor.private_kilobytes / 1024; });
+    const spread memory =
+        over(pairs, [](const pair& p) { return p.worker.private_kilobytes / 1024; });
+    printf(
+        "%-18s pyramid %.1f %% of T wall, %.1f %% (%.1f-%.1f) of its processor time (goal %.0f); "
+        "private memory %.1f MB, F %.1f\n",
+        "", share.median, processor_share.median, processor_share.least, processor_share.most,
+        picture.pyramid_goal, memory.median, floor_memory.median);
     fflush(stdout);
+}
+
+void compare_large(const options& how, const format& kind, const large_picture& picture)
+{
+    const std::string path = drawn_picture(how, kind, picture);
+    if (how.draw_only) {
+        return;
+    }
+    const auto worker = [&] { return run_worker_to_ready(worker_on(how, path)); };
+    const auto floor = [&] {
+        return kind.floor == nullptr ? run_first_touch() : run_floor({kind.floor, path});
+    };
+    const auto pairs = run_pairs(how.pairs, floor, worker);
+    print_times(picture.name, pairs, picture.goal);
+    print_shares(pairs, picture);
 }
 
 void compare_tiny(const options& how, const temporary_folder& folder)
@@ -162,9 +216,13 @@ options read_arguments(int argc, char** argv)
             how.pictures = argv[++i];
         } else if (word == "--program" && has_value) {
             how.program = argv[++i];
+        } else if (word == "--draw-only") {
+            how.draw_only = true;
         } else if (word[0] == '-') {
-            fprintf(stderr, "usage: %s [--pairs N] [--pictures DIR] [--program FILE] [NAME...]\n",
-                    argv[0]);
+            fprintf(
+                stderr,
+                "usage: %s [--pairs N] [--pictures DIR] [--program FILE] [--draw-only] [NAME...]\n",
+                argv[0]);
             exit(2);
         } else {
             how.names.push_back(word);
@@ -176,7 +234,8 @@ options read_arguments(int argc, char** argv)
 bool wanted(const options& how, const std::string& name)
 {
     return how.names.empty() ||
-           std::find(how.names.begin(), how.names.end(), name) != how.names.end();
+           std::any_of(how.names.begin(), how.names.end(),
+                       [&name](const std::string& begin) { return name.starts_with(begin); });
 }
 
 } // namespace
@@ -186,12 +245,14 @@ int main(int argc, char** argv)
     const options how = read_arguments(argc, argv);
     const temporary_folder folder;
     settle_environment(folder);
-    for (const large_jpeg& picture : large_jpegs()) {
-        if (wanted(how, picture.name)) {
-            compare_large(how, picture);
+    for (const format& kind : formats) {
+        for (const large_picture& picture : kind.pictures()) {
+            if (wanted(how, picture.name)) {
+                compare_large(how, kind, picture);
+            }
         }
     }
-    if (wanted(how, "tiny")) {
+    if (!how.draw_only && wanted(how, "tiny")) {
         compare_tiny(how, folder);
     }
     return EXIT_SUCCESS;

@@ -128,11 +128,30 @@ void end_worker(pid_t pid, int messages)
     waitpid(pid, nullptr, 0);
 }
 
-// Reads both channels until the ready message.
+// How often the pyramid was begun: how often its largest level was announced.
+size_t pyramids_begun(const std::string& printed)
+{
+    const std::string label = "Generating mipmap ";
+    const size_t first = printed.find(label);
+    const size_t end = first == std::string::npos ? first : printed.find('\n', first);
+    if (end == std::string::npos) {
+        return 0;
+    }
+    const std::string largest = printed.substr(first, end - first + 1);
+    size_t count = 0;
+    for (size_t at = first; at != std::string::npos; at = printed.find(largest, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// Reads both channels until the ready message. The pyramid begins with its first message; that of a
+// picture that was shown before it was complete is its last one.
 void follow_worker(pid_t pid, int status, int messages, double begin, timed_run* run)
 {
     std::string told;
     std::string printed;
+    size_t pyramids = 0;
     double pyramid_wall = 0;
     double pyramid_processor = 0;
     while (told.find("\"ready\": 1,") == std::string::npos) {
@@ -143,7 +162,9 @@ void follow_worker(pid_t pid, int status, int messages, double begin, timed_run*
         }
         if ((channels[1].revents & POLLIN) != 0) {
             take(messages, &printed);
-            if (pyramid_wall == 0 && printed.find("Generating mipmap") != std::string::npos) {
+            const bool was_provisional = told.find("\"ready\": -1,") != std::string::npos;
+            if (pyramids_begun(printed) > pyramids && (pyramids == 0 || was_provisional)) {
+                pyramids = pyramids_begun(printed);
                 pyramid_wall = seconds_of(CLOCK_MONOTONIC);
                 pyramid_processor = processor_seconds(pid);
             }
@@ -152,7 +173,7 @@ void follow_worker(pid_t pid, int status, int messages, double begin, timed_run*
     const double end = seconds_of(CLOCK_MONOTONIC);
     run->wall = end - begin;
     run->processor = processor_seconds(pid);
-    if (pyramid_wall != 0) {
+    if (pyramids != 0) {
         run->pyramid_wall = end - pyramid_wall;
         run->pyramid_processor = run->processor - pyramid_processor;
     }

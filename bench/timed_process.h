@@ -7,8 +7,9 @@
 struct timed_run {
     double wall = 0; // seconds
     double processor = 0;
-    double pyramid_wall = 0; // the share of the mipmaps in it; workers only
+    double pyramid_wall = 0; // the share of the last mipmaps in it; workers only
     double pyramid_processor = 0;
+    double buffer_bytes = 0;      // of the frame buffer, as the worker tells it; workers only
     double private_kilobytes = 0; // memory that is neither shared nor a file's
 };
 

@@ -10,22 +10,9 @@
 
 #include <jpeglib.h>
 
-enum { most_rows = 64, most_components = 4 };
+#include "bench/floor/private_memory.h"
 
-static void print_private_memory(void)
-{
-    FILE* map = fopen("/proc/self/smaps_rollup", "r");
-    char line[256];
-    long total = 0;
-    long kilobytes = 0;
-    while (map != NULL && fgets(line, sizeof(line), map) != NULL) {
-        if (sscanf(line, "Private_Clean: %ld", &kilobytes) == 1 ||
-            sscanf(line, "Private_Dirty: %ld", &kilobytes) == 1) {
-            total += kilobytes;
-        }
-    }
-    printf("%ld\n", total);
-}
+enum { most_rows = 64, most_components = 4 };
 
 // Raw rows of the picture's own components, as the worker asks for them: no colour conversion, no
 // upsampling.

@@ -69,7 +69,7 @@ TEST_F(SettingsByClients, ReachFramesMadeAfterwardsAndAreThereAfterARestart)
     auto served = std::make_unique<worker>(
         home, picture, std::vector<std::string>{"--metadir", metadir, "--aspect-ratio", "4:3"});
     ASSERT_TRUE(served->wait_ready());
-    const held_client client = connect_to(*served);
+    const held_client client = connect_to(served->socket());
     const held_frame before = take_frame(client);
     set(*served, "aspect ratio", "16:9");
     set(*served, "background music", "on");
@@ -168,8 +168,8 @@ TEST_F(SettingsByClients, MegabytesOfHostileTextsLeaveTheDocumentValid)
     ASSERT_TRUE(served->wait_ready());
     const std::string value = every_byte(16384);
     {
-        const held_client client = connect_to(*served);
-        const held_client reader = connect_to(*served);
+        const held_client client = connect_to(served->socket());
+        const held_client reader = connect_to(served->socket());
         for (int i = 0; i < 256; ++i) {
             const std::string name = "\"name\\\x1B\xFF\n" + std::to_string(i);
             ASSERT_EQ(stillimage_set_metadata(client.get(), name.c_str(), value.c_str(), 10'000),

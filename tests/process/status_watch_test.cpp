@@ -98,9 +98,9 @@ TEST_F(StatusWatch, ClientsThatComeAndLeaveAreShown)
                              [&](const Json& document) { return clients_in(document) == clients; });
     };
     EXPECT_TRUE(shows(1));
-    held_client first = connect_to(served);
+    held_client first = connect_to(served.socket());
     EXPECT_TRUE(shows(2));
-    held_client second = connect_to(served);
+    held_client second = connect_to(served.socket());
     EXPECT_TRUE(shows(3));
     first.reset();
     EXPECT_TRUE(shows(2));

@@ -131,7 +131,7 @@ TEST_F(WebpDamage, RowsBeforeTheCutAreShown)
     const file_bytes whole = drawn_by_the_rules(file).area;
     ASSERT_TRUE(ends_badly_as_by_the_rules(short_bitstream(file, file.size() * 3 / 4)));
     const file_bytes cut = allocation();
-    EXPECT_TRUE(std::equal(whole.begin(), whole.begin() + 64 * 64, cut.begin()));
+    EXPECT_TRUE(std::equal(whole.begin(), whole.begin() + 4096, cut.begin()));
     EXPECT_THAT(rows_of_plane(0, 64, 250, 6), Each(16));
 }
 

@@ -15,7 +15,6 @@
 #include "tests/unit/decode/webp_fixture.h"
 
 using testing::Each;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
@@ -107,13 +106,15 @@ TEST_F(WebpDecoding, PaddingIsBlackAndRowsBelowThePictureAreLeft)
         EXPECT_EQ(area[image_offset_A + y * 32 + 17], 16);
         EXPECT_EQ(area[image_offset_A + y * 32 + 31], 16);
     }
-    EXPECT_EQ(area[17 * 32], 0x55);
+    constexpr uint64_t below = 17 * 32;
+    EXPECT_EQ(area[below], 0x55);
     EXPECT_EQ(area[image_offset_U - 1], 0x55);
-    EXPECT_EQ(area[image_offset_U + 7 * 16 + 9], 128);
-    EXPECT_EQ(area[image_offset_V + 7 * 16 + 15], 128);
+    constexpr uint64_t eighth_row = 7 * 16;
+    EXPECT_EQ(area[image_offset_U + eighth_row + 9], 128);
+    EXPECT_EQ(area[image_offset_V + eighth_row + 15], 128);
     // The ninth chroma row is drawn, but its padding does not count as visible.
-    EXPECT_EQ(area[image_offset_U + 8 * 16 + 9], 0x55);
-    EXPECT_EQ(area[image_offset_V + 8 * 16 + 15], 0x55);
+    EXPECT_EQ(area[image_offset_U + eighth_row + 16 + 9], 0x55);
+    EXPECT_EQ(area[image_offset_V + eighth_row + 16 + 15], 0x55);
 }
 
 TEST_F(WebpDecoding, PromisedAlphaThatIsNotThereIsOpaque)

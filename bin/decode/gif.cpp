@@ -29,7 +29,7 @@ enum disposal : unsigned { TO_BACKGROUND = 2, TO_PREVIOUS = 3 };
 
 struct composition {
     gif_canvas canvas;
-    unsigned char* prev_RGBA; // the canvas as it was before a frame; made when first needed
+    unsigned char* saved; // the canvas as it was before a frame; made when first needed
 };
 
 uint64_t canvas_size()
@@ -54,13 +54,13 @@ bool enter_into_timeline(uint64_t start_time, uint64_t frame)
 
 bool save_canvas(composition* work)
 {
-    if (work->prev_RGBA == nullptr) {
-        work->prev_RGBA = allocate(canvas_size() + saved_slack);
+    if (work->saved == nullptr) {
+        work->saved = allocate(canvas_size() + saved_slack);
     }
-    if (work->prev_RGBA == nullptr) {
+    if (work->saved == nullptr) {
         return false;
     }
-    memcpy(work->prev_RGBA, work->canvas.pixels, canvas_size());
+    memcpy(work->saved, work->canvas.pixels, canvas_size());
     return true;
 }
 
@@ -69,8 +69,8 @@ void dispose(composition* work, const SavedImage& frame, unsigned how)
     if (how == TO_BACKGROUND) {
         restore_gif_background(work->canvas, frame);
     } else if (how == TO_PREVIOUS) {
-        INVARIANT(work->prev_RGBA != nullptr, "prev_RGBA != __null");
-        memcpy(work->canvas.pixels, work->prev_RGBA, canvas_size());
+        INVARIANT(work->saved != nullptr, "prev_RGBA != __null");
+        memcpy(work->canvas.pixels, work->saved, canvas_size());
     }
 }
 
@@ -175,7 +175,7 @@ int full_decode_gif()
     INVARIANT(gif_image->ImageCount > 0, "gif_image->ImageCount > 0");
     clear_gif_rows(work.canvas, static_cast<size_t>(image_height));
     const int result = decode_frames(&work);
-    free(work.prev_RGBA);
+    free(work.saved);
     free(work.canvas.pixels);
     return result;
 }

@@ -49,8 +49,10 @@ void restore_gif_background(const gif_canvas& canvas, const SavedImage& frame);
 void clear_gif_rows(const gif_canvas& canvas, size_t rows);
 
 // The same on a canvas of R, G, B, A.
+// NOLINTBEGIN(readability-identifier-naming): given names
 void gif_to_RGBA(unsigned char* rgba, unsigned long pitch, SavedImage* image, bool first);
 void gif_RGBA_bgcolor(unsigned char* rgba, unsigned long pitch, SavedImage* image);
+// NOLINTEND(readability-identifier-naming)
 
 // The picture row of a raster row of an interlaced frame; 0 for a row past the end.
 unsigned gif_interlacing_function(unsigned row, unsigned height);

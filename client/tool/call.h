@@ -22,6 +22,9 @@ struct call_options {
     int32_t wanted_height = 0;
     bool no_wait = false;
     bool watch = false;
+    uint64_t loops = 0;     // 0: without end
+    std::string frame_rate; // "": as the timeline needs it
+    bool no_pace = false;
     std::string output; // file or folder
     std::string name;
     std::string value;
@@ -32,5 +35,7 @@ exit_status call_status(const call_options& options);
 exit_status call_frame(const call_options& options);
 exit_status call_save(const call_options& options);
 exit_status call_dump(const call_options& options);
+exit_status call_play(const call_options& options);
+exit_status call_sheet(const call_options& options);
 exit_status call_set(const call_options& options);
 exit_status call_quit(const call_options& options);

@@ -7,10 +7,7 @@ exit_status call_frame(const call_options& options)
 {
     session worker;
     held_frame frame;
-    exit_status status = worker.open(options);
-    if (status == STATUS_DONE) {
-        status = worker.take_frame(options, &frame);
-    }
+    const exit_status status = worker.open_with_frame(options, &frame);
     if (status != STATUS_DONE) {
         return status;
     }

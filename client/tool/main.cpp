@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include "client/tool/call.h"
+#include "client/tool/rate.h"
 #include "client/tool/session.h"
 
 namespace {
@@ -41,6 +42,15 @@ std::string check_size(const std::string& text)
     return {};
 }
 
+std::string check_rate(const std::string& text)
+{
+    rate parsed;
+    if (!parse_frame_rate(text, &parsed)) {
+        return "a frame rate is written as 25, 29.97 or 30000/1001, not " + text;
+    }
+    return {};
+}
+
 CLI::App* add_call(CLI::App& app, command_line& line, const char* name, const char* help,
                    exit_status (*call)(const call_options&))
 {
@@ -67,6 +77,22 @@ void add_frame_options(CLI::App* call, command_line& line)
     add_timeout(call, line);
 }
 
+void add_play(CLI::App& app, command_line& line)
+{
+    CLI::App* play = add_call(app, line, "play",
+                              "write the animation as YUV4MPEG2 to standard output", call_play);
+    play->add_option("--loop", line.options.loops,
+                     "times through; without it until the reader has enough")
+        ->check(CLI::Range(1, 1'000'000'000))
+        ->type_name("N");
+    play->add_option("--fps", line.options.frame_rate,
+                     "frames a second, whatever the timeline needs; its speed stays")
+        ->check(CLI::Validator(check_rate, "", "rate"))
+        ->type_name("R");
+    play->add_flag("--no-pace", line.options.no_pace, "as fast as the reader takes it");
+    add_timeout(play, line);
+}
+
 void add_calls(CLI::App& app, command_line& line)
 {
     call_options& options = line.options;
@@ -84,6 +110,12 @@ void add_calls(CLI::App& app, command_line& line)
     CLI::App* dump = add_call(app, line, "dump", "write the frame's planes and record", call_dump);
     dump->add_option("DIR", options.output, "folder to write into")->required();
     add_frame_options(dump, line);
+    add_play(app, line);
+    CLI::App* sheet =
+        add_call(app, line, "sheet", "write the frames and their levels side by side as one PNG",
+                 call_sheet);
+    sheet->add_option("OUT", options.output, "file.png, or - for standard output")->required();
+    add_timeout(sheet, line);
     CLI::App* set = add_call(app, line, "set", "set a metadata value of the item", call_set);
     set->add_option("NAME", options.name, "such as \"aspect ratio\"")->required();
     set->add_option("VALUE", options.value, "such as 16:9")->required();

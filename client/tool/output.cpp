@@ -76,14 +76,19 @@ bool print_text(std::string_view text)
     return write_all(STDOUT_FILENO, text) || told("cannot write to standard output");
 }
 
+bool output_takes_bytes()
+{
+    if (isatty(STDOUT_FILENO) != 0) {
+        tell("a picture is no text for a terminal (name a file, or send the output on)");
+        return false;
+    }
+    return true;
+}
+
 bool write_result(const std::string& path, std::string_view bytes)
 {
     if (path == "-") {
-        if (isatty(STDOUT_FILENO) != 0) {
-            tell("a picture is no text for a terminal (name a file, or send the output on)");
-            return false;
-        }
-        return print_text(bytes);
+        return output_takes_bytes() && print_text(bytes);
     }
     return is_special(path) ? write_special(path, bytes) : replace_file(path, bytes);
 }

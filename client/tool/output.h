@@ -7,6 +7,9 @@
 // Writes text to standard output. False when it could not be written, which is told.
 bool print_text(std::string_view text);
 
+// Whether standard output is no terminal. When it is one, that is told.
+bool output_takes_bytes();
+
 // Writes `bytes` to the file `path` under a temporary name and renames it; "-" is standard output,
 // which is refused when it is a terminal. False when it could not be done, which is told.
 bool write_result(const std::string& path, std::string_view bytes);

@@ -4,6 +4,7 @@
 #include "client/tool/output.h"
 #include "client/tool/picture_files.h"
 #include "client/tool/session.h"
+#include "client/tool/y4m.h"
 
 namespace {
 
@@ -46,10 +47,7 @@ exit_status call_save(const call_options& options)
     }
     session worker;
     held_frame frame;
-    exit_status status = worker.open(options);
-    if (status == STATUS_DONE) {
-        status = worker.take_frame(options, &frame);
-    }
+    const exit_status status = worker.open_with_frame(options, &frame);
     if (status != STATUS_DONE) {
         return status;
     }

@@ -97,3 +97,9 @@ exit_status session::take_frame(const call_options& options, held_frame* frame) 
     frame->reset(taken);
     return result == STILLIMAGE_OK ? STATUS_DONE : failed("get a frame", result);
 }
+
+exit_status session::open_with_frame(const call_options& options, held_frame* frame)
+{
+    const exit_status status = open(options);
+    return status == STATUS_DONE ? take_frame(options, frame) : status;
+}

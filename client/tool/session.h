@@ -29,6 +29,9 @@ public:
     // The frame that the options ask for.
     exit_status take_frame(const call_options& options, held_frame* frame) const;
 
+    // Both: connects, and takes the frame.
+    exit_status open_with_frame(const call_options& options, held_frame* frame);
+
     stillimage_client* client() const { return connection.get(); }
 
 private:

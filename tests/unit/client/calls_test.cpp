@@ -5,48 +5,17 @@
 #include <gtest/gtest.h>
 #include <json11.hpp>
 
-#include "client/tool/call.h"
 #include "client/tool/output.h"
 #include "client/tool/session.h"
 #include "platform/scanline_format.h"
-#include "tests/unit/client/fake_worker.h"
+#include "tests/unit/client/call_outcome.h"
 
 namespace {
 
 using namespace comm_protocol;
 using json11::Json;
 using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-
-struct outcome {
-    exit_status status = STATUS_DONE;
-    std::string out;
-    std::string told;
-};
-
-outcome run(exit_status (*call)(const call_options&), const call_options& options)
-{
-    outcome result;
-    CaptureStdout();
-    CaptureStderr();
-    result.status = call(options);
-    result.told = GetCapturedStderr();
-    result.out = GetCapturedStdout();
-    return result;
-}
-
-outcome run_against(const std::function<void(fake_peer&)>& script,
-                    exit_status (*call)(const call_options&), call_options options = {})
-{
-    const fake_worker worker([&](fake_peer& peer) {
-        peer.greet();
-        script(peer);
-    });
-    options.socket_or_picture = worker.path();
-    return run(call, options);
-}
 
 // Serves one frame.
 std::function<void(fake_peer&)> serving(const frame_sample& sample)
@@ -125,7 +94,7 @@ TEST(ClientCalls, NobodyThereIsThree)
     call_options options;
     options.socket_or_picture = folder.path("missing");
     options.timeout_ms = 0;
-    const outcome result = run(call_wait, options);
+    const outcome result = run_call(call_wait, options);
     EXPECT_EQ(result.status, STATUS_NO_WORKER);
     EXPECT_EQ(result.told,
               "stillimage-client: cannot connect: no worker serves at " + folder.path("missing") +
@@ -242,7 +211,7 @@ TEST(ClientCallSave, UnknownEndingIsAUsageError)
 {
     call_options options;
     options.output = "picture.bmp";
-    const outcome result = run(call_save, options);
+    const outcome result = run_call(call_save, options);
     EXPECT_EQ(result.status, STATUS_USAGE);
     EXPECT_EQ(result.told, "stillimage-client: cannot tell the format of picture.bmp (name it "
                            ".png, .ppm or .y4m, or - for PNG on standard output)\n");

@@ -1,0 +1,38 @@
+// A call of the tool against a fake worker: what it ended with, wrote and told.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "client/tool/call.h"
+#include "tests/unit/client/fake_worker.h"
+
+struct outcome {
+    exit_status status = STATUS_DONE;
+    std::string out;
+    std::string told;
+};
+
+inline outcome run_call(exit_status (*call)(const call_options&), const call_options& options)
+{
+    outcome result;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    result.status = call(options);
+    result.told = testing::internal::GetCapturedStderr();
+    result.out = testing::internal::GetCapturedStdout();
+    return result;
+}
+
+inline outcome run_against(const std::function<void(fake_peer&)>& script,
+                           exit_status (*call)(const call_options&), call_options options = {})
+{
+    const fake_worker worker([&](fake_peer& peer) {
+        peer.greet();
+        script(peer);
+    });
+    options.socket_or_picture = worker.path();
+    return run_call(call, options);
+}

@@ -10,25 +10,13 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/failing_calls.h"
-#include "tests/support/png_writer.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/unit/decode/adam7_literal.h"
+#include "tests/unit/decode/adam7_pictures.h"
 
 namespace adam7_tests {
 
 using bytes = std::vector<unsigned char>;
-
-struct colour_form {
-    uint8_t colour_type, depth;
-};
-extern const std::vector<colour_form> colour_forms; // all that the format has
-
-// Samples and filters drawn by lot from `seed`; a palette with a few colours less than the samples
-// can name.
-png_spec random_picture(uint32_t width, uint32_t height, colour_form form, unsigned seed = 1);
-
-// RGBA of one colour with this alpha in every pixel of the first pass and that one in the others.
-png_spec rgba_picture(uint32_t width, uint32_t height, unsigned char first, unsigned char others);
 
 bytes read_file(const std::string& path);
 

@@ -74,6 +74,7 @@ struct pair {
 spread over(const std::vector<pair>& pairs, const std::function<double(const pair&)>& value)
 {
     std::vector<double> values;
+    values.reserve(pairs.size());
     for (const pair& one : pairs) {
         values.push_back(value(one));
     }
@@ -128,7 +129,7 @@ void print_times(const char* name, const std::vector<pair>& pairs, double goal)
 std::string drawn_picture(const options& how, const format& kind, const large_picture& picture)
 {
     std::filesystem::create_directories(how.pictures);
-    const std::string path = how.pictures + "/" + picture.name + kind.suffix;
+    std::string path = how.pictures + "/" + picture.name + kind.suffix;
     if (!std::filesystem::exists(path)) {
         const std::string unfinished = path + ".part";
         kind.write(picture.name, EXAMPLE_PICTURE, unfinished);

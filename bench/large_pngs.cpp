@@ -40,6 +40,7 @@ std::vector<unsigned char> draw_palette_row(const photograph& from, const photo_
                                             int y)
 {
     std::vector<unsigned char> row;
+    row.reserve(large_width);
     for (int x = 0; x < large_width; ++x) {
         row.push_back(large_index(from, palette, x, y));
     }

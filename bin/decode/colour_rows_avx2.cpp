@@ -98,7 +98,7 @@ TARGET_AVX2 inline void store_colours(const colour_pairs& pixels, const sample_p
 
 TARGET_AVX2 inline void rgb_block(const unsigned char* pixels, const sample_planes& to, size_t at)
 {
-    constexpr size_t half = 16 * 3;
+    constexpr size_t half = size_t{16} * 3;
     const __m256i apart = both(_mm_setr_epi8(0, 1, 3, 4, 6, 7, 9, 10, 2, -1, 5, -1, 8, -1, 11, -1));
     // The last four pixels are in the upper part of their half: nothing behind them is read.
     const __m256i last_apart =
@@ -113,7 +113,7 @@ TARGET_AVX2 inline void rgb_block(const unsigned char* pixels, const sample_plan
 
 TARGET_AVX2 inline void rgba_block(const unsigned char* pixels, const sample_planes& to, size_t at)
 {
-    constexpr size_t half = 16 * 4;
+    constexpr size_t half = size_t{16} * 4;
     const __m256i apart = both(_mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15));
     const unsigned char* from = pixels + 4 * at;
     const colour_pairs pairs = join(_mm256_shuffle_epi8(load_halves(from, half), apart),
@@ -128,7 +128,7 @@ TARGET_AVX2 inline void rgba_block(const unsigned char* pixels, const sample_pla
 TARGET_AVX2 inline void grey_alpha_block(const unsigned char* pixels, const sample_planes& to,
                                          size_t at)
 {
-    constexpr size_t half = 16 * 2;
+    constexpr size_t half = size_t{16} * 2;
     const __m256i low_byte = _mm256_set1_epi16(0xFF);
     const __m256i factor = _mm256_set1_epi16(static_cast<short>(luma_multiplier));
     const __m256i low = load_halves(pixels + 2 * at, half);
@@ -142,7 +142,7 @@ TARGET_AVX2 inline void grey_alpha_block(const unsigned char* pixels, const samp
 
 TARGET_AVX2 inline void yuva_block(const unsigned char* pixels, const sample_planes& to, size_t at)
 {
-    constexpr size_t half = 16 * 4;
+    constexpr size_t half = size_t{16} * 4;
     const __m256i apart = both(_mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15));
     const unsigned char* from = pixels + 4 * at;
     const __m256i first = _mm256_shuffle_epi8(load_halves(from, half), apart);

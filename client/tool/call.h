@@ -36,5 +36,6 @@ exit_status call_frame(const call_options& options);
 exit_status call_save(const call_options& options);
 exit_status call_dump(const call_options& options);
 exit_status call_play(const call_options& options);
+exit_status call_sheet(const call_options& options);
 exit_status call_set(const call_options& options);
 exit_status call_quit(const call_options& options);

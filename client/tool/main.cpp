@@ -111,6 +111,11 @@ void add_calls(CLI::App& app, command_line& line)
     dump->add_option("DIR", options.output, "folder to write into")->required();
     add_frame_options(dump, line);
     add_play(app, line);
+    CLI::App* sheet =
+        add_call(app, line, "sheet", "write the frames and their levels side by side as one PNG",
+                 call_sheet);
+    sheet->add_option("OUT", options.output, "file.png, or - for standard output")->required();
+    add_timeout(sheet, line);
     CLI::App* set = add_call(app, line, "set", "set a metadata value of the item", call_set);
     set->add_option("NAME", options.name, "such as \"aspect ratio\"")->required();
     set->add_option("VALUE", options.value, "such as 16:9")->required();

@@ -1,8 +1,8 @@
 # Distribution packages: which are missing, and how they are installed.
 # shellcheck shell=bash
 
-# What the build needs, as "package probe". A probe asks for the thing, not for the package, so a
-# machine that has it from elsewhere is fine: "tool NAME" or "header NAME".
+# What the build and its tests need, as "package probe". A probe asks for the thing, not for the
+# package, so a machine that has it from elsewhere is fine: "tool NAME" or "header NAME".
 build_requirements() {
     cat <<'LIST'
 g++ tool g++
@@ -20,6 +20,7 @@ libgtest-dev header gtest/gtest.h
 libgmock-dev header gmock/gmock.h
 libbenchmark-dev header benchmark/benchmark.h
 libcli11-dev header CLI/CLI.hpp
+ffmpeg tool ffmpeg
 LIST
 }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "client/border.h"
 #include "client/connection.h"
 #include "client/frames.h"
 #include "client/stillimage_client.h"
@@ -11,28 +12,6 @@
 namespace {
 
 constexpr uint32_t library_version = 1U << 16;
-
-// Runs `work` and turns what it throws (memory alone can) into a result. A handler that calls back
-// into its own connection is refused: it would take packets away from the call that is waiting.
-template <typename Work>
-stillimage_result at_border(stillimage_client* client, Work work) noexcept
-{
-    if (client == nullptr) {
-        return STILLIMAGE_ERROR_ARGUMENT;
-    }
-    try {
-        if (client->in_handler) {
-            return fail(*client, STILLIMAGE_ERROR_ARGUMENT,
-                        "the change handler may not call back into its connection");
-        }
-        client->late_packets = 0;
-        return work(*client);
-    } catch (const std::exception&) {
-        client->in_handler = false;
-        client->last_error.clear();
-        return STILLIMAGE_ERROR_SYSTEM;
-    }
-}
 
 stillimage_result missing(stillimage_client& client, const char* what)
 {
@@ -97,23 +76,6 @@ stillimage_result take_arrived(stillimage_client& client, const deadline& wait)
     return result;
 }
 
-constexpr uint32_t readiness = comm_protocol::change_provisional | comm_protocol::change_ready;
-
-// Readiness is always part of a subscription, so that stillimage_wait_ready hears of it.
-stillimage_result subscribe(stillimage_client& client, uint32_t mask, const deadline& until)
-{
-    const auto request =
-        comm_protocol::encode(++client.last_request, comm_protocol::subscribe{mask});
-    client.subscription = mask != 0 ? client.last_request : 0;
-    client.document.clear();
-    received_packet answer;
-    const stillimage_result result = ask(client, request, comm_protocol::DONE, until, &answer);
-    if (result != STILLIMAGE_OK) {
-        client.subscription = 0;
-    }
-    return result;
-}
-
 bool is_ready(const stillimage_client& client, int provisional)
 {
     return client.state.ready == 1 || (client.state.ready == -1 && provisional != 0);
@@ -168,7 +130,7 @@ stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
         return STILLIMAGE_ERROR_SYSTEM;
     }
     return at_border(*client, [&](stillimage_client& c) {
-        return open_connection(c, socket_path, deadline(timeout_ms));
+        return open_connection(c, socket_path, deadline(start_ms), deadline(timeout_ms));
     });
 }
 
@@ -211,6 +173,7 @@ stillimage_result stillimage_subscribe(stillimage_client* client, uint32_t mask,
         c.handler = mask != 0 ? handler : nullptr;
         c.handler_data = user;
         c.wanted_changes = mask;
+        c.keeps_subscription = mask != 0;
         return subscribe(c, mask != 0 ? mask | readiness : 0, deadline(timeout_ms));
     });
 }

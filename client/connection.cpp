@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr int start_ms = 5000;         // in which a worker that is just starting is there
 constexpr long retry_ns = 20'000'000;  // between tries to reach it
 constexpr int most_late_packets = 256; // that one call takes in after its time limit
 
@@ -80,9 +79,9 @@ stillimage_result connect_failure(stillimage_client& client, const char* path, i
 }
 
 stillimage_result connect_until(stillimage_client& client, const char* path,
-                                const sockaddr_un& address, const deadline& until)
+                                const sockaddr_un& address, const deadline& start,
+                                const deadline& until)
 {
-    const deadline start(start_ms);
     while (true) {
         const int error = connect_once(client, address);
         if (error == 0) {
@@ -229,19 +228,22 @@ stillimage_result fail(stillimage_client& client, stillimage_result result, std:
     return result;
 }
 
-stillimage_result open_connection(stillimage_client& client, const char* path,
-                                  const deadline& until)
+stillimage_result open_connection(stillimage_client& client, const std::string& path,
+                                  const deadline& start, const deadline& until)
 {
+    client.socket_path = path;
+    client.greeting = false;
     sockaddr_un address = {};
-    if (!fill_address(path, &address)) {
+    if (!fill_address(path.c_str(), &address)) {
         return fail(client, STILLIMAGE_ERROR_ARGUMENT,
-                    std::string("not a socket path of 1 to 107 bytes: ") + path);
+                    "not a socket path of 1 to 107 bytes: " + path);
     }
-    stillimage_result result = connect_until(client, path, address, until);
+    stillimage_result result = connect_until(client, path.c_str(), address, start, until);
     if (result == STILLIMAGE_OK) {
-        result = check_owner(client, path);
+        result = check_owner(client, path.c_str());
     }
-    return result == STILLIMAGE_OK ? greet(client, until) : result;
+    client.greeting = result == STILLIMAGE_OK;
+    return client.greeting ? greet(client, until) : result;
 }
 
 stillimage_result send_packet(stillimage_client& client, const comm_protocol::packet_bytes& packet,

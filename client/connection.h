@@ -28,6 +28,10 @@ struct stillimage_client {
     uint64_t last_request = 0;
     int32_t worker_pid = 0;
     std::string last_error;
+    std::string socket_path;
+    std::string picture;   // connected by picture, else ""
+    unsigned flags = 0;    // STILLIMAGE_START_WORKER
+    bool greeting = false; // the worker took the newest connection; it may have gone since
     std::vector<unsigned char> buffer; // of the packet at hand
 
     // frames
@@ -42,8 +46,9 @@ struct stillimage_client {
     std::set<stillimage_frame*> frames; // held
 
     // subscription
-    uint64_t subscription = 0;   // its request number, 0: none
-    uint32_t wanted_changes = 0; // what the user's handler asked for
+    uint64_t subscription = 0;       // its request number, 0: none
+    bool keeps_subscription = false; // one is wanted, also while there is no connection
+    uint32_t wanted_changes = 0;     // what the user's handler asked for
     stillimage_event_handler handler = nullptr;
     void* handler_data = nullptr;
     bool in_handler = false;
@@ -55,9 +60,19 @@ struct stillimage_client {
 // Keeps the reason and gives the result back.
 stillimage_result fail(stillimage_client& client, stillimage_result result, std::string reason);
 
-// Connects, checks who serves there, and exchanges greetings.
-stillimage_result open_connection(stillimage_client& client, const char* path,
-                                  const deadline& until);
+// Connects, checks who serves there, and exchanges greetings. A worker that is not there is waited
+// for until `start` passes.
+stillimage_result open_connection(stillimage_client& client, const std::string& path,
+                                  const deadline& start, const deadline& until);
+
+inline constexpr int start_ms = 5000; // in which a worker that is just starting is there
+
+// Asks for these changes.
+stillimage_result subscribe(stillimage_client& client, uint32_t mask, const deadline& until);
+
+// Readiness is always part of a subscription, so that stillimage_wait_ready hears of it.
+inline constexpr uint32_t readiness =
+    comm_protocol::change_provisional | comm_protocol::change_ready;
 
 // Sends one packet.
 stillimage_result send_packet(stillimage_client& client, const comm_protocol::packet_bytes& packet,

@@ -190,3 +190,17 @@ stillimage_result ask(stillimage_client& client, const comm_protocol::packet_byt
     const stillimage_result result = send_packet(client, request, until);
     return result == STILLIMAGE_OK ? await_answer(client, number, expected, until, answer) : result;
 }
+
+stillimage_result subscribe(stillimage_client& client, uint32_t mask, const deadline& until)
+{
+    const auto request =
+        comm_protocol::encode(++client.last_request, comm_protocol::subscribe{mask});
+    client.subscription = mask != 0 ? client.last_request : 0;
+    client.document.clear();
+    received_packet answer;
+    const stillimage_result result = ask(client, request, comm_protocol::DONE, until, &answer);
+    if (result != STILLIMAGE_OK) {
+        client.subscription = 0;
+    }
+    return result;
+}

@@ -37,7 +37,7 @@ typedef enum stillimage_result {
     STILLIMAGE_ERROR_ARGUMENT = -1,  /* a call that makes no sense: null, a text that is too long */
     STILLIMAGE_ERROR_NO_WORKER = -2, /* nobody serves at that path, or the worker has gone */
     STILLIMAGE_ERROR_TIMEOUT = -3,   /* the time limit passed first */
-    STILLIMAGE_ERROR_REFUSED = -4,   /* version or permission */
+    STILLIMAGE_ERROR_REFUSED = -4,   /* version or permission; a file that no worker serves */
     STILLIMAGE_ERROR_NOT_READY = -5, /* the picture is not decoded yet */
     STILLIMAGE_ERROR_NO_FRAME = -6,  /* no such frame */
     STILLIMAGE_ERROR_PROTOCOL = -7,  /* the worker sent what it may not send */
@@ -81,6 +81,35 @@ STILLIMAGE_API stillimage_result stillimage_dispatch(stillimage_client* client, 
 
 /* Process id of the worker; 0 when not connected. */
 STILLIMAGE_API int32_t stillimage_worker_pid(const stillimage_client* client);
+
+/* --- by picture ---------------------------------------------------------------------------------
+ */
+
+/* Writes the path of the socket where the picture's worker serves unless it was told another one.
+ * STILLIMAGE_ERROR_ARGUMENT when the buffer is too small for it (108 bytes always suffice),
+ * STILLIMAGE_ERROR_SYSTEM with errno set when the picture cannot be reached. */
+STILLIMAGE_API stillimage_result stillimage_socket_of(const char* picture, char* buffer,
+                                                      size_t size);
+
+enum {
+    STILLIMAGE_START_WORKER = 1 << 0 /* when nobody serves the picture */
+};
+
+/* As stillimage_connect, to the worker at the picture's own socket. With STILLIMAGE_START_WORKER
+ * and nobody there, one is started and waited for: the program named by STILLIMAGE_PROGRAM in the
+ * environment, otherwise "stillimage" of PATH. It is no child of the calling process, has a session
+ * of its own, inherits no descriptor, and ends by itself some time after its last client left. A
+ * file that it does not serve is STILLIMAGE_ERROR_REFUSED with the worker's last words in
+ * stillimage_last_error. */
+STILLIMAGE_API stillimage_result stillimage_connect_picture(const char* picture, unsigned flags,
+                                                            int timeout_ms,
+                                                            stillimage_client** client);
+
+/* Connects once more as this connection was made, after the worker has gone or not; a worker is
+ * started again, too, when it was to be then. Frames that are held stay readable, but belong to the
+ * connection no longer. A subscription is renewed; its first event has changes 0 as always. After a
+ * failure the connection is closed, and may be tried again. */
+STILLIMAGE_API stillimage_result stillimage_reconnect(stillimage_client* client, int timeout_ms);
 
 /* --- changes ---------------------------------------------------------------------------------- */
 

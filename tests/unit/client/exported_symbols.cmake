@@ -13,6 +13,6 @@ list(TRANSFORM declared REPLACE "^.*[ *\n](stillimage_[a-z_]+)\\($" "\\1@@STILLI
 list(SORT declared)
 
 list(LENGTH declared count)
-if(count LESS 19 OR NOT "${exported}" STREQUAL "${declared}")
+if(count LESS 22 OR NOT "${exported}" STREQUAL "${declared}")
     message(FATAL_ERROR "declared: ${declared}\nexported: ${exported}")
 endif()

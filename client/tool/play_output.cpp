@@ -27,6 +27,18 @@ extern "C" void ask_to_stop(int /*signal*/)
     stop_asked = 1;
 }
 
+// What is ignored stays ignored: a job in the background is not for Ctrl-C.
+void take_over(int signal, struct sigaction* former)
+{
+    struct sigaction action = {};
+    action.sa_handler = ask_to_stop;
+    action.sa_flags = static_cast<int>(SA_RESETHAND); // not SA_RESTART: waits have to end
+    sigaction(signal, &action, former);
+    if (former->sa_handler == SIG_IGN) {
+        sigaction(signal, former, nullptr);
+    }
+}
+
 bool reader_takes_more()
 {
     pollfd output = {STDOUT_FILENO, POLLOUT, 0};
@@ -46,12 +58,9 @@ sending failed_to_write(int error)
 
 stop_signals::stop_signals()
 {
-    struct sigaction action = {};
-    action.sa_handler = ask_to_stop;
-    action.sa_flags = static_cast<int>(SA_RESETHAND); // not SA_RESTART: waits have to end
     stop_asked = 0;
-    sigaction(SIGINT, &action, &former_interrupt);
-    sigaction(SIGTERM, &action, &former_terminate);
+    take_over(SIGINT, &former_interrupt);
+    take_over(SIGTERM, &former_terminate);
 }
 
 stop_signals::~stop_signals()

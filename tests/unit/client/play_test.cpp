@@ -67,13 +67,15 @@ void answer(fake_peer& peer, const packet_header& header, const animation& playe
     }
 }
 
-// Serves the animation; hangs up after so many frames, or never.
-std::function<void(fake_peer&)> serving(const animation& played, int most_frames = -1)
+// Serves the animation. `before` is called for each frame that is asked for, 1 for the first; false
+// hangs up.
+std::function<void(fake_peer&)> serving(const animation& played,
+                                        const std::function<bool(int frame)>& before = {})
 {
-    return [&played, most_frames](fake_peer& peer) {
+    return [&played, before](fake_peer& peer) {
         int frames = 0;
         for (packet_header header = peer.next(); header.type != 0; header = peer.next()) {
-            if (header.type == GET_FRAME && frames++ == most_frames) {
+            if (header.type == GET_FRAME && before && !before(++frames)) {
                 return;
             }
             answer(peer, header, played);
@@ -204,7 +206,8 @@ TEST(ClientCallPlay, WorkerThatGoesInTheMiddleIsThree)
 {
     const animation played = three_frames();
     // Two frames to find the length, four in the stream.
-    const outcome result = run_against(serving(played, 6), call_play, unpaced(0, "10"));
+    const outcome result = run_against(serving(played, [](int frame) { return frame <= 6; }),
+                                       call_play, unpaced(0, "10"));
     EXPECT_EQ(result.status, STATUS_NO_WORKER);
     EXPECT_EQ(result.told, "stillimage-client: cannot get a frame: the worker has gone (start one: "
                            "stillimage --file PICTURE)\n");
@@ -214,7 +217,8 @@ TEST(ClientCallPlay, WorkerThatGoesInTheMiddleIsThree)
 TEST(ClientCallPlay, WorkerThatGoesWhileTheRateIsSoughtIsThree)
 {
     const animation played = three_frames();
-    const outcome result = run_against(serving(played, 4), call_play, unpaced(1));
+    const outcome result =
+        run_against(serving(played, [](int frame) { return frame <= 4; }), call_play, unpaced(1));
     EXPECT_EQ(result.status, STATUS_NO_WORKER);
     EXPECT_EQ(result.told, "stillimage-client: cannot get a frame: the worker has gone (start one: "
                            "stillimage --file PICTURE)\n");
@@ -316,29 +320,35 @@ TEST_F(ClientPlayEnds, AfterTheWholeFrameWhenASignalAsksForIt)
         const temporary_folder folder;
         const animation played = three_frames();
         const pthread_t player = pthread_self();
-        int frames = 0;
-        // From the eighth frame on, which is in the stream, each request comes with a signal.
-        const auto script = [&](fake_peer& peer) {
-            for (packet_header header = peer.next(); header.type != 0; header = peer.next()) {
-                if (header.type == GET_FRAME && ++frames == 8) {
-                    pthread_kill(player, asked);
-                }
-                answer(peer, header, played);
-                if (header.type == SUBSCRIBE) {
-                    peer.send(encode(header.request, event{0, 100, 1, ""}));
-                }
-            }
-        };
+        const auto script = serving(played, [=](int frame) { // the eighth is in the stream
+            return frame != 8 || pthread_kill(player, asked) == 0;
+        });
         const ending result =
             play_into(open(folder.write("stream", "").c_str(), O_WRONLY | O_CLOEXEC), script,
                       unpaced(0, "100/9"));
         EXPECT_EQ(result.status, STATUS_DONE);
         EXPECT_EQ(result.told, "");
         EXPECT_EQ(shown(folder.read("stream")), "11111"); // shown() wants whole frames
+        // The handler has reset itself, and what was there before is there again.
         struct sigaction now = {};
         sigaction(asked, nullptr, &now);
         EXPECT_EQ(now.sa_handler, SIG_DFL);
     }
+    close(ends_[0]);
+    close(ends_[1]);
+}
+
+TEST_F(ClientPlayEnds, NotByASignalThatWasIgnored)
+{
+    const temporary_folder folder;
+    const animation played = three_frames();
+    const pthread_t player = pthread_self();
+    signal(SIGINT, SIG_IGN);
+    const auto script = serving(played, [=](int) { return pthread_kill(player, SIGINT) == 0; });
+    play_into(open(folder.write("stream", "").c_str(), O_WRONLY | O_CLOEXEC), script,
+              unpaced(1, "10"));
+    EXPECT_NE(signal(SIGINT, SIG_DFL), SIG_DFL);
+    EXPECT_EQ(shown(folder.read("stream")), "11111233");
     close(ends_[0]);
     close(ends_[1]);
 }

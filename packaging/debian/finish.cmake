@@ -1,0 +1,33 @@
+# Run by CPack when everything is installed in its folders and before the packages are made of them.
+foreach(group programs runtime development gst)
+    string(TOUPPER ${group} upper)
+    set(root "${CPACK_TEMPORARY_DIRECTORY}/${group}/usr")
+    if(NOT IS_DIRECTORY "${root}")
+        continue()
+    endif()
+    set(documents "${root}/share/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}")
+    file(MAKE_DIRECTORY "${documents}")
+    foreach(file copyright changelog)
+        file(COPY_FILE "${CPACK_STILLIMAGE_DEBIAN_FILES}/${file}" "${documents}/${file}")
+    endforeach()
+    file(RENAME "${documents}/changelog" "${documents}/changelog.Debian")
+    # The licence is in the file copyright.
+    file(REMOVE "${documents}/LICENSE")
+
+    file(GLOB compressed "${root}/share/man/man*/*" "${documents}/changelog.Debian")
+    file(GLOB archives "${root}/lib/*/*.a")
+    file(GLOB_RECURSE programs "${root}/bin/*" "${root}/lib/*.so.*" "${root}/lib/*.so")
+    foreach(file IN LISTS compressed)
+        execute_process(COMMAND gzip -9n "${file}" COMMAND_ERROR_IS_FATAL ANY)
+    endforeach()
+    foreach(file IN LISTS archives)
+        execute_process(COMMAND strip --strip-debug --enable-deterministic-archives
+            --remove-section=.comment --remove-section=.note "${file}" COMMAND_ERROR_IS_FATAL ANY)
+    endforeach()
+    foreach(file IN LISTS programs)
+        if(NOT IS_SYMLINK "${file}")
+            execute_process(COMMAND strip --remove-section=.comment --remove-section=.note "${file}"
+                COMMAND_ERROR_IS_FATAL ANY)
+        endif()
+    endforeach()
+endforeach()

@@ -13,6 +13,7 @@
 
 #include "client/scanline_record.h"
 #include "client/tool/picture_files.h"
+#include "client/tool/y4m.h"
 
 namespace {
 

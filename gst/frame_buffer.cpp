@@ -1,0 +1,176 @@
+#include "gst/frame_buffer.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "gst/video_format.h"
+
+namespace {
+
+// Where the planes of a picture lie, counted from the first byte of any of them.
+struct plane_span {
+    const uint8_t* first = nullptr;
+    size_t size = 0;
+    gsize offset[GST_VIDEO_MAX_PLANES] = {};
+    gint stride[GST_VIDEO_MAX_PLANES] = {};
+    guint planes = 0;
+};
+
+plane_span span_of(const stillimage_picture& picture)
+{
+    plane_span span;
+    const uint8_t* end = nullptr;
+    for (const uint8_t* plane : picture.plane) {
+        if (plane != nullptr && (span.first == nullptr || plane < span.first)) {
+            span.first = plane;
+        }
+    }
+    for (size_t i = 0; i < STILLIMAGE_PLANES; ++i) {
+        if (picture.plane[i] != nullptr) {
+            const size_t bytes = size_t{picture.stride[i]} * picture.plane_height[i];
+            end = std::max(end, picture.plane[i] + bytes);
+            span.offset[span.planes] = static_cast<gsize>(picture.plane[i] - span.first);
+            span.stride[span.planes++] = static_cast<gint>(picture.stride[i]);
+        }
+    }
+    span.size = static_cast<size_t>(end - span.first);
+    return span;
+}
+
+bool is_default_layout(const plane_span& span, const GstVideoInfo& info)
+{
+    return span.size >= info.size && span.planes == GST_VIDEO_INFO_N_PLANES(&info) &&
+           std::equal(span.offset, span.offset + span.planes, info.offset) &&
+           std::equal(span.stride, span.stride + span.planes, info.stride);
+}
+
+void let_go(gpointer holder)
+{
+    delete static_cast<std::shared_ptr<held_frame>*>(holder);
+}
+
+// The sample of a plane at a place of the full picture; chroma that is missing repeats its neighbour.
+uint8_t sample(const stillimage_picture& picture, int plane, uint32_t x, uint32_t y)
+{
+    if (picture.plane[plane] == nullptr) {
+        return 128;
+    }
+    const bool chroma = plane == STILLIMAGE_U || plane == STILLIMAGE_V;
+    const uint32_t column = chroma ? x >> picture.chroma_x_shift : x;
+    const uint32_t row = chroma ? y >> picture.chroma_y_shift : y;
+    return picture.plane[plane][size_t{std::min(row, picture.plane_height[plane] - 1)} *
+                                    picture.stride[plane] +
+                                std::min(column, picture.plane_width[plane] - 1)];
+}
+
+uint8_t* row_of(GstVideoFrame& out, guint plane, size_t row)
+{
+    return static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&out, plane)) +
+           row * static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&out, plane));
+}
+
+// Rows that are shorter than the format's repeat their last sample.
+void copy_plane(const stillimage_picture& picture, int plane, GstVideoFrame& out)
+{
+    const auto component = static_cast<guint>(plane);
+    const auto width = static_cast<size_t>(GST_VIDEO_FRAME_COMP_WIDTH(&out, component));
+    const auto height = static_cast<size_t>(GST_VIDEO_FRAME_COMP_HEIGHT(&out, component));
+    const size_t copied = std::min<size_t>(width, picture.plane_width[plane]);
+    for (size_t y = 0; y < height; ++y) {
+        const size_t from = std::min<size_t>(y, picture.plane_height[plane] - 1);
+        const uint8_t* in = picture.plane[plane] + from * picture.stride[plane];
+        uint8_t* row = row_of(out, component, y);
+        memcpy(row, in, copied);
+        memset(row + copied, in[copied - 1], width - copied);
+    }
+}
+
+void repeat_plane(const stillimage_picture& picture, int plane, GstVideoFrame& out)
+{
+    for (uint32_t y = 0; y < picture.height; ++y) {
+        uint8_t* row = row_of(out, static_cast<guint>(plane), y);
+        for (uint32_t x = 0; x < picture.width; ++x) {
+            row[x] = sample(picture, plane, x, y);
+        }
+    }
+}
+
+void pack_planes(const stillimage_picture& picture, GstVideoFrame& out)
+{
+    constexpr int order[] = {STILLIMAGE_A, STILLIMAGE_Y, STILLIMAGE_U, STILLIMAGE_V};
+    for (uint32_t y = 0; y < picture.height; ++y) {
+        uint8_t* pixel = row_of(out, 0, y);
+        for (uint32_t x = 0; x < picture.width; ++x) {
+            for (const int plane : order) {
+                *pixel++ = sample(picture, plane, x, y);
+            }
+        }
+    }
+}
+
+bool same_subsampling(const stillimage_picture& picture, const GstVideoInfo& info, int plane)
+{
+    const auto component = static_cast<guint>(plane);
+    return plane == STILLIMAGE_Y || plane == STILLIMAGE_A ||
+           (GST_VIDEO_FORMAT_INFO_W_SUB(info.finfo, component) == picture.chroma_x_shift &&
+            GST_VIDEO_FORMAT_INFO_H_SUB(info.finfo, component) == picture.chroma_y_shift);
+}
+
+void copy_planes(const stillimage_picture& picture, GstVideoFrame& out)
+{
+    for (int plane = 0; plane < static_cast<int>(GST_VIDEO_FRAME_N_PLANES(&out)); ++plane) {
+        if (same_subsampling(picture, out.info, plane)) {
+            copy_plane(picture, plane, out);
+        } else {
+            repeat_plane(picture, plane, out);
+        }
+    }
+}
+
+} // namespace
+
+bool can_share(const held_frame& frame, bool video_meta)
+{
+    const stillimage_picture& picture = frame.picture();
+    return format_of(picture).layout == plane_layout::SHARED &&
+           (video_meta || is_default_layout(span_of(picture), video_info_of(picture)));
+}
+
+GstBuffer* share_frame(const std::shared_ptr<held_frame>& frame)
+{
+    const stillimage_picture& picture = frame->picture();
+    plane_span span = span_of(picture); // the meta is not told that it may not write
+    const GstVideoInfo info = video_info_of(picture);
+    const bool by_itself = is_default_layout(span, info);
+    // The flag keeps everybody from writing there.
+    GstBuffer* buffer = gst_buffer_new_wrapped_full(
+        GST_MEMORY_FLAG_READONLY, const_cast<uint8_t*>(span.first), span.size, 0,
+        by_itself ? info.size : span.size, new std::shared_ptr<held_frame>(frame), let_go);
+    gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_INFO_FORMAT(&info),
+                                   picture.width, picture.height, span.planes, span.offset,
+                                   span.stride);
+    return buffer;
+}
+
+GstBuffer* copy_frame(const held_frame& frame, const GstVideoInfo& info)
+{
+    GstBuffer* buffer = gst_buffer_new_allocate(nullptr, info.size, nullptr);
+    GstVideoFrame out;
+    if (buffer == nullptr) {
+        return nullptr;
+    }
+    gst_buffer_memset(buffer, 0, 0, info.size); // what lies between rows and planes, too
+    if (!gst_video_frame_map(&out, &info, buffer, GST_MAP_WRITE)) {
+        gst_buffer_unref(buffer);
+        return nullptr;
+    }
+    if (format_of(frame.picture()).layout == plane_layout::PACKED) {
+        pack_planes(frame.picture(), out);
+    } else {
+        copy_planes(frame.picture(), out);
+    }
+    gst_video_frame_unmap(&out);
+    return buffer;
+}

@@ -1,0 +1,349 @@
+#include "gst/picture_source.h"
+
+#include <algorithm>
+
+#include "gst/element.h"
+#include "gst/frame_buffer.h"
+#include "gst/video_format.h"
+
+GST_DEBUG_CATEGORY_EXTERN(stillimage_src_debug);
+#define GST_CAT_DEFAULT stillimage_src_debug
+
+namespace {
+
+constexpr int pause_us = 100'000;  // between tries to reach a worker that has gone
+constexpr int step_ms = 1000;      // of such a try
+constexpr int most_recoveries = 3; // of workers that go before a buffer came of them
+constexpr int still_rate = 25;     // frames a second of a still, when downstream leaves it open
+
+} // namespace
+
+// --- opening -------------------------------------------------------------------------------------
+
+std::string picture_source::name() const
+{
+    return settings_.where.socket.empty() ? settings_.where.picture : settings_.where.socket;
+}
+
+bool picture_source::tell_failure(const char* doing, stillimage_result result)
+{
+    if (link_->interrupted()) {
+        return false;
+    }
+    const std::string reason = link_->error();
+    if (result == STILLIMAGE_ERROR_NO_WORKER || result == STILLIMAGE_ERROR_REFUSED ||
+        result == STILLIMAGE_ERROR_SYSTEM) {
+        GST_ELEMENT_ERROR(element_, RESOURCE, OPEN_READ,
+                          ("Cannot %s \"%s\": %s", doing, name().c_str(), reason.c_str()),
+                          ("%s", stillimage_result_text(result)));
+    } else {
+        GST_ELEMENT_ERROR(element_, RESOURCE, READ,
+                          ("Cannot %s \"%s\": %s", doing, name().c_str(), reason.c_str()),
+                          ("%s", stillimage_result_text(result)));
+    }
+    return false;
+}
+
+bool picture_source::start(const source_settings& settings)
+{
+    settings_ = settings;
+    if (name().empty()) {
+        GST_ELEMENT_ERROR(element_, RESOURCE, NOT_FOUND,
+                          ("No picture to open: set \"location\" or \"socket\""), (nullptr));
+        return false;
+    }
+    link_ = std::make_shared<worker_link>();
+    const stillimage_result result = link_->open(settings_.where, settings_.timeout_ms);
+    return result == STILLIMAGE_OK || tell_failure("open", result);
+}
+
+void picture_source::stop()
+{
+    shown_.reset();
+    link_.reset(); // frames that are still shown somewhere keep the connection
+    prepared_ = false;
+    recoveries_ = 0;
+    position_ = 0;
+    still_shown_ = false;
+    discontinuity_ = true;
+    const std::lock_guard<std::mutex> guard(shape_);
+    levels_.clear();
+    played_ = {};
+}
+
+void picture_source::interrupt(bool set)
+{
+    if (link_ != nullptr) {
+        link_->interrupt(set);
+    }
+}
+
+// The worker has gone: looks for another one as long as the time limit allows.
+bool picture_source::recover(const char* doing, stillimage_result result)
+{
+    if (result != STILLIMAGE_ERROR_NO_WORKER || link_->interrupted() ||
+        ++recoveries_ > most_recoveries) {
+        return tell_failure(doing, result);
+    }
+    GST_ELEMENT_WARNING(element_, RESOURCE, READ,
+                        ("The worker of \"%s\" has gone, looking for another one", name().c_str()),
+                        ("%s", link_->error().c_str()));
+    const gint64 end = g_get_monotonic_time() + gint64{settings_.timeout_ms} * 1000;
+    do {
+        const gint64 left_ms = std::max<gint64>(0, (end - g_get_monotonic_time()) / 1000);
+        result = link_->open_again(static_cast<int>(std::min<gint64>(left_ms, step_ms)));
+        if (result == STILLIMAGE_OK) {
+            shown_.reset();
+            prepared_ = false;
+            GST_ELEMENT_INFO(element_, RESOURCE, READ,
+                             ("Another worker serves \"%s\"", name().c_str()), (nullptr));
+            return prepare();
+        }
+        if (result != STILLIMAGE_ERROR_NO_WORKER && result != STILLIMAGE_ERROR_TIMEOUT) {
+            break;
+        }
+        g_usleep(pause_us);
+    } while (g_get_monotonic_time() < end && !link_->interrupted());
+    return tell_failure("go on with", result);
+}
+
+// --- the picture's shape -------------------------------------------------------------------------
+
+bool picture_source::take(uint64_t units, int width, int height, std::shared_ptr<held_frame>* frame)
+{
+    const stillimage_result result =
+        link_->get_frame(units, width, height, settings_.timeout_ms, frame);
+    return result == STILLIMAGE_OK || recover("get a frame of", result);
+}
+
+bool picture_source::prepare()
+{
+    if (prepared_) {
+        return true;
+    }
+    const stillimage_result result = link_->wait_ready();
+    if (result != STILLIMAGE_OK) {
+        return recover("wait for", result);
+    }
+    prepared_ = learn_sizes() && learn_timeline();
+    return prepared_;
+}
+
+// The smallest level tells how many there are.
+bool picture_source::learn_sizes()
+{
+    std::shared_ptr<held_frame> full;
+    std::shared_ptr<held_frame> least;
+    if (!take(0, 0, 0, &full) || !take(0, 1, 1, &least)) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> guard(shape_);
+    const stillimage_picture& picture = full->picture();
+    base_ = video_info_of(picture);
+    levels_.clear();
+    for (unsigned halved = 0; (UINT32_C(65536) >> halved) >= least->picture().scale_x; ++halved) {
+        const uint64_t round_up = (UINT64_C(1) << halved) - 1;
+        levels_.push_back({static_cast<int>((picture.width + round_up) >> halved),
+                           static_cast<int>((picture.height + round_up) >> halved)});
+    }
+    return true;
+}
+
+bool picture_source::learn_timeline()
+{
+    timeline played;
+    played.loops = settings_.loops;
+    std::string document;
+    const stillimage_result result = link_->get_status(settings_.timeout_ms, &document);
+    if (result != STILLIMAGE_OK) {
+        return recover("get the status of", result);
+    }
+    read_timeline(document, &played);
+    std::shared_ptr<held_frame> last;
+    if (!take(played.duration - 1, 1, 1, &last)) {
+        return false;
+    }
+    played.animated = last->picture().frame_number > 1;
+    const std::lock_guard<std::mutex> guard(shape_);
+    played_ = played;
+    return true;
+}
+
+GstCaps* picture_source::caps() const
+{
+    const std::lock_guard<std::mutex> guard(shape_);
+    if (levels_.empty()) {
+        return nullptr;
+    }
+    GstCaps* caps = gst_caps_new_empty();
+    for (const size& level : levels_) {
+        GstVideoInfo info = base_;
+        info.width = level.width;
+        info.height = level.height;
+        GstCaps* one = gst_video_info_to_caps(&info);
+        gst_caps_set_simple(one, "framerate", GST_TYPE_FRACTION_RANGE, 0, 1, G_MAXINT, 1, nullptr);
+        gst_caps_append(caps, one);
+    }
+    return caps;
+}
+
+// With an output size, the level that the worker would choose for it; otherwise the largest.
+void picture_source::choose_level(GstCaps* allowed, GstStructure** chosen)
+{
+    *chosen = gst_caps_get_structure(allowed, 0);
+    std::shared_ptr<held_frame> fitting;
+    if (settings_.wanted_width < 1 || settings_.wanted_height < 1 ||
+        !take(0, settings_.wanted_width, settings_.wanted_height, &fitting)) {
+        return;
+    }
+    for (guint i = 0; i < gst_caps_get_size(allowed); ++i) {
+        GstStructure* level = gst_caps_get_structure(allowed, i);
+        int width = 0;
+        int height = 0;
+        gst_structure_get_int(level, "width", &width);
+        gst_structure_get_int(level, "height", &height);
+        if (width == static_cast<int>(fitting->picture().width) &&
+            height == static_cast<int>(fitting->picture().height)) {
+            *chosen = level;
+        }
+    }
+}
+
+GstCaps* picture_source::fixate(GstCaps* allowed)
+{
+    GstStructure* chosen = nullptr;
+    choose_level(allowed, &chosen);
+    GstCaps* caps = gst_caps_new_full(gst_structure_copy(chosen), nullptr);
+    gst_caps_unref(allowed);
+    // An animation has its own times, a still is repeated.
+    gst_structure_fixate_field_nearest_fraction(gst_caps_get_structure(caps, 0), "framerate",
+                                                played_.animated ? 0 : still_rate, 1);
+    return gst_caps_fixate(caps);
+}
+
+// --- the stream ----------------------------------------------------------------------------------
+
+void picture_source::seek(GstClockTime to)
+{
+    position_ = to;
+    still_shown_ = false;
+    discontinuity_ = true;
+}
+
+GstClockTime picture_source::duration() const
+{
+    const std::lock_guard<std::mutex> guard(shape_);
+    return played_.animated && played_.loops >= 1 ? played_.time_of(played_.end())
+                                                  : GST_CLOCK_TIME_NONE;
+}
+
+bool picture_source::is_over() const
+{
+    if (!played_.animated) {
+        return still_shown_ && info_.fps_n == 0;
+    }
+    return played_.units_at(position_) >= played_.end();
+}
+
+// False when the frame could not be had.
+bool picture_source::same_frame(uint64_t units, uint64_t number)
+{
+    std::shared_ptr<held_frame> frame;
+    return take(units, 1, 1, &frame) && frame->picture().frame_number == number;
+}
+
+uint64_t picture_source::end_of_shown(uint64_t units)
+{
+    const uint64_t number = shown_->picture().frame_number;
+    const uint64_t end = end_of_frame(units, delay_, played_.duration, [&](uint64_t moment) {
+        return !link_->interrupted() && same_frame(moment, number);
+    });
+    delay_ = end - units;
+    return end;
+}
+
+// With a frame rate, the frame that is on at the start of each of its periods; without, each frame as
+// long as the timeline says.
+bool picture_source::next_moment(shown_moment* moment)
+{
+    moment->start = position_;
+    moment->end = GST_CLOCK_TIME_NONE;
+    if (info_.fps_n > 0) {
+        const auto rate = static_cast<guint64>(info_.fps_n);
+        const guint64 period = static_cast<guint64>(info_.fps_d) * GST_SECOND;
+        const guint64 count = gst_util_uint64_scale_round(position_, rate, period);
+        moment->start = gst_util_uint64_scale(count, period, rate);
+        moment->end = gst_util_uint64_scale(count + 1, period, rate);
+    }
+    const uint64_t units = played_.animated ? played_.units_at(moment->start) : 0;
+    moment->units = units % played_.duration;
+    if (!frame_at(moment->units, &shown_)) {
+        return false;
+    }
+    if (info_.fps_n == 0 && played_.animated) {
+        const uint64_t loop_start = units - moment->units;
+        moment->end = played_.time_of(loop_start + end_of_shown(moment->units));
+    }
+    return shown_ != nullptr;
+}
+
+bool picture_source::frame_at(uint64_t units, std::shared_ptr<held_frame>* frame)
+{
+    if (shown_ != nullptr && shown_units_ == units) {
+        return true;
+    }
+    std::shared_ptr<held_frame> taken;
+    if (!take(units, info_.width, info_.height, &taken)) {
+        return false;
+    }
+    shown_units_ = units;
+    *frame = std::move(taken);
+    return true;
+}
+
+// A new aspect ratio is that of frames taken from now on.
+bool picture_source::look_for_changes()
+{
+    bool metadata = false;
+    const stillimage_result result = link_->take_changes(&metadata);
+    if (metadata) {
+        shown_.reset();
+    }
+    return result == STILLIMAGE_OK || recover("follow", result);
+}
+
+GstFlowReturn picture_source::next(GstBuffer** buffer, bool* renegotiate)
+{
+    *renegotiate = false;
+    shown_moment moment = {};
+    if (!look_for_changes() || (!is_over() && !next_moment(&moment))) {
+        return link_->interrupted() ? GST_FLOW_FLUSHING : GST_FLOW_ERROR;
+    }
+    if (is_over()) {
+        return GST_FLOW_EOS;
+    }
+    if (!same_video(video_info_of(shown_->picture()), info_)) {
+        *renegotiate = true;
+        shown_.reset();
+        return learn_sizes() ? GST_FLOW_OK : GST_FLOW_ERROR;
+    }
+    *buffer = can_share(*shown_, video_meta_) ? share_frame(shown_) : copy_frame(*shown_, info_);
+    if (*buffer == nullptr) {
+        GST_ELEMENT_ERROR(element_, RESOURCE, NO_SPACE_LEFT,
+                          ("No memory for a frame of \"%s\"", name().c_str()), (nullptr));
+        return GST_FLOW_ERROR;
+    }
+    GST_BUFFER_PTS(*buffer) = moment.start;
+    GST_BUFFER_OFFSET(*buffer) = shown_->picture().frame_number - 1;
+    if (moment.end != GST_CLOCK_TIME_NONE) {
+        GST_BUFFER_DURATION(*buffer) = moment.end - moment.start;
+        position_ = moment.end;
+    }
+    if (discontinuity_) {
+        GST_BUFFER_FLAG_SET(*buffer, GST_BUFFER_FLAG_DISCONT);
+        discontinuity_ = false;
+    }
+    still_shown_ = true;
+    recoveries_ = 0;
+    return GST_FLOW_OK;
+}

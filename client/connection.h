@@ -96,6 +96,10 @@ void send_releases(stillimage_client& client);
 enum class document_progress { MORE, WHOLE, BROKEN };
 document_progress add_document_part(const received_packet& packet, std::string* document);
 
+// The whole status document.
+stillimage_result collect_status(stillimage_client& client, const deadline& until,
+                                 std::string* document);
+
 // Maps the buffer whose descriptor came along with `frame`, if one did. STILLIMAGE_OK when the
 // connection has a mapping that holds the frame's area.
 stillimage_result keep_area(stillimage_client& client, const received_packet& packet,

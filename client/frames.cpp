@@ -92,6 +92,36 @@ stillimage_result read_frame(stillimage_client& client, const comm_protocol::fra
     return STILLIMAGE_OK;
 }
 
+// The reason for giving it back stays the connection's last error.
+stillimage_result give_back(stillimage_client& client, const comm_protocol::frame& message,
+                            stillimage_result result)
+{
+    const std::string reason = client.last_error;
+    release_reference(client, message.reference);
+    return fail(client, result, reason);
+}
+
+// Asks for a frame and takes the buffer over that may come along.
+stillimage_result ask_frame(stillimage_client& client, const comm_protocol::get_frame& wanted,
+                            const deadline& until, comm_protocol::frame* message)
+{
+    received_packet answer;
+    const auto request = comm_protocol::encode(++client.last_request, wanted);
+    const uint64_t number = client.last_request;
+    stillimage_result result = ask(client, request, comm_protocol::FRAME, until, &answer);
+    if (result == STILLIMAGE_ERROR_TIMEOUT) {
+        client.abandoned_frames.insert(number);
+    }
+    if (result != STILLIMAGE_OK) {
+        return result;
+    }
+    if (!comm_protocol::decode(answer.body, answer.size, message)) {
+        return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent a malformed frame");
+    }
+    result = keep_area(client, answer, *message);
+    return result == STILLIMAGE_OK ? result : give_back(client, *message, result);
+}
+
 } // namespace
 
 stillimage_result keep_area(stillimage_client& client, const received_packet& packet,
@@ -130,32 +160,31 @@ stillimage_result set_output_size(stillimage_client& client, int32_t wanted_widt
     return result;
 }
 
+stillimage_result find_frame_number(stillimage_client& client, uint64_t moment,
+                                    const deadline& until, uint64_t* number)
+{
+    comm_protocol::frame message;
+    const comm_protocol::get_frame wanted = {moment, comm_protocol::get_frame_wait};
+    const stillimage_result result = ask_frame(client, wanted, until, &message);
+    if (result == STILLIMAGE_OK) {
+        *number = message.frame_number;
+        release_reference(client, message.reference);
+    }
+    return result;
+}
+
 stillimage_result get_frame(stillimage_client& client, const comm_protocol::get_frame& wanted,
                             const deadline& until, std::unique_ptr<stillimage_frame>* frame)
 {
     auto taken = std::make_unique<stillimage_frame>();
-    received_packet answer;
-    const auto request = comm_protocol::encode(++client.last_request, wanted);
-    const uint64_t number = client.last_request;
-    stillimage_result result = ask(client, request, comm_protocol::FRAME, until, &answer);
-    if (result == STILLIMAGE_ERROR_TIMEOUT) {
-        client.abandoned_frames.insert(number);
-    }
+    comm_protocol::frame message;
+    stillimage_result result = ask_frame(client, wanted, until, &message);
     if (result != STILLIMAGE_OK) {
         return result;
     }
-    comm_protocol::frame message;
-    if (!comm_protocol::decode(answer.body, answer.size, &message)) {
-        return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent a malformed frame");
-    }
-    result = keep_area(client, answer, message);
-    if (result == STILLIMAGE_OK) {
-        result = read_frame(client, message, until, *taken);
-    }
+    result = read_frame(client, message, until, *taken);
     if (result != STILLIMAGE_OK) {
-        const std::string reason = client.last_error;
-        release_reference(client, message.reference);
-        return fail(client, result, reason);
+        return give_back(client, message, result);
     }
     taken->reference = message.reference;
     taken->owner = &client;

@@ -204,3 +204,24 @@ stillimage_result subscribe(stillimage_client& client, uint32_t mask, const dead
     }
     return result;
 }
+
+stillimage_result collect_status(stillimage_client& client, const deadline& until,
+                                 std::string* document)
+{
+    received_packet answer;
+    const auto request =
+        comm_protocol::encode_empty(++client.last_request, comm_protocol::GET_STATUS);
+    const uint64_t number = client.last_request;
+    stillimage_result result = ask(client, request, comm_protocol::STATUS, until, &answer);
+    while (result == STILLIMAGE_OK) {
+        switch (add_document_part(answer, document)) {
+        case document_progress::WHOLE:
+            return STILLIMAGE_OK;
+        case document_progress::BROKEN:
+            return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent a broken document");
+        case document_progress::MORE:
+            result = await_answer(client, number, comm_protocol::STATUS, until, &answer);
+        }
+    }
+    return result;
+}

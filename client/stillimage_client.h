@@ -219,6 +219,33 @@ stillimage_frame_descriptor(const stillimage_frame* frame);
 /* Gives the frame back. Null is fine; so is a frame whose connection was closed. */
 STILLIMAGE_API void stillimage_frame_release(stillimage_frame* frame);
 
+/* --- timeline --------------------------------------------------------------------------------- */
+
+/* One frame on the timeline. Times are in units of the time scale, `duration` is at least 1. */
+typedef struct stillimage_timeline_entry {
+    uint64_t start;
+    uint64_t duration;
+    uint64_t frame_number; /* 1 for the first */
+} stillimage_timeline_entry;
+
+/* `scale_numerator` / `scale_denominator` units are a second; both are at least 1. */
+typedef struct stillimage_timeline {
+    uint32_t scale_numerator;
+    uint32_t scale_denominator;
+    uint64_t duration;                        /* of all, at least 1 */
+    size_t count;                             /* of the entries, at least 1 */
+    const stillimage_timeline_entry* entries; /* in the order shown, without gaps */
+} stillimage_timeline;
+
+/* Finds out when which frame is shown. Waits until the picture is ready. Frames that are never shown
+ * are left out; a still picture has one entry. The worker is asked about three times a frame, some
+ * ten thousand times a second. More than 100,000 frames are STILLIMAGE_ERROR_LIMIT. *timeline is null
+ * after a failure, else to be given to stillimage_timeline_free; it does not need the connection. */
+STILLIMAGE_API stillimage_result stillimage_get_timeline(stillimage_client* client, int timeout_ms,
+                                                         const stillimage_timeline** timeline);
+STILLIMAGE_API void
+stillimage_timeline_free(const stillimage_timeline* timeline); /* null is fine */
+
 /* --- status, metadata, exit ---------------------------------------------------------------------
  */
 

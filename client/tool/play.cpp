@@ -10,6 +10,7 @@
 namespace {
 
 constexpr int answer_ms = 5000;
+constexpr int walk_ms = 60'000; // through the whole timeline
 constexpr rate still_rate = {25, 1};
 
 const stillimage_picture& picture_of(const held_frame& frame)
@@ -86,18 +87,17 @@ private:
         return STATUS_DONE;
     }
 
+    // An animation of too many frames is sampled as finely as the stream may.
     exit_status find_rate()
     {
-        exit_status status = STATUS_DONE;
-        const uint64_t delay = common_delay(timeline_.duration, [&](uint64_t moment) -> uint64_t {
-            held_frame frame;
-            if (status == STATUS_DONE) {
-                status = take(moment, &frame);
-            }
-            return frame == nullptr ? 0 : picture_of(frame).frame_number;
-        });
-        rate_ = frame_rate_for(timeline_, delay);
-        return status;
+        const stillimage_timeline* shown = nullptr;
+        const stillimage_result result = stillimage_get_timeline(worker_.client(), walk_ms, &shown);
+        if (result != STILLIMAGE_OK && result != STILLIMAGE_ERROR_LIMIT) {
+            return worker_.failed("get a frame", result);
+        }
+        rate_ = frame_rate_for(timeline_, shown != nullptr ? common_delay(*shown) : 1);
+        stillimage_timeline_free(shown);
+        return STATUS_DONE;
     }
 
     exit_status send_frames()

@@ -2,7 +2,8 @@
 # shellcheck shell=bash
 
 # What the build and its tests need, as "package probe". A probe asks for the thing, not for the
-# package, so a machine that has it from elsewhere is fine: "tool NAME" or "header NAME".
+# package, so a machine that has it from elsewhere is fine: "tool NAME", "header NAME", "module NAME"
+# (of pkg-config) or "element NAME" (of GStreamer).
 build_requirements() {
     cat <<'LIST'
 g++ tool g++
@@ -21,6 +22,17 @@ libgmock-dev header gmock/gmock.h
 libbenchmark-dev header benchmark/benchmark.h
 libcli11-dev header CLI/CLI.hpp
 ffmpeg tool ffmpeg
+LIST
+}
+
+# What the GStreamer plugin and its tests need. CMake builds without the plugin where they are missing.
+gstreamer_requirements() {
+    cat <<'LIST'
+libgstreamer1.0-dev module gstreamer-base-1.0
+libgstreamer-plugins-base1.0-dev module gstreamer-video-1.0
+gstreamer1.0-tools tool gst-inspect-1.0
+gstreamer1.0-plugins-base element videoconvert
+gstreamer1.0-plugins-good element rtpvrawpay
 LIST
 }
 
@@ -53,6 +65,8 @@ probe() {
         tool) command -v "$2" >/dev/null ;;
         header) has_header "$2" ;;
         clang-library) has_clang_library "$2" ;;
+        module) pkg-config --exists "$2" 2>/dev/null ;;
+        element) gst-inspect-1.0 --exists "$2" >/dev/null 2>&1 ;;
         *) fail "unknown probe '$1' in the list of packages" ;;
     esac
 }

@@ -21,6 +21,8 @@ libgtest-dev header gtest/gtest.h
 libgmock-dev header gmock/gmock.h
 libbenchmark-dev header benchmark/benchmark.h
 libcli11-dev header CLI/CLI.hpp
+systemd tool systemd-analyze
+groff-base tool groff
 ffmpeg tool ffmpeg
 LIST
 }
@@ -46,6 +48,16 @@ libclang-rt-14-dev clang-library libclang_rt.fuzzer
 llvm tool llvm-symbolizer
 shellcheck tool shellcheck
 binutils tool nm
+mandoc tool mandoc
+lintian tool lintian
+LIST
+}
+
+# What scripts/package needs beyond the build.
+package_requirements() {
+    cat <<'LIST'
+dpkg-dev tool dpkg-shlibdeps
+file tool file
 LIST
 }
 

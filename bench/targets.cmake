@@ -7,6 +7,7 @@ add_benchmark(pyramid_bench pyramid_bench.cpp LIBRARIES stillimage_framebuffer s
 add_benchmark(first_touch_bench first_touch_bench.cpp LIBRARIES platform_cnb)
 add_benchmark(access_cache_bench access_cache_bench.cpp LIBRARIES platform_cnb)
 add_benchmark(rescale_bench rescale_bench.cpp LIBRARIES stillimage_decode)
+add_benchmark(pump_gap pump_gap.cpp LIBRARIES stillimage_client test_files)
 add_benchmark(colour_bench colour_bench.cpp LIBRARIES stillimage_decode)
 
 # The worker against the codec library alone. bench/floor/setup builds the plain JPEG library first.

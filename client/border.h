@@ -26,3 +26,14 @@ stillimage_result at_border(stillimage_client* client, Work work) noexcept
         return STILLIMAGE_ERROR_SYSTEM;
     }
 }
+
+// The same for calls without a connection.
+template <typename Work>
+stillimage_result at_border(Work work) noexcept
+{
+    try {
+        return work();
+    } catch (const std::exception&) {
+        return STILLIMAGE_ERROR_SYSTEM;
+    }
+}

@@ -239,12 +239,96 @@ typedef struct stillimage_timeline {
 
 /* Finds out when which frame is shown. Waits until the picture is ready. Frames that are never shown
  * are left out; a still picture has one entry. The worker is asked about three times a frame, some
- * ten thousand times a second. More than 100,000 frames are STILLIMAGE_ERROR_LIMIT. *timeline is null
+ * ten thousand times a second. More than 20,000 frames are STILLIMAGE_ERROR_LIMIT. *timeline is null
  * after a failure, else to be given to stillimage_timeline_free; it does not need the connection. */
 STILLIMAGE_API stillimage_result stillimage_get_timeline(stillimage_client* client, int timeout_ms,
                                                          const stillimage_timeline** timeline);
 STILLIMAGE_API void
 stillimage_timeline_free(const stillimage_timeline* timeline); /* null is fine */
+
+/* --- conversions --------------------------------------------------------------------------------
+ *
+ * Of pictures at hand, into memory of the caller unless it says otherwise. They need no connection
+ * and may run in any thread while the frame is held. The picture may also be one that the caller has
+ * put together: a size, a Y plane that holds it, both chroma planes or none. STILLIMAGE_ERROR_ARGUMENT
+ * is a picture that is not like this, and whatever else makes no sense. */
+
+/* Packed 8-bit pixels, full range, by the BT.601 matrix; alpha is straight. */
+enum {
+    STILLIMAGE_RGB24 = 1, /* bytes R G B; alpha is left out */
+    STILLIMAGE_RGBA32 = 2 /* bytes R G B A; A is 255 when the picture has none */
+};
+
+/* Writes the picture as width x height pixels; `stride` bytes from row to row, at least 3 or 4 times
+ * the width; bytes behind a row are left as they are. At the picture's own size each chroma sample
+ * stands for all pixels that share it, and every colour is exact to the nearest. Any other size is
+ * reached by the mean of what a pixel covers where there are fewer, linear between neighbours where
+ * there are more, along each axis on its own; colour counts as much as its alpha. So ask
+ * stillimage_get_frame for about this size first: the level that fits saves most of the work. */
+STILLIMAGE_API stillimage_result stillimage_picture_to_pixels(const stillimage_picture* picture,
+                                                              uint32_t format, uint32_t width,
+                                                              uint32_t height, uint8_t* pixels,
+                                                              size_t stride);
+
+/* Makes a PNG file of the picture at its own size, RGBA when it has alpha, else RGB. *file, to be
+ * freed by stillimage_free, is null after a failure. STILLIMAGE_ERROR_SYSTEM: out of memory. */
+STILLIMAGE_API stillimage_result stillimage_picture_to_png(const stillimage_picture* picture,
+                                                           uint8_t** file, size_t* size);
+
+/* Writes the same file to a descriptor, row by row. It has no time limit: it waits as long as the
+ * descriptor makes it, also a non-blocking one. STILLIMAGE_ERROR_SYSTEM with errno set when it cannot
+ * be written; SIGPIPE is not raised. What was written before that stays. */
+STILLIMAGE_API stillimage_result stillimage_picture_write_png(const stillimage_picture* picture,
+                                                              int descriptor);
+
+/* Makes a PNG file of packed pixels, such as stillimage_picture_to_pixels has made. */
+STILLIMAGE_API stillimage_result stillimage_pixels_to_png(uint32_t format, uint32_t width,
+                                                          uint32_t height, const uint8_t* pixels,
+                                                          size_t stride, uint8_t** file,
+                                                          size_t* size);
+
+/* Kinds of YUV4MPEG2 streams, all of limited range. 4:2:0 chroma lies between the pixels. */
+enum {
+    STILLIMAGE_Y4M_MONO = 1,
+    STILLIMAGE_Y4M_420 = 2,
+    STILLIMAGE_Y4M_422 = 3,
+    STILLIMAGE_Y4M_444 = 4,
+    STILLIMAGE_Y4M_444_ALPHA = 5
+};
+
+/* What all frames of one stream have in common. */
+typedef struct stillimage_y4m_stream {
+    uint32_t width;
+    uint32_t height;
+    uint32_t kind; /* STILLIMAGE_Y4M_* */
+} stillimage_y4m_stream;
+
+/* The stream that holds the picture as it is; 4:4:4 by repeated chroma when it has alpha or a
+ * subsampling that the format does not know. */
+STILLIMAGE_API stillimage_result stillimage_y4m_stream_of(const stillimage_picture* picture,
+                                                          stillimage_y4m_stream* stream);
+
+/* 1 when the picture can be a frame of the stream, else 0. In one with alpha any picture of the size
+ * can, opaque if need be. */
+STILLIMAGE_API int stillimage_y4m_fits(const stillimage_picture* picture,
+                                       const stillimage_y4m_stream* stream);
+
+/* Writes the stream's first line, NUL-terminated: its rate in frames a second, and the aspect ratio of
+ * the picture. 256 bytes always suffice; a buffer that does not is STILLIMAGE_ERROR_ARGUMENT. */
+STILLIMAGE_API stillimage_result stillimage_y4m_header(const stillimage_picture* picture,
+                                                       const stillimage_y4m_stream* stream,
+                                                       uint32_t rate_numerator,
+                                                       uint32_t rate_denominator, char* buffer,
+                                                       size_t size);
+
+/* Bytes of each frame with its "FRAME" line; 0 for a stream that is none. */
+STILLIMAGE_API size_t stillimage_y4m_frame_size(const stillimage_y4m_stream* stream);
+
+/* Writes a frame into `size` bytes, which have to hold stillimage_y4m_frame_size. A picture that does
+ * not fit is STILLIMAGE_ERROR_ARGUMENT. */
+STILLIMAGE_API stillimage_result stillimage_y4m_frame(const stillimage_picture* picture,
+                                                      const stillimage_y4m_stream* stream,
+                                                      uint8_t* buffer, size_t size);
 
 /* --- status, metadata, exit ---------------------------------------------------------------------
  */

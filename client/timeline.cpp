@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr size_t most_entries = 100'000;
+constexpr size_t most_entries = 20'000;
 
 // Finds where frames end. `shown_` is what is shown at `low_`; the end lies at `high_` or before it.
 class end_search {

@@ -1,28 +1,32 @@
 #include "client/tool/picture_files.h"
 
-#include <png.h>
+namespace {
+
+std::string taken_over(uint8_t* file, size_t size)
+{
+    std::string result(reinterpret_cast<const char*>(file), size);
+    stillimage_free(file);
+    return result;
+}
+
+} // namespace
 
 std::string png_file(const stillimage_picture& picture)
 {
-    return png_file(to_rgb(picture, true));
+    uint8_t* file = nullptr;
+    size_t size = 0;
+    stillimage_picture_to_png(&picture, &file, &size);
+    return taken_over(file, size);
 }
 
 std::string png_file(const rgb_picture& rgb)
 {
-    png_image image = {};
-    image.version = PNG_IMAGE_VERSION;
-    image.width = rgb.width;
-    image.height = rgb.height;
-    image.format = rgb.channels == 4 ? PNG_FORMAT_RGBA : PNG_FORMAT_RGB;
-    image.flags = PNG_IMAGE_FLAG_FAST;
-    png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(image);
-    std::string file(size, '\0');
-    if (png_image_write_to_memory(&image, file.data(), &size, 0, rgb.samples.data(), 0, nullptr) ==
-        0) {
-        return {};
-    }
-    file.resize(size);
-    return file;
+    uint8_t* file = nullptr;
+    size_t size = 0;
+    stillimage_pixels_to_png(rgb.channels == 4 ? STILLIMAGE_RGBA32 : STILLIMAGE_RGB24, rgb.width,
+                             rgb.height, rgb.samples.data(), size_t{rgb.width} * rgb.channels,
+                             &file, &size);
+    return taken_over(file, size);
 }
 
 std::string ppm_file(const stillimage_picture& picture)

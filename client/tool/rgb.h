@@ -13,6 +13,5 @@ struct rgb_picture {
     std::vector<uint8_t> samples; // width x height x channels
 };
 
-// BT.601, limited to full range, to the nearest; each chroma sample stands for all the pixels that
-// share it. Alpha is kept when `keep_alpha` and the picture has any.
+// At the picture's own size. Alpha is kept when `keep_alpha` and the picture has any.
 rgb_picture to_rgb(const stillimage_picture& picture, bool keep_alpha);

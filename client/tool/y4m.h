@@ -1,22 +1,12 @@
-// Served pictures as YUV4MPEG2: limited range, in mono, 4:2:0, 4:2:2, 4:4:4 or 4:4:4 with alpha. Any
-// other subsampling, and whatever has alpha, becomes 4:4:4 by repeated chroma. Chroma of 4:2:0 lies
-// between the pixels, as JPEG and WebP have it ("C420jpeg").
+// Served pictures as YUV4MPEG2, in strings.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "client/stillimage_client.h"
 #include "client/tool/rate.h"
 
-struct y4m_kind;
-
-// What all the frames of one stream have in common.
-struct y4m_shape {
-    uint32_t width = 0;
-    uint32_t height = 0;
-    const y4m_kind* kind = nullptr; // never null in a shape made here
-};
+using y4m_shape = stillimage_y4m_stream;
 
 y4m_shape y4m_shape_of(const stillimage_picture& picture);
 

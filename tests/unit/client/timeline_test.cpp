@@ -236,10 +236,10 @@ TEST(ClientTimeline, FrameWithoutNumberBreaksTheProtocol)
 TEST(ClientTimeline, MoreFramesThanTheLimitAreRefused)
 {
     std::string error;
-    EXPECT_EQ(result_for(R"({"item": {"time duration": 100001}})",
+    EXPECT_EQ(result_for(R"({"item": {"time duration": 20001}})",
                          [](uint64_t moment) { return moment + 1; }, &error),
               STILLIMAGE_ERROR_LIMIT);
-    EXPECT_EQ(error, "the timeline has more than 100000 frames");
+    EXPECT_EQ(error, "the timeline has more than 20000 frames");
 }
 
 TEST(ClientTimeline, TimeLimitAndBadArguments)

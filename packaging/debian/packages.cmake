@@ -68,7 +68,7 @@ This package holds the shared library.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libstillimage-client-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-    "libstillimage-client1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+    "libstillimage-client1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), libpng-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
 "development files of the stillimage client library
 Connects to a worker and gives its frames as planes in shared memory, without

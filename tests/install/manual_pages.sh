@@ -51,7 +51,7 @@ mapfile -t switches < <(grep -o -- '--[a-z][a-z-]*' <<<"$help" | sort -u)
 expect_words stillimage-client.1 switch "${switches[@]}"
 
 # Functions of the public header, of which types are no part.
-mapfile -t functions < <(grep -o '\bstillimage_[a-z_]*(' "$SOURCE_DIR/client/stillimage_client.h" \
+mapfile -t functions < <(grep -o '\bstillimage_[a-z0-9_]*(' "$SOURCE_DIR/client/stillimage_client.h" \
     | tr -d '(' | sort -u)
 expect_words stillimage_client.3 function "${functions[@]}"
 

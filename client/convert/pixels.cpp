@@ -6,6 +6,7 @@
 
 #include "client/border.h"
 #include "client/convert/axis_filter.h"
+#include "client/convert/for_each_processor.h"
 #include "client/convert/picture_check.h"
 #include "client/convert/pixel_format.h"
 #include "client/convert/rgb_rows.h"
@@ -16,6 +17,7 @@ constexpr size_t parts = 4; // of a pixel: red, green, blue, alpha
 constexpr float whole = 255;
 
 // Colour times alpha; alpha itself stays.
+FOR_EACH_PROCESSOR
 void weight_by_alpha(const uint8_t* rgba, size_t width, float* __restrict to)
 {
     for (size_t x = 0; x < width; ++x) {
@@ -27,7 +29,8 @@ void weight_by_alpha(const uint8_t* rgba, size_t width, float* __restrict to)
     }
 }
 
-void add_weighted(const float* row, float weight, size_t count, float* __restrict sum)
+FOR_EACH_PROCESSOR
+void add_row(const float* row, float weight, size_t count, float* __restrict sum)
 {
     for (size_t i = 0; i < count; ++i) {
         sum[i] += row[i] * weight;
@@ -40,6 +43,7 @@ uint8_t to_byte(float value)
 }
 
 // Back to straight alpha. Where nothing can be seen it is black.
+FOR_EACH_PROCESSOR
 void put_pixels(const float* row, size_t width, uint32_t channels, uint8_t* __restrict to)
 {
     for (size_t x = 0; x < width; ++x, to += channels) {
@@ -72,7 +76,7 @@ public:
         const float* weights = down_.weights(range);
         std::fill(sum_.begin(), sum_.end(), 0.0F);
         for (uint32_t i = 0; i < range.count; ++i) {
-            add_weighted(row(range.first + i), weights[i], sum_.size(), sum_.data());
+            add_row(row(range.first + i), weights[i], sum_.size(), sum_.data());
         }
         put_pixels(sum_.data(), width_, channels, to);
     }
@@ -104,7 +108,9 @@ private:
             const float* from = source_.data() + parts * size_t{range.first};
             float sum[parts] = {};
             for (uint32_t i = 0; i < range.count; ++i) {
-                add_weighted(from + parts * i, weights[i], parts, sum);
+                for (size_t c = 0; c < parts; ++c) {
+                    sum[c] += from[parts * i + c] * weights[i];
+                }
             }
             std::copy_n(sum, parts, to);
         }

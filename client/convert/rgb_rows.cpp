@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "client/convert/for_each_processor.h"
+
 namespace {
 
 constexpr int half = 1 << 15;
@@ -23,6 +25,7 @@ uint8_t to_byte(int fixed)
     return static_cast<uint8_t>(std::clamp((fixed + half) >> 16, 0, 255));
 }
 
+FOR_EACH_PROCESSOR
 void convert_row(const uint8_t* Y, const uint8_t* U, const uint8_t* V, size_t width,
                  uint8_t* __restrict red, uint8_t* __restrict green, uint8_t* __restrict blue)
 {
@@ -36,8 +39,9 @@ void convert_row(const uint8_t* Y, const uint8_t* U, const uint8_t* V, size_t wi
     }
 }
 
-void interleave(const uint8_t* red, const uint8_t* green, const uint8_t* blue, size_t width,
-                uint8_t* __restrict to)
+FOR_EACH_PROCESSOR
+void put_rgb(const uint8_t* red, const uint8_t* green, const uint8_t* blue, size_t width,
+             uint8_t* __restrict to)
 {
     for (size_t x = 0; x < width; ++x) {
         to[3 * x] = red[x];
@@ -46,15 +50,15 @@ void interleave(const uint8_t* red, const uint8_t* green, const uint8_t* blue, s
     }
 }
 
-// Opaque when `alpha` is null.
-void interleave(const uint8_t* red, const uint8_t* green, const uint8_t* blue, const uint8_t* alpha,
-                size_t width, uint8_t* __restrict to)
+FOR_EACH_PROCESSOR
+void put_rgba(const uint8_t* red, const uint8_t* green, const uint8_t* blue, const uint8_t* alpha,
+              size_t width, uint8_t* __restrict to)
 {
     for (size_t x = 0; x < width; ++x) {
         to[4 * x] = red[x];
         to[4 * x + 1] = green[x];
         to[4 * x + 2] = blue[x];
-        to[4 * x + 3] = alpha == nullptr ? opaque : alpha[x];
+        to[4 * x + 3] = alpha[x];
     }
 }
 
@@ -71,7 +75,8 @@ const uint8_t* row_of(const stillimage_picture& picture, int plane, uint32_t row
 
 rgb_rows::rgb_rows(const stillimage_picture& picture)
     : picture_(picture), u_(picture.width, no_colour), v_(picture.width, no_colour),
-      red_(picture.width), green_(picture.width), blue_(picture.width)
+      red_(picture.width), green_(picture.width), blue_(picture.width),
+      opaque_(picture.plane[STILLIMAGE_A] == nullptr ? picture.width : 0, opaque)
 {
 }
 
@@ -103,9 +108,10 @@ void rgb_rows::put(uint32_t row, uint32_t channels, uint8_t* to)
     convert_row(row_of(picture_, STILLIMAGE_Y, row), chroma_row(STILLIMAGE_U, row, u_),
                 chroma_row(STILLIMAGE_V, row, v_), width, red_.data(), green_.data(), blue_.data());
     if (channels == 3) {
-        interleave(red_.data(), green_.data(), blue_.data(), width, to);
+        put_rgb(red_.data(), green_.data(), blue_.data(), width, to);
     } else {
-        interleave(red_.data(), green_.data(), blue_.data(), row_of(picture_, STILLIMAGE_A, row),
-                   width, to);
+        const uint8_t* alpha = row_of(picture_, STILLIMAGE_A, row);
+        put_rgba(red_.data(), green_.data(), blue_.data(),
+                 alpha == nullptr ? opaque_.data() : alpha, width, to);
     }
 }

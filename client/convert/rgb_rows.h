@@ -26,4 +26,5 @@ private:
     std::vector<uint8_t> red_;
     std::vector<uint8_t> green_;
     std::vector<uint8_t> blue_;
+    std::vector<uint8_t> opaque_; // a row of alpha for a picture without
 };

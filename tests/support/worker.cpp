@@ -185,12 +185,26 @@ worker::~worker()
     }
 }
 
+bool worker::is_running() const
+{
+    siginfo_t ended = {};
+    return end_ == no_end &&
+           waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           ended.si_pid == 0;
+}
+
 bool worker::wait_ready(int timeout_ms) const
 {
-    stillimage_client* client = nullptr;
-    const bool ready = stillimage_connect(socket_.c_str(), timeout_ms, &client) == STILLIMAGE_OK &&
-                       stillimage_wait_ready(client, 0, timeout_ms) == STILLIMAGE_OK;
-    stillimage_close(client);
+    // The library waits a few seconds at most for a worker that is starting.
+    constexpr int connect_ms = 5'000;
+    bool connected = false;
+    bool ready = false;
+    for (int waited = 0; waited < timeout_ms && !connected && is_running(); waited += connect_ms) {
+        stillimage_client* client = nullptr;
+        connected = stillimage_connect(socket_.c_str(), timeout_ms, &client) == STILLIMAGE_OK;
+        ready = connected && stillimage_wait_ready(client, 0, timeout_ms) == STILLIMAGE_OK;
+        stillimage_close(client);
+    }
     return ready;
 }
 

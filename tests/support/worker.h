@@ -49,6 +49,7 @@ public:
     pid_t pid() const { return pid_; }
     const std::string& socket() const { return socket_; }
 
+    bool is_running() const;
     bool wait_ready(int timeout_ms = 30'000) const; // by its socket
     bool wait_printed(std::string_view text, int timeout_ms = 30'000) const;
 

@@ -1,4 +1,5 @@
 // Connections by picture, with the real worker and with programs that are none.
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -360,10 +361,10 @@ TEST_F(OpenPicture, ReconnectionRenewsTheSubscription)
 
 TEST_F(OpenPicture, ReconnectionToASocketGoesToTheSamePath)
 {
-    int greeted = 0;
+    std::atomic<int> greeted = 0;
     const fake_worker fake([&](fake_peer& peer) {
-        peer.greet();
         ++greeted;
+        peer.greet();
         peer.await_end();
     });
     const opened connection(fake.path());

@@ -51,11 +51,16 @@ void let_go(gpointer holder)
     delete static_cast<std::shared_ptr<held_frame>*>(holder);
 }
 
+uint8_t value_of_absent(int plane)
+{
+    return plane == STILLIMAGE_A ? 255 : 128;
+}
+
 // The sample of a plane at a place of the full picture; chroma that is missing repeats its neighbour.
 uint8_t sample(const stillimage_picture& picture, int plane, uint32_t x, uint32_t y)
 {
     if (picture.plane[plane] == nullptr) {
-        return 128;
+        return value_of_absent(plane);
     }
     const bool chroma = plane == STILLIMAGE_U || plane == STILLIMAGE_V;
     const uint32_t column = chroma ? x >> picture.chroma_x_shift : x;
@@ -110,18 +115,21 @@ void pack_planes(const stillimage_picture& picture, GstVideoFrame& out)
     }
 }
 
-bool same_subsampling(const stillimage_picture& picture, const GstVideoInfo& info, int plane)
+// Whether the plane is there, and its samples lie where the format has them.
+bool is_alike(const stillimage_picture& picture, const GstVideoInfo& info, int plane)
 {
     const auto component = static_cast<guint>(plane);
-    return plane == STILLIMAGE_Y || plane == STILLIMAGE_A ||
-           (GST_VIDEO_FORMAT_INFO_W_SUB(info.finfo, component) == picture.chroma_x_shift &&
-            GST_VIDEO_FORMAT_INFO_H_SUB(info.finfo, component) == picture.chroma_y_shift);
+    const bool chroma = plane == STILLIMAGE_U || plane == STILLIMAGE_V;
+    return picture.plane[plane] != nullptr &&
+           (!chroma ||
+            (GST_VIDEO_FORMAT_INFO_W_SUB(info.finfo, component) == picture.chroma_x_shift &&
+             GST_VIDEO_FORMAT_INFO_H_SUB(info.finfo, component) == picture.chroma_y_shift));
 }
 
 void copy_planes(const stillimage_picture& picture, GstVideoFrame& out)
 {
     for (int plane = 0; plane < static_cast<int>(GST_VIDEO_FRAME_N_PLANES(&out)); ++plane) {
-        if (same_subsampling(picture, out.info, plane)) {
+        if (is_alike(picture, out.info, plane)) {
             copy_plane(picture, plane, out);
         } else {
             repeat_plane(picture, plane, out);
@@ -131,18 +139,17 @@ void copy_planes(const stillimage_picture& picture, GstVideoFrame& out)
 
 } // namespace
 
-bool can_share(const held_frame& frame, bool video_meta)
+bool can_share(const held_frame& frame, const GstVideoInfo& info, bool video_meta)
 {
     const stillimage_picture& picture = frame.picture();
-    return format_of(picture).layout == plane_layout::SHARED &&
-           (video_meta || is_default_layout(span_of(picture), video_info_of(picture)));
+    return format_of(picture, GST_VIDEO_INFO_HAS_ALPHA(&info)).layout == plane_layout::SHARED &&
+           (video_meta || is_default_layout(span_of(picture), info));
 }
 
-GstBuffer* share_frame(const std::shared_ptr<held_frame>& frame)
+GstBuffer* share_frame(const std::shared_ptr<held_frame>& frame, const GstVideoInfo& info)
 {
     const stillimage_picture& picture = frame->picture();
     plane_span span = span_of(picture); // the meta is not told that it may not write
-    const GstVideoInfo info = video_info_of(picture);
     const bool by_itself = is_default_layout(span, info);
     // The flag keeps everybody from writing there.
     GstBuffer* buffer = gst_buffer_new_wrapped_full(
@@ -166,7 +173,7 @@ GstBuffer* copy_frame(const held_frame& frame, const GstVideoInfo& info)
         gst_buffer_unref(buffer);
         return nullptr;
     }
-    if (format_of(frame.picture()).layout == plane_layout::PACKED) {
+    if (GST_VIDEO_INFO_FORMAT(&info) == GST_VIDEO_FORMAT_AYUV) {
         pack_planes(frame.picture(), out);
     } else {
         copy_planes(frame.picture(), out);

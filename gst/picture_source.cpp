@@ -125,7 +125,7 @@ bool picture_source::prepare()
     if (result != STILLIMAGE_OK) {
         return recover("wait for", result);
     }
-    prepared_ = learn_sizes() && learn_timeline();
+    prepared_ = learn_timeline() && learn_sizes();
     return prepared_;
 }
 
@@ -139,7 +139,7 @@ bool picture_source::learn_sizes()
     }
     const std::lock_guard<std::mutex> guard(shape_);
     const stillimage_picture& picture = full->picture();
-    base_ = video_info_of(picture);
+    base_ = video_info_of(picture, alpha_);
     levels_.clear();
     for (unsigned halved = 0; (UINT32_C(65536) >> halved) >= least->picture().scale_x; ++halved) {
         const uint64_t round_up = (UINT64_C(1) << halved) - 1;
@@ -164,6 +164,8 @@ bool picture_source::learn_timeline()
         return false;
     }
     played.animated = last->picture().frame_number > 1;
+    // Of all frames or of all but the first.
+    alpha_ = last->picture().plane[STILLIMAGE_A] != nullptr;
     const std::lock_guard<std::mutex> guard(shape_);
     played_ = played;
     return true;
@@ -322,12 +324,13 @@ GstFlowReturn picture_source::next(GstBuffer** buffer, bool* renegotiate)
     if (is_over()) {
         return GST_FLOW_EOS;
     }
-    if (!same_video(video_info_of(shown_->picture()), info_)) {
+    if (!same_video(video_info_of(shown_->picture(), alpha_), info_)) {
         *renegotiate = true;
         shown_.reset();
         return learn_sizes() ? GST_FLOW_OK : GST_FLOW_ERROR;
     }
-    *buffer = can_share(*shown_, video_meta_) ? share_frame(shown_) : copy_frame(*shown_, info_);
+    *buffer = can_share(*shown_, info_, video_meta_) ? share_frame(shown_, info_)
+                                                     : copy_frame(*shown_, info_);
     if (*buffer == nullptr) {
         GST_ELEMENT_ERROR(element_, RESOURCE, NO_SPACE_LEFT,
                           ("No memory for a frame of \"%s\"", name().c_str()), (nullptr));

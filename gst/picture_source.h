@@ -84,6 +84,7 @@ private:
     std::vector<size> levels_; // full size first
     timeline played_;
 
+    bool alpha_ = false;     // the stream has it
     GstVideoInfo info_ = {}; // as negotiated
     bool video_meta_ = false;
 

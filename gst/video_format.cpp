@@ -56,17 +56,18 @@ void set_pixel_aspect(const stillimage_picture& picture, GstVideoInfo* info)
 
 } // namespace
 
-frame_format format_of(const stillimage_picture& picture)
+frame_format format_of(const stillimage_picture& picture, bool alpha)
 {
     const bool chroma = picture.plane[STILLIMAGE_U] != nullptr;
-    const bool alpha = picture.plane[STILLIMAGE_A] != nullptr;
+    const bool complete = !alpha || picture.plane[STILLIMAGE_A] != nullptr;
     if (!chroma && !alpha) {
         return {GST_VIDEO_FORMAT_GRAY8, plane_layout::SHARED};
     }
     for (const planar_format& row : planar_formats) {
         if (chroma && row.alpha == alpha && row.chroma_x_shift == picture.chroma_x_shift &&
             row.chroma_y_shift == picture.chroma_y_shift) {
-            const bool whole = is_whole(picture, STILLIMAGE_U) && is_whole(picture, STILLIMAGE_V);
+            const bool whole =
+                complete && is_whole(picture, STILLIMAGE_U) && is_whole(picture, STILLIMAGE_V);
             return {row.format, whole ? plane_layout::SHARED : plane_layout::REPEATED};
         }
     }
@@ -74,10 +75,11 @@ frame_format format_of(const stillimage_picture& picture)
                  : frame_format{GST_VIDEO_FORMAT_Y444, plane_layout::REPEATED};
 }
 
-GstVideoInfo video_info_of(const stillimage_picture& picture)
+GstVideoInfo video_info_of(const stillimage_picture& picture, bool alpha)
 {
     GstVideoInfo info;
-    gst_video_info_set_format(&info, format_of(picture).format, picture.width, picture.height);
+    gst_video_info_set_format(&info, format_of(picture, alpha).format, picture.width,
+                              picture.height);
     info.colorimetry = colorimetry();
     const bool subsampled =
         GST_VIDEO_FORMAT_INFO_W_SUB(info.finfo, 1) != 0 && GST_VIDEO_INFO_IS_YUV(&info);

@@ -14,10 +14,12 @@ struct frame_format {
     plane_layout layout = plane_layout::SHARED;
 };
 
-frame_format format_of(const stillimage_picture& picture);
+// `alpha`: of the stream. A frame of an animation may come without an alpha plane where others have
+// one; it is opaque then.
+frame_format format_of(const stillimage_picture& picture, bool alpha);
 
 // Format, size, pixel aspect ratio, colorimetry and chroma site of the picture; the frame rate is 0.
-GstVideoInfo video_info_of(const stillimage_picture& picture);
+GstVideoInfo video_info_of(const stillimage_picture& picture, bool alpha);
 
 // Whether the two differ in anything but the frame rate.
 bool same_video(const GstVideoInfo& one, const GstVideoInfo& other);

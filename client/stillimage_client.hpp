@@ -142,6 +142,21 @@ inline std::vector<uint8_t> to_png(const stillimage_picture& picture)
     return {file, file + size};
 }
 
+// Of packed rows of `format` without gaps, such as to_pixels() makes.
+inline std::vector<uint8_t> to_png(std::span<const uint8_t> pixels, uint32_t format, extent size)
+{
+    const size_t stride = size_t{size.width} * (format == STILLIMAGE_RGBA32 ? 4 : 3);
+    if (pixels.size() < stride * size.height) {
+        throw error(STILLIMAGE_ERROR_ARGUMENT, "fewer pixels than the size needs");
+    }
+    uint8_t* file = nullptr;
+    size_t bytes = 0;
+    detail::check(stillimage_pixels_to_png(format, size.width, size.height, pixels.data(), stride,
+                                           &file, &bytes));
+    const std::unique_ptr<uint8_t, detail::memory_freer> owner(file);
+    return {file, file + bytes};
+}
+
 inline void write_png(const stillimage_picture& picture, int descriptor)
 {
     detail::check(stillimage_picture_write_png(&picture, descriptor));

@@ -24,6 +24,7 @@ libcli11-dev header CLI/CLI.hpp
 systemd tool systemd-analyze
 groff-base tool groff
 ffmpeg tool ffmpeg
+python3 tool python3
 LIST
 }
 

@@ -235,6 +235,11 @@ TEST(ClientHpp, ConversionsAreThoseOfTheLibrary)
     EXPECT_EQ(stillimage::to_pixels(served.picture, STILLIMAGE_RGBA32, {3, 2}).size(), 24U);
     const std::vector<uint8_t> png = stillimage::to_png(served.picture);
     EXPECT_EQ(std::string(png.begin() + 1, png.begin() + 4), "PNG");
+    EXPECT_EQ(stillimage::to_png(rgb, STILLIMAGE_RGB24, {9, 4}), png);
+    EXPECT_EQ(thrown_by([&] {
+                  stillimage::to_png(rgb, STILLIMAGE_RGBA32, {9, 4});
+              }).first,
+              STILLIMAGE_ERROR_ARGUMENT);
     const temporary_folder folder;
     const int fd = open(folder.path("p").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
     stillimage::write_png(served.picture, fd);

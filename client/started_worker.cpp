@@ -69,7 +69,7 @@ pid_t fork_quietly()
 int exit_status_of(pid_t pid)
 {
     int status = 0;
-    while (waitpid(pid, &status, __WCLONE) < 0) {
+    while (waitpid(pid, &status, static_cast<int>(__WCLONE)) < 0) {
         if (errno != EINTR) {
             return errno;
         }
@@ -81,6 +81,7 @@ int spawn_detached(const std::string& program, const std::string& picture, int s
 {
     std::vector<std::string> words = {"stillimage", "--file", picture};
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }

@@ -17,6 +17,7 @@ libpng-dev header png.h
 libtiff-dev header tiffio.h
 libgif-dev header gif_lib.h
 libwebp-dev header webp/decode.h
+libseccomp-dev header seccomp.h
 libgtest-dev header gtest/gtest.h
 libgmock-dev header gmock/gmock.h
 libbenchmark-dev header benchmark/benchmark.h
@@ -24,6 +25,7 @@ libcli11-dev header CLI/CLI.hpp
 systemd tool systemd-analyze
 groff-base tool groff
 ffmpeg tool ffmpeg
+mpv tool mpv
 python3 tool python3
 LIST
 }

@@ -102,14 +102,26 @@ void repeat_plane(const stillimage_picture& picture, int plane, GstVideoFrame& o
     }
 }
 
+// Plane by plane: each is every fourth byte.
 void pack_planes(const stillimage_picture& picture, GstVideoFrame& out)
 {
     constexpr int order[] = {STILLIMAGE_A, STILLIMAGE_Y, STILLIMAGE_U, STILLIMAGE_V};
-    for (uint32_t y = 0; y < picture.height; ++y) {
-        uint8_t* pixel = row_of(out, 0, y);
-        for (uint32_t x = 0; x < picture.width; ++x) {
-            for (const int plane : order) {
-                *pixel++ = sample(picture, plane, x, y);
+    constexpr uint32_t pixel_size = 4;
+    for (uint32_t place = 0; place < pixel_size; ++place) {
+        const int plane = order[place];
+        const bool chroma = plane == STILLIMAGE_U || plane == STILLIMAGE_V;
+        const uint32_t x_shift = chroma ? picture.chroma_x_shift : 0;
+        const uint32_t y_shift = chroma ? picture.chroma_y_shift : 0;
+        const uint8_t* first = picture.plane[plane];
+        for (uint32_t y = 0; y < picture.height; ++y) {
+            uint8_t* pixel = row_of(out, 0, y) + place;
+            const uint32_t row =
+                first == nullptr ? 0 : std::min(y >> y_shift, picture.plane_height[plane] - 1);
+            const uint8_t* in = first + size_t{row} * picture.stride[plane];
+            for (uint32_t x = 0; x < picture.width; ++x, pixel += pixel_size) {
+                *pixel = first == nullptr
+                             ? value_of_absent(plane)
+                             : in[std::min(x >> x_shift, picture.plane_width[plane] - 1)];
             }
         }
     }

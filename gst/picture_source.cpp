@@ -59,7 +59,7 @@ bool picture_source::start(const source_settings& settings)
 
 void picture_source::stop()
 {
-    shown_.reset();
+    show(nullptr);
     link_.reset(); // frames that are still shown somewhere keep the connection
     prepared_ = false;
     recoveries_ = 0;
@@ -93,7 +93,7 @@ bool picture_source::recover(const char* doing, stillimage_result result)
         const gint64 left_ms = std::max<gint64>(0, (end - g_get_monotonic_time()) / 1000);
         result = link_->open_again(static_cast<int>(std::min<gint64>(left_ms, step_ms)));
         if (result == STILLIMAGE_OK) {
-            shown_.reset();
+            show(nullptr);
             prepared_ = false;
             GST_ELEMENT_INFO(element_, RESOURCE, READ,
                              ("Another worker serves \"%s\"", name().c_str()), (nullptr));
@@ -279,7 +279,7 @@ bool picture_source::next_moment(shown_moment* moment)
     }
     const uint64_t units = played_.animated ? played_.units_at(moment->start) : 0;
     moment->units = units % played_.duration;
-    if (!frame_at(moment->units, &shown_)) {
+    if (!show_frame_at(moment->units)) {
         return false;
     }
     if (info_.fps_n == 0 && played_.animated) {
@@ -289,7 +289,7 @@ bool picture_source::next_moment(shown_moment* moment)
     return shown_ != nullptr;
 }
 
-bool picture_source::frame_at(uint64_t units, std::shared_ptr<held_frame>* frame)
+bool picture_source::show_frame_at(uint64_t units)
 {
     if (shown_ != nullptr && shown_units_ == units) {
         return true;
@@ -299,8 +299,36 @@ bool picture_source::frame_at(uint64_t units, std::shared_ptr<held_frame>* frame
         return false;
     }
     shown_units_ = units;
-    *frame = std::move(taken);
+    show(std::move(taken));
     return true;
+}
+
+void picture_source::show(std::shared_ptr<held_frame> frame)
+{
+    shown_ = std::move(frame);
+    gst_buffer_replace(&made_, nullptr);
+}
+
+// A frame is made a buffer of once; what follows as long as it is shown has the same memory.
+GstBuffer* picture_source::next_buffer()
+{
+    if (made_ == nullptr) {
+        made_ = can_share(*shown_, info_, video_meta_) ? share_frame(shown_, info_)
+                                                       : copy_frame(*shown_, info_);
+    }
+    return made_ == nullptr ? nullptr : gst_buffer_copy(made_);
+}
+
+void picture_source::set_format(const GstVideoInfo& info)
+{
+    info_ = info;
+    gst_buffer_replace(&made_, nullptr);
+}
+
+void picture_source::set_video_meta(bool understood)
+{
+    video_meta_ = understood;
+    gst_buffer_replace(&made_, nullptr);
 }
 
 // A new aspect ratio is that of frames taken from now on.
@@ -309,7 +337,7 @@ bool picture_source::look_for_changes()
     bool metadata = false;
     const stillimage_result result = link_->take_changes(&metadata);
     if (metadata) {
-        shown_.reset();
+        show(nullptr);
     }
     return result == STILLIMAGE_OK || recover("follow", result);
 }
@@ -326,11 +354,10 @@ GstFlowReturn picture_source::next(GstBuffer** buffer, bool* renegotiate)
     }
     if (!same_video(video_info_of(shown_->picture(), alpha_), info_)) {
         *renegotiate = true;
-        shown_.reset();
+        show(nullptr);
         return learn_sizes() ? GST_FLOW_OK : GST_FLOW_ERROR;
     }
-    *buffer = can_share(*shown_, info_, video_meta_) ? share_frame(shown_, info_)
-                                                     : copy_frame(*shown_, info_);
+    *buffer = next_buffer();
     if (*buffer == nullptr) {
         GST_ELEMENT_ERROR(element_, RESOURCE, NO_SPACE_LEFT,
                           ("No memory for a frame of \"%s\"", name().c_str()), (nullptr));

@@ -24,6 +24,9 @@ class picture_source {
 public:
     // Messages are posted on `element`, which outlives the object.
     explicit picture_source(GstElement* element) : element_(element) {}
+    picture_source(const picture_source&) = delete;
+    picture_source& operator=(const picture_source&) = delete;
+    ~picture_source() { show(nullptr); }
 
     // False with an error message when the picture cannot be opened.
     bool start(const source_settings& settings);
@@ -37,8 +40,8 @@ public:
     GstCaps* caps() const;
     // The one to take of what downstream allows. Takes `allowed` over.
     GstCaps* fixate(GstCaps* allowed);
-    void set_format(const GstVideoInfo& info) { info_ = info; }
-    void set_video_meta(bool understood) { video_meta_ = understood; }
+    void set_format(const GstVideoInfo& info);
+    void set_video_meta(bool understood);
 
     void seek(GstClockTime to);
     // Of the whole stream; GST_CLOCK_TIME_NONE when it has no end.
@@ -66,7 +69,9 @@ private:
     bool learn_sizes();
     bool learn_timeline();
     bool look_for_changes();
-    bool frame_at(uint64_t units, std::shared_ptr<held_frame>* frame);
+    bool show_frame_at(uint64_t units);
+    void show(std::shared_ptr<held_frame> frame);
+    GstBuffer* next_buffer();
     bool is_over() const;
     bool next_moment(shown_moment* moment);
     uint64_t end_of_shown(uint64_t units);
@@ -95,4 +100,5 @@ private:
 
     std::shared_ptr<held_frame> shown_; // at shown_units_
     uint64_t shown_units_ = 0;
+    GstBuffer* made_ = nullptr; // of shown_
 };

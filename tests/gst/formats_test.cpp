@@ -128,6 +128,24 @@ INSTANTIATE_TEST_SUITE_P(Pictures, GstFormatsOfPictures, testing::ValuesIn(sampl
                              return name;
                          });
 
+TEST_F(GstFormats, StillIsCopiedOnceForAllItsBuffers)
+{
+    const worker served(home, data("png/basn6a08.png"));
+    const source_harness source(socket_of(served));
+    const held_buffer first = source.pull();
+    held_buffer second = source.pull();
+    const held_buffer third = source.pull();
+    EXPECT_EQ(data_of(second.get()), data_of(first.get()));
+    // Who writes has bytes of his own.
+    second.reset(gst_buffer_make_writable(second.release()));
+    GstMapInfo map;
+    ASSERT_TRUE(gst_buffer_map(second.get(), &map, GST_MAP_READWRITE));
+    memset(map.data, 7, map.size);
+    gst_buffer_unmap(second.get(), &map);
+    EXPECT_NE(data_of(second.get()), data_of(first.get()));
+    EXPECT_EQ(data_of(third.get()), data_of(first.get()));
+}
+
 TEST_F(GstFormats, SharedMemoryCannotBeWrittenTo)
 {
     const worker served(home, data("jpeg/peacock-420.jpg"));

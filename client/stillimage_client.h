@@ -10,9 +10,26 @@
  *     }
  *     stillimage_close(client);
  *
- * Usable from C11 and C++. No threads, no process-wide state, no output, no exceptions. A
- * connection and its frames belong to one thread at a time. Times are in milliseconds: -1 waits for
- * ever, 0 not at all. No call blocks longer than its limit, whatever the worker does.
+ * Usable from C11 and C++; stillimage_client.hpp has the same for C++20 with owners and exceptions.
+ *
+ * No threads, no process-wide state, no output, no signals, no exceptions. A connection and its frames
+ * belong to one thread at a time; different connections have nothing to do with each other.
+ *
+ * Times are in milliseconds: -1 waits for ever, 0 not at all. No call blocks longer than its limit,
+ * whatever the worker does; where a call has exceptions from that, it says so.
+ *
+ * Every call that talks to the worker may end with
+ *     STILLIMAGE_ERROR_ARGUMENT   a null, or a call from inside the change handler
+ *     STILLIMAGE_ERROR_NO_WORKER  the worker has gone; the connection is closed, see
+ *                                 stillimage_reconnect
+ *     STILLIMAGE_ERROR_TIMEOUT    the connection stays as it is, an answer that comes later is passed
+ *                                 over
+ *     STILLIMAGE_ERROR_PROTOCOL   what the worker sent makes no sense
+ *     STILLIMAGE_ERROR_REFUSED    it hangs up on this client
+ *     STILLIMAGE_ERROR_LIMIT      too much is asked of it
+ *     STILLIMAGE_ERROR_SYSTEM     out of memory or descriptors, here or there
+ * and says what in words in stillimage_last_error. Further results are named with the call. What a call
+ * hands out by a pointer is null after a failure, unless it says otherwise.
  */
 #ifndef STILLIMAGE_CLIENT_H
 #define STILLIMAGE_CLIENT_H
@@ -50,36 +67,48 @@ typedef enum stillimage_result {
 typedef struct stillimage_client stillimage_client; /* one connection */
 typedef struct stillimage_frame stillimage_frame;   /* one held frame */
 
-/* The version of this library, as (major << 16) | minor. */
+/* The version of this library, as (major << 16) | minor. Programs run with any minor version that is
+ * not below the one that they were made with. */
 STILLIMAGE_API uint32_t stillimage_client_version(void);
 
-/* A short text for a result. Never null, static. */
+/* A short English text for a result, "unknown result" for any other number. Never null, static. */
 STILLIMAGE_API const char* stillimage_result_text(stillimage_result result);
 
 /* --- connection ------------------------------------------------------------------------------- */
 
-/* Connects to the worker at `socket_path` and greets it. A worker that is just starting is waited
- * for, 5 seconds at most and within the time limit. On failure *client is still made unless memory
- * is short (then it is null), so that stillimage_last_error can be asked; close it as any other. */
+/* Connects to the worker at `socket_path` (1 to 107 bytes) and greets it. A worker that is just
+ * starting is waited for, 5 seconds at most and within the time limit. It has to run as the same user
+ * or as root, unless the caller is root, else STILLIMAGE_ERROR_REFUSED. On failure *client is still
+ * made unless memory is short (then it is null), so that stillimage_last_error can be asked; close it
+ * as any other. */
 STILLIMAGE_API stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
                                                     stillimage_client** client);
 
-/* Closes the connection. Null is fine. Frames that are still held stay readable until released. */
+/* Closes the connection and frees it; the worker takes all its frames back. Null is fine. Frames that
+ * are still held stay readable until released. Does nothing from inside the change handler. */
 STILLIMAGE_API void stillimage_close(stillimage_client* client);
 
-/* What went wrong last on this connection, for a person: what, where and why. "" when nothing did.
- * Valid until the next call on the connection. */
+/* What went wrong last on this connection, for a person: what, where and why. "" when nothing did,
+ * or for null. Valid until the next call on the connection. */
 STILLIMAGE_API const char* stillimage_last_error(const stillimage_client* client);
 
-/* A descriptor that polls readable when stillimage_dispatch has something to do; -1 once the worker
- * has gone. Not to be read from, nor closed. */
+/* For event loops: a descriptor that polls readable when stillimage_dispatch has something to do; -1
+ * once the worker has gone. Not to be read from, nor closed. It changes with stillimage_reconnect,
+ * never else. Nothing is held back inside the library: what has not been told is still to be read.
+ *
+ *     struct pollfd waiting = {stillimage_descriptor(client), POLLIN, 0};
+ *     poll(&waiting, 1, -1);
+ *     if (stillimage_dispatch(client, 0) != STILLIMAGE_OK) {
+ *         ... the worker has gone: stop, or stillimage_reconnect ...
+ *     }
+ */
 STILLIMAGE_API int stillimage_descriptor(const stillimage_client* client);
 
-/* Takes in what has arrived and calls the change handler. STILLIMAGE_OK also when there was
- * nothing. */
+/* Takes in all that has arrived and calls the change handler for it. Waits for the first of it as
+ * long as the limit allows. STILLIMAGE_OK also when there was nothing. */
 STILLIMAGE_API stillimage_result stillimage_dispatch(stillimage_client* client, int timeout_ms);
 
-/* Process id of the worker; 0 when not connected. */
+/* Process id of the worker, also after it has gone; 0 when it never was connected. */
 STILLIMAGE_API int32_t stillimage_worker_pid(const stillimage_client* client);
 
 /* --- by picture ---------------------------------------------------------------------------------
@@ -133,14 +162,17 @@ typedef struct stillimage_event {
 
 typedef void (*stillimage_event_handler)(void* user, const stillimage_event* event);
 
-/* Asks for the changes in `mask`, 0 for none. The handler is called from inside stillimage_dispatch
- * and from any call that waits; it may not call back into the connection. The present state comes
- * as a first event, with changes 0. */
+/* Asks for the changes in `mask`, 0 for none; takes the place of an earlier subscription. The handler
+ * is called from inside stillimage_dispatch and from any call that waits, on the caller's thread; it
+ * may not call back into the connection, and what it is given is valid until it returns. So it takes
+ * a note, and the work is done when the call has come back. The present state comes as a first event,
+ * with changes 0. `user` is handed through. */
 STILLIMAGE_API stillimage_result stillimage_subscribe(stillimage_client* client, uint32_t mask,
                                                       stillimage_event_handler handler, void* user,
                                                       int timeout_ms);
 
-/* Waits until the picture is ready: provisional is enough when `provisional` is not 0. */
+/* Waits until the picture is ready: provisional is enough when `provisional` is not 0. A picture that
+ * cannot be decoded is never ready: give this a limit, or subscribe and look at `percent`. */
 STILLIMAGE_API stillimage_result stillimage_wait_ready(stillimage_client* client, int provisional,
                                                        int timeout_ms);
 
@@ -178,13 +210,13 @@ typedef struct stillimage_picture {
     uint8_t range;            /* STILLIMAGE_RANGE_LIMITED */
     uint8_t matrix;           /* STILLIMAGE_MATRIX_BT601 */
     uint64_t frame_number;    /* 1 for the first */
-    int64_t aspect_numerator; /* display aspect ratio; both at least 1 */
+    int64_t aspect_numerator; /* display aspect ratio of the whole picture; both at least 1 */
     int64_t aspect_denominator;
     int32_t provisional; /* 1: a coarse picture that will be refined in place */
 } stillimage_picture;
 
-/* What the worker said about the frame and what the record in shared memory holds, field by field.
- */
+/* What the worker said about the frame, and the record in shared memory as it was found. For tools
+ * that look at the worker itself; stillimage_picture is what has been made of it. */
 typedef struct stillimage_descriptor_info {
     uint32_t buffer;
     uint64_t base_offset;
@@ -201,22 +233,30 @@ typedef struct stillimage_descriptor_info {
     const uint8_t* area;     /* the whole shared area, area_size bytes, read-only */
 } stillimage_descriptor_info;
 
-/* Gets the frame shown at `time_position` (in units of the item's time scale: 1/100 s for
- * animations, frames else), at the level that fits an output of wanted_width x wanted_height best;
- * 0 x 0 is the full size. Waits until the picture is ready, as long as the time limit allows; with
- * 0 a picture that is not ready is STILLIMAGE_ERROR_NOT_READY at once, and the worker has a
- * second to answer. */
+/* Gets the frame shown at `time_position`, in units of the item's time scale (see stillimage_timeline;
+ * 1/100 s for animations; 0 is right for still pictures); behind the end that is the last one. It
+ * comes at the level that fits an output of wanted_width x wanted_height best: the full size, or that
+ * halved some times. 0 x 0, or anything below 1, is the full size. *frame is to be given to
+ * stillimage_frame_release. A worker keeps 1,024 frames for a client.
+ *
+ * Waits until the picture is ready, as long as the limit allows; with 0 a picture that is not ready is
+ * STILLIMAGE_ERROR_NOT_READY at once, and the worker has a second to answer. STILLIMAGE_ERROR_NO_FRAME:
+ * the worker has none to give; STILLIMAGE_ERROR_RECORD: a buffer or a description that cannot be
+ * believed. A limit that passes leaves the request with the worker, up to 64 of them; to wait in small
+ * steps, use stillimage_wait_ready. */
 STILLIMAGE_API stillimage_result stillimage_get_frame(stillimage_client* client,
                                                       uint64_t time_position, int32_t wanted_width,
                                                       int32_t wanted_height, int timeout_ms,
                                                       stillimage_frame** frame);
 
-/* Both live as long as the frame, also after the worker has gone. Never null. */
+/* Both live as long as the frame, also after the worker has gone or the connection was closed. Never
+ * null; of a null frame everything is 0. */
 STILLIMAGE_API const stillimage_picture* stillimage_frame_picture(const stillimage_frame* frame);
 STILLIMAGE_API const stillimage_descriptor_info*
 stillimage_frame_descriptor(const stillimage_frame* frame);
 
-/* Gives the frame back. Null is fine; so is a frame whose connection was closed. */
+/* Gives the frame back and frees it. Null is fine; so is a frame whose connection was closed. Never
+ * waits. */
 STILLIMAGE_API void stillimage_frame_release(stillimage_frame* frame);
 
 /* --- timeline --------------------------------------------------------------------------------- */
@@ -333,20 +373,26 @@ STILLIMAGE_API stillimage_result stillimage_y4m_frame(const stillimage_picture* 
 /* --- status, metadata, exit ---------------------------------------------------------------------
  */
 
-/* The status document as JSON. *json is NUL-terminated and to be freed by stillimage_free. */
+/* The status document as JSON in UTF-8: the item, the worker, its buffer, what the picture is. *json is
+ * NUL-terminated and to be freed by stillimage_free. */
 STILLIMAGE_API stillimage_result stillimage_get_status(stillimage_client* client, int timeout_ms,
                                                        char** json);
+
+/* Frees what a call has said is to be freed by it. Null is fine. */
 STILLIMAGE_API void stillimage_free(void* memory);
 
-/* Sets a metadata value of the item, such as "aspect ratio" to "16:9". */
+/* Sets a metadata value of the item, such as "aspect ratio" to "16:9", for this worker and those after
+ * it. A name has 256 bytes at most, a value 16384. STILLIMAGE_ERROR_VALUE: the worker does not take
+ * this value, or any for this name. */
 STILLIMAGE_API stillimage_result stillimage_set_metadata(stillimage_client* client,
                                                          const char* name, const char* value,
                                                          int timeout_ms);
 
-/* Asks the worker to exit. STILLIMAGE_OK once it has agreed. */
+/* Asks the worker to exit. STILLIMAGE_OK once it has agreed; it ends soon after that, for all its
+ * clients. */
 STILLIMAGE_API stillimage_result stillimage_quit(stillimage_client* client, int timeout_ms);
 
-/* Makes sure that the worker answers. */
+/* Makes sure that the worker answers, while it decodes as well. */
 STILLIMAGE_API stillimage_result stillimage_ping(stillimage_client* client, int timeout_ms);
 
 #ifdef __cplusplus

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "client/scanline_record.h"
 #include "client/tool/picture_files.h"
@@ -38,12 +39,23 @@ uint32_t read_planes(const stillimage_picture& picture)
     return sum;
 }
 
+// To a size that hangs on the picture: fewer pixels one way, more the other.
+void scale(const stillimage_picture& picture)
+{
+    const uint32_t width = picture.width / 3 + 1;
+    const uint32_t height = std::min(picture.height * 2 - 1, 300U);
+    std::vector<uint8_t> pixels(size_t{width} * height * 4);
+    stillimage_picture_to_pixels(&picture, STILLIMAGE_RGBA32, width, height, pixels.data(),
+                                 size_t{width} * 4);
+}
+
 void convert(const stillimage_picture& picture)
 {
     if (uint64_t{picture.width} * picture.height <= most_samples) {
         png_file(picture);
         ppm_file(picture);
         y4m_file(picture);
+        scale(picture);
     }
 }
 

@@ -10,8 +10,7 @@
 #include "bin/examine/gif.h"
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"
-#include "bin/framebuffer/mipmap.h"
-#include "bin/framebuffer/records.h"
+#include "fuzz/whole_road.h"
 #include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 
@@ -20,13 +19,6 @@ namespace {
 constexpr uint64_t buffer_limit = 8 << 20; // larger ones only cost time
 constexpr int64_t raster_limit = 1 << 22;
 constexpr int last_pump = 32;
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 bool costs_too_much()
 {
@@ -55,47 +47,32 @@ void go_the_whole_road()
         return;
     }
     require(image_width >= 1 && image_height >= 1 && image_decoded_frames >= 1);
-    layout_full_size();
-    layout_mipmaps();
+    lay_out();
     if (costs_too_much()) {
         return;
     }
-    require(cnb_default_buffer_load() == 0);
-    require(cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image"));
-    require(build_picture_records() == 0);
+    make_room();
     require(full_decode_gif() == 0);
     check_timeline();
     if (DIE4 == 0) {
         require(image_mapping_points.size() == image_decoded_frames);
         require(image_mapping_total == gif_running_time(*gif_image));
-        generate_all_mipmaps();
-        require(mipmaps_avail == mipmaps);
     }
-}
-
-void start_anew()
-{
-    reset_gif_canvas();
-    reset_image_state();
-    reset_layout();
-    reset_mipmaps();
-    scripted::reset();
+    reduce();
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    reset_gif_canvas();
     start_anew();
-    if (size != 0 && data[size - 1] < last_pump) {
-        scripted::plan.die_after_idle = data[size - 1];
-    }
-    scripted::set_picture(data, size);
-    vexa_acc_cache = vexa_global_access_cache_create();
+    take_picture(data, size, last_pump);
     go_the_whole_road();
     free_all_gif();
     free_all_gif();
     require(gif_image == nullptr);
+    reset_gif_canvas();
     start_anew();
     return 0;
 }

@@ -18,8 +18,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
-#include "bin/framebuffer/mipmap.h"
-#include "bin/framebuffer/records.h"
+#include "fuzz/whole_road.h"
 #include "platform/media_item.h"
 #include "tests/support/png_literal.h"
 #include "tests/support/scripted_platform.h"
@@ -28,13 +27,6 @@ namespace {
 
 constexpr int64_t pixel_limit = 1 << 18; // larger pictures only cost time
 constexpr int last_pump = 64;
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 void set_checksums_right(std::vector<uint8_t>* file)
 {
@@ -91,11 +83,8 @@ void go_the_whole_road(const std::vector<uint8_t>& file)
     if (static_cast<int64_t>(image_width) * image_height > pixel_limit) {
         return;
     }
-    layout_full_size();
-    layout_mipmaps();
-    require(cnb_default_buffer_load() == 0);
-    require(cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image"));
-    require(build_picture_records() == 0);
+    lay_out();
+    make_room();
     const bool is_interlaced = png_interlace_method != 0;
     require(decode_by_form() == 0);
     require(scripted::log.status.back() == scripted::status_line{100, ""});
@@ -105,18 +94,7 @@ void go_the_whole_road(const std::vector<uint8_t>& file)
     if (!is_interlaced) {
         expect_plain_planes(file);
     }
-    if (mipmaps_avail == 0) {
-        generate_all_mipmaps();
-    }
-    require(mipmaps_avail == mipmaps);
-}
-
-void start_anew()
-{
-    reset_image_state();
-    reset_layout();
-    reset_mipmaps();
-    scripted::reset();
+    reduce();
 }
 
 } // namespace
@@ -128,11 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size != 0 && data[size - 1] % 2 == 0) {
         set_checksums_right(&file);
     }
-    if (size != 0 && data[size - 1] < last_pump) {
-        scripted::plan.die_after_idle = data[size - 1];
-    }
-    scripted::set_picture(file);
-    vexa_acc_cache = vexa_global_access_cache_create();
+    take_picture(file.data(), file.size(), last_pump);
     go_the_whole_road(file);
     free_all_png_fileio();
     free_all_png_fileio();

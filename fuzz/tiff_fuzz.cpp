@@ -10,29 +10,20 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/tiff.h"
 #include "bin/framebuffer/layout.h"
-#include "bin/framebuffer/mipmap.h"
-#include "bin/framebuffer/records.h"
+#include "fuzz/whole_road.h"
 #include "platform/media_item.h"
 #include "tests/support/caught_abort.h"
 #include "tests/support/scripted_platform.h"
 
 namespace {
 
-constexpr int64_t pixel_limit = 1 << 20; // larger pictures only cost time
-constexpr uint32_t row_limit = 1 << 20;  // bytes; samples may have thousands of bits
+constexpr uint32_t row_limit = 1 << 20; // bytes; samples may have thousands of bits
 constexpr int last_pump = 64;
 
 constexpr const char* wanted_aborts[] = {
     "Assertion `image_chroma_x_shift == 0' failed.\n",
     "Assertion `image_chroma_y_shift == 0' failed.\n",
 };
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 void decode_by_photometric()
 {
@@ -63,45 +54,28 @@ void go_the_whole_road()
     }
     require(image_width >= 1 && image_width <= image_size_limit);
     require(image_height >= 1 && image_height <= image_size_limit);
-    if (static_cast<int64_t>(image_width) * image_height > pixel_limit ||
+    if (static_cast<int64_t>(image_width) * image_height > most_pixels ||
         tiff_bytes_per_row > row_limit) {
         return;
     }
-    layout_full_size();
-    layout_mipmaps();
-    require(cnb_default_buffer_load() == 0);
-    require(cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image"));
-    require(build_picture_records() == 0);
+    lay_out();
+    make_room();
     decode_by_photometric();
-    if (DIE4 == 0) {
-        generate_all_mipmaps();
-        require(mipmaps_avail == mipmaps);
-    }
-}
-
-void start_anew()
-{
-    reset_tiff();
-    reset_image_state();
-    reset_layout();
-    reset_mipmaps();
-    scripted::reset();
+    reduce();
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    reset_tiff();
     start_anew();
-    if (size != 0 && data[size - 1] < last_pump) {
-        scripted::plan.die_after_idle = data[size - 1];
-    }
-    scripted::set_picture(data, size);
-    vexa_acc_cache = vexa_global_access_cache_create();
+    take_picture(data, size, last_pump);
     aborts_as_wanted(go_the_whole_road, wanted_aborts);
     free_all_tiff();
     free_all_tiff();
     require(tiff_image == nullptr);
+    reset_tiff();
     start_anew();
     return 0;
 }

@@ -11,21 +11,11 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/webp.h"
 #include "bin/framebuffer/layout.h"
-#include "bin/framebuffer/mipmap.h"
-#include "bin/framebuffer/records.h"
+#include "fuzz/whole_road.h"
 #include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 
 namespace {
-
-constexpr int64_t pixel_limit = 1 << 20; // larger pictures only cost time
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 void blacken(std::vector<uint8_t>& area, uint64_t offset, uint64_t size, int black)
 {
@@ -76,43 +66,31 @@ void go_the_whole_road(const uint8_t* data, size_t size)
         require(webp_image == nullptr);
         return;
     }
-    if (static_cast<int64_t>(image_width) * image_height > pixel_limit) {
+    if (static_cast<int64_t>(image_width) * image_height > most_pixels) {
         return;
     }
-    layout_full_size();
-    layout_mipmaps();
-    require(cnb_default_buffer_load() == 0);
-    require(cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image"));
-    require(build_picture_records() == 0);
+    lay_out();
+    make_room();
     const std::vector<uint8_t> expected = planes_on_black(data, size);
     require(full_decode_webp_yuv() == 0);
     require(webp_image == nullptr);
     require(scripted::log.status.size() == 1 && scripted::log.status[0].percent == 100);
     require(memcmp(scripted::buffer(), expected.data(), expected.size()) == 0);
-    generate_all_mipmaps();
-    require(mipmaps_avail == mipmaps);
-}
-
-void start_anew()
-{
-    reset_webp();
-    reset_image_state();
-    reset_layout();
-    reset_mipmaps();
-    scripted::reset();
+    reduce();
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    reset_webp();
     start_anew();
-    scripted::set_picture(data, size);
-    vexa_acc_cache = vexa_global_access_cache_create();
+    take_picture(data, size, 0);
     go_the_whole_road(data, size);
     free_all_webp();
     free_all_webp();
     require(webp_image == nullptr && !webp_deccfg_init);
+    reset_webp();
     start_anew();
     return 0;
 }

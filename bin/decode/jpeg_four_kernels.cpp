@@ -5,32 +5,11 @@
 
 #include <cstdint>
 
+#include "bin/decode/divided_by_255.h"
 #include "bin/decode/rgb_to_yuv.h"
-
-// clang 14 gives the clones a name that other sources do not find.
-#if defined(__x86_64__) && !defined(__clang__)
-#define FOR_EACH_PROCESSOR __attribute__((target_clones("avx2", "default")))
-#else
-#define FOR_EACH_PROCESSOR
-#endif
+#include "bin/decode/vector_clones.h"
 
 namespace {
-
-constexpr uint16_t divided_by_255(uint16_t t)
-{
-    return static_cast<uint16_t>((t + 1 + (t >> 8)) >> 8);
-}
-
-constexpr bool division_is_exact()
-{
-    for (unsigned t = 0; t <= 255 * 255; ++t) {
-        if (divided_by_255(static_cast<uint16_t>(t)) != t / 255) {
-            return false;
-        }
-    }
-    return true;
-}
-static_assert(division_is_exact());
 
 constexpr uint16_t scaled(uint16_t sample, uint16_t k)
 {

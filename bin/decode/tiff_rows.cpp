@@ -7,17 +7,12 @@
 #include <cstring>
 
 #include "bin/decode/colour_rows.h"
+#include "bin/decode/divided_by_255.h"
 #include "bin/decode/rescale.h"
 #include "bin/decode/rescale_kernels.h"
 #include "bin/decode/rgb_to_yuv.h"
+#include "bin/decode/vector_clones.h"
 #include "bin/invariant.h"
-
-// clang 14 gives the clones a name that other sources do not find.
-#if defined(__x86_64__) && !defined(__clang__)
-#define FOR_EACH_PROCESSOR __attribute__((target_clones("avx2", "default")))
-#else
-#define FOR_EACH_PROCESSOR
-#endif
 
 namespace {
 
@@ -96,22 +91,6 @@ void convert_ycbcr_alpha(const unsigned char* source, size_t count, const tiff_r
 }
 
 // --- CMYK ---------------------------------------------------------------------------------------
-
-constexpr uint16_t divided_by_255(uint16_t t)
-{
-    return static_cast<uint16_t>((t + 1 + (t >> 8)) >> 8);
-}
-
-constexpr bool division_is_exact()
-{
-    for (unsigned t = 0; t <= 255 * 255; ++t) {
-        if (divided_by_255(static_cast<uint16_t>(t)) != t / 255) {
-            return false;
-        }
-    }
-    return true;
-}
-static_assert(division_is_exact());
 
 // What is left of the white `w` under so much ink.
 constexpr uint16_t under_ink(uint16_t w, uint16_t ink)

@@ -1,0 +1,57 @@
+#include "fuzz/whole_road.h"
+
+#include <cstdlib>
+
+#include "bin/examine/image_state.h"
+#include "bin/framebuffer/layout.h"
+#include "bin/framebuffer/mipmap.h"
+#include "bin/framebuffer/records.h"
+#include "platform/media_item.h"
+#include "tests/support/scripted_platform.h"
+
+void require(bool condition)
+{
+    if (!condition) {
+        abort();
+    }
+}
+
+void start_anew()
+{
+    reset_image_state();
+    reset_layout();
+    reset_mipmaps();
+    scripted::reset();
+}
+
+void take_picture(const uint8_t* data, size_t size, int last_pump)
+{
+    if (size != 0 && data[size - 1] < last_pump) {
+        scripted::plan.die_after_idle = data[size - 1];
+    }
+    scripted::set_picture(data, size);
+    vexa_acc_cache = vexa_global_access_cache_create();
+}
+
+void lay_out()
+{
+    layout_full_size();
+    layout_mipmaps();
+}
+
+void make_room()
+{
+    require(cnb_default_buffer_load() == 0);
+    require(cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image"));
+    require(build_picture_records() == 0);
+}
+
+void reduce()
+{
+    if (DIE4 == 0) {
+        if (mipmaps_avail == 0) {
+            generate_all_mipmaps();
+        }
+        require(mipmaps_avail == mipmaps);
+    }
+}

@@ -128,7 +128,7 @@ TEST_F(Sheet, StillPictureWithItsLevels)
     expect_grey(sheet, 0, 0, background);
     expect_grey(sheet, 32, 33, title_shade); // the title's first letter
     expect_grey(sheet, 31, 111, frame_shade);
-    for (const uint32_t x : {32, 111, 191}) {
+    for (const uint32_t x : {32U, 111U, 191U}) {
         expect_colour(sheet, x, 112, {20, 60, 200});
         expect_colour(sheet, x, 231, {20, 60, 200});
     }

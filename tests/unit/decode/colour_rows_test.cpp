@@ -186,7 +186,7 @@ TEST(ColourRows, EveryVersionWritesExactlyTheSamplesOfTheRun)
 {
     for (const pixel_kind& kind : kinds) {
         for (size_t count = 0; count <= longest_run; ++count) {
-            for (const size_t shift : {0, 1, 13, 30}) {
+            for (const size_t shift : {size_t{0}, size_t{1}, size_t{13}, size_t{30}}) {
                 const samples pixels = random_bytes(count * kind.bytes + shift);
                 const unsigned char* from = pixels.data() + shift;
                 const run_planes expected = expected_planes(kind, from, count, shift);

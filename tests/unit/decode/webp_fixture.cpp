@@ -51,7 +51,7 @@ constexpr size_t chunk_header = 8;
 
 uint32_t little_endian(const file_bytes& file, size_t at)
 {
-    return file[at] | file[at + 1] << 8U | file[at + 2] << 16U |
+    return file[at] | uint32_t{file[at + 1]} << 8U | uint32_t{file[at + 2]} << 16U |
            static_cast<uint32_t>(file[at + 3]) << 24U;
 }
 

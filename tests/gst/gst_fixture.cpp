@@ -1,8 +1,10 @@
 #include "tests/gst/gst_fixture.h"
 
 #include <algorithm>
+#include <csignal>
 #include <fstream>
 #include <iterator>
+#include <unistd.h>
 
 namespace {
 
@@ -157,9 +159,11 @@ GstFixture::GstFixture()
 GstFixture::~GstFixture()
 {
     for (const std::string& picture : pictures) {
+        char socket[108];
         stillimage_client* client = nullptr;
-        if (stillimage_connect_picture(picture.c_str(), 0, 0, &client) == STILLIMAGE_OK ||
-            stillimage_worker_pid(client) > 0) {
+        if (stillimage_socket_of(picture.c_str(), socket, sizeof socket) == STILLIMAGE_OK &&
+            access(socket, F_OK) == 0 &&
+            stillimage_connect(socket, 1000, &client) == STILLIMAGE_OK) {
             kill(stillimage_worker_pid(client), SIGKILL);
         }
         stillimage_close(client);

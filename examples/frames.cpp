@@ -46,7 +46,8 @@ void write_frames(const std::string& picture, const std::string& folder)
     const stillimage::timeline timeline = client.get_timeline();
     for (const stillimage_timeline_entry& entry : timeline) {
         const std::string name = file_name(entry.frame_number);
-        save(client.get_frame(most, entry.start).picture(), folder + "/" + name);
+        save(client.get_frame(most, entry.start).picture(),
+             std::string(folder).append("/").append(name));
         std::cout << name << " from " << timeline.time_of(entry.start).count() << " s for "
                   << timeline.time_of(entry.duration).count() << " s\n";
     }

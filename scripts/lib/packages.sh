@@ -121,6 +121,8 @@ distribution_offers() {
 # A package list of somebody else that cannot be read must not stop the set-up: what counts is
 # whether the packages can be installed afterwards.
 refresh_package_lists() {
+    [ -z "${package_lists_read-}" ] || return 0
+    package_lists_read=yes
     detail "reading the package lists (apt-get update)"
     if ! as_root apt-get update >"$deps_dir/apt-update.log" 2>&1; then
         detail "some package lists could not be read; going on with the others:"

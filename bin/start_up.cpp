@@ -12,6 +12,7 @@
 #include "bin/serve/status_json.h"
 #include "bin/serve/video_reference.h"
 #include "bin/vexa_stillimage.h"
+#include "platform/confinement.h"
 #include "platform/media_item.h"
 
 namespace {
@@ -164,5 +165,6 @@ int start_up(int argc, char** argv)
     }
     INVARIANT(vexa_meta->file_fd >= 0, "vexa_meta->file_fd >= 0");
     install_termination_handler();
+    confine_process();
     return go_on;
 }

@@ -9,9 +9,9 @@ int run_stillimage(int argc, char** argv);
 
 // --- start-up ---------------------------------------------------------------------------------
 
-// Command line, derived parameters, checks, log, callbacks, settings block, signal handler:
-// everything before the picture is looked at. go_on, or the exit status of a process that ends
-// here.
+// Command line, derived parameters, checks, log, callbacks, settings block, signal handler,
+// confinement: everything before the picture is looked at. go_on, or the exit status of a process
+// that ends here.
 int start_up(int argc, char** argv);
 
 void print_help(); // on standard error

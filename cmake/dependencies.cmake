@@ -1,5 +1,5 @@
 # The libraries that are called, each as an imported target:
-#   ZLIB::ZLIB PNG::PNG TIFF::TIFF GIF::GIF PkgConfig::webp Threads::Threads
+#   ZLIB::ZLIB PNG::PNG TIFF::TIFF GIF::GIF PkgConfig::webp PkgConfig::seccomp Threads::Threads
 #   jpeg9::jpeg9 json11::json11                      (scripts/setup brings these two)
 #   CLI11::CLI11 GTest::gtest GTest::gmock benchmark::benchmark
 
@@ -10,6 +10,7 @@ find_package(TIFF REQUIRED)
 find_package(GIF 5 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(webp REQUIRED IMPORTED_TARGET libwebp)
+pkg_check_modules(seccomp REQUIRED IMPORTED_TARGET libseccomp)
 find_package(jpeg9 REQUIRED MODULE)
 find_package(json11 REQUIRED MODULE)
 find_package(CLI11 REQUIRED)

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/confinement.h"
 #include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/scripted_state.h"
@@ -144,6 +145,11 @@ int vexa_redirect_stderr_to_logfile()
 {
     log.calls.emplace_back("vexa_redirect_stderr_to_logfile");
     return plan.redirect_fails ? -1 : 0;
+}
+
+void confine_process()
+{
+    log.calls.emplace_back("confine_process");
 }
 
 int vexa_self_test()

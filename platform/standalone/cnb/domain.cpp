@@ -180,6 +180,11 @@ cnb_domain_view cnb_view_domain()
     return {state().name.c_str(), domain_limit(), image_cnb_buffer, default_buffer_size()};
 }
 
+std::string cnb_domain_folder()
+{
+    return state().joined ? state().joined->place.path : std::string();
+}
+
 void cnb_leave_domain()
 {
     cnb_default_buffer_drop();

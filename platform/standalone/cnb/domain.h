@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 inline constexpr const char* default_cnb_domain = "default";
@@ -18,6 +19,9 @@ void cnb_set_domain(const char* name, uint64_t limit);
 // Joins the chosen domain, making its folder when it is the first one there. 0, also when it is
 // joined already; -1 after one line on standard error that names path and reason.
 int cnb_join_domain();
+
+// Path of the joined domain's folder; empty before one is joined.
+std::string cnb_domain_folder();
 
 // Drops the default buffer and leaves the domain. May be called without one and more than once.
 void cnb_leave_domain();

@@ -80,7 +80,7 @@ domain_folder open_domain_folder(const std::string& domain)
     const std::string ours =
         runtime != nullptr ? "stillimage" : "stillimage-" + std::to_string(geteuid());
 
-    unique_fd base_folder(open_file(base.c_str(), O_RDONLY | O_DIRECTORY));
+    unique_fd base_folder(open_file(base.c_str(), O_PATH | O_DIRECTORY));
     if (!base_folder) {
         return failure(std::move(base), error_text(errno));
     }

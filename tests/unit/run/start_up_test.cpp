@@ -177,6 +177,21 @@ TEST_F(StartUp, UnopenedPictureBreaksAnInvariant)
                 "bin/vexa_stillimage: .*vexa_meta->file_fd >= 0");
 }
 
+TEST_F(StartUp, ConfinesTheProcessOnceAsItsLastAct)
+{
+    ASSERT_EQ(start({"--file", "p", "--stderr-to-log"}), go_on);
+    EXPECT_EQ(calls("confine_process"), 1);
+    EXPECT_EQ(scripted::log.calls.back(), "confine_process");
+}
+
+TEST_F(StartUp, ShortRunsAreNotConfined)
+{
+    start({"--file", "p", "--temp-clean-only"});
+    scripted::plan.no_metadata = true;
+    start({"--file", "p"});
+    EXPECT_EQ(calls("confine_process"), 0);
+}
+
 TEST_F(StartUp, NoHandlerIsInstalledWhenTheStartFails)
 {
     signal(SIGTERM, SIG_DFL);

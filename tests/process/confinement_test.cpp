@@ -1,0 +1,227 @@
+// A worker that is confined: what can be seen of it from outside, and that everything it does for
+// its clients, its host and its metadata goes on as before. So it does where nothing can be
+// confined.
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "client/stillimage_client.h"
+#include "platform/standalone/item/sanitized_build.h"
+#include "tests/support/child_process.h"
+#include "tests/support/refused_calls.h"
+#include "tests/support/worker.h"
+#include "tests/support/worker_client.h"
+
+using testing::Contains;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+const std::string picture = STILLIMAGE_TEST_DATA "/jpeg/peacock-420.jpg";
+
+std::string text_of(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// What stands behind `key` at the beginning of a line of a file of /proc/PID.
+std::string told_by_kernel(pid_t pid, const char* file, const std::string& key)
+{
+    std::ifstream lines("/proc/" + std::to_string(pid) + "/" + file);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(key)) {
+            const size_t begin = line.find_first_not_of(" \t", key.size());
+            return begin == std::string::npos ? "" : line.substr(begin);
+        }
+    }
+    return "";
+}
+
+class Confined : public testing::Test {
+protected:
+    // No daemon outlives its test, whatever was expected of it.
+    void TearDown() override
+    {
+        for (const std::string& socket : home.sockets()) {
+            run_client(home, {socket, "quit"});
+        }
+    }
+
+    // Serves a frame, takes a metadata value and ends when it is asked to.
+    void expect_works(worker& served)
+    {
+        ASSERT_TRUE(served.wait_ready()) << served.told();
+        const held_client client = connect_to(served.socket());
+        EXPECT_NE(take_frame(client), nullptr);
+        EXPECT_EQ(stillimage_set_metadata(client.get(), "colour", "green", 10'000), STILLIMAGE_OK);
+        EXPECT_EQ(stillimage_quit(client.get(), 10'000), STILLIMAGE_OK);
+        EXPECT_EQ(served.wait_end(), 0) << served.told();
+        EXPECT_TRUE(home.sockets().empty());
+    }
+
+    std::string copy_to(const std::string& name) const
+    {
+        return home.folder().write(name, text_of(picture));
+    }
+
+    worker_home home;
+};
+
+TEST_F(Confined, KernelKnowsOfAServingWorker)
+{
+    if (item::sanitized_build) {
+        GTEST_SKIP() << "only new privileges are given up under a sanitizer";
+    }
+    worker served(home, picture, {"--domain-limit", "256M"});
+    ASSERT_TRUE(served.wait_ready());
+    EXPECT_EQ(told_by_kernel(served.pid(), "status", "NoNewPrivs:"), "1");
+    EXPECT_EQ(told_by_kernel(served.pid(), "status", "Seccomp:"), "2");
+    const std::string limit = told_by_kernel(served.pid(), "limits", "Max address space");
+    EXPECT_THAT(limit, EndsWith("bytes     "));
+    const uint64_t bytes = std::strtoull(limit.c_str(), nullptr, 10);
+    EXPECT_GT(bytes, uint64_t{512} << 20);
+    EXPECT_LT(bytes, (uint64_t{4} << 30) + (uint64_t{600} << 20));
+    expect_works(served);
+}
+
+TEST_F(Confined, DaemonStaysConfined)
+{
+    if (item::sanitized_build) {
+        GTEST_SKIP() << "only new privileges are given up under a sanitizer";
+    }
+    worker parent(home, picture, {"--daemon"});
+    EXPECT_EQ(parent.wait_end(), 0);
+    ASSERT_EQ(run_client(home, {parent.socket(), "wait", "--timeout", "20"}), 0) << parent.told();
+    const int daemon = std::atoi(text_of(parent.socket() + ".lock").c_str());
+    ASSERT_GT(daemon, 0);
+    EXPECT_EQ(told_by_kernel(daemon, "status", "NoNewPrivs:"), "1");
+    EXPECT_EQ(told_by_kernel(daemon, "status", "Seccomp:"), "2");
+    EXPECT_EQ(run_client(home, {parent.socket(), "quit"}), 0);
+    EXPECT_TRUE(eventually([this] { return home.sockets().empty(); }));
+}
+
+TEST_F(Confined, LowerLimitOfItsSurroundingsStays)
+{
+    if (item::sanitized_build) {
+        GTEST_SKIP() << "sanitizers take more";
+    }
+    worker::setting how = {{"--file", picture, "--sock", home.path("s"), "--no-autoshutdown"}};
+    how.address_space = uint64_t{300} << 20;
+    worker served(home, how);
+    ASSERT_EQ(run_client(home, {home.path("s"), "wait", "--timeout", "20"}), 0);
+    EXPECT_THAT(told_by_kernel(served.pid(), "limits", "Max address space"),
+                StartsWith("314572800 "));
+    EXPECT_EQ(run_client(home, {home.path("s"), "quit"}), 0);
+    EXPECT_EQ(served.wait_end(), 0);
+}
+
+// --- places -------------------------------------------------------------------------------------
+
+TEST_F(Confined, PictureMetadataAndSocketInOneFolderWork)
+{
+    std::filesystem::create_directory(home.path("one"));
+    const std::string path = copy_to("one/picture.jpg");
+    worker::setting how = {{"--file", "picture.jpg", "--metadir", ".", "--sock", "s", "--daemon",
+                            "--no-autoshutdown", "--stderr-to-log"}};
+    how.working_folder = home.path("one");
+    worker parent(home, how);
+    EXPECT_EQ(parent.wait_end(), 0);
+    const std::string socket = home.path("one/s");
+    EXPECT_EQ(run_client(home, {socket, "wait", "--timeout", "20"}), 0);
+    EXPECT_EQ(run_client(home, {socket, "set", "colour", "green"}), 0);
+    EXPECT_EQ(run_client(home, {socket, "quit"}), 0);
+    EXPECT_TRUE(eventually([this] { return home.sockets().empty(); }));
+    EXPECT_TRUE(eventually([this] {
+        return home.folder().read("one/metadata").find("colour = green\n") != std::string::npos;
+    }));
+    EXPECT_THAT(home.folder().read("one/log"), HasSubstr("Caller requested to exit\n"));
+    EXPECT_EQ(text_of(path), text_of(picture));
+}
+
+TEST_F(Confined, PictureBehindALinkAndReplacedMeanwhileIsServed)
+{
+    const std::string path = copy_to("first.jpg");
+    std::filesystem::create_symlink(path, home.path("link.jpg"));
+    worker served(home, home.path("link.jpg"), {"--slow-decode"});
+    ASSERT_TRUE(served.wait_printed("Using CNB buffer"));
+    std::filesystem::remove(path);
+    expect_works(served);
+}
+
+TEST_F(Confined, DomainFolderRemovedUnderAWaitingWorkerIsMadeAnew)
+{
+    worker first(home, picture, {"--domain-limit", "40K"});
+    ASSERT_TRUE(first.wait_ready()) << first.told();
+    worker second(home, picture, {"--domain-limit", "40K", "--metadir", home.path("second")});
+    ASSERT_TRUE(eventually([&] { return access(second.socket().c_str(), F_OK) == 0; }));
+    pause_ms(50);
+    EXPECT_EQ(second.told().find("Using CNB buffer"), std::string::npos);
+    std::filesystem::remove_all(home.path("run/stillimage/cnb/default"));
+    ASSERT_TRUE(second.wait_ready()) << second.told();
+    EXPECT_TRUE(std::filesystem::exists(home.path("run/stillimage/cnb/default/registry")));
+}
+
+// Without a folder for it, and with a program that receives it, the kernel leaves none.
+TEST_F(Confined, CoreFileIsLeftWhereItWasWanted)
+{
+    const std::string pattern = text_of("/proc/sys/kernel/core_pattern");
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_CORE, &limit), 0);
+    if (pattern.find_first_of("|@/") != std::string::npos || limit.rlim_max == 0 ||
+        item::sanitized_build) {
+        GTEST_SKIP() << "core files are not left in the working folder here";
+    }
+    std::filesystem::create_directory(home.path("work"));
+    const int status = run_in_child([this, limit] {
+        const rlimit wanted = {limit.rlim_max, limit.rlim_max};
+        setrlimit(RLIMIT_CORE, &wanted);
+        worker::setting how = {{"--file", picture, "--sock", home.path("s"), "--no-autoshutdown"}};
+        how.working_folder = home.path("work");
+        worker served(home, how);
+        EXPECT_EQ(run_client(home, {home.path("s"), "wait", "--timeout", "20"}), 0);
+        served.send(SIGABRT);
+        EXPECT_EQ(served.wait_end(), -SIGABRT);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(std::filesystem::is_empty(home.path("work")));
+}
+
+// --- surroundings that allow nothing ------------------------------------------------------------
+
+TEST_F(Confined, WorkerThatMayNotConfineItselfServesAllTheSame)
+{
+    const int status = run_in_child([this] {
+        EXPECT_TRUE(refuse_confinement());
+        {
+            worker served(home, picture, {"--metadir", home.path("meta")});
+            EXPECT_TRUE(served.wait_ready());
+            EXPECT_EQ(told_by_kernel(served.pid(), "status", "Seccomp_filters:"), "1"); // ours
+            expect_works(served);
+            EXPECT_THAT(home.folder().read("meta/metadata"), HasSubstr("colour = green\n"));
+            EXPECT_EQ(served.told().find("not permitted"), std::string::npos);
+        }
+        worker parent(home, picture, {"--daemon"});
+        EXPECT_EQ(parent.wait_end(), 0);
+        EXPECT_EQ(run_client(home, {parent.socket(), "wait", "--timeout", "20"}), 0);
+        EXPECT_EQ(run_client(home, {parent.socket(), "quit"}), 0);
+        EXPECT_TRUE(eventually([this] { return home.sockets().empty(); }));
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+} // namespace

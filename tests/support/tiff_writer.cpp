@@ -7,6 +7,7 @@ namespace {
 
 constexpr uint16_t tag_strip_offsets = 273;
 constexpr uint16_t tag_strip_sizes = 279;
+constexpr uint32_t header_bytes = 8;
 constexpr size_t entry_bytes = 12;
 
 class byte_sink {
@@ -56,8 +57,10 @@ void put_directory(byte_sink& sink, const std::map<uint16_t, tiff_tag>& tags)
         const auto bytes = static_cast<uint32_t>(tag.values.size() * size_of(tag.type));
         sink.put(number, 2);
         sink.put(tag.type, 2);
-        sink.put(static_cast<uint32_t>(tag.values.size()), 4);
-        if (bytes > 4) {
+        sink.put(tag.shared != 0 ? tag.shared : static_cast<uint32_t>(tag.values.size()), 4);
+        if (tag.shared != 0) {
+            sink.put(header_bytes, 4);
+        } else if (bytes > 4) {
             sink.put(behind, 4);
             behind += bytes;
         } else {

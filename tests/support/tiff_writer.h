@@ -10,6 +10,7 @@ enum tiff_value_type : uint16_t { TIFF_VALUE_BYTE = 1, TIFF_VALUE_SHORT = 3, TIF
 struct tiff_tag {
     tiff_value_type type = TIFF_VALUE_SHORT;
     std::vector<uint32_t> values;
+    uint32_t shared = 0; // instead of `values`: so many, at the first strip's place
 };
 
 struct tiff_spec {

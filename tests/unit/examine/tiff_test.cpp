@@ -330,6 +330,39 @@ TEST_F(TiffExamination, TagsThatTheFileCannotHoldAreGoneOver)
     EXPECT_TRUE(has_printed("TIFF WARNING: "));
 }
 
+// So many unknown tags, all with the bytes of the strip as their value.
+tiff_spec sharing_tags(uint32_t size, uint16_t tags)
+{
+    constexpr uint16_t first_private_tag = 40000;
+    tiff_spec spec = plain_tiff(1, 1, 1, 1);
+    spec.strips = {bytes(size, 7)};
+    for (uint16_t i = 0; i < tags; ++i) {
+        spec.tags[static_cast<uint16_t>(first_private_tag + i)] = {TIFF_VALUE_BYTE, {}, size};
+    }
+    return spec;
+}
+
+TEST_F(TiffExamination, TagsThatShareTheirBytesAreReadUpToAMultipleOfTheFile)
+{
+    constexpr uint32_t strip = 1 << 20;
+    ASSERT_EQ(examine(sharing_tags(strip, 2)), 0);
+    free_all_tiff();
+    printed();
+    expect_refusal(sharing_tags(strip, 3),
+                   "TIFF ERROR: picture: Its tags want more bytes than the file holds\n"
+                   "TIFF did not open file\n");
+}
+
+TEST_F(TiffExamination, ReadsAreNotCountedOnceTheFileIsOpen)
+{
+    constexpr uint32_t size = 1 << 20;
+    ASSERT_EQ(examine(sharing_tags(size, 2)), 0);
+    bytes strip(size);
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(TIFFReadRawStrip(tiff_image, 0, strip.data(), size), size);
+    }
+}
+
 #if TIFFLIB_VERSION >= 20221213
 
 TEST_F(TiffExamination, LibraryHasALimitForSingleAllocations)

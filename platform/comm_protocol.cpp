@@ -1,5 +1,7 @@
 #include "platform/comm_protocol.h"
 
+#include <array>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -117,126 +119,144 @@ std::string_view cut(std::string_view text)
     return text.substr(0, end);
 }
 
+// --- the messages' bodies ------------------------------------------------------------------------
+
+// Members in the order in which they travel: the numbers, then the lengths of the texts, then the
+// texts themselves.
+template <typename numbers_type, typename texts_type>
+struct layout {
+    packet_type type;
+    numbers_type numbers;
+    texts_type texts = {};
+};
+template <typename numbers_type, typename texts_type = std::tuple<>>
+layout(packet_type, numbers_type, texts_type = {}) -> layout<numbers_type, texts_type>;
+
+template <typename message>
+constexpr auto layout_of = nullptr;
+
+template <>
+constexpr auto layout_of<hello> = layout{HELLO, std::tuple(&hello::flags)};
+template <>
+constexpr auto layout_of<hello_answer> =
+    layout{HELLO_ANSWER,
+           std::tuple(&hello_answer::context_id, &hello_answer::worker_pid, &hello_answer::flags)};
+template <>
+constexpr auto layout_of<set_output_size> =
+    layout{SET_OUTPUT_SIZE, std::tuple(&set_output_size::width, &set_output_size::height)};
+template <>
+constexpr auto layout_of<subscribe> = layout{SUBSCRIBE, std::tuple(&subscribe::mask)};
+template <>
+constexpr auto layout_of<get_frame> =
+    layout{GET_FRAME, std::tuple(&get_frame::time_position, &get_frame::flags)};
+template <>
+constexpr auto layout_of<release_frame> =
+    layout{RELEASE_FRAME, std::tuple(&release_frame::reference)};
+template <>
+constexpr auto layout_of<set_metadata> =
+    layout{SET_METADATA, std::tuple(), std::tuple(&set_metadata::name, &set_metadata::value)};
+template <>
+constexpr auto layout_of<ping> = layout{PING, std::tuple(&ping::cookie)}; // or PONG
+template <>
+constexpr auto layout_of<status_part> = layout{
+    STATUS, std::tuple(&status_part::total, &status_part::offset), std::tuple(&status_part::text)};
+template <>
+constexpr auto layout_of<frame> =
+    layout{FRAME, std::tuple(&frame::reference, &frame::flags, &frame::buffer, &frame::base_offset,
+                             &frame::area_size, &frame::scanline_offset, &frame::scanline_size,
+                             &frame::frame_number, &frame::width, &frame::height,
+                             &frame::aspect_numerator, &frame::aspect_denominator)};
+template <>
+constexpr auto layout_of<error> = layout{ERROR, std::tuple(&error::code), std::tuple(&error::text)};
+template <>
+constexpr auto layout_of<event> =
+    layout{EVENT, std::tuple(&event::changes, &event::percent, &event::ready),
+           std::tuple(&event::progress)};
+
+template <typename message>
+size_t body_size(const message& from)
+{
+    const size_t numbers =
+        std::apply([&](auto... field) { return (size_t{0} + ... + sizeof(from.*field)); },
+                   layout_of<message>.numbers);
+    return std::apply(
+        [&](auto... field) { return (numbers + ... + (sizeof(uint32_t) + (from.*field).size())); },
+        layout_of<message>.texts);
+}
+
+template <typename message>
+packet_bytes encode_body(packet_type type, uint64_t request, const message& from)
+{
+    packet_writer packet(request, type, body_size(from));
+    std::apply([&](auto... field) { (packet.number(from.*field), ...); },
+               layout_of<message>.numbers);
+    std::apply(
+        [&](auto... field) {
+            (packet.length_of(from.*field), ...);
+            (packet.characters(from.*field), ...);
+        },
+        layout_of<message>.texts);
+    return packet.finish();
+}
+
+// --- what is sent of a message -------------------------------------------------------------------
+
+template <typename message>
+bool is_sendable(const message& /*any*/)
+{
+    return true;
+}
+
+bool is_sendable(const set_metadata& message)
+{
+    return fits(message.name.size()) && fits(message.value.size()) &&
+           fits(packet_header_size + body_size(message));
+}
+
+bool is_sendable(const status_part& message)
+{
+    return message.text.size() <= max_status_part;
+}
+
+template <typename message>
+const message& shortened(const message& whole)
+{
+    return whole;
+}
+
+error shortened(const error& whole)
+{
+    return {whole.code, cut(whole.text)};
+}
+
+event shortened(const event& whole)
+{
+    return {whole.changes, whole.percent, whole.ready, cut(whole.progress)};
+}
+
 } // namespace
 
-packet_bytes encode(uint64_t request, const hello& message)
+template <typename message>
+packet_bytes encode(uint64_t request, const message& from)
 {
-    packet_writer packet(request, HELLO, 4);
-    packet.number(message.flags);
-    return packet.finish();
+    return is_sendable(from) ? encode_body(layout_of<message>.type, request, shortened(from))
+                             : packet_bytes();
 }
-
-packet_bytes encode(uint64_t request, const hello_answer& message)
-{
-    packet_writer packet(request, HELLO_ANSWER, 16);
-    packet.number(message.context_id);
-    packet.number(message.worker_pid);
-    packet.number(message.flags);
-    return packet.finish();
-}
-
-packet_bytes encode(uint64_t request, const set_output_size& message)
-{
-    packet_writer packet(request, SET_OUTPUT_SIZE, 8);
-    packet.number(message.width);
-    packet.number(message.height);
-    return packet.finish();
-}
-
-packet_bytes encode(uint64_t request, const subscribe& message)
-{
-    packet_writer packet(request, SUBSCRIBE, 4);
-    packet.number(message.mask);
-    return packet.finish();
-}
-
-packet_bytes encode(uint64_t request, const get_frame& message)
-{
-    packet_writer packet(request, GET_FRAME, 12);
-    packet.number(message.time_position);
-    packet.number(message.flags);
-    return packet.finish();
-}
-
-packet_bytes encode(uint64_t request, const release_frame& message)
-{
-    packet_writer packet(request, RELEASE_FRAME, 8);
-    packet.number(message.reference);
-    return packet.finish();
-}
-
-packet_bytes encode(uint64_t request, const set_metadata& message)
-{
-    if (!fits(message.name.size()) || !fits(message.value.size())) {
-        return {};
-    }
-    packet_writer packet(request, SET_METADATA, 8 + message.name.size() + message.value.size());
-    packet.length_of(message.name);
-    packet.length_of(message.value);
-    packet.characters(message.name);
-    packet.characters(message.value);
-    packet_bytes bytes = packet.finish();
-    return fits(bytes.size()) ? bytes : packet_bytes();
-}
-
-packet_bytes encode(uint64_t request, const status_part& message)
-{
-    if (message.text.size() > max_status_part) {
-        return {};
-    }
-    packet_writer packet(request, STATUS, 12 + message.text.size());
-    packet.number(message.total);
-    packet.number(message.offset);
-    packet.length_of(message.text);
-    packet.characters(message.text);
-    return packet.finish();
-}
-
-packet_bytes encode(uint64_t request, const frame& message)
-{
-    packet_writer packet(request, FRAME, 80);
-    packet.number(message.reference);
-    packet.number(message.flags);
-    packet.number(message.buffer);
-    packet.number(message.base_offset);
-    packet.number(message.area_size);
-    packet.number(message.scanline_offset);
-    packet.number(message.scanline_size);
-    packet.number(message.frame_number);
-    packet.number(message.width);
-    packet.number(message.height);
-    packet.number(message.aspect_numerator);
-    packet.number(message.aspect_denominator);
-    return packet.finish();
-}
-
-packet_bytes encode(uint64_t request, const error& message)
-{
-    const std::string_view text = cut(message.text);
-    packet_writer packet(request, ERROR, 8 + text.size());
-    packet.number(message.code);
-    packet.length_of(text);
-    packet.characters(text);
-    return packet.finish();
-}
-
-packet_bytes encode(uint64_t request, const event& message)
-{
-    const std::string_view text = cut(message.progress);
-    packet_writer packet(request, EVENT, 16 + text.size());
-    packet.number(message.changes);
-    packet.number(message.percent);
-    packet.number(message.ready);
-    packet.length_of(text);
-    packet.characters(text);
-    return packet.finish();
-}
+template packet_bytes encode(uint64_t request, const hello& from);
+template packet_bytes encode(uint64_t request, const hello_answer& from);
+template packet_bytes encode(uint64_t request, const set_output_size& from);
+template packet_bytes encode(uint64_t request, const subscribe& from);
+template packet_bytes encode(uint64_t request, const get_frame& from);
+template packet_bytes encode(uint64_t request, const release_frame& from);
+template packet_bytes encode(uint64_t request, const set_metadata& from);
+template packet_bytes encode(uint64_t request, const status_part& from);
+template packet_bytes encode(uint64_t request, const frame& from);
+template packet_bytes encode(uint64_t request, const error& from);
+template packet_bytes encode(uint64_t request, const event& from);
 
 packet_bytes encode_ping(uint64_t request, packet_type ping_or_pong, const ping& message)
 {
-    packet_writer packet(request, ping_or_pong, 8);
-    packet.number(message.cookie);
-    return packet.finish();
+    return encode_body(ping_or_pong, request, message);
 }
 
 packet_bytes encode_empty(uint64_t request, packet_type type)
@@ -260,109 +280,35 @@ bool decode_header(const unsigned char* bytes, size_t size, packet_header* heade
     return fields.complete() && header->magic == magic && header->length == size;
 }
 
-bool decode(const unsigned char* bytes, size_t size, hello* message)
+template <typename message>
+bool decode(const unsigned char* bytes, size_t size, message* to)
 {
-    return packet_reader(bytes, size).number(&message->flags).complete();
+    packet_reader body(bytes, size);
+    std::apply([&](auto... field) { (body.number(&(to->*field)), ...); },
+               layout_of<message>.numbers);
+    std::apply(
+        [&](auto... field) {
+            std::array<uint32_t, sizeof...(field)> lengths = {};
+            size_t filled = 0;
+            for (uint32_t& length : lengths) {
+                body.number(&length);
+            }
+            (body.characters(lengths[filled++], &(to->*field)), ...);
+        },
+        layout_of<message>.texts);
+    return body.complete();
 }
-
-bool decode(const unsigned char* bytes, size_t size, hello_answer* message)
-{
-    return packet_reader(bytes, size)
-        .number(&message->context_id)
-        .number(&message->worker_pid)
-        .number(&message->flags)
-        .complete();
-}
-
-bool decode(const unsigned char* bytes, size_t size, set_output_size* message)
-{
-    return packet_reader(bytes, size).number(&message->width).number(&message->height).complete();
-}
-
-bool decode(const unsigned char* bytes, size_t size, subscribe* message)
-{
-    return packet_reader(bytes, size).number(&message->mask).complete();
-}
-
-bool decode(const unsigned char* bytes, size_t size, get_frame* message)
-{
-    return packet_reader(bytes, size)
-        .number(&message->time_position)
-        .number(&message->flags)
-        .complete();
-}
-
-bool decode(const unsigned char* bytes, size_t size, release_frame* message)
-{
-    return packet_reader(bytes, size).number(&message->reference).complete();
-}
-
-bool decode(const unsigned char* bytes, size_t size, set_metadata* message)
-{
-    uint32_t name_length = 0;
-    uint32_t value_length = 0;
-    return packet_reader(bytes, size)
-        .number(&name_length)
-        .number(&value_length)
-        .characters(name_length, &message->name)
-        .characters(value_length, &message->value)
-        .complete();
-}
-
-bool decode(const unsigned char* bytes, size_t size, ping* message)
-{
-    return packet_reader(bytes, size).number(&message->cookie).complete();
-}
-
-bool decode(const unsigned char* bytes, size_t size, status_part* message)
-{
-    uint32_t length = 0;
-    return packet_reader(bytes, size)
-        .number(&message->total)
-        .number(&message->offset)
-        .number(&length)
-        .characters(length, &message->text)
-        .complete();
-}
-
-bool decode(const unsigned char* bytes, size_t size, frame* message)
-{
-    return packet_reader(bytes, size)
-        .number(&message->reference)
-        .number(&message->flags)
-        .number(&message->buffer)
-        .number(&message->base_offset)
-        .number(&message->area_size)
-        .number(&message->scanline_offset)
-        .number(&message->scanline_size)
-        .number(&message->frame_number)
-        .number(&message->width)
-        .number(&message->height)
-        .number(&message->aspect_numerator)
-        .number(&message->aspect_denominator)
-        .complete();
-}
-
-bool decode(const unsigned char* bytes, size_t size, error* message)
-{
-    uint32_t length = 0;
-    return packet_reader(bytes, size)
-        .number(&message->code)
-        .number(&length)
-        .characters(length, &message->text)
-        .complete();
-}
-
-bool decode(const unsigned char* bytes, size_t size, event* message)
-{
-    uint32_t length = 0;
-    return packet_reader(bytes, size)
-        .number(&message->changes)
-        .number(&message->percent)
-        .number(&message->ready)
-        .number(&length)
-        .characters(length, &message->progress)
-        .complete();
-}
+template bool decode(const unsigned char* bytes, size_t size, hello* to);
+template bool decode(const unsigned char* bytes, size_t size, hello_answer* to);
+template bool decode(const unsigned char* bytes, size_t size, set_output_size* to);
+template bool decode(const unsigned char* bytes, size_t size, subscribe* to);
+template bool decode(const unsigned char* bytes, size_t size, get_frame* to);
+template bool decode(const unsigned char* bytes, size_t size, release_frame* to);
+template bool decode(const unsigned char* bytes, size_t size, set_metadata* to);
+template bool decode(const unsigned char* bytes, size_t size, ping* to);
+template bool decode(const unsigned char* bytes, size_t size, status_part* to);
+template bool decode(const unsigned char* bytes, size_t size, frame* to);
+template bool decode(const unsigned char* bytes, size_t size, error* to);
+template bool decode(const unsigned char* bytes, size_t size, event* to);
 
 } // namespace comm_protocol

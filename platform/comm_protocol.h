@@ -3,7 +3,7 @@
 //
 // Every packet is one SOCK_SEQPACKET message: a header of packet_header_size bytes, then a body.
 // All numbers are little-endian. Encoding appends to a buffer; decoding reads a private copy,
-// checks every length, and leaves *message unspecified when it returns false.
+// checks every length, and leaves *to unspecified when it returns false.
 #pragma once
 
 #include <cstddef>
@@ -170,17 +170,8 @@ using packet_bytes = std::vector<unsigned char>;
 
 // Whole packets: header, body, length filled in. Metadata that would pass max_packet_size and a
 // status part above max_status_part give no bytes at all.
-packet_bytes encode(uint64_t request, const hello& message);
-packet_bytes encode(uint64_t request, const hello_answer& message);
-packet_bytes encode(uint64_t request, const set_output_size& message);
-packet_bytes encode(uint64_t request, const subscribe& message);
-packet_bytes encode(uint64_t request, const get_frame& message);
-packet_bytes encode(uint64_t request, const release_frame& message);
-packet_bytes encode(uint64_t request, const set_metadata& message);
-packet_bytes encode(uint64_t request, const status_part& message);
-packet_bytes encode(uint64_t request, const frame& message);
-packet_bytes encode(uint64_t request, const error& message);
-packet_bytes encode(uint64_t request, const event& message);
+template <typename message>
+packet_bytes encode(uint64_t request, const message& from); // a ping excepted
 packet_bytes encode_ping(uint64_t request, packet_type ping_or_pong, const ping& message);
 packet_bytes encode_empty(uint64_t request, packet_type type); // GET_STATUS, EXIT, DONE
 
@@ -190,17 +181,7 @@ bool decode_header(const unsigned char* bytes, size_t size, packet_header* heade
 
 // Bodies: `bytes` and `size` are those of the body. Views point into `bytes`. A body longer than
 // the message is accepted, since minor versions add fields at the end.
-bool decode(const unsigned char* bytes, size_t size, hello* message);
-bool decode(const unsigned char* bytes, size_t size, hello_answer* message);
-bool decode(const unsigned char* bytes, size_t size, set_output_size* message);
-bool decode(const unsigned char* bytes, size_t size, subscribe* message);
-bool decode(const unsigned char* bytes, size_t size, get_frame* message);
-bool decode(const unsigned char* bytes, size_t size, release_frame* message);
-bool decode(const unsigned char* bytes, size_t size, set_metadata* message);
-bool decode(const unsigned char* bytes, size_t size, ping* message);
-bool decode(const unsigned char* bytes, size_t size, status_part* message);
-bool decode(const unsigned char* bytes, size_t size, frame* message);
-bool decode(const unsigned char* bytes, size_t size, error* message);
-bool decode(const unsigned char* bytes, size_t size, event* message);
+template <typename message>
+bool decode(const unsigned char* bytes, size_t size, message* to);
 
 } // namespace comm_protocol

@@ -2,6 +2,7 @@
 // this is built or run is passed over.
 #include "platform/standalone/item/confinement_calls.h"
 
+#include <asm/termbits.h>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -245,14 +246,29 @@ constexpr argument_rule argument_rules[] = {
     {"socketpair", 0, all_of_an_int, AF_UNIX},
     // Questions to a terminal. Others put words into its user's mouth.
     {"ioctl", 1, all_of_an_int, TCGETS},
+#ifdef TCGETS2
+    {"ioctl", 1, all_of_an_int, TCGETS2},
+#endif
     {"ioctl", 1, all_of_an_int, TIOCGPGRP},
     {"ioctl", 1, all_of_an_int, TIOCGWINSZ},
     {"ioctl", 1, all_of_an_int, FIONREAD},
 };
 
-// Calls that came after this library: it may be run under a C library that tries them first.
+// Calls that came later than these lists: a C library may try them first. So it is whether or not the
+// libseccomp at hand has names for them.
 constexpr int first_common_number = 424; // from here on the same on all architectures
+constexpr int last_listed_number = 450;
 constexpr int end_of_numbers = 512;
+
+bool came_later(int number)
+{
+    if (number > last_listed_number) {
+        return true;
+    }
+    const std::unique_ptr<char, decltype(&free)> name(
+        seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, number), free);
+    return name == nullptr;
+}
 
 bool add_rule(scmp_filter_ctx filter, uint32_t action, const char* name, unsigned comparisons,
               const scmp_arg_cmp* comparison)
@@ -286,9 +302,8 @@ bool add_absent_calls(scmp_filter_ctx filter)
         }
     }
     for (int number = first_common_number; number < end_of_numbers; ++number) {
-        const std::unique_ptr<char, decltype(&free)> name(
-            seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, number), free);
-        if (!name && seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), number, 0) != 0) {
+        if (came_later(number) &&
+            seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), number, 0) != 0) {
             return false;
         }
     }

@@ -25,7 +25,7 @@ expect_component() {
     expect_same "files of the component $1" "$(sort)" "$(files_of "$scratch/$1")"
 }
 
-expect_component worker <<'LIST'
+expect_component worker <<LIST
 bin/stillimage
 lib/systemd/system/stillimage.slice
 lib/systemd/system/stillimage@.service
@@ -34,14 +34,16 @@ lib/systemd/user/stillimage@.service
 lib/sysusers.d/stillimage.conf
 share/bash-completion/completions/stillimage
 share/doc/stillimage/LICENSE
+share/doc/stillimage/NEWS.md
 share/doc/stillimage/README.md
-share/doc/stillimage/cnb-domain.md
-share/doc/stillimage/frame-buffer.md
-share/doc/stillimage/item.md
-share/doc/stillimage/metadata.md
-share/doc/stillimage/protocol.md
-share/doc/stillimage/scanline-list.md
-share/doc/stillimage/status.md
+share/doc/stillimage/SECURITY.md
+$(cd "$SOURCE_DIR" && printf 'share/doc/stillimage/%s\n' docs/*.md docs/images/*.png)
+share/doc/stillimage/examples/README.md
+share/doc/stillimage/examples/frames.cpp
+share/doc/stillimage/examples/harvesters.jpeg
+share/doc/stillimage/examples/picture.py
+share/doc/stillimage/examples/watch.c
+share/doc/stillimage/examples/waving.gif
 share/man/man1/stillimage.1
 share/man/man5/stillimage-metadata.5
 share/man/man5/stillimage-scanline.5
@@ -50,7 +52,6 @@ LIST
 expect_component client <<'LIST'
 bin/stillimage-client
 share/bash-completion/completions/stillimage-client
-share/doc/stillimage/client.md
 share/man/man1/stillimage-client.1
 LIST
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # outside_projects.sh CC CXX: programs outside the tree are built against an installed tree, shared
-# and static, in C and in C++, by pkg-config and by CMake, after the tree has been moved; they
+# and static, in C, in C++ and by the header for C++20, by pkg-config and by CMake, after the tree has been moved; they
 # take a frame from the installed worker.
 set -euo pipefail
 # shellcheck source=tests/install/common.sh
@@ -46,6 +46,7 @@ runs_well() {
 
 cp "$outside/viewer.c" "$scratch/viewer.c"
 cp "$outside/viewer.c" "$scratch/viewer.cpp"
+cp "$outside/viewer_cxx20.cpp" "$scratch/viewer_cxx20.cpp"
 cd "$scratch"
 read -ra flags < <(pkg-config --cflags stillimage-client)
 read -ra libraries < <(pkg-config --libs stillimage-client)
@@ -54,24 +55,28 @@ warnings=(-Wall -Wextra -Wshadow -Werror)
 
 "$CC" -std=c11 "${warnings[@]}" "${flags[@]}" viewer.c -o c-shared "${libraries[@]}"
 "$CXX" "${warnings[@]}" "${flags[@]}" viewer.cpp -o cxx-shared "${libraries[@]}"
+"$CXX" -std=c++20 "${warnings[@]}" -Wconversion "${flags[@]}" viewer_cxx20.cpp -o cxx20-shared \
+    "${libraries[@]}"
 # Only this one library is wanted static; the C run-time library stays as it is.
 "$CC" -std=c11 "${warnings[@]}" "${flags[@]}" viewer.c -o c-static \
     "${static_libraries[@]/#-lstillimage_client/-l:libstillimage_client.a}"
 "$CXX" "${warnings[@]}" "${flags[@]}" viewer.cpp -o cxx-static \
     "${static_libraries[@]/#-lstillimage_client/-l:libstillimage_client.a}"
-runs_well env LD_LIBRARY_PATH="$library_dir" ./c-shared
-runs_well env LD_LIBRARY_PATH="$library_dir" ./cxx-shared
-runs_well ./c-static
-runs_well ./cxx-static
+"$CXX" -std=c++20 "${warnings[@]}" "${flags[@]}" viewer_cxx20.cpp -o cxx20-static \
+    "${static_libraries[@]/#-lstillimage_client/-l:libstillimage_client.a}"
+for program in c cxx cxx20; do
+    runs_well env LD_LIBRARY_PATH="$library_dir" "./$program-shared"
+    runs_well "./$program-static"
+done
 
 # --- by CMake ---------------------------------------------------------------------------------------
 
 cmake -S "$outside" -B by-cmake -G Ninja -DCMAKE_C_COMPILER="$CC" -DCMAKE_CXX_COMPILER="$CXX" \
     -DCMAKE_PREFIX_PATH="$prefix" >cmake.log 2>&1 || { cat cmake.log; fault "cmake failed"; }
 cmake --build by-cmake >cmake.log 2>&1 || { cat cmake.log; fault "the build by CMake failed"; }
-for program in c-stillimage_client cxx-stillimage_client c-stillimage_client_static \
-    cxx-stillimage_client_static; do
-    runs_well "by-cmake/$program"
+for program in c cxx cxx20; do
+    runs_well "by-cmake/$program-stillimage_client"
+    runs_well "by-cmake/$program-stillimage_client_static"
 done
 
 # --- what they are ----------------------------------------------------------------------------------
@@ -79,10 +84,10 @@ done
 needs_library() {
     readelf -d "$1" | grep -q 'NEEDED.*libstillimage_client\.so\.1\]'
 }
-for program in c-shared cxx-shared by-cmake/c-stillimage_client; do
+for program in c-shared cxx-shared cxx20-shared by-cmake/c-stillimage_client; do
     needs_library "$program" || fault "$program does not need the shared library"
 done
-for program in c-static cxx-static by-cmake/c-stillimage_client_static; do
+for program in c-static cxx-static cxx20-static by-cmake/c-stillimage_client_static; do
     ! needs_library "$program" || fault "$program needs the shared library"
 done
 expect_same "size that the programs saw" "$expected_size" "${expected% *}"

@@ -2,6 +2,7 @@
 #include <csignal>
 
 #include "bin/examine/image_state.h"
+#include "bin/examine/png.h"
 #include "bin/examine/tiff.h"
 #include "platform/cnb.h"
 #include "tests/unit/decode/tiff_fixture.h"
@@ -118,6 +119,7 @@ TEST_F(DecodeTiffStart, NoMemoryForAStripIsToldAndFails)
         ASSERT_TRUE(open(write_tiff(small(decoder.photometric, decoder.samples)), 0x5A));
         const file_bytes before = allocation();
         failing_calls::plan.calloc = 1;
+        png_width = 7; // the PNG reader is cleaned up, too
         const bool tells_itself = decoder.photometric == 6;
         EXPECT_EQ(decode(), tells_itself ? 0 : -1);
         EXPECT_EQ(told, std::string("Unable to allocate TIFF strip\n") +
@@ -125,6 +127,7 @@ TEST_F(DecodeTiffStart, NoMemoryForAStripIsToldAndFails)
         EXPECT_TRUE(allocation() == before);
         EXPECT_TRUE(scripted::log.status.empty());
         EXPECT_NE(tiff_image, nullptr);
+        EXPECT_EQ(png_width, 0U);
         start_anew();
     }
 }

@@ -186,9 +186,9 @@ const std::pair<const char*, reader> odd_readers[] = {
      [](uint32_t strip, unsigned char* to, int64_t size) {
          return size % 5 != 0 ? -1 : give(strip, to, size / 5 * 3 + 1);
      }},
-    {"half of it written",
+    {"only the start of it written",
      [](uint32_t strip, unsigned char* to, int64_t size) {
-         give(strip, to, size / 2);
+         give(strip, to, std::min<int64_t>(size, 101));
          return size;
      }},
     {"only even strips written",
@@ -201,7 +201,8 @@ TEST_F(DecodeTiffStrips, OddAnswersOfTheLibrary)
 {
     for (const auto& [photometric, samples] : models) {
         for (const uint16_t planes : {uint16_t{1}, uint16_t{2}}) {
-            for (const uint32_t strip : {3U, 70U}) {
+            // The strip of 150 is asked for again with fewer rows by the last pass.
+            for (const uint32_t strip : {3U, 70U, 150U}) {
                 encoded_tiff made = picture(photometric, samples, 150, strip);
                 made.planes = planes;
                 const auto file = encode_tiff(made);

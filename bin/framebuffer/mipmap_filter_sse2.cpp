@@ -54,8 +54,8 @@ inline __m128i filtered(const column_sums& sums, __m128i before)
 inline __m128i sum_before(const source_rows& rows, size_t k)
 {
     const size_t x = 2 * k - 1;
-    return _mm_insert_epi16(_mm_setzero_si128(), rows.above[x] + 2 * rows.middle[x] + rows.below[x],
-                            7);
+    const int sum = rows.above[x] + 2 * rows.middle[x] + rows.below[x];
+    return _mm_insert_epi16(_mm_setzero_si128(), static_cast<short>(sum), 7);
 }
 
 // out[k] .. out[k + 15]; returns the `before` of the block to the right.

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "bin/decode/rgb_to_yuv.h"
+#include "bin/decode/png_colour.h"
 #include "bin/examine/png.h"
 #include "bin/invariant.h"
 
@@ -23,12 +23,9 @@ int fetch_png_palette(const char* decoder, png_palette* palette)
 void convert_png_palette(const png_palette& palette, packed_yuva colours[256])
 {
     for (int i = 0; i < 256; ++i) {
-        if (i < palette.count) {
-            const png_color& entry = palette.colours[i];
-            const yuv_sample pixel = rgb_to_yuv(entry.red, entry.green, entry.blue);
-            colours[i] = {pixel.y, pixel.u, pixel.v, 255};
-        } else {
-            colours[i] = {16, 128, 128, 255};
-        }
+        int yuv[3] = {};
+        png_pal2yuv(static_cast<unsigned char>(i), palette.colours, palette.count, yuv);
+        colours[i] = {static_cast<unsigned char>(yuv[0]), static_cast<unsigned char>(yuv[1]),
+                      static_cast<unsigned char>(yuv[2]), 255};
     }
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "bin/decode/png_colour.h"
+#include "bin/decode/png_palette.h"
 #include "bin/decode/rescale_kernels.h"
 #include "tests/support/guarded_bytes.h"
 
@@ -90,6 +91,21 @@ TEST(PngColour, EmptyPaletteIsBlackThroughout)
 {
     EXPECT_EQ(of_palette(0, nullptr, 0), (yuv{16, 128, 128}));
     EXPECT_EQ(of_palette(7, nullptr, -1), (yuv{16, 128, 128}));
+}
+
+// Memory ends with the palette here, too.
+TEST(PngColour, PaletteIsConvertedForEveryIndexAndOpaque)
+{
+    const GuardedBytes bytes({255, 0, 0, 0, 0, 255});
+    auto* entries = reinterpret_cast<png_color_struct*>(const_cast<unsigned char*>(bytes.begin()));
+    packed_yuva colours[256] = {};
+    convert_png_palette({entries, 2}, colours);
+    for (int index = 0; index < 256; ++index) {
+        const packed_yuva& colour = colours[index];
+        EXPECT_EQ((yuv{colour.y, colour.u, colour.v}),
+                  of_palette(static_cast<unsigned char>(index), entries, 2));
+        EXPECT_EQ(colour.a, 255);
+    }
 }
 
 TEST(PngColour, GreyIsRescaledByTheLumaRule)

@@ -142,6 +142,46 @@ TEST_F(DecodePngAdam7Damage, PlaneThatCannotBeMappedEndsItsPassOnly)
     }
 }
 
+// Rows of the mapped band: 8, in two passes from above the row of the pass, none below the plane.
+struct band_of_pass {
+    int first_row, row_step, rows_above;
+};
+
+constexpr band_of_pass bands[] = {{0, 8, 0}, {0, 8, 0}, {4, 8, 4}, {0, 4, 0},
+                                  {2, 4, 2}, {0, 2, 0}, {1, 2, 0}};
+
+// What the host is told while no band with row `bad` of a 32 x 32 picture can be mapped.
+std::vector<status_line> told_without_row(int bad)
+{
+    constexpr int rows_in_all = 4 + 4 + 4 + 8 + 8 + 16 + 16;
+    std::vector<status_line> expected;
+    int read = 0;
+    for (const band_of_pass& band : bands) {
+        for (int row = band.first_row; row < 32; row += band.row_step) {
+            expected.push_back({read * 100 / rows_in_all, "Decoding PNG"});
+            const int first = row - band.rows_above;
+            if (first <= bad && bad < first + 8) {
+                break;
+            }
+            ++read;
+        }
+    }
+    expected.push_back({100, ""});
+    return expected;
+}
+
+TEST_F(DecodePngAdam7Damage, BandsOfEachPassAreThoseOfItsBlocks)
+{
+    const bytes file = write_png(random_picture(32, 32, {2, 8}));
+    for (int bad = 0; bad < 32; ++bad) {
+        start_anew();
+        open(file);
+        scripted::plan.unmappable = {image_stride_Y * static_cast<uint64_t>(bad), 1};
+        EXPECT_EQ(decode(), 0);
+        EXPECT_EQ(scripted::log.status, told_without_row(bad)) << bad;
+    }
+}
+
 TEST_F(DecodePngAdam7Damage, EveryPassMayFailToMap)
 {
     for (const colour_form form : colour_forms) {

@@ -81,9 +81,9 @@ TEST_F(DecodePngAdam7, WidePicturesAreDrawnAsTold)
 
 TEST_F(DecodePngAdam7, InterlacedTestPicturesAreDrawnAsTold)
 {
-    for (const char* name :
-         {"basi0g01.png", "basi0g04.png", "basi0g08.png", "basi2c08.png", "basi2c16.png",
-          "basi3p04.png", "basi3p08.png", "basi4a08.png", "basi6a16.png", "rgb-adam7-cut.png"}) {
+    for (const char* name : {"basi0g01.png", "basi0g04.png", "basi0g08.png", "basi2c08.png",
+                             "basi2c16.png", "basi3p04.png", "basi3p08.png", "basi4a08.png",
+                             "basi6a16.png", "rgb-adam7-cut.png", "s01i3p01.png", "s05i3p02.png"}) {
         SCOPED_TRACE(name);
         expect_as_told(read_file(STILLIMAGE_TEST_DATA "/png/" + std::string(name)));
     }

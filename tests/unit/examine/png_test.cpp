@@ -245,6 +245,32 @@ TEST_F(PngExamination, ChunkThatClaimsGigabytesIsGivenNoMemory)
                              library_line("Read Error") + "Unexpected PNG error, giving up\n");
 }
 
+TEST_F(PngExamination, ChunkGetsNoMoreMemoryThanTheLargestOneNeeds)
+{
+    bytes file = png_signature();
+    append_png_chunk(file, {"IHDR", png_header({})});
+    const size_t claim = file.size();
+    file.insert(file.end(), {1, 0, 0, 0, 't', 'E', 'X', 't', 'k', 0, 'v'}); // 16 MiB
+    EXPECT_EQ(examine_bytes(file), -1);
+    EXPECT_NE(printed().find("PNG WARNING: tEXt: insufficient memory to read chunk\n"),
+              std::string::npos);
+    file[claim] = 0;
+    file[claim + 1] = 0xFF; // some bytes less
+    EXPECT_EQ(examine_bytes(file), -1);
+    EXPECT_EQ(printed(), "PNG WARNING: tEXt: chunk data is too large\n" +
+                             library_line("Read Error") + "Unexpected PNG error, giving up\n");
+}
+
+TEST_F(PngExamination, ChunkWithinTheLimitIsKept)
+{
+    png_spec spec = {.chunks = {{"tEXt", bytes(7'999'999, 'v')}}};
+    spec.chunks[0].data[1] = 0;
+    ASSERT_EQ(examine(spec), 0);
+    png_textp texts = nullptr;
+    EXPECT_EQ(png_get_text(png_context, png_context_info, &texts, nullptr), 1);
+    EXPECT_EQ(printed().find("WARNING"), std::string::npos);
+}
+
 TEST_F(PngExamination, SixteenBitSamplesArriveAsEight)
 {
     ASSERT_EQ(

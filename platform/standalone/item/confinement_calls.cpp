@@ -64,15 +64,14 @@ constexpr const char* allowed_calls[] = {
     "sync_file_range2",
     "write",
     "writev",
-    // files by name, which the rules for files limit further
+    // files by name, which the rules for files limit further; they know none for a file's mode,
+    // owner and times
     "access",
     "chdir",
-    "chmod",
     "faccessat",
     "faccessat2",
     "fchdir",
     "fchmod",
-    "fchmodat",
     "fchown",
     "fchown32",
     "fstat",
@@ -80,7 +79,6 @@ constexpr const char* allowed_calls[] = {
     "fstatat64",
     "fstatfs",
     "fstatfs64",
-    "futimesat",
     "getcwd",
     "getdents",
     "getdents64",
@@ -104,15 +102,9 @@ constexpr const char* allowed_calls[] = {
     "statfs",
     "statfs64",
     "statx",
-    "truncate",
-    "truncate64",
     "umask",
     "unlink",
     "unlinkat",
-    "utime",
-    "utimensat",
-    "utimensat_time64",
-    "utimes",
     // sockets, once they are there
     "accept",
     "accept4",
@@ -222,12 +214,18 @@ constexpr const char* allowed_calls[] = {
 // Their arguments lie in memory, where a filter cannot see them.
 constexpr const char* absent_calls[] = {"clone3", "futex_waitv", "openat2"};
 
-// Allowed when an argument, cut to the bits of the mask, has this value.
-struct argument_rule {
-    const char* name;
+// What an argument, cut to the bits of the mask, has to be.
+struct argument_bits {
     unsigned argument;
     uint64_t mask;
     uint64_t value;
+};
+
+// Allowed when both are so; a mask of 0 asks for nothing.
+struct argument_rule {
+    const char* name;
+    argument_bits first;
+    argument_bits second;
 };
 
 constexpr uint64_t all_of_an_int = 0xFFFFFFFF;
@@ -239,19 +237,25 @@ constexpr unsigned flags_of_clone = 1;
 constexpr unsigned flags_of_clone = 0;
 #endif
 
+constexpr uint64_t kind_of_socket = 0xF; // the other bits are flags
+constexpr argument_bits local = {0, all_of_an_int, AF_UNIX};
+constexpr argument_bits nothing = {0, 0, 0};
+
 constexpr argument_rule argument_rules[] = {
-    {"clone", flags_of_clone, new_namespaces, 0},
-    {"prlimit64", 0, all_of_an_int, 0}, // its own limits
-    {"socket", 0, all_of_an_int, AF_UNIX},
-    {"socketpair", 0, all_of_an_int, AF_UNIX},
+    {"clone", {flags_of_clone, new_namespaces, 0}, nothing},
+    {"prlimit64", {0, all_of_an_int, 0}, nothing}, // its own limits
+    // Streams lead to those who start programs for their user: message buses, agents, displays.
+    {"socket", local, {1, kind_of_socket, SOCK_SEQPACKET}},
+    {"socket", local, {1, kind_of_socket, SOCK_DGRAM}},
+    {"socketpair", local, nothing},
     // Questions to a terminal. Others put words into its user's mouth.
-    {"ioctl", 1, all_of_an_int, TCGETS},
+    {"ioctl", {1, all_of_an_int, TCGETS}, nothing},
 #ifdef TCGETS2
-    {"ioctl", 1, all_of_an_int, TCGETS2},
+    {"ioctl", {1, all_of_an_int, TCGETS2}, nothing},
 #endif
-    {"ioctl", 1, all_of_an_int, TIOCGPGRP},
-    {"ioctl", 1, all_of_an_int, TIOCGWINSZ},
-    {"ioctl", 1, all_of_an_int, FIONREAD},
+    {"ioctl", {1, all_of_an_int, TIOCGPGRP}, nothing},
+    {"ioctl", {1, all_of_an_int, TIOCGWINSZ}, nothing},
+    {"ioctl", {1, all_of_an_int, FIONREAD}, nothing},
 };
 
 // Calls that came later than these lists: a C library may try them first. So it is whether or not the
@@ -278,6 +282,11 @@ bool add_rule(scmp_filter_ctx filter, uint32_t action, const char* name, unsigne
            seccomp_rule_add_array(filter, action, number, comparisons, comparison) == 0;
 }
 
+scmp_arg_cmp compared(const argument_bits& bits)
+{
+    return {bits.argument, SCMP_CMP_MASKED_EQ, bits.mask, bits.value};
+}
+
 bool add_allowed_calls(scmp_filter_ctx filter)
 {
     for (const char* name : allowed_calls) {
@@ -286,8 +295,9 @@ bool add_allowed_calls(scmp_filter_ctx filter)
         }
     }
     for (const argument_rule& rule : argument_rules) {
-        const scmp_arg_cmp comparison = {rule.argument, SCMP_CMP_MASKED_EQ, rule.mask, rule.value};
-        if (!add_rule(filter, SCMP_ACT_ALLOW, rule.name, 1, &comparison)) {
+        const scmp_arg_cmp comparisons[] = {compared(rule.first), compared(rule.second)};
+        const unsigned count = rule.second.mask == 0 ? 1 : 2;
+        if (!add_rule(filter, SCMP_ACT_ALLOW, rule.name, count, comparisons)) {
             return false;
         }
     }

@@ -93,6 +93,10 @@ TEST_F(ConfinementCalls, WhatNoPictureNeedsIsRefused)
         NAMED(swapon),
         NAMED(mknodat),
         NAMED(symlinkat),
+        NAMED(fchmodat),
+        NAMED(fchownat),
+        NAMED(utimensat),
+        NAMED(truncate),
         NAMED(open_by_handle_at),
         NAMED(fanotify_init),
         NAMED(inotify_init1),
@@ -131,7 +135,7 @@ TEST_F(ConfinementCalls, WhatTheLibraryFallsBackFromIsAbsent)
               0);
 }
 
-TEST_F(ConfinementCalls, SocketsAreLocal)
+TEST_F(ConfinementCalls, SocketsAreLocalAndNoStreams)
 {
     EXPECT_EQ(
         restricted([] {
@@ -139,7 +143,10 @@ TEST_F(ConfinementCalls, SocketsAreLocal)
                 EXPECT_EQ(socket(family, SOCK_STREAM, 0), -1);
                 EXPECT_EQ(errno, EPERM) << family;
             }
-            const int type = SOCK_SEQPACKET;
+            EXPECT_EQ(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), -1);
+            EXPECT_EQ(errno, EPERM);
+            EXPECT_GE(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), 0);
+            const int type = SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK;
             EXPECT_GE(socket(AF_UNIX, type, 0), 0);
             int ends[2];
             EXPECT_EQ(socketpair(AF_UNIX, type, 0, ends), 0);

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "bin/decode/tiff_jbig.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
 #include "bin/examine/tiff.h"
@@ -78,15 +79,23 @@ bool allocate_strip(const tiff_variant& variant, strip_buffer* buffer)
     return buffer->bytes != nullptr;
 }
 
+// Bytes read, or the library's error, -1, which becomes more than was asked for.
+uint64_t read_some(uint32_t strip, unsigned char* bytes, uint64_t wanted)
+{
+    if (!jbig_strip_fits(strip, wanted)) {
+        return UINT64_MAX;
+    }
+    return static_cast<uint64_t>(
+        TIFFReadEncodedStrip(tiff_image, strip, bytes, static_cast<tmsize_t>(wanted)));
+}
+
 // Appends what the library gives of the strip, call by call. Bytes read.
 uint64_t read_encoded_strip(uint64_t strip, unsigned char* bytes, uint64_t wanted)
 {
     uint64_t got = 0;
     while (got < wanted) {
         const uint64_t left = wanted - got;
-        // The library's error, -1, becomes more than was asked for.
-        const auto n = static_cast<uint64_t>(TIFFReadEncodedStrip(
-            tiff_image, static_cast<uint32_t>(strip), bytes + got, static_cast<tmsize_t>(left)));
+        const uint64_t n = read_some(static_cast<uint32_t>(strip), bytes + got, left);
         if (n == 0) {
             fputs("TIFFReadEncodedStrip() returned 0 prematurely\n", stderr);
             break;

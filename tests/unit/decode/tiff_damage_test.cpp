@@ -147,4 +147,55 @@ TEST_F(DecodeTiffDamage, RowsThatACodecKeepsBackReadAsZeros)
     }
 }
 
+// --- a codec that takes what it is promised -----------------------------------------------------
+
+void put_number(file_bytes& strip, size_t at, uint32_t value)
+{
+    for (size_t i = 0; i < 4; ++i) {
+        strip[at + i] = static_cast<unsigned char>(value >> (24 - 8 * i));
+    }
+}
+
+// A strip of 32 rows whose header says something else, in either order of bits.
+tiff_spec promising_jbig(uint32_t strip_width, uint32_t strip_height, uint32_t fill_order)
+{
+    constexpr uint32_t rows = 32;
+    tiff_spec spec = plain_tiff(width, rows, 1, 0);
+    spec.set_short(258, {1});
+    spec.set_short(259, {COMPRESSION_JBIG});
+    spec.set_short(266, {fill_order});
+    file_bytes strip = strip_of_jbig(rows, 1);
+    TIFFReverseBits(strip.data(), static_cast<tmsize_t>(strip.size()));
+    put_number(strip, 4, strip_width);
+    put_number(strip, 8, strip_height);
+    if (fill_order != FILLORDER_LSB2MSB) {
+        TIFFReverseBits(strip.data(), static_cast<tmsize_t>(strip.size()));
+    }
+    spec.strips = {strip};
+    return spec;
+}
+
+TEST_F(DecodeTiffDamage, JbigThatPromisesMoreThanItsStripIsNotDecoded)
+{
+    if (TIFFIsCODECConfigured(COMPRESSION_JBIG) == 0) {
+        GTEST_SKIP() << "libtiff has no JBIG";
+    }
+    for (const uint32_t fill_order : {FILLORDER_MSB2LSB, FILLORDER_LSB2MSB}) {
+        for (const auto& [w, h] :
+             {std::pair{width, 33U}, std::pair{width + 3, 32U}, std::pair{~0U, 1U},
+              std::pair{1U << 20, 1U << 20}, std::pair{~0U - 1, ~0U - 1}}) {
+            start_anew();
+            ASSERT_TRUE(open(write_tiff(promising_jbig(w, h, fill_order)), 0x5A));
+            EXPECT_EQ(decode(), 0);
+            EXPECT_EQ(told, "TIFFReadEncodedStrip() returned too many bytes\n");
+            EXPECT_EQ(told_by_library, "TIFF ERROR: JBIG: Strip 0 says that it is " +
+                                           std::to_string(w) + " x " + std::to_string(h) +
+                                           " pixels, which is too much\n");
+            EXPECT_EQ(sample(image_offset_Y, image_stride_Y, 0, 0), 16U);
+        }
+        expect_no_heap(write_tiff(promising_jbig(width, 32, fill_order)));
+        EXPECT_EQ(told + told_by_library, "");
+    }
+}
+
 } // namespace

@@ -2,6 +2,7 @@
 // decoder's hands. Each is served or refused with its message, in bounded time and memory.
 #include <csignal>
 #include <fcntl.h>
+#include <fstream>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -17,6 +18,7 @@
 using testing::AnyOf;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 
 namespace {
 
@@ -40,6 +42,35 @@ protected:
         spec.colour_type = colour_type;
         spec.rows.assign(side * (side * bytes_per_pixel + 1), 0);
         return write_png(spec);
+    }
+
+    // The same of one bit, interlaced.
+    static std::vector<unsigned char> interlaced_png_bomb(uint32_t side)
+    {
+        static constexpr uint32_t rows_and_columns_every[7][2] = {{8, 8}, {8, 8}, {8, 4}, {4, 4},
+                                                                  {4, 2}, {2, 2}, {2, 1}};
+        png_spec spec;
+        spec.width = side;
+        spec.height = side;
+        spec.depth = 1;
+        spec.colour_type = 0;
+        spec.interlace = 1;
+        size_t size = 0;
+        for (const auto& [row_step, column_step] : rows_and_columns_every) {
+            size += side / row_step * (side / column_step / 8 + 1);
+        }
+        spec.rows.assign(size, 0);
+        return write_png(spec);
+    }
+
+    static size_t shared_mappings_of(const worker& served)
+    {
+        std::ifstream maps("/proc/" + std::to_string(served.pid()) + "/maps");
+        size_t count = 0;
+        for (std::string line; std::getline(maps, line);) {
+            count += line.find("rw-s") != std::string::npos ? 1 : 0;
+        }
+        return count;
     }
 
     static tiff_spec grey_tiff(uint32_t width, uint32_t height, uint32_t rows_per_strip)
@@ -66,6 +97,21 @@ TEST_F(HostileDecodes, PictureOfTheLargestSizeIsServedFromASmallFile)
     const stillimage_picture* picture = stillimage_frame_picture(frame.get());
     EXPECT_EQ(picture->width, 16384U);
     EXPECT_EQ(picture->plane[STILLIMAGE_Y][16383UL * picture->stride[STILLIMAGE_Y] + 16383], 16);
+    EXPECT_EQ(stillimage_quit(client.get(), 10'000), STILLIMAGE_OK);
+    EXPECT_EQ(served.wait_end(), 0);
+}
+
+// Each of its 30720 rows asks for a mapping.
+TEST_F(HostileDecodes, InterlacedPictureOfTheLargestSizeIsMappedOnce)
+{
+    worker served(home, write("bomb.png", interlaced_png_bomb(16384)));
+    ASSERT_TRUE(served.wait_printed("Generating mipmap")); // the first pass is over
+    EXPECT_EQ(shared_mappings_of(served), 1U);
+    ASSERT_TRUE(served.wait_printed("[final]", 120'000));
+    EXPECT_EQ(shared_mappings_of(served), 1U);
+    EXPECT_THAT(served.told(), Not(HasSubstr("Failed to memory-map")));
+    EXPECT_THAT(served.told(), Not(HasSubstr("PNG ERROR")));
+    const held_client client = connect_to(served.socket());
     EXPECT_EQ(stillimage_quit(client.get(), 10'000), STILLIMAGE_OK);
     EXPECT_EQ(served.wait_end(), 0);
 }

@@ -374,7 +374,17 @@ TEST_F(JpegFour, InvariantsNameTheDecoder)
     image_chroma_x_shift = 0;
     image_chroma_y_shift = 1;
     EXPECT_EXIT(full_decode_jpeg_raw_cmyk(), KilledBySignal(SIGABRT), "image_chroma_y_shift == 0");
+    image_chroma_y_shift = 5; // 16 >> 5 is no group
+    EXPECT_EXIT(full_decode_jpeg_raw_ycck(), KilledBySignal(SIGABRT),
+                "full_decode_jpeg_raw_ycck: Assertion `\\(GROUP_chroma << image_chroma_y_shift\\) "
+                "== 16' failed.\n$");
     image_chroma_y_shift = 0;
+    image_cnb_buffer_fd = -1;
+    for (int (*const decoder)() : {full_decode_jpeg_raw_cmyk, full_decode_jpeg_raw_ycck}) {
+        EXPECT_EXIT(decoder(), KilledBySignal(SIGABRT),
+                    "full_decode_jpeg_raw_(cmyk|ycck): .*image_cnb_buffer_fd >= 0");
+    }
+    image_cnb_buffer_fd = 0;
     jpeg_decompress->num_components = 3;
     EXPECT_EXIT(full_decode_jpeg_raw_cmyk(), KilledBySignal(SIGABRT),
                 "jpeg_decompress->num_components == 4");

@@ -28,18 +28,36 @@ uint32_t halved(uint32_t size, int times)
                                  times);
 }
 
-// The number of halvings that lead from the full size to the record's (cut) size.
-std::optional<int> find_level(const unsigned char* copy, uint32_t width, uint32_t height)
+struct extent {
+    uint32_t width;
+    uint32_t height;
+    bool operator==(const extent&) const = default;
+};
+
+// The number of halvings that lead from the full size to the record's (cut) size; none when several
+// sizes could have been cut to that. A full-size picture is known by its area.
+std::optional<int> find_level(const unsigned char* copy, extent full)
 {
     const uint64_t wanted_width = load(copy, format::at_source_width, 4) >> 16;
     const uint64_t wanted_height = load(copy, format::at_source_height, 4) >> 16;
+    const bool full_size = load(copy, format::at_area_size, 4) == format::full_size_area;
+    std::optional<int> found;
+    extent found_size = {};
     for (int level = 0; level <= most_levels; ++level) {
-        if (halved(width, level) % cut == wanted_width &&
-            halved(height, level) % cut == wanted_height) {
-            return level;
+        const extent size = {halved(full.width, level), halved(full.height, level)};
+        if (size.width % cut != wanted_width || size.height % cut != wanted_height) {
+            continue;
         }
+        if (level == 0 && full_size) {
+            return 0;
+        }
+        if (found && size != found_size) {
+            return std::nullopt;
+        }
+        found = found.value_or(level);
+        found_size = size;
     }
-    return std::nullopt;
+    return found;
 }
 
 // log2 of the subsampling that a sample mask stands for.
@@ -134,11 +152,11 @@ private:
 
     const char* read_geometry()
     {
-        const auto level = find_level(copy, picture->full_width, picture->full_height);
+        const auto level = find_level(copy, {picture->full_width, picture->full_height});
         const auto x_shift = read_shift(copy, format::at_horizontal_masks);
         const auto y_shift = read_shift(copy, format::at_vertical_masks);
         if (!level) {
-            return "its size is no level of the picture's";
+            return "its size is not that of one level of the picture";
         }
         if (!x_shift || !y_shift) {
             return "its chroma subsampling is unknown";

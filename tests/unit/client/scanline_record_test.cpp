@@ -44,7 +44,7 @@ breaking field(size_t at, size_t size, uint64_t value)
 constexpr const char* marks = "its marks are missing";
 constexpr const char* outside = "a plane does not lie inside the shared area";
 constexpr const char* subsampling = "its chroma subsampling is unknown";
-constexpr const char* level = "its size is no level of the picture's";
+constexpr const char* level = "its size is not that of one level of the picture";
 constexpr const char* size_differs = "it is about a picture of another size";
 constexpr const char* short_stride = "a row is longer than its stride";
 
@@ -145,6 +145,39 @@ TEST(ScanlineRecord, SizesBeyond16BitsComeFromTheMessage)
             EXPECT_EQ(result.picture.stride[STILLIMAGE_V], sample.strides[STILLIMAGE_V]);
         }
     }
+}
+
+// A record as workers make them of reduced levels: its area is larger.
+frame_sample level_sample(const sample_shape& shape)
+{
+    frame_sample sample(shape);
+    sample.area.resize(sample.message.scanline_offset + format::level_area);
+    sample.message.area_size = sample.area.size();
+    sample.message.scanline_size = format::level_area;
+    sample.put(format::at_area_size, 4, format::level_area);
+    return sample;
+}
+
+TEST(ScanlineRecord, FullSizeIsKnownByItsArea)
+{
+    const judgement full = judge(frame_sample({.full_width = 262'144, .full_height = 1}));
+    ASSERT_TRUE(full.accepted) << full.reason;
+    EXPECT_EQ(full.picture.width, 262'144);
+    const judgement third =
+        judge(level_sample({.full_width = 262'144, .full_height = 1, .level = 3}));
+    ASSERT_TRUE(third.accepted) << third.reason;
+    EXPECT_EQ(third.picture.width, 32'768);
+}
+
+TEST(ScanlineRecord, LevelThatLooksLikeAnotherIsRefused)
+{
+    for (const int halvings : {1, 2}) { // both are 0 x 1 in 16 bits
+        const judgement result =
+            judge(level_sample({.full_width = 262'144, .full_height = 1, .level = halvings}));
+        EXPECT_EQ(result.reason, level);
+    }
+    const judgement smallest = judge(level_sample({.full_width = 1, .full_height = 1, .level = 2}));
+    EXPECT_TRUE(smallest.accepted) << smallest.reason; // all of the same size
 }
 
 TEST(ScanlineRecord, LevelWhoseChromaRowIsRoundedDownEndsAtItsStride)

@@ -3,6 +3,7 @@
 #include <iterator>
 #include <malloc.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -379,12 +380,12 @@ TEST_F(JpegFour, InvariantsNameTheDecoder)
                 "full_decode_jpeg_raw_ycck: Assertion `\\(GROUP_chroma << image_chroma_y_shift\\) "
                 "== 16' failed.\n$");
     image_chroma_y_shift = 0;
-    image_cnb_buffer_fd = -1;
+    const int buffer = std::exchange(image_cnb_buffer_fd, -1);
     for (int (*const decoder)() : {full_decode_jpeg_raw_cmyk, full_decode_jpeg_raw_ycck}) {
         EXPECT_EXIT(decoder(), KilledBySignal(SIGABRT),
                     "full_decode_jpeg_raw_(cmyk|ycck): .*image_cnb_buffer_fd >= 0");
     }
-    image_cnb_buffer_fd = 0;
+    image_cnb_buffer_fd = buffer;
     jpeg_decompress->num_components = 3;
     EXPECT_EXIT(full_decode_jpeg_raw_cmyk(), KilledBySignal(SIGABRT),
                 "jpeg_decompress->num_components == 4");

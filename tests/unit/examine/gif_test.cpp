@@ -156,6 +156,9 @@ TEST_F(GifExamination, FrameOfGigabytesThatIsNotThereIsAReadingError)
         ASSERT_EQ(examine({.frames = {frame}}), 0);
         EXPECT_EQ(printed().substr(0, 22), "GIF reading error (?)\n");
         EXPECT_EQ(image_decoded_frames, 1U);
+        if (side > 46340) {
+            EXPECT_EQ(gif_image->SavedImages[0].RasterBits, nullptr);
+        }
         free_all_gif();
     }
 }

@@ -1,6 +1,8 @@
 #include "gst/picture_source.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <unistd.h>
 
 #include "gst/element.h"
 #include "gst/frame_buffer.h"
@@ -50,6 +52,11 @@ bool picture_source::start(const source_settings& settings)
     if (name().empty()) {
         GST_ELEMENT_ERROR(element_, RESOURCE, NOT_FOUND,
                           ("No picture to open: set \"location\" or \"socket\""), (nullptr));
+        return false;
+    }
+    if (settings_.where.socket.empty() && access(name().c_str(), F_OK) != 0) {
+        GST_ELEMENT_ERROR(element_, RESOURCE, NOT_FOUND,
+                          ("Cannot open \"%s\": %s", name().c_str(), g_strerror(errno)), (nullptr));
         return false;
     }
     link_ = std::make_shared<worker_link>();
@@ -109,11 +116,14 @@ bool picture_source::recover(const char* doing, stillimage_result result)
 
 // --- the picture's shape -------------------------------------------------------------------------
 
+// Of another worker when the first one has gone; what is shown is that one's then, too, or nothing yet.
 bool picture_source::take(uint64_t units, int width, int height, std::shared_ptr<held_frame>* frame)
 {
-    const stillimage_result result =
-        link_->get_frame(units, width, height, settings_.timeout_ms, frame);
-    return result == STILLIMAGE_OK || recover("get a frame of", result);
+    stillimage_result result = STILLIMAGE_OK;
+    do {
+        result = link_->get_frame(units, width, height, settings_.timeout_ms, frame);
+    } while (result != STILLIMAGE_OK && recover("get a frame of", result));
+    return result == STILLIMAGE_OK;
 }
 
 bool picture_source::prepare()
@@ -264,9 +274,20 @@ uint64_t picture_source::end_of_shown(uint64_t units)
     return end;
 }
 
+// A worker that goes meanwhile takes with it what was shown; so it is looked for once more.
+bool picture_source::next_moment(shown_moment* moment)
+{
+    do {
+        if (!find_moment(moment)) {
+            return false;
+        }
+    } while (shown_ == nullptr);
+    return true;
+}
+
 // With a frame rate, the frame that is on at the start of each of its periods; without, each frame as
 // long as the timeline says.
-bool picture_source::next_moment(shown_moment* moment)
+bool picture_source::find_moment(shown_moment* moment)
 {
     moment->start = position_;
     moment->end = GST_CLOCK_TIME_NONE;
@@ -282,11 +303,15 @@ bool picture_source::next_moment(shown_moment* moment)
     if (!show_frame_at(moment->units)) {
         return false;
     }
+    if (moment->units >= played_.duration) { // another worker, with a shorter timeline
+        show(nullptr);
+        return true;
+    }
     if (info_.fps_n == 0 && played_.animated) {
         const uint64_t loop_start = units - moment->units;
         moment->end = played_.time_of(loop_start + end_of_shown(moment->units));
     }
-    return shown_ != nullptr;
+    return true;
 }
 
 bool picture_source::show_frame_at(uint64_t units)

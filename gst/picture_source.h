@@ -74,6 +74,7 @@ private:
     GstBuffer* next_buffer();
     bool is_over() const;
     bool next_moment(shown_moment* moment);
+    bool find_moment(shown_moment* moment);
     uint64_t end_of_shown(uint64_t units);
     bool same_frame(uint64_t units, uint64_t number);
     void choose_level(GstCaps* allowed, GstStructure** chosen);

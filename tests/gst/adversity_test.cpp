@@ -43,6 +43,18 @@ std::string error_of(const std::string& properties)
     return pipeline("stillimagesrc " + properties + " ! fakesink").run();
 }
 
+// Of the newest buffer that a sink has.
+GstClockTime time_shown(GstElement* sink)
+{
+    GstSample* sample = nullptr;
+    g_object_get(sink, "last-sample", &sample, nullptr);
+    const GstClockTime time = sample != nullptr ? GST_BUFFER_PTS(gst_sample_get_buffer(sample)) : 0;
+    if (sample != nullptr) {
+        gst_sample_unref(sample);
+    }
+    return time;
+}
+
 // --- opening -------------------------------------------------------------------------------------
 
 TEST_F(GstAdversity, WorkerIsStartedForALocation)
@@ -60,8 +72,7 @@ TEST_F(GstAdversity, NothingToOpenIsAnError)
 TEST_F(GstAdversity, MissingFileIsToldWithItsReason)
 {
     EXPECT_EQ(error_of("location=/missing/picture.png"),
-              "Cannot open \"/missing/picture.png\": cannot work out the socket of "
-              "/missing/picture.png: No such file or directory");
+              "Cannot open \"/missing/picture.png\": No such file or directory");
 }
 
 TEST_F(GstAdversity, WorkerThatCannotBeStartedIsTold)
@@ -109,16 +120,7 @@ TEST_F(GstAdversity, AnotherWorkerIsStartedInMidStream)
                           " ! fakesink name=sink sync=false");
     played.set_state(GST_STATE_PLAYING);
     const auto sink = played.find("sink");
-    const auto shown = [&] {
-        GstSample* sample = nullptr;
-        g_object_get(sink.get(), "last-sample", &sample, nullptr);
-        const GstClockTime time =
-            sample != nullptr ? GST_BUFFER_PTS(gst_sample_get_buffer(sample)) : 0;
-        if (sample != nullptr) {
-            gst_sample_unref(sample);
-        }
-        return time;
-    };
+    const auto shown = [&] { return time_shown(sink.get()); };
     ASSERT_TRUE(eventually([&] { return shown() > 0; }));
     const pid_t first = worker_of(picture);
     end_process(first);
@@ -132,6 +134,22 @@ TEST_F(GstAdversity, AnotherWorkerIsStartedInMidStream)
     EXPECT_NE(worker_of(picture), first);
     const GstClockTime then = shown();
     EXPECT_TRUE(eventually([&] { return shown() > then; }));
+    EXPECT_EQ(played.wait(GST_MESSAGE_ERROR, 0), nullptr);
+}
+
+// The element asks for frames all the time, so most of them go in the middle of that.
+TEST_F(GstAdversity, WorkersMayGoAtAnyMoment)
+{
+    const std::string picture = copy_of("gif/varying-delays.gif");
+    const pipeline played("stillimagesrc loops=-1 location=" + picture +
+                          " ! fakesink name=sink sync=false");
+    played.set_state(GST_STATE_PLAYING);
+    const auto sink = played.find("sink");
+    for (int i = 0; i < 12; ++i) {
+        const GstClockTime then = time_shown(sink.get());
+        ASSERT_TRUE(eventually([&] { return time_shown(sink.get()) > then; }));
+        kill(worker_of(picture), SIGKILL);
+    }
     EXPECT_EQ(played.wait(GST_MESSAGE_ERROR, 0), nullptr);
 }
 

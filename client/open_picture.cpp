@@ -87,7 +87,7 @@ stillimage_result connect_by_picture(stillimage_client& client, const deadline& 
     std::string path;
     if (!item_paths::default_socket(client.picture.c_str(), &path)) {
         return fail(client, STILLIMAGE_ERROR_SYSTEM,
-                    "cannot work out the socket of " + client.picture + ": " + reason_of(errno));
+                    "cannot reach the picture " + client.picture + ": " + reason_of(errno));
     }
     if ((client.flags & STILLIMAGE_START_WORKER) == 0) {
         return open_connection(client, path, deadline(start_ms), until);

@@ -158,16 +158,17 @@ bool started_worker::gave_way() const
 }
 
 // The last line names the step that failed, the one before it mostly says why. A worker that does not
-// know the type of the file says nothing after its settings.
+// know the type of the file says so in words of its own, or nothing after its settings.
 std::string started_worker::last_words() const
 {
     constexpr std::string_view last_setting = "   Sock: ";
+    constexpr std::string_view unknown_type = "FIXME: Unknown file type id";
     std::string_view rest = said_;
     const std::string_view last = take_last_line(rest);
     if (last.empty()) {
         return "it said nothing";
     }
-    if (last.starts_with(last_setting)) {
+    if (last.starts_with(last_setting) || last == unknown_type) {
         return "it is no picture of a known type";
     }
     const std::string_view reason = take_last_line(rest);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "platform/item_paths.h"
 
@@ -33,12 +34,14 @@ exit_status status_of(stillimage_result result)
     }
 }
 
-// What to try next, or nothing.
-std::string advice(stillimage_result result)
+// What to try next, or nothing. `picture` is "" where it is not known.
+std::string advice(stillimage_result result, const std::string& picture)
 {
     switch (result) {
     case STILLIMAGE_ERROR_NO_WORKER:
-        return " (start one: stillimage --file PICTURE)";
+        return " (start one: stillimage --file " + (picture.empty() ? "PICTURE" : picture) + ")";
+    case STILLIMAGE_ERROR_VALUE:
+        return " (an aspect ratio is written as 16:9, background music as on or off)";
     case STILLIMAGE_ERROR_NOT_READY:
         return " (leave --no-wait out to wait for it)";
     case STILLIMAGE_ERROR_TIMEOUT:
@@ -65,26 +68,35 @@ void tell(const std::string& text)
 exit_status session::open(const call_options& options)
 {
     socket_path = options.socket_or_picture;
-    if (is_regular_file(socket_path) &&
-        !item_paths::default_socket(options.socket_or_picture.c_str(), &socket_path)) {
-        tell("cannot work out the socket of " + options.socket_or_picture + ": " + strerror(errno));
-        return STATUS_FAILED;
+    if (is_regular_file(socket_path)) {
+        picture = options.socket_or_picture;
+        if (!item_paths::default_socket(picture.c_str(), &socket_path)) {
+            tell("cannot work out the socket of " + picture + ": " + strerror(errno));
+            return STATUS_FAILED;
+        }
     }
     const int limit =
         options.timeout_ms < 0 || options.timeout_ms > connect_ms ? connect_ms : options.timeout_ms;
     stillimage_client* made = nullptr;
     const stillimage_result result = stillimage_connect(socket_path.c_str(), limit, &made);
     connection.reset(made);
+    if (result == STILLIMAGE_ERROR_NO_WORKER &&
+        access(options.socket_or_picture.c_str(), F_OK) != 0) {
+        tell("cannot connect: " + reason_of(result) + " (nor a picture of that name)");
+        return status_of(result);
+    }
     return result == STILLIMAGE_OK ? STATUS_DONE : failed("connect", result);
 }
 
-exit_status session::failed(const char* doing, stillimage_result result) const
+std::string session::reason_of(stillimage_result result) const
 {
-    std::string reason = stillimage_last_error(connection.get());
-    if (reason.empty()) {
-        reason = stillimage_result_text(result);
-    }
-    tell(std::string("cannot ") + doing + ": " + reason + advice(result));
+    const char* reason = stillimage_last_error(connection.get());
+    return reason[0] == '\0' ? stillimage_result_text(result) : reason;
+}
+
+exit_status session::failed(const std::string& doing, stillimage_result result) const
+{
+    tell("cannot " + doing + ": " + reason_of(result) + advice(result, picture));
     return status_of(result);
 }
 

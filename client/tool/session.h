@@ -24,7 +24,7 @@ public:
     exit_status open(const call_options& options);
 
     // Tells why `doing` ("get a frame") failed, and the exit status that stands for it.
-    exit_status failed(const char* doing, stillimage_result result) const;
+    exit_status failed(const std::string& doing, stillimage_result result) const;
 
     // The frame that the options ask for.
     exit_status take_frame(const call_options& options, held_frame* frame) const;
@@ -35,6 +35,9 @@ public:
     stillimage_client* client() const { return connection.get(); }
 
 private:
+    std::string reason_of(stillimage_result result) const;
+
     std::unique_ptr<stillimage_client, client_closer> connection;
     std::string socket_path;
+    std::string picture; // "" when its socket was named
 };

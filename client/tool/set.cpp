@@ -11,5 +11,7 @@ exit_status call_set(const call_options& options)
     }
     const stillimage_result result = stillimage_set_metadata(worker.client(), options.name.c_str(),
                                                              options.value.c_str(), answer_ms);
-    return result == STILLIMAGE_OK ? STATUS_DONE : worker.failed("set the value", result);
+    return result == STILLIMAGE_OK
+               ? STATUS_DONE
+               : worker.failed("set \"" + options.name + "\" to \"" + options.value + "\"", result);
 }

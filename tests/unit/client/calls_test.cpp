@@ -14,6 +14,7 @@ namespace {
 
 using namespace comm_protocol;
 using json11::Json;
+using testing::EndsWith;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
@@ -96,9 +97,21 @@ TEST(ClientCalls, NobodyThereIsThree)
     options.timeout_ms = 0;
     const outcome result = run_call(call_wait, options);
     EXPECT_EQ(result.status, STATUS_NO_WORKER);
-    EXPECT_EQ(result.told,
-              "stillimage-client: cannot connect: no worker serves at " + folder.path("missing") +
-                  ": there is no such socket (start one: stillimage --file PICTURE)\n");
+    EXPECT_EQ(result.told, "stillimage-client: cannot connect: no worker serves at " +
+                               folder.path("missing") +
+                               ": there is no such socket (nor a picture of that name)\n");
+}
+
+TEST(ClientCalls, PictureThatNobodyServesIsThree)
+{
+    const temporary_folder folder;
+    call_options options;
+    options.socket_or_picture = folder.write("photo.jpg", "picture");
+    options.timeout_ms = 0;
+    const outcome result = run_call(call_wait, options);
+    EXPECT_EQ(result.status, STATUS_NO_WORKER);
+    EXPECT_THAT(result.told, EndsWith("there is no such socket (start one: stillimage --file " +
+                                      options.socket_or_picture + ")\n"));
 }
 
 TEST(ClientCalls, TimeLimitIsFour)
@@ -122,11 +135,13 @@ TEST(ClientCalls, RefusalIsFive)
 TEST(ClientCalls, RefusedValueIsOne)
 {
     call_options options;
-    options.name = "name";
-    options.value = "value";
+    options.name = "aspect ratio";
+    options.value = "wide";
     const outcome result = run_against(answering(SET_METADATA, REFUSED_VALUE), call_set, options);
     EXPECT_EQ(result.status, STATUS_FAILED);
-    EXPECT_EQ(result.told, "stillimage-client: cannot set the value: the worker says: reason\n");
+    EXPECT_EQ(result.told,
+              "stillimage-client: cannot set \"aspect ratio\" to \"wide\": the worker says: reason "
+              "(an aspect ratio is written as 16:9, background music as on or off)\n");
 }
 
 TEST(ClientCalls, SetAndQuitReachTheWorker)

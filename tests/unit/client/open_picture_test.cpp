@@ -256,6 +256,10 @@ TEST_F(OpenPicture, FileThatIsNoPictureIsRefusedInTheWorkersWords)
     const std::string text = home.folder().write("text.png", "no picture");
     EXPECT_EQ(connect(text, STILLIMAGE_START_WORKER), STILLIMAGE_ERROR_REFUSED);
     EXPECT_EQ(error(), "the worker does not serve " + text + ": it is no picture of a known type");
+    const std::string other =
+        home.folder().write("passwd", std::string("root:x:0:0::/root:/bin/sh\n"));
+    EXPECT_EQ(connect(other, STILLIMAGE_START_WORKER), STILLIMAGE_ERROR_REFUSED);
+    EXPECT_EQ(error(), "the worker does not serve " + other + ": it is no picture of a known type");
     const std::string tiled = STILLIMAGE_TEST_DATA "/tiff/tiled.tiff";
     EXPECT_EQ(connect(tiled, STILLIMAGE_START_WORKER), STILLIMAGE_ERROR_REFUSED);
     EXPECT_EQ(error(), "the worker does not serve " + tiled +
@@ -266,7 +270,7 @@ TEST_F(OpenPicture, FileThatIsNoPictureIsRefusedInTheWorkersWords)
 TEST_F(OpenPicture, MissingPictureAndMissingProgramAreTold)
 {
     EXPECT_EQ(connect("/missing/picture", STILLIMAGE_START_WORKER), STILLIMAGE_ERROR_SYSTEM);
-    EXPECT_EQ(error(), "cannot work out the socket of /missing/picture: No such file or directory");
+    EXPECT_EQ(error(), "cannot reach the picture /missing/picture: No such file or directory");
     environment.set("STILLIMAGE_PROGRAM", "/missing/program");
     EXPECT_EQ(connect(picture, STILLIMAGE_START_WORKER), STILLIMAGE_ERROR_NO_WORKER);
     EXPECT_EQ(error(), "cannot start '/missing/program': No such file or directory");

@@ -16,6 +16,8 @@ namespace item {
 
 namespace {
 
+// Not among them are calls whose arguments lie in memory, where a filter cannot see them (clone3,
+// openat2): a C library that finds them absent takes the older ones.
 constexpr const char* allowed_calls[] = {
     // memory
     "brk",
@@ -211,9 +213,6 @@ constexpr const char* allowed_calls[] = {
     "uname",
 };
 
-// Their arguments lie in memory, where a filter cannot see them.
-constexpr const char* absent_calls[] = {"clone3", "futex_waitv", "openat2"};
-
 // What an argument, cut to the bits of the mask, has to be.
 struct argument_bits {
     unsigned argument;
@@ -258,28 +257,12 @@ constexpr argument_rule argument_rules[] = {
     {"ioctl", {1, all_of_an_int, FIONREAD}, nothing},
 };
 
-// Calls that came later than these lists: a C library may try them first. So it is whether or not the
-// libseccomp at hand has names for them.
-constexpr int first_common_number = 424; // from here on the same on all architectures
-constexpr int last_listed_number = 450;
-constexpr int end_of_numbers = 512;
-
-bool came_later(int number)
-{
-    if (number > last_listed_number) {
-        return true;
-    }
-    const std::unique_ptr<char, decltype(&free)> name(
-        seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, number), free);
-    return name == nullptr;
-}
-
-bool add_rule(scmp_filter_ctx filter, uint32_t action, const char* name, unsigned comparisons,
-              const scmp_arg_cmp* comparison)
+bool allow(scmp_filter_ctx filter, const char* name, unsigned comparisons,
+           const scmp_arg_cmp* comparison)
 {
     const int number = seccomp_syscall_resolve_name(name);
     return number == __NR_SCMP_ERROR ||
-           seccomp_rule_add_array(filter, action, number, comparisons, comparison) == 0;
+           seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, number, comparisons, comparison) == 0;
 }
 
 scmp_arg_cmp compared(const argument_bits& bits)
@@ -290,30 +273,14 @@ scmp_arg_cmp compared(const argument_bits& bits)
 bool add_allowed_calls(scmp_filter_ctx filter)
 {
     for (const char* name : allowed_calls) {
-        if (!add_rule(filter, SCMP_ACT_ALLOW, name, 0, nullptr)) {
+        if (!allow(filter, name, 0, nullptr)) {
             return false;
         }
     }
     for (const argument_rule& rule : argument_rules) {
         const scmp_arg_cmp comparisons[] = {compared(rule.first), compared(rule.second)};
         const unsigned count = rule.second.mask == 0 ? 1 : 2;
-        if (!add_rule(filter, SCMP_ACT_ALLOW, rule.name, count, comparisons)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool add_absent_calls(scmp_filter_ctx filter)
-{
-    for (const char* name : absent_calls) {
-        if (!add_rule(filter, SCMP_ACT_ERRNO(ENOSYS), name, 0, nullptr)) {
-            return false;
-        }
-    }
-    for (int number = first_common_number; number < end_of_numbers; ++number) {
-        if (came_later(number) &&
-            seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), number, 0) != 0) {
+        if (!allow(filter, rule.name, count, comparisons)) {
             return false;
         }
     }
@@ -324,7 +291,7 @@ bool set_attributes(scmp_filter_ctx filter)
 {
     // Giving up new privileges is a measure of its own.
     return seccomp_attr_set(filter, SCMP_FLTATR_CTL_NNP, 0) == 0 &&
-           seccomp_attr_set(filter, SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_ERRNO(EPERM)) == 0;
+           seccomp_attr_set(filter, SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_ERRNO(ENOSYS)) == 0;
 }
 
 // What later versions of the library offer for speed: to find the rule by the number of the call, and
@@ -345,13 +312,13 @@ void ask_for_speed(scmp_filter_ctx filter)
 bool restrict_calls()
 {
     const std::unique_ptr<void, void (*)(scmp_filter_ctx)> filter(
-        seccomp_init(SCMP_ACT_ERRNO(EPERM)), seccomp_release);
+        seccomp_init(SCMP_ACT_ERRNO(ENOSYS)), seccomp_release);
     if (!filter) {
         return false;
     }
     ask_for_speed(filter.get());
     return set_attributes(filter.get()) && add_allowed_calls(filter.get()) &&
-           add_absent_calls(filter.get()) && seccomp_load(filter.get()) == 0;
+           seccomp_load(filter.get()) == 0;
 }
 
 } // namespace item

@@ -26,7 +26,7 @@ constexpr size_t far_too_much = size_t{1} << 46;
 bool inet_sockets_are_refused()
 {
     const platform::unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    return !fd && errno == EPERM;
+    return !fd && errno == ENOSYS;
 }
 
 bool has_no_new_privileges()

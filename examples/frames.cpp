@@ -4,8 +4,10 @@
 //     frames PICTURE FOLDER
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 
 #include "stillimage_client.hpp"
@@ -35,14 +37,18 @@ void save(const stillimage_picture& picture, const std::string& path)
     const auto pixels = stillimage::to_pixels(picture, STILLIMAGE_RGBA32, size);
     const auto file = stillimage::to_png(pixels, STILLIMAGE_RGBA32, size);
     std::ofstream out(path, std::ios::binary);
-    out.exceptions(std::ios::failbit | std::ios::badbit);
     out.write(reinterpret_cast<const char*>(file.data()),
               static_cast<std::streamsize>(file.size()));
+    out.close();
+    if (!out) {
+        throw std::runtime_error("cannot write " + path);
+    }
 }
 
 void write_frames(const std::string& picture, const std::string& folder)
 {
     auto client = stillimage::client::connect_picture(picture);
+    std::filesystem::create_directories(folder);
     const stillimage::timeline timeline = client.get_timeline();
     for (const stillimage_timeline_entry& entry : timeline) {
         const std::string name = file_name(entry.frame_number);

@@ -122,12 +122,12 @@ TEST_F(Examples, FramesAreWrittenWithTheirTimes)
     const std::string gif =
         home.folder().write("film.gif", {reinterpret_cast<const char*>(file.data()), file.size()});
     const worker served(home, {{"--file", gif, "--no-autoshutdown"}});
-    EXPECT_EQ(run_in_child(program({EXAMPLE_FRAMES, gif, home.path("")})), 0) << printed();
+    EXPECT_EQ(run_in_child(program({EXAMPLE_FRAMES, gif, home.path("made")})), 0) << printed();
     EXPECT_EQ(printed(), "0001.png from 0 s for 0.5 s\n"
                          "0002.png from 0.5 s for 1.2 s\n"
                          "0003.png from 1.7 s for 0.3 s\n");
     for (const int number : {1, 2, 3}) {
-        const std::string png = home.folder().read("000" + std::to_string(number) + ".png");
+        const std::string png = home.folder().read("made/000" + std::to_string(number) + ".png");
         png_image image = {};
         image.version = PNG_IMAGE_VERSION;
         ASSERT_NE(png_image_begin_read_from_memory(&image, png.data(), png.size()), 0);
@@ -144,6 +144,10 @@ TEST_F(Examples, FramesTellsWhatFailed)
 {
     EXPECT_EQ(run_in_child(program({EXAMPLE_FRAMES, home.path("none.gif"), home.path("")})), 1);
     EXPECT_THAT(printed(), HasSubstr("none.gif"));
+    const worker served(home, {{"--file", picture, "--no-autoshutdown"}});
+    std::filesystem::create_directories(home.path("made/0001.png"));
+    EXPECT_EQ(run_in_child(program({EXAMPLE_FRAMES, picture, home.path("made")})), 1);
+    EXPECT_THAT(printed(), HasSubstr("cannot write " + home.path("made/0001.png")));
     EXPECT_EQ(run_in_child(program({EXAMPLE_FRAMES})), 2);
 }
 

@@ -94,6 +94,8 @@ protected:
         how.more_environment = {std::string("MALLOC_PERTURB_=") + perturb};
         worker served(home, how);
         const held_client client = connect_to(home.path("s"));
+        // An interlaced picture is given out before it is complete.
+        EXPECT_EQ(stillimage_wait_ready(client.get(), 0, 30'000), STILLIMAGE_OK) << wanted.name;
         const held_frame first = take_frame(client);
         const held_frame last = take_frame(client, wanted.last_time);
         if (first == nullptr || last == nullptr) {

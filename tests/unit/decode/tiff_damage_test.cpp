@@ -180,7 +180,7 @@ TEST_F(DecodeTiffDamage, JbigThatPromisesMoreThanItsStripIsNotDecoded)
     if (TIFFIsCODECConfigured(COMPRESSION_JBIG) == 0) {
         GTEST_SKIP() << "libtiff has no JBIG";
     }
-    for (const uint32_t fill_order : {FILLORDER_MSB2LSB, FILLORDER_LSB2MSB}) {
+    for (const uint32_t fill_order : {uint32_t{FILLORDER_MSB2LSB}, uint32_t{FILLORDER_LSB2MSB}}) {
         for (const auto& [w, h] :
              {std::pair{width, 33U}, std::pair{width + 3, 32U}, std::pair{~0U, 1U},
               std::pair{1U << 20, 1U << 20}, std::pair{~0U - 1, ~0U - 1}}) {

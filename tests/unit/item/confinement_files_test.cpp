@@ -117,22 +117,22 @@ TEST(ConfinementFileRules, EachVersionOfTheInterfaceHasItsRights)
 
 TEST(ConfinementCoreFolder, IsWhereTheKernelWouldLeaveTheFile)
 {
-    EXPECT_EQ(core_folder("core", 1, "/work"), "/work");
-    EXPECT_EQ(core_folder("core.%p", 1, "/work"), "/work");
-    EXPECT_EQ(core_folder("cores/%e", 1, "/work"), "/work/cores");
-    EXPECT_EQ(core_folder("/var/cores/%e/core", 1, "/work"), "/var/cores");
-    EXPECT_EQ(core_folder("/var/cores/core", 1, "/work"), "/var/cores");
+    EXPECT_EQ(core_folder("core", 1, "/place"), "/place");
+    EXPECT_EQ(core_folder("core.%p", 1, "/place"), "/place");
+    EXPECT_EQ(core_folder("cores/%e", 1, "/place"), "/place/cores");
+    EXPECT_EQ(core_folder("/var/cores/%e/core", 1, "/place"), "/var/cores");
+    EXPECT_EQ(core_folder("/var/cores/core", 1, "/place"), "/var/cores");
 }
 
 TEST(ConfinementCoreFolder, IsNoneWithoutAFileOrInTheRootFolder)
 {
-    EXPECT_EQ(core_folder("core", 0, "/work"), "");
-    EXPECT_EQ(core_folder("", 1, "/work"), "");
-    EXPECT_EQ(core_folder("|/usr/lib/collect %p", 1, "/work"), "");
-    EXPECT_EQ(core_folder("@/run/collect", 1, "/work"), "");
+    EXPECT_EQ(core_folder("core", 0, "/place"), "");
+    EXPECT_EQ(core_folder("", 1, "/place"), "");
+    EXPECT_EQ(core_folder("|/usr/lib/collect %p", 1, "/place"), "");
+    EXPECT_EQ(core_folder("@/run/collect", 1, "/place"), "");
     EXPECT_EQ(core_folder("core", 1, "/"), "");
     EXPECT_EQ(core_folder("core", 1, ""), "");
-    EXPECT_EQ(core_folder("/core.%p", 1, "/work"), "");
+    EXPECT_EQ(core_folder("/core.%p", 1, "/place"), "");
 }
 
 // --- in force -----------------------------------------------------------------------------------

@@ -264,12 +264,7 @@ TEST_F(GstFormats, AspectRatioIsThePixelsAndANewOneCounts)
     ASSERT_NE(source.pull(), nullptr);
     const held_client client = connect_to(served.socket());
     ASSERT_EQ(stillimage_set_metadata(client.get(), "aspect ratio", "16:9", 20'000), STILLIMAGE_OK);
-    bool changed = false;
-    for (int i = 0; i < 500 && !changed; ++i) {
-        ASSERT_NE(source.pull(), nullptr);
-        changed = source.info().par_n != 1;
-        pause_ms(2);
-    }
+    ASSERT_TRUE(eventually([&] { return source.pull() != nullptr && source.info().par_n != 1; }));
     // 16 / 9 * 859 / 1165
     EXPECT_EQ(source.info().par_n, 13744);
     EXPECT_EQ(source.info().par_d, 10485);

@@ -33,9 +33,9 @@ void start_gstreamer()
 // --- harness -------------------------------------------------------------------------------------
 
 source_harness::source_harness(const std::string& properties, const downstream& how)
-    : harness_(gst_harness_new_parse(("stillimagesrc " + properties).c_str()))
+    : harness_(gst_harness_new_parse(("stillimagesrc " + properties).c_str())), waits_(how.waits)
 {
-    if (how.waits) {
+    if (waits_) {
         gst_harness_set_blocking_push_mode(harness_);
     }
     gst_harness_set_sink_caps_str(harness_, how.caps != nullptr ? how.caps : "video/x-raw");
@@ -87,11 +87,15 @@ std::string source_harness::caps_field(const char* name) const
     return result;
 }
 
-bool source_harness::seek(GstClockTime to, GstClockTime stop) const
+bool source_harness::seek(GstClockTime to, GstClockTime stop, double rate) const
 {
+    if (waits_) {
+        ADD_FAILURE() << "a harness that waits would never come back from a seek";
+        return false;
+    }
     const auto flags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
     GstEvent* event =
-        gst_event_new_seek(1.0, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, static_cast<gint64>(to),
+        gst_event_new_seek(rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, static_cast<gint64>(to),
                            GST_SEEK_TYPE_SET, static_cast<gint64>(stop));
     return gst_harness_push_upstream_event(harness_, event) != FALSE;
 }

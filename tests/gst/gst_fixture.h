@@ -36,7 +36,7 @@ public:
     struct downstream {
         const char* caps = nullptr;
         bool video_meta = true;
-        bool waits = true; // takes a buffer when it is pulled; a seek would wait for that, too
+        bool waits = true; // takes a buffer when it is pulled; then seek() is not allowed
     };
 
     explicit source_harness(const std::string& properties)
@@ -52,14 +52,16 @@ public:
     held_buffer pull() const { return held_buffer(gst_harness_pull(harness_)); }
     // All up to the end of the stream.
     std::vector<held_buffer> pull_all() const;
-    GstHarness* operator->() const { return harness_; }
     GstElement* element() const { return harness_->element; }
     GstVideoInfo info() const; // of the newest caps
     std::string caps_field(const char* name) const;
-    bool seek(GstClockTime to, GstClockTime stop = GST_CLOCK_TIME_NONE) const;
+    // Whether the element takes the seek. It waits for the streaming thread, and that one for a pull
+    // when downstream waits, so such a harness refuses.
+    bool seek(GstClockTime to, GstClockTime stop = GST_CLOCK_TIME_NONE, double rate = 1.0) const;
 
 private:
     GstHarness* harness_;
+    bool waits_;
 };
 
 // A whole pipeline with its messages.
@@ -77,6 +79,10 @@ public:
     // Plays up to the end of the stream. "" or the error.
     std::string run() const;
     GstElement* get() const { return pipeline_.get(); }
+    void use_clock(GstClock* clock) const
+    {
+        gst_pipeline_use_clock(GST_PIPELINE(pipeline_.get()), clock);
+    }
 
 private:
     held_object<GstElement> pipeline_;

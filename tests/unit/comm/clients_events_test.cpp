@@ -5,6 +5,7 @@
 
 #include "platform/standalone/item/clients_events.h"
 #include "platform/standalone/item/item_state.h"
+#include "platform/time.h"
 #include "tests/unit/comm/comm_fixture.h"
 
 using namespace comm_protocol;
@@ -47,7 +48,7 @@ protected:
         return news;
     }
 
-    static inline uint64_t later = 1'000'000'000'000;
+    static inline uint64_t later = monotonic_clock_us() + 1'000'000;
     static inline std::string progress;
 };
 

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/standalone/comm/server.h"
+#include "platform/time.h"
 #include "tests/support/packet_client.h"
 #include "tests/support/temporary_folder.h"
 
@@ -32,5 +33,5 @@ protected:
     temporary_folder folder;
     std::string path = folder.path("socket");
     std::unique_ptr<comm_socket_v4_server> server;
-    uint64_t now_us = 1'000'000'000;
+    uint64_t now_us = monotonic_clock_us(); // a test moves it on by hand
 };

@@ -1,11 +1,11 @@
 #include "bin/examine/webp.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <new>
 #include <unistd.h>
 
 #include "bin/examine/image_state.h"
+#include "bin/examine/picture_input.h"
 #include "platform/media_item.h"
 
 uint8_t* webp_image = nullptr;
@@ -28,16 +28,8 @@ int refuse(const char* message)
 
 bool read_whole(int fd, uint8_t* bytes, uint64_t size)
 {
-    uint64_t done = 0;
-    while (done < size) {
-        const ssize_t got = read(fd, bytes + done, size - done);
-        if (got > 0) {
-            done += static_cast<uint64_t>(got);
-        } else if (got == 0 || errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
+    picture_input input = open_picture_input(fd);
+    return read_picture(&input, bytes, size) == size;
 }
 
 // Fills webp_image. 0 or the result of refuse(); the descriptor stays open.

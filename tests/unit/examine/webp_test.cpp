@@ -124,7 +124,8 @@ TEST_F(WebpExamination, FailingReadIsTold)
 {
     failing_calls::plan.read = 1;
     failing_calls::plan.read_errno = EIO;
-    expect_refusal(lossy_webp(3, 3, pixels(3, 3, 255), 80), "Failed to read WebP\n");
+    expect_refusal(lossy_webp(3, 3, pixels(3, 3, 255), 80),
+                   "Error while reading the picture: Input/output error\nFailed to read WebP\n");
 }
 
 TEST_F(WebpExamination, InterruptedAndShortReadsAreGoneOver)

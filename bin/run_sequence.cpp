@@ -20,6 +20,15 @@ namespace {
 
 constexpr long buffer_poll_ns = 5'000'000;
 
+// For a process that was to serve, a signal is an orderly end. Who asked only for what is in the file
+// must see that there is no answer.
+int leave_without_examination()
+{
+    free_all();
+    const bool serves = !vexa_identify_only && !vexa_create_meta;
+    return serves && DIE4 != 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
 int create_cache()
 {
     vexa_acc_cache = vexa_global_access_cache_create();
@@ -103,8 +112,7 @@ void refresh_json()
 int run_sequence()
 {
     if (examine_file() != 0) {
-        free_all();
-        return EXIT_FAILURE;
+        return leave_without_examination();
     }
     print_examination_result();
     write_metadata_back();

@@ -1,6 +1,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "bin/examine/gif.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg.h"
 #include "bin/examine/jpeg_reader.h"
@@ -8,7 +9,11 @@
 #include "bin/framebuffer/mipmap.h"
 #include "bin/vexa_stillimage.h"
 #include "platform/media_item.h"
+#include "tests/support/gif_writer.h"
 #include "tests/support/jpeg_writer.h"
+#include "tests/support/png_writer.h"
+#include "tests/support/tiff_writer.h"
+#include "tests/support/webp_writer.h"
 #include "tests/unit/run/run_fixture.h"
 
 namespace {
@@ -35,6 +40,18 @@ protected:
             at += piece.size();
         }
         return true;
+    }
+
+    static std::vector<std::pair<const char*, std::vector<unsigned char>>>
+    one_picture_of_each_format()
+    {
+        tiff_spec tiff = plain_tiff(1, 1, 1, 1);
+        tiff.strips = {{0}};
+        return {{"JPEG examination failed\n", jpeg_writer::write(jpeg_writer::grey(8, 8))},
+                {"PNG examination failed\n", write_png({.rows = {0, 1, 2, 3}})},
+                {"TIFF examination failed\n", write_tiff(tiff)},
+                {"GIF examination failed\n", write_gif({.frames = {{.indices = {0}}}})},
+                {"WebP examination failed\n", lossless_webp(1, 1, {0, 0, 0, 255})}};
     }
 
     static constexpr int picture_width = 100;
@@ -84,6 +101,30 @@ TEST_F(RunSequence, RefusedPictureEndsWithStatusOneAndFreesEverything)
     EXPECT_EQ(printed(), "FIXME: Unknown file type id\n");
     EXPECT_EQ(calls("vexa_free_all"), 1);
     EXPECT_EQ(calls("cnb_malloc"), 0);
+}
+
+TEST_F(RunSequence, SignalDuringTheExaminationLeavesWithoutStoringAnything)
+{
+    for (const auto& [failure, file] : one_picture_of_each_format()) {
+        for (bool* mode : {&vexa_oneshot, &vexa_identify_only, &vexa_create_meta}) {
+            SCOPED_TRACE(failure);
+            vexa_oneshot = vexa_identify_only = vexa_create_meta = false;
+            *mode = true;
+            vexa_set_string(&vexa_file_type, nullptr);
+            vexa_do_write_metadata = false;
+            scripted::log = {};
+            scripted::set_picture(file);
+            DIE4 = 1;
+            EXPECT_EQ(run_sequence(), mode == &vexa_oneshot ? 0 : 1);
+            const std::string text = printed();
+            EXPECT_NE(text.find(failure), std::string::npos) << text;
+            EXPECT_EQ(text.find("Format specific"), std::string::npos) << text;
+            EXPECT_EQ(scripted::log.metadata_writes, 0U);
+            EXPECT_EQ(calls("cnb_malloc"), 0);
+            EXPECT_EQ(calls("vexa_free_all"), 1);
+            EXPECT_EQ(gif_image, nullptr);
+        }
+    }
 }
 
 TEST_F(RunSequence, TooShortPictureEndsWithoutAMessage)

@@ -143,7 +143,7 @@ int run_sequence()
 int run_stillimage(int argc, char** argv)
 {
     open_missing_standard_descriptors();
-    ignore_broken_pipes();
+    ignore_signals_of_writes();
     const int status = start_up(argc, argv);
     return status != go_on ? status : run_sequence();
 }

@@ -29,7 +29,8 @@ void install_termination_handler()
     }
 }
 
-void ignore_broken_pipes()
+void ignore_signals_of_writes()
 {
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
 }

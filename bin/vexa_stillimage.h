@@ -19,8 +19,9 @@ void print_help(); // on standard error
 // SIGTERM, SIGQUIT and SIGINT count DIE4 up; the twentieth aborts the process.
 void install_termination_handler();
 
-// A client, host or log reader that goes away must not end the process.
-void ignore_broken_pipes();
+// Neither a client, host or log reader that goes away nor a file that has reached its size limit
+// ends the process: the write fails.
+void ignore_signals_of_writes();
 
 // --- run sequence -----------------------------------------------------------------------------
 

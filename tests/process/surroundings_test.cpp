@@ -3,6 +3,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -178,6 +179,30 @@ TEST_F(Surroundings, HostThatNeverReadsDoesNotHoldTheDecoderAndHearsOfReadinessI
     close(channel[0]);
     served.send(SIGTERM);
     EXPECT_EQ(served.wait_end(), 0);
+}
+
+// A limit to the size of files stands for the disk.
+TEST_F(Surroundings, HostsFileThatIsFullForAWhileHearsOfReadiness)
+{
+    constexpr rlim_t limit = rlim_t{1} << 20; // the frame buffer is smaller
+    const std::string path = home.folder().write("channel", std::string(limit, '\n'));
+    const int channel = open(path.c_str(), O_WRONLY | O_APPEND);
+    ASSERT_GE(channel, 0);
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit small = {limit, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    worker served(home, picture, {"--status-fd", std::to_string(channel)});
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    close(channel);
+    ASSERT_TRUE(served.wait_ready()) << served.told();
+    EXPECT_EQ(std::filesystem::file_size(path), limit);
+    ASSERT_EQ(prlimit(served.pid(), RLIMIT_FSIZE, &before, nullptr), 0);
+    EXPECT_TRUE(eventually([&] { return std::filesystem::file_size(path) > limit; }));
+    EXPECT_EQ(run_client(home, {served.socket(), "quit"}), 0);
+    EXPECT_EQ(served.wait_end(), 0);
+    EXPECT_THAT(home.folder().read("channel"),
+                EndsWith("{\"ready\": 1, \"text\": \"Ready to serve data\"}\n"));
 }
 
 TEST_F(Surroundings, ReaderOfItsMessagesThatIsGoneChangesNothing)

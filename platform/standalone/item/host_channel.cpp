@@ -11,6 +11,7 @@
 
 #include <json11.hpp>
 
+#include "platform/standalone/base/checked_math.h"
 #include "platform/standalone/base/fd_io.h"
 
 namespace item {
@@ -18,6 +19,7 @@ namespace item {
 namespace {
 
 constexpr int first_free_number = 3; // never one of the standard descriptors
+constexpr uint64_t pause_after_failure_us = 1'000'000;
 
 bool open_for_writing(int fd)
 {
@@ -31,6 +33,13 @@ bool open_for_writing(int fd)
         return false;
     }
     return true;
+}
+
+// Whoever was to read is gone for good. Anything else may pass: a full disk, a lost file server.
+bool means_nobody_is_there(int error_number)
+{
+    constexpr int errors[] = {EBADF, ECONNREFUSED, ECONNRESET, EDESTADDRREQ, ENOTCONN, EPIPE};
+    return std::find(std::begin(errors), std::end(errors), error_number) != std::end(errors);
 }
 
 std::string json_line(const char* key, int number, std::string_view text)
@@ -64,21 +73,29 @@ void host_channel::close()
     fd_.reset();
     waiting_.clear();
     written_ = 0;
+    failed_ = false;
 }
 
-void host_channel::tell_progress(int percent, std::string_view text)
+void host_channel::finish()
+{
+    write_waiting(0);
+    close();
+}
+
+void host_channel::tell_progress(int percent, std::string_view text, uint64_t now_us)
 {
     queue(json_line("percent", percent, text),
-          percent < 0 ? line_kind::REFUSAL : line_kind::PROGRESS);
+          percent < 0 ? line_kind::REFUSAL : line_kind::PROGRESS, now_us);
 }
 
-void host_channel::tell_ready(int state, std::string_view text)
+void host_channel::tell_ready(int state, std::string_view text, uint64_t now_us)
 {
-    queue(json_line("ready", state, text), state < 0 ? line_kind::PROVISIONAL : line_kind::FINAL);
+    queue(json_line("ready", state, text), state < 0 ? line_kind::PROVISIONAL : line_kind::FINAL,
+          now_us);
 }
 
 // At most one line of a kind waits behind the one that the host has a part of: the newest.
-void host_channel::queue(std::string line, line_kind kind)
+void host_channel::queue(std::string line, line_kind kind, uint64_t now_us)
 {
     if (!is_open()) {
         return;
@@ -91,11 +108,20 @@ void host_channel::queue(std::string line, line_kind kind)
         waiting_.erase(older);
     }
     waiting_.push_back({std::move(line), kind});
-    flush();
+    write_waiting(now_us);
 }
 
-void host_channel::flush()
+void host_channel::flush(uint64_t now_us)
 {
+    if (!failed_ || now_us >= next_try_us_) {
+        write_waiting(now_us);
+    }
+}
+
+void host_channel::write_waiting(uint64_t now_us)
+{
+    failed_ = false;
+    next_try_us_ = platform::saturating_add(now_us, pause_after_failure_us);
     while (is_open() && !waiting_.empty()) {
         pollfd channel = {fd_.get(), POLLOUT, 0};
         if (poll(&channel, 1, 0) <= 0 || !write_first()) {
@@ -113,11 +139,8 @@ bool host_channel::write_first()
     const ssize_t written =
         is_socket_ ? send(fd_.get(), rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL)
                    : platform::write_some(fd_.get(), rest.data(), rest.size());
-    if (written < 0) {
-        if (errno != EAGAIN && errno != EINTR) {
-            close();
-        }
-        return false;
+    if (written <= 0) {
+        return written < 0 && write_failed();
     }
     written_ += static_cast<size_t>(written);
     if (written_ == waiting_.front().text.size()) {
@@ -125,6 +148,17 @@ bool host_channel::write_first()
         written_ = 0;
     }
     return true;
+}
+
+// Always false. A file on a full disk takes the lines when there is room again.
+bool host_channel::write_failed()
+{
+    if (means_nobody_is_there(errno)) {
+        close();
+    } else if (errno != EAGAIN && errno != EINTR) {
+        failed_ = true;
+    }
+    return false;
 }
 
 } // namespace item

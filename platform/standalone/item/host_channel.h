@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <string>
 #include <string_view>
@@ -18,17 +19,20 @@ public:
     void close();
     bool is_open() const { return static_cast<bool>(fd_); }
 
-    // Queue a line and write what can be written. Texts are printable, at most 512 bytes. While the
-    // host does not read, the newest line of each kind waits: progress, refusal (percent -1),
-    // provisional, ready.
-    void tell_progress(int percent, std::string_view text);
-    void tell_ready(int state, std::string_view text);
+    // Queue a line and write what can be written; `now_us` is the monotonic time. Texts are
+    // printable, at most 512 bytes. While the host does not read, or its disk is full, the newest
+    // line of each kind waits: progress, refusal (percent -1), provisional, ready.
+    void tell_progress(int percent, std::string_view text, uint64_t now_us);
+    void tell_ready(int state, std::string_view text, uint64_t now_us);
 
     bool has_waiting() const { return !waiting_.empty(); }
 
-    // Writes waiting lines as far as the host takes them. Never blocks; a host that is gone closes
-    // the channel.
-    void flush();
+    // Writes waiting lines as far as the host takes them, but not within a second of a write that
+    // failed. Never blocks; a host that is gone closes the channel.
+    void flush(uint64_t now_us);
+
+    // The last attempt, whatever has failed before; then closes the channel.
+    void finish();
 
 private:
     enum class line_kind { PROGRESS, REFUSAL, PROVISIONAL, FINAL };
@@ -38,13 +42,17 @@ private:
         line_kind kind;
     };
 
-    void queue(std::string line, line_kind kind);
+    void queue(std::string line, line_kind kind, uint64_t now_us);
+    void write_waiting(uint64_t now_us);
     bool write_first();
+    bool write_failed();
 
     platform::unique_fd fd_;
     bool is_socket_ = false;
     size_t written_ = 0; // bytes of the first waiting line that the host has already got
     std::list<waiting_line> waiting_;
+    bool failed_ = false;      // the last attempt, by an error that may pass
+    uint64_t next_try_us_ = 0; // after it
 };
 
 } // namespace item

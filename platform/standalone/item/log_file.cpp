@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,6 +41,11 @@ bool log_file::open(const char* folder)
 
 void log_file::close()
 {
+    if (is_open()) {
+        note_loss();
+    }
+    lost_ = 0;
+    mid_line_ = false;
     fd_.reset();
     folder_.reset();
     mirror_ = -1;
@@ -69,6 +75,7 @@ bool log_file::open_in_folder()
         return false;
     }
     fd_ = std::move(fd);
+    mid_line_ = false;
     return true;
 }
 
@@ -104,12 +111,44 @@ bool log_file::begin_new_file()
     return true;
 }
 
+// Takes what could be written off the beginning of the text. True when that was all of it.
+bool log_file::write_rest(std::string_view* text)
+{
+    if (!has_room(text->size()) && (!begin_new_file() || !has_room(text->size()))) {
+        return false;
+    }
+    while (!text->empty()) {
+        const ssize_t written = platform::write_some(fd_.get(), text->data(), text->size());
+        if (written <= 0) {
+            return false;
+        }
+        mid_line_ = (*text)[static_cast<size_t>(written) - 1] != '\n';
+        text->remove_prefix(static_cast<size_t>(written));
+    }
+    return true;
+}
+
+// True when nothing is missing, or the log says so.
+bool log_file::note_loss()
+{
+    if (lost_ == 0) {
+        return true;
+    }
+    const std::string note = std::string(mid_line_ ? "\n" : "") + "[" + std::to_string(lost_) +
+                             " bytes of messages could not be written and are lost]\n";
+    std::string_view rest = note;
+    if (!write_rest(&rest)) {
+        return false;
+    }
+    lost_ = 0;
+    return true;
+}
+
 void log_file::append(std::string_view text)
 {
-    if (!has_room(text.size()) && (!begin_new_file() || !has_room(text.size()))) {
-        return;
+    if (!note_loss() || !write_rest(&text)) {
+        lost_ += text.size();
     }
-    platform::write_fully(fd_.get(), text.data(), text.size());
 }
 
 } // namespace item

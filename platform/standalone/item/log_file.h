@@ -16,7 +16,7 @@ public:
     // Opens the log for appending, mode 0600. False with errno when the folder cannot be opened or
     // something else than a file of this user's, with one name only, is in the log's place.
     bool open(const char* folder);
-    void close();
+    void close(); // what is missing is noted once more, if there is room by now
 
     // Makes `fd` refer to the log, now and, as long as nobody has put something else there,
     // whenever a new file is begun: for writers that know only the descriptor. False with errno on
@@ -26,17 +26,22 @@ public:
     bool is_open() const { return static_cast<bool>(fd_); }
 
     // Appends, after beginning a new file when this one is half of log_limit long or has been
-    // removed. What cannot be written is lost; the caller has nowhere to tell it.
+    // removed. What cannot be written is lost; how many bytes that were is noted in the log, on a
+    // line of its own, as soon as it takes anything again.
     void append(std::string_view text);
 
 private:
     bool open_in_folder();
     bool has_room(uint64_t size) const;
     bool begin_new_file();
+    bool write_rest(std::string_view* text);
+    bool note_loss();
 
     platform::unique_fd folder_;
     platform::unique_fd fd_;
     int mirror_ = -1;
+    uint64_t lost_ = 0;     // bytes, not yet noted
+    bool mid_line_ = false; // what was written last does not end a line
 };
 
 } // namespace item

@@ -30,6 +30,7 @@ FILE* inherited_stream = nullptr; // stderr as the C library made it
 FILE* guarded_stream = nullptr;
 uint64_t waited_us = 0;      // for readers, in this process's life
 uint64_t lost_bytes = 0;     // not yet told
+bool lost_by_error = false;  // and not for want of a reader
 size_t progress_columns = 0; // of the progress line on the screen
 
 // Messages may still come when static objects are gone, so this one stays.
@@ -57,32 +58,31 @@ bool wait_for_room()
     }
 }
 
-// A pipe that has room for anything takes PIPE_BUF bytes without blocking. False when they are
-// lost.
-bool write_piece(std::string_view piece)
+// A pipe that has room for anything takes PIPE_BUF bytes without blocking. The bytes that are done
+// with, or -1 when the text is lost.
+ssize_t write_piece(std::string_view piece)
 {
-    while (!piece.empty()) {
-        if (!wait_for_room()) {
-            return false;
-        }
-        const ssize_t written = platform::write_some(error_fd, piece.data(), piece.size());
-        if (written < 0) {
-            return errno != EAGAIN; // any other error: there is nobody to lose it for
-        }
-        piece.remove_prefix(static_cast<size_t>(written));
+    lost_by_error = false;
+    if (!wait_for_room()) {
+        return -1;
     }
-    return true;
+    const ssize_t written = platform::write_some(error_fd, piece.data(), piece.size());
+    if (written < 0 && errno == EPIPE) {
+        return static_cast<ssize_t>(piece.size()); // there is nobody to lose it for
+    }
+    lost_by_error = written < 0 && errno != EAGAIN;
+    return written;
 }
 
 bool write_pieces(std::string_view text)
 {
     while (!text.empty()) {
-        const size_t size = std::min<size_t>(text.size(), PIPE_BUF);
-        if (!write_piece(text.substr(0, size))) {
+        const ssize_t done = write_piece(text.substr(0, PIPE_BUF));
+        if (done < 0) {
             lost_bytes += text.size();
             return false;
         }
-        text.remove_prefix(size);
+        text.remove_prefix(static_cast<size_t>(done));
     }
     return true;
 }
@@ -91,8 +91,9 @@ void write_inherited(std::string_view text)
 {
     if (lost_bytes > 0) {
         const uint64_t told = std::exchange(lost_bytes, 0);
-        const std::string note =
-            "[" + std::to_string(told) + " bytes of messages were not read and are lost]\n";
+        const std::string note = "[" + std::to_string(told) + " bytes of messages " +
+                                 (lost_by_error ? "could not be written" : "were not read") +
+                                 " and are lost]\n";
         if (!write_pieces(note)) {
             lost_bytes = told + text.size();
             return;

@@ -13,6 +13,7 @@
 #include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/notify_socket.h"
 #include "platform/standalone/item/standard_error.h"
+#include "platform/time.h"
 
 namespace item {
 
@@ -87,7 +88,9 @@ bool open_status_channel(int fd)
 
 void flush_status()
 {
-    host.flush();
+    if (host.has_waiting()) {
+        host.flush(monotonic_clock_us());
+    }
     service_manager.flush();
 }
 
@@ -98,8 +101,7 @@ void close_status()
         service_manager.tell_stopping();
         service_manager.close();
     }
-    host.flush();
-    host.close();
+    host.finish();
 }
 
 void reset_status()
@@ -122,14 +124,14 @@ void vexa_status_write(int percent, const char* text)
     const char* said = text != nullptr ? text : "";
     if (item::last_status.is(percent, said)) {
         if (item::host.has_waiting()) {
-            item::host.flush();
+            item::host.flush(monotonic_clock_us());
         }
         return;
     }
     item::last_status.set(percent, said);
     item::percent_now = std::clamp(percent, -1, 100);
     item::text_now = item::clean_text(said);
-    item::host.tell_progress(item::percent_now, item::text_now);
+    item::host.tell_progress(item::percent_now, item::text_now, monotonic_clock_us());
     item::known_service_manager().tell_status(item::progress_line());
     item::draw_progress_line(item::progress_line());
     mark_document_changed();
@@ -150,7 +152,7 @@ void vexa_ready_write(int state, const char* text)
     if (item::ready_now == 1) {
         item::percent_now = 100;
     }
-    item::host.tell_ready(item::ready_now, item::text_now);
+    item::host.tell_ready(item::ready_now, item::text_now, monotonic_clock_us());
     item::known_service_manager().tell_ready(item::text_now);
     item::draw_progress_line("");
     mark_document_changed();

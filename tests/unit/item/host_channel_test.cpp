@@ -1,7 +1,9 @@
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <fcntl.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -36,11 +38,11 @@ TEST_F(HostChannel, LinesHaveTheDocumentedForm)
 {
     const pipe_pair pipe = make_pipe();
     ASSERT_TRUE(channel.open(pipe.writer.get()));
-    channel.tell_progress(40, "Decoding PNG");
-    channel.tell_progress(100, "");
-    channel.tell_progress(-1, "ADAM7 interlace not supported [pal]");
-    channel.tell_ready(-1, "Provisional image ready");
-    channel.tell_ready(1, "Ready to serve data");
+    channel.tell_progress(40, "Decoding PNG", 0);
+    channel.tell_progress(100, "", 0);
+    channel.tell_progress(-1, "ADAM7 interlace not supported [pal]", 0);
+    channel.tell_ready(-1, "Provisional image ready", 0);
+    channel.tell_ready(1, "Ready to serve data", 0);
     EXPECT_EQ(read_waiting(pipe.reader.get()),
               "{\"percent\": 40, \"text\": \"Decoding PNG\"}\n"
               "{\"percent\": 100, \"text\": \"\"}\n"
@@ -70,7 +72,7 @@ TEST_F(HostChannel, OwnsADuplicateThatNoProgramInherits)
     EXPECT_EQ(item_test::open_descriptors(), before + 1);
     EXPECT_NE(fcntl(pipe.writer.get(), F_GETFD) & FD_CLOEXEC, 0);
     pipe.writer.reset();
-    channel.tell_progress(1, "a");
+    channel.tell_progress(1, "a", 0);
     EXPECT_EQ(read_waiting(pipe.reader.get()), "{\"percent\": 1, \"text\": \"a\"}\n");
     channel.close();
     char byte = 0;
@@ -82,7 +84,7 @@ TEST_F(HostChannel, FlagsOfTheHostsDescriptionStayAsTheyAre)
     const pipe_pair pipe = make_pipe();
     const int before = fcntl(pipe.writer.get(), F_GETFL);
     ASSERT_TRUE(channel.open(pipe.writer.get()));
-    channel.tell_progress(1, "a");
+    channel.tell_progress(1, "a", 0);
     EXPECT_EQ(fcntl(pipe.writer.get(), F_GETFL), before);
 }
 
@@ -92,16 +94,16 @@ TEST_F(HostChannel, HostThatNeverReadsGetsTheNewestOfEachKindLater)
     ASSERT_TRUE(channel.open(pipe.writer.get()));
     fill(pipe);
     for (int percent = 0; percent < 100; ++percent) {
-        channel.tell_progress(percent, "Decoding PNG");
+        channel.tell_progress(percent, "Decoding PNG", 0);
     }
-    channel.tell_progress(-1, "first refusal");
-    channel.tell_progress(-1, "second refusal");
-    channel.tell_ready(-1, "Provisional image ready");
-    channel.tell_progress(100, "");
-    channel.tell_ready(1, "Ready to serve data");
+    channel.tell_progress(-1, "first refusal", 0);
+    channel.tell_progress(-1, "second refusal", 0);
+    channel.tell_ready(-1, "Provisional image ready", 0);
+    channel.tell_progress(100, "", 0);
+    channel.tell_ready(1, "Ready to serve data", 0);
     EXPECT_TRUE(channel.has_waiting());
     EXPECT_EQ(heard(pipe.reader.get()), "");
-    channel.flush();
+    channel.flush(0);
     EXPECT_EQ(heard(pipe.reader.get()), "{\"percent\": -1, \"text\": \"second refusal\"}\n"
                                         "{\"ready\": -1, \"text\": \"Provisional image ready\"}\n"
                                         "{\"percent\": 100, \"text\": \"\"}\n"
@@ -114,12 +116,12 @@ TEST_F(HostChannel, ReadinessSurvivesAnyNumberOfOtherLines)
     const pipe_pair pipe = make_pipe();
     ASSERT_TRUE(channel.open(pipe.writer.get()));
     fill(pipe);
-    channel.tell_ready(1, "Ready to serve data");
+    channel.tell_ready(1, "Ready to serve data", 0);
     for (int i = 0; i < 10'000; ++i) {
-        channel.tell_progress(i % 2 == 0 ? -1 : i % 100, std::to_string(i));
+        channel.tell_progress(i % 2 == 0 ? -1 : i % 100, std::to_string(i), 0);
     }
     read_waiting(pipe.reader.get());
-    channel.flush();
+    channel.flush(0);
     const std::vector<std::string> lines = lines_of(heard(pipe.reader.get()));
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_EQ(lines[0], "{\"ready\": 1, \"text\": \"Ready to serve data\"}");
@@ -130,10 +132,10 @@ TEST_F(HostChannel, HostThatIsGoneClosesTheChannel)
     pipe_pair pipe = make_pipe();
     ASSERT_TRUE(channel.open(pipe.writer.get()));
     pipe.reader.reset();
-    channel.tell_progress(1, "a");
+    channel.tell_progress(1, "a", 0);
     EXPECT_FALSE(channel.is_open());
-    channel.tell_ready(1, "Ready to serve data");
-    channel.flush();
+    channel.tell_ready(1, "Ready to serve data", 0);
+    channel.flush(0);
     EXPECT_FALSE(channel.has_waiting());
 }
 
@@ -142,7 +144,7 @@ TEST_F(HostChannel, LargestTextIsOneWholeWrite)
     int ends[2] = {-1, -1};
     ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0); // keeps writes apart
     ASSERT_TRUE(channel.open(ends[1]));
-    channel.tell_progress(100, std::string(512, '"'));
+    channel.tell_progress(100, std::string(512, '"'), 0);
     char line[PIPE_BUF + 1] = {};
     const ssize_t size = read(ends[0], line, sizeof line);
     ASSERT_GT(size, 1024);
@@ -161,15 +163,15 @@ TEST_F(HostChannel, SocketThatTakesHalfALineGetsTheRestOfItFirst)
     ASSERT_TRUE(channel.open(ends[1]));
     const std::string text(512, 't');
     for (int i = 0; i < 100'000 && !channel.has_waiting(); ++i) {
-        channel.tell_progress(i % 100, text);
+        channel.tell_progress(i % 100, text, 0);
     }
     ASSERT_TRUE(channel.has_waiting());
-    channel.tell_progress(7, "last");
-    channel.tell_ready(1, "Ready to serve data");
+    channel.tell_progress(7, "last", 0);
+    channel.tell_ready(1, "Ready to serve data", 0);
     std::string all;
     for (std::string piece = read_waiting(ends[0]); !piece.empty(); piece = read_waiting(ends[0])) {
         all += piece;
-        channel.flush();
+        channel.flush(0);
     }
     for (const std::string& line : lines_of(all)) {
         std::string error;
@@ -182,11 +184,127 @@ TEST_F(HostChannel, SocketThatTakesHalfALineGetsTheRestOfItFirst)
     close(ends[1]);
 }
 
+// --- a file that cannot be written for a while --------------------------------------------------
+
+constexpr uint64_t second_us = 1'000'000;
+
+// A file with room for `bytes`, which stands for a disk that fills up.
+class HostChannelToAFile : public HostChannel {
+protected:
+    HostChannelToAFile()
+    {
+        EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before_), 0);
+        former_ = signal(SIGXFSZ, SIG_IGN);
+        file_ = platform::unique_fd(
+            open(folder.path("status").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        EXPECT_TRUE(channel.open(file_.get()));
+    }
+
+    ~HostChannelToAFile() override
+    {
+        set_room(before_.rlim_cur);
+        signal(SIGXFSZ, former_);
+    }
+
+    void set_room(rlim_t bytes) const
+    {
+        const rlimit limit = {bytes, before_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+
+    void make_room() const { set_room(before_.rlim_cur); }
+
+    std::string written() const { return folder.read("status"); }
+
+private:
+    rlimit before_ = {};
+    void (*former_)(int) = nullptr;
+    platform::unique_fd file_;
+};
+
+TEST_F(HostChannelToAFile, NewestLineOfEachKindIsWrittenOnceThereIsRoom)
+{
+    set_room(0);
+    for (int percent = 0; percent < 100; ++percent) {
+        channel.tell_progress(percent, "Decoding PNG", 0);
+    }
+    channel.tell_ready(-1, "Provisional image ready", 0);
+    channel.tell_ready(1, "Ready to serve data", 0);
+    EXPECT_TRUE(channel.is_open());
+    EXPECT_EQ(written(), "");
+    make_room();
+    channel.flush(second_us);
+    EXPECT_EQ(written(), "{\"percent\": 99, \"text\": \"Decoding PNG\"}\n"
+                         "{\"ready\": -1, \"text\": \"Provisional image ready\"}\n"
+                         "{\"ready\": 1, \"text\": \"Ready to serve data\"}\n");
+    EXPECT_FALSE(channel.has_waiting());
+}
+
+TEST_F(HostChannelToAFile, ChangeIsAnAttemptAtOnce)
+{
+    set_room(0);
+    channel.tell_ready(-1, "a", 5);
+    make_room();
+    channel.tell_progress(1, "b", 5);
+    EXPECT_EQ(written(), "{\"ready\": -1, \"text\": \"a\"}\n{\"percent\": 1, \"text\": \"b\"}\n");
+}
+
+TEST_F(HostChannelToAFile, WithoutAChangeThereIsOneAttemptASecond)
+{
+    set_room(0);
+    channel.tell_progress(1, "a", 7);
+    make_room();
+    channel.flush(7);
+    channel.flush(7 + second_us - 1);
+    EXPECT_EQ(written(), "");
+    set_room(0);
+    channel.flush(7 + second_us); // fails, and the next second begins
+    make_room();
+    channel.flush(7 + 2 * second_us - 1);
+    EXPECT_EQ(written(), "");
+    channel.flush(7 + 2 * second_us);
+    EXPECT_EQ(written(), "{\"percent\": 1, \"text\": \"a\"}\n");
+}
+
+TEST_F(HostChannelToAFile, LineOfWhichAPartWasWrittenIsCompletedFirst)
+{
+    set_room(10);
+    channel.tell_progress(1, "a", 0);
+    channel.tell_progress(2, "b", 0);
+    channel.tell_progress(3, "c", 0);
+    EXPECT_EQ(written(), "{\"percent\"");
+    make_room();
+    channel.flush(second_us);
+    EXPECT_EQ(written(), "{\"percent\": 1, \"text\": \"a\"}\n{\"percent\": 3, \"text\": \"c\"}\n");
+}
+
+TEST_F(HostChannelToAFile, EndIsAnAttemptWhateverFailedBefore)
+{
+    set_room(0);
+    channel.tell_ready(1, "a", 0);
+    make_room();
+    channel.finish();
+    EXPECT_EQ(written(), "{\"ready\": 1, \"text\": \"a\"}\n");
+    EXPECT_FALSE(channel.is_open());
+}
+
+TEST_F(HostChannel, FullDeviceIsNoReasonToGiveUp)
+{
+    const platform::unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    ASSERT_TRUE(channel.open(full.get()));
+    channel.tell_progress(1, "a", 0);
+    channel.flush(second_us);
+    EXPECT_TRUE(channel.is_open());
+    EXPECT_TRUE(channel.has_waiting());
+    channel.finish();
+    EXPECT_FALSE(channel.is_open());
+}
+
 TEST_F(HostChannel, ClosedChannelTakesEverythingSilently)
 {
-    channel.tell_progress(1, "a");
-    channel.tell_ready(1, "b");
-    channel.flush();
+    channel.tell_progress(1, "a", 0);
+    channel.tell_ready(1, "b", 0);
+    channel.flush(0);
     channel.close();
     EXPECT_FALSE(channel.has_waiting());
 }

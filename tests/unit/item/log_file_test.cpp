@@ -1,7 +1,9 @@
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +32,12 @@ protected:
         struct stat status = {};
         EXPECT_EQ(stat(folder.path(name).c_str(), &status), 0);
         return status.st_mode & 07777U;
+    }
+
+    static std::string loss_note(uint64_t bytes)
+    {
+        return "[" + std::to_string(bytes) +
+               " bytes of messages could not be written and are lost]\n";
     }
 
     item::log_file log;
@@ -115,8 +123,97 @@ TEST_F(LogFile, LineThatIsLargerThanALogIsLost)
     log.append(std::string(item::log_limit / 2 + 1, 'x'));
     EXPECT_EQ(bytes_on_disk(), 0U);
     log.append("short\n");
-    EXPECT_EQ(folder.read("log"), "short\n");
+    EXPECT_EQ(folder.read("log"), loss_note(item::log_limit / 2 + 1) + "short\n");
 }
+
+// --- a full disk --------------------------------------------------------------------------------
+
+// The limit to a file's size stands for the disk.
+class LogOnAFullDisk : public LogFile {
+protected:
+    LogOnAFullDisk()
+    {
+        EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before_), 0);
+        former_ = signal(SIGXFSZ, SIG_IGN);
+        EXPECT_TRUE(log.open(folder.path().c_str()));
+    }
+
+    ~LogOnAFullDisk() override
+    {
+        make_room();
+        signal(SIGXFSZ, former_);
+    }
+
+    void set_room(rlim_t bytes) const
+    {
+        const rlimit limit = {bytes, before_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+
+    void make_room() const { set_room(before_.rlim_cur); }
+
+private:
+    rlimit before_ = {};
+    void (*former_)(int) = nullptr;
+};
+
+TEST_F(LogOnAFullDisk, LossIsNotedWhenThereIsRoomAgain)
+{
+    log.append("before\n");
+    set_room(7);
+    for (int i = 0; i < 1000; ++i) {
+        log.append("ten bytes\n");
+    }
+    EXPECT_EQ(folder.read("log"), "before\n");
+    make_room();
+    log.append("after\n");
+    log.append("and more\n");
+    EXPECT_EQ(folder.read("log"), "before\n" + loss_note(10'000) + "after\nand more\n");
+}
+
+TEST_F(LogOnAFullDisk, NoteBeginsALineAndCountsWhatIsMissingOfAMessage)
+{
+    set_room(4);
+    log.append("ten bytes\n");
+    EXPECT_EQ(folder.read("log"), "ten ");
+    make_room();
+    log.append("after\n");
+    EXPECT_EQ(folder.read("log"), "ten \n" + loss_note(6) + "after\n");
+}
+
+TEST_F(LogOnAFullDisk, NoteThatItselfDoesNotFitIsWrittenLater)
+{
+    set_room(0);
+    log.append("ten bytes\n");
+    set_room(5);
+    log.append("ten bytes\n");
+    EXPECT_EQ(folder.read("log"), "[10 b");
+    make_room();
+    log.append("after\n");
+    EXPECT_EQ(folder.read("log"), "[10 b\n" + loss_note(20) + "after\n");
+}
+
+TEST_F(LogOnAFullDisk, EndNotesTheLoss)
+{
+    set_room(0);
+    log.append("ten bytes\n");
+    make_room();
+    log.close();
+    EXPECT_EQ(folder.read("log"), loss_note(10));
+}
+
+TEST_F(LogOnAFullDisk, NextLogKnowsNothingOfTheLoss)
+{
+    set_room(0);
+    log.append("ten bytes\n");
+    log.close();
+    make_room();
+    ASSERT_TRUE(log.open(folder.path().c_str()));
+    log.append("after\n");
+    EXPECT_EQ(folder.read("log"), "after\n");
+}
+
+// --- others at the same file --------------------------------------------------------------------
 
 TEST_F(LogFile, LogThatWasRemovedIsBegunAnew)
 {

@@ -1,11 +1,13 @@
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <pty.h>
 #include <string>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -109,6 +111,28 @@ TEST_F(StandardError, ReaderThatStopsIsWaitedForOnceAndTheLossIsTold)
     fputs("heard again\n", stderr);
     EXPECT_EQ(read_waiting(pipe.reader.get()),
               "[10000 bytes of messages were not read and are lost]\nheard again\n");
+}
+
+TEST_F(StandardError, FileOnAFullDiskIsToldOfTheLossWhenThereIsRoomAgain)
+{
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit small = {4, before.rlim_max};
+    const auto former = signal(SIGXFSZ, SIG_IGN);
+    const platform::unique_fd file(
+        open(folder.path("messages").c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600));
+    {
+        const replaced_stderr replaced(file.get());
+        item::guard_standard_error();
+        setrlimit(RLIMIT_FSIZE, &small); // stands for the disk
+        fputs("ten bytes\n", stderr);
+        fputs("ten bytes\n", stderr);
+        setrlimit(RLIMIT_FSIZE, &before);
+        fputs("after\n", stderr);
+    }
+    signal(SIGXFSZ, former);
+    EXPECT_EQ(folder.read("messages"),
+              "ten [16 bytes of messages could not be written and are lost]\nafter\n");
 }
 
 TEST_F(StandardError, LongMessageGoesThroughAPipeInPieces)

@@ -46,11 +46,13 @@ TEST_F(Termination, TheTwentiethAborts)
     EXPECT_EXIT(raise_often(SIGINT, 20), testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST_F(Termination, BrokenPipesAreIgnored)
+TEST_F(Termination, SignalsOfWritesAreIgnored)
 {
-    ignore_broken_pipes();
-    raise(SIGPIPE);
-    EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
+    ignore_signals_of_writes();
+    for (const int number : {SIGPIPE, SIGXFSZ}) {
+        raise(number);
+        EXPECT_EQ(signal(number, SIG_DFL), SIG_IGN);
+    }
 }
 
 } // namespace

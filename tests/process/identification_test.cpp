@@ -82,6 +82,19 @@ TEST_F(Identification, ReplacedPictureIsIdentifiedAnew)
     EXPECT_THAT(metadata(), Not(HasSubstr("40 x 30")));
 }
 
+// A named type leaves the size entry to whoever wrote it: that of an older picture has to go.
+TEST_F(Identification, NamedTypeAndForcedUpdateKeepNoSizeOfAnOlderPicture)
+{
+    write_jpeg(40, 30);
+    identify();
+    write_jpeg(64, 20);
+    const ended_worker second = identify({"--file-type", "jpeg", "--force-update-metadata"});
+    EXPECT_EQ(second.status, 0);
+    EXPECT_THAT(second.told, HasSubstr("* Writing metadata back\n"));
+    EXPECT_THAT(metadata(), Not(HasSubstr("40 x 30")));
+    EXPECT_EQ(identify().status, 0);
+}
+
 TEST_F(Identification, NamedTypeIsTrusted)
 {
     write_jpeg(40, 30);

@@ -106,10 +106,10 @@ int open_item_and_list()
     if (vexa_metadata == nullptr) {
         return -1;
     }
-    platform::picture_stamp stamp;
-    const bool stale = platform::read_picture_stamp(the_item->file_fd, &stamp) &&
-                       platform::metadata_is_stale(vexa_metadata, stamp);
-    take_stored_settings(vexa_metadata, stale);
+    if (the_item->stamp && platform::metadata_is_stale(vexa_metadata, *the_item->stamp)) {
+        platform::drop_stale_facts(vexa_metadata);
+    }
+    take_stored_settings(vexa_metadata);
     return 0;
 }
 

@@ -7,6 +7,7 @@
 #include "platform/media_item.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/utf8.h"
+#include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/values.h"
 #include "platform/standalone/metadata/metadata_list.h"
@@ -73,20 +74,17 @@ void store(metadata_v4_metadata_context* list, std::string_view name, const std:
 
 void store_stamp(metadata_v4_metadata_context* list)
 {
-    platform::picture_stamp stamp;
-    if (vexa_meta != nullptr && platform::read_picture_stamp(vexa_meta->file_fd, &stamp)) {
-        platform::set_picture_stamp(list, stamp);
+    const platform::open_item* opened = opened_item();
+    if (opened != nullptr && opened->stamp) {
+        platform::set_picture_stamp(list, *opened->stamp);
     }
 }
 
 } // namespace
 
-void take_stored_settings(const metadata_v4_metadata_context* list, bool stale)
+void take_stored_settings(const metadata_v4_metadata_context* list)
 {
     take_choices(list);
-    if (stale) {
-        return;
-    }
     take_timeline(list);
     const char* type = stored_text(list, names::file_type);
     if (type != nullptr && !own.file_type_given) {

@@ -7,8 +7,8 @@
 
 namespace item {
 
-// Takes the settings that no switch has given from the list. When the list is stale, what it says
-// of the picture itself (type, timeline) is left out. A text that does not parse counts as missing.
-void take_stored_settings(const metadata_v4_metadata_context* list, bool stale);
+// Takes the settings that no switch has given from the list. A text that does not parse counts as
+// missing.
+void take_stored_settings(const metadata_v4_metadata_context* list);
 
 } // namespace item

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <utility>
 
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/folders.h"
@@ -44,6 +45,9 @@ open_item* open_media_item(const char* picture, const char* metadata_folder)
     if (!item->picture) {
         error_line("Cannot open file", picture, errno);
         return nullptr;
+    }
+    if (picture_stamp stamp; read_picture_stamp(item->picture.get(), &stamp)) {
+        item->stamp = std::move(stamp);
     }
     item->folder = make_and_open_folder(metadata_folder);
     if (!item->folder) {

@@ -2,11 +2,13 @@
 // platform/metadata.h; made and kept by the media item.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "platform/metadata.h"
 #include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/metadata/metadata_file.h"
+#include "platform/standalone/metadata/picture_stamp.h"
 
 namespace platform {
 
@@ -15,6 +17,9 @@ struct open_item : metadata_v4_context {
     std::string picture_path;     // as given
     std::string picture_absolute; // from the root
     unique_fd picture;
+    // Of the picture when it was opened: what is learnt from it later may be of a newer state, and
+    // is then looked at again by the next start. None when the picture could not be looked at.
+    std::optional<picture_stamp> stamp;
     unique_fd folder;
     metadata_store store; // its limits may be changed
 };

@@ -242,4 +242,16 @@ int set_item_entry(metadata_v4_metadata_context* list, std::string_view name,
     return changed;
 }
 
+void free_item_entries(metadata_v4_metadata_context* list, std::string_view name)
+{
+    if (list == nullptr || list->closed) {
+        return;
+    }
+    for (metadata_slot& slot : list->slots) {
+        if (is_item_entry(slot, name)) {
+            free_slot(list, &slot);
+        }
+    }
+}
+
 } // namespace platform

@@ -53,4 +53,7 @@ const metadata_v4_entry* find_item_entry(const metadata_v4_metadata_context* lis
 int set_item_entry(metadata_v4_metadata_context* list, std::string_view name,
                    std::string_view value);
 
+// Frees the item's entries of this name, if there are any.
+void free_item_entries(metadata_v4_metadata_context* list, std::string_view name);
+
 } // namespace platform

@@ -58,6 +58,16 @@ bool metadata_is_stale(const metadata_v4_metadata_context* list, const picture_s
            contradicts(list, metadata_name::picture_time, present.time);
 }
 
+void drop_stale_facts(metadata_v4_metadata_context* list)
+{
+    for (const std::string_view name :
+         {metadata_name::file_type, metadata_name::image_size, metadata_name::picture_size,
+          metadata_name::picture_time, metadata_name::time_duration, metadata_name::time_scale,
+          metadata_name::video_streams}) {
+        free_item_entries(list, name);
+    }
+}
+
 int set_picture_stamp(metadata_v4_metadata_context* list, const picture_stamp& stamp)
 {
     const int size = set_item_entry(list, metadata_name::picture_size, stamp.size);

@@ -23,6 +23,10 @@ bool read_picture_stamp(int fd, picture_stamp* stamp);
 // says of the picture's type is not to be believed. A list without them contradicts nothing.
 bool metadata_is_stale(const metadata_v4_metadata_context* list, const picture_stamp& present);
 
+// Frees what a stale list says of the picture itself: type, size, timeline and the old stamp. What
+// people have chosen for the item stays.
+void drop_stale_facts(metadata_v4_metadata_context* list);
+
 // Writes the stamp into the list. As set_item_entry: 1 changed, 0 already so, -1 refused.
 int set_picture_stamp(metadata_v4_metadata_context* list, const picture_stamp& stamp);
 

@@ -327,6 +327,16 @@ TEST_F(Derived, TypeOfAnotherStateOfThePictureIsStale)
     EXPECT_EQ(vexa_aspect_ratio.numerator, 16);
 }
 
+TEST_F(Derived, FactsOfAnotherStateOfThePictureAreDropped)
+{
+    vexa_set_string(&vexa_file_metadir, folder.path().c_str());
+    folder.write("metadata", "image size = 4 x 3\ntitle = t\npicture size = 17\n");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    meta_to_json(vexa_metadata);
+    EXPECT_EQ(status_document().find("4 x 3"), std::string::npos);
+    EXPECT_NE(status_document().find("title"), std::string::npos);
+}
+
 TEST_F(Derived, WhatIsWrittenBackIsBelievedUntilThePictureChanges)
 {
     vexa_set_string(&vexa_file_type, "image/png");

@@ -9,6 +9,7 @@
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/standard_entries.h"
 #include "platform/standalone/metadata/metadata_list.h"
+#include "platform/standalone/metadata/picture_stamp.h"
 #include "tests/unit/item/item_fixture.h"
 
 namespace {
@@ -36,7 +37,7 @@ protected:
         return entry != nullptr ? entry->value : "(none)";
     }
 
-    void take(bool stale = false) { item::take_stored_settings(list.get(), stale); }
+    void take() { item::take_stored_settings(list.get()); }
 
     std::unique_ptr<metadata_v4_metadata_context, free_list> list{platform::new_metadata_list()};
 };
@@ -67,7 +68,8 @@ TEST_F(StandardEntries, StaleListKeepsOnlyTheUsersChoices)
     add("background music", "on");
     add("time scale", "100/1");
     add("time duration", "250");
-    take(true);
+    platform::drop_stale_facts(list.get());
+    take();
     EXPECT_EQ(vexa_file_type, nullptr);
     EXPECT_EQ(vexa_time_scale.numerator, 1);
     EXPECT_EQ(vexa_time_duration, 0);
@@ -181,6 +183,17 @@ TEST_F(StandardEntries, SizeAndTimeOfThePictureAreWritten)
     EXPECT_NE(value("picture time"), "(none)");
 }
 
+// The picture may be rewritten while it is examined. What was found out is then believed only until
+// somebody looks again.
+TEST_F(StandardEntries, StampIsThatOfThePictureAsItWasOpened)
+{
+    name_picture("picture.png", "sixteen bytes ..");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    name_picture("picture.png", "other bytes");
+    vexa_standard_vars_to_metadata(list.get());
+    EXPECT_EQ(value("picture size"), "16");
+}
+
 TEST_F(StandardEntries, DocumentShowsWhatIsWritten)
 {
     vexa_time_duration = 12345;
@@ -197,7 +210,7 @@ TEST_F(StandardEntries, ClosedAndMissingListsAreSurvived)
     EXPECT_NE(seen.find("Metadata entry 'background music': cannot be stored\n"),
               std::string::npos);
     take();
-    item::take_stored_settings(nullptr, false);
+    item::take_stored_settings(nullptr);
 }
 
 TEST_F(StandardEntries, StateIsPrinted)

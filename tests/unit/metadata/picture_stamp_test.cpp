@@ -71,6 +71,23 @@ TEST(PictureStamp, WrittenStampIsNotStaleAndAnyDifferenceIs)
         metadata_is_stale(list.get(), {.size = "5", .time = "2024-05-31T23:59:59.123456788Z"}));
 }
 
+TEST(PictureStamp, OnlyFactsOfThePictureAreDropped)
+{
+    const list_owner list = list_from("# of the picture\nfile type = image/gif\nGUID = g\n"
+                                      "image size = 1 x 2\n[3] image size = 3 x 4\n"
+                                      "aspect ratio = 16:9\nbackground music = on\n"
+                                      "time scale = 100/1\ntime duration = 7\nvideo streams = 1\n"
+                                      "image size = 5 x 6\ntitle = t\n"
+                                      "picture size = 5\npicture time = t\n");
+    platform::drop_stale_facts(list.get());
+    EXPECT_EQ(platform::metadata_list_text(*list),
+              "# of the picture\nGUID = g\n[3] image size = 3 x 4\naspect ratio = 16:9\n"
+              "background music = on\ntitle = t\n");
+    metadata_v4_metadata_close_file(list.get());
+    platform::drop_stale_facts(list.get());
+    platform::drop_stale_facts(nullptr);
+}
+
 TEST(PictureStamp, NewStampReplacesTheOldOne)
 {
     const list_owner list = list_from("picture size = 5\nother = 1\n");

@@ -85,11 +85,6 @@ std::optional<uint8_t> read_shift(const unsigned char* copy, size_t at)
     return shift_of(copy[at + STILLIMAGE_U]);
 }
 
-uint32_t rounded_up(uint32_t size, uint8_t shift)
-{
-    return halved(size, shift);
-}
-
 constexpr uint64_t most_padding = 15; // bytes behind a row that can push its stride beyond 16 bits
 
 // The stride that has lost its upper bits: the smallest that holds a row. Only the stride of a row
@@ -161,6 +156,7 @@ private:
         if (!x_shift || !y_shift) {
             return "its chroma subsampling is unknown";
         }
+        reduced = *level > 0;
         picture->width = halved(picture->full_width, *level);
         picture->height = halved(picture->full_height, *level);
         picture->scale_x = picture->scale_y = cut >> *level;
@@ -179,7 +175,6 @@ private:
         }
         const uint8_t x_shift = chroma ? picture->chroma_x_shift : uint8_t{0};
         const uint8_t y_shift = chroma ? picture->chroma_y_shift : uint8_t{0};
-        // Rows of reduced levels hold the rounded-down number of chroma samples for certain.
         const uint64_t row = std::max(picture->width >> x_shift, 1U);
         const uint64_t stride = rebuild_stride(load(copy, format::at_strides + 2 * index, 2), row);
         if (stride == 0) {
@@ -188,13 +183,20 @@ private:
         if (stride < row) {
             return "a row is longer than its stride";
         }
-        const uint32_t rows = rounded_up(picture->height, y_shift);
-        const uint64_t width = std::min<uint64_t>(rounded_up(picture->width, x_shift), stride);
+        const uint64_t width = std::min(samples_along(picture->width, x_shift), stride);
+        const uint64_t rows = samples_along(picture->height, y_shift);
         return place_plane(plane, offset, stride, width, rows);
     }
 
+    // A decoder draws every sample of the full size. The rows and columns of a reduced level end where
+    // its record ends them; what lies beyond is no part of the picture.
+    uint64_t samples_along(uint32_t size, uint8_t shift) const
+    {
+        return reduced ? std::max(size >> shift, 1U) : halved(size, shift);
+    }
+
     const char* place_plane(int plane, uint64_t offset, uint64_t stride, uint64_t width,
-                            uint32_t rows)
+                            uint64_t rows)
     {
         // Whole rows, so that readers may copy row by row with the padding.
         const uint64_t size = stride * rows;
@@ -206,7 +208,7 @@ private:
         picture->plane[plane] = area + message.base_offset + offset;
         picture->stride[plane] = static_cast<uint32_t>(stride);
         picture->plane_width[plane] = static_cast<uint32_t>(width);
-        picture->plane_height[plane] = rows;
+        picture->plane_height[plane] = static_cast<uint32_t>(rows);
         return nullptr;
     }
 
@@ -214,6 +216,7 @@ private:
     const comm_protocol::frame& message;
     const unsigned char* area;
     stillimage_picture* picture;
+    bool reduced = false;
 };
 
 void describe_message(const comm_protocol::frame& message, stillimage_picture* picture)

@@ -193,12 +193,13 @@ enum { STILLIMAGE_MATRIX_BT601 = 1 };
 
 /* One picture: full size or a reduced level. Planes are 8 bits a sample, rows top down. An absent
  * plane has a null pointer and stride, width and height 0: U and V of a monochrome picture, A of an
- * opaque one. */
+ * opaque one. Subsampled chroma of a full-size picture is rounded up, that of a reduced level down, to
+ * 1 at least: where a pixel of an odd size has no chroma, the last sample before it stands for it. */
 typedef struct stillimage_picture {
     const uint8_t* plane[STILLIMAGE_PLANES];
     uint32_t stride[STILLIMAGE_PLANES];       /* bytes from row to row */
-    uint32_t plane_width[STILLIMAGE_PLANES];  /* samples; chroma rounded up */
-    uint32_t plane_height[STILLIMAGE_PLANES]; /* rows; chroma rounded up */
+    uint32_t plane_width[STILLIMAGE_PLANES];  /* samples of a row that are the picture's */
+    uint32_t plane_height[STILLIMAGE_PLANES]; /* rows that are the picture's */
     uint32_t width;                           /* of this picture */
     uint32_t height;
     uint32_t full_width; /* of the item */

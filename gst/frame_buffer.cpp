@@ -76,7 +76,8 @@ uint8_t* row_of(GstVideoFrame& out, guint plane, size_t row)
            row * static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&out, plane));
 }
 
-// Rows that are shorter than the format's repeat their last sample.
+// Rows that are shorter than the format's repeat their last sample, and the last row stands in for
+// one that is missing.
 void copy_plane(const stillimage_picture& picture, int plane, GstVideoFrame& out)
 {
     const auto component = static_cast<guint>(plane);

@@ -20,10 +20,16 @@ constexpr planar_format planar_formats[] = {
     {2, 0, false, GST_VIDEO_FORMAT_Y41B}, {2, 2, false, GST_VIDEO_FORMAT_YUV9},
 };
 
+// Raw video rounds up.
+bool holds(uint32_t samples, uint32_t pixels, uint8_t shift)
+{
+    return uint64_t{samples} << shift >= pixels;
+}
+
 bool is_whole(const stillimage_picture& picture, int plane)
 {
-    const uint32_t step = UINT32_C(1) << picture.chroma_x_shift;
-    return picture.plane_width[plane] >= (picture.width + step - 1) / step;
+    return holds(picture.plane_width[plane], picture.width, picture.chroma_x_shift) &&
+           holds(picture.plane_height[plane], picture.height, picture.chroma_y_shift);
 }
 
 // The worker states no more than range and matrix.

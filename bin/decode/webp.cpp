@@ -2,6 +2,9 @@
 // library leaves nothing but the stride padding untouched, so that is all that is painted then, and
 // afterwards. Only a picture that fails gets the black in full, and is drawn once more on top: the
 // library draws the same rows again.
+//
+// Chroma rows below the picture repeat its last one, since the filter that makes the reduced levels
+// reads them: whatever else lay there would tint the bottom of each level.
 #include "bin/decode/webp.h"
 
 #include <cstdio>
@@ -46,26 +49,20 @@ size_t plane_size(const frame_plane& plane)
     return plane_rows(plane, static_cast<uint64_t>(image_buffer_height)) * *plane.stride;
 }
 
-// Kept as is: of an odd height the last chroma row does not count as visible.
-uint64_t visible_rows(const frame_plane& plane)
+// Samples that the library draws of so many pixels.
+uint64_t drawn_samples(const frame_plane& plane, int pixels)
 {
-    return plane_rows(plane, static_cast<uint64_t>(image_height));
-}
-
-// Bytes that the library draws in a row of the plane.
-uint64_t drawn_width(const frame_plane& plane)
-{
-    const auto width = static_cast<uint64_t>(image_width);
-    return plane.row_shift == nullptr ? width : (width + 1) / 2;
+    const auto count = static_cast<uint64_t>(pixels);
+    return plane.row_shift == nullptr ? count : (count + 1) / 2;
 }
 
 void fill_padding(const picture_planes& planes)
 {
     for (int i = 0; i < planes.count; ++i) {
         const frame_plane& plane = *drawn_planes[i];
-        const uint64_t drawn = drawn_width(plane);
+        const uint64_t drawn = drawn_samples(plane, image_width);
         const uint64_t padding = *plane.stride - drawn;
-        const uint64_t rows = padding != 0 ? visible_rows(plane) : 0;
+        const uint64_t rows = padding != 0 ? drawn_samples(plane, image_height) : 0;
         for (uint64_t y = 0; y < rows; ++y) {
             memset(planes.base[i] + y * *plane.stride + drawn, plane.black, padding);
         }
@@ -76,7 +73,21 @@ void fill_visible_rows(const picture_planes& planes)
 {
     for (int i = 0; i < planes.count; ++i) {
         const frame_plane& plane = *drawn_planes[i];
-        memset(planes.base[i], plane.black, visible_rows(plane) * *plane.stride);
+        memset(planes.base[i], plane.black, drawn_samples(plane, image_height) * *plane.stride);
+    }
+}
+
+void repeat_last_chroma_row(const picture_planes& planes)
+{
+    for (const int i : {PLANE_U, PLANE_V}) {
+        const frame_plane& plane = *drawn_planes[i];
+        const uint64_t stride = *plane.stride;
+        const uint64_t below = drawn_samples(plane, image_height);
+        const unsigned char* last = planes.base[i] + (below - 1) * stride;
+        const uint64_t rows = plane_rows(plane, static_cast<uint64_t>(image_buffer_height));
+        for (uint64_t y = below; y < rows; ++y) {
+            memcpy(planes.base[i] + y * stride, last, stride);
+        }
     }
 }
 
@@ -146,6 +157,7 @@ int full_decode_webp_yuv()
     } else {
         fputs("WARNING: Failed to decode WebP image\n", stderr);
     }
+    repeat_last_chroma_row(planes);
     vexa_status_write(100, "");
     free_all_webp_raw();
     return 0;

@@ -240,22 +240,49 @@ INSTANTIATE_TEST_SUITE_P(
                     size_case{"video/x-raw,width=[1,200]", "wanted-width=900 wanted-height=600",
                               146, 108}));
 
-TEST_F(GstFormats, LastChromaColumnThatALevelLacksIsRepeated)
+struct odd_level {
+    int full_width;
+    int full_height;
+    jpeg_writer::factors luma;
+    const char* caps;
+    bool shared;
+};
+
+class GstOddLevels : public GstFixture, public testing::WithParamInterface<odd_level> {};
+
+// Behind the chroma that a level has there is something else: it must not be shown.
+TEST_P(GstOddLevels, ChromaThatTheLevelLacksIsRepeated)
 {
-    // 34 x 64 halved: 17 columns, whose chroma rows hold 8 samples where 9 are due.
-    const std::string picture =
-        picture_of("narrow.jpg", jpeg_writer::write(jpeg_writer::ycbcr(34, 64, {2, 2})));
+    const odd_level& odd = GetParam();
+    const std::string picture = picture_of(
+        "odd.jpg",
+        jpeg_writer::write(jpeg_writer::ycbcr(odd.full_width, odd.full_height, odd.luma)));
     const worker served(home, picture);
-    const source_harness source(socket_of(served), {.caps = "video/x-raw,width=17"});
+    const source_harness source(socket_of(served), {.caps = odd.caps});
     const held_buffer buffer = source.pull();
     ASSERT_NE(buffer, nullptr);
+    const GstVideoInfo info = source.info();
     const held_client client = connect_to(served.socket());
-    const held_frame frame = take_frame(client, 0, 17, 32);
+    const held_frame frame = take_frame(client, 0, info.width, info.height);
     ASSERT_NE(frame, nullptr);
     const stillimage_picture& level = *stillimage_frame_picture(frame.get());
-    ASSERT_EQ(level.plane_width[STILLIMAGE_U], 8U);
-    expect_same_planes(buffer.get(), source.info(), level);
+    ASSERT_EQ(level.plane_width[STILLIMAGE_U], level.width >> level.chroma_x_shift);
+    ASSERT_EQ(level.plane_height[STILLIMAGE_U], level.height >> level.chroma_y_shift);
+    expect_same_planes(buffer.get(), info, level);
+    const std::string there = mapping_of(level.plane[STILLIMAGE_Y]);
+    EXPECT_EQ(mapping_of(data_of(buffer.get())) == there, odd.shared);
 }
+
+INSTANTIATE_TEST_SUITE_P(Sizes, GstOddLevels,
+                         testing::Values(odd_level{64, 64, {2, 2}, "video/x-raw,width=32", true},
+                                         odd_level{34, 64, {2, 2}, "video/x-raw,width=17", false},
+                                         odd_level{64, 66, {2, 2}, "video/x-raw,height=33", false},
+                                         odd_level{66, 66, {2, 2}, "video/x-raw,width=33", false},
+                                         odd_level{64, 66, {2, 1}, "video/x-raw,width=32", true},
+                                         odd_level{66, 64, {2, 1}, "video/x-raw,width=33", false},
+                                         odd_level{64, 66, {1, 1}, "video/x-raw,height=33", true},
+                                         odd_level{
+                                             64, 66, {1, 2}, "video/x-raw,height=33", false}));
 
 TEST_F(GstFormats, AspectRatioIsThePixelsAndANewOneCounts)
 {

@@ -180,7 +180,32 @@ TEST(ScanlineRecord, LevelThatLooksLikeAnotherIsRefused)
     EXPECT_TRUE(smallest.accepted) << smallest.reason; // all of the same size
 }
 
-TEST(ScanlineRecord, LevelWhoseChromaRowIsRoundedDownEndsAtItsStride)
+TEST(ScanlineRecord, ChromaOfALevelEndsWhereTheRecordEndsIt)
+{
+    const frame_sample sample({.full_width = 1001, .full_height = 1037, .level = 1});
+    ASSERT_EQ(sample.get(format::at_last_rows + 2, 2), 258);
+    const judgement result = judge(sample);
+    ASSERT_TRUE(result.accepted) << result.reason;
+    EXPECT_EQ(result.picture.plane_width[STILLIMAGE_Y], 501);
+    EXPECT_EQ(result.picture.plane_height[STILLIMAGE_Y], 519);
+    for (const int p : {STILLIMAGE_U, STILLIMAGE_V}) {
+        EXPECT_EQ(result.picture.plane_width[p], 250);
+        EXPECT_EQ(result.picture.plane_height[p], 259);
+    }
+}
+
+TEST(ScanlineRecord, ChromaOfALevelHasARowAndAColumnAtLeast)
+{
+    const judgement result = judge(
+        frame_sample({.full_width = 3, .full_height = 5, .level = 2, .x_shift = 2, .y_shift = 2}));
+    ASSERT_TRUE(result.accepted) << result.reason;
+    for (const int p : {STILLIMAGE_U, STILLIMAGE_V}) {
+        EXPECT_EQ(result.picture.plane_width[p], 1);
+        EXPECT_EQ(result.picture.plane_height[p], 1);
+    }
+}
+
+TEST(ScanlineRecord, ChromaOfAFullSizeEndsAtItsStride)
 {
     frame_sample sample({.full_width = 17, .full_height = 16});
     sample.put(format::at_strides + 2, 2, 8); // 17 >> 1

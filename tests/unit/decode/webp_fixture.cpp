@@ -18,8 +18,8 @@ namespace {
 struct plain_plane {
     uint64_t offset;
     uint64_t stride;
-    uint64_t rows;         // allocated
-    uint64_t visible_rows; // blackened
+    uint64_t rows;       // allocated
+    uint64_t black_rows; // before anything is drawn
     unsigned char black;
 };
 
@@ -31,8 +31,8 @@ std::vector<plain_plane> plain_planes()
     const uint64_t Y = stride * rows;
     const uint64_t U = Y / 4;
     std::vector<plain_plane> planes = {{0, stride, rows, height, 16},
-                                       {Y, stride / 2, rows / 2, height / 2, 128},
-                                       {Y + U, stride / 2, rows / 2, height / 2, 128}};
+                                       {Y, stride / 2, rows / 2, rows / 2, 128},
+                                       {Y + U, stride / 2, rows / 2, rows / 2, 128}};
     if (image_has_alpha_channel != 0) {
         planes.push_back({Y + U + U, stride, rows, height, 16});
     }
@@ -42,7 +42,19 @@ std::vector<plain_plane> plain_planes()
 void blacken(const std::vector<plain_plane>& planes, file_bytes& area)
 {
     for (const plain_plane& plane : planes) {
-        memset(area.data() + plane.offset, plane.black, plane.visible_rows * plane.stride);
+        memset(area.data() + plane.offset, plane.black, plane.black_rows * plane.stride);
+    }
+}
+
+// Sample by sample: each below the picture's last chroma row is the one above it.
+void extend_chroma(const std::vector<plain_plane>& planes, file_bytes& area)
+{
+    const auto drawn_rows = static_cast<uint64_t>((image_height + 1) / 2);
+    for (const size_t p : {1U, 2U}) {
+        const plain_plane& plane = planes[p];
+        for (uint64_t i = drawn_rows * plane.stride; i < plane.rows * plane.stride; ++i) {
+            area[plane.offset + i] = area[plane.offset + i - plane.stride];
+        }
     }
 }
 
@@ -176,6 +188,7 @@ drawn_picture drawn_by_the_rules(const file_bytes& file, unsigned char before)
         out.a_size = planes[3].rows * planes[3].stride;
     }
     drawn.status = WebPDecode(file.data(), file.size(), &config);
+    extend_chroma(planes, drawn.area);
     return drawn;
 }
 
@@ -201,5 +214,6 @@ file_bytes assembled_from_own_planes(const file_bytes& file)
                   planes[3].stride);
     }
     WebPFreeDecBuffer(&config.output);
+    extend_chroma(planes, area);
     return area;
 }

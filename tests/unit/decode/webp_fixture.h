@@ -38,8 +38,9 @@ protected:
     std::string told;
 };
 
-// What the whole frame buffer holds by the rules: the visible rows are blackened, then the library
-// draws over them. To be called with the picture open, and before it is decoded.
+// What the whole frame buffer holds by the rules: the visible rows and all chroma rows are blackened,
+// the library draws over them, then the last chroma row drawn goes on to the end of its plane. To be
+// called with the picture open, and before it is decoded.
 struct drawn_picture {
     file_bytes area;
     VP8StatusCode status;

@@ -95,7 +95,7 @@ TEST_F(WebpDecoding, EverySizeWithAlphaEndsAsByTheRules)
     }
 }
 
-TEST_F(WebpDecoding, PaddingIsBlackAndRowsBelowThePictureAreLeft)
+TEST_F(WebpDecoding, PaddingIsBlackAndLumaBelowThePictureIsLeft)
 {
     ASSERT_TRUE(open(lossless_webp(17, 17, noise(17, 17, true)), 0x55));
     ASSERT_EQ(decode(), 0);
@@ -109,12 +109,28 @@ TEST_F(WebpDecoding, PaddingIsBlackAndRowsBelowThePictureAreLeft)
     constexpr uint64_t below = 17 * 32;
     EXPECT_EQ(area[below], 0x55);
     EXPECT_EQ(area[image_offset_U - 1], 0x55);
-    constexpr uint64_t eighth_row = 7 * 16;
-    EXPECT_EQ(area[image_offset_U + eighth_row + 9], 128);
-    EXPECT_EQ(area[image_offset_V + eighth_row + 15], 128);
-    // The ninth chroma row is drawn, but its padding does not count as visible.
-    EXPECT_EQ(area[image_offset_U + eighth_row + 16 + 9], 0x55);
-    EXPECT_EQ(area[image_offset_V + eighth_row + 16 + 15], 0x55);
+    for (uint64_t y = 0; y < 16; ++y) {
+        EXPECT_EQ(area[image_offset_U + y * 16 + 9], 128);
+        EXPECT_EQ(area[image_offset_V + y * 16 + 15], 128);
+    }
+}
+
+TEST_F(WebpDecoding, ChromaRowsBelowThePictureRepeatItsLast)
+{
+    for (const int height : {1, 16, 17, 18, 31}) {
+        ASSERT_TRUE(open(lossless_webp(17, height, noise(17, height, false)), 0x55));
+        ASSERT_EQ(decode(), 0);
+        const auto drawn = static_cast<uint64_t>((height + 1) / 2);
+        const auto rows = static_cast<uint64_t>(image_buffer_height) / 2;
+        for (const uint64_t offset : {image_offset_U, image_offset_V}) {
+            const unsigned char* plane = scripted::buffer() + offset;
+            const file_bytes last(plane + (drawn - 1) * 16, plane + drawn * 16);
+            for (uint64_t y = drawn; y < rows; ++y) {
+                EXPECT_EQ(file_bytes(plane + y * 16, plane + (y + 1) * 16), last) << height;
+            }
+        }
+        EXPECT_EQ(scripted::buffer()[image_scanline_data_buffer_offset], 0x55);
+    }
 }
 
 TEST_F(WebpDecoding, PromisedAlphaThatIsNotThereIsOpaque)

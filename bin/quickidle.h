@@ -3,7 +3,11 @@
 
 extern bool slow_decode; // set by the switch "slow-decode"
 
-// Up to 10 rounds of socket and client work, fewer when there is nothing to do; then 10 ms of sleep
-// with "slow-decode". Never to be called from inside a client callback or a codec. The argument has
+// Up to 10 rounds of socket and client work, fewer when there is nothing to do. Never to be called
+// from inside a client callback. Inside a codec only where nothing that a client may ask for can
+// reach the codec, and where no jump can skip it.
+void quickidle_rounds();
+
+// The same between two calls of a codec; then 10 ms of sleep with "slow-decode". The argument has
 // no effect.
 void quickidle_comm(unsigned long unused = 0);

@@ -16,6 +16,7 @@
 #include "bin/decode/rescale.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
+#include "bin/examine/png_input.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/framebuffer/mipmap.h"
 #include "bin/invariant.h"
@@ -269,23 +270,41 @@ void end_pass(int number)
     vexa_global_access_cache_cleanup_idle(vexa_acc_cache);
 }
 
-void draw_passes(const colour_model& model, unsigned char* pixels)
+// *number is the pass at hand, also after a jump.
+void draw_passes(const colour_model& model, unsigned char* pixels, int* number)
 {
     row_count counted = {0, count_rows()};
-    for (int i = 0; i < pass_count; ++i) {
-        draw_pass(i, model, pixels, &counted);
-        end_pass(i);
+    for (; *number < pass_count; ++*number) {
+        draw_pass(*number, model, pixels, &counted);
+        end_pass(*number);
     }
 }
 
-void draw_passes_armed(const colour_model& model, unsigned char* pixels)
+bool draw_passes_armed(const colour_model& model, unsigned char* pixels, int* number)
 {
-    if (setjmp(png_jmpbuf(png_context)) == 0) {
-        draw_passes(model, pixels);
-    } else {
-        fputs("Unexpected PNG error while reading, aborting decode\n", stderr);
+    if (setjmp(png_jmpbuf(png_context)) != 0) {
+        png_abort_unexpected();
+        return false;
     }
+    draw_passes(model, pixels, number);
     png_abort_unexpected();
+    return true;
+}
+
+// A termination signal cuts every pass short, wherever it is noticed; an error skips them.
+void draw_picture(const colour_model& model, unsigned char* pixels)
+{
+    int number = 0;
+    if (draw_passes_armed(model, pixels, &number)) {
+        return;
+    }
+    if (!png_input_was_stopped()) {
+        fputs("Unexpected PNG error while reading, aborting decode\n", stderr);
+        return;
+    }
+    for (; number < pass_count; ++number) {
+        end_pass(number);
+    }
 }
 
 int prepare_palette(const char* decoder)
@@ -318,7 +337,7 @@ int full_decode_png_rgb_adam7()
     INVARIANT(image_cnb_buffer_fd >= 0, "image_cnb_buffer_fd >= 0");
     INVARIANT(image_chroma_x_shift == 0, "image_chroma_x_shift == 0");
     INVARIANT(image_chroma_y_shift == 0, "image_chroma_y_shift == 0");
-    draw_passes_armed(model, RGB);
+    draw_picture(model, RGB);
     vexa_status_write(100, "");
     free(RGB);
     RGB = nullptr;

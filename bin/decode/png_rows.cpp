@@ -17,6 +17,7 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
+#include "bin/examine/png_input.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/invariant.h"
 #include "bin/quickidle.h"
@@ -140,7 +141,7 @@ void read_batches(const png_variant& variant, unsigned char* staging, batch* map
     }
 }
 
-// False when the library gave up; *mapped is then the batch that it left.
+// False when the library was left before its time; *mapped is then the batch that it left.
 bool read_armed(const png_variant& variant, unsigned char* staging, batch* mapped)
 {
     if (setjmp(png_jmpbuf(png_context)) != 0) {
@@ -175,7 +176,9 @@ int decode_png_rows(const png_variant& variant)
     check(variant, !variant.draws[PLANE_A] || image_stride_A != 0, "image_stride_A != 0");
     batch mapped = {};
     if (!read_armed(variant, staging, &mapped)) {
-        fputs("Unexpected PNG error while reading, aborting decode\n", stderr);
+        if (!png_input_was_stopped()) {
+            fputs("Unexpected PNG error while reading, aborting decode\n", stderr);
+        }
         if (variant.blackens) {
             blacken(mapped);
         }

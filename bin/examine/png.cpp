@@ -3,12 +3,15 @@
 // destructor, and what is read after a jump does not change after setjmp.
 #include "bin/examine/png.h"
 
+#include <algorithm>
 #include <csetjmp>
 #include <cstdlib>
-#include <cstring>
+#include <malloc.h>
 #include <unistd.h>
 
 #include "bin/examine/image_state.h"
+#include "bin/examine/png_input.h"
+#include "bin/examine/reading_watch.h"
 #include "bin/invariant.h"
 #include "platform/media_item.h"
 
@@ -30,11 +33,9 @@ constexpr const char* library_version = "1.6.37"; // every 1.6 library takes it
 constexpr png_alloc_size_t largest_chunk = 8'000'000;
 constexpr png_uint_32 most_chunks = 1000; // that are kept for the header
 
-// The library needs a few rows and the largest chunk, twice.
-constexpr png_alloc_size_t largest_block = 16 << 20;
-
-constexpr size_t header_bytes =
-    24; // signature, then the first chunk's length, name and picture size
+// All that the library gets while a file is open: it needs a few rows and the largest chunk, twice.
+constexpr png_alloc_size_t most_memory = 16 << 20;
+png_alloc_size_t memory_taken = 0;
 
 int refuse(const char* message)
 {
@@ -49,33 +50,12 @@ int refuse(const char* message)
     abort();
 }
 
-uint32_t big_endian_32(const unsigned char* bytes)
-{
-    return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
-}
-
-// The library refuses a size beyond its limits before it tells it, so it is looked up in the file.
-// False when the file has no header there.
-bool read_size_from_file(png_uint_32* width, png_uint_32* height)
-{
-    static constexpr unsigned char start[16] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n',
-                                                0,    0,   0,   13,  'I',  'H',  'D',  'R'};
-    unsigned char bytes[header_bytes] = {};
-    if (pread(fileno(png_fp), bytes, sizeof bytes, 0) != ssize_t{sizeof bytes} ||
-        memcmp(bytes, start, sizeof start) != 0) {
-        return false;
-    }
-    *width = big_endian_32(bytes + 16);
-    *height = big_endian_32(bytes + 20);
-    return true;
-}
-
 int report_unexpected_error()
 {
     fputs("Unexpected PNG error, giving up\n", stderr);
     png_uint_32 width = 0;
     png_uint_32 height = 0;
-    if (read_size_from_file(&width, &height) && !png_size_is_acceptable(width, height)) {
+    if (png_size_in_file(&width, &height) && !png_size_is_acceptable(width, height)) {
         fputs("Image width and height is unacceptable\n", stderr);
     }
     return -1;
@@ -125,7 +105,7 @@ void set_transformations()
 
 int read_header()
 {
-    png_init_io(png_context, png_fp);
+    open_png_input(png_context, fileno(png_fp));
     png_read_info(png_context, png_context_info);
     zero_header();
     if (png_get_IHDR(png_context, png_context_info, &png_width, &png_height, &png_bit_depth,
@@ -141,6 +121,7 @@ int read_header()
     }
     publish_image_state();
     set_transformations();
+    watch_decoding();
     return 0;
 }
 
@@ -168,16 +149,31 @@ void destroy_reader_armed()
 }
 
 // Before it reads a chunk the library takes and clears as many bytes as the chunk claims to have,
-// even beyond its own limit for chunks: 2 GiB for a file of a hundred bytes.
+// even beyond its own limit for chunks, and it keeps what it reads of each.
 png_voidp allocate_limited(png_structp /*context*/, png_alloc_size_t size)
 {
-    return size <= largest_block ? malloc(size) : nullptr;
+    void* const block = size <= most_memory - memory_taken ? malloc(size) : nullptr;
+    const size_t taken = malloc_usable_size(block);
+    if (taken > most_memory - memory_taken) {
+        free(block);
+        return nullptr;
+    }
+    memory_taken += taken;
+    return block;
+}
+
+// The library's structures are older than the count, and the last to come back.
+void release_counted(png_structp /*context*/, png_voidp block)
+{
+    memory_taken -= std::min<png_alloc_size_t>(memory_taken, malloc_usable_size(block));
+    free(block);
 }
 
 // Before a byte is read: what a hostile file may ask for.
 void set_limits()
 {
-    png_set_mem_fn(png_context, nullptr, allocate_limited, nullptr);
+    memory_taken = 0;
+    png_set_mem_fn(png_context, nullptr, allocate_limited, release_counted);
     png_set_user_limits(png_context, image_size_limit, image_size_limit);
     png_set_chunk_malloc_max(png_context, largest_chunk);
     png_set_chunk_cache_max(png_context, most_chunks);

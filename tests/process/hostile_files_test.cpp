@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include "client/stillimage_client.h"
 #include "tests/support/child_process.h"
@@ -38,6 +39,20 @@ protected:
         jpeg_writer::set_size(file, side, side);
         jpeg_writer::insert_before_end(file, jpeg_writer::empty_scans(scans));
         return file;
+    }
+
+    // The data of a zTXt chunk.
+    static std::vector<unsigned char> packed_zeros(size_t size)
+    {
+        std::vector<unsigned char> data = {'k', 0, 0};
+        uLongf packed = compressBound(size);
+        data.resize(3 + packed);
+        const std::vector<unsigned char> zeros(size);
+        if (compress2(data.data() + 3, &packed, zeros.data(), size, 9) != Z_OK) {
+            abort();
+        }
+        data.resize(3 + packed);
+        return data;
     }
 
     worker_home home;
@@ -117,13 +132,10 @@ TEST_F(HostileFiles, SizesThatTheRecordCutsReachTheClientWhole)
 
 TEST_F(HostileFiles, LogOfBadChunksStaysUnderItsLimit)
 {
-    png_spec spec;
-    spec.rows = {0, 0, 0, 0};
     std::vector<unsigned char> file = png_signature();
-    append_png_chunk(file, {"IHDR", png_header(spec)});
     std::vector<unsigned char> bad;
-    append_png_chunk(bad, {"gAMA", {0, 0, 0, 1}});
-    bad.back() ^= 1; // its checksum
+    append_png_chunk(bad, {"gaMA", {0, 0, 0, 1}}); // told of, as long as there is no header
+    bad.back() ^= 1;                               // its checksum
     constexpr int chunks = 500'000;
     for (int i = 0; i < chunks; ++i) {
         file.insert(file.end(), bad.begin(), bad.end());
@@ -131,7 +143,7 @@ TEST_F(HostileFiles, LogOfBadChunksStaysUnderItsLimit)
     const std::string metadir = home.path("meta");
     const ended_worker ended = run_worker(home, {{"--file", write("bad.png", file), "--metadir",
                                                   metadir, "--stderr-to-log", "--identify-only"}});
-    EXPECT_EQ(ended.status, 1); // no image data
+    EXPECT_EQ(ended.status, 1); // no header
     uintmax_t size = 0;
     for (const char* name : {"log", "log.old"}) {
         const std::string path = metadir + "/" + name;
@@ -140,6 +152,37 @@ TEST_F(HostileFiles, LogOfBadChunksStaysUnderItsLimit)
     EXPECT_LE(size, uintmax_t{16} << 20);
     EXPECT_GT(size, uintmax_t{8} << 20); // more was told than one log holds
     EXPECT_THAT(home.folder().read("meta/log"), EndsWith("PNG examination failed\n"));
+}
+
+// A hundred megabytes of texts before and behind the image data, and a thousand that would unpack to
+// eight megabytes each.
+TEST_F(HostileFiles, TextsOfAPngTakeNoMemory)
+{
+    std::vector<unsigned char> text(20 << 20, 'v');
+    text[1] = 0;
+    std::vector<unsigned char> texts;
+    for (const char* kind : {"tEXt", "tEXt", "iTXt", "tEXt", "zTXt"}) {
+        append_png_chunk(texts, {kind, text});
+    }
+    const std::vector<unsigned char> packed = packed_zeros(7'990'000);
+    for (int i = 0; i < 1000; ++i) {
+        append_png_chunk(texts, {"zTXt", packed});
+    }
+    png_spec spec;
+    spec.rows = {0, 0, 0, 0};
+    std::vector<unsigned char> file = write_png(spec);
+    constexpr ptrdiff_t end_bytes = 12;
+    constexpr ptrdiff_t header_ends = 8 + 25;
+    file.insert(file.end() - end_bytes, texts.begin(), texts.end());
+    file.insert(file.begin() + header_ends, texts.begin(), texts.end());
+    worker::setting how = {{"--file", write("texts.png", file), "--oneshot"}};
+#ifndef __SANITIZE_ADDRESS__ // which takes terabytes of address space
+    how.address_space = uint64_t{64} << 20;
+#endif
+    const ended_worker ended = run_worker(home, how);
+    EXPECT_EQ(ended.status, 0) << ended.told;
+    EXPECT_THAT(ended.told, testing::Not(HasSubstr("PNG WARNING")));
+    EXPECT_THAT(ended.told, testing::Not(HasSubstr("PNG ERROR")));
 }
 
 TEST_F(HostileFiles, PictureCutWhileItIsIdentifiedIsNoBadSignal)

@@ -118,6 +118,9 @@ void* __wrap_calloc(size_t count, size_t size)
 
 ssize_t __wrap_read(int fd, void* buffer, size_t size)
 {
+    if (plan.on_read) {
+        plan.on_read();
+    }
     if (counts_out(plan.read)) {
         errno = plan.read_errno;
         return -1;

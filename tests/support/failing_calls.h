@@ -18,8 +18,9 @@ struct script {
     int new_array = 0;                // new (std::nothrow) T[n]
     int read = 0;                     // fails with errno
     int read_errno = 0;
-    int read_most = 0; // bytes that one read gives at most; 0: no limit
-    int read_ends = 0; // finds the end of the file
+    int read_most = 0;             // bytes that one read gives at most; 0: no limit
+    int read_ends = 0;             // finds the end of the file
+    std::function<void()> on_read; // called in each read
     int lseek = 0;
     int webp_width = 0; // WebPGetFeatures reports a width of 0
     int webp_height = 0;

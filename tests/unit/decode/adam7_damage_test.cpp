@@ -9,6 +9,7 @@
 #include "bin/decode/png_adam7.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
+#include "bin/examine/reading_watch.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/framebuffer/mipmap.h"
 #include "platform/media_item.h"
@@ -234,6 +235,28 @@ TEST_F(DecodePngAdam7Damage, StopBetweenPassesIsSeenByTheNextOne)
         });
         EXPECT_EQ(scripted::log.status.size(), first == 0 ? all_rows + 1 : first + 1);
     }
+}
+
+// The rest of a pass is as good as never read, and what follows a pass is done all the same.
+TEST_F(DecodePngAdam7Damage, StopInTheLibraryIsAStopInItsPass)
+{
+    const bytes whole = write_png(random_picture(17, 17, {6, 8}));
+    const auto data = static_cast<ptrdiff_t>(8 + 25);
+    bytes file(whole.begin(), whole.begin() + data);
+    for (int i = 0; i < 20'000; ++i) {
+        append_png_chunk(file, {"IDAT"});
+    }
+    file.insert(file.end(), whole.begin() + data, whole.end());
+    open(file, 90, true);
+    scripted::plan.clock_step_us = decoder_notices_signal_within_us;
+    failing_calls::plan.on_read = [] { DIE4 = 1; };
+    EXPECT_EQ(decode(), 0);
+    EXPECT_THAT(told, testing::Not(testing::HasSubstr("aborting")));
+    EXPECT_EQ(scripted::log.ready, (std::vector<status_line>{{-1, "Provisional image ready"}}));
+    EXPECT_EQ(scripted::log.status, (std::vector<status_line>{{0, "Decoding PNG"}, {100, ""}}));
+    EXPECT_EQ(count_calls("vexa_global_access_cache_cleanup_idle"), 7U);
+    EXPECT_EXIT(png_error(png_context, "late"), testing::KilledBySignal(SIGABRT),
+                "Unexpected PNG setjmp after header setup\n");
 }
 
 TEST_F(DecodePngAdam7Damage, RowThatCannotBeAllocatedIsRefused)

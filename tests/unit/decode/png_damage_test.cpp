@@ -212,14 +212,14 @@ bytes profile_that_grows(size_t size)
     return chunk;
 }
 
-TEST_F(PngDamage, ProfileThatGrowsIsLeftOut)
+TEST_F(PngDamage, ProfileThatWouldGrowIsLeftOut)
 {
     png_spec spec = random_picture(20, 20, 2, 8);
     spec.chunks = {{"iCCP", profile_that_grows(60'000'000)}};
     ASSERT_LT(spec.chunks[0].data.size(), 70'000U);
     const bytes file = write_png(spec);
     open(file);
-    EXPECT_THAT(told, HasSubstr("PNG WARNING: iCCP: "));
+    EXPECT_THAT(told, testing::Not(HasSubstr("iCCP")));
     EXPECT_EQ(decode(), 0);
     EXPECT_EQ(told, "");
     EXPECT_TRUE(allocation() == draw_png_literally(file));

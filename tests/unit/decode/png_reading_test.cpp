@@ -1,0 +1,129 @@
+// What happens in the middle of the library's reading: clients, signals, errors of the disk.
+#include <algorithm>
+#include <cerrno>
+
+#include "bin/examine/reading_watch.h"
+#include "bin/framebuffer/layout.h"
+#include "platform/media_item.h"
+#include "tests/support/png_literal.h"
+#include "tests/unit/decode/png_fixture.h"
+
+namespace png_tests {
+namespace {
+
+constexpr size_t buffer_size = 32768; // of one reading
+
+class PngReading : public Fixture {
+protected:
+    // From now on counts the readings; calls `action` in the one of that number.
+    void in_reading(int number, const std::function<void()>& action)
+    {
+        failing_calls::plan.on_read = [this, number, action] {
+            if (++readings == number) {
+                action();
+            }
+        };
+    }
+
+    // Its image data begin with so many chunks without any.
+    static bytes with_empty_chunks(const bytes& file, size_t count)
+    {
+        const std::string name = "IDAT";
+        const auto data = std::search(file.begin(), file.end(), name.begin(), name.end()) - 4;
+        bytes empty;
+        append_png_chunk(empty, {"IDAT"});
+        bytes result(file.begin(), data);
+        for (size_t i = 0; i < count; ++i) {
+            result.insert(result.end(), empty.begin(), empty.end());
+        }
+        result.insert(result.end(), data, file.end());
+        return result;
+    }
+
+    int readings = 0;
+};
+
+TEST_F(PngReading, ClientsAreServedByTheClock)
+{
+    const bytes file = write_png(random_picture(1000, 64, 6, 8)); // one batch, 256 KB
+    open(file);
+    ASSERT_EQ(decode(), 0);
+    EXPECT_EQ(scripted::log.idle_rounds, 1U);
+    start_anew();
+    open(file);
+    scripted::plan.clock_step_us = 600;
+    ASSERT_EQ(decode(), 0);
+    EXPECT_GE(scripted::log.idle_rounds, 1 + 256'000 / buffer_size);
+    EXPECT_TRUE(allocation() == draw_png_literally(file));
+}
+
+TEST_F(PngReading, SignalWithinABatchIsLeftToTheDecoder)
+{
+    for (const model& m : models) {
+        const bytes file = write_png(random_picture(1000, 300, m.colour_type, 8));
+        open(file, 90);
+        in_reading(1, [] { DIE4 = 1; });
+        EXPECT_EQ(decode(), 0);
+        EXPECT_GT(readings, 0);
+        EXPECT_EQ(told, "");
+        EXPECT_TRUE(allocation() == draw_png_literally(file, {.batches = 1, .before = 90}))
+            << m.name;
+        start_anew();
+        readings = 0;
+    }
+}
+
+TEST_F(PngReading, DecoderThatDoesNotGetToTheSignalIsLeft)
+{
+    const bytes file = write_png(random_picture(16, 128, 6, 8));
+    open(with_empty_chunks(file, 100'000), 90); // 1.2 MB
+    scripted::plan.clock_step_us = decoder_notices_signal_within_us / 4;
+    in_reading(5, [] { DIE4 = 1; });
+    EXPECT_EQ(decode(), 0);
+    EXPECT_GE(readings, 6);
+    EXPECT_LE(readings, 9);
+    EXPECT_EQ(told, "");
+    EXPECT_EQ(scripted::log.status.back(), (scripted::status_line{100, ""}));
+    const bytes planes = allocation();
+    EXPECT_EQ(planes[64 * image_stride_Y - 1], 16); // the batch at hand is black
+    EXPECT_EQ(planes[64 * image_stride_Y], 90);     // the next one was never begun
+}
+
+TEST_F(PngReading, ChunksWithoutDataAreGoneThrough)
+{
+    const bytes file = write_png(random_picture(16, 20, 2, 8));
+    open(with_empty_chunks(file, 20'000));
+    ASSERT_EQ(decode(), 0);
+    EXPECT_EQ(told, "");
+    EXPECT_TRUE(allocation() == draw_png_literally(file));
+}
+
+TEST_F(PngReading, InterruptedReadingsGoOn)
+{
+    const bytes file = write_png(random_picture(400, 100, 2, 8));
+    open(file);
+    failing_calls::plan.read_most = 1000;
+    failing_calls::plan.read = 3;
+    failing_calls::plan.read_errno = EINTR;
+    ASSERT_EQ(decode(), 0);
+    EXPECT_EQ(told, "");
+    EXPECT_TRUE(allocation() == draw_png_literally(file));
+}
+
+TEST_F(PngReading, ErrorOfTheDiskIsAFileThatEndsThere)
+{
+    const bytes whole = write_png(random_picture(400, 200, 2, 8));
+    open(whole);
+    failing_calls::plan.read_most = 1000;
+    failing_calls::plan.read = 70;
+    failing_calls::plan.read_errno = EIO;
+    // Examination has read a buffer's worth; so have the first 33 of these.
+    const auto end = static_cast<ptrdiff_t>(2 * buffer_size + 36 * 1000);
+    ASSERT_EQ(decode(), 0);
+    EXPECT_EQ(told, "Error while reading the picture: Input/output error\n" + damage("Read Error"));
+    const bytes cut(whole.begin(), whole.begin() + end);
+    EXPECT_TRUE(allocation() == draw_png_literally(cut));
+}
+
+} // namespace
+} // namespace png_tests

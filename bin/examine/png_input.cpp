@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <unistd.h>
 
 #include "bin/examine/picture_input.h"

@@ -1,8 +1,9 @@
 // The image data is LZW without compression: 9-bit codes that each stand for one index, with a
-// clear code before the table would grow and make the codes longer.
+// clear code before the table would grow and make the codes longer. A frame of zeros is compressed.
 #include "tests/support/gif_writer.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace {
 
@@ -40,10 +41,10 @@ void append_palette(std::vector<unsigned char>& file, const std::vector<gif_colo
 
 class code_packer {
 public:
-    void put(unsigned code)
+    void put(unsigned code, unsigned bits = code_bits)
     {
         held_ |= code << held_bits_;
-        for (held_bits_ += code_bits; held_bits_ >= 8; held_bits_ -= 8) {
+        for (held_bits_ += bits; held_bits_ >= 8; held_bits_ -= 8) {
             bytes.push_back(static_cast<unsigned char>(held_));
             held_ >>= 8;
         }
@@ -73,6 +74,28 @@ std::vector<unsigned char> image_codes(const std::vector<unsigned char>& indices
         packer.put(indices[i]);
     }
     packer.put(end_code);
+    packer.finish();
+    return packer.bytes;
+}
+
+// Each code is the one that the reader is about to add: one index more than the one before. The
+// last one of a full table is repeated.
+std::vector<unsigned char> codes_of_zeros(size_t count)
+{
+    constexpr unsigned last_code = 4095;
+    code_packer packer;
+    packer.put(clear_code);
+    packer.put(0);
+    unsigned code = end_code;
+    size_t length = 1;
+    for (size_t done = 1; done < count; done += length) {
+        if (code < last_code) {
+            ++code;
+            ++length;
+        }
+        packer.put(code, std::max(code_bits, static_cast<unsigned>(std::bit_width(code))));
+    }
+    packer.put(end_code, static_cast<unsigned>(std::bit_width(std::max(code, clear_code))));
     packer.finish();
     return packer.bytes;
 }
@@ -140,7 +163,8 @@ void append_gif_frame(std::vector<unsigned char>& file, const gif_frame_spec& fr
         static_cast<unsigned char>(palette_bits(frame.palette) | (frame.interlaced ? 0x40U : 0U)));
     append_palette(file, frame.palette);
     file.push_back(index_bits);
-    append_blocks(file, image_codes(frame.indices));
+    append_blocks(file, frame.all_zero ? codes_of_zeros(size_t{frame.width} * frame.height)
+                                       : image_codes(frame.indices));
 }
 
 std::vector<unsigned char> write_gif(const gif_spec& spec)

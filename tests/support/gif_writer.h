@@ -24,6 +24,8 @@ struct gif_frame_spec {
     std::vector<gif_colour> palette = {}; // local; 2 to 256 colours, a power of two; empty: none
     std::vector<unsigned char> indices =
         {}; // in the order of the file; those left out are not written
+    bool all_zero =
+        false; // instead of `indices`: all of them are 0, a few thousandths of their size
 };
 
 struct gif_spec {

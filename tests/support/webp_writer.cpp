@@ -25,7 +25,7 @@ void append_text(std::vector<unsigned char>& file, std::string_view text)
     file.insert(file.end(), text.begin(), text.end());
 }
 
-void append_little_endian(std::vector<unsigned char>& file, uint32_t value, unsigned bytes)
+void append_little_endian(std::vector<unsigned char>& file, uint64_t value, unsigned bytes)
 {
     for (unsigned i = 0; i < bytes; ++i) {
         file.push_back(static_cast<unsigned char>(value >> (8 * i)));
@@ -48,6 +48,22 @@ std::vector<unsigned char> lossy_webp(int width, int height, const std::vector<u
     uint8_t* output = nullptr;
     const size_t size = WebPEncodeRGBA(rgba.data(), width, height, width * 4, quality, &output);
     return take_output(output, size);
+}
+
+// The size, no alpha, no transform, no cache, no groups; five codes that have a single symbol, 0, and
+// so take no bits.
+std::vector<unsigned char> one_colour_webp(uint32_t width, uint32_t height)
+{
+    constexpr uint64_t five_codes = uint64_t{0x11111} << 35U;
+    const uint64_t bits = (width - 1) | uint64_t{height - 1} << 14U | five_codes;
+    std::vector<unsigned char> file;
+    append_text(file, "RIFF");
+    append_little_endian(file, 20, 4);
+    append_text(file, "WEBPVP8L");
+    append_little_endian(file, 8, 4);
+    file.push_back(0x2F);
+    append_little_endian(file, bits, 7);
+    return file;
 }
 
 std::vector<unsigned char> webp_animation_start(uint32_t width, uint32_t height, bool alpha)

@@ -10,5 +10,8 @@ std::vector<unsigned char> lossless_webp(int width, int height,
 std::vector<unsigned char> lossy_webp(int width, int height, const std::vector<unsigned char>& rgba,
                                       float quality);
 
+// The shortest lossless file, less than 50 bytes: all pixels black, 1 to 16384 of them each way.
+std::vector<unsigned char> one_colour_webp(uint32_t width, uint32_t height);
+
 // An animation's container with a canvas and no frame.
 std::vector<unsigned char> webp_animation_start(uint32_t width, uint32_t height, bool alpha);

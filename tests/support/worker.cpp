@@ -80,6 +80,13 @@ void limit_address_space(uint64_t bytes)
     setrlimit(RLIMIT_AS, &limit);
 }
 
+bool join_group(const std::string& members_file)
+{
+    const int fd = open(members_file.c_str(), O_WRONLY | O_CLOEXEC);
+    const std::string number = std::to_string(getpid());
+    return fd >= 0 && write(fd, number.data(), number.size()) > 0;
+}
+
 [[noreturn]] void become_program(const char* program, std::vector<std::string> arguments,
                                  std::vector<std::string> environment)
 {
@@ -170,6 +177,9 @@ void worker::start(const worker_home& home, const setting& how)
     }
     if (how.address_space != 0) {
         limit_address_space(how.address_space);
+    }
+    if (!how.group.empty() && !join_group(how.group)) {
+        _exit(125);
     }
     if (!how.working_folder.empty() && chdir(how.working_folder.c_str()) != 0) {
         _exit(126);

@@ -37,6 +37,7 @@ public:
         std::string working_folder = {};
         int standard_fd = -1;       // becomes descriptors 0, 1 and 2: a terminal, or a broken pipe
         uint64_t address_space = 0; // limit in bytes; 0: none
+        std::string group = {};     // members_file() of the control group that it runs in
     };
 
     worker(const worker_home& home, const setting& how);

@@ -11,24 +11,50 @@ namespace platform {
 
 namespace {
 
-// Names of one version's files; the last is the line of memory.stat that counts reclaimable bytes.
-struct file_names {
+// A limit, and what counts towards it.
+struct limit_files {
     const char* limit;
     const char* usage;
-    const char* reclaimable;
 };
 
-constexpr file_names names_of_version[] = {
-    {"/memory.limit_in_bytes", "/memory.usage_in_bytes", "total_inactive_file"},
-    {"/memory.max", "/memory.current", "inactive_file"},
+struct version_files {
+    limit_files limits[2];
+    const char* reclaimable; // the line of memory.stat that counts bytes the kernel would take back
+};
+
+// Beyond memory.high a process is not ended, but slowed down until it does nothing any more.
+constexpr version_files files_of_version[] = {
+    {{{"/memory.limit_in_bytes", "/memory.usage_in_bytes"},
+      {"/memory.memsw.limit_in_bytes", "/memory.memsw.usage_in_bytes"}},
+     "total_inactive_file"},
+    {{{"/memory.max", "/memory.current"}, {"/memory.high", "/memory.current"}}, "inactive_file"},
 };
 
 // Version 1 writes "none" as the largest multiple of the page size.
 constexpr uint64_t smallest_absurd_limit = uint64_t{1} << 62;
 
-const file_names& names_of(const memory_cgroup& group)
+const version_files& files_of(const memory_cgroup& group)
 {
-    return names_of_version[group.version - 1];
+    return files_of_version[group.version - 1];
+}
+
+// no_memory_limit for a file that is missing or does not hold a number: "max" is none.
+uint64_t read_limit(const std::string& path)
+{
+    const uint64_t limit = leading_number(read_small_file(path), no_memory_limit);
+    return limit < smallest_absurd_limit ? limit : no_memory_limit;
+}
+
+uint64_t reclaimable_bytes(const memory_cgroup& group)
+{
+    const std::string statistics = read_small_file(group.folder + "/memory.stat");
+    return number_of_line(statistics, files_of(group).reclaimable, 0);
+}
+
+uint64_t room_under(uint64_t limit, uint64_t usage, uint64_t reclaimable)
+{
+    const uint64_t taken = usage - std::min(usage, reclaimable);
+    return taken < limit ? limit - taken : 0;
 }
 
 // Cuts the part of `rest` before `separator` off, the separator with it.
@@ -160,24 +186,25 @@ std::vector<memory_cgroup> find_memory_cgroups(std::string_view membership, std:
 
 uint64_t cgroup_memory_limit(const memory_cgroup& group)
 {
-    // "max" is no number.
-    const std::string text = read_small_file(group.folder + names_of(group).limit);
-    const uint64_t limit = leading_number(text, no_memory_limit);
-    return limit < smallest_absurd_limit ? limit : no_memory_limit;
+    uint64_t tightest = no_memory_limit;
+    for (const limit_files& files : files_of(group).limits) {
+        tightest = std::min(tightest, read_limit(group.folder + files.limit));
+    }
+    return tightest;
 }
 
 uint64_t cgroup_memory_room(const memory_cgroup& group)
 {
-    const uint64_t limit = cgroup_memory_limit(group);
-    if (limit == no_memory_limit) {
-        return no_memory_limit;
+    uint64_t room = no_memory_limit;
+    for (const limit_files& files : files_of(group).limits) {
+        const uint64_t limit = read_limit(group.folder + files.limit);
+        if (limit != no_memory_limit) {
+            const std::string usage = read_small_file(group.folder + files.usage);
+            room = std::min(room,
+                            room_under(limit, leading_number(usage, 0), reclaimable_bytes(group)));
+        }
     }
-    const file_names& names = names_of(group);
-    const uint64_t usage = leading_number(read_small_file(group.folder + names.usage), 0);
-    const std::string statistics = read_small_file(group.folder + "/memory.stat");
-    const uint64_t reclaimable = std::min(usage, number_of_line(statistics, names.reclaimable, 0));
-    const uint64_t taken = usage - reclaimable;
-    return taken < limit ? limit - taken : 0;
+    return room;
 }
 
 } // namespace platform

@@ -23,11 +23,13 @@ inline constexpr uint64_t no_memory_limit = UINT64_MAX;
 std::vector<memory_cgroup> find_memory_cgroups(std::string_view membership,
                                                std::string_view mounts);
 
-// The group's limit in bytes, or no_memory_limit.
+// The group's tightest limit in bytes, or no_memory_limit. Counted are the one at which processes
+// are ended, that of memory and swap together (version 1), and the one at which they are slowed
+// down (version 2).
 uint64_t cgroup_memory_limit(const memory_cgroup& group);
 
 // Bytes that the group may still take, those that the kernel would take back from its file cache
-// included; no_memory_limit without a limit.
+// included, under each of those limits; no_memory_limit without any.
 uint64_t cgroup_memory_room(const memory_cgroup& group);
 
 } // namespace platform

@@ -7,6 +7,7 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/cnb/domain_membership.h"
+#include "platform/standalone/cnb/memory_bound.h"
 #include "platform/standalone/cnb/shared_buffer.h"
 
 int cnb_default_buffer_level = -1;
@@ -82,7 +83,9 @@ std::string reserve_memory()
     if (buffer.size > room) {
         return "memory has room for " + bytes_text(room);
     }
+    lift_memory_bound();
     const reserve_failure failure = buffer.memory.reserve(buffer.size, cnb_reserve_pump);
+    renew_memory_bound();
     if (failure.step != nullptr) {
         return std::string(failure.step) + ": " + error_text(failure.error_number);
     }

@@ -1,5 +1,6 @@
 #include "platform/standalone/cnb/domain.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <sys/file.h>
@@ -10,6 +11,7 @@
 #include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/cnb/domain_folder.h"
 #include "platform/standalone/cnb/domain_membership.h"
+#include "platform/standalone/cnb/memory_bound.h"
 #include "platform/standalone/cnb/shared_buffer.h"
 
 void (*cnb_reserve_pump)() = nullptr;
@@ -114,8 +116,19 @@ uint64_t memory_for_buffers()
     return available > reserve ? available - reserve : 0;
 }
 
+memory_shares memory_beside_buffers()
+{
+    if (!state().joined) {
+        return {no_memory_limit, 0};
+    }
+    const uint64_t available = state().joined->room.available();
+    const uint64_t reserve = state().joined->reserve;
+    return {available - std::min(available, reserve / 2), reserve / 4};
+}
+
 void reset_cnb()
 {
+    reset_memory_bound();
     cnb_leave_domain();
     cnb_default_buffer_level = -1;
     cnb_static_alloc = 0;

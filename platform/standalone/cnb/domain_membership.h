@@ -33,6 +33,15 @@ extern cnb_machine the_machine;
 // Bytes of memory that a buffer may take now.
 uint64_t memory_for_buffers();
 
+// Bytes of memory that may be taken now beside the buffers. A buffer leaves the whole reserve
+// untaken: of that, codecs may have a half, and the worker's own objects a quarter more when
+// nothing else is left for them.
+struct memory_shares {
+    uint64_t codecs;
+    uint64_t own_objects;
+};
+memory_shares memory_beside_buffers();
+
 // Everything of this module back to the values at program start; for tests.
 void reset_cnb();
 

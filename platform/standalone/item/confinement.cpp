@@ -12,6 +12,7 @@
 
 #include "platform/standalone/cnb/cgroup_memory.h"
 #include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/cnb/memory_bound.h"
 #include "platform/standalone/cnb/small_file.h"
 #include "platform/standalone/item/confinement_calls.h"
 #include "platform/standalone/item/confinement_files.h"
@@ -86,5 +87,6 @@ void confine_process()
         item::restrict_files(item::file_rules(item::present_places(*item::opened_item())),
                              item::manager_has_abstract_socket());
     }
-    item::restrict_calls(); // the last one: it refuses the calls of the others
+    item::restrict_calls(); // the last of the three: it refuses the calls of the others
+    platform::start_memory_bound();
 }

@@ -118,6 +118,32 @@ TEST_F(cgroup_folder, LimitOfVersion1)
     EXPECT_EQ(cgroup_memory_limit(version1()), 1000U);
 }
 
+TEST_F(cgroup_folder, LimitThatSlowsDownCountsLikeTheOneThatEnds)
+{
+    write_file(folder.path("memory.current"), "300\n");
+    write_file(folder.path("memory.max"), "1000\n");
+    write_file(folder.path("memory.high"), "800\n");
+    EXPECT_EQ(cgroup_memory_limit(version2()), 800U);
+    EXPECT_EQ(cgroup_memory_room(version2()), 500U);
+    write_file(folder.path("memory.max"), "max\n");
+    EXPECT_EQ(cgroup_memory_room(version2()), 500U);
+    write_file(folder.path("memory.high"), "max\n");
+    EXPECT_EQ(cgroup_memory_limit(version2()), no_memory_limit);
+    EXPECT_EQ(cgroup_memory_room(version2()), no_memory_limit);
+}
+
+TEST_F(cgroup_folder, SwappedMemoryCountsWhereItIsLimited)
+{
+    write_file(folder.path("memory.limit_in_bytes"), "1000\n");
+    write_file(folder.path("memory.usage_in_bytes"), "400\n");
+    write_file(folder.path("memory.memsw.limit_in_bytes"), "1200\n");
+    write_file(folder.path("memory.memsw.usage_in_bytes"), "1100\n");
+    EXPECT_EQ(cgroup_memory_limit(version1()), 1000U);
+    EXPECT_EQ(cgroup_memory_room(version1()), 100U);
+    write_file(folder.path("memory.memsw.limit_in_bytes"), "9223372036854771712\n");
+    EXPECT_EQ(cgroup_memory_room(version1()), 600U);
+}
+
 TEST_F(cgroup_folder, RoomCountsTheFileCacheAsFree)
 {
     write_file(folder.path("memory.max"), "1000\n");

@@ -6,7 +6,9 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
+#include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/base/folders.h"
 
@@ -25,10 +27,30 @@ bool is_same_file(const struct stat& a, const struct stat& b)
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// A second name could be anybody's file that happens to be ours to write.
-bool is_our_log(const struct stat& status)
+// Why open() failed. The system's texts for some of the numbers speak of other cases.
+std::string reason_of(int error_number)
 {
-    return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
+    switch (error_number) {
+    case ELOOP:
+        return "it is a link";
+    case ENXIO: // a FIFO without a reader, a socket
+        return "it is not a file";
+    default:
+        return platform::error_text(error_number);
+    }
+}
+
+// Why what is open cannot be the log, or "". A second name could be anybody's file that happens to
+// be ours to write.
+const char* reason_against(const struct stat& status)
+{
+    if (!S_ISREG(status.st_mode)) {
+        return "it is not a file";
+    }
+    if (status.st_uid != geteuid()) {
+        return "it belongs to another user";
+    }
+    return status.st_nlink == 1 ? "" : "it has a second name";
 }
 
 } // namespace
@@ -36,7 +58,13 @@ bool is_our_log(const struct stat& status)
 bool log_file::open(const char* folder)
 {
     folder_ = platform::open_folder(folder);
-    return folder_ && open_in_folder();
+    return folder_ ? open_in_folder() : refuse(platform::error_text(errno));
+}
+
+bool log_file::refuse(std::string reason)
+{
+    reason_ = std::move(reason);
+    return false;
 }
 
 void log_file::close()
@@ -54,7 +82,7 @@ void log_file::close()
 bool log_file::mirror_on(int fd)
 {
     if (dup2(fd_.get(), fd) < 0) {
-        return false;
+        return refuse(platform::error_text(errno));
     }
     mirror_ = fd;
     return true;
@@ -65,14 +93,14 @@ bool log_file::open_in_folder()
     platform::unique_fd fd(platform::open_file_at(folder_.get(), log_name, log_flags, 0600));
     struct stat status = {};
     if (!fd || fstat(fd.get(), &status) != 0) {
-        return false;
+        return refuse(reason_of(errno));
     }
-    if (!is_our_log(status)) {
-        errno = EPERM;
-        return false;
+    const char* reason = reason_against(status);
+    if (reason[0] != '\0') {
+        return refuse(reason);
     }
     if (fchmod(fd.get(), 0600) != 0) {
-        return false;
+        return refuse(platform::error_text(errno));
     }
     fd_ = std::move(fd);
     mid_line_ = false;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "platform/standalone/base/unique_fd.h"
@@ -13,14 +14,15 @@ inline constexpr uint64_t log_limit = uint64_t{16} << 20; // bytes of both files
 
 class log_file {
 public:
-    // Opens the log for appending, mode 0600. False with errno when the folder cannot be opened or
-    // something else than a file of this user's, with one name only, is in the log's place.
+    // Opens the log for appending, mode 0600. False with a reason() when the folder cannot be opened
+    // or something else than a file of this user's, with one name only, is in the log's place.
     bool open(const char* folder);
+    const std::string& reason() const { return reason_; } // of the last failure, for people
     void close(); // what is missing is noted once more, if there is room by now
 
     // Makes `fd` refer to the log, now and, as long as nobody has put something else there,
-    // whenever a new file is begun: for writers that know only the descriptor. False with errno on
-    // failure.
+    // whenever a new file is begun: for writers that know only the descriptor. False with a reason()
+    // on failure.
     bool mirror_on(int fd);
 
     bool is_open() const { return static_cast<bool>(fd_); }
@@ -31,6 +33,7 @@ public:
     void append(std::string_view text);
 
 private:
+    bool refuse(std::string reason);
     bool open_in_folder();
     bool has_room(uint64_t size) const;
     bool begin_new_file();
@@ -39,6 +42,7 @@ private:
 
     platform::unique_fd folder_;
     platform::unique_fd fd_;
+    std::string reason_;
     int mirror_ = -1;
     uint64_t lost_ = 0;     // bytes, not yet noted
     bool mid_line_ = false; // what was written last does not end a line

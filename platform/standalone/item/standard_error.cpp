@@ -218,9 +218,8 @@ int vexa_redirect_stderr_to_logfile()
     item::draw_progress_line("");
     item::log_file& log = item::the_log();
     if (!log.open(vexa_file_metadir) || !log.mirror_on(STDERR_FILENO)) {
-        const int error_number = errno;
         log.close();
-        platform::error_line("Log file", std::string(vexa_file_metadir) + "/log", error_number);
+        platform::error_line("Log file", std::string(vexa_file_metadir) + "/log", log.reason());
         return -1;
     }
     fputs(item::log_heading().c_str(), stderr);

@@ -163,7 +163,7 @@ TEST_F(MemoryBound, RoomIsMeasuredAnew)
 TEST_F(MemoryBound, WhatIsMappedAlreadyIsCountedBeside)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
-    expect_in_child([this] {
+    expect_in_child([] {
         void* taken =
             mmap(nullptr, total, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         ASSERT_NE(taken, MAP_FAILED);

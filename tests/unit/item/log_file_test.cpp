@@ -1,4 +1,3 @@
-#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -10,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/standalone/item/log_file.h"
+#include "tests/support/child_process.h"
 #include "tests/unit/item/item_fixture.h"
 
 namespace {
@@ -72,7 +72,7 @@ TEST_F(LogFile, LinkInItsPlaceIsRefused)
     folder.write("target", "mine");
     fs::create_symlink(folder.path("target"), folder.path("log"));
     EXPECT_FALSE(log.open(folder.path().c_str()));
-    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(log.reason(), "it is a link");
     EXPECT_FALSE(log.is_open());
     EXPECT_EQ(folder.read("target"), "mine");
 }
@@ -82,22 +82,39 @@ TEST_F(LogFile, FileWithASecondNameIsRefused)
     folder.write("target", "mine");
     fs::create_hard_link(folder.path("target"), folder.path("log"));
     EXPECT_FALSE(log.open(folder.path().c_str()));
-    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(log.reason(), "it has a second name");
 }
 
 TEST_F(LogFile, FifoOrFolderInItsPlaceIsRefusedAtOnce)
 {
     ASSERT_EQ(mkfifo(folder.path("log").c_str(), 0600), 0);
     EXPECT_FALSE(log.open(folder.path().c_str()));
+    EXPECT_EQ(log.reason(), "it is not a file");
+    const platform::unique_fd reader(
+        open(folder.path("log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_FALSE(log.open(folder.path().c_str()));
+    EXPECT_EQ(log.reason(), "it is not a file");
     unlink(folder.path("log").c_str());
     fs::create_directory(folder.path("log"));
     EXPECT_FALSE(log.open(folder.path().c_str()));
+    EXPECT_EQ(log.reason(), "Is a directory");
+}
+
+TEST_F(LogFile, FileOfAnotherUserIsRefused)
+{
+    folder.write("log", "theirs");
+    if (chown(folder.path("log").c_str(), unprivileged_user, unprivileged_user) != 0) {
+        GTEST_SKIP() << "files cannot be given away without the rights of the superuser";
+    }
+    EXPECT_FALSE(log.open(folder.path().c_str()));
+    EXPECT_EQ(log.reason(), "it belongs to another user");
+    EXPECT_EQ(folder.read("log"), "theirs");
 }
 
 TEST_F(LogFile, MissingFolderIsRefused)
 {
     EXPECT_FALSE(log.open(folder.path("none").c_str()));
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(log.reason(), "No such file or directory");
 }
 
 TEST_F(LogFile, FloodStaysUnderTheLimitAndKeepsTheNewest)

@@ -202,7 +202,7 @@ TEST_F(StandardError, PlantedLinkMakesRedirectionFail)
         fputs("still here\n", stderr);
     });
     EXPECT_EQ(seen, "Log file '" + folder.path("log") +
-                        "': Too many levels of symbolic links\n"
+                        "': it is a link\n"
                         "still here\n");
 }
 
@@ -211,7 +211,7 @@ TEST_F(StandardError, FloodThroughStdioStaysUnderTheLogsLimit)
     vexa_set_string(&vexa_file_metadir, folder.path().c_str());
     messages([] {
         ASSERT_EQ(vexa_redirect_stderr_to_logfile(), 0);
-        for (int i = 0; i < 1'000'000; ++i) {
+        for (int i = 0; i < 400'000; ++i) {
             fprintf(stderr, "libpng warning: zTXt: chunk data is too large\n");
         }
         fputs("the last line\n", stderr);

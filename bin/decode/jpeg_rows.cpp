@@ -39,6 +39,8 @@ unsigned char surplus_row[scratch_width]; // what is written here is never read
 
 constexpr int k_component = 3;
 
+constexpr uint64_t stopped = UINT64_MAX; // in place of a row group: a termination signal
+
 // The mapped rows at the current position.
 struct band {
     unsigned char* base[most_components]; // null for planes that are not drawn
@@ -139,7 +141,20 @@ uint64_t group_rows_of(int component, uint64_t luma_rows)
     return component == k_component ? luma_rows : plane_rows(frame_planes[component], luma_rows);
 }
 
-// Draws the next row group into the top of the band. Its luma rows; 0 when the library has none.
+// The library's row group, or `stopped`. A frame of its own, live while the jump is armed.
+uint64_t read_raw_rows(JSAMPIMAGE components, JDIMENSION room)
+{
+    if (setjmp(jpeg_stop_jumpto) != 0) {
+        return stopped;
+    }
+    jpeg_stop_armed = true;
+    const uint64_t drawn = jpeg_read_raw_data(jpeg_decompress, components, room);
+    jpeg_stop_armed = false;
+    return drawn;
+}
+
+// Draws the next row group into the top of the band. Its luma rows; 0 when the library has none;
+// `stopped` when it was left in the middle.
 uint64_t read_row_group(const jpeg_variant& variant, const band& mapped, uint64_t row)
 {
     JSAMPROW rows[most_components][pointer_rows];
@@ -151,8 +166,10 @@ uint64_t read_row_group(const jpeg_variant& variant, const band& mapped, uint64_
         point_rows(places[i], i, rows[i]);
         components[i] = rows[i];
     }
-    const uint64_t drawn =
-        jpeg_read_raw_data(jpeg_decompress, components, static_cast<JDIMENSION>(mapped.rows));
+    const uint64_t drawn = read_raw_rows(components, static_cast<JDIMENSION>(mapped.rows));
+    if (drawn == stopped) {
+        return stopped;
+    }
     check_jpeg_invariant(variant, drawn <= most_jpeg_group_rows, "irem <= 16");
     if (drawn != 0) {
         for (int i = 0; i < count; ++i) {
@@ -182,6 +199,16 @@ void blacken_rest(const jpeg_variant& variant, const band& mapped)
 
 // --- the loop -----------------------------------------------------------------------------------
 
+// Reads what follows the last row. A frame of its own, as above.
+void finish()
+{
+    if (setjmp(jpeg_stop_jumpto) == 0) {
+        jpeg_stop_armed = true;
+        jpeg_finish_decompress(jpeg_decompress);
+        jpeg_stop_armed = false;
+    }
+}
+
 bool row_counters_agree(uint64_t row)
 {
     if (jpeg_decompress->output_scanline == row) {
@@ -207,9 +234,13 @@ bool draw_row_group(const jpeg_variant& variant, unsigned char* k_rows, uint64_t
     if (!map_band(variant, *row, static_cast<uint64_t>(image_buffer_height), &mapped)) {
         return false;
     }
-    mapped.drawn = read_row_group(variant, mapped, *row);
+    const uint64_t drawn = read_row_group(variant, mapped, *row);
+    mapped.drawn = drawn == stopped ? 0 : drawn;
     *last = mapped;
-    if (mapped.drawn == 0) {
+    if (drawn == stopped) {
+        return false;
+    }
+    if (drawn == 0) {
         fputs("JPEG decode error. Aborting.\n", stderr);
         jpeg_abort_decompress(jpeg_decompress);
         return false;
@@ -217,7 +248,7 @@ bool draw_row_group(const jpeg_variant& variant, unsigned char* k_rows, uint64_t
     convert_row_group(variant, mapped);
     *row += mapped.drawn;
     if (*row >= height) {
-        jpeg_finish_decompress(jpeg_decompress);
+        finish();
     }
     return true;
 }

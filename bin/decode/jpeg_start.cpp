@@ -2,6 +2,7 @@
 
 #include <csetjmp>
 #include <cstdio>
+#include <sys/stat.h>
 
 #include <jpeglib.h>
 
@@ -12,21 +13,45 @@
 namespace {
 
 jpeg_progress_mgr progress; // the library keeps a pointer to it while it starts
+uint64_t blocks_left = 0;   // that scans may still go over
+
+uint64_t blocks_allowed()
+{
+    struct stat info = {};
+    const bool is_known = fstat(fileno(jpeg_fp), &info) == 0 && info.st_size > 0;
+    const uint64_t file_size = is_known ? static_cast<uint64_t>(info.st_size) : 0;
+    return most_scanned_blocks + file_size * scanned_blocks_a_byte;
+}
+
+// In one step of the scan at hand: a row of its interleaved units, or the block rows that a lone
+// component has in such a row.
+uint64_t blocks_of_step()
+{
+    const jpeg_decompress_struct& cinfo = *jpeg_decompress;
+    if (cinfo.input_scan_number == 0) {
+        return 0; // before the first scan
+    }
+    const int rows = cinfo.comps_in_scan == 1 ? cinfo.cur_comp_info[0]->v_samp_factor : 1;
+    return uint64_t{cinfo.MCUs_per_row} * static_cast<uint64_t>(cinfo.blocks_in_MCU * rows);
+}
 
 // Called by the library for each row of blocks of each scan. Serving clients from inside the
 // library is safe as long as nothing they can ask for calls it. An empty scan costs ten bytes of
-// file and a walk over all coefficients, hence the ceiling.
+// file and a walk over all coefficients, hence the ceilings.
 void watch_start(j_common_ptr /*cinfo*/)
 {
     quickidle_comm();
-    if (DIE4 != 0 || jpeg_decompress->input_scan_number > most_jpeg_scans) {
+    const uint64_t blocks = blocks_of_step();
+    if (DIE4 != 0 || jpeg_decompress->input_scan_number > most_jpeg_scans || blocks > blocks_left) {
         jump_to_jpeg_call_site();
     }
+    blocks_left -= blocks;
 }
 
 void start_watched()
 {
     progress = {};
+    blocks_left = blocks_allowed();
     progress.progress_monitor = watch_start;
     jpeg_decompress->progress = &progress;
     jpeg_start_decompress(jpeg_decompress);

@@ -7,6 +7,8 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
+#include "bin/examine/jpeg_source.h"
+#include "bin/examine/reading_watch.h"
 #include "bin/invariant.h"
 #include "platform/media_item.h"
 
@@ -96,7 +98,7 @@ int create_and_read_header()
     }
     jpeg_error_armed = true;
     jpeg_create_decompress(jpeg_decompress);
-    jpeg_stdio_src(jpeg_decompress, jpeg_fp);
+    open_jpeg_source(jpeg_decompress, fileno(jpeg_fp));
     const int result = jpeg_read_header(jpeg_decompress, FALSE);
     setjmp_abort_unexpected();
     return result < 1 ? refuse("JPEG library failed to read header\n") : 0;
@@ -274,5 +276,6 @@ int examine_jpeg_file()
         return -1;
     }
     publish_picture(*jpeg_decompress);
+    watch_decoding();
     return 0;
 }

@@ -8,6 +8,8 @@ jpeg_error_mgr* jpeg_error_manager = nullptr;
 uint8_t jpeg_should_abort = 0;
 jmp_buf jpeg_error_jumpto;
 bool jpeg_error_armed = false;
+jmp_buf jpeg_stop_jumpto;
+bool jpeg_stop_armed = false;
 
 // A jump into a function that has returned is undefined, so the trap is this flag, not a jump
 // buffer left behind.
@@ -24,6 +26,17 @@ void jump_to_jpeg_call_site()
     }
     jpeg_error_armed = false;
     longjmp(jpeg_error_jumpto, 1);
+}
+
+void leave_jpeg_library()
+{
+    if (jpeg_error_armed) {
+        jump_to_jpeg_call_site();
+    }
+    if (jpeg_stop_armed) {
+        jpeg_stop_armed = false;
+        longjmp(jpeg_stop_jumpto, 1);
+    }
 }
 
 void jpeg_error_exit_cbj(j_common_ptr cinfo)

@@ -12,6 +12,9 @@
 //     }
 //
 // Everywhere else a fatal error ends the process.
+//
+// The rows are read where a fatal error may not jump. There a second jump, armed in the same way,
+// leaves the library without an error when reading has to end.
 #pragma once
 
 #include <csetjmp>
@@ -31,6 +34,13 @@ extern uint8_t jpeg_should_abort;
 
 extern jmp_buf jpeg_error_jumpto;
 extern bool jpeg_error_armed; // jpeg_error_jumpto belongs to a live frame
+
+extern jmp_buf jpeg_stop_jumpto;
+extern bool jpeg_stop_armed; // jpeg_stop_jumpto belongs to a live frame
+
+// Jumps to the call site that is armed for errors, or else to that for stops; returns when there is
+// neither.
+void leave_jpeg_library();
 
 // From here on a fatal library error ends the process, with its own line.
 void setjmp_abort_unexpected();

@@ -60,7 +60,9 @@ protected:
 
 TEST_F(HostileFiles, SignalIsObeyedWhileScansAreRead)
 {
-    worker served(home, write("scans.jpg", progressive(8192, 900)));
+    const std::string path = write("scans.jpg", progressive(8192, 900));
+    std::filesystem::resize_file(path, 64 << 20); // long enough for that many scans
+    worker served(home, path);
     ASSERT_TRUE(served.wait_printed("Using CNB buffer"));
     served.send(SIGTERM);
     EXPECT_EQ(served.wait_end(), 0);

@@ -133,6 +133,40 @@ TEST_F(JpegStart, ScansUpToTheCeilingAreRead)
     EXPECT_EQ(jpeg_decompress->input_scan_number, most_jpeg_scans);
 }
 
+// 256 walks over the 262144 blocks of a large picture are all that it has.
+file_bytes large_picture(size_t scans)
+{
+    picture what = grey(64, 64);
+    what.progressive = true;
+    file_bytes file = write(what);
+    set_size(file, 4096, 4096);
+    insert_before_end(file, empty_scans(scans));
+    return file;
+}
+
+TEST_F(JpegStart, ScansThatALargePictureHasNoRoomForEndTheReadAsAFailure)
+{
+    open(large_picture(260));
+    EXPECT_EQ(start(), -1);
+    EXPECT_THAT(told, EndsWith(gave_up));
+    EXPECT_THAT(told, testing::Not(HasSubstr("JPEGLIB")));
+    EXPECT_EQ(jpeg_decompress->progress, nullptr);
+}
+
+TEST_F(JpegStart, ScansThatALargePictureHasRoomForAreRead)
+{
+    open(large_picture(230));
+    EXPECT_EQ(start(), 0);
+}
+
+TEST_F(JpegStart, LongFilesMayHaveMoreScans)
+{
+    file_bytes file = large_picture(260);
+    file.insert(file.end(), 400'000, 0); // behind the picture: it has no more scans
+    open(file);
+    EXPECT_EQ(start(), 0);
+}
+
 TEST_F(JpegStart, ErrorAfterTheStartEndsTheProcess)
 {
     open(progressive(32, 32));

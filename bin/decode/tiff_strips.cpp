@@ -4,14 +4,15 @@
 // padding, in rows whose samples are not drawn, and, when the loop ends, below the last drawn row.
 //
 // Kept as is: a strip taller than the band is read from its start again by the next pass, so that
-// its first rows repeat. The library is not asked again for bytes that are still there.
+// its first rows repeat.
 #include "bin/decode/tiff_strips.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "bin/decode/tiff_jbig.h"
+#include "bin/decode/pace.h"
+#include "bin/decode/tiff_strip_reader.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
 #include "bin/examine/tiff.h"
@@ -23,13 +24,7 @@
 namespace {
 
 constexpr uint32_t large_strip = 16777216;
-constexpr uint64_t no_strip = UINT64_MAX;
 constexpr int all_planes = 4;
-
-// Rows of separate planes hold one sample a pixel, and the converters read several: so much lies
-// behind the last row.
-constexpr uint64_t spare_pixel_bytes = 6;
-static_assert(spare_pixel_bytes >= most_tiff_pixel_bytes);
 
 uint64_t lesser(uint64_t a, uint64_t b)
 {
@@ -58,73 +53,6 @@ void check_examination(const tiff_variant& variant)
     check(variant, image_chroma_y_shift == 0, "image_chroma_y_shift == 0");
 }
 
-// --- the strip buffer ---------------------------------------------------------------------------
-
-struct strip_buffer {
-    unsigned char* bytes;
-    uint64_t size;
-    uint64_t strip; // whose first bytes it holds, all that were asked for; or no_strip
-    uint64_t held;  // bytes that may differ from 0, from the start
-};
-
-// Room for the rows that one pass can ask for, and zero behind them.
-bool allocate_strip(const tiff_variant& variant, strip_buffer* buffer)
-{
-    const uint64_t rows =
-        lesser(lesser(variant.band_rows, tiff_stripheight), static_cast<uint64_t>(image_height));
-    buffer->size = rows * tiff_bytes_per_row + spare_pixel_bytes * tiff_width;
-    buffer->bytes = static_cast<unsigned char*>(calloc(buffer->size, 1));
-    buffer->strip = no_strip;
-    buffer->held = 0;
-    return buffer->bytes != nullptr;
-}
-
-// Bytes read, or the library's error, -1, which becomes more than was asked for.
-uint64_t read_some(uint32_t strip, unsigned char* bytes, uint64_t wanted)
-{
-    if (!jbig_strip_fits(strip, wanted)) {
-        return UINT64_MAX;
-    }
-    return static_cast<uint64_t>(
-        TIFFReadEncodedStrip(tiff_image, strip, bytes, static_cast<tmsize_t>(wanted)));
-}
-
-// Appends what the library gives of the strip, call by call. Bytes read.
-uint64_t read_encoded_strip(uint64_t strip, unsigned char* bytes, uint64_t wanted)
-{
-    uint64_t got = 0;
-    while (got < wanted) {
-        const uint64_t left = wanted - got;
-        const uint64_t n = read_some(static_cast<uint32_t>(strip), bytes + got, left);
-        if (n == 0) {
-            fputs("TIFFReadEncodedStrip() returned 0 prematurely\n", stderr);
-            break;
-        }
-        if (n > left) {
-            fputs("TIFFReadEncodedStrip() returned too many bytes\n", stderr);
-            break;
-        }
-        got += n;
-    }
-    return got;
-}
-
-// The first `wanted` bytes of the strip, zeroes behind them. Bytes read.
-uint64_t read_strip(strip_buffer* buffer, uint64_t strip, uint64_t wanted)
-{
-    if (buffer->strip == strip && wanted <= buffer->held) {
-        memset(buffer->bytes + wanted, 0, buffer->held - wanted);
-        buffer->held = wanted;
-        return wanted;
-    }
-    // A codec may report success without having written everything.
-    memset(buffer->bytes, 0, buffer->held);
-    buffer->held = wanted;
-    const uint64_t got = read_encoded_strip(strip, buffer->bytes, wanted);
-    buffer->strip = got == wanted ? strip : no_strip;
-    return got;
-}
-
 // --- the band -----------------------------------------------------------------------------------
 
 // The rows mapped by the last pass that could map them all.
@@ -149,6 +77,12 @@ bool is_drawn(const tiff_variant& variant, int index)
         return variant.draws_alpha && image_has_alpha_channel != 0;
     }
     return index < variant.planes;
+}
+
+// Null when rows of the picture are not drawn.
+const tiff_converter* converter_for(const tiff_variant& variant)
+{
+    return find_tiff_converter(variant.model, tiff_bps, is_drawn(variant, PLANE_A));
 }
 
 bool map_band(const tiff_variant& variant, uint64_t row, band* mapped)
@@ -186,23 +120,39 @@ unsigned char* row_of(const band& mapped, int index, uint64_t y)
     return base == nullptr ? nullptr : base + y * *frame_planes[index].stride;
 }
 
-// Draws so many rows of the strip into the top of the band.
-void draw_rows(const tiff_variant& variant, const strip_buffer& buffer, uint64_t rows, band* mapped)
+tiff_row row_of_all(const band& mapped, uint64_t y)
 {
-    mapped->drawn = rows;
-    const bool has_alpha = mapped->base[PLANE_A] != nullptr;
-    const tiff_converter* converter = find_tiff_converter(variant.model, tiff_bps, has_alpha);
+    return {row_of(mapped, PLANE_Y, y), row_of(mapped, PLANE_U, y), row_of(mapped, PLANE_V, y),
+            row_of(mapped, PLANE_A, y)};
+}
+
+// Draws so many rows of the strip into the top of the band, fewer when a signal comes meanwhile.
+void draw_rows(const tiff_converter& converter, const strip_buffer& buffer, uint64_t rows,
+               band* mapped)
+{
+    constexpr uint64_t pixels_at_once = uint64_t{1} << 21; // some milliseconds
+    work_pace pace = {pixels_at_once};
+    bool goes_on = true;
+    for (uint64_t y = 0; goes_on && y < rows; ++y) {
+        convert_tiff_row(converter, buffer.bytes + y * tiff_bytes_per_row, tiff_width,
+                         row_of_all(*mapped, y));
+        mapped->drawn = y + 1;
+        goes_on = keep_pace(&pace, tiff_width);
+    }
+}
+
+// As draw_rows, with the black around the pixels.
+void draw_band(const tiff_variant& variant, const strip_buffer& buffer, uint64_t rows, band* mapped)
+{
+    const tiff_converter* converter = converter_for(variant);
     if (converter == nullptr) {
         blacken(variant, *mapped, 0, rows, 0);
+        mapped->drawn = rows;
         return;
     }
-    for (uint64_t y = 0; y < rows; ++y) {
-        const tiff_row to = {row_of(*mapped, PLANE_Y, y), row_of(*mapped, PLANE_U, y),
-                             row_of(*mapped, PLANE_V, y), row_of(*mapped, PLANE_A, y)};
-        convert_tiff_row(*converter, buffer.bytes + y * tiff_bytes_per_row, tiff_width, to);
-    }
+    draw_rows(*converter, buffer, rows, mapped);
     const uint64_t written = (tiff_width + converter->unit - 1) / converter->unit * converter->unit;
-    blacken(variant, *mapped, 0, rows, written);
+    blacken(variant, *mapped, 0, mapped->drawn, written);
 }
 
 // --- the loop -----------------------------------------------------------------------------------
@@ -231,8 +181,16 @@ uint64_t draw_strip(const tiff_variant& variant, strip_buffer* buffer, uint64_t 
     const uint64_t wanted = bytes_to_read(variant, mapped->rows);
     const uint64_t got = read_strip(buffer, row / tiff_stripheight, wanted);
     const uint64_t rows = got / tiff_bytes_per_row;
-    draw_rows(variant, *buffer, rows, mapped);
+    draw_band(variant, *buffer, rows, mapped);
     return rows;
+}
+
+// Room for the rows that one pass can ask for.
+bool allocate_strip(const tiff_variant& variant, strip_buffer* buffer)
+{
+    const uint64_t rows =
+        lesser(lesser(variant.band_rows, tiff_stripheight), static_cast<uint64_t>(image_height));
+    return allocate_strip_buffer(buffer, rows, converter_for(variant) != nullptr);
 }
 
 void draw_all_strips(const tiff_variant& variant, strip_buffer* buffer)

@@ -1,52 +1,17 @@
 #include "bin/examine/tiff_open.h"
 
-#include <cerrno>
-#include <cstdarg>
-#include <cstddef>
+#include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "bin/examine/image_state.h"
+#include "bin/examine/picture_input.h"
+#include "bin/examine/tiff_messages.h"
+#include "platform/media_item.h"
 
 namespace {
-
-// --- messages ---------------------------------------------------------------------------------------
-
-void without_control_characters(char* text)
-{
-    for (char* c = text; *c != '\0'; ++c) {
-        if (static_cast<unsigned char>(*c) < ' ' || *c == '\x7F') {
-            *c = '?';
-        }
-    }
-}
-
-// One line for each message. The library puts the file's name in, which may hold any byte.
-[[gnu::format(printf, 3, 0)]] void print_library_message(const char* kind, const char* module,
-                                                         const char* format, va_list arguments)
-{
-    char text[1024];
-    const int start = snprintf(text, sizeof text, "%s: ", module != nullptr ? module : "libtiff");
-    const size_t used = start > 0 && size_t(start) < sizeof text ? size_t(start) : 0;
-    vsnprintf(text + used, sizeof text - used, format, arguments);
-    without_control_characters(text);
-    fprintf(stderr, "TIFF %s: %s\n", kind, text);
-}
-
-[[gnu::format(printf, 2, 0)]] void tiff_error(const char* module, const char* format,
-                                              va_list arguments)
-{
-    print_library_message("ERROR", module, format, arguments);
-}
-
-[[gnu::format(printf, 2, 0)]] void tiff_warning(const char* module, const char* format,
-                                                va_list arguments)
-{
-    print_library_message("WARNING", module, format, arguments);
-}
 
 // --- the file as the library reads it -------------------------------------------------------------
 
@@ -54,11 +19,14 @@ void without_control_characters(char* text)
 // that thousands of tags point to would become gigabytes. Honest files are read once at most while
 // they are opened, old-style JPEG twice; tags that ask for more are not worth their memory.
 struct tiff_file {
-    int fd;
+    picture_input input;
     bool is_opening;
     uint64_t allowance; // bytes that may be read while the file is opened
     bool asked_too_much;
+    uint64_t since_poll; // bytes read since signals were looked for
 };
+
+constexpr uint64_t read_at_once = uint64_t{4} << 20; // some milliseconds
 
 uint64_t size_of(int fd)
 {
@@ -88,22 +56,37 @@ bool is_allowed(tiff_file* file, uint64_t bytes)
     return !file->asked_too_much;
 }
 
+// False when a signal asked the process to end. The library then finds that the file ends here, and
+// what it says of that is nobody's concern. Small reads of an open file are not refused, so that a strip
+// that has been begun is drawn.
+bool may_read(tiff_file* file)
+{
+    if (!file->is_opening && file->since_poll < read_at_once) {
+        return true;
+    }
+    file->since_poll = 0;
+    if (DIE4 == 0) {
+        return true;
+    }
+    set_tiff_message_fate(TIFF_MESSAGES_DROPPED);
+    return false;
+}
+
 tmsize_t read_file(thandle_t handle, void* to, tmsize_t size)
 {
     tiff_file* file = file_of(handle);
-    tmsize_t done = 0;
-    while (done < size) {
-        const ssize_t n =
-            read(file->fd, static_cast<char*>(to) + done, static_cast<size_t>(size - done));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
+    const auto wanted = static_cast<uint64_t>(size);
+    uint64_t done = 0;
+    while (done < wanted && may_read(file)) {
+        const uint64_t some = std::min(wanted - done, read_at_once);
+        const uint64_t got = read_picture(&file->input, static_cast<char*>(to) + done, some);
+        done += got;
+        file->since_poll += got;
+        if (got < some) {
             break;
         }
-        done += n;
     }
-    return is_allowed(file, static_cast<uint64_t>(done)) ? done : 0;
+    return is_allowed(file, done) ? static_cast<tmsize_t>(done) : 0;
 }
 
 tmsize_t write_nothing(thandle_t, void*, tmsize_t)
@@ -113,17 +96,18 @@ tmsize_t write_nothing(thandle_t, void*, tmsize_t)
 
 toff_t seek_in_file(thandle_t handle, toff_t offset, int whence)
 {
-    return static_cast<toff_t>(lseek(file_of(handle)->fd, static_cast<off_t>(offset), whence));
+    return static_cast<toff_t>(
+        lseek(file_of(handle)->input.fd, static_cast<off_t>(offset), whence));
 }
 
 toff_t file_size(thandle_t handle)
 {
-    return size_of(file_of(handle)->fd);
+    return size_of(file_of(handle)->input.fd);
 }
 
 int close_file(thandle_t handle)
 {
-    const int result = close(file_of(handle)->fd);
+    const int result = close(file_of(handle)->input.fd);
     delete file_of(handle);
     return result;
 }
@@ -179,9 +163,9 @@ TIFF* open_frugal(tiff_file* file, const char* name)
 
 TIFF* open_tiff(int fd, const char* name)
 {
-    TIFFSetErrorHandler(tiff_error);
-    TIFFSetWarningHandler(tiff_warning);
-    auto* file = new (std::nothrow) tiff_file{fd, true, opening_allowance(fd), false};
+    install_tiff_messages();
+    auto* file =
+        new (std::nothrow) tiff_file{open_picture_input(fd), true, opening_allowance(fd), false, 0};
     TIFF* image = file != nullptr ? open_frugal(file, name) : nullptr;
     if (image == nullptr) {
         delete file;

@@ -101,7 +101,7 @@ drawing::drawing(const file_bytes& file, const tiff_literal_options& options) : 
         abort();
     }
     lseek(fd, 0, SEEK_SET);
-    image_ = TIFFFdOpen(fd, "literal", "rm");
+    image_ = TIFFFdOpen(fd, "picture", "rm");
     model_ = *std::find_if(std::begin(models), std::end(models),
                            [](const model& m) { return m.photometric == tiff_photometric; });
     const bool filled = model_.is_filled;

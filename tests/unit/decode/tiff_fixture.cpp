@@ -1,6 +1,8 @@
 #include "tests/unit/decode/tiff_fixture.h"
 
 #include <sstream>
+#include <tuple>
+#include <utility>
 
 #include "bin/decode/tiff.h"
 #include "bin/examine/image_state.h"
@@ -43,6 +45,19 @@ std::vector<int> progress()
     return percentages;
 }
 
+// What the program itself printed, and what the library did.
+std::pair<std::string, std::string> parted(const std::string& printed)
+{
+    std::pair<std::string, std::string> parts;
+    std::istringstream lines(printed);
+    for (std::string line; std::getline(lines, line);) {
+        const bool by_library =
+            line.compare(0, 10, "TIFF ERROR") == 0 || line.compare(0, 12, "TIFF WARNING") == 0;
+        (by_library ? parts.second : parts.first) += line + "\n";
+    }
+    return parts;
+}
+
 } // namespace
 
 void tiff_test::start_anew()
@@ -72,13 +87,7 @@ int tiff_test::decode()
 {
     testing::internal::CaptureStderr();
     const int result = decode_by_photometric();
-    std::istringstream lines(testing::internal::GetCapturedStderr());
-    told = told_by_library = "";
-    for (std::string line; std::getline(lines, line);) {
-        const bool by_library =
-            line.compare(0, 10, "TIFF ERROR") == 0 || line.compare(0, 12, "TIFF WARNING") == 0;
-        (by_library ? told_by_library : told) += line + "\n";
-    }
+    std::tie(told, told_by_library) = parted(testing::internal::GetCapturedStderr());
     return result;
 }
 
@@ -99,7 +108,7 @@ bool tiff_test::expect_drawn_by_the_rules(const file_bytes& file,
     }
     testing::internal::CaptureStderr();
     const tiff_literal_result wanted = draw_tiff_literally(file, options);
-    testing::internal::GetCapturedStderr();
+    literally_told_by_library = parted(testing::internal::GetCapturedStderr()).second;
     failing_calls::plan.tiff_read_strip = options.read_strip;
     scripted::plan.fail_mapping = static_cast<int>(options.failing_mapping);
     if (options.passes != ~size_t{0}) {

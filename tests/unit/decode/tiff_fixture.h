@@ -42,4 +42,5 @@ protected:
 
     std::string told;
     std::string told_by_library;
+    std::string literally_told_by_library; // to the plain form of the rules
 };

@@ -1,6 +1,7 @@
 // The strip loop against the rules in plain form: heights of strips and pictures, failures, early
 // ends, and a library that answers oddly.
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "bin/examine/image_state.h"
@@ -224,6 +225,38 @@ TEST_F(DecodeTiffStrips, ErrorsOfTheLibraryAreTooManyBytes)
     EXPECT_EQ(decode(), 0);
     EXPECT_EQ(told, "TIFFReadEncodedStrip() returned too many bytes\n");
     EXPECT_EQ(pixel(0, 0), (std::vector<unsigned>{16, 128, 128}));
+}
+
+TEST_F(DecodeTiffStrips, InterruptedReadsGoOn)
+{
+    const auto file = encode_tiff(picture(2, 3, 9, 3));
+    ASSERT_TRUE(expect_drawn_by_the_rules(file));
+    const file_bytes undisturbed = allocation();
+    for (int which = 1; which <= 3; ++which) {
+        start_anew();
+        ASSERT_TRUE(open(file));
+        failing_calls::plan.read = which;
+        failing_calls::plan.read_errno = EINTR;
+        EXPECT_EQ(decode(), 0);
+        EXPECT_EQ(failing_calls::plan.read, 0);
+        EXPECT_EQ(told + told_by_library, "");
+        EXPECT_TRUE(allocation() == undisturbed);
+    }
+}
+
+TEST_F(DecodeTiffStrips, ErrorOfTheDiskIsToldOnceAndEndsThePictureThere)
+{
+    encoded_tiff made = picture(2, 3, 9, 3);
+    made.pixels.assign(size_t{9} * 5 * 3, 255);
+    ASSERT_TRUE(open(encode_tiff(made)));
+    failing_calls::plan.read = 2; // the second strip
+    failing_calls::plan.read_errno = EIO;
+    EXPECT_EQ(decode(), 0);
+    EXPECT_EQ(told, "Error while reading the picture: Input/output error\n"
+                    "TIFFReadEncodedStrip() returned too many bytes\n");
+    EXPECT_EQ(pixel(4, 2), (std::vector<unsigned>{235, 128, 128}));
+    EXPECT_EQ(pixel(0, 3), (std::vector<unsigned>{16, 128, 128}));
+    EXPECT_EQ(pixel(4, 8), (std::vector<unsigned>{16, 128, 128}));
 }
 
 TEST_F(DecodeTiffStrips, EmptyReadsArePremature)

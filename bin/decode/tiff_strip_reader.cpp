@@ -1,0 +1,91 @@
+#include "bin/decode/tiff_strip_reader.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "bin/decode/tiff_jbig.h"
+#include "bin/decode/tiff_large_strip.h"
+#include "bin/decode/tiff_rows.h"
+#include "bin/examine/tiff.h"
+#include "platform/media_item.h"
+
+namespace {
+
+constexpr uint64_t no_strip = UINT64_MAX;
+
+// Rows of separate planes hold one sample a pixel, and the converters read several: so much lies
+// behind the last row.
+constexpr uint64_t spare_pixel_bytes = 6;
+static_assert(spare_pixel_bytes >= most_tiff_pixel_bytes);
+
+// Bytes read, or the library's error, -1, which becomes more than was asked for.
+uint64_t read_some(const strip_buffer& buffer, uint32_t strip, uint64_t done, uint64_t wanted)
+{
+    if (!jbig_strip_fits(strip, wanted)) {
+        return UINT64_MAX;
+    }
+    unsigned char* to = buffer.bytes + done;
+    return static_cast<uint64_t>(
+        is_large_strip(wanted, buffer.keeps_rows)
+            ? read_large_strip(strip, to, wanted, buffer.keeps_rows)
+            : TIFFReadEncodedStrip(tiff_image, strip, to, static_cast<tmsize_t>(wanted)));
+}
+
+// Appends what the library gives of the strip, call by call. Bytes read.
+uint64_t read_encoded_strip(const strip_buffer& buffer, uint64_t strip, uint64_t wanted)
+{
+    uint64_t got = 0;
+    while (got < wanted) {
+        const uint64_t left = wanted - got;
+        const uint64_t n = read_some(buffer, static_cast<uint32_t>(strip), got, left);
+        if (n == 0) {
+            fputs("TIFFReadEncodedStrip() returned 0 prematurely\n", stderr);
+            break;
+        }
+        if (n > left) {
+            if (DIE4 == 0) { // else it may be the signal that ended the reading
+                fputs("TIFFReadEncodedStrip() returned too many bytes\n", stderr);
+            }
+            break;
+        }
+        got += n;
+    }
+    return got;
+}
+
+// Leaves the first `kept` bytes. Samples that nobody looks at may lie on: clearing them would make
+// memory present that was never written.
+void clear(strip_buffer* buffer, uint64_t kept)
+{
+    if (buffer->keeps_rows) {
+        memset(buffer->bytes + kept, 0, buffer->held - kept);
+    }
+    buffer->held = kept;
+}
+
+} // namespace
+
+bool allocate_strip_buffer(strip_buffer* buffer, uint64_t rows, bool keeps_rows)
+{
+    buffer->size = rows * tiff_bytes_per_row + spare_pixel_bytes * tiff_width;
+    buffer->bytes = static_cast<unsigned char*>(calloc(buffer->size, 1));
+    buffer->keeps_rows = keeps_rows;
+    buffer->strip = no_strip;
+    buffer->held = 0;
+    return buffer->bytes != nullptr;
+}
+
+uint64_t read_strip(strip_buffer* buffer, uint64_t strip, uint64_t wanted)
+{
+    // The library is not asked again for bytes that are still there.
+    if (buffer->strip == strip && wanted <= buffer->held) {
+        clear(buffer, wanted);
+        return wanted;
+    }
+    clear(buffer, 0); // a codec may report success without having written everything
+    buffer->held = wanted;
+    const uint64_t got = read_encoded_strip(*buffer, strip, wanted);
+    buffer->strip = got == wanted ? strip : no_strip;
+    return got;
+}

@@ -1,0 +1,129 @@
+#include "bin/examine/tiff_messages.h"
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include <tiffio.h>
+
+namespace {
+
+constexpr size_t text_size = 1024; // with the module's name; longer ones are cut
+constexpr size_t line_size = text_size + sizeof "TIFF WARNING: \n";
+constexpr size_t most_noted = 4; // opening a strip hardly ever gives more than one
+
+// Plain arrays: the library may leave the functions that call this with a jump.
+struct message_state {
+    tiff_message_fate fate;
+    unsigned counted;
+    char noted[most_noted][line_size];
+    size_t notes;
+    size_t seen_again; // of the notes, from the first
+};
+
+message_state state;
+
+void without_control_characters(char* text)
+{
+    for (char* c = text; *c != '\0'; ++c) {
+        if (static_cast<unsigned char>(*c) < ' ' || *c == '\x7F') {
+            *c = '?';
+        }
+    }
+}
+
+void note(const char* line)
+{
+    if (state.notes < most_noted) {
+        strcpy(state.noted[state.notes], line); // lines are shorter than line_size
+        ++state.notes;
+    }
+}
+
+bool was_noted(const char* line)
+{
+    for (size_t i = state.seen_again; i < state.notes; ++i) {
+        if (strcmp(state.noted[i], line) == 0) {
+            state.seen_again = i + 1;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool is_printed(const char* line)
+{
+    switch (state.fate) {
+    case TIFF_MESSAGES_NOTED:
+        note(line);
+        return true;
+    case TIFF_MESSAGES_COUNTED:
+        ++state.counted;
+        return false;
+    case TIFF_MESSAGES_NOT_AGAIN:
+        return !was_noted(line);
+    case TIFF_MESSAGES_DROPPED:
+        return false;
+    case TIFF_MESSAGES_PRINTED:
+        break;
+    }
+    return true;
+}
+
+// The library puts the file's name in, which may hold any byte.
+[[gnu::format(printf, 3, 0)]] void print_library_message(const char* kind, const char* module,
+                                                         const char* format, va_list arguments)
+{
+    char text[text_size];
+    const int start = snprintf(text, sizeof text, "%s: ", module != nullptr ? module : "libtiff");
+    const size_t used = start > 0 && size_t(start) < sizeof text ? size_t(start) : 0;
+    vsnprintf(text + used, sizeof text - used, format, arguments);
+    without_control_characters(text);
+    char line[line_size];
+    snprintf(line, sizeof line, "TIFF %s: %s\n", kind, text);
+    if (is_printed(line)) {
+        fputs(line, stderr);
+    }
+}
+
+[[gnu::format(printf, 2, 0)]] void tiff_error(const char* module, const char* format,
+                                              va_list arguments)
+{
+    print_library_message("ERROR", module, format, arguments);
+}
+
+[[gnu::format(printf, 2, 0)]] void tiff_warning(const char* module, const char* format,
+                                                va_list arguments)
+{
+    print_library_message("WARNING", module, format, arguments);
+}
+
+} // namespace
+
+void install_tiff_messages()
+{
+    TIFFSetErrorHandler(tiff_error);
+    TIFFSetWarningHandler(tiff_warning);
+    state.fate = TIFF_MESSAGES_PRINTED;
+}
+
+void set_tiff_message_fate(tiff_message_fate fate)
+{
+    if (state.fate == TIFF_MESSAGES_DROPPED) {
+        return;
+    }
+    if (fate == TIFF_MESSAGES_NOTED) {
+        state.notes = 0;
+        state.seen_again = 0;
+    }
+    if (fate == TIFF_MESSAGES_COUNTED) {
+        state.counted = 0;
+    }
+    state.fate = fate;
+}
+
+unsigned counted_tiff_messages()
+{
+    return state.counted;
+}

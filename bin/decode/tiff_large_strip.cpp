@@ -10,12 +10,14 @@
 #include "bin/decode/pace.h"
 #include "bin/examine/tiff.h"
 #include "bin/examine/tiff_messages.h"
+#include "platform/media_item.h"
 
 namespace {
 
 // Codecs whose state goes on from row to row as if the strip was decoded in one call. Not those that
 // decode a strip at once whatever they are asked for (JBIG, LERC, WebP), nor Deflate, for which the
-// library has a faster way with whole strips, nor LZMA, whose strips are that slow.
+// library has a faster way with whole strips, nor LZMA, whose strips are that slow. (A ZSTD strip of
+// several frames, which no encoder writes, ends in one call with the first of them.)
 struct row_codec {
     uint16_t compression;
     bool may_keep_rows; // false: rows behind a strip's early end would differ
@@ -53,7 +55,7 @@ const row_codec* find_row_codec(bool keeps_rows)
 
 enum class outcome { DONE, ENDED_BY_SIGNAL, DOUBTFUL };
 
-// Reads the rows behind the codec's present place.
+// Reads the rows behind the codec's present place. When they are doubtful `to` is zero again.
 outcome read_rows(unsigned char* to, uint64_t rows, bool keeps_rows)
 {
     work_pace pace = {find_row_codec(keeps_rows)->piece};
@@ -61,6 +63,7 @@ outcome read_rows(unsigned char* to, uint64_t rows, bool keeps_rows)
         unsigned char* row_to = keeps_rows ? to + row * tiff_bytes_per_row : to;
         if (TIFFReadScanline(tiff_image, row_to, TIFFCurrentRow(tiff_image)) != 1 ||
             counted_tiff_messages() != 0) {
+            memset(to, 0, static_cast<size_t>(row_to - to) + tiff_bytes_per_row);
             return outcome::DOUBTFUL;
         }
         if (!keep_pace(&pace, tiff_bytes_per_row)) {
@@ -90,9 +93,11 @@ outcome try_rows(uint32_t strip, unsigned char* to, uint64_t rows, bool keeps_ro
     return result;
 }
 
-tmsize_t read_again(uint32_t strip, unsigned char* to, uint64_t wanted, bool keeps_rows)
+tmsize_t read_again(uint32_t strip, unsigned char* to, uint64_t wanted)
 {
-    memset(to, 0, keeps_rows ? wanted : 0);
+    if (DIE4 != 0) {
+        return -1;
+    }
     set_tiff_message_fate(TIFF_MESSAGES_NOT_AGAIN);
     return TIFFReadEncodedStrip(tiff_image, strip, to, static_cast<tmsize_t>(wanted));
 }
@@ -114,7 +119,7 @@ tmsize_t read_large_strip(uint32_t strip, unsigned char* to, uint64_t wanted, bo
         result = static_cast<tmsize_t>(wanted);
         break;
     case outcome::DOUBTFUL:
-        result = read_again(strip, to, wanted, keeps_rows);
+        result = read_again(strip, to, wanted);
         break;
     case outcome::ENDED_BY_SIGNAL:
         break;

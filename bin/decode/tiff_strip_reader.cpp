@@ -8,6 +8,7 @@
 #include "bin/decode/tiff_large_strip.h"
 #include "bin/decode/tiff_rows.h"
 #include "bin/examine/tiff.h"
+#include "bin/examine/tiff_open.h"
 #include "platform/media_item.h"
 
 namespace {
@@ -26,10 +27,11 @@ uint64_t read_some(const strip_buffer& buffer, uint32_t strip, uint64_t done, ui
         return UINT64_MAX;
     }
     unsigned char* to = buffer.bytes + done;
-    return static_cast<uint64_t>(
+    const tmsize_t n =
         is_large_strip(wanted, buffer.keeps_rows)
             ? read_large_strip(strip, to, wanted, buffer.keeps_rows)
-            : TIFFReadEncodedStrip(tiff_image, strip, to, static_cast<tmsize_t>(wanted)));
+            : TIFFReadEncodedStrip(tiff_image, strip, to, static_cast<tmsize_t>(wanted));
+    return tiff_reading_was_stopped(tiff_image) ? UINT64_MAX : static_cast<uint64_t>(n);
 }
 
 // Appends what the library gives of the strip, call by call. Bytes read.

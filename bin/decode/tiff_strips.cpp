@@ -102,16 +102,24 @@ bool map_band(const tiff_variant& variant, uint64_t row, band* mapped)
     return true;
 }
 
-// The part of the given rows from column `x` on, where decoding draws nothing.
-void blacken(const tiff_variant& variant, const band& mapped, uint64_t first, uint64_t last,
-             uint64_t x)
+// The part of the given rows from column `x` on, where decoding draws nothing. The row behind the
+// last that was done: `last`, or an earlier one in a large band when a signal comes meanwhile.
+uint64_t blacken(const tiff_variant& variant, const band& mapped, uint64_t first, uint64_t last,
+                 uint64_t x)
 {
-    for (int i = 0; variant.starts_black && i < all_planes; ++i) {
-        const frame_plane& plane = frame_planes[i];
-        for (uint64_t y = first; mapped.base[i] != nullptr && y < last; ++y) {
-            memset(mapped.base[i] + y * *plane.stride + x, plane.black, *plane.stride - x);
+    constexpr uint64_t samples_at_once = uint64_t{1} << 25; // some ten milliseconds
+    work_pace pace = {samples_at_once};
+    uint64_t y = first;
+    for (bool goes_on = variant.starts_black; goes_on && y < last; ++y) {
+        for (int i = 0; i < all_planes; ++i) {
+            const frame_plane& plane = frame_planes[i];
+            if (mapped.base[i] != nullptr) {
+                memset(mapped.base[i] + y * *plane.stride + x, plane.black, *plane.stride - x);
+                goes_on = keep_pace(&pace, *plane.stride - x) && goes_on;
+            }
         }
     }
+    return variant.starts_black ? y : last;
 }
 
 unsigned char* row_of(const band& mapped, int index, uint64_t y)
@@ -146,8 +154,7 @@ void draw_band(const tiff_variant& variant, const strip_buffer& buffer, uint64_t
 {
     const tiff_converter* converter = converter_for(variant);
     if (converter == nullptr) {
-        blacken(variant, *mapped, 0, rows, 0);
-        mapped->drawn = rows;
+        mapped->drawn = blacken(variant, *mapped, 0, rows, 0);
         return;
     }
     draw_rows(*converter, buffer, rows, mapped);

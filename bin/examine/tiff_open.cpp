@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <new>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,6 +25,7 @@ struct tiff_file {
     uint64_t allowance; // bytes that may be read while the file is opened
     bool asked_too_much;
     uint64_t since_poll; // bytes read since signals were looked for
+    bool is_stopped;     // by a signal
 };
 
 constexpr uint64_t read_at_once = uint64_t{4} << 20; // some milliseconds
@@ -56,9 +58,8 @@ bool is_allowed(tiff_file* file, uint64_t bytes)
     return !file->asked_too_much;
 }
 
-// False when a signal asked the process to end. The library then finds that the file ends here, and
-// what it says of that is nobody's concern. Small reads of an open file are not refused, so that a strip
-// that has been begun is drawn.
+// False when a signal asked the process to end. What the library says of that is nobody's concern.
+// Small reads of an open file go on, so that a strip that has been begun is drawn.
 bool may_read(tiff_file* file)
 {
     if (!file->is_opening && file->since_poll < read_at_once) {
@@ -68,18 +69,36 @@ bool may_read(tiff_file* file)
     if (DIE4 == 0) {
         return true;
     }
+    file->is_stopped = true;
     set_tiff_message_fate(TIFF_MESSAGES_DROPPED);
     return false;
+}
+
+// A file that is being opened ends where reading was stopped. Later the library is made to believe that
+// it has everything: it would clear what is missing of a strip, which takes longer than reading it.
+uint64_t bytes_after_stop(const tiff_file& file, unsigned char* to, uint64_t done, uint64_t wanted)
+{
+    constexpr uint64_t any_header = 4096;
+    if (file.is_opening) {
+        return done;
+    }
+    memset(to + done, 0, std::min(wanted - done, any_header));
+    return wanted;
 }
 
 tmsize_t read_file(thandle_t handle, void* to, tmsize_t size)
 {
     tiff_file* file = file_of(handle);
     const auto wanted = static_cast<uint64_t>(size);
+    auto* bytes = static_cast<unsigned char*>(to);
     uint64_t done = 0;
-    while (done < wanted && may_read(file)) {
+    while (done < wanted) {
+        if (!may_read(file)) {
+            done = bytes_after_stop(*file, bytes, done, wanted);
+            break;
+        }
         const uint64_t some = std::min(wanted - done, read_at_once);
-        const uint64_t got = read_picture(&file->input, static_cast<char*>(to) + done, some);
+        const uint64_t got = read_picture(&file->input, bytes + done, some);
         done += got;
         file->since_poll += got;
         if (got < some) {
@@ -164,12 +183,17 @@ TIFF* open_frugal(tiff_file* file, const char* name)
 TIFF* open_tiff(int fd, const char* name)
 {
     install_tiff_messages();
-    auto* file =
-        new (std::nothrow) tiff_file{open_picture_input(fd), true, opening_allowance(fd), false, 0};
+    auto* file = new (std::nothrow)
+        tiff_file{open_picture_input(fd), true, opening_allowance(fd), false, 0, false};
     TIFF* image = file != nullptr ? open_frugal(file, name) : nullptr;
     if (image == nullptr) {
         delete file;
         close(fd); // the library keeps it only when it succeeds
     }
     return image;
+}
+
+bool tiff_reading_was_stopped(TIFF* image)
+{
+    return file_of(TIFFClientdata(image))->is_stopped;
 }

@@ -298,6 +298,27 @@ TEST_F(DecodeTiffLargeStrip, SignalEndsAStripQuietly)
     }
 }
 
+TEST_F(DecodeTiffLargeStrip, SignalEndsReadingQuietlyWhateverTheCodec)
+{
+    constexpr uint16_t compressions[] = {COMPRESSION_NONE, COMPRESSION_ADOBE_DEFLATE,
+                                         COMPRESSION_LZW};
+    for (const uint16_t compression : compressions) {
+        SCOPED_TRACE(compression);
+        encoded_tiff made; // more than is read at once
+        made.width = 16384;
+        made.height = 151;
+        made.rows_per_strip = 150;
+        made.compression = compression;
+        start_anew();
+        ASSERT_TRUE(open(encode_tiff(made), 0x5A));
+        scripted::plan.die_after_idle = 1;
+        EXPECT_EQ(decode(), 0);
+        EXPECT_EQ(told + told_by_library, "");
+        EXPECT_EQ(pixel(0, 0), (std::vector<unsigned>{16, 128, 128}));
+        EXPECT_EQ(pixel(16383, 150), (std::vector<unsigned>{16, 128, 128}));
+    }
+}
+
 TEST_F(DecodeTiffLargeStrip, SignalEndsDrawingWithBlackBelow)
 {
     encoded_tiff made;

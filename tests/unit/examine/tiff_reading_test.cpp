@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "bin/examine/tiff.h"
+#include "bin/examine/tiff_open.h"
 #include "platform/media_item.h"
 #include "tests/unit/examine/tiff_fixture.h"
 
@@ -103,11 +104,16 @@ TEST_F(TiffReading, SignalEndsALongReadWithoutAWord)
     ASSERT_EQ(examine(with_long_strip(several_pieces)), 0);
     printed();
     EXPECT_TRUE(strip_is_read(several_pieces));
+    EXPECT_FALSE(tiff_reading_was_stopped(tiff_image));
     free_all_tiff();
     ASSERT_EQ(examine(with_long_strip(several_pieces)), 0);
     printed();
+    failing_calls::plan.read = 3; // a third piece would be one too many
+    failing_calls::plan.read_errno = EIO;
     DIE4 = 1;
-    EXPECT_FALSE(strip_is_read(several_pieces));
+    strip_is_read(several_pieces);
+    EXPECT_TRUE(tiff_reading_was_stopped(tiff_image));
+    EXPECT_EQ(failing_calls::plan.read, 2);
     EXPECT_EQ(printed(), "");
 }
 
@@ -118,6 +124,7 @@ TEST_F(TiffReading, SignalLeavesShortReadsAlone)
     printed();
     DIE4 = 1;
     EXPECT_TRUE(strip_is_read(short_strip));
+    EXPECT_FALSE(tiff_reading_was_stopped(tiff_image));
     EXPECT_EQ(printed(), "");
 }
 

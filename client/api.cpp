@@ -5,6 +5,7 @@
 #include <new>
 
 #include "client/border.h"
+#include "client/connect_within.h"
 #include "client/connection.h"
 #include "client/frames.h"
 #include "client/stillimage_client.h"
@@ -98,8 +99,8 @@ const char* stillimage_result_text(stillimage_result result)
     return "unknown result";
 }
 
-stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
-                                     stillimage_client** client)
+stillimage_result connect_within(const char* socket_path, const deadline& start,
+                                 const deadline& until, stillimage_client** client)
 {
     if (socket_path == nullptr || client == nullptr) {
         return STILLIMAGE_ERROR_ARGUMENT;
@@ -109,8 +110,14 @@ stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
         return STILLIMAGE_ERROR_SYSTEM;
     }
     return at_border(*client, [&](stillimage_client& c) {
-        return open_connection(c, socket_path, deadline(start_ms), deadline(timeout_ms));
+        return open_connection(c, socket_path, start, until);
     });
+}
+
+stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
+                                     stillimage_client** client)
+{
+    return connect_within(socket_path, deadline(start_ms), deadline(timeout_ms), client);
 }
 
 void stillimage_close(stillimage_client* client)

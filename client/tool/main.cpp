@@ -1,4 +1,5 @@
 // stillimage-client: the command line over the client library.
+#include <charconv>
 #include <cmath>
 #include <csignal>
 #include <exception>
@@ -25,6 +26,7 @@ constexpr const char* statuses =
 struct command_line {
     call_options options;
     double timeout_s = -1;
+    std::string time_position;
     std::string size;
     exit_status (*call)(const call_options&) = nullptr;
 };
@@ -38,6 +40,34 @@ std::string check_size(const std::string& text)
     const bool parsed = sscanf(text.c_str(), "%9dx%9d%n", &width, &height, &end) == 2;
     if (!parsed || static_cast<size_t>(end) != text.size() || width < 1 || height < 1) {
         return "a size is written as 1280x720, not " + text;
+    }
+    return {};
+}
+
+bool parse_time_position(const std::string& text, uint64_t* position)
+{
+    const char* end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, *position);
+    return error == std::errc() && rest == end;
+}
+
+std::string check_time_position(const std::string& text)
+{
+    uint64_t position = 0;
+    if (!parse_time_position(text, &position)) {
+        return "a time position is a number from 0 on, not " + text;
+    }
+    return {};
+}
+
+std::string check_timeout(const std::string& text)
+{
+    constexpr double most_s = 1e6;
+    double seconds = 0;
+    const char* end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, seconds);
+    if (error != std::errc() || rest != end || !(seconds >= 0 && seconds <= most_s)) {
+        return "a time limit is a number of seconds from 0 to 1000000, not " + text;
     }
     return {};
 }
@@ -61,15 +91,15 @@ CLI::App* add_call(CLI::App& app, command_line& line, const char* name, const ch
 
 void add_timeout(CLI::App* call, command_line& line)
 {
-    call->add_option("--timeout", line.timeout_s, "give up after that many seconds")
-        ->check(CLI::Range(0.0, 1e6))
+    call->add_option("--timeout", line.timeout_s, "give up after that many seconds in all")
+        ->check(CLI::Validator(check_timeout, "", "seconds"))
         ->type_name("S");
 }
 
 void add_frame_options(CLI::App* call, command_line& line)
 {
-    call->add_option("--at", line.options.time_position,
-                     "time position, in units of the item's time scale")
+    call->add_option("--at", line.time_position, "time position, in units of the item's time scale")
+        ->check(CLI::Validator(check_time_position, "", "time"))
         ->type_name("T");
     call->add_option("--size", line.size, "wanted output size; the fitting level is taken")
         ->check(CLI::Validator(check_size, "WxH", "size"))
@@ -99,6 +129,7 @@ void add_calls(CLI::App& app, command_line& line)
     add_timeout(add_call(app, line, "wait", "return when the picture is ready", call_wait), line);
     CLI::App* status = add_call(app, line, "status", "print the status document", call_status);
     status->add_flag("--watch", options.watch, "print it again whenever it changes, a line each");
+    add_timeout(status, line);
     CLI::App* frame = add_call(
         app, line, "frame", "print the frame's descriptor and scanline list as JSON", call_frame);
     add_frame_options(frame, line);
@@ -119,13 +150,17 @@ void add_calls(CLI::App& app, command_line& line)
     CLI::App* set = add_call(app, line, "set", "set a metadata value of the item", call_set);
     set->add_option("NAME", options.name, "such as \"aspect ratio\"")->required();
     set->add_option("VALUE", options.value, "such as 16:9")->required();
-    add_call(app, line, "quit", "ask the worker to exit", call_quit);
+    add_timeout(set, line);
+    add_timeout(add_call(app, line, "quit", "ask the worker to exit", call_quit), line);
 }
 
 void finish_options(command_line& line)
 {
     if (line.timeout_s >= 0) {
         line.options.timeout_ms = static_cast<int>(std::min(line.timeout_s * 1000, 1e9));
+    }
+    if (!line.time_position.empty()) {
+        parse_time_position(line.time_position, &line.options.time_position);
     }
     if (!line.size.empty()) {
         sscanf(line.size.c_str(), "%9dx%9d", &line.options.wanted_width,

@@ -9,8 +9,7 @@
 
 namespace {
 
-constexpr int answer_ms = 5000;
-constexpr int walk_ms = 60'000; // through the whole timeline
+constexpr int answer_ms = 5000; // of a worker that a stream depends on
 constexpr rate still_rate = {25, 1};
 
 const stillimage_picture& picture_of(const held_frame& frame)
@@ -20,10 +19,7 @@ const stillimage_picture& picture_of(const held_frame& frame)
 
 class player {
 public:
-    player(const session& worker, const call_options& options) : worker_(worker), options_(options)
-    {
-        options_.timeout_ms = answer_ms;
-    }
+    player(session& worker, const call_options& options) : worker_(worker), options_(options) {}
 
     exit_status play()
     {
@@ -78,7 +74,8 @@ private:
     exit_status ask_timeline(timeline* told) const
     {
         char* json = nullptr;
-        const stillimage_result result = stillimage_get_status(worker_.client(), answer_ms, &json);
+        const stillimage_result result =
+            stillimage_get_status(worker_.client(), worker_.left_ms(), &json);
         if (result != STILLIMAGE_OK) {
             return worker_.failed("get the status", result);
         }
@@ -91,7 +88,8 @@ private:
     exit_status find_rate()
     {
         const stillimage_timeline* shown = nullptr;
-        const stillimage_result result = stillimage_get_timeline(worker_.client(), walk_ms, &shown);
+        const stillimage_result result =
+            stillimage_get_timeline(worker_.client(), worker_.left_ms(), &shown);
         if (result != STILLIMAGE_OK && result != STILLIMAGE_ERROR_LIMIT) {
             return worker_.failed("get a frame", result);
         }
@@ -127,9 +125,11 @@ private:
         }
     }
 
-    // The worker is asked even when the frame is likely still on: so it is seen when it goes.
+    // The worker is asked even when the frame is likely still on: so it is seen when it goes. The
+    // command's time limit was for the start of the stream.
     exit_status load(uint64_t moment)
     {
+        worker_.limit_to(answer_ms);
         held_frame frame;
         const exit_status status = take(moment, &frame);
         if (status != STATUS_DONE || picture_of(frame).frame_number == loaded_) {
@@ -146,7 +146,7 @@ private:
         return STATUS_DONE;
     }
 
-    const session& worker_;
+    session& worker_;
     call_options options_;
     timeline timeline_;
     rate rate_ = still_rate;
@@ -167,7 +167,7 @@ exit_status call_play(const call_options& options)
     if (status != STATUS_DONE) {
         return status;
     }
-    const stillimage_result ready = stillimage_wait_ready(worker.client(), 0, options.timeout_ms);
+    const stillimage_result ready = stillimage_wait_ready(worker.client(), 0, worker.left_ms());
     if (ready != STILLIMAGE_OK) {
         return worker.failed("wait for the picture", ready);
     }

@@ -3,12 +3,11 @@
 
 exit_status call_quit(const call_options& options)
 {
-    constexpr int answer_ms = 5000;
     session worker;
     const exit_status status = worker.open(options);
     if (status != STATUS_DONE) {
         return status;
     }
-    const stillimage_result result = stillimage_quit(worker.client(), answer_ms);
+    const stillimage_result result = stillimage_quit(worker.client(), worker.left_ms());
     return result == STILLIMAGE_OK ? STATUS_DONE : worker.failed("ask for the exit", result);
 }

@@ -6,11 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "client/connect_within.h"
 #include "platform/item_paths.h"
 
 namespace {
 
-constexpr int connect_ms = 2000; // for a worker that is just starting
+constexpr int start_ms = 2000; // in which a worker that is just starting is there
 
 bool is_regular_file(const std::string& path)
 {
@@ -67,6 +68,7 @@ void tell(const std::string& text)
 
 exit_status session::open(const call_options& options)
 {
+    limit_to(options.timeout_ms);
     socket_path = options.socket_or_picture;
     if (is_regular_file(socket_path)) {
         picture = options.socket_or_picture;
@@ -75,10 +77,9 @@ exit_status session::open(const call_options& options)
             return STATUS_FAILED;
         }
     }
-    const int limit =
-        options.timeout_ms < 0 || options.timeout_ms > connect_ms ? connect_ms : options.timeout_ms;
     stillimage_client* made = nullptr;
-    const stillimage_result result = stillimage_connect(socket_path.c_str(), limit, &made);
+    const stillimage_result result =
+        connect_within(socket_path.c_str(), deadline(start_ms), limit, &made);
     connection.reset(made);
     if (result == STILLIMAGE_ERROR_NO_WORKER &&
         access(options.socket_or_picture.c_str(), F_OK) != 0) {
@@ -102,10 +103,13 @@ exit_status session::failed(const std::string& doing, stillimage_result result) 
 
 exit_status session::take_frame(const call_options& options, held_frame* frame) const
 {
+    // 0 would ask whether the picture is ready, and not wait for it.
+    const int left = left_ms();
+    const int wait_ms = left == 0 ? 1 : left;
     stillimage_frame* taken = nullptr;
-    const stillimage_result result = stillimage_get_frame(
-        client(), options.time_position, options.wanted_width, options.wanted_height,
-        options.no_wait ? 0 : options.timeout_ms, &taken);
+    const stillimage_result result =
+        stillimage_get_frame(client(), options.time_position, options.wanted_width,
+                             options.wanted_height, options.no_wait ? 0 : wait_ms, &taken);
     frame->reset(taken);
     return result == STILLIMAGE_OK ? STATUS_DONE : failed("get a frame", result);
 }

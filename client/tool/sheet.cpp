@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr int answer_ms = 5000;
 constexpr size_t most_title = 60; // characters
 
 constexpr grey background = 0x2B;
@@ -86,7 +85,6 @@ private:
         return trouble_ == STATUS_DONE;
     }
 
-    // The time limit is for this; what follows is answered at once.
     bool take_full_picture()
     {
         if (!take(0, {}, &first_)) {
@@ -94,14 +92,14 @@ private:
         }
         facts_.picture = picture_of(first_);
         content_.pictures = {extent_of(facts_.picture)};
-        options_.timeout_ms = answer_ms;
         return true;
     }
 
     bool ask_document()
     {
         char* json = nullptr;
-        const stillimage_result result = stillimage_get_status(worker_.client(), answer_ms, &json);
+        const stillimage_result result =
+            stillimage_get_status(worker_.client(), worker_.left_ms(), &json);
         if (result != STILLIMAGE_OK) {
             trouble_ = worker_.failed("get the status", result);
             return false;

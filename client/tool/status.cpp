@@ -6,9 +6,8 @@
 
 namespace {
 
-constexpr int answer_ms = 5000;
-
 struct watcher {
+    bool begun = false;
     bool writable = true;
 };
 
@@ -16,18 +15,24 @@ void print_document(void* user, const stillimage_event* event)
 {
     auto* state = static_cast<watcher*>(user);
     if (event->document != nullptr && state->writable) {
+        state->begun = true;
         state->writable = print_text(std::string(event->document) + "\n");
     }
 }
 
-// Prints the document at once and whenever it changed, until the worker goes.
+// Prints the document at once and whenever it changed, until the worker goes. The time limit is for
+// the first one.
 exit_status watch(const session& worker)
 {
     watcher state;
     stillimage_result result = stillimage_subscribe(worker.client(), STILLIMAGE_CHANGE_DOCUMENT,
-                                                    print_document, &state, answer_ms);
+                                                    print_document, &state, worker.left_ms());
     while (result == STILLIMAGE_OK && state.writable) {
-        result = stillimage_dispatch(worker.client(), -1);
+        if (!state.begun && worker.left_ms() == 0) {
+            result = STILLIMAGE_ERROR_TIMEOUT;
+        } else {
+            result = stillimage_dispatch(worker.client(), state.begun ? -1 : worker.left_ms());
+        }
     }
     if (!state.writable) {
         return STATUS_FAILED;
@@ -49,7 +54,8 @@ exit_status call_status(const call_options& options)
         return watch(worker);
     }
     char* json = nullptr;
-    const stillimage_result result = stillimage_get_status(worker.client(), answer_ms, &json);
+    const stillimage_result result =
+        stillimage_get_status(worker.client(), worker.left_ms(), &json);
     if (result != STILLIMAGE_OK) {
         return worker.failed("get the status", result);
     }

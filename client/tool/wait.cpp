@@ -8,6 +8,6 @@ exit_status call_wait(const call_options& options)
     if (status != STATUS_DONE) {
         return status;
     }
-    const stillimage_result result = stillimage_wait_ready(worker.client(), 0, options.timeout_ms);
+    const stillimage_result result = stillimage_wait_ready(worker.client(), 0, worker.left_ms());
     return result == STILLIMAGE_OK ? STATUS_DONE : worker.failed("wait for the picture", result);
 }

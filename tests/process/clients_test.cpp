@@ -296,6 +296,24 @@ TEST_F(Clients, ToolsExitStatusTellsWhatHappened)
     EXPECT_TRUE(home.folder().read("out.png").starts_with("\x89PNG"));
 }
 
+TEST_F(Clients, NumbersThatMakeNoSenseAreUsageErrors)
+{
+    const std::string socket = served->socket();
+    for (const char* position : {"-1", "", "x", "1x", "0x10", "1.5", "99999999999999999999"}) {
+        EXPECT_EQ(run_client(home, {socket, "frame", "--at", position}), 2) << position;
+        EXPECT_EQ(run_client(home, {socket, "save", home.path("out.png"),
+                                    std::string("--at=") + position}),
+                  2)
+            << position;
+    }
+    for (const char* seconds : {"-1", "", "x", "1x", "nan", "inf", "1000001"}) {
+        EXPECT_EQ(run_client(home, {socket, "wait", "--timeout", seconds}), 2) << seconds;
+    }
+    EXPECT_FALSE(home.folder().has("out.png"));
+    EXPECT_EQ(run_client(home, {socket, "frame", "--at", "18446744073709551615"}), 0);
+    EXPECT_EQ(run_client(home, {socket, "frame", "--at", "0", "--timeout", "20.5"}), 0);
+}
+
 TEST_F(Clients, DumpHoldsThePlanesAndTheRecord)
 {
     ASSERT_EQ(run_client(home, {served->socket(), "dump", home.path("dump")}), 0);

@@ -19,11 +19,11 @@ int make_one_folder(const char* path)
         return 0;
     }
     // A parent such as "/" or a read-only mount answers with an error of its own though it is
-    // there.
+    // there. When the name is taken, the reason is what keeps us from looking at it.
     const int mkdir_errno = errno;
     struct stat status = {};
     if (stat(path, &status) != 0) {
-        errno = mkdir_errno;
+        errno = mkdir_errno != EEXIST ? mkdir_errno : errno;
         return -1;
     }
     if (!S_ISDIR(status.st_mode)) {

@@ -7,6 +7,7 @@
 
 #include "platform/standalone/base/folders.h"
 #include "tests/support/child_process.h"
+#include "tests/support/refused_calls.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
@@ -44,6 +45,19 @@ TEST(Folders, FileInTheWayIsTold)
     EXPECT_EQ(errno, ENOTDIR);
     EXPECT_EQ(platform::make_folders(base.path("file/below").c_str()), -1);
     EXPECT_EQ(errno, ENOTDIR);
+}
+
+TEST(Folders, FolderThatCannotBeLookedAtIsToldWithTheTrueReason)
+{
+    const temporary_folder base;
+    const std::string path = base.path();
+    EXPECT_EQ(run_in_child([&path] {
+                  if (!refuse_calls({"stat", "newfstatat", "statx", "fstatat64"}, EIO)) {
+                      return 2;
+                  }
+                  return platform::make_folders(path.c_str()) == -1 && errno == EIO ? 0 : 1;
+              }),
+              0);
 }
 
 TEST(Folders, TooLongANameIsTold)

@@ -8,6 +8,7 @@
 
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/base/folders.h"
 
 namespace platform {
 
@@ -30,6 +31,15 @@ domain_folder failure(std::string path, std::string reason)
     result.path = std::move(path);
     result.reason = std::move(reason);
     return result;
+}
+
+unique_fd open_base(const std::string& path)
+{
+    unique_fd folder(open_file(path.c_str(), O_PATH | O_DIRECTORY));
+    if (!folder && errno == ENOENT && make_folders(path.c_str()) == 0) {
+        folder.reset(open_file(path.c_str(), O_PATH | O_DIRECTORY));
+    }
+    return folder;
 }
 
 // Why an open folder may not be ours, or "" after making sure that it is private.
@@ -80,7 +90,7 @@ domain_folder open_domain_folder(const std::string& domain)
     const std::string ours =
         runtime != nullptr ? "stillimage" : "stillimage-" + std::to_string(geteuid());
 
-    unique_fd base_folder(open_file(base.c_str(), O_PATH | O_DIRECTORY));
+    unique_fd base_folder = open_base(base);
     if (!base_folder) {
         return failure(std::move(base), error_text(errno));
     }

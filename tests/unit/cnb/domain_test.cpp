@@ -77,11 +77,20 @@ TEST_F(domain, RelativeRuntimeFolderIsIgnored)
     EXPECT_NE(access("relative", F_OK), 0);
 }
 
-TEST_F(domain, MissingRuntimeFolderIsNamed)
+TEST_F(domain, MissingRuntimeFolderIsMadeForTheUserAlone)
 {
-    setenv("XDG_RUNTIME_DIR", "/nonexistent/runtime", 1);
-    EXPECT_EQ(join_and_tell(-1),
-              "cannot use the CNB domain '/nonexistent/runtime': No such file or directory\n");
+    const std::string missing = runtime.path("not/there");
+    setenv("XDG_RUNTIME_DIR", missing.c_str(), 1);
+    EXPECT_EQ(join_and_tell(0), "");
+    EXPECT_EQ(mode_of(runtime.path("not")), 0700U);
+    EXPECT_EQ(mode_of(missing), 0700U);
+}
+
+TEST_F(domain, RuntimeFolderThatCannotBeMadeIsNamed)
+{
+    const std::string missing = runtime.write("file", "") + "/below";
+    setenv("XDG_RUNTIME_DIR", missing.c_str(), 1);
+    EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain '" + missing + "': Not a directory\n");
 }
 
 TEST_F(domain, JoiningTwiceIsFine)

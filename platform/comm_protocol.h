@@ -68,7 +68,7 @@ enum error_code : int32_t {
     NOT_READY = 10,    // GET_FRAME without waiting
     GOING_DOWN = 11,
     SLOW_CLIENT = 12, // dropped: answers were not read
-    NOT_ALLOWED = 13, // dropped: the process of another user
+    NOT_ALLOWED = 13, // dropped: the process of another user, or of an unknown one
 };
 
 // Bits of SUBSCRIBE's mask and of EVENT's changes.

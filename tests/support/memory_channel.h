@@ -15,6 +15,7 @@ struct channel_ends {
     std::deque<comm_protocol::packet_bytes> incoming;
     std::vector<comm_protocol::packet_bytes> sent;
     size_t room = SIZE_MAX; // packets that may still be sent
+    int no_memory = 0;      // the next so many packets find none
     bool gone = false;
     bool finished = false;
     bool destroyed = false;
@@ -41,6 +42,10 @@ public:
     {
         if (ends_->gone) {
             return platform::channel_result::GONE;
+        }
+        if (ends_->no_memory > 0) {
+            --ends_->no_memory;
+            return platform::channel_result::NO_MEMORY;
         }
         if (ends_->room == 0) {
             return platform::channel_result::AGAIN;

@@ -17,6 +17,8 @@ constexpr uint64_t accept_pause_us = 1'000'000;
 
 const refusal too_many_clients = {comm_protocol::LIMIT, true, "too many clients"};
 const refusal foreign_user = {comm_protocol::NOT_ALLOWED, true, "another user's process"};
+const refusal unknown_user = {comm_protocol::NOT_ALLOWED, true,
+                              "the kernel does not tell whose process this is"};
 const refusal cannot_watch = {comm_protocol::NO_MEMORY, true,
                               "the kernel cannot watch this connection"};
 
@@ -47,12 +49,15 @@ void pause_accepting(comm_socket_v4_server& server, uint64_t now_us)
     watch_listeners(server, 0);
 }
 
-bool peer_is_allowed(int socket)
+// Null when the process at the other end may be served.
+const refusal* judge_peer(int socket)
 {
     ucred peer = {};
     socklen_t size = sizeof(peer);
-    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
-           (peer.uid == geteuid() || peer.uid == 0);
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+        return &unknown_user;
+    }
+    return peer.uid == geteuid() || peer.uid == 0 ? nullptr : &foreign_user;
 }
 
 void turn_away(packet_channel& channel, const refusal& reason)
@@ -116,12 +121,12 @@ int accept_clients(comm_socket_v4_server& server, int listening_socket, uint64_t
             return accepted;
         }
         ++accepted;
-        const bool allowed = peer_is_allowed(socket.get());
+        const refusal* refused = judge_peer(socket.get());
         auto channel = make_socket_channel(std::move(socket));
-        if (allowed) {
+        if (refused == nullptr) {
             adopt(server, std::move(channel), now_us);
         } else {
-            turn_away(*channel, foreign_user);
+            turn_away(*channel, *refused);
         }
     }
     return accepted;
@@ -157,7 +162,9 @@ void tend_listeners(comm_socket_v4_server& server, uint64_t now_us)
     if (!server.accepting && now_us >= server.accept_again_us) {
         resume_accepting(server);
     }
-    if (server.old_listener.socket && now_us >= server.old_listener_until_us) {
+    // After a long stretch without rounds more may wait there than one round takes.
+    if (server.old_listener.socket && now_us >= server.old_listener_until_us &&
+        accept_clients(server, server.old_listener.socket.get(), now_us) == 0 && server.accepting) {
         unwatch(server, server.old_listener.socket.get());
         server.old_listener.socket.reset();
     }

@@ -14,7 +14,7 @@ bool answer_queue::send(packet_channel& channel, comm_socket_v4_packet packet, u
     if (entries_.empty()) {
         const channel_result result = channel.send(packet);
         if (result != channel_result::AGAIN) {
-            return result == channel_result::DONE;
+            return goes_on(result);
         }
     }
     entry added;
@@ -63,6 +63,7 @@ bool answer_queue::send_event(packet_channel& channel, uint64_t request, uint32_
 bool answer_queue::append(packet_channel& channel, entry&& added, uint64_t now_us)
 {
     if (entries_.size() >= max_queued_answers) {
+        reason_ = undelivered::QUEUE_FULL;
         return false;
     }
     if (entries_.empty()) {
@@ -72,12 +73,24 @@ bool answer_queue::append(packet_channel& channel, entry&& added, uint64_t now_u
     return entries_.size() > 1 || flush(channel, now_us);
 }
 
+bool answer_queue::goes_on(channel_result result)
+{
+    if (result == channel_result::GONE) {
+        reason_ = undelivered::CHANNEL_GONE;
+    } else if (result == channel_result::NO_MEMORY) {
+        reason_ = undelivered::NO_MEMORY;
+    } else {
+        return true;
+    }
+    return false;
+}
+
 bool answer_queue::flush(packet_channel& channel, uint64_t now_us)
 {
     while (!entries_.empty()) {
         const channel_result result = send_front(channel);
         if (result != channel_result::DONE) {
-            return result == channel_result::AGAIN;
+            return goes_on(result);
         }
         stalled_since_us_ = now_us;
     }

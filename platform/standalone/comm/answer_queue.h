@@ -22,10 +22,12 @@ struct event_state {
     std::string progress;
 };
 
+enum class undelivered { CHANNEL_GONE, QUEUE_FULL, NO_MEMORY };
+
 class answer_queue {
 public:
     // Each sends what the channel takes at once and keeps the rest. False when the client has to
-    // go: the channel is gone or the queue full. `now_us` is any monotonic time.
+    // go, reason() says why. `now_us` is any monotonic time.
     bool send(packet_channel& channel, comm_socket_v4_packet packet, uint64_t now_us);
 
     // The document as STATUS packets. `asked`: the answer to a request; otherwise it belongs to the
@@ -37,8 +39,11 @@ public:
     bool send_event(packet_channel& channel, uint64_t request, uint32_t changes,
                     const event_state& state, uint64_t now_us);
 
-    // Sends on. False when the channel is gone.
+    // Sends on. False as above.
     bool flush(packet_channel& channel, uint64_t now_us);
+
+    // Why the last call that gave false did so.
+    undelivered reason() const { return reason_; }
 
     bool empty() const { return entries_.empty(); }
 
@@ -61,11 +66,13 @@ private:
     };
 
     bool append(packet_channel& channel, entry&& added, uint64_t now_us);
+    bool goes_on(channel_result result);
     channel_result send_front(packet_channel& channel);
     static channel_result send_part(packet_channel& channel, entry& document);
 
     std::list<entry> entries_;
     uint64_t stalled_since_us_ = 0;
+    undelivered reason_ = undelivered::CHANNEL_GONE;
 };
 
 } // namespace platform

@@ -9,8 +9,9 @@ namespace platform {
 
 enum class channel_result {
     DONE,
-    AGAIN, // nothing there, or no room, for now
-    GONE,  // the other end has left, or the channel is broken
+    AGAIN,     // nothing there, or no room, for now
+    GONE,      // the other end has left, or the channel is broken
+    NO_MEMORY, // the kernel has none for this packet; the other end is not to blame
 };
 
 class packet_channel {

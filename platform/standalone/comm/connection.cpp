@@ -9,6 +9,8 @@ namespace platform {
 namespace {
 
 const refusal unread_answers = {comm_protocol::SLOW_CLIENT, true, "answers were not read"};
+const refusal no_memory_to_send = {comm_protocol::NO_MEMORY, true,
+                                   "the kernel has no memory for an answer"};
 
 comm_socket_v4_packet error_packet(uint64_t request, const refusal& reason)
 {
@@ -31,11 +33,26 @@ void unblock(comm_socket_v4_client& client)
     watch(client, EPOLLIN, false);
 }
 
+void give_up(comm_socket_v4_client& client)
+{
+    switch (client.answers.reason()) {
+    case undelivered::CHANNEL_GONE:
+        leave(client);
+        break;
+    case undelivered::QUEUE_FULL:
+        drop(client, 0, unread_answers);
+        break;
+    case undelivered::NO_MEMORY:
+        drop(client, 0, no_memory_to_send);
+        break;
+    }
+}
+
 // After each attempt to send: `delivered` as the queue said.
 void settle(comm_socket_v4_client& client, bool delivered)
 {
     if (!delivered) {
-        drop(client, 0, unread_answers);
+        give_up(client);
     } else if (client.blocked == client.answers.empty()) {
         client.blocked ? unblock(client) : block(client);
     }

@@ -113,6 +113,23 @@ int bind_private(int socket, const std::string& path)
     return result;
 }
 
+// Where the socket at `name` is made. The lock that goes with the path goes with this name, too.
+std::string unfinished_name(const std::string& name)
+{
+    return ".stillimage-" + name;
+}
+
+// Left by a process that died while it made its socket.
+void remove_unfinished(int folder, const std::string& name)
+{
+    const std::string unfinished = unfinished_name(name);
+    struct stat file = {};
+    if (fstatat(folder, unfinished.c_str(), &file, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISSOCK(file.st_mode) && file.st_uid == geteuid()) {
+        unlinkat(folder, unfinished.c_str(), 0);
+    }
+}
+
 bool note_file(int folder, const std::string& name, comm_listener* listener)
 {
     struct stat file = {};
@@ -128,8 +145,8 @@ bool note_file(int folder, const std::string& name, comm_listener* listener)
 // False with errno. The temporary name is gone afterwards, one way or the other.
 bool bind_and_rename(const split_path& at, int folder, comm_listener* listener)
 {
-    const std::string temporary = ".stillimage-" + std::to_string(getpid());
-    unlinkat(folder, temporary.c_str(), 0); // of a dead process with this number
+    const std::string temporary = unfinished_name(at.name);
+    remove_unfinished(folder, at.name);
     const int socket = listener->socket.get();
     if (bind_private(socket, temporary_path(at, temporary, folder)) != 0) {
         return false;
@@ -150,6 +167,10 @@ bool clear_socket_path(const std::string& path)
 {
     if (!path_fits(path)) {
         return fail(path, "a socket path has 1 to 107 bytes");
+    }
+    const split_path at = split(path);
+    if (const unique_fd folder(open_file(at.folder.c_str(), O_PATH | O_DIRECTORY)); folder) {
+        remove_unfinished(folder.get(), at.name);
     }
     struct stat file = {};
     if (lstat(path.c_str(), &file) != 0) {

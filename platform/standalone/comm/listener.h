@@ -20,8 +20,8 @@ struct comm_listener {
 };
 
 // True when a socket may be made at the path: nothing is there, or a socket of this user that
-// nobody listens on any more, which is removed. Otherwise false, told in one line that names the
-// path.
+// nobody listens on any more, which is removed, as is what a process has left that died while it
+// made its socket for this path. Otherwise false, told in one line that names the path.
 bool clear_socket_path(const std::string& path);
 
 // Makes the socket under another name, mode 0600, listens and renames it to `path`, whatever socket

@@ -65,6 +65,8 @@ void receive_packet(comm_socket_v4_server& server, comm_socket_v4_client& client
         take_packet(server, client, buffer, std::min(size, sizeof(buffer)), now_us);
     } else if (result == channel_result::GONE) {
         leave(client);
+    } else if (result == channel_result::NO_MEMORY) {
+        drop(client, 0, no_memory);
     }
 }
 
@@ -271,7 +273,11 @@ void comm_socket_v4_server_from_client_readable(comm_socket_v4_server* server, u
 int comm_socket_v4_reopen_server(comm_socket_v4_server* server)
 {
     if (server == nullptr) {
-        return 0; // made later, by the process that serves
+        return 0;
     }
-    return platform::replace_listener(*server, monotonic_clock_us()) ? 0 : -1;
+    const bool replaced = platform::replace_listener(*server, monotonic_clock_us());
+    if (server->callbacks.reopened != nullptr) {
+        server->callbacks.reopened();
+    }
+    return replaced ? 0 : -1;
 }

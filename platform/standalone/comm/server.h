@@ -27,13 +27,15 @@ struct server_limits {
     uint64_t old_listener_us = 2'000'000; // that a replaced listening socket is still served
 };
 
-// Called in the middle of a round. What they throw makes the client leave.
+// The first two are called in the middle of a round; what they throw makes the client leave.
 struct server_callbacks {
     // A request that may be carried out; `packet` is the whole of it.
     void (*request)(comm_socket_v4_client& client, common_pkt_parsing& request,
                     const unsigned char* packet, size_t size, uint64_t now_us) = nullptr;
     // The client leaves and can no longer be sent anything. Never called inside `request`.
     void (*left)(comm_socket_v4_client& client) = nullptr;
+    // The socket has been made anew: from now on it is this process that serves.
+    void (*reopened)() = nullptr;
 };
 
 } // namespace platform

@@ -13,7 +13,16 @@ constexpr int most_unread_packets = 1024; // that finish() throws away
 
 channel_result from_errno()
 {
-    return errno == EAGAIN || errno == EWOULDBLOCK ? channel_result::AGAIN : channel_result::GONE;
+    switch (errno) {
+    case EAGAIN:
+        return channel_result::AGAIN;
+    case ENOBUFS:
+    case ENOMEM:
+    case ETOOMANYREFS: // descriptors on their way
+        return channel_result::NO_MEMORY;
+    default:
+        return channel_result::GONE;
+    }
 }
 
 ssize_t send_with_descriptor(int socket, const comm_socket_v4_packet& packet)

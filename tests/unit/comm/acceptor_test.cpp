@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -11,6 +12,7 @@
 #include "platform/standalone/comm/socket_channel.h"
 #include "platform/time.h"
 #include "tests/support/child_process.h"
+#include "tests/support/refused_calls.h"
 #include "tests/unit/comm/comm_fixture.h"
 #include "tests/unit/comm/server_fixture.h"
 
@@ -97,6 +99,27 @@ TEST_F(Acceptor, OtherUsersAreTurnedAway)
     EXPECT_TRUE(server->clients.empty());
 }
 
+TEST_F(Acceptor, KernelThatDoesNotTellTheUserIsNotCalledAnotherUsersProcess)
+{
+    const int status = run_in_child([this] {
+        start();
+        const packet_client client(path);
+        if (!refuse_calls({"getsockopt"})) {
+            return 2;
+        }
+        pump();
+        const auto answer = client.receive();
+        platform::close_listener(&server->listener);
+        return answer.has_value() && answer->as<error>().code == NOT_ALLOWED &&
+                       answer->as<error>().text ==
+                           "the kernel does not tell whose process this is" &&
+                       server->clients.empty()
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(Acceptor, SocketIsClosedToOtherUsersByItsMode)
 {
     start();
@@ -132,6 +155,26 @@ TEST_F(Acceptor, ReplacedSocketIsClosedAfterAWhile)
     pump();
     EXPECT_FALSE(server->old_listener.socket);
     EXPECT_TRUE(packet_client(path).connected());
+}
+
+TEST_F(Acceptor, ReplacedSocketIsNotClosedBeforeAllOnTheirWayAreIn)
+{
+    start();
+    std::vector<packet_client> waiting;
+    for (int i = 0; i < 200; ++i) {
+        waiting.emplace_back(path);
+        ASSERT_TRUE(waiting.back().send(encode(1, hello())));
+    }
+    ASSERT_EQ(comm_socket_v4_reopen_server(server.get()), 0);
+    now_us = monotonic_clock_us() + 60'000'000; // a decode without a round
+    for (int i = 0; i < 10; ++i) {
+        pump();
+        now_us += 200'000;
+    }
+    EXPECT_FALSE(server->old_listener.socket);
+    for (const packet_client& client : waiting) {
+        EXPECT_TRUE(client.receive().has_value());
+    }
 }
 
 TEST_F(Acceptor, SocketMayBeReplacedAgainAndAgain)

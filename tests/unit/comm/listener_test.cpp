@@ -90,6 +90,28 @@ TEST_F(Listener, StaleSocketIsRemoved)
     EXPECT_FALSE(folder.has("socket"));
 }
 
+TEST_F(Listener, SocketThatADeadProcessDidNotFinishIsRemoved)
+{
+    bind_socket(folder.path(".stillimage-socket"), SOCK_SEQPACKET).reset();
+    bind_socket(folder.path(".stillimage-other"), SOCK_SEQPACKET).reset();
+    EXPECT_TRUE(clear_socket_path(path));
+    EXPECT_THAT(folder.names(), ElementsAre(".stillimage-other"));
+    bind_socket(folder.path(".stillimage-socket"), SOCK_SEQPACKET).reset();
+    EXPECT_TRUE(open_listener(path, &listener));
+    EXPECT_FALSE(folder.has(".stillimage-socket"));
+}
+
+TEST_F(Listener, FileWithTheNameOfAnUnfinishedSocketIsKept)
+{
+    folder.write(".stillimage-socket", "text");
+    EXPECT_TRUE(clear_socket_path(path));
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(open_listener(path, &listener));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Comm socket '" + path + "': Address already in use\n");
+    EXPECT_EQ(folder.read(".stillimage-socket"), "text");
+}
+
 TEST_F(Listener, LiveSocketIsRefused)
 {
     ASSERT_TRUE(open_listener(path, &listener));

@@ -1,15 +1,19 @@
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "platform/standalone/comm/server.h"
+#include "platform/standalone/comm/socket_channel.h"
 #include "platform/time.h"
 #include "tests/support/child_process.h"
 #include "tests/support/memory_channel.h"
+#include "tests/support/refused_calls.h"
 #include "tests/unit/comm/comm_fixture.h"
 #include "tests/unit/comm/server_fixture.h"
 
@@ -345,6 +349,77 @@ TEST_F(Server, AdoptedChannelIsServedLikeASocket)
     EXPECT_TRUE(ends->finished);
     EXPECT_TRUE(ends->destroyed);
     EXPECT_EQ(left_ids.size(), 1U);
+}
+
+TEST_F(Server, AnswerWithoutMemoryForItIsNotCalledUnread)
+{
+    start();
+    const auto ends = std::make_shared<channel_ends>();
+    comm_socket_v4_client* client =
+        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    ends->no_memory = 1;
+    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    ASSERT_EQ(ends->sent.size(), 1U);
+    EXPECT_EQ(to_hex(ends->sent[0]),
+              to_hex(encode(0, error{NO_MEMORY, "the kernel has no memory for an answer"})));
+    pump();
+    EXPECT_EQ(left_ids.size(), 1U);
+}
+
+TEST_F(Server, QueuedAnswerWithoutMemoryForItIsNotCalledUnread)
+{
+    start();
+    const auto ends = std::make_shared<channel_ends>();
+    comm_socket_v4_client* client =
+        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    ends->room = 0;
+    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    ends->room = 10;
+    ends->no_memory = 1;
+    platform::flush_answers(*client, now_us);
+    ASSERT_EQ(ends->sent.size(), 1U);
+    EXPECT_EQ(to_hex(ends->sent[0]),
+              to_hex(encode(0, error{NO_MEMORY, "the kernel has no memory for an answer"})));
+    pump();
+}
+
+TEST_F(Server, BrokenChannelIsLeftWithoutAWord)
+{
+    start();
+    const auto ends = std::make_shared<channel_ends>();
+    comm_socket_v4_client* client =
+        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    ends->gone = true;
+    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    ends->gone = false;
+    EXPECT_TRUE(ends->sent.empty());
+    pump();
+    EXPECT_EQ(left_ids.size(), 1U);
+}
+
+TEST_F(Server, KernelWithoutMemoryIsToldFromAClientThatHasLeft)
+{
+    for (const int reason : {ENOBUFS, ENOMEM, ETOOMANYREFS}) {
+        EXPECT_EQ(
+            run_in_child([reason] {
+                int ends[2] = {-1, -1};
+                socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends);
+                const platform::unique_fd other(ends[0]);
+                const auto channel = platform::make_socket_channel(platform::unique_fd(ends[1]));
+                comm_socket_v4_packet with_descriptor = {encode_empty(1, DONE), {}};
+                with_descriptor.descriptor.reset(dup(STDERR_FILENO));
+                if (!refuse_calls({"send", "sendto", "sendmsg"}, reason)) {
+                    return 2;
+                }
+                using platform::channel_result;
+                return channel->send({encode_empty(1, DONE), {}}) == channel_result::NO_MEMORY &&
+                               channel->send(with_descriptor) == channel_result::NO_MEMORY
+                           ? 0
+                           : 1;
+            }),
+            0)
+            << reason;
+    }
 }
 
 TEST_F(Server, ClientThatLeftIsSentNothingMore)

@@ -13,6 +13,8 @@
 #include "bin/framebuffer/mipmap.h"
 #include "bin/framebuffer/records.h"
 #include "bin/invariant.h"
+#include "bin/quickidle.h"
+#include "bin/serve/client_context.h"
 #include "bin/vexa_stillimage.h"
 #include "platform/media_item.h"
 
@@ -67,7 +69,11 @@ bool wait_for_buffer()
 {
     while (cnb_default_buffer_load() != 0) {
         const bool dead = idle_vexa_server_comm() < 0 || idle_vexa_client_contexts() < 0;
-        if (dead || DIE4 != 0 || vexa_should_exit) {
+        if (dead || DIE4 != 0) {
+            return false;
+        }
+        if (vexa_should_exit) {
+            fputs("Caller requested to exit\n", stderr);
             return false;
         }
         const timespec pause = {0, buffer_poll_ns};
@@ -88,8 +94,10 @@ int allocate_frame_buffer()
     return build_picture_records() == 0 ? go_on : EXIT_FAILURE;
 }
 
+// A decoder may come to its first pump late, or never: who has come by now is greeted before it.
 void decode_and_serve()
 {
+    quickidle_comm();
     decode_picture();
     if (DIE4 == 0 && mipmaps_avail == 0) {
         generate_all_mipmaps();
@@ -120,6 +128,7 @@ int run_sequence()
         free_all();
         return EXIT_SUCCESS;
     }
+    update_client_contexts();
     item_to_json_common();
     refresh_json();
     if (create_cache() != go_on) {

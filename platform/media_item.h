@@ -66,7 +66,9 @@ char* vexa_next_arg();                       // null at the end
 int vexa_argv_is_switch(char** argument);    // non-zero: a switch, its dashes stripped
 int vexa_argv_std_handle_switch(char* word); // > 0 taken, 0 not a standard switch, < 0 error (told)
 void vexa_std_help();                        // the standard switches, on standard error
-int vexa_standard_to_derived_params();       // fills paths, vexa_meta, vexa_metadata and settings
+// Fills paths, vexa_meta, vexa_metadata and settings; makes the comm socket in the modes that serve,
+// when vexa_auto_socket_create asks for it.
+int vexa_standard_to_derived_params();
 int vexa_join_cnb_domain();
 int vexa_redirect_stderr_to_logfile();
 int vexa_self_test();
@@ -117,7 +119,7 @@ void json_check_xmit(uint64_t now_us); // rebuilds when asked for, sends to subs
 
 // --- idle work (one round each; amount of work done, negative: fatal) ----------------------------
 
-int idle_vexa_server_comm();     // accepts, receives, sends; creates the socket in its first round
+int idle_vexa_server_comm();     // accepts, receives, sends; without a socket does nothing
 int idle_vexa_client_contexts(); // answers pending requests
 void close_vexa_client_contexts();
 void vexa_idle_housekeeping();

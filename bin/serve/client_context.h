@@ -12,3 +12,6 @@ public:
 
 // The platform's factory: a context that the platform owns, or null without memory.
 vexa_client_context* my_new_client_context(unsigned long id);
+
+// Gives the clients that came while the picture was examined what is known of it now.
+void update_client_contexts();

@@ -86,9 +86,7 @@ TEST_F(Surroundings, KilledFortyTimesAtAnyMomentTheNextStartWorks)
         ASSERT_TRUE(round % 10 != 9 ||
                     run_worker(home, {{"--file", photograph, "--oneshot"}}).status == 0);
     }
-    for (const std::string& path : left_behind()) { // at most a name it had not finished with
-        EXPECT_THAT(path, HasSubstr("/.stillimage-"));
-    }
+    EXPECT_THAT(left_behind(), IsEmpty());
 }
 
 // --- signals and limits -------------------------------------------------------------------------

@@ -9,6 +9,7 @@
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/serve_lock.h"
 
 bool vexa_should_exit = false;
 bool vexa_ready = false;
@@ -196,9 +197,9 @@ const std::string& socket_path()
     return state.socket;
 }
 
-bool holds_serve_lock()
+void item::refresh_serve_lock()
 {
-    return state.holds_lock;
+    ++state.lock_refreshed;
 }
 
 int cnb_open_read_only_descriptor()

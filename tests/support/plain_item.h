@@ -23,7 +23,7 @@ struct item_state {
     std::vector<std::pair<std::string, std::string>> stored;
     bool refuses_settings = false;
     std::string socket;
-    bool holds_lock = true;
+    int lock_refreshed = 0; // calls of refresh_serve_lock
     uint64_t frames = 1;
     int live_frames = 0;                 // frame objects that exist
     int live_contexts = 0;               // context objects that exist

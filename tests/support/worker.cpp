@@ -48,22 +48,31 @@ std::string read_file(const std::string& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// Adds what has a name that is not there yet.
+void add_missing(const std::vector<std::string>& more, std::vector<std::string>* environment)
+{
+    for (const std::string& text : more) {
+        const std::string name = text.substr(0, text.find('=') + 1);
+        const auto same = [&name](const std::string& own) { return own.starts_with(name); };
+        if (std::none_of(environment->begin(), environment->end(), same)) {
+            environment->push_back(text);
+        }
+    }
+}
+
 // The environment of the tests, without what would lead a worker to the user's own folders.
 std::vector<std::string> child_environment(const worker_home& home,
                                            const std::vector<std::string>& more)
 {
-    std::vector<std::string> result = home.environment();
-    result.insert(result.end(), more.begin(), more.end());
+    std::vector<std::string> inherited;
     for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string text = *entry;
-        const std::string name = text.substr(0, text.find('=') + 1);
-        const bool ours = std::any_of(result.begin(), result.end(), [&](const std::string& own) {
-            return own.compare(0, name.size(), name) == 0;
-        });
-        if (!ours && name != "NOTIFY_SOCKET=") {
-            result.push_back(text);
+        if (!std::string_view(*entry).starts_with("NOTIFY_SOCKET=")) {
+            inherited.emplace_back(*entry);
         }
     }
+    std::vector<std::string> result = more;
+    add_missing(home.environment(), &result);
+    add_missing(inherited, &result);
     return result;
 }
 
@@ -72,6 +81,12 @@ void use_as_standard_descriptors(int fd)
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         dup2(fd, standard);
     }
+}
+
+void limit_descriptors(unsigned number)
+{
+    const rlimit limit = {number, number};
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 void limit_address_space(uint64_t bytes)
@@ -184,6 +199,9 @@ void worker::start(const worker_home& home, const setting& how)
     if (!how.working_folder.empty() && chdir(how.working_folder.c_str()) != 0) {
         _exit(126);
     }
+    if (how.descriptors != 0) {
+        limit_descriptors(how.descriptors);
+    }
     become_program(STILLIMAGE_PROGRAM, arguments, environment);
 }
 
@@ -221,6 +239,18 @@ bool worker::wait_ready(int timeout_ms) const
 bool worker::wait_printed(std::string_view text, int timeout_ms) const
 {
     return eventually([&] { return told().find(text) != std::string::npos; }, timeout_ms);
+}
+
+bool worker::wait_stopped(int timeout_ms) const
+{
+    return eventually(
+        [this] {
+            siginfo_t stopped = {};
+            return waitid(P_PID, static_cast<id_t>(pid_), &stopped, WSTOPPED | WNOHANG | WNOWAIT) ==
+                       0 &&
+                   stopped.si_pid == pid_;
+        },
+        timeout_ms);
 }
 
 int worker::wait_end(int timeout_ms)

@@ -38,6 +38,7 @@ public:
         int standard_fd = -1;       // becomes descriptors 0, 1 and 2: a terminal, or a broken pipe
         uint64_t address_space = 0; // limit in bytes; 0: none
         std::string group = {};     // members_file() of the control group that it runs in
+        unsigned descriptors = 0;   // limit of their number; 0: that of the test
     };
 
     worker(const worker_home& home, const setting& how);
@@ -53,6 +54,7 @@ public:
     bool is_running() const;
     bool wait_ready(int timeout_ms = 30'000) const; // by its socket
     bool wait_printed(std::string_view text, int timeout_ms = 30'000) const;
+    bool wait_stopped(int timeout_ms = 30'000) const; // by a signal
 
     // The exit status, or minus the signal that ended it; no_end when it still runs.
     int wait_end(int timeout_ms = 30'000);

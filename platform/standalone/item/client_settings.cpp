@@ -15,6 +15,7 @@
 #include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/values.h"
 #include "platform/standalone/metadata/metadata_file.h"
+#include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/metadata_names.h"
 #include "platform/time.h"
 
@@ -69,6 +70,14 @@ bool take_into_document(std::string_view name, const std::string& value)
     }
     set_document_entry(name, value);
     return true;
+}
+
+// A list that is still open is yet to be written back, and shown in the document once more.
+void take_into_open_list(std::string_view name, const std::string& value)
+{
+    if (vexa_metadata != nullptr) {
+        platform::set_item_entry(vexa_metadata, name, value);
+    }
 }
 
 void let_wait(std::string_view name, const std::string& value)
@@ -148,6 +157,7 @@ int store_client_setting(std::string_view name, std::string_view value)
     if (!item::take_into_document(name, text)) {
         return -1;
     }
+    item::take_into_open_list(name, text);
     item::let_wait(name, text);
     return 0;
 }

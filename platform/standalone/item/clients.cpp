@@ -1,24 +1,30 @@
-// The comm service of the item: makes the socket when serving begins, runs a round of it for each
-// idle call, and gives everything back at the end.
+// The comm service of the item: makes the socket while the item is derived, runs a round of it for
+// each idle call, and gives everything back at the end.
 //
 // Idle calls come from the serving loop and from the middle of decoding, between two calls of a
 // codec. Nothing thrown leaves them, and a call from inside a client's callback does nothing.
 #include "platform/standalone/item/clients.h"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <exception>
+#include <fcntl.h>
 #include <memory>
 #include <utility>
 #include <vector>
 
 #include "platform/media_item.h"
 #include "platform/standalone/base/checked_math.h"
+#include "platform/standalone/base/error_line.h"
+#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/comm/server.h"
 #include "platform/standalone/item/clients_contexts.h"
 #include "platform/standalone/item/clients_events.h"
 #include "platform/standalone/item/clients_requests.h"
 #include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/serve_lock.h"
 #include "platform/time.h"
 
 comm_socket_v4_server* vexa_comm_server = nullptr;
@@ -30,7 +36,10 @@ const platform::refusal going_down = {comm_protocol::GOING_DOWN, false, "the wor
 
 const platform::refusal out_of_memory = {comm_protocol::NO_MEMORY, true, "out of memory"};
 
-bool service_failed = false; // the socket could not be made: told, and not tried again
+// What a worker needs after its socket is there: the domain, the buffer, the picture's reader, a
+// client. With fewer it would serve a picture that nobody can fetch.
+constexpr int descriptors_needed = 16;
+
 bool inside_idle = false;
 std::vector<unsigned long> unanswered; // contexts with pending requests, each once
 bool new_requests = false;             // among them some that were never looked at
@@ -59,16 +68,31 @@ void remove_socket_file_at_exit()
     }
 }
 
-bool open_service()
+bool descriptors_are_left(const comm_socket_v4_server& server)
 {
-    static const bool registered = std::atexit(remove_socket_file_at_exit) == 0;
-    std::unique_ptr<comm_socket_v4_server> server =
-        platform::make_server({carry_out_request, client_left});
-    if (!registered || server == nullptr || !platform::start_listening(*server, socket_path())) {
-        return false;
+    std::array<platform::unique_fd, descriptors_needed> probes;
+    for (platform::unique_fd& probe : probes) {
+        probe.reset(fcntl(server.epoll.get(), F_DUPFD_CLOEXEC, 0));
+        if (!probe) {
+            platform::error_line("Comm socket", socket_path(), errno);
+            return false;
+        }
     }
-    vexa_comm_server = server.release();
     return true;
+}
+
+std::unique_ptr<comm_socket_v4_server> listening_server()
+{
+    std::unique_ptr<comm_socket_v4_server> server =
+        platform::make_server({carry_out_request, client_left, item::refresh_serve_lock});
+    if (server == nullptr || !platform::start_listening(*server, socket_path())) {
+        return nullptr;
+    }
+    if (!descriptors_are_left(*server)) {
+        platform::close_listener(&server->listener);
+        return nullptr;
+    }
+    return server;
 }
 
 // As long as a client is here, the process does not end itself.
@@ -162,18 +186,24 @@ void add_pending_request(unsigned long context_id, const vexa_video_pending_requ
     new_requests = true;
 }
 
+bool open_comm_service()
+{
+    static const bool registered = std::atexit(remove_socket_file_at_exit) == 0;
+    if (!registered) {
+        platform::error_line("Comm socket", socket_path(), ENOMEM);
+        return false;
+    }
+    vexa_comm_server = listening_server().release();
+    return vexa_comm_server != nullptr;
+}
+
 int idle_vexa_server_comm()
 {
-    if (inside_idle || !holds_serve_lock()) {
+    if (inside_idle || vexa_comm_server == nullptr) {
         return 0;
     }
     const idle_mark mark;
     try {
-        if (vexa_comm_server == nullptr && (service_failed || !open_service())) {
-            service_failed = true;
-            vexa_should_exit = true;
-            return -1;
-        }
         return one_round(*vexa_comm_server);
     } catch (const std::exception&) {
         return 0; // out of memory in the middle of a round; what was not done is done in the next
@@ -224,7 +254,6 @@ void close_comm_service()
     delete std::exchange(vexa_comm_server, nullptr);
     unanswered.clear();
     new_requests = false;
-    service_failed = false;
     reset_client_numbers();
     reset_client_events();
 }

@@ -17,6 +17,11 @@ void notify_clients(uint32_t changes);
 // begun to receive is replaced by the newer one.
 void send_document_to_subscribers();
 
+// Makes the socket at socket_path() and listens; the serve lock is held. From here on clients are
+// taken in each idle_vexa_server_comm, also before anything is known of the picture. False with one
+// line, and nothing left behind, when no client could ever be served.
+bool open_comm_service();
+
 // Ends the comm service: clients are told and let go, the socket is closed and its file removed
 // when this process made it. For vexa_free_all; may run twice, or without a socket.
 void close_comm_service();

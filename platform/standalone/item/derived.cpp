@@ -13,6 +13,7 @@
 #include "platform/standalone/base/folders.h"
 #include "platform/standalone/base/replace_file.h"
 #include "platform/standalone/comm/listener.h"
+#include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
@@ -121,15 +122,20 @@ bool is_ours(const std::string& path)
     return lstat(path.c_str(), &status) == 0 && status.st_uid == geteuid();
 }
 
-// What a worker that was killed may have left. Nothing of a live one is touched: both kinds of file
-// are only removed under the lock of those who write them.
-void remove_leftovers()
+// What a worker that was killed may have left: its socket and lock here, half-written metadata
+// below. Nothing of a live one is touched: each kind of file is only removed under the lock of those
+// who write it.
+void remove_dead_socket()
 {
     if ((is_ours(absolute_socket) || is_ours(absolute_socket + lock_suffix)) &&
         take_serve_lock(absolute_socket)) {
         platform::clear_socket_path(absolute_socket);
         release_serve_lock();
     }
+}
+
+void remove_half_written_metadata()
+{
     platform::file_lock writers;
     const int folder = the_item->store.folder;
     if (writers.take(folder, platform::metadata_lock_name, 0) == platform::lock_result::TAKEN) {
@@ -137,21 +143,58 @@ void remove_leftovers()
     }
 }
 
-int derive_all()
+// --- stages, in their order ---------------------------------------------------------------------
+
+// The path is cleared before the picture is looked at: whatever becomes of this start, no dead
+// socket stays.
+int take_socket_path()
 {
-    if (derive_paths() != 0 || settle_socket_path() != 0) {
-        return -1;
+    if (!mode_serves()) {
+        return 0;
     }
-    if (mode_serves() && !take_serve_lock(absolute_socket)) {
-        return -1;
-    }
-    if (open_item_and_list() != 0) {
-        return -1;
-    }
+    return take_serve_lock(absolute_socket) && platform::clear_socket_path(absolute_socket) ? 0
+                                                                                            : -1;
+}
+
+int clean_up_after_others()
+{
     if (vexa_temp_clean_only) {
-        remove_leftovers();
+        remove_dead_socket();
+    }
+    if (vexa_temp_clean_only || mode_serves()) {
+        remove_half_written_metadata();
     }
     return 0;
+}
+
+// Clients may come while the picture is examined, and are told what is known of it by then.
+int open_socket()
+{
+    if (!mode_serves() || !vexa_auto_socket_create) {
+        return 0;
+    }
+    meta_to_json(vexa_metadata);
+    item_to_json_common();
+    return open_comm_service() ? 0 : -1;
+}
+
+int derive_all()
+{
+    for (int (*const stage)() : {derive_paths, settle_socket_path, take_socket_path,
+                                 open_item_and_list, clean_up_after_others, open_socket}) {
+        if (stage() != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// The socket goes before the lock under which it was made.
+void give_back()
+{
+    close_comm_service();
+    close_item();
+    release_serve_lock();
 }
 
 } // namespace
@@ -174,12 +217,10 @@ void close_item()
 
 int vexa_standard_to_derived_params()
 {
-    item::close_item();
-    item::release_serve_lock();
+    item::give_back();
     const int result = vexa_file != nullptr ? item::derive_all() : -1;
     if (result != 0) {
-        item::close_item();
-        item::release_serve_lock();
+        item::give_back();
     }
     return result;
 }

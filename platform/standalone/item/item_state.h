@@ -45,6 +45,6 @@ int store_client_setting(std::string_view name, std::string_view value);
 const std::string& socket_path();
 
 // The lock on socket_path() + ".lock" is held by this process, or was inherited through daemon().
-// Only then may the socket be bound. Taken by vexa_standard_to_derived_params unless the mode never
+// Only then may the socket be made. Taken by vexa_standard_to_derived_params unless the mode never
 // serves; let go of by vexa_free_all.
 bool holds_serve_lock();

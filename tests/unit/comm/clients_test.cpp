@@ -1,12 +1,17 @@
+#include <cerrno>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/item/clients.h"
 #include "platform/time.h"
 #include "tests/support/child_process.h"
+#include "tests/support/refused_calls.h"
 #include "tests/unit/comm/comm_fixture.h"
 
 using namespace comm_protocol;
@@ -19,40 +24,39 @@ class Clients : public comm_fixture {};
 
 } // namespace
 
-TEST_F(Clients, SocketIsMadeByTheFirstRound)
+TEST_F(Clients, OpeningMakesTheSocketBeforeAnyRound)
 {
     EXPECT_FALSE(folder.has("socket"));
     EXPECT_EQ(vexa_comm_server, nullptr);
-    EXPECT_EQ(idle_vexa_server_comm(), 0);
-    EXPECT_TRUE(folder.has("socket"));
+    ASSERT_TRUE(open_comm_service());
     EXPECT_NE(vexa_comm_server, nullptr);
+    EXPECT_TRUE(packet_client(path).connected());
 }
 
-TEST_F(Clients, WithoutTheServeLockNoSocketIsMade)
+TEST_F(Clients, RoundsWithoutASocketDoNothing)
 {
-    state.holds_lock = false;
     EXPECT_EQ(idle_vexa_server_comm(), 0);
     EXPECT_EQ(idle_vexa_client_contexts(), 0);
     EXPECT_FALSE(folder.has("socket"));
     EXPECT_FALSE(vexa_should_exit);
 }
 
-TEST_F(Clients, SocketThatCannotBeMadeEndsTheRunWithOneLine)
+TEST_F(Clients, SocketThatCannotBeMadeIsOneLine)
 {
     state.socket = folder.path("none/socket");
     testing::internal::CaptureStderr();
-    EXPECT_LT(idle_vexa_server_comm(), 0);
-    EXPECT_LT(idle_vexa_server_comm(), 0);
+    EXPECT_FALSE(open_comm_service());
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Comm socket '" + state.socket + "': No such file or directory\n");
-    EXPECT_TRUE(vexa_should_exit);
+    EXPECT_EQ(vexa_comm_server, nullptr);
+    EXPECT_EQ(idle_vexa_server_comm(), 0);
 }
 
 TEST_F(Clients, StaleSocketIsReplaced)
 {
     EXPECT_EQ(run_in_child([] {
-                  idle_vexa_server_comm();
-                  _exit(0); // without the clean-up of an exit
+                  const bool opened = open_comm_service();
+                  _exit(opened ? 0 : 1); // without the clean-up of an exit
                   return 1;
               }),
               0);
@@ -61,13 +65,13 @@ TEST_F(Clients, StaleSocketIsReplaced)
     EXPECT_TRUE(packet_client(path).connected());
 }
 
-TEST_F(Clients, LiveSocketEndsTheRun)
+TEST_F(Clients, LiveSocketIsRefused)
 {
     pump();
     EXPECT_EQ(run_in_child([this] {
                   vexa_comm_server = nullptr;
                   testing::internal::CaptureStderr();
-                  const bool refused = idle_vexa_server_comm() < 0;
+                  const bool refused = !open_comm_service();
                   return refused && testing::internal::GetCapturedStderr().find(path) !=
                                         std::string::npos
                              ? 0
@@ -77,11 +81,70 @@ TEST_F(Clients, LiveSocketEndsTheRun)
     EXPECT_TRUE(packet_client(path).connected());
 }
 
+TEST_F(Clients, TooFewDescriptorsAreToldAtOnceAndLeaveNothing)
+{
+    // The socket itself takes two; with fewer than sixteen beside them no picture could be served.
+    for (size_t spare = 0; spare < 18; ++spare) {
+        EXPECT_EQ(run_in_child([&] {
+                      testing::internal::CaptureStderr();
+                      const rlimit few = {64, 64};
+                      setrlimit(RLIMIT_NOFILE, &few);
+                      std::vector<platform::unique_fd> taken;
+                      for (int fd = dup(STDERR_FILENO); fd >= 0; fd = dup(STDERR_FILENO)) {
+                          taken.emplace_back(fd);
+                      }
+                      taken.resize(taken.size() - spare);
+                      if (open_comm_service() || access(path.c_str(), F_OK) == 0) {
+                          return 1;
+                      }
+                      char told[200] = {};
+                      const ssize_t size = pread(STDERR_FILENO, told, sizeof told - 1, 0);
+                      return size > 0 && std::string(told).ends_with("Too many open files\n") ? 0
+                                                                                              : 3;
+                  }),
+                  0)
+            << spare;
+    }
+}
+
+TEST_F(Clients, EachCallThatTheSocketTakesMayBeRefused)
+{
+    for (const char* call : {"epoll_create1", "socket", "bind", "listen", "epoll_ctl"}) {
+        EXPECT_EQ(run_in_child([&] {
+                      if (!refuse_calls({call}, ENOSPC)) {
+                          return 2;
+                      }
+                      return open_comm_service() || access(path.c_str(), F_OK) == 0 ? 1 : 0;
+                  }),
+                  0)
+            << call;
+    }
+}
+
+TEST_F(Clients, DaemonTakesTheLockOverWithTheSocket)
+{
+    pump();
+    EXPECT_EQ(state.lock_refreshed, 0);
+    EXPECT_EQ(comm_socket_v4_reopen_server(vexa_comm_server), 0);
+    EXPECT_EQ(state.lock_refreshed, 1);
+}
+
+TEST_F(Clients, DaemonTakesTheLockOverAlsoWithTheOldSocket)
+{
+    pump();
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(comm_socket_v4_reopen_server(vexa_comm_server), -1);
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(state.lock_refreshed, 1);
+    rmdir(path.c_str());
+}
+
 TEST_F(Clients, ExitRemovesTheSocketFile)
 {
     EXPECT_EQ(run_in_child([] {
-                  idle_vexa_server_comm();
-                  exit(0);
+                  exit(open_comm_service() ? 0 : 1);
                   return 1;
               }),
               0);

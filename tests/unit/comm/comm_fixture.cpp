@@ -43,10 +43,9 @@ comm_fixture::~comm_fixture()
 void comm_fixture::pump()
 {
     constexpr int most_rounds = 100'000;
+    ASSERT_TRUE(vexa_comm_server != nullptr || open_comm_service());
     for (int round = 0; round < most_rounds; ++round) {
-        if (vexa_comm_server != nullptr) {
-            vexa_comm_server->next_look_us = 0;
-        }
+        vexa_comm_server->next_look_us = 0;
         if (idle_vexa_server_comm() + idle_vexa_client_contexts() <= 0) {
             return;
         }

@@ -26,7 +26,7 @@ protected:
     comm_fixture();
     ~comm_fixture() override; // closes the service and checks that nothing is left of it
 
-    // Rounds of the service until one does nothing.
+    // Rounds of the service until one does nothing; opens it first when it is closed.
     static void pump();
 
     packet_client connect() const; // not greeted

@@ -149,7 +149,7 @@ TEST_F(ServerFlood, SixtyFourDescriptorsServeSomeAndTurnTheOthersAway)
         // The clients live in a process of their own, with a limit of its own.
         child_process crowd([this] { return crowd_of_a_hundred(path); });
         const rlimit few = {64, 64};
-        if (setrlimit(RLIMIT_NOFILE, &few) != 0) {
+        if (setrlimit(RLIMIT_NOFILE, &few) != 0 || !open_comm_service()) {
             return 2;
         }
         bool seen = false;

@@ -306,6 +306,30 @@ TEST_F(Leftovers, NothingThereIsFine)
     EXPECT_FALSE(folder.has("s.sock.lock"));
 }
 
+TEST_F(Leftovers, GoWithAStartThatServes)
+{
+    vexa_temp_clean_only = false;
+    socket_at(folder.path("s.sock"), true);
+    folder.write("s.sock.lock", "4711\n");
+    folder.write("meta/metadata.tmp-0123", "half");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_FALSE(folder.has("meta/metadata.tmp-0123"));
+    EXPECT_FALSE(folder.has("s.sock"));
+}
+
+TEST_F(Leftovers, GoAlsoWhenTheStartIsRefused)
+{
+    vexa_temp_clean_only = false;
+    socket_at(folder.path("s.sock"), true);
+    socket_at(folder.path(".stillimage-s.sock"), false);
+    folder.write("s.sock.lock", "4711\n");
+    unlink(vexa_file);
+    EXPECT_NE(refusal(), "");
+    EXPECT_FALSE(folder.has("s.sock"));
+    EXPECT_FALSE(folder.has(".stillimage-s.sock"));
+    EXPECT_FALSE(folder.has("s.sock.lock"));
+}
+
 // --- settings -----------------------------------------------------------------------------------
 
 TEST_F(Derived, StoredSettingsAreTaken)

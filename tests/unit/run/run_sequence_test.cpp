@@ -174,6 +174,7 @@ TEST_F(RunSequence, SignalDuringTheWaitLeavesThroughCleanUp)
     EXPECT_EQ(run_sequence(), 0);
     EXPECT_TRUE(in_order(printed(), {"Cleaning up\n"}));
     EXPECT_EQ(scripted::log.idle_rounds, 3U);
+    EXPECT_EQ(printed().find("Caller requested to exit"), std::string::npos);
     EXPECT_EQ(calls("cnb_malloc"), 0);
     EXPECT_TRUE(scripted::log.ready.empty());
 }
@@ -184,6 +185,18 @@ TEST_F(RunSequence, RequestToExitDuringTheWaitIsObeyed)
     scripted::plan.exit_after_idle = 2;
     EXPECT_EQ(run_sequence(), 0);
     EXPECT_EQ(scripted::log.idle_rounds, 2U);
+    EXPECT_TRUE(in_order(printed(), {"Caller requested to exit\n", "Cleaning up\n"}));
+    EXPECT_EQ(calls("cnb_malloc"), 0);
+}
+
+TEST_F(RunSequence, DeadSocketEndsTheWait)
+{
+    scripted::plan.buffer_loads_until_ready = 1000;
+    scripted::plan.comm_work = -1;
+    EXPECT_EQ(run_sequence(), 0);
+    EXPECT_TRUE(in_order(printed(), {"Cleaning up\n"}));
+    EXPECT_EQ(scripted::log.idle_rounds, 1U);
+    EXPECT_EQ(printed().find("Caller requested to exit"), std::string::npos);
 }
 
 TEST_F(RunSequence, RefusedAllocationEndsWithStatusOneAndFreesNothing)

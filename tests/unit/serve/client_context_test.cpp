@@ -46,6 +46,24 @@ TEST_F(ClientContext, FactoryGivesTheSame)
     EXPECT_EQ(context->duration, 80U);
 }
 
+TEST_F(ClientContext, ClientThatCameBeforeTheExaminationLearnsOfThePictureAfterIt)
+{
+    image_width = image_height = -1;
+    image_file_type = 0;
+    vexa_time_duration = 0;
+    stillimage_client_context early(9);
+    vexa_client_contexts.tracked[9].context = &early;
+    vexa_client_contexts.tracked[10].context = nullptr;
+    image_width = 640;
+    image_height = 480;
+    image_file_type = IMAGE_GIF;
+    update_client_contexts();
+    EXPECT_EQ(early.picture_width, 640);
+    EXPECT_EQ(early.picture_height, 480);
+    EXPECT_EQ(early.duration, 80U);
+    vexa_client_contexts.tracked.clear();
+}
+
 TEST_F(ClientContext, NoMemoryIsNull)
 {
     failing_calls::plan.new_object = 1;

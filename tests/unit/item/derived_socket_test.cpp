@@ -1,0 +1,163 @@
+// The comm socket of an item that is being derived: there before the picture is looked at, or a
+// start that fails.
+#include <filesystem>
+#include <string>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/media_item.h"
+#include "platform/standalone/comm/listener.h"
+#include "platform/standalone/item/item_state.h"
+#include "tests/support/child_process.h"
+#include "tests/support/packet_client.h"
+#include "tests/unit/item/item_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class DerivedSocket : public item_test::ItemFixture {
+protected:
+    DerivedSocket()
+    {
+        name_picture();
+        vexa_auto_socket_create = true;
+        vexa_set_string(&vexa_file_metadir, folder.path("meta").c_str());
+        vexa_set_string(&vexa_sock, path.c_str());
+    }
+
+    // Refused with this reason, and nothing of the start is left.
+    void expect_obstacle(const std::string& reason)
+    {
+        EXPECT_EQ(messages([] { EXPECT_NE(vexa_standard_to_derived_params(), 0); }),
+                  "Comm socket '" + path + "': " + reason + "\n");
+        EXPECT_EQ(vexa_meta, nullptr);
+        EXPECT_EQ(vexa_comm_server, nullptr);
+        EXPECT_FALSE(holds_serve_lock());
+        EXPECT_FALSE(folder.has("s.sock.lock"));
+    }
+
+    const std::string path = folder.path("s.sock");
+};
+
+TEST_F(DerivedSocket, IsThereWithTheItem)
+{
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_TRUE(packet_client(path).connected());
+    EXPECT_NE(vexa_comm_server, nullptr);
+    vexa_free_all();
+    EXPECT_FALSE(folder.has("s.sock"));
+    EXPECT_FALSE(folder.has("s.sock.lock"));
+}
+
+TEST_F(DerivedSocket, IsLeftToTheCallerWhoDoesNotAskForIt)
+{
+    vexa_auto_socket_create = false;
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_FALSE(folder.has("s.sock"));
+}
+
+TEST_F(DerivedSocket, IsNotMadeByModesThatDoNotServe)
+{
+    for (bool* mode : {&vexa_identify_only, &vexa_create_meta, &vexa_temp_clean_only}) {
+        *mode = true;
+        ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+        EXPECT_FALSE(folder.has("s.sock"));
+        EXPECT_EQ(vexa_comm_server, nullptr);
+        *mode = false;
+    }
+}
+
+TEST_F(DerivedSocket, IsMadeAnewByASecondDerivation)
+{
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_TRUE(packet_client(path).connected());
+}
+
+TEST_F(DerivedSocket, ObstaclesAtItsPathAreRefusedAndKept)
+{
+    folder.write("s.sock", "text");
+    expect_obstacle("is there and not a socket");
+    EXPECT_EQ(folder.read("s.sock"), "text");
+    unlink(path.c_str());
+    fs::create_directory(path);
+    expect_obstacle("is there and not a socket");
+    rmdir(path.c_str());
+    fs::create_symlink("nowhere", path);
+    expect_obstacle("is a symbolic link");
+    unlink(path.c_str());
+    platform::comm_listener live;
+    ASSERT_TRUE(platform::open_listener(path, &live));
+    expect_obstacle("another process is listening on it");
+    EXPECT_TRUE(packet_client(path).connected());
+    platform::close_listener(&live);
+}
+
+TEST_F(DerivedSocket, ItemIsClosedWhenTheSocketCannotBeMade)
+{
+    folder.write(".stillimage-s.sock", "in the way of making it");
+    expect_obstacle("Address already in use");
+}
+
+TEST_F(DerivedSocket, ProcessThatEndsEarlyLeavesNothing)
+{
+    EXPECT_EXIT(
+        {
+            const bool derived = vexa_standard_to_derived_params() == 0;
+            exit(derived && folder.has("s.sock") ? 7 : 1);
+        },
+        testing::ExitedWithCode(7), "");
+    EXPECT_FALSE(folder.has("s.sock"));
+    EXPECT_FALSE(folder.has("s.sock.lock"));
+}
+
+TEST_F(DerivedSocket, DaemonHasItsNumberInTheLockAndLeavesNothing)
+{
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    EXPECT_EQ(run_in_child([&] {
+                  comm_socket_v4_reopen_server(vexa_comm_server);
+                  const bool right = folder.read("s.sock.lock") == std::to_string(getpid()) + "\n";
+                  exit(right ? 0 : 1);
+                  return 2;
+              }),
+              0);
+    EXPECT_FALSE(folder.has("s.sock"));
+    EXPECT_FALSE(folder.has("s.sock.lock"));
+}
+
+TEST_F(DerivedSocket, StatusDocumentKnowsTheItemBeforeThePictureIsExamined)
+{
+    fs::create_directory(folder.path("meta"));
+    folder.write("meta/metadata", "GUID = 1234\ncolour = green\n");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    for (const std::string& piece :
+         {"\"socket\": \"" + path + "\"", "\"file path\": \"" + std::string(vexa_file) + "\"",
+          std::string("\"GUID\": \"1234\""), std::string("\"value\": \"green\"")}) {
+        EXPECT_NE(status_document().find(piece), std::string::npos) << piece;
+    }
+}
+
+TEST_F(DerivedSocket, ValueSetBeforeTheExaminationOutlivesIt)
+{
+    fs::create_directory(folder.path("meta"));
+    folder.write("meta/metadata", "colour = green\n");
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    ASSERT_EQ(store_client_setting("colour", "red"), 0);
+    ASSERT_EQ(store_client_setting("mood", "calm"), 0);
+    // As the program does after the examination.
+    meta_to_json(vexa_metadata);
+    vexa_standard_vars_to_metadata(vexa_metadata);
+    ASSERT_EQ(
+        metadata_v4_metadata_context_write_metadata_to_file(vexa_metadata, vexa_meta, 0, nullptr),
+        0);
+    metadata_v4_metadata_close_file(vexa_metadata);
+    EXPECT_NE(folder.read("meta/metadata").find("colour = red\n"), std::string::npos);
+    EXPECT_NE(status_document().find("\"value\": \"red\""), std::string::npos);
+    EXPECT_NE(status_document().find("\"value\": \"calm\""), std::string::npos);
+    EXPECT_EQ(store_client_setting("colour", "blue"), 0); // the list is closed
+    EXPECT_NE(status_document().find("\"value\": \"blue\""), std::string::npos);
+}
+
+} // namespace

@@ -8,6 +8,10 @@ extern bool slow_decode; // set by the switch "slow-decode"
 // reach the codec, and where no jump can skip it.
 void quickidle_rounds();
 
-// The same between two calls of a codec; then 10 ms of sleep with "slow-decode". The argument has
+// The same for long work in small steps, which calls this at each of them: nothing happens within
+// half a millisecond of the last time.
+void quickidle_when_due();
+
+// The rounds between two calls of a codec; then 10 ms of sleep with "slow-decode". The argument has
 // no effect.
 void quickidle_comm(unsigned long unused = 0);

@@ -82,12 +82,16 @@ bool wait_for_buffer()
     return true;
 }
 
+// go_on, or the exit status. A signal that ends it is an orderly end, with the clean-up still to do.
 int allocate_frame_buffer()
 {
     fprintf(stderr, "Using CNB buffer %u [sz=%lu unit=%lu frames=%lu]\n", image_cnb_buffer,
             image_decoded_size, image_decoded_unit_size, image_decoded_frames);
     INVARIANT(image_cnb_buffer_fd >= 0, "image_cnb_buffer_fd >= 0");
     if (!cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image")) {
+        if (DIE4 != 0) {
+            return EXIT_SUCCESS;
+        }
         fputs("CNB allocation failed\n", stderr);
         return EXIT_FAILURE;
     }
@@ -140,10 +144,13 @@ int run_sequence()
     }
     layout_mipmaps();
     if (wait_for_buffer()) {
-        if (allocate_frame_buffer() != go_on) {
+        const int status = allocate_frame_buffer();
+        if (status == EXIT_FAILURE) {
             return EXIT_FAILURE;
         }
-        decode_and_serve();
+        if (status == go_on) {
+            decode_and_serve();
+        }
     }
     clean_up();
     return EXIT_SUCCESS;

@@ -26,6 +26,10 @@ extern int image_cnb_buffer_fd;
 
 void cnb_alloc_init();
 
+// The largest cnb_total that can ever be met: cnb_malloc refuses more. Known once the domain is
+// joined.
+uint64_t cnb_largest_total();
+
 // Loads the process's default buffer of cnb_total bytes. 0 once it is there, non-zero while the
 // domain has no room for it yet. Answers at once. A request that can never be met is answered with
 // 0, too, with a descriptor but with number 0: cnb_malloc refuses it.
@@ -53,8 +57,8 @@ struct vexa_global_access_cache;
 // Null when there is no memory.
 vexa_global_access_cache* vexa_global_access_cache_create();
 
-// A pointer to `length` bytes of `buffer` from `offset`, or null when the range does not lie inside
-// the buffer. Overlapping requests alias each other; pointers stay valid until the buffer is
+// A pointer to `length` bytes of `buffer` from `offset`, or null with errno when the range does not
+// lie inside the buffer (ENXIO). Overlapping requests alias each other; pointers stay valid until the buffer is
 // dropped. With access_write the pages of the range are made present ahead of the writer.
 unsigned char* vexa_global_access_cache_quickfetch(vexa_global_access_cache* cache, uint32_t buffer,
                                                    uint64_t offset, uint64_t length, int mode);

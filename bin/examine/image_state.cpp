@@ -10,7 +10,7 @@ int image_has_alpha_channel = 0;
 int image_is_monochrome = 0;
 uint64_t image_decoded_frames = 1;
 
-std::map<uint64_t, uint64_t> image_mapping_points;
+std::map<uint64_t, uint64_t>& image_mapping_points = *new std::map<uint64_t, uint64_t>;
 uint64_t image_mapping_total = 1;
 
 void reset_image_state()

@@ -29,7 +29,8 @@ extern int image_is_monochrome;     // 1: there are no U and V planes
 extern uint64_t image_decoded_frames;
 
 // Timeline of an animation: start time (1/100 s) to frame index, and the running time (at least 1).
-extern std::map<uint64_t, uint64_t> image_mapping_points;
+// Never destroyed: at the end of the process that would take as long as making it.
+extern std::map<uint64_t, uint64_t>& image_mapping_points;
 extern uint64_t image_mapping_total;
 
 // Rows of a plane for formats that are held in blocks of 16 rows.

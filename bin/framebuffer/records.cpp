@@ -64,13 +64,16 @@ void build_first_frame()
     }
 }
 
-int size_further_frames()
+// Room for the records, not yet touched: that takes as long as building them.
+int reserve_further_frames()
 {
     const uint64_t further = image_decoded_frames > 1 ? image_decoded_frames - 1 : 0;
     try {
-        secondary_image_mipmap_main.resize(further);
+        secondary_image_mipmap_main.clear();
+        secondary_image_mipmap_main.reserve(further);
         for (int i = 0; i < most_mipmaps; ++i) {
-            secondary_image_mipmap[i].resize(i < mipmaps ? further : 0);
+            secondary_image_mipmap[i].clear();
+            secondary_image_mipmap[i].reserve(i < mipmaps ? further : 0);
         }
     } catch (const std::exception&) { // no memory, or more records than a vector can ever hold
         fputs("CNB allocation failed\n", stderr);
@@ -83,12 +86,12 @@ void build_further_frame(uint64_t frame)
 {
     const uint64_t unit_offset = frame * image_decoded_unit_size;
     const size_t idx = frame - 1;
+    secondary_image_mipmap_main.push_back(full_size_record(unit_offset));
     INVARIANT(idx < secondary_image_mipmap_main.size(), "idx < secondary_image_mipmap_main.size()");
-    secondary_image_mipmap_main[idx] = full_size_record(unit_offset);
     try_scanline_list(&secondary_image_mipmap_main[idx], frame + 1);
     for (int t = 0; t < mipmaps; ++t) {
+        secondary_image_mipmap[t].push_back(level_record(mipmap[t], unit_offset));
         INVARIANT(idx < secondary_image_mipmap[t].size(), "idx < secondary_image_mipmap[t].size()");
-        secondary_image_mipmap[t][idx] = level_record(mipmap[t], unit_offset);
         try_scanline_list(&secondary_image_mipmap[t][idx], frame + 1);
     }
 }
@@ -98,7 +101,7 @@ void build_further_frame(uint64_t frame)
 int build_picture_records()
 {
     build_first_frame();
-    if (size_further_frames() != 0) {
+    if (reserve_further_frames() != 0) {
         return -1;
     }
     for (uint64_t frame = 1; frame < image_decoded_frames && DIE4 == 0; ++frame) {

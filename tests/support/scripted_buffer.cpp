@@ -96,6 +96,11 @@ void cnb_alloc_init()
     log.calls.emplace_back("cnb_alloc_init");
 }
 
+uint64_t cnb_largest_total()
+{
+    return plan.allocation_limit;
+}
+
 int cnb_default_buffer_load()
 {
     if (plan.buffer_loads_until_ready > 0) {
@@ -122,6 +127,10 @@ void cnb_default_buffer_drop()
 bool cnb_malloc(cnb_allocation* allocation, unsigned long size, const char* name, ...)
 {
     log.calls.emplace_back("cnb_malloc");
+    if (plan.signal_in_allocation) {
+        DIE4 = DIE4 + 1;
+        return false;
+    }
     if (plan.allocation_fails || size > plan.allocation_limit) {
         return false;
     }
@@ -160,6 +169,7 @@ unsigned char* vexa_global_access_cache_quickfetch(vexa_global_access_cache* /*c
     const auto& memory = scripted::frame_buffer;
     if (scripted::counts_out(plan.fail_mapping) || buffer != image_cnb_buffer ||
         memory.bytes == nullptr || offset > memory.size || length > memory.size - offset) {
+        errno = ENXIO;
         return nullptr;
     }
     const auto [bad, bad_length] = plan.unmappable;

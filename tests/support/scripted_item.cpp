@@ -52,6 +52,9 @@ int idle_vexa_server_comm()
 
 int idle_vexa_client_contexts()
 {
+    if (plan.on_client_idle) {
+        plan.on_client_idle();
+    }
     return plan.client_work;
 }
 

@@ -39,6 +39,7 @@ struct script {
     bool cache_creation_fails = false;
     int buffer_loads_until_ready = 0; // cnb_default_buffer_load answers "not yet" that often
     bool allocation_fails = false;
+    bool signal_in_allocation = false;             // arrives in cnb_malloc, which fails
     uint64_t allocation_limit = UINT64_C(1) << 32; // larger requests are refused
     int fail_mapping = 0;                          // the n-th mapping request from now on fails
     // A range that cannot be mapped: requests that touch [first, first + second).
@@ -49,7 +50,8 @@ struct script {
     int comm_work = 0;             // result of idle_vexa_server_comm()
     int client_work = 0;           // result of idle_vexa_client_contexts()
     std::function<void()> on_idle; // called in each idle_vexa_server_comm()
-    uint64_t clock_step_us = 0;    // the clock goes on by that much with each reading
+    std::function<void()> on_client_idle; // called in each idle_vexa_client_contexts()
+    uint64_t clock_step_us = 0;           // the clock goes on by that much with each reading
 };
 
 // What the program did.

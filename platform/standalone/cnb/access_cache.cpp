@@ -102,6 +102,7 @@ unsigned char* vexa_global_access_cache_quickfetch(vexa_global_access_cache* cac
                                                    uint64_t offset, uint64_t length, int mode)
 {
     if (!lies_inside(buffer, offset, length)) {
+        errno = ENXIO;
         return nullptr;
     }
     if (mode == access_write && cache != nullptr) {

@@ -1,5 +1,6 @@
 #include "platform/standalone/cnb/default_buffer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -115,6 +116,11 @@ std::string map_default_buffer()
 } // namespace platform
 
 using namespace platform;
+
+uint64_t cnb_largest_total()
+{
+    return std::min(largest_buffer(), domain_limit());
+}
 
 int cnb_default_buffer_load()
 {

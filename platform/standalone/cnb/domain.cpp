@@ -14,7 +14,7 @@
 #include "platform/standalone/cnb/memory_bound.h"
 #include "platform/standalone/cnb/shared_buffer.h"
 
-void (*cnb_reserve_pump)() = nullptr;
+bool (*cnb_reserve_pump)() = nullptr;
 
 namespace platform {
 

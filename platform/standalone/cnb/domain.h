@@ -41,6 +41,6 @@ cnb_domain_view cnb_view_domain();
 int cnb_open_read_only_descriptor();
 
 // Called again and again while cnb_malloc reserves a large buffer, so that the comm socket is
-// served meanwhile (a gigabyte takes about a fifth of a second). May be null; must not call
-// anything of this module. Set by the item.
-extern void (*cnb_reserve_pump)();
+// served meanwhile (a gigabyte takes about a fifth of a second). False ends that: cnb_malloc fails.
+// May be null; must not call anything of this module. Set by the item.
+extern bool (*cnb_reserve_pump)();

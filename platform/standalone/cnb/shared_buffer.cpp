@@ -44,7 +44,7 @@ int shared_buffer::create()
     return fd >= 0 ? 0 : -1;
 }
 
-reserve_failure shared_buffer::reserve(uint64_t size, void (*between_pieces)())
+reserve_failure shared_buffer::reserve(uint64_t size, bool (*between_pieces)())
 {
     const auto failed = [this](const char* step) {
         const reserve_failure failure = {step, errno};
@@ -78,13 +78,14 @@ reserve_failure shared_buffer::reserve(uint64_t size, void (*between_pieces)())
 
 // An interrupted call gives back what it has taken. A timer that fires faster than a piece is taken
 // would keep it from ever ending, and so the pieces become smaller.
-int shared_buffer::reserve_pages(uint64_t size, void (*between_pieces)())
+int shared_buffer::reserve_pages(uint64_t size, bool (*between_pieces)())
 {
     const uint64_t smallest_piece = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     uint64_t piece = largest_piece;
     for (uint64_t done = 0; done < size;) {
-        if (done > 0 && between_pieces != nullptr) {
-            between_pieces();
+        if (done > 0 && between_pieces != nullptr && !between_pieces()) {
+            errno = EINTR;
+            return -1;
         }
         const uint64_t length = std::min(piece, size - done);
         if (kernel_->allocate(file_.get(), static_cast<off_t>(done), static_cast<off_t>(length)) ==

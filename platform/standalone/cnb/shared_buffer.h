@@ -24,8 +24,9 @@ public:
     // Takes `size` bytes of memory for good, zero, maps them for this process and shuts every other
     // way of changing them: from now on nobody can write through a descriptor, map for writing,
     // resize or unseal. A failure gives back what was taken, and may be tried again.
-    // `between_pieces`, when given, is called after every 64 MiB, about 15 ms.
-    reserve_failure reserve(uint64_t size, void (*between_pieces)() = nullptr);
+    // `between_pieces`, when given, is called after every 64 MiB, about 15 ms; it may end reserving
+    // with false, which is EINTR.
+    reserve_failure reserve(uint64_t size, bool (*between_pieces)() = nullptr);
 
     int fd() const { return file_.get(); } // -1 before create
     unsigned char* data() const { return memory_.data(); }
@@ -39,7 +40,7 @@ public:
     void reset();
 
 private:
-    int reserve_pages(uint64_t size, void (*between_pieces)());
+    int reserve_pages(uint64_t size, bool (*between_pieces)());
     int seal();
 
     const kernel_calls* kernel_;

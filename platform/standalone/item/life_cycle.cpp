@@ -20,11 +20,12 @@
 namespace {
 
 // Reserving gigabytes takes a noticeable part of a second; clients are served meanwhile.
-void serve_while_reserving()
+bool serve_while_reserving()
 {
     if (idle_vexa_server_comm() >= 0) {
         idle_vexa_client_contexts();
     }
+    return DIE4 == 0;
 }
 
 } // namespace

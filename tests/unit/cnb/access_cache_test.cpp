@@ -93,7 +93,9 @@ TEST_F(access_cache, EmptyRangeIsInsideUpToTheEnd)
 TEST_F(access_cache, RangePastTheEndIsNull)
 {
     load(10'001);
+    errno = 0;
     EXPECT_EQ(fetch(0, 10'002), nullptr);
+    EXPECT_EQ(errno, ENXIO);
     EXPECT_EQ(fetch(10'001, 1), nullptr);
     EXPECT_EQ(fetch(10'000, 2), nullptr);
 }

@@ -341,7 +341,10 @@ TEST_F(default_buffer, SocketIsServedDuringALargeReservation)
     static int rounds = 0;
     rounds = 0;
     cnb_set_domain("default", uint64_t{1} << 30);
-    cnb_reserve_pump = [] { ++rounds; };
+    cnb_reserve_pump = [] {
+        ++rounds;
+        return true;
+    };
     ASSERT_EQ(load(uint64_t{130} << 20), 0);
     ASSERT_TRUE(cnb_malloc(&allocation, uint64_t{130} << 20, "Image"));
     EXPECT_EQ(rounds, 2);

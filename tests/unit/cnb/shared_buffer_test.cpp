@@ -304,8 +304,23 @@ TEST_F(buffer, SocketCanBeServedBetweenPieces)
     static int rounds = 0;
     rounds = 0;
     ASSERT_EQ(memory.create(), 0);
-    ASSERT_EQ(memory.reserve(150 * mebibyte, [] { ++rounds; }).step, nullptr);
+    const auto serve = [] {
+        ++rounds;
+        return true;
+    };
+    ASSERT_EQ(memory.reserve(150 * mebibyte, serve).step, nullptr);
     EXPECT_EQ(rounds, 2);
+}
+
+TEST_F(buffer, ReservingCanBeEndedBetweenPiecesAndTriedAgain)
+{
+    ASSERT_EQ(memory.create(), 0);
+    const reserve_failure failure = memory.reserve(150 * mebibyte, [] { return false; });
+    EXPECT_STREQ(failure.step, "reserving memory");
+    EXPECT_EQ(failure.error_number, EINTR);
+    EXPECT_EQ(failing.allocations, 1);
+    EXPECT_EQ(status().st_size, 0);
+    EXPECT_EQ(memory.reserve(mebibyte).step, nullptr);
 }
 
 TEST_F(buffer, InterruptionsMakeThePiecesSmaller)

@@ -142,9 +142,9 @@ TEST_F(alpha_drop, FailingListIsToldAndTheRestGoesOn)
 {
     provide(255);
     scripted::plan.fail_mapping = 70 + 2; // after the rows: main, level 0, level 1
-    errno = EIO;
+    errno = EIO;                          // somebody else's
     EXPECT_EQ(generate(), std::string(dropped) +
-                              "Memory mapping scanline area failed, Input/output error\n"
+                              "Memory mapping scanline area failed, No such device or address\n"
                               "Error: Unable to set up scanline list\n" +
                               levels);
     EXPECT_EQ(listed_alpha_offset(main_image_mipmap), 0xFFFFFFFFU);

@@ -134,9 +134,9 @@ TEST_F(records, AFailingListIsToldAndTheOthersAreWritten)
     for (int failing = 1; failing <= 4; ++failing) {
         scripted::provide_buffer(image_decoded_size);
         scripted::plan.fail_mapping = failing;
-        errno = ENODEV;
+        errno = EIO; // somebody else's
         EXPECT_EQ(printed([] { EXPECT_EQ(build_picture_records(), 0); }),
-                  "Memory mapping scanline area failed, No such device\n"
+                  "Memory mapping scanline area failed, No such device or address\n"
                   "Error: Unable to set up scanline list\n");
         const mipmap_image written[] = {main_image_mipmap, mipmap[0],
                                         secondary_image_mipmap_main[0],
@@ -160,9 +160,8 @@ TEST_F(records, ManyFramesServeTheSocketAndSeeASignal)
     scripted::plan.die_after_idle = 2; // before frame 128
     EXPECT_EQ(build_picture_records(), 0);
     EXPECT_EQ(scripted::log.idle_rounds, 2U);
-    ASSERT_EQ(secondary_image_mipmap_main.size(), 299U);
+    ASSERT_EQ(secondary_image_mipmap_main.size(), 128U); // no more are made
     EXPECT_TRUE(has_list(secondary_image_mipmap_main[127]));
-    EXPECT_EQ(secondary_image_mipmap_main[128].stride_Y, 0U);
 }
 
 TEST_F(records, AStillPictureIsRecordedWithoutAPump)

@@ -36,6 +36,29 @@ TEST_F(QuickIdle, StopsWhenTheSumIsNotPositive)
     EXPECT_EQ(scripted::log.idle_rounds, 1U);
 }
 
+TEST_F(QuickIdle, SocketIsServedBeforeTheClients)
+{
+    std::string order;
+    scripted::plan.on_idle = [&] { order += "socket "; };
+    scripted::plan.on_client_idle = [&] { order += "clients "; };
+    quickidle_comm();
+    EXPECT_EQ(order, "socket clients ");
+}
+
+TEST_F(QuickIdle, SmallStepsServeEveryHalfMillisecond)
+{
+    scripted::set_time(10'000);
+    quickidle_when_due();
+    for (uint64_t now_us = 10'000; now_us < 10'500; now_us += 100) {
+        scripted::set_time(now_us);
+        quickidle_when_due();
+    }
+    EXPECT_EQ(scripted::log.idle_rounds, 1U);
+    scripted::set_time(10'500);
+    quickidle_when_due();
+    EXPECT_EQ(scripted::log.idle_rounds, 2U);
+}
+
 TEST_F(QuickIdle, StopsAsSoonAsTheWorkIsDone)
 {
     scripted::plan.comm_work = 1;

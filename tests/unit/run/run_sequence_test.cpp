@@ -207,6 +207,17 @@ TEST_F(RunSequence, RefusedAllocationEndsWithStatusOneAndFreesNothing)
     EXPECT_EQ(calls("vexa_free_all"), 0);
 }
 
+TEST_F(RunSequence, SignalDuringTheAllocationLeavesThroughCleanUp)
+{
+    scripted::plan.signal_in_allocation = true;
+    EXPECT_EQ(run_sequence(), 0);
+    const std::string text = printed();
+    EXPECT_EQ(text.find("CNB allocation failed"), std::string::npos);
+    EXPECT_TRUE(in_order(text, {"Using CNB buffer 7 [", "Cleaning up\n"}));
+    EXPECT_EQ(calls("vexa_free_all"), 1);
+    EXPECT_TRUE(scripted::log.ready.empty());
+}
+
 TEST_F(RunSequence, UnmappableScanlineListsAreToldAndServingGoesOn)
 {
     scripted::plan.unmappable = {0, UINT64_C(1) << 40};

@@ -13,6 +13,7 @@
 #include "bin/decode/gif_canvas.h"
 #include "bin/decode/planes.h"
 #include "bin/examine/gif.h"
+#include "bin/examine/gif_loading.h"
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/invariant.h"

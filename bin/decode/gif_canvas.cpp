@@ -14,7 +14,7 @@
 #include "platform/media_item.h"
 
 bool gif_last_transparency = false;
-unsigned char gif_last_transparent_color = 0;
+unsigned char gif_last_transparent_color = 255;
 
 namespace {
 
@@ -239,29 +239,8 @@ void gif_RGBA_bgcolor(unsigned char* rgba, unsigned long pitch, SavedImage* imag
     restore_gif_background({rgba, pitch, &gif_rgba_form}, *image);
 }
 
-unsigned gif_interlacing_function(unsigned row, unsigned height)
-{
-    const unsigned pass_1 = (height + 7) >> 3;
-    const unsigned pass_2 = (height + 3) >> 3;
-    const unsigned pass_3 = (height + 1) >> 2;
-    const unsigned pass_4 = height >> 1;
-    if (row < pass_1) {
-        return 8 * row;
-    }
-    row -= pass_1;
-    if (row < pass_2) {
-        return 8 * row + 4;
-    }
-    row -= pass_2;
-    if (row < pass_3) {
-        return 4 * row + 2;
-    }
-    row -= pass_3;
-    return row < pass_4 ? 2 * row + 1 : 0;
-}
-
 void reset_gif_canvas()
 {
     gif_last_transparency = false;
-    gif_last_transparent_color = 0;
+    gif_last_transparent_color = 255;
 }

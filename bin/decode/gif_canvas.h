@@ -11,6 +11,8 @@
 
 #include <gif_lib.h>
 
+#include "bin/examine/gif_interlacing.h"
+
 struct gif_pixel {
     unsigned char part[4];
 };
@@ -53,9 +55,6 @@ void clear_gif_rows(const gif_canvas& canvas, size_t rows);
 void gif_to_RGBA(unsigned char* rgba, unsigned long pitch, SavedImage* image, bool first);
 void gif_RGBA_bgcolor(unsigned char* rgba, unsigned long pitch, SavedImage* image);
 // NOLINTEND(readability-identifier-naming)
-
-// The picture row of a raster row of an interlaced frame; 0 for a row past the end.
-unsigned gif_interlacing_function(unsigned row, unsigned height);
 
 // To be asked after each row of long work: every 64 rows the comm socket is served. False once the
 // process is to end.

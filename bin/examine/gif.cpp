@@ -1,12 +1,9 @@
-// The library's own loader sorts the rows of interlaced frames and leaves what a cut frame lacks as
-// it found the memory. So the records are read here one by one, into rasters that start as zeros.
 #include "bin/examine/gif.h"
 
-#include <algorithm>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 
+#include "bin/examine/gif_input.h"
+#include "bin/examine/gif_loading.h"
 #include "bin/examine/image_state.h"
 #include "platform/media_item.h"
 
@@ -14,9 +11,7 @@ GifFileType* gif_image = nullptr;
 
 namespace {
 
-constexpr int control_bytes = 4;
-constexpr unsigned default_delay = 10; // also for a delay that would be too short to be shown
-constexpr unsigned shortest_delay = 2;
+constexpr int planes = 4; // Y, U, V and A, all of the screen's size
 
 int refuse(const char* message)
 {
@@ -25,92 +20,32 @@ int refuse(const char* message)
     return 1;
 }
 
-// Zeroed memory for a frame's indices, released by the library; null when the frame has no pixels
-// or more than the library can count.
-GifByteType* new_raster(const GifImageDesc& frame)
+uint64_t round_up(int size)
 {
-    if (frame.Width <= 0 || frame.Height <= 0 || frame.Width > INT_MAX / frame.Height) {
-        return nullptr;
-    }
-    return static_cast<GifByteType*>(
-        calloc(static_cast<size_t>(frame.Width), static_cast<size_t>(frame.Height)));
+    return static_cast<uint64_t>(round_up_to_16(size));
 }
 
-// Extensions are collected in the file's record until the frame that they belong to is complete.
-void hand_extensions_over(GifFileType* gif, SavedImage* frame)
+// The first frames that are worth keeping: more than the platform has room for, reckoned without
+// their scanline lists and reduced levels, cannot be decoded.
+uint64_t frames_to_keep()
 {
-    if (gif->ExtensionBlocks == nullptr) {
-        return;
+    if (vexa_identify_only || vexa_create_meta) {
+        return 0;
     }
-    frame->ExtensionBlocks = gif->ExtensionBlocks;
-    frame->ExtensionBlockCount = gif->ExtensionBlockCount;
-    gif->ExtensionBlocks = nullptr;
-    gif->ExtensionBlockCount = 0;
+    const uint64_t unit = round_up(gif_image->SWidth) * round_up(gif_image->SHeight) * planes;
+    return cnb_largest_total() / (unit > 0 ? unit : 1);
 }
 
-int load_frame(GifFileType* gif)
+void print_contents(const gif_contents& found)
 {
-    if (DGifGetImageDesc(gif) == GIF_ERROR) {
-        return GIF_ERROR;
-    }
-    SavedImage* frame = &gif->SavedImages[gif->ImageCount - 1];
-    frame->RasterBits = new_raster(frame->ImageDesc);
-    if (frame->RasterBits == nullptr) {
-        return GIF_ERROR;
-    }
-    const int pixels = frame->ImageDesc.Width * frame->ImageDesc.Height;
-    if (DGifGetLine(gif, frame->RasterBits, pixels) == GIF_ERROR) {
-        return GIF_ERROR;
-    }
-    hand_extensions_over(gif, frame);
-    return GIF_OK;
+    fprintf(stderr, "GIF: Screen is %u x %u colorres=%u bgcolor=%u ImageCount=%u\n",
+            static_cast<unsigned>(gif_image->SWidth), static_cast<unsigned>(gif_image->SHeight),
+            static_cast<unsigned>(gif_image->SColorResolution),
+            static_cast<unsigned>(gif_image->SBackGroundColor),
+            static_cast<unsigned>(found.frames));
 }
 
-int add_extension_block(GifFileType* gif, int code, GifByteType* data)
-{
-    return GifAddExtensionBlock(&gif->ExtensionBlockCount, &gif->ExtensionBlocks, code, data[0],
-                                data + 1);
-}
-
-// Each data block becomes a block of its own: the first with the extension's code, the others with
-// the library's code for a continuation. `data` is a length, then bytes; null at the end of the
-// extension.
-int load_extension(GifFileType* gif)
-{
-    int code = 0;
-    GifByteType* data = nullptr;
-    if (DGifGetExtension(gif, &code, &data) == GIF_ERROR) {
-        return GIF_ERROR;
-    }
-    if (data != nullptr && add_extension_block(gif, code, data) == GIF_ERROR) {
-        return GIF_ERROR;
-    }
-    // Kept as in the library's loader: behind an extension without any data one more block is read.
-    do {
-        if (DGifGetExtensionNext(gif, &data) == GIF_ERROR) {
-            return GIF_ERROR;
-        }
-        if (data != nullptr &&
-            add_extension_block(gif, CONTINUE_EXT_FUNC_CODE, data) == GIF_ERROR) {
-            return GIF_ERROR;
-        }
-    } while (data != nullptr);
-    return GIF_OK;
-}
-
-int load_record(GifFileType* gif, GifRecordType kind)
-{
-    switch (kind) {
-    case IMAGE_DESC_RECORD_TYPE:
-        return load_frame(gif);
-    case EXTENSION_RECORD_TYPE:
-        return load_extension(gif);
-    default:
-        return GIF_OK;
-    }
-}
-
-void publish_image_state()
+void publish_image_state(const gif_contents& found)
 {
     image_width = gif_image->SWidth;
     image_height = gif_image->SHeight;
@@ -119,48 +54,11 @@ void publish_image_state()
     image_chroma_y_shift = 0;
     image_has_alpha_channel = 1; // whatever the frames say
     image_is_monochrome = 0;
-    image_decoded_frames = static_cast<uint64_t>(gif_image->ImageCount);
-    image_mapping_total = gif_running_time(*gif_image);
+    image_decoded_frames = found.frames;
+    image_mapping_total = found.running_time;
 }
 
 } // namespace
-
-gif_frame_control read_gif_frame_control(const SavedImage& frame)
-{
-    gif_frame_control control = {0, default_delay};
-    for (int i = 0; i < frame.ExtensionBlockCount; ++i) {
-        const ExtensionBlock& block = frame.ExtensionBlocks[i];
-        if (block.Function != GRAPHICS_EXT_FUNC_CODE || block.ByteCount < control_bytes) {
-            continue;
-        }
-        const unsigned delay = block.Bytes[1] | unsigned{block.Bytes[2]} << 8;
-        control.disposal = block.Bytes[0] >> 2 & 7;
-        control.delay = delay < shortest_delay ? default_delay : delay;
-    }
-    return control;
-}
-
-uint64_t gif_running_time(const GifFileType& gif)
-{
-    uint64_t total = 0;
-    for (int i = 0; i < gif.ImageCount; ++i) {
-        total += read_gif_frame_control(gif.SavedImages[i]).delay;
-    }
-    return std::max<uint64_t>(total, 1);
-}
-
-int load_gif(GifFileType* gif)
-{
-    for (;;) {
-        GifRecordType kind = UNDEFINED_RECORD_TYPE;
-        if (DGifGetRecordType(gif, &kind) == GIF_ERROR || load_record(gif, kind) == GIF_ERROR) {
-            return GIF_ERROR;
-        }
-        if (kind == TERMINATE_RECORD_TYPE) {
-            return gif->ImageCount > 0 ? GIF_OK : GIF_ERROR;
-        }
-    }
-}
 
 int examine_gif_file()
 {
@@ -173,29 +71,28 @@ int examine_gif_file()
         fputs("Unable to get file handle\n", stderr);
         return 1;
     }
-    gif_image = DGifOpenFileHandle(fd, nullptr); // takes the descriptor in any case
+    gif_image = open_gif(fd);
     if (gif_image == nullptr) {
         return refuse("Cannot open GIF\n");
     }
-    if (load_gif(gif_image) != GIF_OK) {
+    gif_contents found = {};
+    const int result = load_gif(gif_image, frames_to_keep(), &found);
+    if (DIE4 != 0) {
+        return refuse("");
+    }
+    if (result != GIF_OK) {
         fputs("GIF reading error (?)\n", stderr);
     }
-    fprintf(stderr, "GIF: Screen is %u x %u colorres=%u bgcolor=%u ImageCount=%u\n",
-            static_cast<unsigned>(gif_image->SWidth), static_cast<unsigned>(gif_image->SHeight),
-            static_cast<unsigned>(gif_image->SColorResolution),
-            static_cast<unsigned>(gif_image->SBackGroundColor),
-            static_cast<unsigned>(gif_image->ImageCount));
-    if (gif_image->SWidth == 0 || gif_image->SHeight == 0 || gif_image->ImageCount == 0) {
+    print_contents(found);
+    if (gif_image->SWidth == 0 || gif_image->SHeight == 0 || found.frames == 0) {
         return refuse("Invalid GIF state\n");
     }
-    publish_image_state();
+    publish_image_state(found);
     return 0;
 }
 
 void free_all_gif()
 {
-    if (gif_image != nullptr) {
-        DGifCloseFile(gif_image, nullptr);
-        gif_image = nullptr;
-    }
+    close_gif(gif_image);
+    gif_image = nullptr;
 }

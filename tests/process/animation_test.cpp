@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -14,6 +15,7 @@
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"
 
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -158,6 +160,42 @@ TEST_F(Animation, SignalEndsAnAnimationInMidDecode)
     EXPECT_EQ(served.wait_end(20'000), 0);
     EXPECT_THAT(served.told(), Not(HasSubstr("WARNING")));
     EXPECT_TRUE(home.sockets().empty());
+}
+
+// The frames are far larger than the screen: a second of reading each, in a few megabytes of memory.
+TEST_F(Animation, SignalEndsAnAnimationInMidExamination)
+{
+    const gif_frame_spec giant = {.width = 20'000, .height = 20'000, .all_zero = true};
+    const std::string picture =
+        write(write_gif({.width = 4, .height = 4, .frames = {giant, giant, giant, giant}}));
+    for (const std::string mode : {"--no-autoshutdown", "--identify-only", "--create-meta"}) {
+        SCOPED_TRACE(mode);
+        worker served(home, {{"--file", picture, "--metadir", home.path("meta"), mode}});
+        ASSERT_TRUE(served.wait_printed("* Identified file"));
+        served.send(SIGTERM);
+        EXPECT_EQ(served.wait_end(), mode == "--no-autoshutdown" ? 0 : 1);
+        EXPECT_THAT(served.told(), EndsWith("\nGIF examination failed\n"));
+        EXPECT_THAT(served.told(), Not(HasSubstr("GIF: Screen")));
+        EXPECT_NE(access(home.path("meta/metadata").c_str(), F_OK), 0);
+        EXPECT_TRUE(home.sockets().empty());
+    }
+}
+
+TEST_F(Animation, FramesThatNoBufferCanHoldTakeNoMemory)
+{
+    // None of four times 16 MB of indices is kept, since a frame's planes take 64 MB.
+    const gif_frame_spec large = {.width = 4'000, .height = 4'000, .all_zero = true};
+    const std::string picture =
+        write(write_gif({.width = 4'000, .height = 4'000, .frames = {large, large, large, large}}));
+    worker::setting how = {{"--file", picture, "--oneshot", "--domain-limit", "60M"}};
+#ifndef __SANITIZE_ADDRESS__ // which takes terabytes of address space
+    how.address_space = uint64_t{60} << 20;
+#endif
+    const ended_worker ended = run_worker(home, how);
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_THAT(ended.told, HasSubstr("ImageCount=4\n"));
+    EXPECT_THAT(ended.told, Not(HasSubstr("GIF reading error")));
+    EXPECT_THAT(ended.told, EndsWith("CNB allocation failed\n"));
 }
 
 TEST_F(Animation, CutAnimationIsServedAsFarAsItGoes)

@@ -210,6 +210,8 @@ TEST_F(GifCanvas, OwnTransparentIndexShowsTheCanvas)
     EXPECT_THAT(screen_row(0), ElementsAre(red, untouched, green, untouched));
     EXPECT_TRUE(gif_last_transparency);
     EXPECT_EQ(gif_last_transparent_color, 2);
+    reset_gif_canvas();
+    EXPECT_EQ(gif_last_transparent_color, 255); // as at first
 }
 
 TEST_F(GifCanvas, TransparentIndexPastTheColoursIsTransparentToo)

@@ -1,10 +1,13 @@
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
+#include <optional>
 #include <random>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include "bin/examine/gif.h"
+#include "bin/examine/gif_loading.h"
 #include "bin/examine/image_state.h"
 #include "platform/media_item.h"
 #include "tests/support/gif_writer.h"
@@ -186,6 +189,148 @@ TEST_F(GifExamination, InterlacedRowsStayInTheOrderOfTheFile)
     EXPECT_EQ(bytes(loaded.RasterBits, loaded.RasterBits + 30), frame.indices);
 }
 
+TEST_F(GifExamination, FrameThatJutsOutIsKeptAsFarAsItIsSeen)
+{
+    gif_frame_spec frame = frame_of(5, 9, 5);
+    frame.left = 7;
+    frame.top = 2;
+    frame.interlaced = true;
+    ASSERT_EQ(examine({.width = 9, .height = 6, .frames = {frame}}), 0);
+    const SavedImage& loaded = gif_image->SavedImages[0];
+    EXPECT_EQ(loaded.ImageDesc.Left, 7);
+    EXPECT_EQ(loaded.ImageDesc.Top, 2);
+    ASSERT_EQ(loaded.ImageDesc.Width, 2);
+    ASSERT_EQ(loaded.ImageDesc.Height, 4);
+    EXPECT_FALSE(loaded.ImageDesc.Interlace);
+    constexpr size_t row_in_file[] = {0, 5, 3, 6}; // of picture rows 0 to 3 of 9
+    for (size_t y = 0; y < 4; ++y) {
+        EXPECT_EQ(loaded.RasterBits[y * 2], frame.indices[row_in_file[y] * 5]) << y;
+        EXPECT_EQ(loaded.RasterBits[y * 2 + 1], frame.indices[row_in_file[y] * 5 + 1]) << y;
+    }
+}
+
+TEST_F(GifExamination, FrameThatIsNotSeenHasNoRaster)
+{
+    gif_frame_spec frame = frame_of(5, 9, 5);
+    frame.left = 9;
+    ASSERT_EQ(examine({.width = 9, .height = 6, .frames = {frame, frame_of(9, 6, 7)}}), 0);
+    EXPECT_EQ(gif_image->SavedImages[0].RasterBits, nullptr);
+    EXPECT_NE(gif_image->SavedImages[1].RasterBits, nullptr);
+    EXPECT_EQ(image_mapping_total, 12U);
+}
+
+TEST_F(GifExamination, FrameMuchLargerThanTheScreenTakesTheScreensMemory)
+{
+    gif_frame_spec frame = frame_of(300, 200, 5);
+    failing_calls::plan.largest_calloc = 40; // a row of the frame has more
+    ASSERT_EQ(examine({.width = 4, .height = 10, .frames = {frame}}), 0);
+    EXPECT_EQ(printed(), "GIF: Screen is 4 x 10 colorres=8 bgcolor=0 ImageCount=1\n");
+    EXPECT_NE(gif_image->SavedImages[0].RasterBits, nullptr);
+}
+
+// --- what cannot or will not be decoded ---------------------------------------------------------
+
+TEST_F(GifExamination, FramesThatTheBufferCannotHoldAreCountedOnly)
+{
+    const gif_spec spec = {.width = 9,
+                           .height = 6,
+                           .frames = {frame_of(9, 6, 50), frame_of(9, 6, 0), frame_of(9, 6, 20)}};
+    constexpr uint64_t unit = 4 * 16 * 16;
+    scripted::plan.allocation_limit = 2 * unit;
+    ASSERT_EQ(examine(spec), 0);
+    EXPECT_EQ(printed(), "GIF: Screen is 9 x 6 colorres=8 bgcolor=0 ImageCount=3\n");
+    EXPECT_EQ(image_decoded_frames, 3U);
+    EXPECT_EQ(image_mapping_total, 80U);
+    EXPECT_EQ(gif_image->ImageCount, 2);
+    EXPECT_EQ(gif_image->ExtensionBlockCount, 0);
+}
+
+TEST_F(GifExamination, NothingIsKeptWhenNothingWillBeDecoded)
+{
+    for (bool* mode : {&vexa_identify_only, &vexa_create_meta}) {
+        *mode = true;
+        ASSERT_EQ(examine({.width = 2, .height = 2, .frames = {frame_of(2, 2, 50)}}), 0);
+        EXPECT_EQ(gif_image->ImageCount, 0);
+        EXPECT_EQ(image_decoded_frames, 1U);
+        EXPECT_EQ(image_mapping_total, 50U);
+        free_all_gif();
+        *mode = false;
+    }
+}
+
+TEST_F(GifExamination, FaultInAFrameThatIsNotKeptIsStillFound)
+{
+    vexa_identify_only = true;
+    gif_frame_spec cut = frame_of(8, 8, 50);
+    cut.indices.resize(10);
+    ASSERT_EQ(examine({.width = 8, .height = 8, .frames = {frame_of(8, 8, 50), cut}}), 0);
+    EXPECT_EQ(printed(), "GIF reading error (?)\n"
+                         "GIF: Screen is 8 x 8 colorres=8 bgcolor=0 ImageCount=2\n");
+    EXPECT_EQ(image_mapping_total, 60U);
+}
+
+// --- signals, clients, and files that cannot be read --------------------------------------------
+
+TEST_F(GifExamination, SocketIsServedInsideAFrameAndASignalEndsItThere)
+{
+    scripted::plan.clock_step_us = 500; // every look at the clock is half a millisecond later
+    scripted::plan.die_after_idle = 3;
+    EXPECT_EQ(examine({.width = 400, .height = 400, .frames = {frame_of(400, 400, 5)}}), 1);
+    EXPECT_EQ(printed(), "");
+    EXPECT_EQ(gif_image, nullptr);
+    EXPECT_EQ(scripted::log.idle_rounds, 3U); // of about ten in 160,000 pixels
+}
+
+TEST_F(GifExamination, SignalEndsItBetweenRecords)
+{
+    bytes file = gif_start({});
+    for (int i = 0; i < 1000; ++i) {
+        append_gif_extension(file, 0xFE, {{'h', 'i'}});
+    }
+    append_gif_frame(file, {.indices = {0}});
+    file.push_back(0x3B);
+    scripted::plan.clock_step_us = 500;
+    scripted::plan.die_after_idle = 2;
+    EXPECT_EQ(examine_bytes(file), 1);
+    EXPECT_EQ(scripted::log.idle_rounds, 2U);
+    EXPECT_EQ(printed(), "");
+}
+
+TEST_F(GifExamination, SocketIsServedEveryHalfMillisecondAtMost)
+{
+    scripted::plan.clock_step_us = 10; // two looks a turn: 25 turns, and the one at the start
+    ASSERT_EQ(examine({.width = 400, .height = 400, .frames = {frame_of(400, 400, 5)}}), 0);
+    EXPECT_LE(scripted::log.idle_rounds, 1U);
+}
+
+TEST_F(GifExamination, InterruptedReadIsTriedAgain)
+{
+    failing_calls::plan.read = 1;
+    failing_calls::plan.read_errno = EINTR;
+    ASSERT_EQ(examine({.width = 4, .height = 4, .frames = {frame_of(4, 4, 5)}}), 0);
+    EXPECT_EQ(printed(), "GIF: Screen is 4 x 4 colorres=8 bgcolor=0 ImageCount=1\n");
+}
+
+TEST_F(GifExamination, ShortReadsAreGoneOnWith)
+{
+    failing_calls::plan.read_most = 3;
+    ASSERT_EQ(examine({.width = 4, .height = 4, .frames = {frame_of(4, 4, 5)}}), 0);
+    EXPECT_EQ(printed(), "GIF: Screen is 4 x 4 colorres=8 bgcolor=0 ImageCount=1\n");
+}
+
+TEST_F(GifExamination, DiskErrorIsToldOnceAndTheFileEndsThere)
+{
+    failing_calls::plan.read_most = 400;
+    failing_calls::plan.read = 2;
+    failing_calls::plan.read_errno = EIO;
+    ASSERT_EQ(examine({.width = 40, .height = 40, .frames = {frame_of(40, 40, 5)}}), 0);
+    EXPECT_EQ(printed(), "Error while reading the picture: Input/output error\n"
+                         "GIF reading error (?)\n"
+                         "GIF: Screen is 40 x 40 colorres=8 bgcolor=0 ImageCount=1\n");
+    EXPECT_NE(gif_image->SavedImages[0].RasterBits[100], 0);
+    EXPECT_EQ(gif_image->SavedImages[0].RasterBits[1500], 0);
+}
+
 TEST_F(GifExamination, CleanUpMayRunTwice)
 {
     ASSERT_EQ(examine({.frames = {{.indices = {0}}}}), 0);
@@ -255,16 +400,6 @@ TEST_F(GifControl, LastBlockWinsAndOthersAreGoneOver)
     EXPECT_EQ(control.delay, 9U);
 }
 
-TEST_F(GifControl, RunningTimeIsAtLeastOne)
-{
-    GifFileType gif = {};
-    EXPECT_EQ(gif_running_time(gif), 1U);
-    SavedImage frames[3] = {frame_with({{0xF9, {0, 0xFF, 0xFF, 0}}}), {}, {}};
-    gif.SavedImages = frames;
-    gif.ImageCount = 3;
-    EXPECT_EQ(gif_running_time(gif), 65535U + 10 + 10);
-}
-
 // --- the same list as the library's own loader --------------------------------------------------
 
 class GifLoading : public testing::Test {
@@ -277,20 +412,50 @@ protected:
         return DGifOpenFileHandle(fd, nullptr);
     }
 
-    static void expect_same_extensions(int count, const ExtensionBlock* blocks, int expected_count,
-                                       const ExtensionBlock* expected)
+    static std::optional<int> transparent_index(const SavedImage& frame)
     {
-        ASSERT_EQ(count, expected_count);
-        for (int i = 0; i < count; ++i) {
-            EXPECT_EQ(blocks[i].Function, expected[i].Function);
-            ASSERT_EQ(blocks[i].ByteCount, expected[i].ByteCount);
-            EXPECT_TRUE(std::equal(blocks[i].Bytes, blocks[i].Bytes + blocks[i].ByteCount,
-                                   expected[i].Bytes));
+        std::optional<int> found;
+        for (int i = 0; i < frame.ExtensionBlockCount; ++i) {
+            const ExtensionBlock& block = frame.ExtensionBlocks[i];
+            if (block.Function == GRAPHICS_EXT_FUNC_CODE && block.ByteCount > 3 &&
+                (block.Bytes[0] & 1) != 0) {
+                found = block.Bytes[3];
+            }
+        }
+        return found;
+    }
+
+    // Of the blocks only what they say is kept.
+    static void expect_same_control(const SavedImage& frame, const SavedImage& expected)
+    {
+        EXPECT_LE(frame.ExtensionBlockCount, 2);
+        const gif_frame_control control = read_gif_frame_control(frame);
+        EXPECT_EQ(control.delay, read_gif_frame_control(expected).delay);
+        EXPECT_EQ(control.disposal, read_gif_frame_control(expected).disposal);
+        EXPECT_EQ(transparent_index(frame), transparent_index(expected));
+    }
+
+    // The library's rows are those of the picture.
+    static void expect_same_visible_part(const SavedImage& frame, const SavedImage& expected)
+    {
+        EXPECT_FALSE(frame.ImageDesc.Interlace);
+        for (int y = 0; y < frame.ImageDesc.Height; ++y) {
+            const GifByteType* row = frame.RasterBits + ptrdiff_t{y} * frame.ImageDesc.Width;
+            EXPECT_TRUE(std::equal(row, row + frame.ImageDesc.Width,
+                                   expected.RasterBits + ptrdiff_t{y} * expected.ImageDesc.Width));
         }
     }
 
     static void expect_same_rows(const SavedImage& frame, const SavedImage& expected)
     {
+        if (frame.RasterBits == nullptr) {
+            return;
+        }
+        if (frame.ImageDesc.Width != expected.ImageDesc.Width ||
+            frame.ImageDesc.Height != expected.ImageDesc.Height) {
+            expect_same_visible_part(frame, expected);
+            return;
+        }
         const int width = frame.ImageDesc.Width;
         const int height = frame.ImageDesc.Height;
         int row = 0;
@@ -313,17 +478,20 @@ protected:
         }
     }
 
-    static void expect_same_frame(const SavedImage& frame, const SavedImage& expected)
+    static void expect_same_frame(const SavedImage& frame, const SavedImage& expected,
+                                  const GifFileType& gif)
     {
+        const GifImageDesc& whole = expected.ImageDesc;
+        const int width = std::clamp(gif.SWidth - whole.Left, 0, whole.Width);
+        const int height = std::clamp(gif.SHeight - whole.Top, 0, whole.Height);
+        const bool seen = width > 0 && height > 0;
         EXPECT_EQ(frame.ImageDesc.Left, expected.ImageDesc.Left);
         EXPECT_EQ(frame.ImageDesc.Top, expected.ImageDesc.Top);
-        EXPECT_EQ(frame.ImageDesc.Width, expected.ImageDesc.Width);
-        EXPECT_EQ(frame.ImageDesc.Height, expected.ImageDesc.Height);
-        EXPECT_EQ(frame.ImageDesc.Interlace, expected.ImageDesc.Interlace);
+        EXPECT_EQ(frame.ImageDesc.Width, seen ? width : whole.Width);
+        EXPECT_EQ(frame.ImageDesc.Height, seen ? height : whole.Height);
         EXPECT_EQ(frame.ImageDesc.ColorMap == nullptr, expected.ImageDesc.ColorMap == nullptr);
-        EXPECT_EQ(frame.RasterBits == nullptr, expected.RasterBits == nullptr);
-        expect_same_extensions(frame.ExtensionBlockCount, frame.ExtensionBlocks,
-                               expected.ExtensionBlockCount, expected.ExtensionBlocks);
+        EXPECT_EQ(frame.RasterBits == nullptr, expected.RasterBits == nullptr || !seen);
+        expect_same_control(frame, expected);
     }
 
     void compare(const bytes& file)
@@ -334,18 +502,22 @@ protected:
         if (ours == nullptr) {
             return;
         }
-        const int result = load_gif(ours);
+        gif_contents found = {};
+        const int result = load_gif(ours, UINT64_MAX, &found);
         EXPECT_EQ(result, DGifSlurp(theirs));
         ASSERT_EQ(ours->ImageCount, theirs->ImageCount);
+        uint64_t running_time = 0;
         for (int i = 0; i < ours->ImageCount; ++i) {
-            expect_same_frame(ours->SavedImages[i], theirs->SavedImages[i]);
+            running_time += read_gif_frame_control(theirs->SavedImages[i]).delay;
+            expect_same_frame(ours->SavedImages[i], theirs->SavedImages[i], *theirs);
             const bool complete = result == GIF_OK || i + 1 < ours->ImageCount;
             if (complete) {
                 expect_same_rows(ours->SavedImages[i], theirs->SavedImages[i]);
             }
         }
-        expect_same_extensions(ours->ExtensionBlockCount, ours->ExtensionBlocks,
-                               theirs->ExtensionBlockCount, theirs->ExtensionBlocks);
+        EXPECT_EQ(found.frames, static_cast<uint64_t>(theirs->ImageCount));
+        EXPECT_EQ(found.running_time, running_time);
+        EXPECT_LE(ours->ExtensionBlockCount, 2);
         DGifCloseFile(ours, nullptr);
         DGifCloseFile(theirs, nullptr);
     }
@@ -379,6 +551,26 @@ TEST_F(GifLoading, ExtensionWithoutData)
     append_gif_frame(file, frame_of(9, 12, 7));
     file.push_back(0x3B);
     compare(file);
+}
+
+TEST_F(GifLoading, SeveralControlsOfOneFrame)
+{
+    std::mt19937 random(5);
+    for (int round = 0; round < 200; ++round) {
+        bytes file = gif_start({.width = 3, .height = 3});
+        for (auto blocks = random() % 6; blocks > 0; --blocks) {
+            bytes block(3 + random() % 4);
+            std::generate(block.begin(), block.end(),
+                          [&] { return static_cast<unsigned char>(random() % 16); });
+            append_gif_extension(file, random() % 4 == 0 ? 0xFE : 0xF9, {block, block});
+        }
+        gif_frame_spec frame = frame_of(3, 3, 0);
+        frame.control.reset();
+        append_gif_frame(file, frame);
+        append_gif_frame(file, frame);
+        file.push_back(0x3B);
+        compare(file);
+    }
 }
 
 TEST_F(GifLoading, InterlacedFramesOfEveryHeight)

@@ -1,0 +1,69 @@
+#include "bin/examine/gif_input.h"
+
+#include <algorithm>
+#include <cstring>
+#include <unistd.h>
+
+#include "bin/examine/picture_input.h"
+
+namespace {
+
+struct gif_source {
+    picture_input file;
+    size_t at; // what comes next in `bytes`
+    size_t held;
+    unsigned char bytes[32768];
+};
+
+gif_source source = {{-1, 0}, 0, 0, {}};
+
+// The library's InputFunc: fewer bytes than it wants are the end of the file.
+int read_bytes(GifFileType* /*gif*/, GifByteType* to, int size)
+{
+    const auto wanted = static_cast<size_t>(size);
+    size_t done = 0;
+    while (done < wanted) {
+        if (source.at == source.held) {
+            source.at = 0;
+            source.held = read_picture(&source.file, source.bytes, sizeof source.bytes);
+            if (source.held == 0) {
+                break;
+            }
+        }
+        const size_t length = std::min(wanted - done, source.held - source.at);
+        memcpy(to + done, source.bytes + source.at, length);
+        source.at += length;
+        done += length;
+    }
+    return static_cast<int>(done);
+}
+
+void close_source()
+{
+    if (source.file.fd >= 0) {
+        close(source.file.fd);
+        source.file.fd = -1;
+    }
+}
+
+} // namespace
+
+GifFileType* open_gif(int fd)
+{
+    close_source();
+    source.file = open_picture_input(fd);
+    source.at = source.held = 0;
+    GifFileType* gif = DGifOpen(nullptr, read_bytes, nullptr);
+    if (gif == nullptr) {
+        close_source();
+    }
+    return gif;
+}
+
+void close_gif(GifFileType* gif)
+{
+    if (gif != nullptr) {
+        DGifCloseFile(gif, nullptr);
+    }
+    close_source();
+}

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <span>
 
 #include <gmock/gmock.h>
@@ -52,7 +53,7 @@ std::vector<unsigned char> pattern(size_t count, unsigned seed)
     return bytes;
 }
 
-file_bytes encoded(const codec& by, uint32_t rows = height, uint32_t rows_per_strip = height)
+file_bytes encoded(const codec& by, uint32_t rows = height)
 {
     encoded_tiff made;
     made.width = width;
@@ -60,7 +61,7 @@ file_bytes encoded(const codec& by, uint32_t rows = height, uint32_t rows_per_st
     made.samples = samples;
     made.compression = by.number;
     made.predictor = by.predictor;
-    made.rows_per_strip = rows_per_strip;
+    made.rows_per_strip = height;
     made.pixels = pattern(size_t{width} * rows * samples, by.number);
     return encode_tiff(made);
 }
@@ -75,6 +76,17 @@ file_bytes fax(uint16_t compression)
     made.photometric = PHOTOMETRIC_PALETTE;
     made.compression = compression;
     return encode_tiff(made);
+}
+
+// The picture of one strip, which most tests start from.
+const file_bytes& sound(const codec& by)
+{
+    static std::map<std::string, file_bytes> made;
+    file_bytes& file = made[by.name];
+    if (file.empty()) {
+        file = encoded(by);
+    }
+    return file;
 }
 
 size_t end_of_strips(const file_bytes& file)
@@ -111,20 +123,18 @@ protected:
             << literally_told_by_library.substr(0, 300);
     }
 
+    // Noise near the start, zeros near the end.
     void expect_damage_as_in_one_call(const file_bytes& sound)
     {
         const size_t strips = end_of_strips(sound) - 8;
-        for (const size_t part : {1, 96}) {
-            SCOPED_TRACE(testing::Message() << "damaged at " << part << " percent");
-            file_bytes damaged = sound;
-            const size_t at = 8 + strips / 100 * part;
-            const size_t count = std::min<size_t>(40, 8 + strips - at);
-            const file_bytes noise = noise_bytes(count, static_cast<unsigned>(part));
-            std::copy(noise.begin(), noise.end(), damaged.begin() + static_cast<long>(at));
-            expect_as_in_one_call(damaged);
-            std::fill_n(damaged.begin() + static_cast<long>(at), count, 0);
-            expect_as_in_one_call(damaged);
-        }
+        constexpr size_t count = 40;
+        const file_bytes noise = noise_bytes(count, 1);
+        file_bytes damaged = sound;
+        std::copy(noise.begin(), noise.end(), damaged.begin() + 8 + static_cast<long>(strips / 99));
+        expect_as_in_one_call(damaged);
+        damaged = sound;
+        std::fill_n(damaged.begin() + 8 + static_cast<long>(strips / 100 * 96), count, 0);
+        expect_as_in_one_call(damaged);
     }
 };
 
@@ -137,7 +147,7 @@ TEST_F(DecodeTiffLargeStrip, EachCodecDrawsAsInOneCall)
                 continue;
             }
             SCOPED_TRACE(by.name);
-            expect_as_in_one_call(encoded(by));
+            expect_as_in_one_call(sound(by));
             EXPECT_EQ(told_by_library, "");
             EXPECT_EQ(scripted::log.idle_rounds > 1, pieces);
         }
@@ -149,7 +159,7 @@ TEST_F(DecodeTiffLargeStrip, DamageIsAsInOneCall)
     for (const codec& by : in_pieces) {
         if (TIFFIsCODECConfigured(by.number) != 0) {
             SCOPED_TRACE(by.name);
-            expect_damage_as_in_one_call(encoded(by));
+            expect_damage_as_in_one_call(sound(by));
         }
     }
 }
@@ -157,11 +167,11 @@ TEST_F(DecodeTiffLargeStrip, DamageIsAsInOneCall)
 TEST_F(DecodeTiffLargeStrip, StripThatTheFileDoesNotHoldWholeIsNotReadInPart)
 {
     for (const codec& by : in_pieces) {
-        if (TIFFIsCODECConfigured(by.number) == 0) {
+        if (by.predictor != 1 || TIFFIsCODECConfigured(by.number) == 0) {
             continue;
         }
         SCOPED_TRACE(by.name);
-        file_bytes file = encoded(by);
+        file_bytes file = sound(by);
         set_tag(file, 279, 0, static_cast<uint32_t>(file.size()));
         expect_as_in_one_call(file);
         EXPECT_THAT(told, testing::HasSubstr("returned too many bytes"));
@@ -176,7 +186,7 @@ TEST_F(DecodeTiffLargeStrip, WordsAboutTheNextStripNameTheSameRow)
             continue;
         }
         SCOPED_TRACE(by.name);
-        file_bytes file = encoded(by, 2 * height, height);
+        file_bytes file = encoded(by, 2 * height);
         set_tag(file, 279, 1, static_cast<uint32_t>(file.size()));
         expect_as_in_one_call(file);
         EXPECT_THAT(told_by_library, testing::HasSubstr("Read error at scanline"));
@@ -268,7 +278,7 @@ TEST_F(DecodeTiffLargeStrip, WhatTheLibrarySaysOncePerFileIsSaidOnce)
 // A warning that comes whenever the strip is begun, and rows that the JPEG does not have.
 TEST_F(DecodeTiffLargeStrip, WhatTheLibrarySaysOfAStripIsNotRepeated)
 {
-    file_bytes file = encoded({"JPEG", COMPRESSION_JPEG, 1});
+    file_bytes file = sound({"JPEG", COMPRESSION_JPEG, 1});
     set_tag(file, 257, 0, height + 8);
     set_tag(file, 278, 0, height + 8);
     expect_as_in_one_call(file);
@@ -287,7 +297,7 @@ TEST_F(DecodeTiffLargeStrip, SignalEndsAStripQuietly)
         }
         SCOPED_TRACE(by.name);
         start_anew();
-        ASSERT_TRUE(open(encoded(by), 0x5A));
+        ASSERT_TRUE(open(sound(by), 0x5A));
         scripted::plan.die_after_idle = 2; // the first comes before the strip
         EXPECT_EQ(decode(), 0);
         EXPECT_EQ(told + told_by_library, "");
@@ -340,13 +350,13 @@ TEST_F(DecodeTiffLargeStrip, FaxThatIsNotDrawnIsReadInPiecesToo)
 {
     for (const uint16_t compression : fax_codecs) {
         SCOPED_TRACE(compression);
-        const file_bytes sound = fax(compression);
-        expect_as_in_one_call(sound);
+        const file_bytes file = fax(compression);
+        expect_as_in_one_call(file);
         EXPECT_EQ(told + told_by_library, "");
         EXPECT_GT(scripted::log.idle_rounds, 1U);
-        expect_damage_as_in_one_call(sound);
+        expect_damage_as_in_one_call(file);
         start_anew();
-        ASSERT_TRUE(open(sound));
+        ASSERT_TRUE(open(file));
         scripted::plan.die_after_idle = 2;
         EXPECT_EQ(decode(), 0);
         EXPECT_EQ(scripted::log.idle_rounds, 2U);

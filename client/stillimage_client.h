@@ -79,9 +79,8 @@ STILLIMAGE_API const char* stillimage_result_text(stillimage_result result);
 /* Connects to the worker at `socket_path` (1 to 107 bytes) and greets it. A worker that is just
  * starting is waited for, 5 seconds at most and within the time limit; one that is there but busy has
  * the whole limit to greet. It has to run as the same user or as root, unless the caller is root, else
- * STILLIMAGE_ERROR_REFUSED. On failure *client is still
- * made unless memory is short (then it is null), so that stillimage_last_error can be asked; close it
- * as any other. */
+ * STILLIMAGE_ERROR_REFUSED. On failure *client is still made unless memory is short (then it is
+ * null), so that stillimage_last_error can be asked; close it as any other. */
 STILLIMAGE_API stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
                                                     stillimage_client** client);
 

@@ -22,15 +22,24 @@ void blacken(std::vector<uint8_t>& area, uint64_t offset, uint64_t size, int bla
     memset(area.data() + offset, black, size);
 }
 
-// The full-size planes by the plain rule.
+void repeat_row(std::vector<uint8_t>& area, uint64_t offset, uint64_t stride, uint64_t row)
+{
+    const uint64_t rows = static_cast<uint64_t>(image_buffer_height) / 2;
+    uint8_t* plane = area.data() + offset;
+    for (uint64_t y = row + 1; y < rows; ++y) {
+        memcpy(plane + y * stride, plane + row * stride, stride);
+    }
+}
+
+// The full-size planes by the plain rule: black, drawn over, and the last chroma row repeated.
 std::vector<uint8_t> planes_on_black(const uint8_t* data, size_t size)
 {
     std::vector<uint8_t> area(image_scanline_data_buffer_offset);
     const auto height = static_cast<uint64_t>(image_height);
     const auto rows = static_cast<uint64_t>(image_buffer_height);
     blacken(area, image_offset_Y, height * image_stride_Y, 16);
-    blacken(area, image_offset_U, height / 2 * image_stride_U, 128);
-    blacken(area, image_offset_V, height / 2 * image_stride_V, 128);
+    blacken(area, image_offset_U, rows / 2 * image_stride_U, 128);
+    blacken(area, image_offset_V, rows / 2 * image_stride_V, 128);
     WebPDecoderConfig config;
     require(WebPInitDecoderConfig(&config) != 0);
     config.output.colorspace = MODE_YUV;
@@ -57,6 +66,8 @@ std::vector<uint8_t> planes_on_black(const uint8_t* data, size_t size)
         config.output.u.YUVA.a_size = rows * image_stride_A;
     }
     WebPDecode(data, size, &config);
+    repeat_row(area, image_offset_U, image_stride_U, (height - 1) / 2);
+    repeat_row(area, image_offset_V, image_stride_V, (height - 1) / 2);
     return area;
 }
 

@@ -1,6 +1,7 @@
 // Connections by picture, with the real worker and with programs that are none.
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -152,6 +153,27 @@ TEST_F(OpenPicture, WithoutTheFlagNobodyIsStarted)
     EXPECT_EQ(connect(picture, 0, 100), STILLIMAGE_ERROR_NO_WORKER);
     EXPECT_THAT(error(), HasSubstr("there is no such socket"));
     EXPECT_TRUE(home.sockets().empty());
+}
+
+TEST_F(OpenPicture, BusyWorkerIsWaitedForAndNoOtherIsStarted)
+{
+    worker served(home, worker::setting{{"--file", picture, "--no-autoshutdown"}});
+    ASSERT_EQ(connect(picture, 0), STILLIMAGE_OK) << error();
+    client.reset();
+    environment.set("STILLIMAGE_PROGRAM", program("touch " + home.path("started")));
+    served.send(SIGSTOP);
+    for (const unsigned flags : {0U, unsigned{STILLIMAGE_START_WORKER}}) {
+        EXPECT_EQ(connect(picture, flags, silence_ms), STILLIMAGE_ERROR_TIMEOUT);
+        EXPECT_EQ(error(), "the worker did not answer in time");
+    }
+    std::thread waker([&served] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2 * silence_ms));
+        served.send(SIGCONT);
+    });
+    EXPECT_EQ(connect(picture, STILLIMAGE_START_WORKER, -1), STILLIMAGE_OK) << error();
+    waker.join();
+    EXPECT_FALSE(home.folder().has("started"));
+    started.clear(); // it is a child of the test
 }
 
 TEST_F(OpenPicture, BadArgumentsAreRefused)

@@ -95,6 +95,8 @@ const char* stillimage_result_text(stillimage_result result)
         return "value refused";
     case STILLIMAGE_ERROR_LIMIT:
         return "limit reached";
+    case STILLIMAGE_ERROR_NOT_STORED:
+        return "applied, but not stored";
     }
     return "unknown result";
 }

@@ -24,6 +24,8 @@ stillimage_result result_of(int32_t code)
         return STILLIMAGE_ERROR_SYSTEM;
     case comm_protocol::REFUSED_VALUE:
         return STILLIMAGE_ERROR_VALUE;
+    case comm_protocol::NOT_STORED:
+        return STILLIMAGE_ERROR_NOT_STORED;
     case comm_protocol::NOT_READY:
         return STILLIMAGE_ERROR_NOT_READY;
     case comm_protocol::GOING_DOWN:

@@ -61,7 +61,8 @@ typedef enum stillimage_result {
     STILLIMAGE_ERROR_RECORD = -8,    /* the picture's description in shared memory is not valid */
     STILLIMAGE_ERROR_SYSTEM = -9,    /* out of memory or descriptors, a mapping that failed */
     STILLIMAGE_ERROR_VALUE = -10,    /* the worker refuses the value */
-    STILLIMAGE_ERROR_LIMIT = -11     /* more frames or requests than the worker allows */
+    STILLIMAGE_ERROR_LIMIT = -11,    /* more frames or requests than the worker allows */
+    STILLIMAGE_ERROR_NOT_STORED = -12 /* the value is set, but is lost with this worker */
 } stillimage_result;
 
 typedef struct stillimage_client stillimage_client; /* one connection */
@@ -383,8 +384,11 @@ STILLIMAGE_API stillimage_result stillimage_get_status(stillimage_client* client
 STILLIMAGE_API void stillimage_free(void* memory);
 
 /* Sets a metadata value of the item, such as "aspect ratio" to "16:9", for this worker and those after
- * it. A name has 256 bytes at most, a value 16384. STILLIMAGE_ERROR_VALUE: the worker does not take
- * this value, or any for this name. */
+ * it. A name has 256 bytes at most, a value 16384. STILLIMAGE_OK: the value is applied and survives the
+ * worker's death at any later moment; a power cut within about a second may still cost it. (Workers of
+ * protocol 1.0 answer before they store anything.) STILLIMAGE_ERROR_NOT_STORED: it is applied, but
+ * could not be stored, stillimage_last_error says why; the worker goes on trying.
+ * STILLIMAGE_ERROR_VALUE: the worker does not take this value, or any for this name. */
 STILLIMAGE_API stillimage_result stillimage_set_metadata(stillimage_client* client,
                                                          const char* name, const char* value,
                                                          int timeout_ms);

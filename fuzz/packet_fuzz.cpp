@@ -16,6 +16,7 @@
 #include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/clients_events.h"
 #include "platform/standalone/item/clients_requests.h"
+#include "platform/standalone/item/clients_settings.h"
 #include "platform/standalone/item/item_state.h"
 #include "tests/support/memory_channel.h"
 #include "tests/support/plain_item.h"
@@ -61,7 +62,8 @@ struct fuzzed_client {
 
     bool listens() const
     {
-        return connection != nullptr && !connection->leaving && !connection->blocked;
+        return connection != nullptr && !connection->leaving && !connection->blocked &&
+               !connection->paused;
     }
 };
 
@@ -119,9 +121,13 @@ void let_time_pass(fuzzed_client& /*client*/, input& rest)
 {
     now_us += rest.byte() * uint64_t{100'000};
     platform::run_round(*vexa_comm_server, now_us);
+    answer_waiting_settings(now_us);
     send_changes(*vexa_comm_server, now_us);
     idle_vexa_client_contexts();
 }
+
+constexpr std::array<setting_state, 4> setting_fates = {
+    setting_state::STORED, setting_state::REFUSED, setting_state::NOT_STORED, setting_state::WAITS};
 
 void change_readiness(fuzzed_client& /*client*/, input& rest)
 {
@@ -129,7 +135,7 @@ void change_readiness(fuzzed_client& /*client*/, input& rest)
     vexa_ready = (choice & 1U) != 0;
     plain_item::state.ready = vexa_ready ? 1 - (choice & 2U) : 0;
     plain_item::state.frames = choice >> 2U;
-    plain_item::state.refuses_settings = (choice & 4U) != 0;
+    plain_item::state.settings = setting_fates[(choice >> 2U) % setting_fates.size()];
     plain_item::state.frames_fail = (choice & 0xC0U) == 0xC0U;
     plain_item::state.document.assign(size_t{rest.byte()} * 512, 'd');
     mark_document_changed();

@@ -3,6 +3,7 @@ add_library(whole_road STATIC whole_road.cpp)
 target_link_libraries(whole_road PUBLIC stillimage_headers stillimage_decode stillimage_framebuffer stillimage_examine)
 
 add_fuzz_target(metadata metadata_fuzz.cpp LIBRARIES platform_metadata)
+add_fuzz_target(pending pending_fuzz.cpp LIBRARIES platform_metadata)
 add_fuzz_target(jpeg jpeg_fuzz.cpp LIBRARIES whole_road caught_abort scripted_platform)
 add_fuzz_target(packet packet_fuzz.cpp LIBRARIES clients_on_plain_item)
 add_fuzz_target(identify identify_fuzz.cpp LIBRARIES stillimage_examine scripted_platform)

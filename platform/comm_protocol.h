@@ -16,7 +16,7 @@ namespace comm_protocol {
 
 inline constexpr uint32_t magic = 0x4C495453; // "STIL" as bytes
 inline constexpr uint16_t version_major = 1;  // another major version is refused
-inline constexpr uint16_t version_minor = 0;  // minor versions only add
+inline constexpr uint16_t version_minor = 1;  // minor versions only add
 
 inline constexpr size_t packet_header_size = 24;
 inline constexpr size_t max_packet_size = 65536;
@@ -69,6 +69,7 @@ enum error_code : int32_t {
     GOING_DOWN = 11,
     SLOW_CLIENT = 12, // dropped: answers were not read
     NOT_ALLOWED = 13, // dropped: the process of another user, or of an unknown one
+    NOT_STORED = 14,  // the metadata is set, but would not survive the worker; since 1.1
 };
 
 // Bits of SUBSCRIBE's mask and of EVENT's changes.

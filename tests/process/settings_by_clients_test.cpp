@@ -1,6 +1,8 @@
 // What clients set in the item's metadata: where it takes effect, what it survives, and that no
 // text of theirs breaks the status document.
+#include <csignal>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <utility>
@@ -120,9 +122,14 @@ TEST_F(SettingsByClients, AreNotWrittenWhenMetadataMayNotBeUpdated)
     ASSERT_TRUE(served.wait_ready());
     const std::string before =
         home.folder().has("meta/metadata") ? home.folder().read("meta/metadata") : std::string();
-    set(served, "aspect ratio", "16:9");
-    set(served, "background music", "on");
+    for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
+             {"aspect ratio", "16:9"}, {"background music", "on"}}) {
+        EXPECT_EQ(run_client(home, {served.socket(), "set", name, value}), 1) << name;
+    }
     EXPECT_EQ(printed_by({served.socket(), "frame"})["aspect"], wide);
+    const Json unstored = printed_by({served.socket(), "status"})["metadata not stored"];
+    EXPECT_EQ(unstored["names"], (Json::array{"aspect ratio", "background music"}));
+    EXPECT_EQ(unstored["reason"], Json("the worker runs with --no-metadata-update"));
     quit(served);
     EXPECT_EQ(home.folder().has("meta/metadata") ? home.folder().read("meta/metadata")
                                                  : std::string(),
@@ -147,6 +154,54 @@ TEST_F(SettingsByClients, NamesThatAlmostMatchAreEntriesAndNothingElse)
         EXPECT_EQ(run_client(home, {served.socket(), "set", name, value}), 1) << value;
     }
     EXPECT_EQ(printed_by({served.socket(), "frame"})["aspect"], standard);
+}
+
+// --- what the answer promises -------------------------------------------------------------------
+
+TEST_F(SettingsByClients, SurviveAKillRightAfterTheAnswer)
+{
+    for (int round = 0; round < 20; ++round) {
+        worker served(home, picture, {"--metadir", metadir});
+        const std::string value = std::to_string(round + 1) + ":1";
+        {
+            const held_client client = connect_to(served.socket());
+            ASSERT_EQ(stillimage_set_metadata(client.get(), "aspect ratio", value.c_str(), 30'000),
+                      STILLIMAGE_OK);
+            served.send(SIGKILL);
+        }
+        EXPECT_EQ(served.wait_end(), -SIGKILL);
+        // Every other time the next look is that of a run which writes nothing.
+        if (round % 2 == 0) {
+            const ended_worker looked =
+                run_worker(home, {{"--file", picture, "--metadir", metadir, "--identify-only",
+                                   "--no-metadata-update"}});
+            EXPECT_THAT(looked.told, HasSubstr("   Aspect ratio: " + value + "\n"));
+        }
+        worker next(home, picture, {"--metadir", metadir});
+        EXPECT_EQ(shown(printed_by({next.socket(), "status"}), "aspect ratio"), value);
+        quit(next);
+        EXPECT_THAT(home.folder().read("meta/metadata"),
+                    HasSubstr("aspect ratio = " + value + "\n"));
+        EXPECT_FALSE(home.folder().has("meta/metadata.pending-1"));
+    }
+}
+
+// The worker's folder is gone: it goes on with the value, and says that it will not last.
+TEST_F(SettingsByClients, SayWhenTheyAreNotStoredAndWhy)
+{
+    worker served(home, picture, {"--metadir", metadir});
+    ASSERT_TRUE(served.wait_ready());
+    std::filesystem::remove_all(metadir);
+    const held_client client = connect_to(served.socket());
+    EXPECT_EQ(stillimage_set_metadata(client.get(), "aspect ratio", "16:9", 10'000),
+              STILLIMAGE_ERROR_NOT_STORED);
+    EXPECT_STREQ(stillimage_last_error(client.get()),
+                 "the worker says: applied, but not stored: No such file or directory");
+    EXPECT_EQ(run_client(home, {served.socket(), "set", "aspect ratio", "16:9"}), 1);
+    EXPECT_EQ(printed_by({served.socket(), "frame"})["aspect"], wide);
+    EXPECT_EQ(printed_by({served.socket(), "status"})["metadata not stored"]["count"], Json(1));
+    quit(served);
+    EXPECT_THAT(served.told(), HasSubstr("What clients have set is lost\n"));
 }
 
 // --- hostile texts ------------------------------------------------------------------------------

@@ -52,6 +52,11 @@ ssize_t write(int fd, const void* data, size_t size)
                             [&](const auto& system) { return system.write(fd, data, part); });
 }
 
+int truncate(int fd, off_t size)
+{
+    return counted<int>("truncate", [&](const auto& system) { return system.truncate(fd, size); });
+}
+
 int change_mode(int fd, mode_t mode)
 {
     return counted<int>("change_mode",
@@ -100,6 +105,7 @@ void arm(int nth, fate what, int error_number)
 const platform::file_operations operations = {
     .open_at = open_at,
     .write = write,
+    .truncate = truncate,
     .change_mode = change_mode,
     .change_owner = change_owner,
     .sync = sync,

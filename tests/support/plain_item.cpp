@@ -183,13 +183,30 @@ void json_check_xmit(uint64_t /*now_us*/)
     }
 }
 
-int store_client_setting(std::string_view name, std::string_view value)
+setting_state store_client_setting(std::string_view name, std::string_view value)
 {
-    if (state.refuses_settings) {
-        return -1;
+    if (state.settings != setting_state::REFUSED) {
+        state.stored.emplace_back(name, value);
     }
-    state.stored.emplace_back(name, value);
-    return 0;
+    return state.settings;
+}
+
+setting_state client_setting_state(std::string_view /*name*/)
+{
+    return state.settings;
+}
+
+std::string why_settings_are_not_stored()
+{
+    return "the disk is full";
+}
+
+void store_client_settings_now()
+{
+    ++state.settings_written;
+    if (state.settings == setting_state::WAITS) {
+        state.settings = setting_state::STORED;
+    }
 }
 
 const std::string& socket_path()

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/media_item.h"
+#include "platform/standalone/item/item_state.h"
 
 namespace plain_item {
 
@@ -21,7 +22,8 @@ struct item_state {
     unsigned documents_built = 0;
     uint64_t generation = 1;
     std::vector<std::pair<std::string, std::string>> stored;
-    bool refuses_settings = false;
+    setting_state settings = setting_state::STORED; // what becomes of them
+    unsigned settings_written = 0;                  // calls of store_client_settings_now
     std::string socket;
     int lock_refreshed = 0; // calls of refresh_serve_lock
     uint64_t frames = 1;

@@ -54,6 +54,7 @@ int unlink_file(int folder, const char* name)
 const file_operations system_file_operations = {
     .open_at = open_file_at,
     .write = write_some,
+    .truncate = ftruncate,
     .change_mode = fchmod,
     .change_owner = fchown,
     .sync = sync_file,

@@ -11,6 +11,7 @@ namespace platform {
 struct file_operations {
     int (*open_at)(int folder, const char* name, int flags, mode_t mode);
     ssize_t (*write)(int fd, const void* data, size_t size);
+    int (*truncate)(int fd, off_t size);
     int (*change_mode)(int fd, mode_t mode);
     int (*change_owner)(int fd, uid_t user, gid_t group);
     int (*sync)(int fd);

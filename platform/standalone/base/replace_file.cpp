@@ -1,5 +1,6 @@
 #include "platform/standalone/base/replace_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
@@ -73,24 +74,28 @@ int fill_temporary(int folder, const char* name, int fd, std::string_view conten
 
 } // namespace
 
-int replace_file(int folder, const char* name, std::string_view contents, mode_t mode,
-                 replace_failure* failure, const file_operations& operations)
+int write_temporary(int folder, const char* name, std::string_view contents, mode_t mode,
+                    std::string* temporary, replace_failure* failure,
+                    const file_operations& operations)
 {
-    const std::string temporary =
-        std::string(name) + std::string(temporary_mark) + random_hex(random_name_bytes);
-    unique_fd fd(operations.open_at(folder, temporary.c_str(),
-                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode));
+    *temporary = std::string(name) + std::string(temporary_mark) + random_hex(random_name_bytes);
+    const unique_fd fd(operations.open_at(folder, temporary->c_str(),
+                                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode));
     if (!fd) {
         return fail(failure, "create");
     }
-    int result = fill_temporary(folder, name, fd.get(), contents, failure, operations);
-    fd.reset();
-    if (result == 0 && operations.rename_at(folder, temporary.c_str(), name) != 0) {
-        result = fail(failure, "rename");
-    }
-    if (result != 0) {
-        (void)operations.unlink_at(folder, temporary.c_str());
+    if (fill_temporary(folder, name, fd.get(), contents, failure, operations) != 0) {
+        (void)operations.unlink_at(folder, temporary->c_str());
         return -1;
+    }
+    return 0;
+}
+
+int put_in_place(int folder, const char* temporary, const char* name, replace_failure* failure,
+                 const file_operations& operations)
+{
+    if (operations.rename_at(folder, temporary, name) != 0) {
+        return fail(failure, "rename");
     }
     if (operations.sync(folder) != 0) {
         *failure = {.step = "sync the folder of", .error_number = errno, .replaced = true};
@@ -99,7 +104,22 @@ int replace_file(int folder, const char* name, std::string_view contents, mode_t
     return 0;
 }
 
-void remove_temporary_files(int folder, std::string_view name, const file_operations& operations)
+int replace_file(int folder, const char* name, std::string_view contents, mode_t mode,
+                 replace_failure* failure, const file_operations& operations)
+{
+    std::string temporary;
+    if (write_temporary(folder, name, contents, mode, &temporary, failure, operations) != 0) {
+        return -1;
+    }
+    const int result = put_in_place(folder, temporary.c_str(), name, failure, operations);
+    if (result != 0 && !failure->replaced) {
+        (void)operations.unlink_at(folder, temporary.c_str());
+    }
+    return result;
+}
+
+void remove_temporary_files(int folder, std::string_view name, const file_operations& operations,
+                            std::span<const std::string> kept)
 {
     unique_fd listing(open_file_at(folder, ".", O_RDONLY | O_DIRECTORY));
     if (!listing) {
@@ -112,7 +132,9 @@ void remove_temporary_files(int folder, std::string_view name, const file_operat
     (void)listing.release(); // closedir closes it
     const std::string beginning = std::string(name) + std::string(temporary_mark);
     while (const dirent* entry = readdir(entries.get())) {
-        if (std::string_view(entry->d_name).starts_with(beginning)) {
+        const std::string_view found = entry->d_name;
+        if (found.starts_with(beginning) &&
+            std::find(kept.begin(), kept.end(), found) == kept.end()) {
             (void)operations.unlink_at(folder, entry->d_name);
         }
     }

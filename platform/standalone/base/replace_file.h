@@ -1,6 +1,7 @@
 // Atomic replacement of a file: at any crash the old or the new file is there, whole.
 #pragma once
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -24,11 +25,22 @@ int replace_file(int folder, const char* name, std::string_view contents, mode_t
                  replace_failure* failure,
                  const file_operations& operations = system_file_operations);
 
+// The two halves of replace_file, for a caller that has something to do in between. The first gives
+// the name of the synced temporary file; the second renames it, and leaves it where it is on
+// failure.
+int write_temporary(int folder, const char* name, std::string_view contents, mode_t mode,
+                    std::string* temporary, replace_failure* failure,
+                    const file_operations& operations = system_file_operations);
+int put_in_place(int folder, const char* temporary, const char* name, replace_failure* failure,
+                 const file_operations& operations = system_file_operations);
+
 // What names of temporary files begin with: `name` and this. A process that died leaves one behind.
 inline constexpr std::string_view temporary_mark = ".tmp-";
 
-// Removes what dead writers of `name` left behind. Only for a caller that keeps other writers away.
+// Removes what dead writers of `name` left behind, except the files in `kept`. Only for a caller
+// that keeps other writers away.
 void remove_temporary_files(int folder, std::string_view name,
-                            const file_operations& operations = system_file_operations);
+                            const file_operations& operations = system_file_operations,
+                            std::span<const std::string> kept = {});
 
 } // namespace platform

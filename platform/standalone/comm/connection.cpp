@@ -26,11 +26,18 @@ void block(comm_socket_v4_client& client)
     watch(client, EPOLLOUT, false);
 }
 
+void watch_requests(comm_socket_v4_client& client)
+{
+    if (!client.blocked) {
+        watch(client, client.paused ? 0U : static_cast<uint32_t>(EPOLLIN), false);
+    }
+}
+
 void unblock(comm_socket_v4_client& client)
 {
     client.blocked = false;
     std::erase(client.home->blocked, &client);
-    watch(client, EPOLLIN, false);
+    watch_requests(client);
 }
 
 void give_up(comm_socket_v4_client& client)
@@ -100,6 +107,18 @@ void flush_answers(comm_socket_v4_client& client, uint64_t now_us)
     if (!client.leaving) {
         settle(client, client.answers.flush(*client.channel, now_us));
     }
+}
+
+void pause_requests(comm_socket_v4_client& client)
+{
+    client.paused = true;
+    watch_requests(client);
+}
+
+void resume_requests(comm_socket_v4_client& client)
+{
+    client.paused = false;
+    watch_requests(client);
 }
 
 bool watch(comm_socket_v4_client& client, uint32_t events, bool anew)

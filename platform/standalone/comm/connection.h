@@ -39,6 +39,7 @@ struct comm_socket_v4_client {
 
     bool leaving = false; // nothing more is done for it
     bool blocked = false; // in the list of those; no request of it is read meanwhile
+    bool paused = false;  // no request of it is read: an answer has to be given first
     size_t place = 0;     // in the server's list
 };
 
@@ -55,6 +56,10 @@ void send_event(comm_socket_v4_client& client, uint32_t changes, const event_sta
 
 // Sends on what waits; to be called when the channel has room again.
 void flush_answers(comm_socket_v4_client& client, uint64_t now_us);
+
+// Reads no further request of the client until resume_requests. That it hangs up is still noticed.
+void pause_requests(comm_socket_v4_client& client);
+void resume_requests(comm_socket_v4_client& client);
 
 // Has the kernel report `events` of the client from now on. False when it refuses.
 bool watch(comm_socket_v4_client& client, uint32_t events, bool anew);

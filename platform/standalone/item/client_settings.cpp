@@ -10,6 +10,7 @@
 #include "platform/comm_protocol.h"
 #include "platform/media_item.h"
 #include "platform/standalone/base/checked_math.h"
+#include "platform/standalone/base/error_line.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/document.h"
 #include "platform/standalone/item/item_state.h"
@@ -17,6 +18,8 @@
 #include "platform/standalone/metadata/metadata_file.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/metadata_names.h"
+#include "platform/standalone/metadata/metadata_text.h"
+#include "platform/standalone/metadata/pending_files.h"
 #include "platform/time.h"
 
 namespace item {
@@ -32,9 +35,6 @@ constexpr uint64_t lock_wait_us = 20'000;
 constexpr uint64_t last_lock_wait_us = 200'000; // at the end, whatever ended the worker
 constexpr size_t most_new_names = 256;          // that clients of one run may add
 
-std::map<std::string, std::string, std::less<>> waiting; // name to value, not yet in the file
-uint64_t due_us = 0; // when to write; meaningful while something waits
-uint64_t delay_us = write_delay_us;
 size_t new_names = 0;
 
 // What the worker finds out itself; a client cannot know better.
@@ -80,43 +80,176 @@ void take_into_open_list(std::string_view name, const std::string& value)
     }
 }
 
-void let_wait(std::string_view name, const std::string& value)
+// --- storing --------------------------------------------------------------------------------------
+
+// Where a setting is that is not in the metadata file yet.
+enum class place {
+    PENDING_FILE, // survives this process
+    NEXT_WRITE,   // the pending file is full: here alone until the next write, which decides
+    NOWHERE,      // here alone; it could not be stored
+};
+
+struct waiting_setting {
+    std::string value;
+    place where = place::NOWHERE;
+};
+
+std::map<std::string, waiting_setting, std::less<>> waiting; // by name, not yet in the file
+size_t waiting_bytes = 0;                                    // of their names and values
+platform::pending_file own_pending;
+std::string last_failure; // why something could not be stored; empty: the last write went well
+uint64_t due_us = 0;      // when to write; meaningful while something waits
+uint64_t delay_us = write_delay_us;
+
+void forget_waiting()
 {
-    if (!vexa_metadata_may_update) {
-        return;
+    waiting.clear();
+    waiting_bytes = 0;
+}
+
+bool may_store()
+{
+    return vexa_metadata_may_update && opened_item() != nullptr;
+}
+
+void note_failure(const std::string& reason)
+{
+    if (last_failure != reason) {
+        last_failure = reason;
+        platform::error_line("Cannot store metadata of a client", opened_item()->store.path,
+                             reason);
     }
+}
+
+// Into the pending file. False when there is no use in trying others.
+bool save(const std::string& name, waiting_setting* setting)
+{
+    std::string record;
+    platform::append_set_record(&record, name, setting->value);
+    std::string reason;
+    switch (platform::append_pending(opened_item()->store, &own_pending, record, &reason)) {
+    case platform::append_result::APPENDED:
+        setting->where = place::PENDING_FILE;
+        return true;
+    case platform::append_result::FULL:
+        // After a failed write the next one is far, and as likely to fail.
+        setting->where = last_failure.empty() ? place::NEXT_WRITE : place::NOWHERE;
+        return false;
+    case platform::append_result::FAILED:
+        break;
+    }
+    setting->where = place::NOWHERE;
+    note_failure(reason);
+    return false;
+}
+
+// Those that could not be saved before may be saved now.
+void save_others()
+{
+    for (auto& [name, setting] : waiting) {
+        if (setting.where != place::PENDING_FILE && !save(name, &setting)) {
+            return;
+        }
+    }
+}
+
+void look_after_lost_file()
+{
+    if (platform::pending_file_is_lost(own_pending)) {
+        own_pending = platform::pending_file();
+        for (auto& [name, setting] : waiting) {
+            setting.where = place::NOWHERE;
+        }
+    }
+}
+
+setting_state state_of(const waiting_setting& setting)
+{
+    switch (setting.where) {
+    case place::PENDING_FILE:
+        return setting_state::STORED;
+    case place::NEXT_WRITE:
+        return setting_state::WAITS;
+    case place::NOWHERE:
+        break;
+    }
+    return setting_state::NOT_STORED;
+}
+
+// More than a metadata file holds need not wait for being written to it.
+bool may_wait(std::string_view name, const std::string& value)
+{
+    const auto former = waiting.find(name);
+    const size_t freed = former != waiting.end() ? name.size() + former->second.value.size() : 0;
+    return waiting_bytes - freed + name.size() + value.size() <= platform::max_metadata_file;
+}
+
+setting_state keep(std::string_view name, const std::string& value)
+{
     if (waiting.empty()) {
         due_us = platform::saturating_add(monotonic_clock_us(), delay_us);
     }
-    waiting.insert_or_assign(std::string(name), value);
+    const auto [kept, is_new] = waiting.try_emplace(std::string(name));
+    waiting_bytes += is_new ? name.size() : 0;
+    waiting_bytes += value.size() - kept->second.value.size();
+    kept->second = {value};
+    if (may_store()) {
+        look_after_lost_file();
+        if (save(kept->first, &kept->second)) {
+            save_others();
+        }
+    }
+    return state_of(kept->second);
 }
 
 // 0 when nothing waits any more.
 int write_waiting(uint64_t lock_limit_us)
 {
-    if (waiting.empty() || opened_item() == nullptr) {
-        return 0;
-    }
-    std::vector<platform::entry_update> updates;
-    updates.reserve(waiting.size());
-    for (const auto& [name, value] : waiting) {
-        updates.push_back({name, value});
+    platform::item_settings settings;
+    for (const auto& [name, setting] : waiting) {
+        settings.emplace(name, setting.value);
     }
     platform::metadata_store store = opened_item()->store;
     store.lock_limit_us = lock_limit_us;
     store.stop = nullptr;
-    if (platform::update_stored_metadata(store, updates) != 0) {
-        return -1;
+    std::string reason;
+    if (platform::update_stored_metadata(store, settings, &own_pending, &reason) == 0) {
+        forget_waiting();
+        last_failure.clear();
+        mark_document_changed();
+        return 0;
     }
-    waiting.clear();
-    return 0;
+    last_failure = reason;
+    look_after_lost_file();
+    save_others();
+    for (auto& [name, setting] : waiting) {
+        if (setting.where == place::NEXT_WRITE) {
+            setting.where = place::NOWHERE;
+        }
+    }
+    mark_document_changed();
+    return -1;
+}
+
+// One that was done with, but could not be removed then.
+void remove_own_pending()
+{
+    if (own_pending) {
+        platform::remove_pending(opened_item()->store, &own_pending);
+    }
+}
+
+bool anything_unsaved()
+{
+    return std::any_of(waiting.begin(), waiting.end(),
+                       [](const auto& entry) { return entry.second.where != place::PENDING_FILE; });
 }
 
 } // namespace
 
 void store_waiting_settings(uint64_t now_us)
 {
-    if (waiting.empty() || now_us < due_us) {
+    if (waiting.empty() || now_us < due_us || !may_store()) {
         return;
     }
     if (write_waiting(lock_wait_us) == 0) {
@@ -127,37 +260,79 @@ void store_waiting_settings(uint64_t now_us)
     due_us = platform::saturating_add(now_us, delay_us);
 }
 
-void store_all_settings()
+unstored_settings settings_not_stored()
 {
-    if (write_waiting(last_lock_wait_us) != 0) {
-        fputs("What clients have set is lost\n", stderr);
+    unstored_settings unstored;
+    for (const auto& [name, setting] : waiting) {
+        if (setting.where == place::PENDING_FILE) {
+            continue;
+        }
+        ++unstored.count;
+        if (unstored.names.size() < unstored_settings::max_names) {
+            unstored.names.push_back(name);
+        }
     }
-    waiting.clear();
+    if (unstored.count > 0) {
+        unstored.reason = why_settings_are_not_stored();
+    }
+    return unstored;
 }
 
 void reset_client_settings()
 {
-    waiting.clear();
+    forget_waiting();
+    own_pending = platform::pending_file();
+    last_failure.clear();
     delay_us = write_delay_us;
     new_names = 0;
 }
 
 } // namespace item
 
-int store_client_setting(std::string_view name, std::string_view value)
+setting_state store_client_setting(std::string_view name, std::string_view value)
 {
     const std::string text(value);
     if (!item::may_be_set(name, text)) {
-        return -1;
+        return setting_state::REFUSED;
     }
     const std::string* shown = item::document_entry(name);
-    if (shown != nullptr && *shown == text) {
-        return 0;
+    if (shown != nullptr && *shown == text && client_setting_state(name) == setting_state::STORED) {
+        return setting_state::STORED;
     }
-    if (!item::take_into_document(name, text)) {
-        return -1;
+    if (!item::may_wait(name, text) || !item::take_into_document(name, text)) {
+        return setting_state::REFUSED;
     }
     item::take_into_open_list(name, text);
-    item::let_wait(name, text);
-    return 0;
+    return item::keep(name, text);
+}
+
+setting_state client_setting_state(std::string_view name)
+{
+    const auto found = item::waiting.find(name);
+    return found != item::waiting.end() ? item::state_of(found->second) : setting_state::STORED;
+}
+
+std::string why_settings_are_not_stored()
+{
+    if (!vexa_metadata_may_update) {
+        return "the worker runs with --no-metadata-update";
+    }
+    return item::last_failure.empty() ? "not written yet" : item::last_failure;
+}
+
+// Twice, since what fails may do so once only.
+void store_client_settings_now()
+{
+    using namespace item;
+    if (!may_store()) {
+        return;
+    }
+    if (!waiting.empty() && write_waiting(last_lock_wait_us) != 0 &&
+        write_waiting(last_lock_wait_us) != 0) {
+        fputs(anything_unsaved() ? "What clients have set is lost\n"
+                                 : "What clients have set is taken over by the next start\n",
+              stderr);
+        return;
+    }
+    remove_own_pending();
 }

@@ -23,6 +23,7 @@
 #include "platform/standalone/item/clients_contexts.h"
 #include "platform/standalone/item/clients_events.h"
 #include "platform/standalone/item/clients_requests.h"
+#include "platform/standalone/item/clients_settings.h"
 #include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/time.h"
@@ -112,6 +113,7 @@ int one_round(comm_socket_v4_server& server)
     }
     begin_document_round();
     int work = platform::run_round(server, now_us);
+    work += answer_waiting_settings(now_us);
     work += send_changes(server, now_us);
     send_changed_document(server, now_us);
     put_off_auto_shutdown(now_us);
@@ -237,6 +239,7 @@ void close_vexa_client_contexts()
     }
     const idle_mark mark;
     const uint64_t now_us = monotonic_clock_us();
+    finish_waiting_settings(now_us);
     refuse_pending(now_us);
     send_going_down(*vexa_comm_server, now_us);
     for (const auto& client : vexa_comm_server->clients) {

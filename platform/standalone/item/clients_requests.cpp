@@ -8,6 +8,7 @@
 #include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/clients_contexts.h"
 #include "platform/standalone/item/clients_events.h"
+#include "platform/standalone/item/clients_settings.h"
 #include "platform/standalone/item/item_state.h"
 
 using namespace comm_protocol;
@@ -147,7 +148,11 @@ const refusal* change_metadata_value(const request_call& call)
     if (!read_body(call, &body)) {
         return &platform::malformed_packet;
     }
-    if (!may_be_metadata(body) || store_client_setting(body.name, body.value) != 0) {
+    if (!may_be_metadata(body)) {
+        return &refused_value;
+    }
+    const setting_state state = store_client_setting(body.name, body.value);
+    if (state == setting_state::REFUSED) {
         return &refused_value;
     }
     if (vexa_on_metadata_set != nullptr) {
@@ -157,7 +162,8 @@ const refusal* change_metadata_value(const request_call& call)
     }
     mark_document_changed();
     notify_clients(change_metadata);
-    return done(call);
+    answer_setting(call.client, call.number(), body.name, state, call.now_us);
+    return nullptr;
 }
 
 const refusal* ask_to_exit(const request_call& call)

@@ -11,7 +11,6 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/file_lock.h"
 #include "platform/standalone/base/folders.h"
-#include "platform/standalone/base/replace_file.h"
 #include "platform/standalone/comm/listener.h"
 #include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/item_state.h"
@@ -111,6 +110,9 @@ int open_item_and_list()
         platform::drop_stale_facts(vexa_metadata);
     }
     take_stored_settings(vexa_metadata);
+    if (platform::has_unwritten_settings(vexa_metadata)) {
+        vexa_do_write_metadata = true;
+    }
     return 0;
 }
 
@@ -139,7 +141,7 @@ void remove_half_written_metadata()
     platform::file_lock writers;
     const int folder = the_item->store.folder;
     if (writers.take(folder, platform::metadata_lock_name, 0) == platform::lock_result::TAKEN) {
-        platform::remove_temporary_files(folder, platform::metadata_file_name);
+        platform::remove_left_temporaries(the_item->store);
     }
 }
 

@@ -11,6 +11,7 @@
 #include "platform/media_item.h"
 #include "platform/standalone/base/utf8.h"
 #include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/item_state.h"
@@ -142,6 +143,22 @@ void add_entries(json_object* target)
     (*target)["metadata"] = std::move(shown);
 }
 
+void add_unstored(json_object* target)
+{
+    const unstored_settings unstored = settings_not_stored();
+    if (unstored.count == 0) {
+        return;
+    }
+    json11::Json::array names;
+    for (const std::string& name : unstored.names) {
+        names.emplace_back(platform::to_utf8(name));
+    }
+    (*target)["metadata not stored"] =
+        json_object{{"count", whole_number(static_cast<uint64_t>(unstored.count))},
+                    {"names", std::move(names)},
+                    {"reason", platform::to_utf8(unstored.reason)}};
+}
+
 shown_entry* find_entry(std::string_view name)
 {
     const auto found = std::find_if(entries.begin(), entries.end(), [name](const auto& entry) {
@@ -222,6 +239,7 @@ void rebuild_json()
         {"process", item::process_object()},
     };
     item::add_entries(&members);
+    item::add_unstored(&members);
     if (vexa_on_json_build != nullptr) {
         vexa_on_json_build(members, no_context_id);
     }

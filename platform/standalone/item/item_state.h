@@ -31,12 +31,29 @@ void mark_document_changed();
 
 // --- metadata set by a client -------------------------------------------------------------------
 
-// Takes a client's metadata value: into the document at once, into the item's file within about a
-// second (only when metadata may be updated), whatever the number of calls. To be called before
-// vexa_on_metadata_set. 0, or -1 with nothing changed when the name or the value may not be set:
-// facts that the worker itself finds out, values of a known name that do not parse, texts with a
-// NUL, or more than docs/metadata.md allows.
-int store_client_setting(std::string_view name, std::string_view value);
+enum class setting_state {
+    REFUSED,    // nothing has changed
+    STORED,     // it survives the death of this process
+    NOT_STORED, // it is set, but is lost with this process
+    WAITS,      // it is set; the next write of the item's file decides whether it is stored
+};
+
+// Takes a client's metadata value: into the document and into the pending file at once, into the
+// item's file within about a second, whatever the number of calls. To be called before
+// vexa_on_metadata_set. REFUSED when the name or the value may not be set: facts that the worker
+// itself finds out, values of a known name that do not parse, texts with a NUL, or more than
+// docs/metadata.md allows.
+setting_state store_client_setting(std::string_view name, std::string_view value);
+
+// What has become of the last value that was taken for this name; never REFUSED.
+setting_state client_setting_state(std::string_view name);
+
+// Writes now what the item's file does not hold yet, and tries once more when that fails; after it
+// nothing WAITS. For the end of the process, or of the service.
+void store_client_settings_now();
+
+// For people: why settings are NOT_STORED.
+std::string why_settings_are_not_stored();
 
 // --- the socket ---------------------------------------------------------------------------------
 

@@ -8,8 +8,10 @@
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/clients.h"
+#include "platform/standalone/item/clients_settings.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/document.h"
+#include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/standard_error.h"
@@ -53,15 +55,18 @@ void vexa_idle_housekeeping()
 {
     item::flush_status();
     item::refresh_serve_lock();
-    item::store_waiting_settings(monotonic_clock_us());
+    const uint64_t now_us = monotonic_clock_us();
+    item::store_waiting_settings(now_us);
+    answer_waiting_settings(now_us);
 }
 
 // The socket goes before the lock under which it was made, the log last of all.
 void vexa_free_all()
 {
     item::close_status();
-    item::store_all_settings();
+    store_client_settings_now();
     close_comm_service();
+    item::reset_client_settings();
     cnb_leave_domain();
     item::close_item();
     item::release_serve_lock();

@@ -2,51 +2,41 @@
 // What each file is for and what happens to a damaged one: docs/metadata.md.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
-#include <span>
 #include <string>
-#include <string_view>
 
 #include "platform/metadata.h"
-#include "platform/standalone/base/file_operations.h"
+#include "platform/standalone/metadata/metadata_store.h"
+#include "platform/standalone/metadata/pending_files.h"
+#include "platform/standalone/metadata/set_aside.h"
 
 namespace platform {
 
-inline constexpr const char* metadata_file_name = "metadata";
-inline constexpr const char* metadata_lock_name = "metadata.lock";
-inline constexpr const char* set_aside_name = "metadata.damaged-"; // and a number from 1
-inline constexpr int max_set_aside = 100;
-
-// Where an item's metadata lies, and how its files are reached.
-struct metadata_store {
-    int folder = -1;  // the open metadata folder, borrowed
-    std::string path; // of the metadata file, for messages
-    uint64_t lock_limit_us = 2'000'000;
-    const std::atomic<int>* stop = nullptr; // not 0: waiting for the lock ends
-    const file_operations* operations = &system_file_operations;
-};
-
-// The stored entries; a new list when there is no file. A file that is damaged, too large or
-// unreadable is reported, set aside under a free name, and a new list is given; when it cannot be
-// set aside, that list will not be written. Null, after a message, when the file may be whole but
-// cannot be read now (no descriptors, no memory). To be freed with free_metadata_list.
+// The stored entries, with what pending files have for them; a new list when there is no file. A
+// file that is damaged, too large or unreadable is reported, set aside under a free name, and a new
+// list is given; when it cannot be set aside, that list will not be written. Null, after a message,
+// when the file may be whole but cannot be read now (no descriptors, no memory). To be freed with
+// free_metadata_list.
 metadata_v4_metadata_context* load_metadata(const metadata_store& store);
+
+// True when the list holds what a dead process was asked to store and what is not in the metadata
+// file yet: storing the list puts it there.
+bool has_unwritten_settings(const metadata_v4_metadata_context* list);
 
 // Replaces the stored file by the list, under the lock. Refused when another process holds the lock
 // for longer than the limit, or has changed the file since the list was read. 0, or -1 after a
 // message and with the old file untouched.
 int store_metadata(const metadata_store& store, metadata_v4_metadata_context* list);
 
-struct entry_update {
-    std::string_view name;
-    std::string_view value;
-};
-
 // Sets entries of the item in the stored file, everything else in it as another process may have
-// left it: read, changed and replaced under the lock. Does not write when nothing changes. 0, or -1
-// after a message and with the old file untouched; a damaged file stays for the next start to set
-// aside.
-int update_stored_metadata(const metadata_store& store, std::span<const entry_update> updates);
+// left it: read, changed and replaced under the lock. Does not write when nothing changes. What
+// dead processes left in pending files is taken in first. `own`, when given, is this process's
+// pending file, which holds nothing but these settings; it is removed once they are in the metadata
+// file. 0, or -1 after a message, which *reason gets, too, with the old file untouched; a damaged
+// file stays for the next start to set aside.
+int update_stored_metadata(const metadata_store& store, const item_settings& settings,
+                           pending_file* own = nullptr, std::string* reason = nullptr);
+
+// Removes new metadata files that dead writers left, as each write does. Only under the lock.
+void remove_left_temporaries(const metadata_store& store);
 
 } // namespace platform

@@ -1,5 +1,6 @@
 #include "platform/standalone/metadata/metadata_list.h"
 
+#include <set>
 #include <utility>
 
 using platform::metadata_slot;
@@ -101,9 +102,14 @@ void free_slot(metadata_v4_metadata_context* list, metadata_slot* slot)
     publish(slot);
 }
 
+bool is_item_entry(const metadata_slot& slot)
+{
+    return !slot.hole && slot.text.tag == platform::item_tag;
+}
+
 bool is_item_entry(const metadata_slot& slot, std::string_view name)
 {
-    return !slot.hole && slot.text.tag == platform::item_tag && slot.text.name == name;
+    return is_item_entry(slot) && slot.text.name == name;
 }
 
 std::string_view text_of(const char* text, size_t length)
@@ -240,6 +246,38 @@ int set_item_entry(metadata_v4_metadata_context* list, std::string_view name,
         return append_entry(list, name, value, item_tag) == 0 ? 1 : -1;
     }
     return changed;
+}
+
+settings_result set_item_entries(metadata_v4_metadata_context* list, const item_settings& settings)
+{
+    settings_result result;
+    size_t changes = 0;
+    if (list == nullptr || list->closed) {
+        result.refused = settings.size();
+        return result;
+    }
+    std::set<std::string_view> seen;
+    for (metadata_slot& slot : list->slots) {
+        const auto setting = is_item_entry(slot) ? settings.find(slot.text.name) : settings.end();
+        if (setting == settings.end()) {
+            continue;
+        }
+        if (!seen.insert(setting->first).second) {
+            free_slot(list, &slot);
+            ++changes;
+        } else if (slot.text.value != setting->second) {
+            const bool fits = acceptable(setting->first, setting->second) &&
+                              change_value(list, &slot, setting->second) == 0;
+            ++(fits ? changes : result.refused);
+        }
+    }
+    for (const auto& [name, value] : settings) {
+        if (!seen.contains(name)) {
+            ++(append_entry(list, name, value, item_tag) == 0 ? changes : result.refused);
+        }
+    }
+    result.changed = changes > 0;
+    return result;
 }
 
 void free_item_entries(metadata_v4_metadata_context* list, std::string_view name)

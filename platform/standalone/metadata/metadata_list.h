@@ -5,10 +5,12 @@
 #include <deque>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/metadata.h"
 #include "platform/standalone/metadata/file_identity.h"
 #include "platform/standalone/metadata/metadata_text.h"
+#include "platform/standalone/metadata/pending_text.h"
 
 namespace platform {
 
@@ -17,6 +19,12 @@ struct metadata_slot : metadata_v4_entry {
     text_entry text;
     size_t line_size = 0; // bytes of its line in the file
     bool hole = false;    // freed; only the comments before it are left
+};
+
+// A pending file as it was when it was read.
+struct replayed_file {
+    std::string name;
+    file_identity state;
 };
 
 } // namespace platform
@@ -30,6 +38,8 @@ struct metadata_v4_metadata_context {
     bool closed = false;            // answers as an empty list from now on
     bool write_refused = false;     // what is stored must not be replaced by this list
     platform::file_identity stored; // the file that the list was read from or last written to
+    std::vector<platform::replayed_file> replayed; // pending files whose settings are in the list
+    bool unwritten_settings = false;               // some of them are of dead processes
 };
 
 namespace platform {
@@ -52,6 +62,13 @@ const metadata_v4_entry* find_item_entry(const metadata_v4_metadata_context* lis
 // before.
 int set_item_entry(metadata_v4_metadata_context* list, std::string_view name,
                    std::string_view value);
+
+// The same for many at once, in one pass over the list.
+struct settings_result {
+    bool changed = false;
+    size_t refused = 0; // entries that the list does not take; the others are set nevertheless
+};
+settings_result set_item_entries(metadata_v4_metadata_context* list, const item_settings& settings);
 
 // Frees the item's entries of this name, if there are any.
 void free_item_entries(metadata_v4_metadata_context* list, std::string_view name);

@@ -323,12 +323,12 @@ TEST(ClientArguments, MetadataOfTheWrongLengthIsNotSent)
 
 TEST(ClientResults, EachHasAText)
 {
-    for (int result = STILLIMAGE_ERROR_LIMIT; result <= STILLIMAGE_OK; ++result) {
+    for (int result = STILLIMAGE_ERROR_NOT_STORED; result <= STILLIMAGE_OK; ++result) {
         EXPECT_STRNE(stillimage_result_text(static_cast<stillimage_result>(result)),
                      "unknown result");
     }
     EXPECT_STREQ(stillimage_result_text(STILLIMAGE_OK), "done");
-    EXPECT_STREQ(stillimage_result_text(static_cast<stillimage_result>(-12)), "unknown result");
+    EXPECT_STREQ(stillimage_result_text(static_cast<stillimage_result>(-13)), "unknown result");
     EXPECT_EQ(stillimage_client_version(), 0x10000);
 }
 

@@ -228,13 +228,82 @@ TEST_F(ClientsRequests, MetadataIsStoredThenHandedToTheProgram)
 TEST_F(ClientsRequests, MetadataThatTheItemRefusesChangesNothing)
 {
     client();
-    state.refuses_settings = true;
+    state.settings = setting_state::REFUSED;
     state.document_changed = false;
     expect_error(ask(client(), encode(4, set_metadata{"GUID", "1"})), REFUSED_VALUE, 4,
                  "this metadata may not be set so");
     EXPECT_THAT(state.hook_calls, IsEmpty());
     EXPECT_FALSE(state.document_changed);
     EXPECT_FALSE(client().hung_up());
+}
+
+TEST_F(ClientsRequests, MetadataThatIsNotStoredHoldsAndIsToldWithTheReason)
+{
+    client();
+    state.settings = setting_state::NOT_STORED;
+    state.document_changed = false;
+    expect_error(ask(client(), encode(4, set_metadata{"aspect ratio", "16:9"})), NOT_STORED, 4,
+                 "applied, but not stored: the disk is full");
+    EXPECT_THAT(state.hook_calls, ElementsAre("aspect ratio=16:9"));
+    EXPECT_TRUE(state.document_changed);
+    EXPECT_FALSE(client().hung_up());
+}
+
+// Only the client whose value waits is held up, and its later requests are answered after it.
+TEST_F(ClientsRequests, MetadataThatWaitsIsAnsweredWhenItIsDecided)
+{
+    for (const setting_state decided : {setting_state::STORED, setting_state::NOT_STORED}) {
+        const packet_client setter = greeted();
+        const packet_client other = greeted();
+        state.settings = setting_state::WAITS;
+        ASSERT_TRUE(setter.send(encode(4, set_metadata{"title", "x"})));
+        ASSERT_TRUE(setter.send(encode_ping(5, PING, {})));
+        pump();
+        EXPECT_FALSE(setter.receive().has_value());
+        const auto pong = ask(other, encode_ping(6, PING, {}));
+        ASSERT_TRUE(pong.has_value());
+        EXPECT_EQ(pong->header.type, PONG);
+        state.settings = decided;
+        vexa_comm_server->next_look_us = 0;
+        pump();
+        const auto answer = setter.receive();
+        if (decided == setting_state::STORED) {
+            expect_done(answer, 4);
+        } else {
+            expect_error(answer, NOT_STORED, 4, "applied, but not stored: the disk is full");
+        }
+        const auto next = setter.receive();
+        ASSERT_TRUE(next.has_value());
+        EXPECT_EQ(next->header.type, PONG);
+    }
+}
+
+TEST_F(ClientsRequests, ClientThatLeavesWhileItsMetadataWaitsIsForgotten)
+{
+    packet_client setter = greeted();
+    state.settings = setting_state::WAITS;
+    ASSERT_TRUE(setter.send(encode(4, set_metadata{"title", "x"})));
+    pump();
+    EXPECT_EQ(connected_clients(), 1U);
+    setter.close();
+    vexa_comm_server->next_look_us = 0;
+    pump();
+    EXPECT_EQ(connected_clients(), 0U);
+    state.settings = setting_state::STORED;
+    vexa_comm_server->next_look_us = 0;
+    pump();
+}
+
+TEST_F(ClientsRequests, MetadataThatWaitsAtTheEndIsWrittenAndAnswered)
+{
+    const packet_client setter = greeted();
+    state.settings = setting_state::WAITS;
+    ASSERT_TRUE(setter.send(encode(4, set_metadata{"title", "x"})));
+    pump();
+    close_vexa_client_contexts();
+    EXPECT_EQ(state.settings_written, 1U);
+    expect_done(setter.receive(), 4);
+    EXPECT_TRUE(setter.hung_up());
 }
 
 TEST_F(ClientsRequests, MetadataAtItsLimitsIsTakenAndBeyondRefused)

@@ -11,7 +11,7 @@ namespace {
 // 0x0807060504030201.
 std::string header_hex(const char* type, const char* length)
 {
-    return std::string("53 54 49 4C 01 00 00 00 ") + type + " 00 00 " + length +
+    return std::string("53 54 49 4C 01 00 01 00 ") + type + " 00 00 " + length +
            " 00 00 01 02 03 04 05 06 07 08";
 }
 

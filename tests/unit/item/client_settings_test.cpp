@@ -4,61 +4,30 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include "platform/media_item.h"
-#include "platform/standalone/item/client_settings.h"
-#include "platform/standalone/item/derived.h"
-#include "platform/standalone/item/document.h"
-#include "platform/standalone/item/item_state.h"
-#include "platform/time.h"
-#include "tests/unit/item/item_fixture.h"
+#include "tests/unit/item/client_settings_fixture.h"
 
 namespace {
 
-class ClientSettings : public item_test::ItemFixture {
-protected:
-    ClientSettings()
-    {
-        name_picture();
-        vexa_set_string(&vexa_file_metadir, folder.path("meta").c_str());
-    }
+using item_test::ClientSettings;
 
-    // An item that is being served: its list is closed.
-    void serve()
-    {
-        ASSERT_EQ(vexa_standard_to_derived_params(), 0);
-        meta_to_json(vexa_metadata);
-        metadata_v4_metadata_close_file(vexa_metadata);
-    }
-
-    std::string stored() const { return folder.read("meta/metadata"); }
-
-    static std::string shown(const char* name)
-    {
-        const std::string* value = item::document_entry(name);
-        return value != nullptr ? *value : "(none)";
-    }
-
-    uint64_t later() const { return monotonic_clock_us() + 1'000'001; }
-};
-
-TEST_F(ClientSettings, AreShownAtOnceAndWrittenAfterASecond)
+TEST_F(ClientSettings, AreShownAndSavedAtOnceAndWrittenAfterASecond)
 {
     serve();
-    ASSERT_EQ(store_client_setting("title", "A picture"), 0);
+    ASSERT_EQ(store_client_setting("title", "A picture"), setting_state::STORED);
     EXPECT_EQ(shown("title"), "A picture");
     item::store_waiting_settings(monotonic_clock_us());
     EXPECT_EQ(stored().find("title"), std::string::npos);
+    EXPECT_TRUE(folder.has("meta/metadata.pending-1"));
     item::store_waiting_settings(later());
     EXPECT_NE(stored().find("title = A picture\n"), std::string::npos);
+    EXPECT_FALSE(folder.has("meta/metadata.pending-1"));
 }
 
 TEST_F(ClientSettings, ManySetsAreOneWrite)
 {
     serve();
     for (int i = 0; i < 100'000; ++i) {
-        ASSERT_EQ(store_client_setting("title", std::to_string(i)), 0);
+        ASSERT_EQ(store_client_setting("title", std::to_string(i)), setting_state::STORED);
     }
     EXPECT_FALSE(folder.has("meta/metadata"));
     item::store_waiting_settings(later());
@@ -76,7 +45,7 @@ TEST_F(ClientSettings, WhatElseIsInTheFileStays)
     mkdir(folder.path("meta").c_str(), 0700);
     folder.write("meta/metadata", "# mine\none = 1\naspect ratio = 4:3\n");
     serve();
-    ASSERT_EQ(store_client_setting("aspect ratio", "16:9"), 0);
+    ASSERT_EQ(store_client_setting("aspect ratio", "16:9"), setting_state::STORED);
     folder.write("meta/metadata", "# mine\none = 1\naspect ratio = 4:3\nadded = by hand\n");
     item::store_waiting_settings(later());
     EXPECT_EQ(stored(), "# mine\none = 1\naspect ratio = 16:9\nadded = by hand\n");
@@ -85,7 +54,7 @@ TEST_F(ClientSettings, WhatElseIsInTheFileStays)
 TEST_F(ClientSettings, EndOfTheProcessWritesWhatWaits)
 {
     serve();
-    ASSERT_EQ(store_client_setting("title", "last words"), 0);
+    ASSERT_EQ(store_client_setting("title", "last words"), setting_state::STORED);
     vexa_free_all();
     EXPECT_NE(stored().find("title = last words\n"), std::string::npos);
 }
@@ -94,7 +63,7 @@ TEST_F(ClientSettings, WithoutMetadataUpdateNothingIsWritten)
 {
     serve();
     vexa_metadata_may_update = false;
-    ASSERT_EQ(store_client_setting("title", "x"), 0);
+    ASSERT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
     EXPECT_EQ(shown("title"), "x");
     item::store_waiting_settings(later());
     vexa_free_all();
@@ -108,7 +77,7 @@ TEST_F(ClientSettings, SameValueAgainIsNothingNew)
     serve();
     struct stat before = {};
     stat(folder.path("meta/metadata").c_str(), &before);
-    ASSERT_EQ(store_client_setting("title", "x"), 0);
+    ASSERT_EQ(store_client_setting("title", "x"), setting_state::STORED);
     item::store_waiting_settings(later());
     struct stat after = {};
     stat(folder.path("meta/metadata").c_str(), &after);
@@ -120,54 +89,55 @@ TEST_F(ClientSettings, FactsOfTheWorkerAreRefused)
     serve();
     for (const char* name : {"file type", "GUID", "image size", "picture size", "picture time",
                              "time duration", "time scale", "video streams"}) {
-        EXPECT_EQ(store_client_setting(name, "1"), -1) << name;
+        EXPECT_EQ(store_client_setting(name, "1"), setting_state::REFUSED) << name;
         EXPECT_EQ(shown(name), "(none)") << name;
     }
-    EXPECT_EQ(store_client_setting("file type ", "1"), 0);
+    EXPECT_EQ(store_client_setting("file type ", "1"), setting_state::STORED);
 }
 
 TEST_F(ClientSettings, KnownNamesMustParse)
 {
     serve();
     for (const char* value : {"", "wide", "16:0", "-1:1", "16:9:1"}) {
-        EXPECT_EQ(store_client_setting("aspect ratio", value), -1) << value;
+        EXPECT_EQ(store_client_setting("aspect ratio", value), setting_state::REFUSED) << value;
     }
     for (const char* value : {"", "loud", "2"}) {
-        EXPECT_EQ(store_client_setting("background music", value), -1) << value;
+        EXPECT_EQ(store_client_setting("background music", value), setting_state::REFUSED) << value;
     }
     EXPECT_EQ(shown("aspect ratio"), "(none)");
-    EXPECT_EQ(store_client_setting("aspect ratio", "16:9"), 0);
-    EXPECT_EQ(store_client_setting("background music", "on"), 0);
+    EXPECT_EQ(store_client_setting("aspect ratio", "16:9"), setting_state::STORED);
+    EXPECT_EQ(store_client_setting("background music", "on"), setting_state::STORED);
 }
 
 TEST_F(ClientSettings, NamesAndValuesHaveLimits)
 {
     serve();
-    EXPECT_EQ(store_client_setting("", "x"), -1);
-    EXPECT_EQ(store_client_setting(std::string(256, 'n'), "x"), 0);
-    EXPECT_EQ(store_client_setting(std::string(257, 'n'), "x"), -1);
-    EXPECT_EQ(store_client_setting("value", std::string(16384, 'v')), 0);
-    EXPECT_EQ(store_client_setting("value", std::string(16385, 'v')), -1);
-    EXPECT_EQ(store_client_setting(std::string_view("a\0b", 3), "x"), -1);
-    EXPECT_EQ(store_client_setting("a", std::string_view("x\0y", 3)), -1);
-    EXPECT_EQ(store_client_setting("a", ""), 0);
+    EXPECT_EQ(store_client_setting("", "x"), setting_state::REFUSED);
+    EXPECT_EQ(store_client_setting(std::string(256, 'n'), "x"), setting_state::STORED);
+    EXPECT_EQ(store_client_setting(std::string(257, 'n'), "x"), setting_state::REFUSED);
+    EXPECT_EQ(store_client_setting("value", std::string(16384, 'v')), setting_state::STORED);
+    EXPECT_EQ(store_client_setting("value", std::string(16385, 'v')), setting_state::REFUSED);
+    EXPECT_EQ(store_client_setting(std::string_view("a\0b", 3), "x"), setting_state::REFUSED);
+    EXPECT_EQ(store_client_setting("a", std::string_view("x\0y", 3)), setting_state::REFUSED);
+    EXPECT_EQ(store_client_setting("a", ""), setting_state::STORED);
 }
 
 TEST_F(ClientSettings, NewNamesAreCounted)
 {
     serve();
     for (int i = 0; i < 256; ++i) {
-        ASSERT_EQ(store_client_setting("name " + std::to_string(i), "x"), 0);
+        ASSERT_EQ(store_client_setting("name " + std::to_string(i), "x"), setting_state::STORED);
     }
-    EXPECT_EQ(store_client_setting("one more", "x"), -1);
+    EXPECT_EQ(store_client_setting("one more", "x"), setting_state::REFUSED);
     EXPECT_EQ(shown("one more"), "(none)");
-    EXPECT_EQ(store_client_setting("name 7", "y"), 0);
+    EXPECT_EQ(store_client_setting("name 7", "y"), setting_state::STORED);
 }
 
 TEST_F(ClientSettings, HostileTextForgesNoEntry)
 {
     serve();
-    ASSERT_EQ(store_client_setting("a\nfile type = b", "c\nGUID = d = \x1B\xFF"), 0);
+    ASSERT_EQ(store_client_setting("a\nfile type = b", "c\nGUID = d = \x1B\xFF"),
+              setting_state::STORED);
     item::store_waiting_settings(later());
     item::close_item();
     vexa_set_string(&vexa_file_type, nullptr);
@@ -184,7 +154,7 @@ TEST_F(ClientSettings, FailedWriteIsTriedAgainLessAndLessOften)
     const platform::unique_fd other(
         open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
-    ASSERT_EQ(store_client_setting("title", "x"), 0);
+    ASSERT_EQ(store_client_setting("title", "x"), setting_state::STORED);
     const uint64_t now_us = later();
     EXPECT_NE(messages([&] { item::store_waiting_settings(now_us); }), "");
     EXPECT_EQ(messages([&] { item::store_waiting_settings(now_us + 1'999'999); }), "");
@@ -198,27 +168,33 @@ TEST_F(ClientSettings, FailedWriteIsTriedAgainLessAndLessOften)
 TEST_F(ClientSettings, TerminationDoesNotLoseThem)
 {
     serve();
-    ASSERT_EQ(store_client_setting("title", "x"), 0);
+    ASSERT_EQ(store_client_setting("title", "x"), setting_state::STORED);
     DIE4 = 1;
     vexa_free_all();
     EXPECT_NE(stored().find("title = x\n"), std::string::npos);
 }
 
-TEST_F(ClientSettings, WhatCannotBeWrittenAtTheEndIsToldLost)
+// Without the lock there is no write, but the pending file is this process's own.
+TEST_F(ClientSettings, WhatCannotBeWrittenAtTheEndIsLeftToTheNextStart)
 {
     serve();
     const platform::unique_fd other(
         open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
-    ASSERT_EQ(store_client_setting("title", "x"), 0);
-    EXPECT_TRUE(messages(vexa_free_all).ends_with("What clients have set is lost\n"));
+    ASSERT_EQ(store_client_setting("title", "x"), setting_state::STORED);
+    EXPECT_TRUE(messages(vexa_free_all)
+                    .ends_with("What clients have set is taken over by the next start\n"));
+    flock(other.get(), LOCK_UN);
+    start_again();
+    EXPECT_TRUE(vexa_do_write_metadata);
+    EXPECT_EQ(shown("title"), "x");
 }
 
-TEST_F(ClientSettings, WithoutAnItemNothingHappens)
+TEST_F(ClientSettings, WithoutAnItemNothingIsStored)
 {
-    EXPECT_EQ(store_client_setting("title", "x"), 0);
+    EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
     item::store_waiting_settings(later());
-    item::store_all_settings();
+    store_client_settings_now();
 }
 
 } // namespace

@@ -144,8 +144,8 @@ TEST_F(DerivedSocket, ValueSetBeforeTheExaminationOutlivesIt)
     fs::create_directory(folder.path("meta"));
     folder.write("meta/metadata", "colour = green\n");
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
-    ASSERT_EQ(store_client_setting("colour", "red"), 0);
-    ASSERT_EQ(store_client_setting("mood", "calm"), 0);
+    ASSERT_EQ(store_client_setting("colour", "red"), setting_state::STORED);
+    ASSERT_EQ(store_client_setting("mood", "calm"), setting_state::STORED);
     // As the program does after the examination.
     meta_to_json(vexa_metadata);
     vexa_standard_vars_to_metadata(vexa_metadata);
@@ -156,7 +156,7 @@ TEST_F(DerivedSocket, ValueSetBeforeTheExaminationOutlivesIt)
     EXPECT_NE(folder.read("meta/metadata").find("colour = red\n"), std::string::npos);
     EXPECT_NE(status_document().find("\"value\": \"red\""), std::string::npos);
     EXPECT_NE(status_document().find("\"value\": \"calm\""), std::string::npos);
-    EXPECT_EQ(store_client_setting("colour", "blue"), 0); // the list is closed
+    EXPECT_EQ(store_client_setting("colour", "blue"), setting_state::STORED); // the list is closed
     EXPECT_NE(status_document().find("\"value\": \"blue\""), std::string::npos);
 }
 

@@ -19,7 +19,6 @@
 namespace {
 
 using failing_files::fate;
-using platform::entry_update;
 using platform::load_metadata;
 using platform::store_metadata;
 using platform::update_stored_metadata;
@@ -48,9 +47,10 @@ protected:
 
     int update_told(std::string_view name, std::string_view value)
     {
-        const entry_update update = {.name = name, .value = value};
         int result = 0;
-        told = printed_by([&] { result = update_stored_metadata(store, {&update, 1}); });
+        told = printed_by([&] {
+            result = update_stored_metadata(store, {{std::string(name), std::string(value)}});
+        });
         return result;
     }
 
@@ -426,8 +426,7 @@ TEST_F(MetadataFile, SeveralUpdatesAreOneWrite)
 {
     folder.write("metadata", "a = 1\n");
     store.operations = &failing_files::operations;
-    const entry_update updates[] = {{"a", "2"}, {"b", "3"}, {"a", "4"}};
-    ASSERT_EQ(update_stored_metadata(store, updates), 0);
+    ASSERT_EQ(update_stored_metadata(store, {{"a", "4"}, {"b", "3"}}), 0);
     EXPECT_EQ(folder.read("metadata"), "a = 4\nb = 3\n");
     EXPECT_EQ(failing_files::calls(),
               (strings{"open_at", "write", "change_mode", "sync", "rename_at", "sync"}));
@@ -446,9 +445,9 @@ TEST_F(MetadataFile, UpdateLeavesADamagedFileWhereItIs)
 TEST_F(MetadataFile, UpdateThatIsRefusedWritesNothing)
 {
     folder.write("metadata", "a = 1\n");
-    const entry_update updates[] = {{"a", "2"}, {"b", std::string_view("x\0y", 3)}};
+    const platform::item_settings settings = {{"a", "2"}, {"b", std::string("x\0y", 3)}};
     const std::string text =
-        printed_by([&] { EXPECT_EQ(update_stored_metadata(store, updates), -1); });
+        printed_by([&] { EXPECT_EQ(update_stored_metadata(store, settings), -1); });
     EXPECT_EQ(text, "Cannot write metadata file 'META': an entry is too large or holds a NUL\n");
     EXPECT_EQ(folder.read("metadata"), "a = 1\n");
 }

@@ -16,7 +16,6 @@
 namespace {
 
 using failing_files::fate;
-using platform::entry_update;
 
 constexpr uint64_t long_wait_us = 60'000'000;
 
@@ -31,14 +30,12 @@ TEST(StoredMetadataRace, KillAtEveryStepLeavesTheOldOrTheNewFile)
             const int ended = run_in_child([&] {
                 store.operations = &failing_files::operations;
                 failing_files::arm(step, moment);
-                const entry_update update = {.name = "a", .value = "new"};
-                return platform::update_stored_metadata(store, {&update, 1});
+                return platform::update_stored_metadata(store, {{"a", "new"}});
             });
             ASSERT_EQ(ended, -SIGKILL) << "step " << step;
             const bool renamed = step > 5 || (step == 5 && moment == fate::DIE_AFTER);
             EXPECT_EQ(folder.read("metadata"), renamed ? "a = new\n" : "a = old\n");
-            const entry_update update = {.name = "a", .value = "next"};
-            EXPECT_EQ(platform::update_stored_metadata(store, {&update, 1}), 0);
+            EXPECT_EQ(platform::update_stored_metadata(store, {{"a", "next"}}), 0);
             EXPECT_EQ(folder.read("metadata"), "a = next\n");
             EXPECT_EQ(folder.names(), (std::vector<std::string>{"metadata", "metadata.lock"}));
         }
@@ -56,8 +53,7 @@ TEST(StoredMetadataRace, UpdatesOfTwoProcessesAreAllKept)
     const auto update_often = [&](const std::string& who) {
         for (int round = 0; round < rounds; ++round) {
             const std::string name = who + std::to_string(round);
-            const entry_update update = {.name = name, .value = "set"};
-            if (platform::update_stored_metadata(store, {&update, 1}) != 0) {
+            if (platform::update_stored_metadata(store, {{name, "set"}}) != 0) {
                 return 1;
             }
         }
@@ -152,8 +148,7 @@ TEST(StoredMetadataRace, ReadersBesideAWriterAlwaysFindAWholeFile)
     child_process writer([&] {
         for (int value = 0;; ++value) {
             const std::string text = std::to_string(value);
-            const entry_update updates[] = {{"a", text}, {"b", text}};
-            if (platform::update_stored_metadata(store, updates) != 0) {
+            if (platform::update_stored_metadata(store, {{"a", text}, {"b", text}}) != 0) {
                 return 1;
             }
         }

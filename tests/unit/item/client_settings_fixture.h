@@ -1,0 +1,95 @@
+// An item whose clients set metadata, and the folder in which that is stored.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json11.hpp>
+
+#include "platform/media_item.h"
+#include "platform/standalone/item/client_settings.h"
+#include "platform/standalone/item/derived.h"
+#include "platform/standalone/item/document.h"
+#include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/life_cycle.h"
+#include "platform/standalone/metadata/metadata_file.h"
+#include "platform/standalone/metadata/metadata_list.h"
+#include "platform/time.h"
+#include "tests/support/failing_files.h"
+#include "tests/unit/item/item_fixture.h"
+
+namespace item_test {
+
+using failing_files::fate;
+using json11::Json;
+
+class ClientSettings : public ItemFixture {
+protected:
+    ClientSettings()
+    {
+        failing_files::arm(0, fate::FAIL);
+        name_item();
+    }
+
+    void name_item()
+    {
+        name_picture();
+        vexa_set_string(&vexa_file_metadir, folder.path("meta").c_str());
+    }
+
+    // An item that is being served: its list is closed.
+    void serve()
+    {
+        ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+        meta_to_json(vexa_metadata);
+        metadata_v4_metadata_close_file(vexa_metadata);
+    }
+
+    std::string stored() const { return folder.read("meta/metadata"); }
+
+    static std::string shown(const char* name)
+    {
+        const std::string* value = ::item::document_entry(name);
+        return value != nullptr ? *value : "(none)";
+    }
+
+    uint64_t later() const { return monotonic_clock_us() + 1'000'001; }
+
+    std::vector<std::string> names_in_meta() const
+    {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(folder.path("meta"))) {
+            names.push_back(entry.path().filename());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    // As the next worker on the item.
+    void start_again()
+    {
+        ::item::close_item();
+        name_item();
+        serve();
+    }
+
+    static void operations(const platform::file_operations& used)
+    {
+        static_cast<platform::open_item*>(vexa_meta)->store.operations = &used;
+    }
+    static void use_failing_files() { operations(failing_files::operations); }
+
+    // What the status document says of it; null: nothing.
+    static Json not_stored()
+    {
+        std::string error;
+        return Json::parse(status_document(), error)["metadata not stored"];
+    }
+};
+
+} // namespace item_test

@@ -1,0 +1,297 @@
+// What a client is promised when it sets metadata: a value that is said to be stored survives the
+// death of the worker at any later moment, and one that cannot be stored is said not to be.
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <sched.h>
+#include <string>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tests/support/child_process.h"
+#include "tests/unit/item/client_settings_fixture.h"
+
+namespace {
+
+using failing_files::fate;
+using item_test::ClientSettings;
+using json11::Json;
+using list_owner =
+    std::unique_ptr<metadata_v4_metadata_context, void (*)(metadata_v4_metadata_context*)>;
+
+// --- what is promised: a stored value survives the death of the process ---------------------------
+
+// Each round is a worker that is killed as soon as it has said "stored".
+TEST_F(ClientSettings, AThousandKillsRightAfterTheAnswerLoseNothing)
+{
+    serve();
+    for (int round = 0; round < 1000; ++round) {
+        const std::string value = std::to_string(round);
+        ASSERT_EQ(run_in_child([&] {
+                      if (store_client_setting("title", value) == setting_state::STORED) {
+                          kill(getpid(), SIGKILL);
+                      }
+                      return 0;
+                  }),
+                  -SIGKILL);
+        const list_owner list(platform::load_metadata(item::opened_item()->store),
+                              platform::free_metadata_list);
+        const metadata_v4_entry* entry = platform::find_item_entry(list.get(), "title");
+        ASSERT_NE(entry, nullptr) << round;
+        ASSERT_EQ(entry->value, value);
+        if (round % 10 == 9) { // starts that write, between some that do not
+            ASSERT_EQ(platform::store_metadata(item::opened_item()->store, list.get()), 0);
+        }
+    }
+}
+
+// With values of all sizes, and kills in the middle of the second's write.
+TEST_F(ClientSettings, KillsDuringTheWriteLoseNothing)
+{
+    serve();
+    for (int step = 1; step <= 8; ++step) {
+        const std::string value(static_cast<size_t>(step) * 2000, static_cast<char>('a' + step));
+        EXPECT_EQ(run_in_child([&] {
+                      use_failing_files();
+                      failing_files::arm(0, fate::FAIL);
+                      if (store_client_setting("title", value) != setting_state::STORED) {
+                          return 1;
+                      }
+                      failing_files::arm(step, fate::DIE_AFTER);
+                      item::store_waiting_settings(later());
+                      return 0;
+                  }),
+                  -SIGKILL)
+            << step;
+        const list_owner list(platform::load_metadata(item::opened_item()->store),
+                              platform::free_metadata_list);
+        ASSERT_NE(platform::find_item_entry(list.get(), "title"), nullptr);
+        EXPECT_EQ(platform::find_item_entry(list.get(), "title")->value, value) << step;
+    }
+}
+
+// --- what cannot be stored ----------------------------------------------------------------------
+
+TEST_F(ClientSettings, AreNotStoredWhenNothingMayBeWritten)
+{
+    serve();
+    vexa_metadata_may_update = false;
+    EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
+    EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
+    EXPECT_EQ(why_settings_are_not_stored(), "the worker runs with --no-metadata-update");
+    EXPECT_EQ(names_in_meta(), std::vector<std::string>{"metadata.lock"});
+}
+
+TEST_F(ClientSettings, AreShownAsNotStoredUntilTheyAre)
+{
+    serve();
+    EXPECT_EQ(not_stored(), Json());
+    use_failing_files();
+    failing_files::arm(1, fate::FAIL, ENOSPC); // making the pending file
+    EXPECT_EQ(messages([&] {
+                  EXPECT_EQ(store_client_setting("ti\"tle\xFF", "x"), setting_state::NOT_STORED);
+              }),
+              "Cannot store metadata of a client '" + folder.path("meta/metadata") +
+                  "': No space left on device\n");
+    EXPECT_EQ(shown("ti\"tle\xFF"), "x");
+    const Json expected = Json::object{{"count", 1},
+                                       {"names", Json::array{"ti\"tle\uFFFD"}},
+                                       {"reason", "No space left on device"}};
+    EXPECT_EQ(not_stored(), expected);
+    item::store_waiting_settings(later());
+    EXPECT_EQ(not_stored(), Json());
+    EXPECT_NE(stored().find(" = x\n"), std::string::npos);
+}
+
+// Once there is room, the same value again is an attempt, and takes the others along.
+TEST_F(ClientSettings, AreStoredByTheNextOneThatCanBe)
+{
+    serve();
+    use_failing_files();
+    failing_files::arm(1, fate::FAIL, ENOSPC);
+    messages([] { store_client_setting("one", "1"); });
+    failing_files::arm(1, fate::FAIL, ENOSPC);
+    messages([] { store_client_setting("two", "2"); });
+    EXPECT_EQ(client_setting_state("one"), setting_state::NOT_STORED);
+    EXPECT_EQ(store_client_setting("two", "2"), setting_state::STORED);
+    EXPECT_EQ(client_setting_state("one"), setting_state::STORED);
+    item::reset_client_settings();
+    start_again();
+    EXPECT_EQ(shown("one"), "1");
+    EXPECT_EQ(shown("two"), "2");
+}
+
+TEST_F(ClientSettings, EachFailingCallIsToldOrMadeUpFor)
+{
+    for (int call = 1; call <= 12; ++call) {
+        item::reset_item();
+        name_item();
+        serve();
+        use_failing_files();
+        failing_files::arm(call, fate::FAIL, EIO);
+        const std::string value = std::to_string(call);
+        messages([&] {
+            const setting_state state = store_client_setting("title", value);
+            EXPECT_EQ(state, call <= 2 ? setting_state::NOT_STORED : setting_state::STORED) << call;
+            vexa_free_all(); // tries twice
+        });
+        EXPECT_NE(stored().find("title = " + value + "\n"), std::string::npos) << call;
+        EXPECT_EQ(names_in_meta(), (std::vector<std::string>{"metadata", "metadata.lock"})) << call;
+    }
+}
+
+TEST_F(ClientSettings, WhatWasNowhereAtTheEndIsToldLost)
+{
+    serve();
+    static platform::file_operations full;
+    full = platform::system_file_operations;
+    full.open_at = [](int, const char*, int, mode_t) {
+        errno = ENOSPC;
+        return -1;
+    };
+    operations(full);
+    const std::string told = messages([] {
+        EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
+        vexa_free_all();
+    });
+    const std::string attempt =
+        "Cannot create metadata file '" + folder.path("meta/metadata") + "'";
+    EXPECT_NE(told.find(attempt), told.rfind(attempt)); // twice
+    EXPECT_TRUE(told.ends_with("What clients have set is lost\n"));
+}
+
+TEST_F(ClientSettings, RemovedFolderIsNoticed)
+{
+    serve();
+    ASSERT_EQ(store_client_setting("one", "1"), setting_state::STORED);
+    std::filesystem::remove_all(folder.path("meta"));
+    messages([] {
+        EXPECT_EQ(store_client_setting("two", "2"), setting_state::NOT_STORED);
+        EXPECT_EQ(client_setting_state("one"), setting_state::NOT_STORED);
+    });
+    EXPECT_EQ(why_settings_are_not_stored(), "No such file or directory");
+}
+
+TEST_F(ClientSettings, RemovedPendingFileIsMadeAnew)
+{
+    serve();
+    ASSERT_EQ(store_client_setting("one", "1"), setting_state::STORED);
+    unlink(folder.path("meta/metadata.pending-1").c_str());
+    ASSERT_EQ(store_client_setting("two", "2"), setting_state::STORED);
+    item::reset_client_settings();
+    start_again();
+    EXPECT_EQ(shown("one"), "1");
+    EXPECT_EQ(shown("two"), "2");
+}
+
+// A real disk that is really full.
+TEST_F(ClientSettings, FullDiskIsToldAndMadeUpForOnceThereIsRoom)
+{
+    mkdir(folder.path("meta").c_str(), 0700);
+    const int result = run_in_child([&] {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", folder.path("meta").c_str(), "tmpfs", 0, "size=64k") != 0) {
+            return 2;
+        }
+        serve();
+        const std::string filler = folder.path("meta/filler");
+        const platform::unique_fd file(open(filler.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        const std::string page(4096, 'x');
+        while (write(file.get(), page.data(), page.size()) > 0) {
+        }
+        const std::string told = messages([&] {
+            EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
+            item::store_waiting_settings(later());
+        });
+        EXPECT_NE(told.find("No space left on device"), std::string::npos);
+        EXPECT_EQ(not_stored()["names"][0], Json("title"));
+        unlink(filler.c_str());
+        EXPECT_EQ(ftruncate(file.get(), 0), 0);
+        item::store_waiting_settings(later() + 10'000'000);
+        EXPECT_EQ(not_stored(), Json());
+        EXPECT_NE(stored().find("title = x\n"), std::string::npos);
+        return HasFailure() ? 1 : 0;
+    });
+    if (result == 2) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(ClientSettings, ReadOnlyFolderIsTold)
+{
+    mkdir(folder.path("meta").c_str(), 0700);
+    folder.write("meta/metadata", "title = old\n");
+    const int result = run_in_child([&] {
+        const std::string meta = folder.path("meta");
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount(meta.c_str(), meta.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+            mount("none", meta.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
+            return 2;
+        }
+        serve();
+        messages([&] {
+            EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
+            item::store_waiting_settings(later());
+        });
+        EXPECT_EQ(client_setting_state("title"), setting_state::NOT_STORED);
+        EXPECT_NE(why_settings_are_not_stored().find("Read-only file system"), std::string::npos);
+        EXPECT_EQ(shown("title"), "x");
+        EXPECT_EQ(stored(), "title = old\n");
+        return HasFailure() ? 1 : 0;
+    });
+    if (result == 2) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    EXPECT_EQ(result, 0);
+}
+
+// --- who sets without end -------------------------------------------------------------------------
+
+TEST_F(ClientSettings, SettingInALoopWaitsForTheNextWrite)
+{
+    serve();
+    const std::string long_text(16000, 'v');
+    setting_state state = setting_state::STORED;
+    int sets = 0;
+    for (; state == setting_state::STORED && sets < 2000; ++sets) {
+        state = store_client_setting("title", long_text + std::to_string(sets));
+    }
+    ASSERT_EQ(state, setting_state::WAITS);
+    EXPECT_LE(std::filesystem::file_size(folder.path("meta/metadata.pending-1")),
+              platform::max_pending_file);
+    EXPECT_EQ(store_client_setting("other", "x"), setting_state::STORED); // a small one still fits
+    EXPECT_EQ(client_setting_state("title"), setting_state::WAITS);
+    EXPECT_EQ(not_stored()["reason"], Json("not written yet"));
+    item::store_waiting_settings(later());
+    EXPECT_EQ(client_setting_state("title"), setting_state::STORED);
+    EXPECT_NE(stored().find("v" + std::to_string(sets - 1) + "\n"), std::string::npos);
+    EXPECT_EQ(store_client_setting("title", "short"), setting_state::STORED);
+}
+
+TEST_F(ClientSettings, NobodyWaitsForAWriteThatFails)
+{
+    serve();
+    const platform::unique_fd other(
+        open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
+    const std::string long_text(16000, 'v');
+    setting_state state = setting_state::STORED;
+    for (int sets = 0; state == setting_state::STORED && sets < 2000; ++sets) {
+        state = store_client_setting("title", long_text + std::to_string(sets));
+    }
+    ASSERT_EQ(state, setting_state::WAITS);
+    messages([&] { item::store_waiting_settings(later()); });
+    EXPECT_EQ(client_setting_state("title"), setting_state::NOT_STORED);
+    EXPECT_EQ(store_client_setting("title", long_text), setting_state::NOT_STORED);
+    EXPECT_EQ(why_settings_are_not_stored(), "another process holds its lock");
+    messages(store_client_settings_now);
+}
+
+} // namespace

@@ -1,19 +1,16 @@
 #include "platform/standalone/item/derived.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "platform/item_paths.h"
 #include "platform/media_item.h"
 #include "platform/standalone/base/error_line.h"
-#include "platform/standalone/base/file_lock.h"
 #include "platform/standalone/base/folders.h"
 #include "platform/standalone/comm/listener.h"
 #include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/leftovers.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/standard_entries.h"
@@ -63,6 +60,16 @@ int derive_socket(const std::string& name)
     return 0;
 }
 
+// The worker that served it may have gone, too.
+int refuse_missing_picture(int error_number)
+{
+    if (mode_serves() || vexa_temp_clean_only) {
+        remove_dead_socket(vexa_sock != nullptr ? platform::absolute_path(vexa_sock)
+                                                : socket_of_missing_picture(vexa_file));
+    }
+    return refuse("Cannot open file", vexa_file, error_number);
+}
+
 // What the command line left open.
 int derive_paths()
 {
@@ -71,7 +78,7 @@ int derive_paths()
     }
     std::string name;
     if (!item_paths::name_of_picture(vexa_file, &name)) {
-        return refuse("Cannot open file", vexa_file, errno);
+        return refuse_missing_picture(errno);
     }
     if (vexa_file_metadir == nullptr && derive_metadir(name) != 0) {
         return -1;
@@ -116,35 +123,6 @@ int open_item_and_list()
     return 0;
 }
 
-// --- leftovers ----------------------------------------------------------------------------------
-
-bool is_ours(const std::string& path)
-{
-    struct stat status = {};
-    return lstat(path.c_str(), &status) == 0 && status.st_uid == geteuid();
-}
-
-// What a worker that was killed may have left: its socket and lock here, half-written metadata
-// below. Nothing of a live one is touched: each kind of file is only removed under the lock of those
-// who write it.
-void remove_dead_socket()
-{
-    if ((is_ours(absolute_socket) || is_ours(absolute_socket + lock_suffix)) &&
-        take_serve_lock(absolute_socket)) {
-        platform::clear_socket_path(absolute_socket);
-        release_serve_lock();
-    }
-}
-
-void remove_half_written_metadata()
-{
-    platform::file_lock writers;
-    const int folder = the_item->store.folder;
-    if (writers.take(folder, platform::metadata_lock_name, 0) == platform::lock_result::TAKEN) {
-        platform::remove_left_temporaries(the_item->store);
-    }
-}
-
 // --- stages, in their order ---------------------------------------------------------------------
 
 // The path is cleared before the picture is looked at: whatever becomes of this start, no dead
@@ -161,10 +139,10 @@ int take_socket_path()
 int clean_up_after_others()
 {
     if (vexa_temp_clean_only) {
-        remove_dead_socket();
+        remove_dead_socket(absolute_socket);
     }
     if (vexa_temp_clean_only || mode_serves()) {
-        remove_half_written_metadata();
+        remove_half_written_metadata(the_item->store);
     }
     return 0;
 }

@@ -13,6 +13,7 @@
 #include "platform/media_item.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
 #include "tests/support/child_process.h"
 #include "tests/unit/item/item_fixture.h"
@@ -328,6 +329,39 @@ TEST_F(Leftovers, GoAlsoWhenTheStartIsRefused)
     EXPECT_FALSE(folder.has("s.sock"));
     EXPECT_FALSE(folder.has(".stillimage-s.sock"));
     EXPECT_FALSE(folder.has("s.sock.lock"));
+}
+
+TEST_F(Leftovers, OfAPictureThatIsGoneGoToo)
+{
+    vexa_temp_clean_only = false;
+    for (const bool given : {true, false}) {
+        name_picture();
+        vexa_set_string(&vexa_file_metadir, nullptr);
+        vexa_set_string(&vexa_sock, given ? folder.path("s.sock").c_str() : nullptr);
+        ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+        const std::string path = socket_path();
+        vexa_set_string(&vexa_sock, given ? path.c_str() : nullptr);
+        vexa_set_string(&vexa_file_metadir, nullptr);
+        item::release_serve_lock();
+        socket_at(path, true);
+        folder.write("left", "4711\n");
+        fs::rename(folder.path("left"), path + ".lock");
+        unlink(vexa_file);
+        EXPECT_EQ(refusal(),
+                  "Cannot open file '" + std::string(vexa_file) + "': No such file or directory\n");
+        EXPECT_FALSE(fs::exists(path)) << path;
+        EXPECT_FALSE(fs::exists(path + ".lock")) << path;
+    }
+}
+
+TEST_F(Leftovers, OfAPictureWhoseFolderIsGoneAreNotFound)
+{
+    vexa_temp_clean_only = false;
+    vexa_set_string(&vexa_file_metadir, nullptr);
+    vexa_set_string(&vexa_sock, nullptr);
+    vexa_set_string(&vexa_file, folder.path("none/picture.png").c_str());
+    EXPECT_EQ(refusal(),
+              "Cannot open file '" + std::string(vexa_file) + "': No such file or directory\n");
 }
 
 // --- settings -----------------------------------------------------------------------------------

@@ -124,11 +124,20 @@ protected:
     {
         for (const refused_picture& wanted : pictures) {
             const worker_home home;
-            const ended_worker ended = run_worker(home, {{"--file", path(wanted.name)}});
-            EXPECT_EQ(ended.status, wanted.status) << wanted.name;
-            EXPECT_THAT(ended.told, EndsWith(wanted.told)) << wanted.name;
-            EXPECT_TRUE(home.sockets().empty()) << wanted.name;
+            expect_refused_in(home, wanted);
+            if (wanted.status == -SIGABRT) {
+                expect_refused_in(home, wanted); // what the first one left is in nobody's way
+            } else {
+                EXPECT_TRUE(home.sockets().empty()) << wanted.name;
+            }
         }
+    }
+
+    static void expect_refused_in(const worker_home& home, const refused_picture& wanted)
+    {
+        const ended_worker ended = run_worker(home, {{"--file", path(wanted.name)}});
+        EXPECT_EQ(ended.status, wanted.status) << wanted.name;
+        EXPECT_THAT(ended.told, EndsWith(wanted.told)) << wanted.name;
     }
 };
 

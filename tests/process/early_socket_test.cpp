@@ -145,6 +145,7 @@ TEST_F(EarlySocket, EachCallThatTakesItThereMayFail)
 
 TEST_F(EarlySocket, WhateverDescriptorsAreLeftAWorkerIsReachableOrRefused)
 {
+    constexpr int not_loaded = 127; // the loader had too few descriptors for the libraries
     bool was_refused = false;
     bool was_reached = false;
     for (unsigned descriptors = 4; descriptors <= 40; descriptors += was_reached ? 9 : 1) {
@@ -162,8 +163,9 @@ TEST_F(EarlySocket, WhateverDescriptorsAreLeftAWorkerIsReachableOrRefused)
             EXPECT_EQ(served.wait_end(), 0);
             was_reached = true;
         } else {
-            EXPECT_EQ(served.wait_end(), 1) << descriptors;
-            was_refused = true;
+            const int status = served.wait_end();
+            EXPECT_TRUE(status == 1 || status == not_loaded) << status << ' ' << descriptors;
+            was_refused = was_refused || status == 1;
         }
         EXPECT_THAT(left_behind(), IsEmpty()) << descriptors;
     }

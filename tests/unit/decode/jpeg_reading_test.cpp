@@ -137,9 +137,10 @@ TEST_F(JpegReading, ClientsAreServedByTheClock)
     reset_for_jpeg();
     scripted::plan.clock_step_us = 600;
     open(file, sentinel);
-    EXPECT_EQ(scripted::log.idle_rounds, 0U); // nobody, before the picture's size is known
+    const uint64_t examining = scripted::log.idle_rounds;
+    EXPECT_GT(examining, 0U);
     decode(full_decode_jpeg_raw_grayscale);
-    EXPECT_GE(scripted::log.idle_rounds, between_rows + file.size() / buffer_size);
+    EXPECT_GE(scripted::log.idle_rounds, examining + between_rows + file.size() / buffer_size - 1);
     EXPECT_TRUE(allocation() == expected);
 }
 

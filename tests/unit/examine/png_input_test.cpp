@@ -228,7 +228,13 @@ TEST_F(PngInputEnds, SignalEndsTheExaminationAtTheNextReading)
     EXPECT_EQ(printed(), gave_up);
     EXPECT_EQ(readings, 10);
     EXPECT_EQ(png_fp, nullptr);
-    EXPECT_EQ(scripted::log.idle_rounds, 0U); // nobody is served before the size is known
+}
+
+TEST_F(PngInputEnds, ClientsAreServedByTheClock)
+{
+    scripted::plan.clock_step_us = 600;
+    EXPECT_EQ(examine(file_of_many_readings()), 0);
+    EXPECT_GE(scripted::log.idle_rounds, 50U);
 }
 
 TEST_F(PngInputEnds, InterruptedReadingsGoOn)

@@ -13,45 +13,56 @@
 namespace {
 
 jpeg_progress_mgr progress; // the library keeps a pointer to it while it starts
-uint64_t blocks_left = 0;   // that scans may still go over
+uint64_t work_left = 0;     // for scans to come
 
-uint64_t blocks_allowed()
+uint64_t work_allowed()
 {
     struct stat info = {};
     const bool is_known = fstat(fileno(jpeg_fp), &info) == 0 && info.st_size > 0;
     const uint64_t file_size = is_known ? static_cast<uint64_t>(info.st_size) : 0;
-    return most_scanned_blocks + file_size * scanned_blocks_a_byte;
+    return most_scan_work + file_size * scan_work_a_byte;
+}
+
+uint64_t work_of_block()
+{
+    constexpr uint64_t whole_block = DCTSIZE2;
+    const jpeg_decompress_struct& cinfo = *jpeg_decompress;
+    const bool is_part = cinfo.progressive_mode != 0 && cinfo.Ss >= 0 && cinfo.Ss <= cinfo.Se;
+    const auto part = static_cast<uint64_t>(cinfo.Se - cinfo.Ss + 1);
+    return work_of_visit + (is_part ? part : whole_block);
 }
 
 // In one step of the scan at hand: a row of its interleaved units, or the block rows that a lone
 // component has in such a row.
-uint64_t blocks_of_step()
+uint64_t work_of_step()
 {
     const jpeg_decompress_struct& cinfo = *jpeg_decompress;
     if (cinfo.input_scan_number == 0) {
         return 0; // before the first scan
     }
     const int rows = cinfo.comps_in_scan == 1 ? cinfo.cur_comp_info[0]->v_samp_factor : 1;
-    return uint64_t{cinfo.MCUs_per_row} * static_cast<uint64_t>(cinfo.blocks_in_MCU * rows);
+    return uint64_t{cinfo.MCUs_per_row} * static_cast<uint64_t>(cinfo.blocks_in_MCU * rows) *
+           work_of_block();
 }
 
 // Called by the library for each row of blocks of each scan. Serving clients from inside the
 // library is safe as long as nothing they can ask for calls it. An empty scan costs ten bytes of
-// file and a walk over all coefficients, hence the ceilings.
+// file and a walk over all coefficients, and arithmetic coding has full ones for hardly more, hence
+// the ceilings.
 void watch_start(j_common_ptr /*cinfo*/)
 {
     quickidle_comm();
-    const uint64_t blocks = blocks_of_step();
-    if (DIE4 != 0 || jpeg_decompress->input_scan_number > most_jpeg_scans || blocks > blocks_left) {
+    const uint64_t work = work_of_step();
+    if (DIE4 != 0 || jpeg_decompress->input_scan_number > most_jpeg_scans || work > work_left) {
         jump_to_jpeg_call_site();
     }
-    blocks_left -= blocks;
+    work_left -= work;
 }
 
 void start_watched()
 {
     progress = {};
-    blocks_left = blocks_allowed();
+    work_left = work_allowed();
     progress.progress_monitor = watch_start;
     jpeg_decompress->progress = &progress;
     jpeg_start_decompress(jpeg_decompress);

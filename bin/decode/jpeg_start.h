@@ -12,7 +12,9 @@ int start_jpeg_decompress();
 
 inline constexpr int most_jpeg_scans = 1000;
 
-// Blocks of 8 x 8 samples that all scans together may go over, so that large pictures have fewer
-// scans: 15 of every component for the largest one. Each byte of the file buys some more.
-inline constexpr uint64_t most_scanned_blocks = UINT64_C(64) << 20;
-inline constexpr uint64_t scanned_blocks_a_byte = 16;
+// What all scans together may cost, so that large pictures have fewer: a coefficient of a block counts
+// 1 in each scan that covers it, a block in each scan work_of_visit more. The usual ten scans of three
+// components count 559 for every 8 x 8 pixels. Each byte of the file buys some more.
+inline constexpr uint64_t most_scan_work = UINT64_C(576) * 2048 * 2048;
+inline constexpr uint64_t scan_work_a_byte = 384;
+inline constexpr uint64_t work_of_visit = 8;

@@ -23,11 +23,16 @@ constexpr int longest_row = 65535;
 constexpr int work_between_pumps = 16384;
 constexpr int work_of_a_record = 256;
 
+// Pixels off the screen that are read of a file, a second or two of work. No honest frame juts out
+// that far, and a few bytes hold thousands of pixels.
+constexpr uint64_t most_unseen_pixels = uint64_t{1} << 29;
+
 struct gif_reading {
     GifFileType* gif;
     uint64_t kept_frames;
     gif_contents found;
     int work; // since the socket was served
+    uint64_t unseen_pixels;
 };
 
 // False once the process is to end.
@@ -88,11 +93,20 @@ int read_row(GifFileType* gif, int row, const raster_target& target)
     return result;
 }
 
+// Of a row of the frame. Of interlaced frames it doesn't matter which rows are the unseen ones.
+uint64_t unseen_in_row(int row, const visible_part& part, const GifImageDesc& frame)
+{
+    return static_cast<uint64_t>(row < part.height ? frame.Width - part.width : frame.Width);
+}
+
 int read_rows(gif_reading* reading, const raster_target& target)
 {
-    const GifImageDesc& frame = reading->gif->Image;
+    const GifImageDesc frame = reading->gif->Image;
+    const visible_part part = visible_part_of(*reading->gif);
     for (int row = 0; row < frame.Height; ++row) {
-        if (read_row(reading->gif, row, target) == GIF_ERROR || !go_on(reading, frame.Width)) {
+        reading->unseen_pixels += unseen_in_row(row, part, frame);
+        if (reading->unseen_pixels > most_unseen_pixels ||
+            read_row(reading->gif, row, target) == GIF_ERROR || !go_on(reading, frame.Width)) {
             return GIF_ERROR;
         }
     }
@@ -285,7 +299,7 @@ gif_frame_control read_gif_frame_control(const SavedImage& frame)
 
 int load_gif(GifFileType* gif, uint64_t kept_frames, gif_contents* found)
 {
-    gif_reading reading = {gif, kept_frames, {}, 0};
+    gif_reading reading = {gif, kept_frames, {}, 0, 0};
     const int result = load_records(&reading);
     *found = reading.found;
     return result;

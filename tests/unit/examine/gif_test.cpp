@@ -222,6 +222,16 @@ TEST_F(GifExamination, FrameMuchLargerThanTheScreenTakesTheScreensMemory)
     EXPECT_NE(gif_image->SavedImages[0].RasterBits, nullptr);
 }
 
+TEST_F(GifExamination, PixelsOffTheScreenAreReadUpToALimit)
+{
+    const gif_frame_spec honest = {.width = 2000, .height = 100, .all_zero = true};
+    const gif_frame_spec absurd = {.width = 25000, .height = 21500, .all_zero = true};
+    ASSERT_EQ(examine({.frames = {honest, absurd, honest}}), 0);
+    EXPECT_EQ(printed(), "GIF reading error (?)\n"
+                         "GIF: Screen is 1 x 1 colorres=8 bgcolor=0 ImageCount=2\n");
+    EXPECT_NE(gif_image->SavedImages[1].RasterBits, nullptr); // what is seen of it was read
+}
+
 // --- what cannot or will not be decoded ---------------------------------------------------------
 
 TEST_F(GifExamination, FramesThatTheBufferCannotHoldAreCountedOnly)

@@ -85,18 +85,24 @@ void serve_client(comm_socket_v4_server& server, comm_socket_v4_client& client, 
     }
 }
 
+void serve_safely(comm_socket_v4_server& server, comm_socket_v4_client& client, uint32_t events,
+                  uint64_t now_us)
+{
+    try {
+        serve_client(server, client, events, now_us);
+    } catch (const std::exception&) {
+        drop(client, 0, no_memory);
+    }
+}
+
 int serve_event(comm_socket_v4_server& server, const epoll_event& event, uint64_t now_us)
 {
     if (event.data.ptr == &server.listener || event.data.ptr == &server.old_listener) {
         const auto* listener = static_cast<const comm_listener*>(event.data.ptr);
         return accept_clients(server, listener->socket.get(), now_us);
     }
-    auto& client = *static_cast<comm_socket_v4_client*>(event.data.ptr);
-    try {
-        serve_client(server, client, event.events, now_us);
-    } catch (const std::exception&) {
-        drop(client, 0, no_memory);
-    }
+    serve_safely(server, *static_cast<comm_socket_v4_client*>(event.data.ptr), event.events,
+                 now_us);
     return 1;
 }
 
@@ -115,23 +121,58 @@ int look_at_events(comm_socket_v4_server& server, uint64_t now_us)
     return work;
 }
 
+// After a long stretch without rounds more may have come from clients than one round takes. So what
+// has come is looked at before a client is found to have said nothing, or to have read nothing.
+void take_what_has_come(comm_socket_v4_server& server, comm_socket_v4_client& client, short wanted,
+                        uint64_t now_us)
+{
+    pollfd socket = {client.channel->descriptor(), wanted, 0};
+    if (poll(&socket, 1, 0) > 0 && (socket.revents & wanted) != 0) {
+        serve_safely(server, client, wanted == POLLIN ? EPOLLIN : EPOLLOUT, now_us);
+    }
+}
+
+void drop_silent(comm_socket_v4_server& server, uint64_t now_us)
+{
+    for (comm_socket_v4_client* client : server.ungreeted) {
+        if (!client->greeted && client->connected_us + server.limits.greeting_us < now_us) {
+            take_what_has_come(server, *client, POLLIN, now_us);
+            if (!client->greeted) {
+                drop(*client, 0, no_greeting);
+            }
+        }
+    }
+    std::erase_if(server.ungreeted, [](const comm_socket_v4_client* c) { return c->greeted; });
+}
+
+bool has_stalled(const comm_socket_v4_server& server, const comm_socket_v4_client& client,
+                 uint64_t now_us)
+{
+    return client.blocked && client.answers.stalled_since_us() + server.limits.unread_us < now_us;
+}
+
+// On a copy: who has read leaves the original.
+void drop_stalled(comm_socket_v4_server& server, uint64_t now_us)
+{
+    const std::vector<comm_socket_v4_client*> blocked = server.home.blocked;
+    for (comm_socket_v4_client* client : blocked) {
+        if (has_stalled(server, *client, now_us)) {
+            take_what_has_come(server, *client, POLLOUT, now_us);
+            if (has_stalled(server, *client, now_us)) {
+                drop(*client, 0, stalled);
+            }
+        }
+    }
+}
+
 void tend_connections(comm_socket_v4_server& server, uint64_t now_us)
 {
     if (now_us < server.next_tend_us) {
         return;
     }
     server.next_tend_us = now_us + server.limits.tend_gap_us;
-    std::erase_if(server.ungreeted, [](const comm_socket_v4_client* c) { return c->greeted; });
-    for (comm_socket_v4_client* client : server.ungreeted) {
-        if (client->connected_us + server.limits.greeting_us < now_us) {
-            drop(*client, 0, no_greeting);
-        }
-    }
-    for (comm_socket_v4_client* client : server.home.blocked) {
-        if (client->answers.stalled_since_us() + server.limits.unread_us < now_us) {
-            drop(*client, 0, stalled);
-        }
-    }
+    drop_silent(server, now_us);
+    drop_stalled(server, now_us);
     tend_listeners(server, now_us);
 }
 

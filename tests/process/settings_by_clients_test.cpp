@@ -104,7 +104,11 @@ TEST_F(SettingsByClients, ReachScanlineListsWrittenAfterwards)
     worker first(home, picture, {"--domain-limit", "40K"});
     ASSERT_TRUE(first.wait_ready());
     worker second(home, picture, {"--domain-limit", "40K", "--metadir", metadir});
+    ASSERT_TRUE(second.wait_printed("mipmap[0]: ")); // the last step before the wait
     set(second, "aspect ratio", "16:9");
+    EXPECT_TRUE(eventually([&] { // written within a second or so, though nothing is served yet
+        return home.folder().read("meta/metadata").find("ratio = 16:9\n") != std::string::npos;
+    }));
     EXPECT_EQ(printed_by({second.socket(), "status"})["buffer"]["number"], Json(0));
     quit(first);
     const Json full = printed_by({second.socket(), "frame"});

@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/serve_lock.h"
+#include "platform/standalone/item/status.h"
 
 bool vexa_should_exit = false;
 bool vexa_ready = false;
@@ -212,6 +214,16 @@ void store_client_settings_now()
 const std::string& socket_path()
 {
     return state.socket;
+}
+
+void item::store_waiting_settings(uint64_t /*now_us*/)
+{
+    ++state.settings_looked_at;
+}
+
+void item::flush_status()
+{
+    ++state.status_flushed;
 }
 
 void item::refresh_serve_lock()

@@ -24,6 +24,8 @@ struct item_state {
     std::vector<std::pair<std::string, std::string>> stored;
     setting_state settings = setting_state::STORED; // what becomes of them
     unsigned settings_written = 0;                  // calls of store_client_settings_now
+    unsigned settings_looked_at = 0;                // calls of store_waiting_settings
+    unsigned status_flushed = 0;                    // calls of flush_status
     std::string socket;
     int lock_refreshed = 0; // calls of refresh_serve_lock
     uint64_t frames = 1;

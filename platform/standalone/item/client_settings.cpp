@@ -112,6 +112,12 @@ bool may_store()
     return vexa_metadata_may_update && opened_item() != nullptr;
 }
 
+// The list is yet to be written back, which is refused when the file has changed meanwhile.
+bool list_is_open()
+{
+    return vexa_metadata != nullptr && !vexa_metadata->closed;
+}
+
 void note_failure(const std::string& reason)
 {
     if (last_failure != reason) {
@@ -174,6 +180,19 @@ setting_state state_of(const waiting_setting& setting)
         break;
     }
     return setting_state::NOT_STORED;
+}
+
+// True when there is nothing left to do for it. What is shown need not be in the metadata file, since
+// writing that may have failed, or somebody may have changed it.
+bool is_stored(std::string_view name, const std::string& value)
+{
+    const auto found = waiting.find(name);
+    if (found != waiting.end()) {
+        look_after_lost_file();
+        return found->second.value == value && state_of(found->second) == setting_state::STORED;
+    }
+    const std::string* shown = document_entry(name);
+    return !vexa_metadata_may_update && shown != nullptr && *shown == value;
 }
 
 // More than a metadata file holds need not wait for being written to it.
@@ -249,7 +268,7 @@ bool anything_unsaved()
 
 void store_waiting_settings(uint64_t now_us)
 {
-    if (waiting.empty() || now_us < due_us || !may_store()) {
+    if (waiting.empty() || now_us < due_us || !may_store() || list_is_open()) {
         return;
     }
     if (write_waiting(lock_wait_us) == 0) {
@@ -295,8 +314,7 @@ setting_state store_client_setting(std::string_view name, std::string_view value
     if (!item::may_be_set(name, text)) {
         return setting_state::REFUSED;
     }
-    const std::string* shown = item::document_entry(name);
-    if (shown != nullptr && *shown == text && client_setting_state(name) == setting_state::STORED) {
+    if (item::is_stored(name, text)) {
         return setting_state::STORED;
     }
     if (!item::may_wait(name, text) || !item::take_into_document(name, text)) {

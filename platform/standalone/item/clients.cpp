@@ -20,12 +20,14 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/comm/server.h"
+#include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/clients_contexts.h"
 #include "platform/standalone/item/clients_events.h"
 #include "platform/standalone/item/clients_requests.h"
 #include "platform/standalone/item/clients_settings.h"
 #include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/serve_lock.h"
+#include "platform/standalone/item/status.h"
 #include "platform/time.h"
 
 comm_socket_v4_server* vexa_comm_server = nullptr;
@@ -113,6 +115,9 @@ int one_round(comm_socket_v4_server& server)
     }
     begin_document_round();
     int work = platform::run_round(server, now_us);
+    // Decoding, and waiting for the buffer, take long; who waits for a write waits no longer for it.
+    item::store_waiting_settings(now_us);
+    item::flush_status();
     work += answer_waiting_settings(now_us);
     work += send_changes(server, now_us);
     send_changed_document(server, now_us);

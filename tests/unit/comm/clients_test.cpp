@@ -129,6 +129,18 @@ TEST_F(Clients, DaemonTakesTheLockOverWithTheSocket)
     EXPECT_EQ(state.lock_refreshed, 1);
 }
 
+// Decoding, and waiting for the buffer, know of no other housekeeping.
+TEST_F(Clients, RoundsLookAfterSettingsAndStatusThatWait)
+{
+    pump();
+    state.settings_looked_at = 0;
+    state.status_flushed = 0;
+    vexa_comm_server->next_look_us = 0;
+    idle_vexa_server_comm();
+    EXPECT_EQ(state.settings_looked_at, 1U);
+    EXPECT_EQ(state.status_flushed, 1U);
+}
+
 TEST_F(Clients, DaemonTakesTheLockOverAlsoWithTheOldSocket)
 {
     pump();

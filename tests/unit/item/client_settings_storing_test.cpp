@@ -49,6 +49,49 @@ TEST_F(ClientSettings, AThousandKillsRightAfterTheAnswerLoseNothing)
     }
 }
 
+// What the command line says is shown, and may not have reached the file: its writing failed.
+TEST_F(ClientSettings, WhatIsShownButNotInTheFileIsStoredWhenAClientSetsIt)
+{
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    vexa_aspect_ratio = {16, 9};
+    vexa_standard_vars_to_metadata(vexa_metadata);
+    metadata_v4_metadata_close_file(vexa_metadata);
+    ASSERT_EQ(shown("aspect ratio"), "16:9");
+    EXPECT_EQ(store_client_setting("aspect ratio", "16:9"), setting_state::STORED);
+    item::reset_client_settings(); // as a death does
+    start_again();
+    EXPECT_EQ(shown("aspect ratio"), "16:9");
+}
+
+TEST_F(ClientSettings, ShownValueThatCannotBeStoredIsToldSo)
+{
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    vexa_aspect_ratio = {16, 9};
+    vexa_standard_vars_to_metadata(vexa_metadata);
+    metadata_v4_metadata_close_file(vexa_metadata);
+    use_failing_files();
+    failing_files::arm(1, fate::FAIL, ENOSPC);
+    messages(
+        [] { EXPECT_EQ(store_client_setting("aspect ratio", "16:9"), setting_state::NOT_STORED); });
+    EXPECT_NE(not_stored(), Json());
+}
+
+// Writing back the list is refused when the file is no longer the one that was read.
+TEST_F(ClientSettings, AreNotWrittenBesideAListThatIsYetToBeWrittenBack)
+{
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    ASSERT_EQ(store_client_setting("title", "x"), setting_state::STORED);
+    item::store_waiting_settings(later());
+    EXPECT_FALSE(folder.has("meta/metadata"));
+    ASSERT_EQ(
+        metadata_v4_metadata_context_write_metadata_to_file(vexa_metadata, vexa_meta, 0, nullptr),
+        0);
+    metadata_v4_metadata_close_file(vexa_metadata);
+    item::store_waiting_settings(later());
+    EXPECT_NE(stored().find("title = x\n"), std::string::npos);
+    EXPECT_FALSE(folder.has("meta/metadata.pending-1"));
+}
+
 // With values of all sizes, and kills in the middle of the second's write.
 TEST_F(ClientSettings, KillsDuringTheWriteLoseNothing)
 {

@@ -60,12 +60,33 @@ int derive_socket(const std::string& name)
     return 0;
 }
 
+bool removes_leftovers()
+{
+    return mode_serves() || vexa_temp_clean_only;
+}
+
+// The places that the command line leaves open follow from the name. Those of a picture that is gone
+// are only looked at for what a worker has left there.
+void remove_what_is_left_of(const std::string& name)
+{
+    std::string folder;
+    if (vexa_sock != nullptr) {
+        remove_dead_socket(platform::absolute_path(vexa_sock));
+    } else if (!name.empty()) {
+        remove_dead_socket(item_paths::runtime_folder() + '/' + name + ".sock");
+    }
+    if (vexa_file_metadir != nullptr) {
+        remove_half_written_metadata(vexa_file_metadir);
+    } else if (!name.empty() && item_paths::state_folder(&folder)) {
+        remove_half_written_metadata(folder + '/' + name);
+    }
+}
+
 // The worker that served it may have gone, too.
 int refuse_missing_picture(int error_number)
 {
-    if (mode_serves() || vexa_temp_clean_only) {
-        remove_dead_socket(vexa_sock != nullptr ? platform::absolute_path(vexa_sock)
-                                                : socket_of_missing_picture(vexa_file));
+    if (removes_leftovers()) {
+        remove_what_is_left_of(name_of_missing_picture(vexa_file));
     }
     return refuse("Cannot open file", vexa_file, error_number);
 }
@@ -101,14 +122,22 @@ int settle_socket_path()
 
 // --- the item -----------------------------------------------------------------------------------
 
-int open_item_and_list()
+int open_item()
 {
     the_item = platform::open_media_item(vexa_file, vexa_file_metadir);
     if (the_item == nullptr) {
+        if (removes_leftovers()) {
+            remove_half_written_metadata(vexa_file_metadir);
+        }
         return -1;
     }
     the_item->store.stop = &DIE4;
     vexa_meta = the_item;
+    return 0;
+}
+
+int open_list()
+{
     vexa_metadata = platform::load_item_metadata(*the_item);
     if (vexa_metadata == nullptr) {
         return -1;
@@ -141,7 +170,7 @@ int clean_up_after_others()
     if (vexa_temp_clean_only) {
         remove_dead_socket(absolute_socket);
     }
-    if (vexa_temp_clean_only || mode_serves()) {
+    if (removes_leftovers()) {
         remove_half_written_metadata(the_item->store);
     }
     return 0;
@@ -160,8 +189,8 @@ int open_socket()
 
 int derive_all()
 {
-    for (int (*const stage)() : {derive_paths, settle_socket_path, take_socket_path,
-                                 open_item_and_list, clean_up_after_others, open_socket}) {
+    for (int (*const stage)() : {derive_paths, settle_socket_path, take_socket_path, open_item,
+                                 clean_up_after_others, open_list, open_socket}) {
         if (stage() != 0) {
             return -1;
         }

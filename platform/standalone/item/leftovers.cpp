@@ -7,6 +7,7 @@
 
 #include "platform/item_paths.h"
 #include "platform/standalone/base/file_lock.h"
+#include "platform/standalone/base/folders.h"
 #include "platform/standalone/comm/listener.h"
 #include "platform/standalone/item/serve_lock.h"
 
@@ -46,8 +47,21 @@ void remove_half_written_metadata(const platform::metadata_store& store)
     }
 }
 
+void remove_half_written_metadata(const std::string& folder)
+{
+    const platform::unique_fd opened = platform::open_folder(folder.c_str());
+    // Who writes makes the lock's file first. Without it nothing is left, and it is not to be made in
+    // a folder that may be anybody's.
+    if (opened && faccessat(opened.get(), platform::metadata_lock_name, F_OK, 0) == 0) {
+        platform::metadata_store store;
+        store.folder = opened.get();
+        store.path = folder + '/' + platform::metadata_file_name;
+        remove_half_written_metadata(store);
+    }
+}
+
 // Its real path cannot be asked for any more; without a link in its own place it is its folder's.
-std::string socket_of_missing_picture(const std::string& picture)
+std::string name_of_missing_picture(const std::string& picture)
 {
     const size_t slash = picture.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : picture.substr(0, slash + 1);
@@ -56,8 +70,7 @@ std::string socket_of_missing_picture(const std::string& picture)
         return "";
     }
     const std::string above = real.get() == std::string("/") ? "" : real.get();
-    const std::string path = above + '/' + picture.substr(slash + 1);
-    return item_paths::runtime_folder() + '/' + item_paths::name_of_real_path(path) + ".sock";
+    return item_paths::name_of_real_path(above + '/' + picture.substr(slash + 1));
 }
 
 } // namespace item

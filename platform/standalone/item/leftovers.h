@@ -15,8 +15,11 @@ void remove_dead_socket(const std::string& socket);
 // Half-written metadata in the item's folder.
 void remove_half_written_metadata(const platform::metadata_store& store);
 
-// Where the default socket of a picture was that is no longer there; "" when nobody can tell, since
-// its folder is gone, too.
-std::string socket_of_missing_picture(const std::string& picture);
+// The same in the folder at this path. One that is not there is not made.
+void remove_half_written_metadata(const std::string& folder);
+
+// The name that the default places of a picture had that is no longer there; "" when nobody can tell,
+// since its folder is gone, too.
+std::string name_of_missing_picture(const std::string& picture);
 
 } // namespace item

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -324,8 +325,11 @@ TEST_F(Leftovers, GoAlsoWhenTheStartIsRefused)
     socket_at(folder.path("s.sock"), true);
     socket_at(folder.path(".stillimage-s.sock"), false);
     folder.write("s.sock.lock", "4711\n");
+    folder.write("meta/metadata.lock", "");
+    folder.write("meta/metadata.tmp-0123", "half");
     unlink(vexa_file);
     EXPECT_NE(refusal(), "");
+    EXPECT_FALSE(folder.has("meta/metadata.tmp-0123"));
     EXPECT_FALSE(folder.has("s.sock"));
     EXPECT_FALSE(folder.has(".stillimage-s.sock"));
     EXPECT_FALSE(folder.has("s.sock.lock"));
@@ -340,6 +344,9 @@ TEST_F(Leftovers, OfAPictureThatIsGoneGoToo)
         vexa_set_string(&vexa_sock, given ? folder.path("s.sock").c_str() : nullptr);
         ASSERT_EQ(vexa_standard_to_derived_params(), 0);
         const std::string path = socket_path();
+        const std::string metadir = vexa_file_metadir;
+        std::ofstream(metadir + "/metadata.lock").flush();
+        std::ofstream(metadir + "/metadata.tmp-0123").flush();
         vexa_set_string(&vexa_sock, given ? path.c_str() : nullptr);
         vexa_set_string(&vexa_file_metadir, nullptr);
         item::release_serve_lock();
@@ -351,7 +358,16 @@ TEST_F(Leftovers, OfAPictureThatIsGoneGoToo)
                   "Cannot open file '" + std::string(vexa_file) + "': No such file or directory\n");
         EXPECT_FALSE(fs::exists(path)) << path;
         EXPECT_FALSE(fs::exists(path + ".lock")) << path;
+        EXPECT_FALSE(fs::exists(metadir + "/metadata.tmp-0123")) << path;
     }
+}
+
+TEST_F(Leftovers, MakeNoLockInAFolderThatHasNone)
+{
+    vexa_temp_clean_only = false;
+    unlink(vexa_file);
+    EXPECT_NE(refusal(), "");
+    EXPECT_FALSE(folder.has("meta/metadata.lock"));
 }
 
 TEST_F(Leftovers, OfAPictureWhoseFolderIsGoneAreNotFound)

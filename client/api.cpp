@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr uint32_t library_version = 1U << 16;
+constexpr uint32_t library_version = (1U << 16) | 1U;
 
 stillimage_result missing(stillimage_client& client, const char* what)
 {

@@ -62,7 +62,7 @@ typedef enum stillimage_result {
     STILLIMAGE_ERROR_SYSTEM = -9,    /* out of memory or descriptors, a mapping that failed */
     STILLIMAGE_ERROR_VALUE = -10,    /* the worker refuses the value */
     STILLIMAGE_ERROR_LIMIT = -11,    /* more frames or requests than the worker allows */
-    STILLIMAGE_ERROR_NOT_STORED = -12 /* the value is set, but is lost with this worker */
+    STILLIMAGE_ERROR_NOT_STORED = -12 /* since 1.1: the value is set, but lost with this worker */
 } stillimage_result;
 
 typedef struct stillimage_client stillimage_client; /* one connection */

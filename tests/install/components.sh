@@ -57,7 +57,7 @@ LIST
 
 expect_component runtime <<LIST
 $libdir/libstillimage_client.so.1
-$libdir/libstillimage_client.so.1.0.0
+$libdir/libstillimage_client.so.1.1.0
 LIST
 
 install_component development

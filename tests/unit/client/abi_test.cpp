@@ -133,9 +133,9 @@ TEST(ClientAbi, NumbersOfConstants)
     }
 }
 
-TEST(ClientAbi, VersionIsOnePointNothing)
+TEST(ClientAbi, VersionIsOnePointOne)
 {
-    EXPECT_EQ(stillimage_client_version(), 0x10000U);
+    EXPECT_EQ(stillimage_client_version(), 0x10001U);
 }
 
 } // namespace

@@ -329,7 +329,7 @@ TEST(ClientResults, EachHasAText)
     }
     EXPECT_STREQ(stillimage_result_text(STILLIMAGE_OK), "done");
     EXPECT_STREQ(stillimage_result_text(static_cast<stillimage_result>(-13)), "unknown result");
-    EXPECT_EQ(stillimage_client_version(), 0x10000);
+    EXPECT_EQ(stillimage_client_version(), 0x10001);
 }
 
 } // namespace

@@ -103,7 +103,9 @@ stillimage_result check_owner(stillimage_client& client, const char* path)
     ucred peer = {};
     socklen_t size = sizeof peer;
     if (getsockopt(client.socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-        return fail(client, STILLIMAGE_ERROR_SYSTEM, with_errno("cannot ask who serves", errno));
+        const int error = errno;
+        client.socket.reset();
+        return fail(client, STILLIMAGE_ERROR_SYSTEM, with_errno("cannot ask who serves", error));
     }
     if (peer.uid != geteuid() && peer.uid != 0 && geteuid() != 0) {
         client.socket.reset();

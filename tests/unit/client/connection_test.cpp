@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/child_process.h"
+#include "tests/support/refused_calls.h"
 #include "tests/unit/client/fake_worker.h"
 #include "tests/unit/client/opened.h"
 
@@ -266,6 +267,25 @@ TEST(ClientChanges, HandlerHearsWhatItAskedForAndReadinessIsStillNoticed)
     EXPECT_EQ(stillimage_wait_ready(seen.client, 1, patience_ms), STILLIMAGE_OK);
     EXPECT_EQ(stillimage_wait_ready(seen.client, 0, patience_ms), STILLIMAGE_OK);
     EXPECT_EQ(seen.text, "0/5/0/begun 64/5/0/begun{} ");
+}
+
+// Whoever serves there is not asked for anything.
+TEST(ClientConnection, ServerWhoseUserIsNotToldIsLeft)
+{
+    EXPECT_EQ(run_in_child([] {
+                  const fake_worker worker([](fake_peer& peer) { peer.await_end(); });
+                  if (!refuse_calls({"getsockopt"})) {
+                      return 2;
+                  }
+                  stillimage_client* client = nullptr;
+                  const bool left = stillimage_connect(worker.path().c_str(), patience_ms,
+                                                       &client) == STILLIMAGE_ERROR_SYSTEM &&
+                                    stillimage_descriptor(client) == -1 &&
+                                    stillimage_ping(client, 0) == STILLIMAGE_ERROR_NO_WORKER;
+                  stillimage_close(client);
+                  return left ? 0 : 1;
+              }),
+              0);
 }
 
 TEST(ClientChanges, WaitingForReadinessEndsWithTheLimitOrTheWorker)

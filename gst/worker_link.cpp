@@ -91,9 +91,11 @@ void worker_link::give_back(stillimage_frame* frame)
 
 // --- calls ---------------------------------------------------------------------------------------
 
-stillimage_result worker_link::subscribe()
+// A worker that is busy with a large picture has greeted, and answers when it comes to it.
+stillimage_result worker_link::subscribe(int timeout_ms)
 {
-    constexpr int patience_ms = 5000;
+    constexpr int least_patience_ms = 5000;
+    const int patience_ms = std::max(timeout_ms, least_patience_ms);
     const auto note = [](void* user, const stillimage_event* event) {
         if ((event->changes & STILLIMAGE_CHANGE_METADATA) != 0) {
             static_cast<worker_link*>(user)->metadata_changed_ = true;
@@ -110,7 +112,7 @@ stillimage_result worker_link::open(const address& where, int timeout_ms)
             where.socket.empty()
                 ? stillimage_connect_picture(where.picture.c_str(), flags, timeout_ms, &client_)
                 : stillimage_connect(where.socket.c_str(), timeout_ms, &client_);
-        return result == STILLIMAGE_OK ? subscribe() : result;
+        return result == STILLIMAGE_OK ? subscribe(timeout_ms) : result;
     });
 }
 

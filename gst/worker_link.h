@@ -50,7 +50,7 @@ private:
     stillimage_result locked(Call call);
     template <typename Call>
     stillimage_result in_steps(int timeout_ms, Call call);
-    stillimage_result subscribe();
+    stillimage_result subscribe(int timeout_ms);
     void give_back(stillimage_frame* frame);
     void release_returned();
     void unlock_and_release();

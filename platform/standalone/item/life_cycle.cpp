@@ -56,6 +56,7 @@ void vexa_idle_housekeeping()
     item::flush_status();
     item::refresh_serve_lock();
     const uint64_t now_us = monotonic_clock_us();
+    item::note_lost_messages(now_us);
     item::store_waiting_settings(now_us);
     answer_waiting_settings(now_us);
 }

@@ -172,6 +172,15 @@ bool log_file::note_loss()
     return true;
 }
 
+void log_file::look_for_room(uint64_t now_us)
+{
+    constexpr uint64_t gap_us = 1'000'000;
+    if (lost_ > 0 && is_open() && now_us >= next_look_us_) {
+        next_look_us_ = now_us + gap_us;
+        note_loss();
+    }
+}
+
 void log_file::append(std::string_view text)
 {
     if (!note_loss() || !write_rest(&text)) {

@@ -32,6 +32,9 @@ public:
     // line of its own, as soon as it takes anything again.
     void append(std::string_view text);
 
+    // Tries to note what is missing without waiting for the next message. At most once a second.
+    void look_for_room(uint64_t now_us);
+
 private:
     bool refuse(std::string reason);
     bool open_in_folder();
@@ -44,7 +47,8 @@ private:
     platform::unique_fd fd_;
     std::string reason_;
     int mirror_ = -1;
-    uint64_t lost_ = 0;     // bytes, not yet noted
+    uint64_t lost_ = 0; // bytes, not yet noted
+    uint64_t next_look_us_ = 0;
     bool mid_line_ = false; // what was written last does not end a line
 };
 

@@ -197,6 +197,11 @@ void draw_progress_line(std::string_view text)
     write_inherited('\r' + std::string(shown) + std::string(leftover, ' '));
 }
 
+void note_lost_messages(uint64_t now_us)
+{
+    the_log().look_for_room(now_us);
+}
+
 void release_standard_error()
 {
     erase_progress_line();

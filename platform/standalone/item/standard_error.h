@@ -7,6 +7,7 @@
 // told as soon as there is room again. The log has its own limit (log_file.h).
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
 namespace item {
@@ -17,6 +18,9 @@ void guard_standard_error();
 // One line that is redrawn in place, on a terminal only. Messages erase it before they are printed;
 // the next call draws it again. Empty text erases it. Printable text, cut to the terminal's width.
 void draw_progress_line(std::string_view text);
+
+// Notes in the log what a full disk has kept out of it, when there is room again.
+void note_lost_messages(uint64_t now_us);
 
 // Closes the log, erases the progress line, gives stderr back. For the end and for tests; may run
 // twice.

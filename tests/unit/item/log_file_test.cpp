@@ -188,6 +188,20 @@ TEST_F(LogOnAFullDisk, LossIsNotedWhenThereIsRoomAgain)
     EXPECT_EQ(folder.read("log"), "before\n" + loss_note(10'000) + "after\nand more\n");
 }
 
+TEST_F(LogOnAFullDisk, LossIsNotedWithoutAFurtherMessageOnceASecond)
+{
+    set_room(0);
+    log.append("ten bytes\n");
+    log.look_for_room(5'000'000);
+    make_room();
+    log.look_for_room(5'999'999);
+    EXPECT_EQ(folder.read("log"), "");
+    log.look_for_room(6'000'000);
+    EXPECT_EQ(folder.read("log"), loss_note(10));
+    log.look_for_room(7'000'000);
+    EXPECT_EQ(folder.read("log"), loss_note(10));
+}
+
 TEST_F(LogOnAFullDisk, NoteBeginsALineAndCountsWhatIsMissingOfAMessage)
 {
     set_room(4);

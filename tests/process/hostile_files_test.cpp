@@ -62,7 +62,7 @@ TEST_F(HostileFiles, SignalIsObeyedWhileScansAreRead)
 {
     constexpr size_t coefficients_kilobytes = 8192 / 1024 * 8192 * 2;
     const std::string path = write("scans.jpg", progressive(8192, 900));
-    std::filesystem::resize_file(path, 64 << 20); // long enough for that many scans
+    std::filesystem::resize_file(path, 192 << 20); // long enough for that many scans
     worker served(home, path);
     // The library has taken its memory: it reads the first of the scans, or a later one.
     ASSERT_TRUE(eventually([&] { return served.resident_kilobytes() > coefficients_kilobytes; }));

@@ -76,10 +76,11 @@ int read_row(GifFileType* gif, int row, const raster_target& target)
 {
     static GifByteType one_row[longest_row];
     const GifImageDesc& frame = gif->Image;
+    const auto frame_width = static_cast<size_t>(frame.Width);
     if (target.bytes != nullptr && target.in_file_order) {
-        return DGifGetLine(gif, target.bytes + static_cast<size_t>(row) * frame.Width, frame.Width);
+        return DGifGetLine(gif, target.bytes + static_cast<size_t>(row) * frame_width, frame.Width);
     }
-    memset(one_row, 0, static_cast<size_t>(frame.Width));
+    memset(one_row, 0, frame_width);
     const int result = DGifGetLine(gif, one_row, frame.Width);
     const auto height = static_cast<unsigned>(frame.Height);
     const int y =

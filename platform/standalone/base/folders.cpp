@@ -1,8 +1,9 @@
 #include "platform/standalone/base/folders.h"
 
 #include <cerrno>
+#include <dirent.h>
 #include <fcntl.h>
-#include <string>
+#include <memory>
 #include <sys/stat.h>
 
 #include "platform/standalone/base/fd_io.h"
@@ -64,6 +65,24 @@ unique_fd open_private_folder(const char* path)
         return {};
     }
     return folder;
+}
+
+std::vector<std::string> names_in_folder(int folder)
+{
+    std::vector<std::string> names;
+    unique_fd listing(open_file_at(folder, ".", O_RDONLY | O_DIRECTORY));
+    if (!listing) {
+        return names;
+    }
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(listing.get()), closedir);
+    if (!entries) {
+        return names;
+    }
+    (void)listing.release(); // closedir closes it
+    while (const dirent* entry = readdir(entries.get())) {
+        names.emplace_back(entry->d_name);
+    }
+    return names;
 }
 
 } // namespace platform

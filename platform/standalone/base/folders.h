@@ -1,7 +1,8 @@
 // Folders of the user's own.
 #pragma once
 
-#include <sys/types.h>
+#include <string>
+#include <vector>
 
 #include "platform/standalone/base/unique_fd.h"
 
@@ -17,5 +18,8 @@ unique_fd open_folder(const char* path);
 // The folder when it is private: not a link, owned by this process's user, no rights for others.
 // Empty with errno otherwise (EPERM: it is somebody else's, or open to others).
 unique_fd open_private_folder(const char* path);
+
+// The names in an open folder, "." and ".." included, in any order. Empty when it cannot be listed.
+std::vector<std::string> names_in_folder(int folder);
 
 } // namespace platform

@@ -2,12 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 
 #include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/base/folders.h"
 #include "platform/standalone/base/random_bytes.h"
 #include "platform/standalone/base/unique_fd.h"
 
@@ -121,21 +120,11 @@ int replace_file(int folder, const char* name, std::string_view contents, mode_t
 void remove_temporary_files(int folder, std::string_view name, const file_operations& operations,
                             std::span<const std::string> kept)
 {
-    unique_fd listing(open_file_at(folder, ".", O_RDONLY | O_DIRECTORY));
-    if (!listing) {
-        return;
-    }
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(listing.get()), closedir);
-    if (!entries) {
-        return;
-    }
-    (void)listing.release(); // closedir closes it
     const std::string beginning = std::string(name) + std::string(temporary_mark);
-    while (const dirent* entry = readdir(entries.get())) {
-        const std::string_view found = entry->d_name;
+    for (const std::string& found : names_in_folder(folder)) {
         if (found.starts_with(beginning) &&
             std::find(kept.begin(), kept.end(), found) == kept.end()) {
-            (void)operations.unlink_at(folder, entry->d_name);
+            (void)operations.unlink_at(folder, found.c_str());
         }
     }
 }

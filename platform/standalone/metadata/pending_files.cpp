@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/file.h>
 #include <sys/stat.h>
 
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/base/folders.h"
 #include "platform/standalone/metadata/metadata_text.h"
 #include "platform/standalone/metadata/set_aside.h"
 
@@ -39,17 +38,8 @@ uint32_t number_of(std::string_view name)
 std::vector<uint32_t> pending_numbers(int folder)
 {
     std::vector<uint32_t> numbers;
-    unique_fd listing(open_file_at(folder, ".", O_RDONLY | O_DIRECTORY));
-    if (!listing) {
-        return numbers;
-    }
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(listing.get()), closedir);
-    if (!entries) {
-        return numbers;
-    }
-    (void)listing.release(); // closedir closes it
-    while (const dirent* entry = readdir(entries.get())) {
-        if (const uint32_t number = number_of(entry->d_name); number != 0) {
+    for (const std::string& name : names_in_folder(folder)) {
+        if (const uint32_t number = number_of(name); number != 0) {
             numbers.push_back(number);
         }
     }

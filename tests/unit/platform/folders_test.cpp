@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/standalone/base/folders.h"
@@ -108,6 +109,18 @@ TEST(Folders, FolderOfAnotherUserIsNotPrivate)
     ASSERT_EQ(chown(base.path().c_str(), unprivileged_user, unprivileged_user), 0);
     EXPECT_FALSE(platform::open_private_folder(base.path().c_str()));
     EXPECT_EQ(errno, EPERM);
+}
+
+TEST(Folders, NamesInAFolderAreAllOfThem)
+{
+    const temporary_folder base;
+    base.write("a", "");
+    ASSERT_EQ(mkdir(base.path(".b").c_str(), 0700), 0);
+    const platform::unique_fd folder = platform::open_folder(base.path().c_str());
+    EXPECT_THAT(platform::names_in_folder(folder.get()),
+                testing::UnorderedElementsAre(".", "..", "a", ".b"));
+    EXPECT_THAT(platform::names_in_folder(folder.get()), testing::SizeIs(4)); // once more
+    EXPECT_THAT(platform::names_in_folder(-1), testing::IsEmpty());
 }
 
 } // namespace

@@ -8,7 +8,7 @@
 #include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/clients_contexts.h"
 #include "platform/standalone/item/clients_events.h"
-#include "platform/standalone/item/clients_settings.h"
+#include "platform/standalone/item/clients_metadata.h"
 #include "platform/standalone/item/item_state.h"
 
 using namespace comm_protocol;

@@ -8,7 +8,7 @@
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/clients.h"
-#include "platform/standalone/item/clients_settings.h"
+#include "platform/standalone/item/clients_metadata.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/document.h"
 #include "platform/standalone/item/item_state.h"

@@ -1,4 +1,4 @@
-#include "platform/standalone/item/clients_settings.h"
+#include "platform/standalone/item/clients_metadata.h"
 
 #include <string>
 #include <utility>

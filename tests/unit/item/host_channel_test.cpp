@@ -1,9 +1,7 @@
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <fcntl.h>
 #include <string>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -12,6 +10,7 @@
 #include <json11.hpp>
 
 #include "platform/standalone/item/host_channel.h"
+#include "tests/support/full_disk.h"
 #include "tests/unit/item/item_fixture.h"
 
 namespace {
@@ -188,43 +187,26 @@ TEST_F(HostChannel, SocketThatTakesHalfALineGetsTheRestOfItFirst)
 
 constexpr uint64_t second_us = 1'000'000;
 
-// A file with room for `bytes`, which stands for a disk that fills up.
 class HostChannelToAFile : public HostChannel {
 protected:
     HostChannelToAFile()
     {
-        EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before_), 0);
-        former_ = signal(SIGXFSZ, SIG_IGN);
         file_ = platform::unique_fd(
             open(folder.path("status").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
         EXPECT_TRUE(channel.open(file_.get()));
     }
 
-    ~HostChannelToAFile() override
-    {
-        set_room(before_.rlim_cur);
-        signal(SIGXFSZ, former_);
-    }
-
-    void set_room(rlim_t bytes) const
-    {
-        const rlimit limit = {bytes, before_.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    }
-
-    void make_room() const { set_room(before_.rlim_cur); }
-
     std::string written() const { return folder.read("status"); }
 
+    full_disk disk;
+
 private:
-    rlimit before_ = {};
-    void (*former_)(int) = nullptr;
     platform::unique_fd file_;
 };
 
 TEST_F(HostChannelToAFile, NewestLineOfEachKindIsWrittenOnceThereIsRoom)
 {
-    set_room(0);
+    ASSERT_TRUE(disk.set_room(0));
     for (int percent = 0; percent < 100; ++percent) {
         channel.tell_progress(percent, "Decoding PNG", 0);
     }
@@ -232,7 +214,7 @@ TEST_F(HostChannelToAFile, NewestLineOfEachKindIsWrittenOnceThereIsRoom)
     channel.tell_ready(1, "Ready to serve data", 0);
     EXPECT_TRUE(channel.is_open());
     EXPECT_EQ(written(), "");
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     channel.flush(second_us);
     EXPECT_EQ(written(), "{\"percent\": 99, \"text\": \"Decoding PNG\"}\n"
                          "{\"ready\": -1, \"text\": \"Provisional image ready\"}\n"
@@ -242,24 +224,24 @@ TEST_F(HostChannelToAFile, NewestLineOfEachKindIsWrittenOnceThereIsRoom)
 
 TEST_F(HostChannelToAFile, ChangeIsAnAttemptAtOnce)
 {
-    set_room(0);
+    ASSERT_TRUE(disk.set_room(0));
     channel.tell_ready(-1, "a", 5);
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     channel.tell_progress(1, "b", 5);
     EXPECT_EQ(written(), "{\"ready\": -1, \"text\": \"a\"}\n{\"percent\": 1, \"text\": \"b\"}\n");
 }
 
 TEST_F(HostChannelToAFile, WithoutAChangeThereIsOneAttemptASecond)
 {
-    set_room(0);
+    ASSERT_TRUE(disk.set_room(0));
     channel.tell_progress(1, "a", 7);
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     channel.flush(7);
     channel.flush(7 + second_us - 1);
     EXPECT_EQ(written(), "");
-    set_room(0);
+    ASSERT_TRUE(disk.set_room(0));
     channel.flush(7 + second_us); // fails, and the next second begins
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     channel.flush(7 + 2 * second_us - 1);
     EXPECT_EQ(written(), "");
     channel.flush(7 + 2 * second_us);
@@ -268,21 +250,21 @@ TEST_F(HostChannelToAFile, WithoutAChangeThereIsOneAttemptASecond)
 
 TEST_F(HostChannelToAFile, LineOfWhichAPartWasWrittenIsCompletedFirst)
 {
-    set_room(10);
+    ASSERT_TRUE(disk.set_room(10));
     channel.tell_progress(1, "a", 0);
     channel.tell_progress(2, "b", 0);
     channel.tell_progress(3, "c", 0);
     EXPECT_EQ(written(), "{\"percent\"");
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     channel.flush(second_us);
     EXPECT_EQ(written(), "{\"percent\": 1, \"text\": \"a\"}\n{\"percent\": 3, \"text\": \"c\"}\n");
 }
 
 TEST_F(HostChannelToAFile, EndIsAnAttemptWhateverFailedBefore)
 {
-    set_room(0);
+    ASSERT_TRUE(disk.set_room(0));
     channel.tell_ready(1, "a", 0);
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     channel.finish();
     EXPECT_EQ(written(), "{\"ready\": 1, \"text\": \"a\"}\n");
     EXPECT_FALSE(channel.is_open());

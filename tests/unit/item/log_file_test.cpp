@@ -1,8 +1,6 @@
-#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +8,7 @@
 
 #include "platform/standalone/item/log_file.h"
 #include "tests/support/child_process.h"
+#include "tests/support/full_disk.h"
 #include "tests/unit/item/item_fixture.h"
 
 namespace {
@@ -145,44 +144,22 @@ TEST_F(LogFile, LineThatIsLargerThanALogIsLost)
 
 // --- a full disk --------------------------------------------------------------------------------
 
-// The limit to a file's size stands for the disk.
 class LogOnAFullDisk : public LogFile {
 protected:
-    LogOnAFullDisk()
-    {
-        EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before_), 0);
-        former_ = signal(SIGXFSZ, SIG_IGN);
-        EXPECT_TRUE(log.open(folder.path().c_str()));
-    }
+    LogOnAFullDisk() { EXPECT_TRUE(log.open(folder.path().c_str())); }
 
-    ~LogOnAFullDisk() override
-    {
-        make_room();
-        signal(SIGXFSZ, former_);
-    }
-
-    void set_room(rlim_t bytes) const
-    {
-        const rlimit limit = {bytes, before_.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    }
-
-    void make_room() const { set_room(before_.rlim_cur); }
-
-private:
-    rlimit before_ = {};
-    void (*former_)(int) = nullptr;
+    full_disk disk;
 };
 
 TEST_F(LogOnAFullDisk, LossIsNotedWhenThereIsRoomAgain)
 {
     log.append("before\n");
-    set_room(7);
+    ASSERT_TRUE(disk.set_room(7));
     for (int i = 0; i < 1000; ++i) {
         log.append("ten bytes\n");
     }
     EXPECT_EQ(folder.read("log"), "before\n");
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     log.append("after\n");
     log.append("and more\n");
     EXPECT_EQ(folder.read("log"), "before\n" + loss_note(10'000) + "after\nand more\n");
@@ -204,41 +181,41 @@ TEST_F(LogOnAFullDisk, LossIsNotedWithoutAFurtherMessageOnceASecond)
 
 TEST_F(LogOnAFullDisk, NoteBeginsALineAndCountsWhatIsMissingOfAMessage)
 {
-    set_room(4);
+    ASSERT_TRUE(disk.set_room(4));
     log.append("ten bytes\n");
     EXPECT_EQ(folder.read("log"), "ten ");
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     log.append("after\n");
     EXPECT_EQ(folder.read("log"), "ten \n" + loss_note(6) + "after\n");
 }
 
 TEST_F(LogOnAFullDisk, NoteThatItselfDoesNotFitIsWrittenLater)
 {
-    set_room(0);
+    ASSERT_TRUE(disk.set_room(0));
     log.append("ten bytes\n");
-    set_room(5);
+    ASSERT_TRUE(disk.set_room(5));
     log.append("ten bytes\n");
     EXPECT_EQ(folder.read("log"), "[10 b");
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     log.append("after\n");
     EXPECT_EQ(folder.read("log"), "[10 b\n" + loss_note(20) + "after\n");
 }
 
 TEST_F(LogOnAFullDisk, EndNotesTheLoss)
 {
-    set_room(0);
+    ASSERT_TRUE(disk.set_room(0));
     log.append("ten bytes\n");
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     log.close();
     EXPECT_EQ(folder.read("log"), loss_note(10));
 }
 
 TEST_F(LogOnAFullDisk, NextLogKnowsNothingOfTheLoss)
 {
-    set_room(0);
+    ASSERT_TRUE(disk.set_room(0));
     log.append("ten bytes\n");
     log.close();
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     ASSERT_TRUE(log.open(folder.path().c_str()));
     log.append("after\n");
     EXPECT_EQ(folder.read("log"), "after\n");

@@ -1,19 +1,18 @@
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <pty.h>
 #include <string>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "platform/media_item.h"
 #include "platform/standalone/item/standard_error.h"
+#include "tests/support/full_disk.h"
 #include "tests/unit/item/item_fixture.h"
 
 namespace {
@@ -115,22 +114,18 @@ TEST_F(StandardError, ReaderThatStopsIsWaitedForOnceAndTheLossIsTold)
 
 TEST_F(StandardError, FileOnAFullDiskIsToldOfTheLossWhenThereIsRoomAgain)
 {
-    rlimit before = {};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-    const rlimit small = {4, before.rlim_max};
-    const auto former = signal(SIGXFSZ, SIG_IGN);
+    const full_disk disk;
     const platform::unique_fd file(
         open(folder.path("messages").c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600));
     {
         const replaced_stderr replaced(file.get());
         item::guard_standard_error();
-        setrlimit(RLIMIT_FSIZE, &small); // stands for the disk
+        disk.set_room(4);
         fputs("ten bytes\n", stderr);
         fputs("ten bytes\n", stderr);
-        setrlimit(RLIMIT_FSIZE, &before);
+        disk.make_room();
         fputs("after\n", stderr);
     }
-    signal(SIGXFSZ, former);
     EXPECT_EQ(folder.read("messages"),
               "ten [16 bytes of messages could not be written and are lost]\nafter\n");
 }

@@ -58,8 +58,8 @@ struct vexa_global_access_cache;
 vexa_global_access_cache* vexa_global_access_cache_create();
 
 // A pointer to `length` bytes of `buffer` from `offset`, or null with errno when the range does not
-// lie inside the buffer (ENXIO). Overlapping requests alias each other; pointers stay valid until the buffer is
-// dropped. With access_write the pages of the range are made present ahead of the writer.
+// lie inside the buffer (ENXIO). Overlapping requests alias each other; pointers stay valid until the
+// buffer is dropped. With access_write the pages of the range are made present ahead of the writer.
 unsigned char* vexa_global_access_cache_quickfetch(vexa_global_access_cache* cache, uint32_t buffer,
                                                    uint64_t offset, uint64_t length, int mode);
 

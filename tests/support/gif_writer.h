@@ -22,10 +22,10 @@ struct gif_frame_spec {
     bool interlaced = false;
     std::optional<gif_control_spec> control = {};
     std::vector<gif_colour> palette = {}; // local; 2 to 256 colours, a power of two; empty: none
-    std::vector<unsigned char> indices =
-        {}; // in the order of the file; those left out are not written
-    bool all_zero =
-        false; // instead of `indices`: all of them are 0, a few thousandths of their size
+    // In the order of the file; those left out are not written.
+    std::vector<unsigned char> indices = {};
+    // Instead of `indices`: all of them are 0, which takes a few thousandths of their size.
+    bool all_zero = false;
 };
 
 struct gif_spec {

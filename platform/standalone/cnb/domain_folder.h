@@ -15,9 +15,9 @@ struct domain_folder {
 
 // Opens $XDG_RUNTIME_DIR/stillimage/cnb/DOMAIN or, when that variable does not name an absolute
 // path, stillimage-UID/cnb/DOMAIN under $TMPDIR or /tmp, making what is missing of it, the folders
-// above included. Each part of
-// our own has to be a folder, not a link, of this user; rights of others are taken away, and one
-// that others could write to is refused. `domain` is a valid domain name.
+// above included. Each part of our own has to be a folder, not a link, of this user; rights of
+// others are taken away, and one that others could write to is refused. `domain` is a valid domain
+// name.
 domain_folder open_domain_folder(const std::string& domain);
 
 } // namespace platform

@@ -1,5 +1,6 @@
 // From the switches to an open item: the paths that no switch gave, the lock, the metadata and the
-// settings in it, and the comm socket. The call is vexa_standard_to_derived_params of platform/media_item.h.
+// settings in it, and the comm socket. The call is vexa_standard_to_derived_params of
+// platform/media_item.h.
 #pragma once
 
 #include "platform/standalone/metadata/item_metadata.h"

@@ -1,5 +1,6 @@
 #include "bin/quickidle.h"
 
+#include <cstdint>
 #include <ctime>
 
 #include "platform/media_item.h"
@@ -10,8 +11,10 @@ bool slow_decode = false;
 namespace {
 
 constexpr int most_rounds = 10;
-constexpr uint64_t pump_gap_us = 500;
+constexpr uint64_t service_gap_us = 500;
 constexpr long slow_decode_sleep_ns = 10'000'000;
+
+uint64_t served_us = 0; // when quickidle_when_due served last, or its clock was started
 
 } // namespace
 
@@ -25,12 +28,16 @@ void quickidle_rounds()
     }
 }
 
+void start_quickidle_clock()
+{
+    served_us = monotonic_clock_us();
+}
+
 void quickidle_when_due()
 {
-    static uint64_t pumped_us = 0;
-    if (monotonic_clock_us() - pumped_us >= pump_gap_us) {
+    if (monotonic_clock_us() - served_us >= service_gap_us) {
         quickidle_rounds();
-        pumped_us = monotonic_clock_us();
+        start_quickidle_clock();
     }
 }
 

@@ -8,8 +8,9 @@ extern bool slow_decode; // set by the switch "slow-decode"
 // reach the codec, and where no jump can skip it.
 void quickidle_rounds();
 
-// The same for long work in small steps, which calls this at each of them: nothing happens within
-// half a millisecond of the last time.
+// The same for long work in small steps. The work starts the clock and then calls quickidle_when_due
+// at each step: nothing happens within half a millisecond of the start, or of the last time.
+void start_quickidle_clock();
 void quickidle_when_due();
 
 // The rounds between two calls of a codec; then 10 ms of sleep with "slow-decode". The argument has

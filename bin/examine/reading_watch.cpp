@@ -23,11 +23,13 @@ bool decoder_is_late()
 void watch_examination()
 {
     is_decoding = false;
+    start_quickidle_clock();
 }
 
 void watch_decoding()
 {
     is_decoding = true;
+    start_quickidle_clock();
     signal_seen_us = 0;
 }
 

@@ -10,6 +10,7 @@
 
 #include "bin/decode/rgb_to_yuv.h"
 #include "bin/examine/gif.h"
+#include "bin/examine/gif_interlacing.h"
 #include "bin/quickidle.h"
 #include "platform/media_item.h"
 

@@ -11,8 +11,6 @@
 
 #include <gif_lib.h>
 
-#include "bin/examine/gif_interlacing.h"
-
 struct gif_pixel {
     unsigned char part[4];
 };

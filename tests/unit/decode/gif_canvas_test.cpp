@@ -8,6 +8,7 @@
 #include "bin/decode/gif_canvas.h"
 #include "bin/decode/rgb_to_yuv.h"
 #include "bin/examine/gif.h"
+#include "bin/examine/gif_interlacing.h"
 #include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 

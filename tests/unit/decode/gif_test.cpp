@@ -10,6 +10,7 @@
 #include "bin/decode/gif_canvas.h"
 #include "bin/decode/planes.h"
 #include "bin/examine/gif.h"
+#include "bin/examine/gif_interlacing.h"
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"
 #include "platform/media_item.h"

@@ -167,10 +167,10 @@ TEST_F(LogOnAFullDisk, LossIsNotedWhenThereIsRoomAgain)
 
 TEST_F(LogOnAFullDisk, LossIsNotedWithoutAFurtherMessageOnceASecond)
 {
-    set_room(0);
+    ASSERT_TRUE(disk.set_room(0));
     log.append("ten bytes\n");
     log.look_for_room(5'000'000);
-    make_room();
+    ASSERT_TRUE(disk.make_room());
     log.look_for_room(5'999'999);
     EXPECT_EQ(folder.read("log"), "");
     log.look_for_room(6'000'000);

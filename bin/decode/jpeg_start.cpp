@@ -28,8 +28,8 @@ uint64_t work_of_block()
     constexpr uint64_t whole_block = DCTSIZE2;
     const jpeg_decompress_struct& cinfo = *jpeg_decompress;
     const bool is_part = cinfo.progressive_mode != 0 && cinfo.Ss >= 0 && cinfo.Ss <= cinfo.Se;
-    const auto part = static_cast<uint64_t>(cinfo.Se - cinfo.Ss + 1);
-    return work_of_visit + (is_part ? part : whole_block);
+    const int part = cinfo.Se - cinfo.Ss + 1;
+    return work_of_visit + (is_part ? static_cast<uint64_t>(part) : whole_block);
 }
 
 // In one step of the scan at hand: a row of its interleaved units, or the block rows that a lone

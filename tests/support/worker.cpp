@@ -301,8 +301,9 @@ uint64_t worker::processor_time_us() const
 
 ended_worker run_worker(const worker_home& home, const worker::setting& how)
 {
+    constexpr int only_what_hangs_ms = 100'000;
     worker started(home, how);
-    const int status = started.wait_end();
+    const int status = started.wait_end(only_what_hangs_ms);
     return {status, started.told()};
 }
 

@@ -1,6 +1,7 @@
 #include "platform/standalone/comm/listener.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -113,16 +114,20 @@ int bind_private(int socket, const std::string& path)
     return result;
 }
 
-// Where the socket at `name` is made. The lock that goes with the path goes with this name, too.
-std::string unfinished_name(const std::string& name)
+// The same in each run, so that the next start finds what a dead process has left. FNV-1a.
+uint64_t hash_of(const std::string& text)
 {
-    return ".stillimage-" + name;
+    uint64_t hash = 0xCBF29CE484222325;
+    for (const char c : text) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+    }
+    return hash;
 }
 
 // Left by a process that died while it made its socket.
 void remove_unfinished(int folder, const std::string& name)
 {
-    const std::string unfinished = unfinished_name(name);
+    const std::string unfinished = unfinished_socket_name(name);
     struct stat file = {};
     if (fstatat(folder, unfinished.c_str(), &file, AT_SYMLINK_NOFOLLOW) == 0 &&
         S_ISSOCK(file.st_mode) && file.st_uid == geteuid()) {
@@ -145,7 +150,7 @@ bool note_file(int folder, const std::string& name, comm_listener* listener)
 // False with errno. The temporary name is gone afterwards, one way or the other.
 bool bind_and_rename(const split_path& at, int folder, comm_listener* listener)
 {
-    const std::string temporary = unfinished_name(at.name);
+    const std::string temporary = unfinished_socket_name(at.name);
     remove_unfinished(folder, at.name);
     const int socket = listener->socket.get();
     if (bind_private(socket, temporary_path(at, temporary, folder)) != 0) {
@@ -162,6 +167,16 @@ bool bind_and_rename(const split_path& at, int folder, comm_listener* listener)
 }
 
 } // namespace
+
+// The lock that goes with the path goes with this name, too. One that is too long to be bound to
+// through the folder's descriptor is shortened.
+std::string unfinished_socket_name(const std::string& name)
+{
+    constexpr size_t longest = 64;
+    const std::string beginning = ".stillimage-";
+    return beginning.size() + name.size() <= longest ? beginning + name
+                                                     : beginning + std::to_string(hash_of(name));
+}
 
 bool clear_socket_path(const std::string& path)
 {

@@ -19,6 +19,9 @@ struct comm_listener {
     pid_t owner = 0; // the process that removes the file
 };
 
+// The name, in the same folder, under which the socket `name` is made. Other names have others.
+std::string unfinished_socket_name(const std::string& name);
+
 // True when a socket may be made at the path: nothing is there, or a socket of this user that
 // nobody listens on any more, which is removed, as is what a process has left that died while it
 // made its socket for this path. Otherwise false, told in one line that names the path.

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,6 +18,7 @@ using platform::close_listener;
 using platform::comm_listener;
 using platform::most_path_bytes;
 using platform::open_listener;
+using platform::unfinished_socket_name;
 using platform::unique_fd;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -52,6 +54,22 @@ protected:
     temporary_folder folder;
     std::string path = folder.path("socket");
     comm_listener listener;
+};
+
+// The present folder, as long as it lives.
+class inside_folder {
+public:
+    explicit inside_folder(const std::string& path)
+        : before_(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    {
+        EXPECT_EQ(chdir(path.c_str()), 0);
+    }
+    inside_folder(const inside_folder&) = delete;
+    inside_folder& operator=(const inside_folder&) = delete;
+    ~inside_folder() { EXPECT_EQ(fchdir(before_.get()), 0); }
+
+private:
+    unique_fd before_;
 };
 
 mode_t mode_of(const std::string& path)
@@ -208,6 +226,32 @@ TEST_F(Listener, LongFolderWithAShortNameIsTaken)
     EXPECT_EQ(access(at_the_end.c_str(), F_OK), -1);
 }
 
+TEST_F(Listener, NameAsLongAsAWholePathIsTaken)
+{
+    const inside_folder inside(folder.path());
+    const std::string longest(most_path_bytes, 'n');
+    ASSERT_TRUE(clear_socket_path(longest));
+    ASSERT_TRUE(open_listener(longest, &listener));
+    EXPECT_TRUE(packet_client(longest).connected());
+    EXPECT_THAT(folder.names(), ElementsAre(longest));
+    close_listener(&listener);
+}
+
+TEST_F(Listener, UnfinishedSocketOfALongNameIsRemoved)
+{
+    const inside_folder inside(folder.path());
+    const std::string longest(most_path_bytes, 'n');
+    const std::string other = std::string(most_path_bytes - 1, 'n') + 'o';
+    ASSERT_TRUE(open_listener(longest, &listener));
+    const std::string unfinished = unfinished_socket_name(longest);
+    EXPECT_NE(unfinished, unfinished_socket_name(other));
+    bind_socket(unfinished, SOCK_SEQPACKET).reset();
+    bind_socket(unfinished_socket_name(other), SOCK_SEQPACKET).reset();
+    close_listener(&listener);
+    EXPECT_TRUE(clear_socket_path(longest));
+    EXPECT_THAT(folder.names(), ElementsAre(unfinished_socket_name(other)));
+}
+
 TEST_F(Listener, ListeningAnewReplacesTheSocketInPlace)
 {
     ASSERT_TRUE(open_listener(path, &listener));
@@ -255,13 +299,10 @@ TEST_F(Listener, FileThatReplacedTheSocketIsLeftAlone)
 
 TEST_F(Listener, RelativePathIsTaken)
 {
-    char kept[4096];
-    ASSERT_NE(getcwd(kept, sizeof(kept)), nullptr);
-    ASSERT_EQ(chdir(folder.path().c_str()), 0);
+    const inside_folder inside(folder.path());
     EXPECT_TRUE(clear_socket_path("socket"));
     EXPECT_TRUE(open_listener("socket", &listener));
     EXPECT_TRUE(packet_client(path).connected());
     close_listener(&listener);
     EXPECT_FALSE(folder.has("socket"));
-    ASSERT_EQ(chdir(kept), 0);
 }

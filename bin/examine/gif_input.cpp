@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "bin/examine/picture_input.h"
+#include "bin/examine/reading_watch.h"
 
 namespace {
 
@@ -12,10 +13,20 @@ struct gif_source {
     picture_input file;
     size_t at; // what comes next in `bytes`
     size_t held;
-    unsigned char bytes[32768];
+    unsigned char bytes[8192]; // a few milliseconds, at the slowest that they can be unpacked
 };
 
 gif_source source = {{-1, 0}, 0, 0, {}};
+
+// The bytes that come next in the file, or none when it ends or reading has to. For one pixel the
+// library may go through any number of them.
+bool refill()
+{
+    source.at = 0;
+    source.held =
+        reading_has_to_end() ? 0 : read_picture(&source.file, source.bytes, sizeof source.bytes);
+    return source.held != 0;
+}
 
 // The library's InputFunc: fewer bytes than it wants are the end of the file.
 int read_bytes(GifFileType* /*gif*/, GifByteType* to, int size)
@@ -23,12 +34,8 @@ int read_bytes(GifFileType* /*gif*/, GifByteType* to, int size)
     const auto wanted = static_cast<size_t>(size);
     size_t done = 0;
     while (done < wanted) {
-        if (source.at == source.held) {
-            source.at = 0;
-            source.held = read_picture(&source.file, source.bytes, sizeof source.bytes);
-            if (source.held == 0) {
-                break;
-            }
+        if (source.at == source.held && !refill()) {
+            break;
         }
         const size_t length = std::min(wanted - done, source.held - source.at);
         memcpy(to + done, source.bytes + source.at, length);
@@ -51,6 +58,7 @@ void close_source()
 GifFileType* open_gif(int fd)
 {
     close_source();
+    watch_examination();
     source.file = open_picture_input(fd);
     source.at = source.held = 0;
     GifFileType* gif = DGifOpen(nullptr, read_bytes, nullptr);

@@ -1,5 +1,5 @@
 // What giflib reads from: the picture's file through a buffer, since it asks for a few bytes at a
-// time.
+// time. Between two fillings clients are served; after a termination signal the file ends there.
 #pragma once
 
 #include <gif_lib.h>

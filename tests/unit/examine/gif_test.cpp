@@ -300,6 +300,33 @@ TEST_F(GifExamination, SignalEndsItBetweenRecords)
     EXPECT_EQ(printed(), "");
 }
 
+// A frame of one pixel, before which nothing but clear codes is unpacked.
+bytes file_of_clear_codes(size_t blocks)
+{
+    // Eight codes of nine bits, 256 each.
+    constexpr unsigned char codes[] = {0x00, 0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
+    constexpr size_t block_bytes = 252; // whole groups of codes
+    bytes file = gif_start({});
+    file.insert(file.end(), {0x2C, 0, 0, 0, 0, 1, 0, 1, 0, 0, 8});
+    for (size_t block = 0; block < blocks; ++block) {
+        file.push_back(block_bytes);
+        for (size_t i = 0; i < block_bytes; ++i) {
+            file.push_back(codes[i % sizeof codes]);
+        }
+    }
+    file.insert(file.end(), {0, 0x3B});
+    return file;
+}
+
+TEST_F(GifExamination, SocketIsServedInsideAPixelAndASignalEndsItThere)
+{
+    scripted::plan.clock_step_us = 500;
+    scripted::plan.die_after_idle = 5;
+    EXPECT_EQ(examine_bytes(file_of_clear_codes(400)), 1);
+    EXPECT_EQ(printed(), "");
+    EXPECT_EQ(scripted::log.idle_rounds, 5U); // of a dozen in 100,000 bytes
+}
+
 TEST_F(GifExamination, SocketIsServedEveryHalfMillisecondAtMost)
 {
     scripted::plan.clock_step_us = 10; // two looks a turn: 25 turns, and the one at the start

@@ -3,23 +3,16 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "platform/media_item.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/life_cycle.h"
 #include "platform/standalone/item/settings.h"
 
 namespace {
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 std::vector<std::string> arguments_in(const uint8_t* data, size_t size)
 {

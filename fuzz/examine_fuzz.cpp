@@ -3,7 +3,6 @@
 // nothing stays open.
 
 #include <cstdint>
-#include <cstdlib>
 #include <vector>
 
 #include "bin/examine/examine_file.h"
@@ -14,6 +13,7 @@
 #include "bin/examine/png.h"
 #include "bin/examine/tiff.h"
 #include "bin/examine/webp.h"
+#include "fuzz/require.h"
 #include "platform/media_item.h"
 #include "tests/support/failing_calls.h"
 #include "tests/support/scripted_platform.h"
@@ -21,13 +21,6 @@
 namespace {
 
 constexpr size_t memory_limit = 64U << 20; // for what a GIF frame may claim
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 void free_readers()
 {

@@ -2,23 +2,12 @@
 // starts like a JPEG is one.
 
 #include <cstdint>
-#include <cstdlib>
 #include <vector>
 
 #include "bin/examine/identify.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_marker_walk.h"
-
-namespace {
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
-
-} // namespace
+#include "fuzz/require.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -2,26 +2,15 @@
 // refused, or read and written without any loss, through the plain text and through the entry list.
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
 
+#include "fuzz/require.h"
 #include "platform/standalone/base/utf8.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/metadata_text.h"
 
 namespace {
-
-using list_owner =
-    std::unique_ptr<metadata_v4_metadata_context, void (*)(metadata_v4_metadata_context*)>;
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 bool same(const platform::text_entry& a, const platform::text_entry& b)
 {
@@ -45,8 +34,7 @@ void check_round_trip(const platform::text_document& document, const std::string
 // Every other entry freed, one changed, one added: what is left is what the file then holds.
 void check_list(platform::text_document&& document, const std::string& text)
 {
-    const list_owner owner(platform::new_metadata_list(std::move(document)),
-                           platform::free_metadata_list);
+    const platform::list_owner owner(platform::new_metadata_list(std::move(document)));
     metadata_v4_metadata_context* list = owner.get();
     require(platform::metadata_list_text(*list) == text);
     require(list->text_size == text.size());

@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
+#include "fuzz/require.h"
 #include "platform/standalone/comm/server.h"
 #include "platform/standalone/item/clients.h"
 #include "platform/standalone/item/clients_events.h"
@@ -24,13 +24,6 @@
 namespace {
 
 using namespace comm_protocol;
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 // The rest of the input, eaten from the front; zeros at its end.
 struct input {

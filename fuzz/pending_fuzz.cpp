@@ -3,25 +3,14 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
 
+#include "fuzz/require.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/pending_text.h"
 
 namespace {
-
-using list_owner =
-    std::unique_ptr<metadata_v4_metadata_context, void (*)(metadata_v4_metadata_context*)>;
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 // Bit by bit, as docs/metadata.md has it.
 uint32_t crc32_of(std::string_view text)
@@ -72,7 +61,7 @@ void check(std::string_view text)
     }
     const platform::pending_text read = platform::parse_pending(again, is_there);
     require(read.settings == pending.settings && read.damaged == 0);
-    const list_owner list(platform::new_metadata_list(), platform::free_metadata_list);
+    const platform::list_owner list(platform::new_metadata_list());
     const platform::settings_result result =
         platform::set_item_entries(list.get(), pending.settings);
     require(list->entries + result.refused == pending.settings.size());

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -15,6 +14,7 @@
 #include "client/scanline_record.h"
 #include "client/tool/picture_files.h"
 #include "client/tool/y4m.h"
+#include "fuzz/require.h"
 
 namespace {
 
@@ -32,9 +32,7 @@ uint32_t read_planes(const stillimage_picture& picture)
                 sum += row[x];
             }
         }
-        if (picture.plane_width[p] > picture.stride[p]) {
-            abort();
-        }
+        require(picture.plane_width[p] <= picture.stride[p]);
     }
     return sum;
 }
@@ -80,8 +78,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         volatile uint32_t sum = read_planes(picture);
         static_cast<void>(sum);
         convert(picture);
-    } else if (reason.empty()) {
-        abort();
+    } else {
+        require(!reason.empty());
     }
     return 0;
 }

@@ -1,20 +1,11 @@
 #include "fuzz/whole_road.h"
 
-#include <cstdlib>
-
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/framebuffer/mipmap.h"
 #include "bin/framebuffer/records.h"
 #include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 void start_anew()
 {

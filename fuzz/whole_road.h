@@ -5,9 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 
-inline constexpr int64_t most_pixels = 1 << 20; // larger pictures only cost time
+#include "fuzz/require.h"
 
-void require(bool condition); // ends the process, which is a finding
+inline constexpr int64_t most_pixels = 1 << 20; // larger pictures only cost time
 
 // Everything of the program and the platform as it is at program start, but the format's own reader.
 void start_anew();

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 #include <utility>
 #include <vector>
@@ -37,9 +36,6 @@ struct stored_file {
     text_document document;
     file_identity identity;
 };
-
-using list_owner =
-    std::unique_ptr<metadata_v4_metadata_context, void (*)(metadata_v4_metadata_context*)>;
 
 void report(const metadata_store& store, std::string_view what, std::string_view reason)
 {
@@ -407,7 +403,7 @@ int update_stored_metadata(const metadata_store& store, const item_settings& set
     if (file.result == read_result::DAMAGED || file.result == read_result::UNAVAILABLE) {
         return refuse(store, cannot_write, file.reason, reason);
     }
-    const list_owner list(list_of(std::move(file)), free_metadata_list);
+    const list_owner list(list_of(std::move(file)));
     const bool has_own = own != nullptr && *own;
     std::vector<found_pending> others =
         find_pending(store, has_own ? std::string_view(own->name) : std::string_view());

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,6 +49,12 @@ namespace platform {
 metadata_v4_metadata_context* new_metadata_list();
 metadata_v4_metadata_context* new_metadata_list(text_document&& document);
 void free_metadata_list(metadata_v4_metadata_context* list); // null is fine
+
+struct metadata_list_deleter {
+    void operator()(metadata_v4_metadata_context* list) const { free_metadata_list(list); }
+};
+
+using list_owner = std::unique_ptr<metadata_v4_metadata_context, metadata_list_deleter>;
 
 // The text of the list as its file holds it.
 std::string metadata_list_text(const metadata_v4_metadata_context& list);

@@ -20,8 +20,7 @@ namespace {
 using failing_files::fate;
 using item_test::ClientSettings;
 using json11::Json;
-using list_owner =
-    std::unique_ptr<metadata_v4_metadata_context, void (*)(metadata_v4_metadata_context*)>;
+using platform::list_owner;
 
 // --- what is promised: a stored value survives the death of the process ---------------------------
 
@@ -38,8 +37,7 @@ TEST_F(ClientSettings, AThousandKillsRightAfterTheAnswerLoseNothing)
                       return 0;
                   }),
                   -SIGKILL);
-        const list_owner list(platform::load_metadata(item::opened_item()->store),
-                              platform::free_metadata_list);
+        const list_owner list(platform::load_metadata(item::opened_item()->store));
         const metadata_v4_entry* entry = platform::find_item_entry(list.get(), "title");
         ASSERT_NE(entry, nullptr) << round;
         ASSERT_EQ(entry->value, value);
@@ -110,8 +108,7 @@ TEST_F(ClientSettings, KillsDuringTheWriteLoseNothing)
                   }),
                   -SIGKILL)
             << step;
-        const list_owner list(platform::load_metadata(item::opened_item()->store),
-                              platform::free_metadata_list);
+        const list_owner list(platform::load_metadata(item::opened_item()->store));
         ASSERT_NE(platform::find_item_entry(list.get(), "title"), nullptr);
         EXPECT_EQ(platform::find_item_entry(list.get(), "title")->value, value) << step;
     }

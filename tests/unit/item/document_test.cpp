@@ -1,6 +1,5 @@
 #include <climits>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <unistd.h>
 
@@ -17,13 +16,6 @@
 namespace {
 
 using json11::Json;
-
-struct free_list {
-    void operator()(metadata_v4_metadata_context* list) const
-    {
-        platform::free_metadata_list(list);
-    }
-};
 
 class Document : public item_test::ItemFixture {
 protected:
@@ -46,7 +38,7 @@ protected:
                   0);
     }
 
-    std::unique_ptr<metadata_v4_metadata_context, free_list> list{platform::new_metadata_list()};
+    platform::list_owner list{platform::new_metadata_list()};
 };
 
 TEST_F(Document, HasAllMembersFromTheStart)

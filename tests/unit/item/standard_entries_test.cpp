@@ -1,4 +1,3 @@
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,13 +12,6 @@
 #include "tests/unit/item/item_fixture.h"
 
 namespace {
-
-struct free_list {
-    void operator()(metadata_v4_metadata_context* list) const
-    {
-        platform::free_metadata_list(list);
-    }
-};
 
 class StandardEntries : public item_test::ItemFixture {
 protected:
@@ -39,7 +31,7 @@ protected:
 
     void take() { item::take_stored_settings(list.get()); }
 
-    std::unique_ptr<metadata_v4_metadata_context, free_list> list{platform::new_metadata_list()};
+    platform::list_owner list{platform::new_metadata_list()};
 };
 
 TEST_F(StandardEntries, AllAreTaken)

@@ -82,12 +82,12 @@ TEST_F(ItemMetadata, TooLongPathsAreTold)
 TEST_F(ItemMetadata, WrittenListIsLoadedAgain)
 {
     const item_owner item = open(picture, metadata_folder);
-    const list_owner list(platform::load_item_metadata(*item), platform::free_metadata_list);
+    const list_owner list(platform::load_item_metadata(*item));
     ASSERT_NE(list, nullptr);
     EXPECT_EQ(metadata_v4_metadata_context_add_name_value_pair(list.get(), "a", 0, "b", 0, 3), 0);
     EXPECT_EQ(
         metadata_v4_metadata_context_write_metadata_to_file(list.get(), item.get(), 0, nullptr), 0);
-    const list_owner again(platform::load_item_metadata(*item), platform::free_metadata_list);
+    const list_owner again(platform::load_item_metadata(*item));
     ASSERT_EQ(metadata_v4_metadata_context_entry_count(again.get()), 1U);
     EXPECT_EQ(metadata_v4_metadata_context_read_entry(again.get(), 0)->tag, 3);
 }
@@ -95,7 +95,7 @@ TEST_F(ItemMetadata, WrittenListIsLoadedAgain)
 TEST_F(ItemMetadata, ClosedOrMissingListIsNotWritten)
 {
     const item_owner item = open(picture, metadata_folder);
-    const list_owner list(platform::load_item_metadata(*item), platform::free_metadata_list);
+    const list_owner list(platform::load_item_metadata(*item));
     const auto write = [&](metadata_v4_metadata_context* what, metadata_v4_context* where) {
         return metadata_v4_metadata_context_write_metadata_to_file(what, where, 0, nullptr);
     };
@@ -109,7 +109,7 @@ TEST_F(ItemMetadata, ClosedOrMissingListIsNotWritten)
 TEST_F(ItemMetadata, UnknownFlagsAreRefused)
 {
     const item_owner item = open(picture, metadata_folder);
-    const list_owner list(platform::load_item_metadata(*item), platform::free_metadata_list);
+    const list_owner list(platform::load_item_metadata(*item));
     int reserved = 0;
     EXPECT_NE(
         metadata_v4_metadata_context_write_metadata_to_file(list.get(), item.get(), 1, nullptr), 0);
@@ -125,8 +125,7 @@ TEST_F(ItemMetadata, RelativePathsHoldAfterTheWorkingFolderHasChanged)
                   const item_owner item = open("picture.png", "meta");
                   EXPECT_NE(item, nullptr) << told;
                   EXPECT_EQ(chdir("/"), 0);
-                  const list_owner list(platform::load_item_metadata(*item),
-                                        platform::free_metadata_list);
+                  const list_owner list(platform::load_item_metadata(*item));
                   EXPECT_EQ(metadata_v4_metadata_context_write_metadata_to_file(
                                 list.get(), item.get(), 0, nullptr),
                             0);
@@ -184,7 +183,7 @@ TEST_F(ItemMetadata, ClosingTakesNullAndLeavesNoDescriptor)
     platform::close_media_item(nullptr);
     const int before = next_descriptor();
     item_owner item = open(picture, metadata_folder);
-    const list_owner list(platform::load_item_metadata(*item), platform::free_metadata_list);
+    const list_owner list(platform::load_item_metadata(*item));
     metadata_v4_metadata_context_write_metadata_to_file(list.get(), item.get(), 0, nullptr);
     item.reset();
     EXPECT_EQ(next_descriptor(), before);

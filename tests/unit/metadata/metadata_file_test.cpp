@@ -28,12 +28,12 @@ class MetadataFile : public testing::Test {
 protected:
     MetadataFile() { failing_files::arm(0, fate::FAIL); }
 
-    list_owner load() { return {load_metadata(store), platform::free_metadata_list}; }
+    list_owner load() { return list_owner(load_metadata(store)); }
 
     // Loads while collecting what is printed.
     list_owner load_told()
     {
-        list_owner list(nullptr, platform::free_metadata_list);
+        list_owner list;
         told = printed_by([&] { list = load(); });
         return list;
     }
@@ -326,7 +326,7 @@ TEST_P(MetadataFileFailure, IsToldAndLeavesTheOldFile)
     const temporary_folder folder;
     platform::metadata_store store = store_in(folder);
     folder.write("metadata", "a = 1\n");
-    const list_owner list(load_metadata(store), platform::free_metadata_list);
+    const list_owner list(load_metadata(store));
     platform::set_item_entry(list.get(), "a", "2");
     store.operations = &failing_files::operations;
     failing_files::arm(GetParam().call, fate::FAIL, EDQUOT);

@@ -1,7 +1,6 @@
 // What the metadata tests share: lists from a text, and a store in a folder of the test's own.
 #pragma once
 
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -11,15 +10,14 @@
 #include "platform/standalone/metadata/metadata_list.h"
 #include "tests/support/temporary_folder.h"
 
-using list_owner =
-    std::unique_ptr<metadata_v4_metadata_context, void (*)(metadata_v4_metadata_context*)>;
+using platform::list_owner;
 
 inline list_owner list_from(std::string_view text)
 {
     platform::text_document document;
     platform::text_fault fault;
     EXPECT_TRUE(platform::parse_metadata(text, &document, &fault)) << fault.reason;
-    return {platform::new_metadata_list(std::move(document)), platform::free_metadata_list};
+    return list_owner(platform::new_metadata_list(std::move(document)));
 }
 
 // The store of `folder`, with messages that name "META" and a short wait for the lock.

@@ -1,5 +1,4 @@
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -288,7 +287,7 @@ TEST(MetadataList, FileOfCommentsAloneKeepsThemAbove)
 
 TEST(MetadataList, NewListSaysHowItIsEdited)
 {
-    const list_owner list(platform::new_metadata_list(), platform::free_metadata_list);
+    const list_owner list(platform::new_metadata_list());
     EXPECT_EQ(add(list, "a", "1"), 0);
     EXPECT_EQ(text_of(list),
               "# Metadata of one media item. One entry a line: name = value\na = 1\n");

@@ -57,7 +57,7 @@ protected:
     // What a start would show for "a".
     std::string loaded(const char* name = "a") const
     {
-        const list_owner list(platform::load_metadata(store), platform::free_metadata_list);
+        const list_owner list(platform::load_metadata(store));
         const metadata_v4_entry* entry = platform::find_item_entry(list.get(), name);
         return entry != nullptr ? entry->value : "(none)";
     }
@@ -65,7 +65,7 @@ protected:
     // As a start that writes: 0 when that went well.
     int load_and_store() const
     {
-        const list_owner list(platform::load_metadata(store), platform::free_metadata_list);
+        const list_owner list(platform::load_metadata(store));
         return platform::has_unwritten_settings(list.get())
                    ? platform::store_metadata(store, list.get())
                    : -2;
@@ -292,12 +292,11 @@ TEST_F(PendingFiles, KillAtEveryStepKeepsTheSetting)
             for (int second = 1; second <= steps; ++second) {
                 run_in_child([&] {
                     there.operations = &failing_files::operations;
-                    const list_owner list(platform::load_metadata(there),
-                                          platform::free_metadata_list);
+                    const list_owner list(platform::load_metadata(there));
                     failing_files::arm(second, moment);
                     return platform::store_metadata(there, list.get());
                 });
-                const list_owner list(platform::load_metadata(there), platform::free_metadata_list);
+                const list_owner list(platform::load_metadata(there));
                 const metadata_v4_entry* entry = platform::find_item_entry(list.get(), "a");
                 ASSERT_NE(entry, nullptr);
                 ASSERT_STREQ(entry->value, "new") << step << " then " << second;
@@ -330,7 +329,7 @@ TEST_F(PendingFiles, EachFailingCallOfAWriteKeepsTheSetting)
         });
         EXPECT_EQ(step == steps ? "Input/output error" : reason, "Input/output error") << step;
         failing_files::arm(0, fate::FAIL);
-        const list_owner list(platform::load_metadata(there), platform::free_metadata_list);
+        const list_owner list(platform::load_metadata(there));
         EXPECT_STREQ(platform::find_item_entry(list.get(), "a")->value, "new") << step;
         ASSERT_EQ(platform::append_pending(there, &mine, record_of("a", "next"), &reason),
                   append_result::APPENDED);

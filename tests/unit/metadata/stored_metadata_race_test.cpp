@@ -63,7 +63,7 @@ TEST(StoredMetadataRace, UpdatesOfTwoProcessesAreAllKept)
     child_process second([&] { return update_often("second "); });
     EXPECT_EQ(first.wait(), 0);
     EXPECT_EQ(second.wait(), 0);
-    const list_owner list(platform::load_metadata(store), platform::free_metadata_list);
+    const list_owner list(platform::load_metadata(store));
     EXPECT_EQ(list->entries, 1U + 2 * rounds);
 }
 
@@ -85,7 +85,7 @@ TEST(StoredMetadataRace, OneOfTwoFirstWritersWins)
         const auto start_worker = [&](const char* who) {
             return std::make_unique<child_process>([&, who] {
                 silence_standard_error();
-                const list_owner list(platform::load_metadata(store), platform::free_metadata_list);
+                const list_owner list(platform::load_metadata(store));
                 platform::set_item_entry(list.get(), "writer", who);
                 char byte = '\0';
                 close(go[1]);
@@ -104,7 +104,7 @@ TEST(StoredMetadataRace, OneOfTwoFirstWritersWins)
         const int first_lost = first->wait();
         const int second_lost = second->wait();
         EXPECT_LE(first_lost + second_lost, 1);
-        const list_owner list(platform::load_metadata(store), platform::free_metadata_list);
+        const list_owner list(platform::load_metadata(store));
         const metadata_v4_entry* writer = platform::find_item_entry(list.get(), "writer");
         ASSERT_NE(writer, nullptr);
         if (first_lost + second_lost == 1) {
@@ -124,7 +124,7 @@ TEST(StoredMetadataRace, DamagedFileIsSetAsideOnce)
         store.lock_limit_us = long_wait_us;
         const auto worker = [&] {
             silence_standard_error();
-            const list_owner list(platform::load_metadata(store), platform::free_metadata_list);
+            const list_owner list(platform::load_metadata(store));
             platform::set_item_entry(list.get(), "a", "1");
             platform::store_metadata(store, list.get());
             return 0;
@@ -155,7 +155,7 @@ TEST(StoredMetadataRace, ReadersBesideAWriterAlwaysFindAWholeFile)
         return 0;
     });
     for (int round = 0; round < 500; ++round) {
-        const list_owner list(platform::load_metadata(store), platform::free_metadata_list);
+        const list_owner list(platform::load_metadata(store));
         ASSERT_NE(list, nullptr);
         ASSERT_EQ(list->entries, 2U);
         ASSERT_STREQ(platform::find_item_entry(list.get(), "a")->value,

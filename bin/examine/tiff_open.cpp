@@ -10,6 +10,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/picture_input.h"
 #include "bin/examine/tiff_messages.h"
+#include "bin/quickidle.h"
 #include "platform/media_item.h"
 
 namespace {
@@ -24,7 +25,7 @@ struct tiff_file {
     bool is_opening;
     uint64_t allowance; // bytes that may be read while the file is opened
     bool asked_too_much;
-    uint64_t since_poll; // bytes read since signals were looked for
+    uint64_t since_poll; // bytes read since clients and signals were looked after
     bool is_stopped;     // by a signal
 };
 
@@ -58,14 +59,15 @@ bool is_allowed(tiff_file* file, uint64_t bytes)
     return !file->asked_too_much;
 }
 
-// False when a signal asked the process to end. What the library says of that is nobody's concern.
-// Small reads of an open file go on, so that a strip that has been begun is drawn.
+// Serves clients. False when a signal asked the process to end. What the library says of that is nobody's
+// concern. Small reads of an open file go on, so that a strip that has been begun is drawn.
 bool may_read(tiff_file* file)
 {
     if (!file->is_opening && file->since_poll < read_at_once) {
         return true;
     }
     file->since_poll = 0;
+    quickidle_when_due();
     if (DIE4 == 0) {
         return true;
     }
@@ -183,6 +185,7 @@ TIFF* open_frugal(tiff_file* file, const char* name)
 TIFF* open_tiff(int fd, const char* name)
 {
     install_tiff_messages();
+    start_quickidle_clock();
     auto* file = new (std::nothrow)
         tiff_file{open_picture_input(fd), true, opening_allowance(fd), false, 0, false};
     TIFF* image = file != nullptr ? open_frugal(file, name) : nullptr;

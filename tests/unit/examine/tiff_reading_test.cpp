@@ -99,6 +99,24 @@ TEST_F(TiffReading, SignalRefusesAFileThatIsBeingOpened)
     EXPECT_EQ(printed().find("TIFF ERROR: "), 0U);
 }
 
+TEST_F(TiffReading, SocketIsServedWhileTheFileIsOpenedAndASignalEndsItThere)
+{
+    scripted::plan.clock_step_us = 500; // every look at the clock is half a millisecond later
+    scripted::plan.die_after_idle = 2;
+    EXPECT_EQ(examine(plain_tiff(4, 4, 3, 2)), 1);
+    EXPECT_EQ(printed(), "TIFF did not open file\n");
+    EXPECT_EQ(scripted::log.idle_rounds, 2U);
+}
+
+TEST_F(TiffReading, SocketIsServedInALongRead)
+{
+    ASSERT_EQ(examine(with_long_strip(several_pieces)), 0);
+    scripted::plan.clock_step_us = 500;
+    const uint64_t before = scripted::log.idle_rounds;
+    EXPECT_TRUE(strip_is_read(several_pieces));
+    EXPECT_EQ(scripted::log.idle_rounds, before + 2); // behind each 4 MiB
+}
+
 TEST_F(TiffReading, SignalEndsALongReadWithoutAWord)
 {
     ASSERT_EQ(examine(with_long_strip(several_pieces)), 0);

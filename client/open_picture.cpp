@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <sys/stat.h>
 
 #include "client/border.h"
 #include "client/connection.h"
@@ -19,8 +20,20 @@ std::string reason_of(int error)
     return strerror(error);
 }
 
+// A worker that refuses its file removes its socket before it ends; one that was killed does not.
+bool left_its_socket(const std::string& path)
+{
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
 stillimage_result tell_end(stillimage_client& client, const started_worker& worker)
 {
+    if (left_its_socket(client.socket_path)) {
+        return fail(client, STILLIMAGE_ERROR_NO_WORKER,
+                    "the worker of " + client.picture +
+                        " has gone before it could serve: " + worker.last_words());
+    }
     return fail(client, STILLIMAGE_ERROR_REFUSED,
                 "the worker does not serve " + client.picture + ": " + worker.last_words());
 }

@@ -8,7 +8,9 @@
 #include <fcntl.h>
 #include <fstream>
 #include <string>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -324,6 +326,26 @@ TEST_F(OpenPicture, LastWordsAreTheLastTwoLines)
     environment.set("STILLIMAGE_PROGRAM", program("exit 1\n"));
     EXPECT_EQ(connect(picture, STILLIMAGE_START_WORKER), STILLIMAGE_ERROR_REFUSED);
     EXPECT_THAT(error(), EndsWith(": it said nothing"));
+}
+
+// Its socket stays behind, which a worker that refuses its file has removed before it ends.
+TEST_F(OpenPicture, WorkerThatIsKilledWhileItStartsDoesNotRefuseThePicture)
+{
+    char path[108];
+    ASSERT_EQ(stillimage_socket_of(picture.c_str(), path, sizeof path), STILLIMAGE_OK);
+    ASSERT_EQ(mkdir(home.path("run/stillimage").c_str(), 0700), 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
+    const int left = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(left, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    close(left);
+    environment.set("STILLIMAGE_PROGRAM", program("echo one >&2; kill -KILL $$\n"));
+    EXPECT_EQ(connect(picture, STILLIMAGE_START_WORKER), STILLIMAGE_ERROR_NO_WORKER);
+    EXPECT_EQ(error(), "the worker of " + picture + " has gone before it could serve: one");
+    environment.set("STILLIMAGE_PROGRAM", STILLIMAGE_PROGRAM);
+    EXPECT_EQ(stillimage_reconnect(client.get(), start_limit_ms), STILLIMAGE_OK) << error();
+    note_worker();
 }
 
 // --- once more -----------------------------------------------------------------------------------

@@ -139,20 +139,24 @@ protected:
         return picture;
     }
 
-    // `last_chroma` is how far subsampled chroma may be off in the last column.
+    // `last_chroma` is how far subsampled chroma may be off in the last column; `padded` says that a
+    // width above is odd: by rule a quarter of that last column, and so at most half of any, is
+    // what lies behind it.
     static void expect_level(const stillimage_picture& full, const stillimage_picture& level,
-                             int last_chroma)
+                             int last_chroma, bool padded)
     {
+        constexpr int behind[STILLIMAGE_PLANES] = {16, 128, 128, 0};
         for (int p = 0; p < STILLIMAGE_PLANES; ++p) {
             if (full.plane[p] == nullptr) {
                 continue;
             }
-            const distance found = furthest(level, p, full.plane[p][0]);
+            const int colour = full.plane[p][0];
+            const distance found = furthest(level, p, colour);
             EXPECT_LE(found.others, tolerance) << "plane " << p;
-            const bool chroma = p == STILLIMAGE_U || p == STILLIMAGE_V;
-            if (chroma && full.chroma_x_shift != 0) {
-                EXPECT_LE(found.last_column, last_chroma) << "plane " << p;
-            }
+            const bool subsampled =
+                (p == STILLIMAGE_U || p == STILLIMAGE_V) && full.chroma_x_shift != 0;
+            const int last = tolerance + (padded ? std::abs(colour - behind[p]) / 2 : 0);
+            EXPECT_LE(found.last_column, subsampled ? last_chroma : last) << "plane " << p;
         }
     }
 
@@ -160,9 +164,10 @@ protected:
     {
         open(file);
         const stillimage_picture full = picture_of(main_image_mipmap);
-        expect_level(full, full, last_chroma);
+        expect_level(full, full, tolerance, false);
         for (int i = 0; i < mipmaps; ++i) {
-            expect_level(full, picture_of(mipmap[i]), last_chroma);
+            const bool padded = image_width % (2 << i) != 0;
+            expect_level(full, picture_of(mipmap[i]), last_chroma, padded);
             ASSERT_FALSE(HasFailure())
                 << image_width << " x " << image_height << ", level " << i << " of format "
                 << image_file_type << " in " << +image_chroma_x_shift << +image_chroma_y_shift;

@@ -203,6 +203,13 @@ TEST_F(GifCanvas, IndexPastTheColoursIsTheFirstColour)
 
 // --- transparency -------------------------------------------------------------------------------
 
+const unsigned char transparent_color_at_first = gif_last_transparent_color;
+
+TEST_F(GifCanvas, TransparentIndexAtFirstIsTheLastOne)
+{
+    EXPECT_EQ(transparent_color_at_first, 255);
+}
+
 TEST_F(GifCanvas, OwnTransparentIndexShowsTheCanvas)
 {
     set_blocks({{1, 0, 0, 2}});

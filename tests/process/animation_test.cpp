@@ -157,7 +157,7 @@ TEST_F(Animation, SignalEndsAnAnimationInMidDecode)
     ASSERT_TRUE(served.wait_printed("Using CNB buffer"));
     pause_ms(50);
     served.send(SIGTERM);
-    EXPECT_EQ(served.wait_end(20'000), 0);
+    EXPECT_EQ(served.wait_end(30'000), 0);
     EXPECT_THAT(served.told(), Not(HasSubstr("WARNING")));
     EXPECT_TRUE(home.sockets().empty());
 }

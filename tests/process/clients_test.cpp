@@ -34,18 +34,27 @@ protected:
     {
         served = std::make_unique<worker>(home, picture);
         ASSERT_TRUE(served->wait_ready());
-        // The connection that asked whether it is ready is given back first.
-        ASSERT_TRUE(eventually([&] {
-            descriptors = served->open_descriptors();
-            pause_ms(50);
-            return served->open_descriptors() == descriptors;
-        }));
+        // The connection that asked whether it is ready is given back first; each takes one.
+        const held_client only = connect();
+        ASSERT_TRUE(eventually([&] { return status_of(only).find("\"clients\": 1,") != npos; }));
+        descriptors = served->open_descriptors() - 1;
+    }
+
+    static constexpr size_t npos = std::string::npos;
+
+    static std::string status_of(const held_client& client)
+    {
+        char* json = nullptr;
+        EXPECT_EQ(stillimage_get_status(client.get(), 30'000, &json), STILLIMAGE_OK);
+        std::string text = json != nullptr ? json : "";
+        stillimage_free(json);
+        return text;
     }
 
     held_client connect() const
     {
         stillimage_client* client = nullptr;
-        EXPECT_EQ(stillimage_connect(served->socket().c_str(), 20'000, &client), STILLIMAGE_OK)
+        EXPECT_EQ(stillimage_connect(served->socket().c_str(), 30'000, &client), STILLIMAGE_OK)
             << stillimage_last_error(client);
         return held_client(client);
     }
@@ -125,7 +134,7 @@ TEST_F(Clients, TimePositionsBeyondTheEndShowTheLastFrame)
 {
     const held_client client = connect();
     stillimage_frame* frame = nullptr;
-    ASSERT_EQ(stillimage_get_frame(client.get(), UINT64_MAX, 0, 0, 10'000, &frame), STILLIMAGE_OK);
+    ASSERT_EQ(stillimage_get_frame(client.get(), UINT64_MAX, 0, 0, 30'000, &frame), STILLIMAGE_OK);
     EXPECT_EQ(stillimage_frame_picture(frame)->frame_number, 1U);
     stillimage_frame_release(frame);
 }
@@ -201,7 +210,7 @@ TEST_F(Clients, GarbageEndsThatConnectionOnly)
         })) << piece.size();
         close(fd);
     }
-    EXPECT_EQ(stillimage_ping(other.get(), 10'000), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_ping(other.get(), 30'000), STILLIMAGE_OK);
 }
 
 TEST_F(Clients, ClientThatNeverReadsIsDropped)
@@ -220,7 +229,7 @@ TEST_F(Clients, ClientThatNeverReadsIsDropped)
                 return true;
             }
         }
-        EXPECT_EQ(stillimage_ping(other.get(), 10'000), STILLIMAGE_OK);
+        EXPECT_EQ(stillimage_ping(other.get(), 30'000), STILLIMAGE_OK);
         return false;
     });
     EXPECT_TRUE(dropped);

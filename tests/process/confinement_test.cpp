@@ -66,8 +66,8 @@ protected:
         ASSERT_TRUE(served.wait_ready()) << served.told();
         const held_client client = connect_to(served.socket());
         EXPECT_NE(take_frame(client), nullptr);
-        EXPECT_EQ(stillimage_set_metadata(client.get(), "colour", "green", 10'000), STILLIMAGE_OK);
-        EXPECT_EQ(stillimage_quit(client.get(), 10'000), STILLIMAGE_OK);
+        EXPECT_EQ(stillimage_set_metadata(client.get(), "colour", "green", 30'000), STILLIMAGE_OK);
+        EXPECT_EQ(stillimage_quit(client.get(), 30'000), STILLIMAGE_OK);
         EXPECT_EQ(served.wait_end(), 0) << served.told();
         EXPECT_TRUE(home.sockets().empty());
     }

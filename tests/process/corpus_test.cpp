@@ -107,7 +107,7 @@ protected:
         EXPECT_EQ(stillimage_frame_picture(last.get())->frame_number, wanted.frames) << wanted.name;
         const stillimage_descriptor_info* info = stillimage_frame_descriptor(first.get());
         std::vector<unsigned char> area(info->area, info->area + info->area_size);
-        EXPECT_EQ(stillimage_quit(client.get(), 10'000), STILLIMAGE_OK) << wanted.name;
+        EXPECT_EQ(stillimage_quit(client.get(), 30'000), STILLIMAGE_OK) << wanted.name;
         EXPECT_EQ(served.wait_end(), 0) << wanted.name << '\n' << served.told();
         return area;
     }

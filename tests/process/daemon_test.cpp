@@ -28,8 +28,8 @@ protected:
     void quit()
     {
         stillimage_client* client = nullptr;
-        ASSERT_EQ(stillimage_connect(socket.c_str(), 20'000, &client), STILLIMAGE_OK);
-        EXPECT_EQ(stillimage_quit(client, 10'000), STILLIMAGE_OK);
+        ASSERT_EQ(stillimage_connect(socket.c_str(), 30'000, &client), STILLIMAGE_OK);
+        EXPECT_EQ(stillimage_quit(client, 30'000), STILLIMAGE_OK);
         stillimage_close(client);
         EXPECT_TRUE(eventually([&] { return home.sockets().empty(); }));
     }
@@ -77,9 +77,9 @@ TEST_F(Daemon, ClientsThatComeWhileItLeavesItsParentAreServed)
         ASSERT_TRUE(eventually([&] { return access(socket.c_str(), F_OK) == 0; }));
         for (bool ready = false; !ready;) {
             stillimage_client* client = nullptr;
-            ASSERT_EQ(stillimage_connect(socket.c_str(), 20'000, &client), STILLIMAGE_OK)
+            ASSERT_EQ(stillimage_connect(socket.c_str(), 30'000, &client), STILLIMAGE_OK)
                 << stillimage_last_error(client) << parent.told();
-            ASSERT_EQ(stillimage_ping(client, 20'000), STILLIMAGE_OK)
+            ASSERT_EQ(stillimage_ping(client, 30'000), STILLIMAGE_OK)
                 << stillimage_last_error(client) << parent.told();
             ready = stillimage_wait_ready(client, 0, 0) == STILLIMAGE_OK;
             stillimage_close(client);

@@ -159,7 +159,7 @@ TEST_F(EarlySocket, WhateverDescriptorsAreLeftAWorkerIsReachableOrRefused)
         if (served.is_running()) {
             const held_client client = connect_to(socket);
             EXPECT_NE(take_frame(client), nullptr) << descriptors;
-            EXPECT_EQ(stillimage_quit(client.get(), 10'000), STILLIMAGE_OK);
+            EXPECT_EQ(stillimage_quit(client.get(), 30'000), STILLIMAGE_OK);
             EXPECT_EQ(served.wait_end(), 0);
             was_reached = true;
         } else {

@@ -97,7 +97,7 @@ TEST_F(HostileDecodes, PictureOfTheLargestSizeIsServedFromASmallFile)
     const stillimage_picture* picture = stillimage_frame_picture(frame.get());
     EXPECT_EQ(picture->width, 16384U);
     EXPECT_EQ(picture->plane[STILLIMAGE_Y][16383UL * picture->stride[STILLIMAGE_Y] + 16383], 16);
-    EXPECT_EQ(stillimage_quit(client.get(), 10'000), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_quit(client.get(), 30'000), STILLIMAGE_OK);
     EXPECT_EQ(served.wait_end(), 0);
 }
 
@@ -112,7 +112,7 @@ TEST_F(HostileDecodes, InterlacedPictureOfTheLargestSizeIsMappedOnce)
     EXPECT_THAT(served.told(), Not(HasSubstr("Failed to memory-map")));
     EXPECT_THAT(served.told(), Not(HasSubstr("PNG ERROR")));
     const held_client client = connect_to(served.socket());
-    EXPECT_EQ(stillimage_quit(client.get(), 10'000), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_quit(client.get(), 30'000), STILLIMAGE_OK);
     EXPECT_EQ(served.wait_end(), 0);
 }
 

@@ -122,9 +122,9 @@ TEST_F(HostileFiles, SizesThatTheRecordCutsReachTheClientWhole)
     const worker served(home, write("wide.gif", write_gif(screen)));
     ASSERT_TRUE(served.wait_ready());
     stillimage_client* client = nullptr;
-    ASSERT_EQ(stillimage_connect(served.socket().c_str(), 20'000, &client), STILLIMAGE_OK);
+    ASSERT_EQ(stillimage_connect(served.socket().c_str(), 30'000, &client), STILLIMAGE_OK);
     stillimage_frame* frame = nullptr;
-    ASSERT_EQ(stillimage_get_frame(client, 0, 0, 0, 20'000, &frame), STILLIMAGE_OK)
+    ASSERT_EQ(stillimage_get_frame(client, 0, 0, 0, 30'000, &frame), STILLIMAGE_OK)
         << stillimage_last_error(client);
     const stillimage_picture* seen = stillimage_frame_picture(frame);
     EXPECT_EQ(seen->width, 65535U);

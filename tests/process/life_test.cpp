@@ -130,7 +130,7 @@ TEST_F(Life, DecodingIsWatchedByClients)
 {
     worker served(home, photograph, {"--slow-decode"});
     stillimage_client* client = nullptr;
-    ASSERT_EQ(stillimage_connect(served.socket().c_str(), 20'000, &client), STILLIMAGE_OK);
+    ASSERT_EQ(stillimage_connect(served.socket().c_str(), 30'000, &client), STILLIMAGE_OK);
     stillimage_frame* frame = nullptr;
     EXPECT_EQ(stillimage_get_frame(client, 0, 0, 0, 0, &frame), STILLIMAGE_ERROR_NOT_READY);
     struct seen {
@@ -149,13 +149,13 @@ TEST_F(Life, DecodingIsWatchedByClients)
     };
     const uint32_t mask =
         STILLIMAGE_CHANGE_PROGRESS | STILLIMAGE_CHANGE_READY | STILLIMAGE_CHANGE_GOING_DOWN;
-    ASSERT_EQ(stillimage_subscribe(client, mask, note, &state, 10'000), STILLIMAGE_OK);
+    ASSERT_EQ(stillimage_subscribe(client, mask, note, &state, 30'000), STILLIMAGE_OK);
     EXPECT_EQ(stillimage_get_frame(client, 0, 0, 0, 30'000, &frame), STILLIMAGE_OK);
     stillimage_frame_release(frame);
     EXPECT_GT(state.percent, 0);
     EXPECT_TRUE(state.ready);
     served.send(SIGTERM);
-    while (stillimage_dispatch(client, 20'000) == STILLIMAGE_OK && !state.going_down) {
+    while (stillimage_dispatch(client, 30'000) == STILLIMAGE_OK && !state.going_down) {
     }
     EXPECT_TRUE(state.going_down);
     stillimage_close(client);
@@ -180,8 +180,8 @@ TEST_F(Life, WaitingWorkerIsServedAndTakesTheBufferThatBecomesFree)
     ASSERT_TRUE(first.wait_ready());
     worker second(home, large, limit);
     stillimage_client* client = nullptr;
-    ASSERT_EQ(stillimage_connect(second.socket().c_str(), 20'000, &client), STILLIMAGE_OK);
-    EXPECT_EQ(stillimage_ping(client, 10'000), STILLIMAGE_OK);
+    ASSERT_EQ(stillimage_connect(second.socket().c_str(), 30'000, &client), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_ping(client, 30'000), STILLIMAGE_OK);
     EXPECT_THAT(second.told(), Not(HasSubstr("Using CNB buffer")));
     expect_quit(first);
     EXPECT_EQ(stillimage_wait_ready(client, 0, 30'000), STILLIMAGE_OK);
@@ -197,7 +197,7 @@ TEST_F(Life, SignalEndsTheWaitForTheBuffer)
     ASSERT_TRUE(first.wait_ready());
     worker second(home, large, limit);
     stillimage_client* client = nullptr;
-    ASSERT_EQ(stillimage_connect(second.socket().c_str(), 20'000, &client), STILLIMAGE_OK);
+    ASSERT_EQ(stillimage_connect(second.socket().c_str(), 30'000, &client), STILLIMAGE_OK);
     stillimage_close(client);
     second.send(SIGTERM);
     EXPECT_EQ(second.wait_end(), 0);

@@ -135,7 +135,7 @@ protected:
         const held_client client(connected);
         ASSERT_EQ(stillimage_wait_ready(connected, 0, 60'000), STILLIMAGE_OK) << path;
         stillimage_frame* frame = nullptr;
-        ASSERT_EQ(stillimage_get_frame(connected, 0, 0, 0, 10'000, &frame), STILLIMAGE_OK)
+        ASSERT_EQ(stillimage_get_frame(connected, 0, 0, 0, 30'000, &frame), STILLIMAGE_OK)
             << path << stillimage_last_error(connected);
         const stillimage_descriptor_info* info = stillimage_frame_descriptor(frame);
         const auto area = expected_area(load(path), info->area);
@@ -146,7 +146,7 @@ protected:
             expect_level(connected, mipmap[i].width, mipmap[i].height, mipmap[i]);
         }
         stillimage_frame_release(frame);
-        EXPECT_EQ(stillimage_quit(connected, 10'000), STILLIMAGE_OK);
+        EXPECT_EQ(stillimage_quit(connected, 30'000), STILLIMAGE_OK);
         EXPECT_EQ(served.wait_end(), 0) << path << served.told();
         EXPECT_TRUE(home.sockets().empty()) << path;
     }
@@ -244,7 +244,7 @@ TEST_F(Pictures, PicturesThatCannotBeStartedAreServedUndecoded)
                                              "WARNING: Failed to decode JPEG\n"));
         const held_client client = connect_to(served);
         stillimage_frame* frame = nullptr;
-        ASSERT_EQ(stillimage_get_frame(client.get(), 0, 0, 0, 10'000, &frame), STILLIMAGE_OK);
+        ASSERT_EQ(stillimage_get_frame(client.get(), 0, 0, 0, 30'000, &frame), STILLIMAGE_OK);
         EXPECT_EQ(stillimage_frame_picture(frame)->plane[STILLIMAGE_Y][0], 0);
         stillimage_frame_release(frame);
     }

@@ -82,7 +82,7 @@ protected:
         served_ = std::make_unique<worker>(home_, picture);
         ASSERT_TRUE(served_->wait_ready()) << served_->told();
         stillimage_client* client = nullptr;
-        ASSERT_EQ(stillimage_connect(served_->socket().c_str(), 10'000, &client), STILLIMAGE_OK);
+        ASSERT_EQ(stillimage_connect(served_->socket().c_str(), 30'000, &client), STILLIMAGE_OK);
         client_.reset(client);
     }
     void serve(const std::string& name, const std::vector<unsigned char>& bytes)
@@ -95,7 +95,7 @@ protected:
     std::string frame_at(uint64_t moment, const std::string& format)
     {
         stillimage_frame* taken = nullptr;
-        EXPECT_EQ(stillimage_get_frame(client_.get(), moment, 0, 0, 10'000, &taken), STILLIMAGE_OK);
+        EXPECT_EQ(stillimage_get_frame(client_.get(), moment, 0, 0, 30'000, &taken), STILLIMAGE_OK);
         const held_frame frame(taken);
         const stillimage_picture& picture = *stillimage_frame_picture(taken);
         const bool alpha = format == "yuva444p";

@@ -153,7 +153,7 @@ TEST_F(ServiceManager, DaemonNamesItself)
     ASSERT_NE(ready, std::string::npos);
     EXPECT_THAT(host.messages()[ready],
                 HasSubstr("MAINPID=" + std::to_string(stillimage_worker_pid(client.get())) + "\n"));
-    EXPECT_EQ(stillimage_quit(client.get(), 10'000), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_quit(client.get(), 30'000), STILLIMAGE_OK);
     EXPECT_NE(host.wait_for("STOPPING=1\n"), std::string::npos);
 }
 

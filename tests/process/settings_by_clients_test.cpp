@@ -197,7 +197,7 @@ TEST_F(SettingsByClients, SayWhenTheyAreNotStoredAndWhy)
     ASSERT_TRUE(served.wait_ready());
     std::filesystem::remove_all(metadir);
     const held_client client = connect_to(served.socket());
-    EXPECT_EQ(stillimage_set_metadata(client.get(), "aspect ratio", "16:9", 10'000),
+    EXPECT_EQ(stillimage_set_metadata(client.get(), "aspect ratio", "16:9", 30'000),
               STILLIMAGE_ERROR_NOT_STORED);
     EXPECT_STREQ(stillimage_last_error(client.get()),
                  "the worker says: applied, but not stored: No such file or directory");
@@ -231,11 +231,11 @@ TEST_F(SettingsByClients, MegabytesOfHostileTextsLeaveTheDocumentValid)
         const held_client reader = connect_to(served->socket());
         for (int i = 0; i < 256; ++i) {
             const std::string name = "\"name\\\x1B\xFF\n" + std::to_string(i);
-            ASSERT_EQ(stillimage_set_metadata(client.get(), name.c_str(), value.c_str(), 10'000),
+            ASSERT_EQ(stillimage_set_metadata(client.get(), name.c_str(), value.c_str(), 30'000),
                       STILLIMAGE_OK)
                 << i << stillimage_last_error(client.get());
             char* text = nullptr;
-            ASSERT_EQ(stillimage_get_status(reader.get(), 10'000, &text), STILLIMAGE_OK);
+            ASSERT_EQ(stillimage_get_status(reader.get(), 30'000, &text), STILLIMAGE_OK);
             std::string error;
             const Json document = Json::parse(text, error);
             ASSERT_EQ(error, "") << i;
@@ -243,7 +243,7 @@ TEST_F(SettingsByClients, MegabytesOfHostileTextsLeaveTheDocumentValid)
             ASSERT_EQ(std::string(text).find('\n'), std::string::npos);
             stillimage_free(text);
         }
-        EXPECT_EQ(stillimage_set_metadata(client.get(), "one more", "x", 10'000),
+        EXPECT_EQ(stillimage_set_metadata(client.get(), "one more", "x", 30'000),
                   STILLIMAGE_ERROR_VALUE)
             << stillimage_last_error(client.get());
     }

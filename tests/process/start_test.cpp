@@ -245,7 +245,7 @@ TEST_F(Start, DaemonIsServedOnARelativePath)
     const pid_t daemon_pid = stillimage_worker_pid(client);
     EXPECT_THAT(second.told, HasSubstr("here.sock': already served by process " +
                                        std::to_string(daemon_pid) + "\n"));
-    EXPECT_EQ(stillimage_quit(client, 10'000), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_quit(client, 30'000), STILLIMAGE_OK);
     stillimage_close(client);
     EXPECT_TRUE(eventually([&] { return kill(daemon_pid, 0) != 0; }));
     EXPECT_TRUE(home.sockets().empty());

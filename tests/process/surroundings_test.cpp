@@ -99,14 +99,14 @@ TEST_F(Surroundings, TimerSignalEveryMillisecondChangesNothing)
                            timer};
     worker served(home, how);
     stillimage_client* client = nullptr;
-    ASSERT_EQ(stillimage_connect(home.path("s").c_str(), 20'000, &client), STILLIMAGE_OK);
+    ASSERT_EQ(stillimage_connect(home.path("s").c_str(), 30'000, &client), STILLIMAGE_OK);
     ASSERT_EQ(stillimage_wait_ready(client, 0, 30'000), STILLIMAGE_OK) << served.told();
     for (int i = 0; i < 200; ++i) {
-        ASSERT_EQ(stillimage_ping(client, 10'000), STILLIMAGE_OK);
+        ASSERT_EQ(stillimage_ping(client, 30'000), STILLIMAGE_OK);
         pause_ms(1);
     }
     EXPECT_EQ(run_client(home, {home.path("s"), "set", "colour", "green"}), 0);
-    EXPECT_EQ(stillimage_quit(client, 10'000), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_quit(client, 30'000), STILLIMAGE_OK);
     stillimage_close(client);
     EXPECT_EQ(served.wait_end(), 0);
     EXPECT_THAT(served.told(), testing::Not(HasSubstr("Interrupted")));
@@ -225,17 +225,17 @@ TEST_F(Surroundings, ClientsComeAskSetAndLeaveThroughoutADecode)
     int visits = 0;
     for (bool ready = false; !ready; ++visits) {
         stillimage_client* client = nullptr;
-        ASSERT_EQ(stillimage_connect(served.socket().c_str(), 20'000, &client), STILLIMAGE_OK);
+        ASSERT_EQ(stillimage_connect(served.socket().c_str(), 30'000, &client), STILLIMAGE_OK);
         stillimage_frame* frame = nullptr;
         const auto result = stillimage_get_frame(client, 0, 50, 50, 0, &frame);
         ready = result == STILLIMAGE_OK;
         ASSERT_TRUE(ready || result == STILLIMAGE_ERROR_NOT_READY) << result;
         stillimage_frame_release(frame);
         char* text = nullptr;
-        EXPECT_EQ(stillimage_get_status(client, 10'000, &text), STILLIMAGE_OK);
+        EXPECT_EQ(stillimage_get_status(client, 30'000, &text), STILLIMAGE_OK);
         stillimage_free(text);
         EXPECT_EQ(stillimage_set_metadata(client, "aspect ratio", visits % 2 == 0 ? "4:3" : "16:9",
-                                          10'000),
+                                          30'000),
                   STILLIMAGE_OK);
         stillimage_close(client); // with the answer to nothing outstanding
     }
@@ -250,17 +250,17 @@ TEST_F(Surroundings, FloodOfMetadataIsOneValueInTheEnd)
     worker served(home, picture, {"--metadir", home.path("meta")});
     ASSERT_TRUE(served.wait_ready());
     stillimage_client* client = nullptr;
-    ASSERT_EQ(stillimage_connect(served.socket().c_str(), 20'000, &client), STILLIMAGE_OK);
+    ASSERT_EQ(stillimage_connect(served.socket().c_str(), 30'000, &client), STILLIMAGE_OK);
     for (int i = 1; i <= 3000; ++i) {
         const std::string value = std::to_string(i) + ":9";
-        ASSERT_EQ(stillimage_set_metadata(client, "aspect ratio", value.c_str(), 10'000),
+        ASSERT_EQ(stillimage_set_metadata(client, "aspect ratio", value.c_str(), 30'000),
                   STILLIMAGE_OK);
     }
     char* text = nullptr;
-    ASSERT_EQ(stillimage_get_status(client, 10'000, &text), STILLIMAGE_OK);
+    ASSERT_EQ(stillimage_get_status(client, 30'000, &text), STILLIMAGE_OK);
     EXPECT_THAT(text, HasSubstr("\"aspect ratio\": [3000, 9]"));
     stillimage_free(text);
-    EXPECT_EQ(stillimage_quit(client, 10'000), STILLIMAGE_OK);
+    EXPECT_EQ(stillimage_quit(client, 30'000), STILLIMAGE_OK);
     stillimage_close(client);
     EXPECT_EQ(served.wait_end(), 0);
     EXPECT_THAT(home.folder().read("meta/metadata"), HasSubstr("aspect ratio = 3000:9\n"));

@@ -106,7 +106,7 @@ int run_client(const worker_home& home, const std::vector<std::string>& argument
 
 // Calls `condition` until it holds or the time is over.
 template <typename Condition>
-bool eventually(Condition condition, int timeout_ms = 20'000);
+bool eventually(Condition condition, int timeout_ms = 30'000);
 
 void pause_ms(int milliseconds);
 

@@ -16,7 +16,7 @@ using namespace comm_protocol;
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 
-constexpr auto patience = 10s; // never reached by a test that passes
+constexpr auto patience = 30s; // never reached by a test that passes
 constexpr auto silence = 50ms;
 
 // Answers every request; frames only to those who wait when `ready` is false.

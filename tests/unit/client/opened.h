@@ -5,7 +5,7 @@
 
 #include "client/stillimage_client.h"
 
-inline constexpr int patience_ms = 10'000; // never reached by a test that passes
+inline constexpr int patience_ms = 30'000; // never reached by a test that passes
 inline constexpr int silence_ms = 50;      // against workers that say nothing
 
 struct opened {

@@ -41,10 +41,8 @@ protected:
         gif_spec spec = {.width = 4, .height = 4};
         spec.palette = {{0, 0, 0}, {255, 0, 0}, {0, 255, 0}, {0, 0, 255}};
         for (size_t i = 0; i < delays.size(); ++i) {
-            gif_frame_spec frame = {.width = 4, .height = 4};
-            frame.control = gif_control_spec{.delay = delays[i]};
-            frame.indices.assign(16, static_cast<unsigned char>(i % 4));
-            spec.frames.push_back(frame);
+            const auto index = static_cast<unsigned char>(i % 4);
+            spec.frames.push_back(uniform_gif_frame(4, 4, index, delays[i]));
         }
         return picture_of("animation.gif", write_gif(spec));
     }

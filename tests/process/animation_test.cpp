@@ -23,14 +23,6 @@ namespace {
 
 const std::vector<gif_colour> four_colours = {{0, 0, 0}, {255, 0, 0}, {0, 255, 0}, {0, 0, 255}};
 
-gif_frame_spec frame_of(unsigned width, unsigned height, unsigned char index, unsigned delay)
-{
-    gif_frame_spec frame = {.width = width, .height = height};
-    frame.control = gif_control_spec{.delay = delay};
-    frame.indices.assign(size_t{width} * height, index);
-    return frame;
-}
-
 class Animation : public testing::Test {
 protected:
     std::string write(const gif_spec& spec) { return write(write_gif(spec)); }
@@ -48,7 +40,8 @@ protected:
         gif_spec spec = {.width = width, .height = height, .palette = four_colours};
         std::vector<unsigned char> file = gif_start(spec);
         for (size_t i = 0; i < frames; ++i) {
-            append_gif_frame(file, frame_of(width, height, static_cast<unsigned char>(i % 4), 10));
+            append_gif_frame(
+                file, uniform_gif_frame(width, height, static_cast<unsigned char>(i % 4), 10));
         }
         file.push_back(0x3B);
         return write(file);
@@ -67,11 +60,12 @@ protected:
 
 TEST_F(Animation, EachMomentHasItsFrame)
 {
-    const worker served(home, write({.width = 80,
-                                     .height = 60,
-                                     .palette = four_colours,
-                                     .frames = {frame_of(80, 60, 1, 50), frame_of(80, 60, 2, 0),
-                                                frame_of(80, 60, 3, 20)}}));
+    const worker served(
+        home, write({.width = 80,
+                     .height = 60,
+                     .palette = four_colours,
+                     .frames = {uniform_gif_frame(80, 60, 1, 50), uniform_gif_frame(80, 60, 2, 0),
+                                uniform_gif_frame(80, 60, 3, 20)}}));
     const held_client client = connect_to(served.socket());
     const struct {
         uint64_t time;
@@ -204,7 +198,7 @@ TEST_F(Animation, CutAnimationIsServedAsFarAsItGoes)
         write_gif({.width = 4,
                    .height = 4,
                    .palette = four_colours,
-                   .frames = {frame_of(4, 4, 1, 30), frame_of(4, 4, 2, 30)}});
+                   .frames = {uniform_gif_frame(4, 4, 1, 30), uniform_gif_frame(4, 4, 2, 30)}});
     file.resize(file.size() - 8);
     const worker served(home, write(file));
     const held_client client = connect_to(served.socket());

@@ -112,11 +112,8 @@ TEST_F(Examples, FramesAreWrittenWithTheirTimes)
 {
     gif_spec spec = {.width = 800, .height = 200, .frames = {}};
     for (const unsigned delay : {50U, 120U, 30U}) {
-        gif_frame_spec frame = {.width = 800, .height = 200};
-        frame.control = gif_control_spec{.delay = delay};
-        const auto shade = static_cast<unsigned char>(delay == 120 ? 1 : 0);
-        frame.indices.assign(800 * 200, shade);
-        spec.frames.push_back(frame);
+        const unsigned char shade = delay == 120 ? 1 : 0;
+        spec.frames.push_back(uniform_gif_frame(800, 200, shade, delay));
     }
     const std::vector<unsigned char> file = write_gif(spec);
     const std::string gif =

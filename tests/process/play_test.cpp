@@ -196,13 +196,9 @@ TEST_F(Play, WebPsOfOddSizes)
 std::vector<unsigned char> animated_gif()
 {
     gif_spec spec = {.width = 5, .height = 3};
-    const auto frame = [](unsigned delay, unsigned disposal, unsigned char index) {
-        gif_frame_spec result = {.width = 5, .height = 3};
-        result.control = gif_control_spec{.disposal = disposal, .delay = delay};
-        result.indices.assign(15, index);
-        return result;
-    };
-    spec.frames = {frame(50, 0, 0), frame(0, 2, 1), frame(20, 0, 0)};
+    spec.frames = {uniform_gif_frame(5, 3, 0, 50), uniform_gif_frame(5, 3, 1, 0),
+                   uniform_gif_frame(5, 3, 0, 20)};
+    spec.frames[1].control->disposal = 2;
     spec.frames[1].control->transparent = 3;
     spec.frames[2].control->transparent = 0;
     return write_gif(spec);

@@ -124,6 +124,24 @@ void append_control(std::vector<unsigned char>& file, const gif_control_spec& co
 
 } // namespace
 
+gif_frame_spec uniform_gif_frame(unsigned width, unsigned height, unsigned char index,
+                                 unsigned delay)
+{
+    gif_frame_spec frame = {.width = width, .height = height};
+    frame.control = gif_control_spec{.delay = delay};
+    frame.indices.assign(size_t{width} * height, index);
+    return frame;
+}
+
+gif_frame_spec varied_gif_frame(unsigned width, unsigned height, unsigned delay)
+{
+    gif_frame_spec frame = uniform_gif_frame(width, height, 0, delay);
+    for (size_t i = 0; i < frame.indices.size(); ++i) {
+        frame.indices[i] = static_cast<unsigned char>(i * 7 + 1);
+    }
+    return frame;
+}
+
 void append_gif_extension(std::vector<unsigned char>& file, unsigned char code,
                           const std::vector<std::vector<unsigned char>>& blocks)
 {

@@ -37,6 +37,11 @@ struct gif_spec {
     bool trailer = true;
 };
 
+// Frames with their delay in hundredths of a second: of one index, and of many.
+gif_frame_spec uniform_gif_frame(unsigned width, unsigned height, unsigned char index,
+                                 unsigned delay);
+gif_frame_spec varied_gif_frame(unsigned width, unsigned height, unsigned delay);
+
 // A code block ("graphic control" and the like): introducer, code, data blocks, terminator.
 void append_gif_extension(std::vector<unsigned char>& file, unsigned char code,
                           const std::vector<std::vector<unsigned char>>& blocks);

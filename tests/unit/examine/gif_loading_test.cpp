@@ -16,16 +16,6 @@ namespace {
 
 using bytes = std::vector<unsigned char>;
 
-gif_frame_spec frame_of(unsigned width, unsigned height, unsigned delay)
-{
-    gif_frame_spec frame = {.width = width, .height = height};
-    frame.control = gif_control_spec{.delay = delay};
-    for (unsigned i = 0; i < width * height; ++i) {
-        frame.indices.push_back(static_cast<unsigned char>(i * 7 + 1));
-    }
-    return frame;
-}
-
 class GifControl : public testing::Test {
 protected:
     // A frame whose blocks live as long as the fixture.
@@ -210,9 +200,9 @@ protected:
     {
         bytes file = gif_start({.width = 9, .height = 12});
         append_gif_extension(file, 0xFF, {{'N', 'E', 'T'}, {1, 2, 3}, {4}});
-        append_gif_frame(file, frame_of(9, 12, 7));
+        append_gif_frame(file, varied_gif_frame(9, 12, 7));
         append_gif_extension(file, 0xFE, {{'h', 'i'}});
-        gif_frame_spec interlaced = frame_of(5, 11, 0);
+        gif_frame_spec interlaced = varied_gif_frame(5, 11, 0);
         interlaced.interlaced = true;
         interlaced.palette = {{1, 2, 3}, {4, 5, 6}, {7, 8, 9}, {10, 11, 12}};
         append_gif_frame(file, interlaced);
@@ -232,7 +222,7 @@ TEST_F(GifLoading, ExtensionWithoutData)
 {
     bytes file = gif_start({.width = 9, .height = 12});
     append_gif_extension(file, 0xFE, {});
-    append_gif_frame(file, frame_of(9, 12, 7));
+    append_gif_frame(file, varied_gif_frame(9, 12, 7));
     file.push_back(0x3B);
     compare(file);
 }
@@ -248,7 +238,7 @@ TEST_F(GifLoading, SeveralControlsOfOneFrame)
                           [&] { return static_cast<unsigned char>(random() % 16); });
             append_gif_extension(file, random() % 4 == 0 ? 0xFE : 0xF9, {block, block});
         }
-        gif_frame_spec frame = frame_of(3, 3, 0);
+        gif_frame_spec frame = varied_gif_frame(3, 3, 0);
         frame.control.reset();
         append_gif_frame(file, frame);
         append_gif_frame(file, frame);
@@ -260,7 +250,7 @@ TEST_F(GifLoading, SeveralControlsOfOneFrame)
 TEST_F(GifLoading, InterlacedFramesOfEveryHeight)
 {
     for (unsigned height = 1; height <= 20; ++height) {
-        gif_frame_spec frame = frame_of(2, height, 3);
+        gif_frame_spec frame = varied_gif_frame(2, height, 3);
         frame.interlaced = true;
         compare(write_gif({.width = 2, .height = height, .frames = {frame}}));
     }

@@ -11,16 +11,6 @@ namespace {
 
 using bytes = std::vector<unsigned char>;
 
-gif_frame_spec frame_of(unsigned width, unsigned height, unsigned delay)
-{
-    gif_frame_spec frame = {.width = width, .height = height};
-    frame.control = gif_control_spec{.delay = delay};
-    for (unsigned i = 0; i < width * height; ++i) {
-        frame.indices.push_back(static_cast<unsigned char>(i * 7 + 1));
-    }
-    return frame;
-}
-
 class GifExamination : public ExamineFixture {
 protected:
     static int examine_bytes(const bytes& file)
@@ -39,7 +29,8 @@ TEST_F(GifExamination, ScreenIsReportedAndPublished)
     ASSERT_EQ(examine({.width = 40,
                        .height = 17,
                        .background = 1,
-                       .frames = {frame_of(2, 2, 50), frame_of(1, 1, 0), frame_of(1, 1, 20)}}),
+                       .frames = {varied_gif_frame(2, 2, 50), varied_gif_frame(1, 1, 0),
+                                  varied_gif_frame(1, 1, 20)}}),
               0);
     EXPECT_EQ(printed(), "GIF: Screen is 40 x 17 colorres=8 bgcolor=1 ImageCount=3\n");
     EXPECT_EQ(image_width, 40);
@@ -71,7 +62,8 @@ TEST_F(GifExamination, SizesAreNotLimited)
 TEST_F(GifExamination, EmptyScreenIsRefusedWhateverItsImagesAre)
 {
     for (const auto& [width, height] : {std::pair{0U, 5U}, std::pair{5U, 0U}}) {
-        EXPECT_EQ(examine({.width = width, .height = height, .frames = {frame_of(3, 3, 0)}}), 1);
+        EXPECT_EQ(
+            examine({.width = width, .height = height, .frames = {varied_gif_frame(3, 3, 0)}}), 1);
         EXPECT_EQ(printed(), "GIF: Screen is " + std::to_string(width) + " x " +
                                  std::to_string(height) +
                                  " colorres=8 bgcolor=0 ImageCount=1\nInvalid GIF state\n");
@@ -120,7 +112,7 @@ TEST_F(GifExamination, SecondExaminationIsABugAndKeepsTheFirst)
 
 TEST_F(GifExamination, MissingTrailerIsAWarningOnly)
 {
-    ASSERT_EQ(examine({.frames = {frame_of(2, 2, 5)}, .trailer = false}), 0);
+    ASSERT_EQ(examine({.frames = {varied_gif_frame(2, 2, 5)}, .trailer = false}), 0);
     EXPECT_EQ(printed(), "GIF reading error (?)\n"
                          "GIF: Screen is 1 x 1 colorres=8 bgcolor=0 ImageCount=1\n");
     EXPECT_EQ(image_mapping_total, 5U);
@@ -128,7 +120,7 @@ TEST_F(GifExamination, MissingTrailerIsAWarningOnly)
 
 TEST_F(GifExamination, BrokenLastFrameKeepsItsSlotWithoutARaster)
 {
-    ASSERT_EQ(examine({.frames = {frame_of(2, 2, 50), {.width = 0, .height = 4}}}), 0);
+    ASSERT_EQ(examine({.frames = {varied_gif_frame(2, 2, 50), {.width = 0, .height = 4}}}), 0);
     EXPECT_EQ(image_decoded_frames, 2U);
     EXPECT_EQ(image_mapping_total, 60U); // the broken one has no control: 10
     EXPECT_NE(gif_image->SavedImages[0].RasterBits, nullptr);
@@ -139,7 +131,7 @@ TEST_F(GifExamination, BrokenLastFrameKeepsItsSlotWithoutARaster)
 TEST_F(GifExamination, RasterWithoutMemoryIsAReadingError)
 {
     failing_calls::plan.calloc = 1;
-    ASSERT_EQ(examine({.frames = {frame_of(2, 2, 5)}}), 0);
+    ASSERT_EQ(examine({.frames = {varied_gif_frame(2, 2, 5)}}), 0);
     EXPECT_EQ(gif_image->SavedImages[0].RasterBits, nullptr);
     EXPECT_EQ(printed().substr(0, 22), "GIF reading error (?)\n");
 }
@@ -162,7 +154,7 @@ TEST_F(GifExamination, FrameOfGigabytesThatIsNotThereIsAReadingError)
 
 TEST_F(GifExamination, UnreadRestOfACutFrameIsIndexZero)
 {
-    gif_spec spec = {.width = 20, .height = 20, .frames = {frame_of(20, 20, 5)}};
+    gif_spec spec = {.width = 20, .height = 20, .frames = {varied_gif_frame(20, 20, 5)}};
     const bytes expected = spec.frames[0].indices;
     spec.frames[0].indices.resize(210);
     ASSERT_EQ(examine(spec), 0);
@@ -175,7 +167,7 @@ TEST_F(GifExamination, UnreadRestOfACutFrameIsIndexZero)
 
 TEST_F(GifExamination, InterlacedRowsStayInTheOrderOfTheFile)
 {
-    gif_frame_spec frame = frame_of(3, 10, 5);
+    gif_frame_spec frame = varied_gif_frame(3, 10, 5);
     frame.interlaced = true;
     ASSERT_EQ(examine({.width = 3, .height = 10, .frames = {frame}}), 0);
     const SavedImage& loaded = gif_image->SavedImages[0];
@@ -185,7 +177,7 @@ TEST_F(GifExamination, InterlacedRowsStayInTheOrderOfTheFile)
 
 TEST_F(GifExamination, FrameThatJutsOutIsKeptAsFarAsItIsSeen)
 {
-    gif_frame_spec frame = frame_of(5, 9, 5);
+    gif_frame_spec frame = varied_gif_frame(5, 9, 5);
     frame.left = 7;
     frame.top = 2;
     frame.interlaced = true;
@@ -205,9 +197,9 @@ TEST_F(GifExamination, FrameThatJutsOutIsKeptAsFarAsItIsSeen)
 
 TEST_F(GifExamination, FrameThatIsNotSeenHasNoRaster)
 {
-    gif_frame_spec frame = frame_of(5, 9, 5);
+    gif_frame_spec frame = varied_gif_frame(5, 9, 5);
     frame.left = 9;
-    ASSERT_EQ(examine({.width = 9, .height = 6, .frames = {frame, frame_of(9, 6, 7)}}), 0);
+    ASSERT_EQ(examine({.width = 9, .height = 6, .frames = {frame, varied_gif_frame(9, 6, 7)}}), 0);
     EXPECT_EQ(gif_image->SavedImages[0].RasterBits, nullptr);
     EXPECT_NE(gif_image->SavedImages[1].RasterBits, nullptr);
     EXPECT_EQ(image_mapping_total, 12U);
@@ -215,7 +207,7 @@ TEST_F(GifExamination, FrameThatIsNotSeenHasNoRaster)
 
 TEST_F(GifExamination, FrameMuchLargerThanTheScreenTakesTheScreensMemory)
 {
-    gif_frame_spec frame = frame_of(300, 200, 5);
+    gif_frame_spec frame = varied_gif_frame(300, 200, 5);
     failing_calls::plan.largest_calloc = 40; // a row of the frame has more
     ASSERT_EQ(examine({.width = 4, .height = 10, .frames = {frame}}), 0);
     EXPECT_EQ(printed(), "GIF: Screen is 4 x 10 colorres=8 bgcolor=0 ImageCount=1\n");
@@ -238,7 +230,8 @@ TEST_F(GifExamination, FramesThatTheBufferCannotHoldAreCountedOnly)
 {
     const gif_spec spec = {.width = 9,
                            .height = 6,
-                           .frames = {frame_of(9, 6, 50), frame_of(9, 6, 0), frame_of(9, 6, 20)}};
+                           .frames = {varied_gif_frame(9, 6, 50), varied_gif_frame(9, 6, 0),
+                                      varied_gif_frame(9, 6, 20)}};
     constexpr uint64_t unit = 4 * 16 * 16;
     scripted::plan.allocation_limit = 2 * unit;
     ASSERT_EQ(examine(spec), 0);
@@ -253,7 +246,7 @@ TEST_F(GifExamination, NothingIsKeptWhenNothingWillBeDecoded)
 {
     for (bool* mode : {&vexa_identify_only, &vexa_create_meta}) {
         *mode = true;
-        ASSERT_EQ(examine({.width = 2, .height = 2, .frames = {frame_of(2, 2, 50)}}), 0);
+        ASSERT_EQ(examine({.width = 2, .height = 2, .frames = {varied_gif_frame(2, 2, 50)}}), 0);
         EXPECT_EQ(gif_image->ImageCount, 0);
         EXPECT_EQ(image_decoded_frames, 1U);
         EXPECT_EQ(image_mapping_total, 50U);
@@ -265,9 +258,9 @@ TEST_F(GifExamination, NothingIsKeptWhenNothingWillBeDecoded)
 TEST_F(GifExamination, FaultInAFrameThatIsNotKeptIsStillFound)
 {
     vexa_identify_only = true;
-    gif_frame_spec cut = frame_of(8, 8, 50);
+    gif_frame_spec cut = varied_gif_frame(8, 8, 50);
     cut.indices.resize(10);
-    ASSERT_EQ(examine({.width = 8, .height = 8, .frames = {frame_of(8, 8, 50), cut}}), 0);
+    ASSERT_EQ(examine({.width = 8, .height = 8, .frames = {varied_gif_frame(8, 8, 50), cut}}), 0);
     EXPECT_EQ(printed(), "GIF reading error (?)\n"
                          "GIF: Screen is 8 x 8 colorres=8 bgcolor=0 ImageCount=2\n");
     EXPECT_EQ(image_mapping_total, 60U);
@@ -279,7 +272,7 @@ TEST_F(GifExamination, SocketIsServedInsideAFrameAndASignalEndsItThere)
 {
     scripted::plan.clock_step_us = 500; // every look at the clock is half a millisecond later
     scripted::plan.die_after_idle = 3;
-    EXPECT_EQ(examine({.width = 400, .height = 400, .frames = {frame_of(400, 400, 5)}}), 1);
+    EXPECT_EQ(examine({.width = 400, .height = 400, .frames = {varied_gif_frame(400, 400, 5)}}), 1);
     EXPECT_EQ(printed(), "");
     EXPECT_EQ(gif_image, nullptr);
     EXPECT_EQ(scripted::log.idle_rounds, 3U); // of about ten in 160,000 pixels
@@ -330,7 +323,7 @@ TEST_F(GifExamination, SocketIsServedInsideAPixelAndASignalEndsItThere)
 TEST_F(GifExamination, SocketIsServedEveryHalfMillisecondAtMost)
 {
     scripted::plan.clock_step_us = 10; // two looks a turn: 25 turns, and the one at the start
-    ASSERT_EQ(examine({.width = 400, .height = 400, .frames = {frame_of(400, 400, 5)}}), 0);
+    ASSERT_EQ(examine({.width = 400, .height = 400, .frames = {varied_gif_frame(400, 400, 5)}}), 0);
     EXPECT_LE(scripted::log.idle_rounds, 1U);
 }
 
@@ -338,14 +331,14 @@ TEST_F(GifExamination, InterruptedReadIsTriedAgain)
 {
     failing_calls::plan.read = 1;
     failing_calls::plan.read_errno = EINTR;
-    ASSERT_EQ(examine({.width = 4, .height = 4, .frames = {frame_of(4, 4, 5)}}), 0);
+    ASSERT_EQ(examine({.width = 4, .height = 4, .frames = {varied_gif_frame(4, 4, 5)}}), 0);
     EXPECT_EQ(printed(), "GIF: Screen is 4 x 4 colorres=8 bgcolor=0 ImageCount=1\n");
 }
 
 TEST_F(GifExamination, ShortReadsAreGoneOnWith)
 {
     failing_calls::plan.read_most = 3;
-    ASSERT_EQ(examine({.width = 4, .height = 4, .frames = {frame_of(4, 4, 5)}}), 0);
+    ASSERT_EQ(examine({.width = 4, .height = 4, .frames = {varied_gif_frame(4, 4, 5)}}), 0);
     EXPECT_EQ(printed(), "GIF: Screen is 4 x 4 colorres=8 bgcolor=0 ImageCount=1\n");
 }
 
@@ -354,7 +347,7 @@ TEST_F(GifExamination, DiskErrorIsToldOnceAndTheFileEndsThere)
     failing_calls::plan.read_most = 400;
     failing_calls::plan.read = 2;
     failing_calls::plan.read_errno = EIO;
-    ASSERT_EQ(examine({.width = 40, .height = 40, .frames = {frame_of(40, 40, 5)}}), 0);
+    ASSERT_EQ(examine({.width = 40, .height = 40, .frames = {varied_gif_frame(40, 40, 5)}}), 0);
     EXPECT_EQ(printed(), "Error while reading the picture: Input/output error\n"
                          "GIF reading error (?)\n"
                          "GIF: Screen is 40 x 40 colorres=8 bgcolor=0 ImageCount=1\n");

@@ -5,10 +5,12 @@
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "client/tool/session.h"
+#include "tests/support/held_time.h"
 #include "tests/unit/client/call_outcome.h"
 #include "tests/unit/client/opened.h"
 
@@ -45,37 +47,25 @@ void answer(fake_peer& peer, const packet_header& request, const frame_sample& s
 }
 
 // Each answer alone is well within the limit.
-outcome run_against_slow_worker_once(exit_status (*call)(const call_options&), call_options options)
+outcome run_against_slow_worker(exit_status (*call)(const call_options&), call_options options)
 {
     const frame_sample sample;
     const int memory = sealed_memory(sample.area);
     outcome result;
     {
         const fake_worker worker([&](fake_peer& peer) {
-            pause_ms(step_ms);
             peer.greet();
             for (packet_header header = peer.next(); header.type != 0; header = peer.next()) {
-                pause_ms(step_ms);
                 answer(peer, header, sample, memory);
             }
         });
         options.socket_or_picture = worker.path();
         options.timeout_ms = limit_ms;
+        const held_time time(std::vector<int>(100, step_ms));
         result = run_call(call, options);
+        EXPECT_EQ(time.passed_ms(), limit_ms);
     }
     close(memory);
-    return result;
-}
-
-// An answer that is there when the tool looks is taken, however late it is. So on a busy machine a
-// tool that was not given the processor may see nothing of the limit, but not time and again.
-outcome run_against_slow_worker(exit_status (*call)(const call_options&),
-                                const call_options& options)
-{
-    outcome result;
-    for (int i = 0; i < 5 && result.status != STATUS_TIME_LIMIT; ++i) {
-        result = run_against_slow_worker_once(call, options);
-    }
     return result;
 }
 
@@ -102,18 +92,22 @@ TEST(TimeLimit, OfAWatchIsUntilTheFirstDocument)
     call_options options;
     options.watch = true;
     EXPECT_EQ(run_against_slow_worker(call_status, options).status, STATUS_TIME_LIMIT);
-    options.timeout_ms = 10'000;
-    const outcome silent = run_against(
-        [](fake_peer& peer) {
-            const uint64_t number = peer.next(SUBSCRIBE).request;
-            peer.send(encode_empty(number, DONE));
-            peer.send(encode(number, status_part{2, 0, "{}"}));
-            peer.hang_up();
-        },
-        call_status, options);
-    EXPECT_EQ(silent.status, STATUS_DONE) << silent.told;
-    EXPECT_EQ(silent.out, "{}\n");
-    options.timeout_ms = silence_ms;
+    options.timeout_ms = limit_ms;
+    {
+        const held_time time({step_ms, 0, 0, 10 * limit_ms});
+        const outcome silent = run_against(
+            [](fake_peer& peer) {
+                const uint64_t number = peer.next(SUBSCRIBE).request;
+                peer.send(encode_empty(number, DONE));
+                peer.send(encode(number, status_part{2, 0, "{}"}));
+                peer.hang_up();
+            },
+            call_status, options);
+        EXPECT_EQ(silent.status, STATUS_DONE) << silent.told;
+        EXPECT_EQ(silent.out, "{}\n");
+        EXPECT_EQ(time.passed_ms(), step_ms + 10 * limit_ms);
+    }
+    const held_time time({step_ms, 0});
     const outcome without_document = run_against(
         [](fake_peer& peer) {
             peer.send(encode_empty(peer.next(SUBSCRIBE).request, DONE));
@@ -121,6 +115,7 @@ TEST(TimeLimit, OfAWatchIsUntilTheFirstDocument)
         },
         call_status, options);
     EXPECT_EQ(without_document.status, STATUS_TIME_LIMIT);
+    EXPECT_EQ(time.passed_ms(), limit_ms);
 }
 
 // The limit that is used up does not turn into the wish not to wait.
@@ -129,14 +124,14 @@ TEST(TimeLimit, PassedBeforeTheFrameIsNoRequestWithoutPatience)
     std::atomic<int> flags = -1;
     const fake_worker worker([&](fake_peer& peer) {
         peer.greet();
-        if (peer.next(GET_FRAME).type == GET_FRAME) {
-            flags = peer.request[packet_header_size + 8];
-        }
+        const bool asked = peer.next(GET_FRAME).type == GET_FRAME;
+        flags = asked ? peer.request[packet_header_size + 8] : -2;
         peer.await_end();
     });
     {
         call_options options;
         options.socket_or_picture = worker.path();
+        const held_time time({0});
         session opened;
         ASSERT_EQ(opened.open(options), STATUS_DONE);
         opened.limit_to(0);
@@ -174,12 +169,10 @@ public:
         close(listener_);
     }
 
-    // Takes the connection that fills the queue, and greets the next one.
-    void serve() const
-    {
-        close(accept(listener_, nullptr, nullptr));
-        fake_peer(accept(listener_, nullptr, nullptr)).greet();
-    }
+    // Takes the connection that fills the queue, so that there is room for the next one ...
+    void make_room() const { close(accept(listener_, nullptr, nullptr)); }
+    // ... and greets that.
+    void greet_next() const { fake_peer(accept(listener_, nullptr, nullptr)).greet(); }
 
 private:
     static int seqpacket_socket() { return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0); }
@@ -203,40 +196,60 @@ exit_status open_session(const call_options& options)
     return opened.open(options);
 }
 
-// All at once, since each takes more than the two seconds in which a worker has to be there.
+// Of what makes room at `busy_ms` and greets then. The patience of the call is without end.
+template <typename Call>
+auto against_full_queue(int busy_ms, Call call)
+{
+    const temporary_folder folder;
+    const busy_listener full(folder.path("full"));
+    std::thread greeting;
+    held_time time({0});
+    time.at(busy_ms, [&] {
+        full.make_room();
+        greeting = std::thread([&] { full.greet_next(); });
+    });
+    const auto result = call(folder.path("full"));
+    EXPECT_GE(time.passed_ms(), busy_ms);
+    if (greeting.joinable()) {
+        greeting.join();
+    }
+    return result;
+}
+
+constexpr int start_ms = 2000; // in which a worker has to be there
+constexpr int busy_ms = 10 * start_ms;
+
 TEST(TimeLimit, BusyWorkerIsWaitedForLongerThanOneThatIsNotThere)
 {
-    constexpr int busy_ms = 2300;
-    const temporary_folder folder;
-    const auto greets_late = [](fake_peer& peer) {
-        pause_ms(busy_ms);
+    const fake_worker late([](fake_peer& peer) {
         peer.greet();
         peer.await_end();
+    });
+    for (const int timeout_ms : {-1, 2 * busy_ms}) {
+        const held_time time({busy_ms});
+        EXPECT_EQ(open_session(options_for(late.path(), timeout_ms)), STATUS_DONE);
+        EXPECT_EQ(time.passed_ms(), busy_ms);
+    }
+    const auto open_without_limit = [](const std::string& path) {
+        return open_session(options_for(path));
     };
-    const fake_worker late(greets_late);
-    const fake_worker late_within_limit(greets_late);
-    const busy_listener full(folder.path("full"));
-    exit_status statuses[4] = {STATUS_FAILED, STATUS_FAILED, STATUS_FAILED, STATUS_FAILED};
-    const call_options options[] = {
-        options_for(late.path()), options_for(late_within_limit.path(), 60'000),
-        options_for(folder.path("full")), options_for(folder.path("nobody"))};
-    testing::internal::CaptureStderr();
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < std::size(options); ++i) {
-        threads.emplace_back([&, i] { statuses[i] = open_session(options[i]); });
+    EXPECT_EQ(against_full_queue(busy_ms, open_without_limit), STATUS_DONE);
+}
+
+TEST(TimeLimit, WorkerThatIsNotThereIsLookedForBriefly)
+{
+    const temporary_folder folder;
+    for (const int timeout_ms : {-1, 2 * busy_ms}) {
+        const held_time time({});
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(open_session(options_for(folder.path("nobody"), timeout_ms)), STATUS_NO_WORKER);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "stillimage-client: cannot connect: no worker serves at " +
+                      folder.path("nobody") +
+                      ": there is no such socket (nor a picture of that name)\n");
+        EXPECT_GE(time.passed_ms(), start_ms);
+        EXPECT_LT(time.passed_ms(), 2 * start_ms);
     }
-    pause_ms(busy_ms);
-    full.serve();
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "stillimage-client: cannot connect: no worker serves at " + folder.path("nobody") +
-                  ": there is no such socket (nor a picture of that name)\n");
-    EXPECT_EQ(statuses[0], STATUS_DONE);
-    EXPECT_EQ(statuses[1], STATUS_DONE);
-    EXPECT_EQ(statuses[2], STATUS_DONE);
-    EXPECT_EQ(statuses[3], STATUS_NO_WORKER);
 }
 
 TEST(TimeLimit, BusyWorkerIsNotWaitedForBeyondTheLimit)
@@ -245,8 +258,16 @@ TEST(TimeLimit, BusyWorkerIsNotWaitedForBeyondTheLimit)
     const fake_worker silent([](fake_peer& peer) { peer.await_end(); });
     const busy_listener full(folder.path("full"));
     testing::internal::CaptureStderr();
-    EXPECT_EQ(open_session(options_for(silent.path(), silence_ms)), STATUS_TIME_LIMIT);
-    EXPECT_EQ(open_session(options_for(folder.path("full"), silence_ms)), STATUS_TIME_LIMIT);
+    {
+        const held_time time({});
+        EXPECT_EQ(open_session(options_for(silent.path(), busy_ms)), STATUS_TIME_LIMIT);
+        EXPECT_EQ(time.passed_ms(), busy_ms);
+    }
+    {
+        const held_time time({});
+        EXPECT_EQ(open_session(options_for(folder.path("full"), busy_ms)), STATUS_TIME_LIMIT);
+        EXPECT_EQ(time.passed_ms(), busy_ms);
+    }
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "stillimage-client: cannot connect: the worker did not answer in time (try a longer "
               "--timeout)\n"
@@ -257,25 +278,26 @@ TEST(TimeLimit, BusyWorkerIsNotWaitedForBeyondTheLimit)
 
 TEST(TimeLimit, OfTheLibraryRulesOnceAWorkerIsThere)
 {
+    const auto open_within = [](const std::string& path, int timeout_ms) {
+        return opened(path, timeout_ms).result;
+    };
     const temporary_folder folder;
     const busy_listener full(folder.path("full"));
-    EXPECT_EQ(opened(folder.path("full"), silence_ms).result, STILLIMAGE_ERROR_TIMEOUT);
-    std::thread server([&] {
-        pause_ms(2 * silence_ms);
-        full.serve();
-    });
-    EXPECT_EQ(opened(folder.path("full"), -1).result, STILLIMAGE_OK);
-    server.join();
-    int connections = 0;
-    const fake_worker late([&connections](fake_peer& peer) {
-        if (++connections > 1) {
-            pause_ms(2 * silence_ms);
-            peer.greet();
-        }
+    const fake_worker late([](fake_peer& peer) {
+        peer.greet();
         peer.await_end();
     });
-    EXPECT_EQ(opened(late.path(), silence_ms).result, STILLIMAGE_ERROR_TIMEOUT);
-    EXPECT_EQ(opened(late.path(), -1).result, STILLIMAGE_OK);
+    for (const std::string& path : {folder.path("full"), late.path()}) {
+        const held_time time({busy_ms});
+        EXPECT_EQ(open_within(path, busy_ms - 1), STILLIMAGE_ERROR_TIMEOUT);
+        EXPECT_EQ(time.passed_ms(), busy_ms - 1);
+    }
+    {
+        const held_time time({busy_ms});
+        EXPECT_EQ(open_within(late.path(), -1), STILLIMAGE_OK);
+    }
+    const auto open_without_limit = [&](const std::string& path) { return open_within(path, -1); };
+    EXPECT_EQ(against_full_queue(busy_ms, open_without_limit), STILLIMAGE_OK);
 }
 
 } // namespace

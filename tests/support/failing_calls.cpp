@@ -240,3 +240,8 @@ int __wrap_WebPInitDecoderConfigInternal(WebPDecoderConfig* config, int version)
 }
 
 } // extern "C"
+
+int64_t failing_calls::read_tiff_strip(tiff* image, uint32_t strip, unsigned char* to, int64_t size)
+{
+    return __real_TIFFReadEncodedStrip(image, strip, to, size);
+}

@@ -7,6 +7,8 @@
 #include <functional>
 #include <utility>
 
+struct tiff; // what libtiff calls TIFF
+
 namespace failing_calls {
 
 // Counters count down with each call; the call that reaches 0 fails. 0: never.
@@ -43,5 +45,8 @@ struct script {
 };
 
 extern script plan;
+
+// The true TIFFReadEncodedStrip, for the use of a script.
+int64_t read_tiff_strip(tiff* image, uint32_t strip, unsigned char* to, int64_t size);
 
 } // namespace failing_calls

@@ -217,22 +217,6 @@ TEST_F(DecodeTiffLargeStrip, SeparatePlanesAreAsInOneCall)
 
 // --- what one call takes and rows do not --------------------------------------------------------
 
-// PackBits runs of 128 whatever the rows are, which the library's rows warn of and cut.
-TEST_F(DecodeTiffLargeStrip, RunsAcrossRowsAreDrawnWithoutAWord)
-{
-    tiff_spec spec = plain_tiff(width, height, samples, 2);
-    spec.set_short(259, {COMPRESSION_PACKBITS});
-    file_bytes strip;
-    for (unsigned run = 0; run < width * height * samples / 128; ++run) {
-        strip.insert(strip.end(), {0x81, static_cast<unsigned char>(run * 37)});
-    }
-    spec.strips = {strip};
-    expect_as_in_one_call(write_tiff(spec));
-    EXPECT_EQ(told + told_by_library, "");
-    const auto last = pixel(width - 1, height - 1);
-    EXPECT_NE(last, pixel(0, 0));
-}
-
 // The earliest LZW TIFFs have their bits the other way round: literals of 9 bits, the least
 // significant first, and a clear code before each 200 of them.
 file_bytes old_lzw(size_t count)

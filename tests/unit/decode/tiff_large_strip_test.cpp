@@ -154,6 +154,16 @@ TEST_F(DecodeTiffLargeStrip, EachCodecDrawsAsInOneCall)
     }
 }
 
+TEST_F(DecodeTiffLargeStrip, FurtherStripsAreAsInOneCall)
+{
+    expect_as_in_one_call(encoded({"LZW, predicted", COMPRESSION_LZW, 2}, 2 * height));
+    EXPECT_EQ(told_by_library, "");
+    EXPECT_GT(scripted::log.idle_rounds, 3U);
+    expect_as_in_one_call(encoded({"JPEG", COMPRESSION_JPEG, 1}, 2 * height));
+    EXPECT_EQ(told_by_library, "");
+    EXPECT_GT(scripted::log.idle_rounds, 3U);
+}
+
 TEST_F(DecodeTiffLargeStrip, DamageIsAsInOneCall)
 {
     for (const codec& by : in_pieces) {
@@ -192,6 +202,14 @@ TEST_F(DecodeTiffLargeStrip, WordsAboutTheNextStripNameTheSameRow)
         EXPECT_THAT(told_by_library, testing::HasSubstr("Read error at scanline"));
         EXPECT_GT(scripted::log.idle_rounds, 3U);
     }
+}
+
+TEST_F(DecodeTiffLargeStrip, WordsAboutASmallStripBehindItAreTold)
+{
+    file_bytes file = encoded({"LZW", COMPRESSION_LZW, 1}, height + 5);
+    set_tag(file, 279, 1, static_cast<uint32_t>(file.size()));
+    expect_as_in_one_call(file);
+    EXPECT_THAT(told_by_library, testing::HasSubstr("Read error at scanline"));
 }
 
 TEST_F(DecodeTiffLargeStrip, TallStripsRepeatTheirFirstRows)

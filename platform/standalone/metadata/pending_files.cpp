@@ -21,10 +21,12 @@ constexpr int read_flags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 // All files together; more is not read.
 constexpr uint64_t max_pending_bytes = 2 * uint64_t{max_pending_file};
 
+constexpr size_t max_digits = 9;
+constexpr uint32_t max_number = 999'999'999;
+
 // The number in a pending file's name, 0 when it is no such name.
 uint32_t number_of(std::string_view name)
 {
-    constexpr size_t max_digits = 9;
     const std::string_view begin = pending_name;
     if (!name.starts_with(begin) || name.size() > begin.size() + max_digits) {
         return 0;
@@ -78,11 +80,12 @@ bool make_pending(const metadata_store& store, pending_file* own, std::string* r
     *own = pending_file();
     for (int tries = 0; tries < max_tries; ++tries) {
         const std::vector<uint32_t> numbers = pending_numbers(store.folder);
-        if (numbers.size() >= max_pending_files) {
+        const uint32_t latest = numbers.empty() ? 0 : numbers.back();
+        if (numbers.size() >= max_pending_files || latest == max_number) {
             *reason = "too many pending files";
             return false;
         }
-        if (make_pending_numbered(store, own, numbers.empty() ? 1 : numbers.back() + 1)) {
+        if (make_pending_numbered(store, own, latest + 1)) {
             return true;
         }
         if (errno != EEXIST) {

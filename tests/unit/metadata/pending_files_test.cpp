@@ -191,6 +191,13 @@ TEST_F(PendingFiles, TooManyOfThemAreNotAddedTo)
     EXPECT_EQ(reason, "too many pending files");
 }
 
+TEST_F(PendingFiles, NumberThatNobodyReadsIsNotGiven)
+{
+    folder.write("metadata.pending-999999999", "");
+    EXPECT_EQ(append("a", "1"), append_result::FAILED);
+    EXPECT_EQ(reason, "too many pending files");
+}
+
 TEST_F(PendingFiles, LaterFilesHaveHigherNumbers)
 {
     folder.write("metadata.pending-7", record_of("a", "1"));

@@ -7,9 +7,9 @@
 
 namespace platform {
 
-// From now on the process maps at most what memory has room for, until there is a frame buffer half
-// of it, and never more than the limit that is in force now. The domain has been joined; otherwise
-// nothing changes.
+// From now on the process maps at most half of what memory has room for, all of that once there is a
+// frame buffer, and never more than the limit that is in force now. Nothing changes unless the domain
+// has been joined.
 void start_memory_bound();
 
 // Back to the limit at the start, for the frame buffer, which has been compared with the memory

@@ -182,9 +182,7 @@ TEST_F(Animation, FramesThatNoBufferCanHoldTakeNoMemory)
     const std::string picture =
         write(write_gif({.width = 4'000, .height = 4'000, .frames = {large, large, large, large}}));
     worker::setting how = {{"--file", picture, "--oneshot", "--domain-limit", "60M"}};
-#ifndef __SANITIZE_ADDRESS__ // which takes terabytes of address space
-    how.address_space = uint64_t{60} << 20;
-#endif
+    how.address_space = address_space_of(60);
     const ended_worker ended = run_worker(home, how);
     EXPECT_EQ(ended.status, 1);
     EXPECT_THAT(ended.told, HasSubstr("ImageCount=4\n"));

@@ -163,9 +163,7 @@ TEST_F(HostileDecodes, ThousandsOfTiffTagsThatShareTheirBytesAreRefused)
     }
     const std::vector<unsigned char> file = write_tiff(spec);
     worker::setting how = {{"--file", write("tags.tif", file), "--oneshot"}};
-#ifndef __SANITIZE_ADDRESS__ // which takes terabytes of address space
-    how.address_space = uint64_t{256} << 20;
-#endif
+    how.address_space = address_space_of(256);
     const ended_worker ended = run_worker(home, how);
     EXPECT_EQ(ended.status, 1);
     EXPECT_THAT(ended.told, EndsWith("TIFF did not open file\nTIFF examination failed\n"));

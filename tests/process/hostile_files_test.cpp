@@ -180,9 +180,7 @@ TEST_F(HostileFiles, TextsOfAPngTakeNoMemory)
     file.insert(file.end() - end_bytes, texts.begin(), texts.end());
     file.insert(file.begin() + header_ends, texts.begin(), texts.end());
     worker::setting how = {{"--file", write("texts.png", file), "--oneshot"}};
-#ifndef __SANITIZE_ADDRESS__ // which takes terabytes of address space
-    how.address_space = uint64_t{64} << 20;
-#endif
+    how.address_space = address_space_of(64);
     const ended_worker ended = run_worker(home, how);
     EXPECT_EQ(ended.status, 0) << ended.told;
     EXPECT_THAT(ended.told, testing::Not(HasSubstr("PNG WARNING")));

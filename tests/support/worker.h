@@ -26,6 +26,16 @@ private:
     temporary_folder folder_;
 };
 
+// A worker's limit. None under the address sanitizer, which takes terabytes of address space.
+constexpr uint64_t address_space_of([[maybe_unused]] uint64_t mebibytes)
+{
+#ifdef __SANITIZE_ADDRESS__
+    return 0;
+#else
+    return mebibytes << 20;
+#endif
+}
+
 class worker {
 public:
     struct setting {
@@ -36,7 +46,7 @@ public:
         int status_fd = -1;           // inherited under its number
         std::string working_folder = {};
         int standard_fd = -1;       // becomes descriptors 0, 1 and 2: a terminal, or a broken pipe
-        uint64_t address_space = 0; // limit in bytes; 0: none
+        uint64_t address_space = 0; // limit in bytes, see address_space_of; 0: none
         std::string group = {};     // members_file() of the control group that it runs in
         unsigned descriptors = 0;   // limit of their number; 0: that of the test
     };

@@ -22,7 +22,27 @@ using platform::run_round;
 
 namespace {
 
-class Server : public server_fixture {};
+class Server : public server_fixture {
+protected:
+    // A client whose channel is in memory, with `ends` for the test.
+    comm_socket_v4_client* adopt_client()
+    {
+        return platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    }
+
+    void answer(comm_socket_v4_client& client) const
+    {
+        platform::send_answer(client, {encode_empty(1, DONE), {}}, now_us);
+    }
+
+    void expect_only_sent(const error& what) const
+    {
+        ASSERT_EQ(ends->sent.size(), 1U);
+        EXPECT_EQ(to_hex(ends->sent[0]), to_hex(encode(0, what)));
+    }
+
+    const std::shared_ptr<channel_ends> ends = std::make_shared<channel_ends>();
+};
 
 } // namespace
 
@@ -187,39 +207,31 @@ TEST_F(Server, ClientThatReadsNothingIsDroppedInTime)
 TEST_F(Server, ClientThatReadAgainTooLateIsToldWhy)
 {
     start();
-    const auto ends = std::make_shared<channel_ends>();
-    comm_socket_v4_client* client =
-        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    comm_socket_v4_client* client = adopt_client();
     client->greeted = true;
     ends->room = 0;
-    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    answer(*client);
     ends->room = 1;
     now_us += 6'000'000;
     pump();
-    ASSERT_EQ(ends->sent.size(), 1U);
-    EXPECT_EQ(to_hex(ends->sent[0]),
-              to_hex(encode(0, error{SLOW_CLIENT, "answers were not read in time"})));
+    expect_only_sent(error{SLOW_CLIENT, "answers were not read in time"});
     EXPECT_TRUE(ends->destroyed);
 }
 
 TEST_F(Server, ClientWithAFullQueueIsToldWhy)
 {
     start();
-    const auto ends = std::make_shared<channel_ends>();
-    comm_socket_v4_client* client =
-        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    comm_socket_v4_client* client = adopt_client();
     client->greeted = true;
     ends->room = 0;
     for (size_t i = 0; i < max_queued_answers; ++i) {
-        platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+        answer(*client);
     }
     EXPECT_FALSE(client->leaving);
     ends->room = 1;
-    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    answer(*client);
     EXPECT_TRUE(client->leaving);
-    ASSERT_EQ(ends->sent.size(), 1U);
-    EXPECT_EQ(to_hex(ends->sent[0]),
-              to_hex(encode(0, error{SLOW_CLIENT, "answers were not read"})));
+    expect_only_sent(error{SLOW_CLIENT, "answers were not read"});
     pump();
 }
 
@@ -336,9 +348,7 @@ TEST_F(Server, WaitThatReportsAClientOpensTheGate)
 TEST_F(Server, AdoptedChannelIsServedLikeASocket)
 {
     start();
-    const auto ends = std::make_shared<channel_ends>();
-    comm_socket_v4_client* client =
-        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    comm_socket_v4_client* client = adopt_client();
     ASSERT_NE(client, nullptr);
     const packet_bytes greeting = encode(9, hello());
     platform::take_packet(*server, *client, greeting.data(), greeting.size(), now_us);
@@ -354,14 +364,10 @@ TEST_F(Server, AdoptedChannelIsServedLikeASocket)
 TEST_F(Server, AnswerWithoutMemoryForItIsNotCalledUnread)
 {
     start();
-    const auto ends = std::make_shared<channel_ends>();
-    comm_socket_v4_client* client =
-        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    comm_socket_v4_client* client = adopt_client();
     ends->no_memory = 1;
-    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
-    ASSERT_EQ(ends->sent.size(), 1U);
-    EXPECT_EQ(to_hex(ends->sent[0]),
-              to_hex(encode(0, error{NO_MEMORY, "the kernel has no memory for an answer"})));
+    answer(*client);
+    expect_only_sent(error{NO_MEMORY, "the kernel has no memory for an answer"});
     pump();
     EXPECT_EQ(left_ids.size(), 1U);
 }
@@ -369,28 +375,22 @@ TEST_F(Server, AnswerWithoutMemoryForItIsNotCalledUnread)
 TEST_F(Server, QueuedAnswerWithoutMemoryForItIsNotCalledUnread)
 {
     start();
-    const auto ends = std::make_shared<channel_ends>();
-    comm_socket_v4_client* client =
-        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    comm_socket_v4_client* client = adopt_client();
     ends->room = 0;
-    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    answer(*client);
     ends->room = 10;
     ends->no_memory = 1;
     platform::flush_answers(*client, now_us);
-    ASSERT_EQ(ends->sent.size(), 1U);
-    EXPECT_EQ(to_hex(ends->sent[0]),
-              to_hex(encode(0, error{NO_MEMORY, "the kernel has no memory for an answer"})));
+    expect_only_sent(error{NO_MEMORY, "the kernel has no memory for an answer"});
     pump();
 }
 
 TEST_F(Server, BrokenChannelIsLeftWithoutAWord)
 {
     start();
-    const auto ends = std::make_shared<channel_ends>();
-    comm_socket_v4_client* client =
-        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    comm_socket_v4_client* client = adopt_client();
     ends->gone = true;
-    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    answer(*client);
     ends->gone = false;
     EXPECT_TRUE(ends->sent.empty());
     pump();
@@ -402,10 +402,10 @@ TEST_F(Server, KernelWithoutMemoryIsToldFromAClientThatHasLeft)
     for (const int reason : {ENOBUFS, ENOMEM, ETOOMANYREFS}) {
         EXPECT_EQ(
             run_in_child([reason] {
-                int ends[2] = {-1, -1};
-                socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends);
-                const platform::unique_fd other(ends[0]);
-                const auto channel = platform::make_socket_channel(platform::unique_fd(ends[1]));
+                int pair[2] = {-1, -1};
+                socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair);
+                const platform::unique_fd other(pair[0]);
+                const auto channel = platform::make_socket_channel(platform::unique_fd(pair[1]));
                 comm_socket_v4_packet with_descriptor = {encode_empty(1, DONE), {}};
                 with_descriptor.descriptor.reset(dup(STDERR_FILENO));
                 if (!refuse_calls({"send", "sendto", "sendmsg"}, reason)) {
@@ -425,11 +425,9 @@ TEST_F(Server, KernelWithoutMemoryIsToldFromAClientThatHasLeft)
 TEST_F(Server, ClientThatLeftIsSentNothingMore)
 {
     start();
-    const auto ends = std::make_shared<channel_ends>();
-    comm_socket_v4_client* client =
-        platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
+    comm_socket_v4_client* client = adopt_client();
     platform::leave(*client);
-    platform::send_answer(*client, {encode_empty(1, DONE), {}}, now_us);
+    answer(*client);
     platform::send_event(*client, change_progress, {}, now_us);
     platform::send_status(*client, std::make_shared<const std::string>("x"), 1, true, now_us);
     platform::flush_answers(*client, now_us);

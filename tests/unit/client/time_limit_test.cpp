@@ -7,7 +7,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "client/tool/session.h"
 #include "tests/support/held_time.h"

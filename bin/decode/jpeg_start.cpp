@@ -23,13 +23,28 @@ uint64_t work_allowed()
     return most_scan_work + file_size * scan_work_a_byte;
 }
 
+// The marker that ends a scan's data is met while its last rows are decoded, or long before.
+uint64_t work_of_coefficient()
+{
+    const jpeg_decompress_struct& cinfo = *jpeg_decompress;
+    if (cinfo.arith_code == 0) {
+        return 1;
+    }
+    if (cinfo.unread_marker == 0) {
+        return arithmetic_weight;
+    }
+    const bool is_refinement = cinfo.progressive_mode != 0 && cinfo.Ah != 0;
+    return is_refinement ? arithmetic_refinement_without_data : arithmetic_weight_without_data;
+}
+
 uint64_t work_of_block()
 {
     constexpr uint64_t whole_block = DCTSIZE2;
     const jpeg_decompress_struct& cinfo = *jpeg_decompress;
     const bool is_part = cinfo.progressive_mode != 0 && cinfo.Ss >= 0 && cinfo.Ss <= cinfo.Se;
     const int part = cinfo.Se - cinfo.Ss + 1;
-    return work_of_visit + (is_part ? static_cast<uint64_t>(part) : whole_block);
+    const uint64_t coefficients = is_part ? static_cast<uint64_t>(part) : whole_block;
+    return work_of_visit + coefficients * work_of_coefficient();
 }
 
 // In one step of the scan at hand: a row of its interleaved units, or the block rows that a lone

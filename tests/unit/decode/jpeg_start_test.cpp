@@ -134,14 +134,18 @@ TEST_F(JpegStart, ScansUpToTheCeilingAreRead)
 }
 
 // Of whole walks over the 262144 blocks of a large picture 129 are all that it has.
+file_bytes made_large(file_bytes file, const file_bytes& scans)
+{
+    set_size(file, 4096, 4096);
+    insert_before_end(file, scans);
+    return file;
+}
+
 file_bytes large_picture(const file_bytes& scans)
 {
     picture what = grey(64, 64);
     what.progressive = true;
-    file_bytes file = write(what);
-    set_size(file, 4096, 4096);
-    insert_before_end(file, scans);
-    return file;
+    return made_large(write(what), scans);
 }
 
 // As empty_scans, of the last coefficient only.
@@ -183,6 +187,56 @@ TEST_F(JpegStart, LongFilesMayHaveMoreScans)
     file.insert(file.end(), 400'000, 0); // behind the picture: it has no more scans
     open(file);
     EXPECT_EQ(start(), 0);
+}
+
+file_bytes blank_arithmetic()
+{
+    picture what = grey(64, 64);
+    what.progressive = what.arithmetic = true;
+    what.sample = [](int, int, int) -> unsigned char { return 128; };
+    return write(what);
+}
+
+// Scans of 63 coefficients with these bits and this data.
+file_bytes scans_of(size_t count, unsigned char bits, const file_bytes& data)
+{
+    file_bytes one = empty_scans(1);
+    one.back() = bits;
+    one.insert(one.end(), data.begin(), data.end());
+    file_bytes all;
+    for (size_t i = 0; i < count; ++i) {
+        all.insert(all.end(), one.begin(), one.end());
+    }
+    return all;
+}
+
+struct weighed_scan {
+    const char* name;
+    unsigned char bits;
+    file_bytes data;
+    size_t read;
+    size_t too_many;
+};
+
+// A block of the picture has 9216 and takes 3878 for its own scans, whose data ends in the first row.
+// A further scan takes 134, 638 and 2528.
+TEST_F(JpegStart, ArithmeticCodedScansCountByWhatTheyCost)
+{
+    const file_bytes blank = blank_arithmetic();
+    const file_bytes data(400, 0); // enough for most blocks
+    const weighed_scan scans[] = {{"refinement", 0x10, data, 25, 45},
+                                  {"refinement without data", 0x10, {}, 8, 9},
+                                  {"without data", 0x00, {}, 2, 3}};
+    for (const weighed_scan& scan : scans) {
+        SCOPED_TRACE(scan.name);
+        open(made_large(blank, scans_of(scan.read, scan.bits, scan.data)));
+        EXPECT_EQ(start(), 0);
+        reset_for_jpeg();
+        open(made_large(blank, scans_of(scan.too_many, scan.bits, scan.data)));
+        EXPECT_EQ(start(), -1);
+        EXPECT_THAT(told, EndsWith(gave_up));
+        reset_for_jpeg();
+    }
 }
 
 TEST_F(JpegStart, ErrorAfterTheStartEndsTheProcess)

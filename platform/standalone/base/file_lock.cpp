@@ -67,9 +67,12 @@ lock_result file_lock::take(int folder, const char* name, uint64_t limit_us,
 {
     const uint64_t deadline = saturating_add(monotonic_clock_us(), limit_us);
     for (;;) {
+        // Asked before the try, so that a process that was not given the processor until the limit
+        // was over still tries once more.
+        const bool is_last_try =
+            monotonic_clock_us() >= deadline || (stop != nullptr && stop->load() != 0);
         const lock_result result = try_lock(folder, name, &fd_);
-        if (result != lock_result::BUSY || monotonic_clock_us() >= deadline ||
-            (stop != nullptr && stop->load() != 0)) {
+        if (result != lock_result::BUSY || is_last_try) {
             return result;
         }
         nanosleep(&pause_between_tries, nullptr);

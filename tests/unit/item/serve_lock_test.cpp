@@ -5,6 +5,7 @@
 #include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <vector>
 
@@ -77,32 +78,58 @@ TEST_F(ServeLock, FileLeftByADeadWorkerIsTakenOver)
     EXPECT_EQ(folder.read("s.sock.lock"), number + "\n");
 }
 
+// A holder of the lock that ends while this process waits: a signal's handler ends it, so that it is
+// gone before the last try, however long the process is not given the processor.
+class ending_holder {
+public:
+    // `removed_path` is removed first; null: the file stays.
+    ending_holder(platform::unique_fd lock, const char* removed_path)
+    {
+        held_fd = lock.release();
+        path = removed_path;
+        struct sigaction action = {};
+        action.sa_handler = end_now;
+        sigaction(SIGALRM, &action, &former);
+        const itimerval soon = {{}, {0, 20'000}};
+        setitimer(ITIMER_REAL, &soon, nullptr);
+    }
+    ending_holder(const ending_holder&) = delete;
+    ending_holder& operator=(const ending_holder&) = delete;
+    ~ending_holder() { sigaction(SIGALRM, &former, nullptr); }
+
+    static bool has_ended() { return held_fd == -1; }
+
+private:
+    static void end_now(int /*signal*/)
+    {
+        if (path != nullptr) {
+            unlink(path);
+        }
+        close(held_fd);
+        held_fd = -1;
+    }
+
+    inline static volatile sig_atomic_t held_fd = -1;
+    inline static const char* volatile path = nullptr;
+    struct sigaction former = {};
+};
+
 TEST_F(ServeLock, WorkerThatIsJustEndingIsWaitedFor)
 {
-    platform::unique_fd other = locked(folder.path("s.sock.lock"));
-    child_process ending([&other] {
-        usleep(50'000);
-        return other.get() >= 0 ? 0 : 1; // the child's copy of the lock goes with it
-    });
-    other.reset();
+    const ending_holder holder(locked(folder.path("s.sock.lock")), nullptr);
     EXPECT_TRUE(item::take_serve_lock(socket));
-    EXPECT_EQ(ending.wait(), 0);
+    EXPECT_TRUE(ending_holder::has_ended());
 }
 
 TEST_F(ServeLock, FileThatTheLastHolderRemovedIsNotTheLock)
 {
     // The loser of the race has the old file open when its holder removes it.
-    platform::unique_fd holder = locked(folder.path("s.sock.lock"));
-    child_process ending([&] {
-        usleep(50'000);
-        unlink(folder.path("s.sock.lock").c_str());
-        return 0;
-    });
-    holder.reset();
+    const std::string path = folder.path("s.sock.lock");
+    const ending_holder holder(locked(path), path.c_str());
     ASSERT_TRUE(item::take_serve_lock(socket));
-    EXPECT_EQ(ending.wait(), 0);
+    EXPECT_TRUE(ending_holder::has_ended());
     EXPECT_TRUE(folder.has("s.sock.lock"));
-    const platform::unique_fd named(open(folder.path("s.sock.lock").c_str(), O_RDWR | O_CLOEXEC));
+    const platform::unique_fd named(open(path.c_str(), O_RDWR | O_CLOEXEC));
     EXPECT_EQ(flock(named.get(), LOCK_EX | LOCK_NB), -1);
 }
 

@@ -6,13 +6,8 @@
 #include <vector>
 
 #include "bin/examine/examine_file.h"
-#include "bin/examine/gif.h"
-#include "bin/examine/identify.h"
+#include "bin/examine/formats.h"
 #include "bin/examine/image_state.h"
-#include "bin/examine/jpeg_reader.h"
-#include "bin/examine/png.h"
-#include "bin/examine/tiff.h"
-#include "bin/examine/webp.h"
 #include "fuzz/require.h"
 #include "platform/media_item.h"
 #include "tests/support/failing_calls.h"
@@ -22,18 +17,9 @@ namespace {
 
 constexpr size_t memory_limit = 64U << 20; // for what a GIF frame may claim
 
-void free_readers()
-{
-    free_all_webp();
-    free_all_tiff();
-    free_all_jpeg_fileio();
-    free_all_png_fileio();
-    free_all_gif();
-}
-
 void check_image_state()
 {
-    require(name_of_file_type(image_file_type) != nullptr);
+    require(find_format(image_file_type) != nullptr);
     require(image_width > 0 && image_height > 0);
     require(image_buffer_height >= image_height && image_buffer_height < image_height + 32);
     require(image_chroma_x_shift <= 2 && image_chroma_y_shift <= 2);
@@ -52,12 +38,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     failing_calls::plan = {};
     failing_calls::plan.largest_calloc = memory_limit;
     scripted::set_picture(data + 1, size - 1);
-    vexa_set_string(&vexa_file_type, mime_of_file_type(data[0] % 6));
+    const picture_format* named = find_format(data[0] % (max_image_type + 1));
+    vexa_set_string(&vexa_file_type, named != nullptr ? named->mime : nullptr);
     if (examine_file() == 0) {
         check_image_state();
     }
-    free_readers();
-    free_readers();
+    free_all_readers();
+    free_all_readers();
     scripted::reset();
     return 0;
 }

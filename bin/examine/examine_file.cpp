@@ -3,14 +3,10 @@
 #include <cstdio>
 #include <string_view>
 
-#include "bin/examine/gif.h"
+#include "bin/examine/formats.h"
 #include "bin/examine/identify.h"
 #include "bin/examine/image_state.h"
-#include "bin/examine/jpeg.h"
 #include "bin/examine/jpeg_reader.h"
-#include "bin/examine/png.h"
-#include "bin/examine/tiff.h"
-#include "bin/examine/webp.h"
 #include "platform/media_item.h"
 
 namespace {
@@ -18,28 +14,13 @@ namespace {
 constexpr std::string_view size_entry = "image size";
 constexpr int item_tag = -1;
 
-struct format_examination {
-    int type;
-    int (*examine)();
-    const char* failure;
-};
-
-constexpr format_examination examinations[] = {
-    {IMAGE_JPEG, examine_jpeg_file, "JPEG examination failed\n"},
-    {IMAGE_PNG, examine_png_file, "PNG examination failed\n"},
-    {IMAGE_TIFF, examine_tiff_file, "TIFF examination failed\n"},
-    {IMAGE_GIF, examine_gif_file, "GIF examination failed\n"},
-    {IMAGE_WEBP, examine_webp_file, "WebP examination failed\n"},
-};
-
-// A signal may have cut the examination short wherever it polls DIE4, so what it found does not count.
+// A signal may have cut the examination short wherever it polls DIE4, so its result does not count.
 int examine_format()
 {
-    for (const format_examination& format : examinations) {
-        if (format.type == image_file_type && (format.examine() != 0 || DIE4 != 0)) {
-            fputs(format.failure, stderr);
-            return 1;
-        }
+    const picture_format* format = find_format(image_file_type);
+    if (format->examine() != 0 || DIE4 != 0) {
+        fputs(format->examination_failed, stderr);
+        return 1;
     }
     return 0;
 }

@@ -1,27 +1,19 @@
-// Which of the five formats a picture has: as its metadata names it, else as its first bytes show.
+// Identifies the format of a picture: by its metadata when that names one, else by its first bytes.
 #pragma once
 
-#include <cstddef>
-
-// The mime string of an image_type, as stored in the metadata; null for a type that is not one of
-// ours.
-const char* mime_of_file_type(int type);
-
-// The name of an image_type for people: "TIFF", "JPEG", "PNG", "GIF", "WebP"; null likewise.
-const char* name_of_file_type(int type);
-
-// The image_type that a mime string or a name stands for, in any case; IMAGE_UNKNOWN for other
-// text.
+// The image_type that a MIME type or a format's name stands for, in any case; IMAGE_UNKNOWN for any
+// other text.
 int file_type_from_name(const char* name);
 
-// The image_type by the first bytes of a file, or IMAGE_UNKNOWN. Reads only [begin, end).
+// The image_type of a file with these first bytes, or IMAGE_UNKNOWN. Reads only [begin, end).
 int sniff_file_type(const unsigned char* begin, const unsigned char* end);
 
-// 0 for one of the five types; else 1, with the refusal printed.
+// 0 for the number of a format; else prints the refusal and returns 1.
 int check_identified_type(int type);
 
-// Sets image_file_type from vexa_file_type when that is set, which is then believed; else from the
-// file's content, which also sets vexa_file_type and asks for the metadata to be written.
-// 0 with *sniffed saying which of the two it was; 1 with a message; -1, without one, for anything
-// but a regular file of at least 16 bytes.
+// Sets image_file_type. When vexa_file_type is set, its type is taken as it is, without a look at the
+// file. Otherwise the type is found in the file's content, vexa_file_type is set from it, and the
+// metadata is marked for writing.
+// Returns 0, with *sniffed true when the content decided; 1 after a message; -1, without a message,
+// for a file that is not regular or has fewer than 16 bytes.
 int identify_file(bool* sniffed);

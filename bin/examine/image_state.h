@@ -16,6 +16,10 @@ enum image_type : int {
     IMAGE_WEBP = 5,
 };
 
+// The invariant that no type lies above the last one. A further format changes both.
+inline constexpr int max_image_type = IMAGE_WEBP;
+inline constexpr const char* max_image_type_invariant = "image_file_type <= 5";
+
 inline constexpr int image_size_limit = 16384; // pixels in either direction, for JPEG, PNG and TIFF
 
 extern int image_file_type; // an image_type

@@ -3,17 +3,17 @@
 #include <cstdint>
 #include <cstring>
 
-#include "bin/examine/identify.h"
+#include "bin/examine/formats.h"
 #include "bin/examine/image_state.h"
 #include "bin/invariant.h"
 
 void my_custom_json_build(std::map<std::string, json11::Json>& document, unsigned long context_id)
 {
     std::map<std::string, json11::Json> info;
-    INVARIANT(image_file_type <= IMAGE_WEBP, "image_file_type <= 5");
-    const char* type = name_of_file_type(image_file_type);
-    if (type != nullptr) {
-        info["file type"] = type;
+    INVARIANT(image_file_type <= max_image_type, max_image_type_invariant);
+    const picture_format* format = find_format(image_file_type);
+    if (format != nullptr) {
+        info["file type"] = format->name;
         if (context_id != no_context_id) {
             info["context id"] = static_cast<int32_t>(context_id);
         }

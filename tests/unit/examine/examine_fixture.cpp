@@ -4,10 +4,9 @@
 #include <fstream>
 #include <iterator>
 
-#include "bin/examine/gif.h"
+#include "bin/examine/formats.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
-#include "bin/examine/png.h"
 #include "bin/examine/tiff.h"
 #include "bin/examine/webp.h"
 #include "platform/media_item.h"
@@ -16,8 +15,7 @@ namespace {
 
 void reset_examination()
 {
-    free_all_gif();
-    free_all_png_fileio();
+    free_all_readers();
     reset_tiff();
     reset_webp();
     reset_jpeg_reader();

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "bin/examine/formats.h"
 #include "bin/examine/identify.h"
 #include "bin/examine/image_state.h"
 #include "platform/media_item.h"
@@ -114,12 +115,11 @@ TEST(FileTypeNames, MimeStringsAndNamesOfTheFiveTypes)
                                  "image/webp"};
     const char* const names[] = {"TIFF", "JPEG", "PNG", "GIF", "WebP"};
     for (int type = 1; type <= 5; ++type) {
-        EXPECT_STREQ(mime_of_file_type(type), mimes[type - 1]);
-        EXPECT_STREQ(name_of_file_type(type), names[type - 1]);
+        EXPECT_STREQ(find_format(type)->mime, mimes[type - 1]);
+        EXPECT_STREQ(find_format(type)->name, names[type - 1]);
     }
-    for (const int type : {-2, -1, 0, 6}) {
-        EXPECT_EQ(mime_of_file_type(type), nullptr);
-        EXPECT_EQ(name_of_file_type(type), nullptr);
+    for (const int type : {-2, -1, 0, max_image_type + 1}) {
+        EXPECT_EQ(find_format(type), nullptr);
     }
 }
 
@@ -141,7 +141,7 @@ TEST_F(IdentifyFile, ZeroIsNotIdentified)
 
 TEST_F(IdentifyFile, TypesOutsideTheTableAreUnknown)
 {
-    for (const int type : {-1, -2, 6, 1000}) {
+    for (const int type : {-1, -2, max_image_type + 1, 1000}) {
         EXPECT_EQ(check_identified_type(type), 1);
         EXPECT_EQ(printed(), "FIXME: Unknown file type id\n");
     }

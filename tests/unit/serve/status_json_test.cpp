@@ -72,7 +72,7 @@ using StatusJsonDeath = StatusJson;
 
 TEST_F(StatusJsonDeath, TypeAboveTheTableAborts)
 {
-    image_file_type = 6;
+    image_file_type = max_image_type + 1;
     std::map<std::string, json11::Json> document;
     EXPECT_EXIT(my_custom_json_build(document, 4), testing::KilledBySignal(SIGABRT),
                 "bin/vexa_stillimage: my_custom_json_build: .*image_file_type <= 5");

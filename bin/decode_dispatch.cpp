@@ -1,4 +1,4 @@
-// Which decoder reads the picture: one table a format, one row a colour model.
+// Chooses the decoder: one table for each format, one row for each colour model.
 #include <cstdio>
 #include <cstdlib>
 #include <span>
@@ -24,7 +24,7 @@ namespace {
 
 struct decoder {
     int colour_model; // in the format's own numbers
-    int (*decode)();  // 0, or non-zero when it could not start
+    int (*decode)();  // non-zero when it could not start
 };
 
 constexpr decoder jpeg_decoders[] = {
@@ -34,7 +34,7 @@ constexpr decoder jpeg_decoders[] = {
     {JCS_CMYK, full_decode_jpeg_raw_cmyk},
 };
 
-// Without interlacing; one decoder for all of these colour types reads interlaced pictures.
+// For pictures without interlacing. Interlaced ones of any of these colour types have one decoder.
 constexpr decoder png_decoders[] = {
     {PNG_COLOR_TYPE_RGB, full_decode_png_rgb},
     {PNG_COLOR_TYPE_RGB_ALPHA, full_decode_png_rgba},
@@ -45,11 +45,11 @@ constexpr decoder png_decoders[] = {
 
 int decode_tiff_ycbcr()
 {
-    full_decode_tiff_ycbcr(); // tells of its failure itself
+    full_decode_tiff_ycbcr(); // prints its own failure
     return 0;
 }
 
-// Separated pictures are CMYK only with one ink set: see decode_tiff.
+// Separated pictures are CMYK only with one of the ink sets: see decode_tiff.
 constexpr decoder tiff_decoders[] = {
     {PHOTOMETRIC_RGB, full_decode_tiff_rgb},
     {PHOTOMETRIC_MINISWHITE, full_decode_tiff_grayscale},
@@ -59,7 +59,7 @@ constexpr decoder tiff_decoders[] = {
     {PHOTOMETRIC_PALETTE, full_decode_tiff_palette},
 };
 
-// Null when no decoder is familiar with the colour model.
+// Null when there is no decoder for the colour model.
 const decoder* find_decoder(std::span<const decoder> decoders, int colour_model)
 {
     for (const decoder& row : decoders) {
@@ -122,7 +122,7 @@ void decode_gif()
 
 void decode_webp()
 {
-    full_decode_webp_yuv(); // tells its outcome itself
+    full_decode_webp_yuv(); // prints its own outcome
 }
 
 } // namespace

@@ -5,7 +5,7 @@
 
 void invariant_failed(const char* function, const char* condition)
 {
-    // The unit name is what operators search their logs for; it is not the name of the source file.
+    // Operators search their logs for this unit name. It is not the name of a source file.
     fprintf(stderr, "bin/vexa_stillimage: %s: Assertion `%s' failed.\n", function, condition);
     abort();
 }

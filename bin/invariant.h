@@ -1,10 +1,10 @@
-// Invariants: always checked, in every build. A broken one aborts the process.
+// Invariants. They are checked in every build; a broken one aborts the process.
 #pragma once
 
-// Prints where and what on standard error, then aborts. `function` and `condition` are literals.
+// Prints both on standard error, then aborts. `function` and `condition` are literals.
 [[noreturn]] void invariant_failed(const char* function, const char* condition);
 
-// The condition's text is part of the interface and so written out beside it.
+// The text of the condition is part of the interface, so it is written out.
 #define INVARIANT(condition, text)                                                                 \
     do {                                                                                           \
         if (!(condition)) {                                                                        \

@@ -1,6 +1,10 @@
 #include "bin/vexa_stillimage.h"
+#include "platform/media_item.h"
 
 int main(int argc, char** argv)
 {
-    return run_stillimage(argc, argv);
+    open_missing_standard_descriptors();
+    ignore_signals_of_writes();
+    const int status = start_up(argc, argv);
+    return status != go_on ? status : run_sequence();
 }

@@ -10,18 +10,18 @@ bool slow_decode = false;
 
 namespace {
 
-constexpr int most_rounds = 10;
+constexpr int max_rounds = 10;
 constexpr uint64_t service_gap_us = 500;
 constexpr long slow_decode_sleep_ns = 10'000'000;
 
-uint64_t served_us = 0; // when quickidle_when_due served last, or its clock was started
+uint64_t served_us = 0; // when quickidle_when_due last served, or its clock was started
 
 } // namespace
 
 void quickidle_rounds()
 {
-    for (int round = 0; round < most_rounds; ++round) {
-        const int served = idle_vexa_server_comm(); // before the clients, who may have just come
+    for (int round = 0; round < max_rounds; ++round) {
+        const int served = idle_vexa_server_comm(); // first: a client may just have connected
         if (served + idle_vexa_client_contexts() <= 0) {
             break;
         }

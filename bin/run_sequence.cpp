@@ -22,8 +22,8 @@ namespace {
 
 constexpr long buffer_poll_ns = 5'000'000;
 
-// For a process that was to serve, a signal is an orderly end. Who asked only for what is in the file
-// must see that there is no answer.
+// A signal is an orderly end for a process that was started to serve. A process that was started only
+// to identify the file has failed: its caller has no result.
 int leave_without_examination()
 {
     free_all();
@@ -42,18 +42,13 @@ int create_cache()
     return go_on;
 }
 
-// Standard streams that already go to a log stay open in the child.
-int keeps_standard_streams()
-{
-    return isatty(STDIN_FILENO) != 0 || isatty(STDOUT_FILENO) != 0 || isatty(STDERR_FILENO) != 0
-               ? 0
-               : 1;
-}
-
 void daemonize()
 {
     fputs("Daemonizing\n", stderr);
-    if (daemon(0, keeps_standard_streams()) != 0) {
+    const bool has_terminal =
+        isatty(STDIN_FILENO) != 0 || isatty(STDOUT_FILENO) != 0 || isatty(STDERR_FILENO) != 0;
+    // Standard streams that already go to a log stay open in the child.
+    if (daemon(0, has_terminal ? 0 : 1) != 0) {
         fprintf(stderr, "Problem daemon() %s\n", strerror(errno));
     }
     comm_socket_v4_reopen_server(vexa_comm_server);
@@ -63,13 +58,13 @@ void daemonize()
     refresh_json();
 }
 
-// Waits for the domain to have room, serving the socket meanwhile. False when the process is to end
-// first.
+// Waits until the domain has room, and serves the socket meanwhile. False when the process has to end
+// before that.
 bool wait_for_buffer()
 {
     while (cnb_default_buffer_load() != 0) {
-        const bool dead = idle_vexa_server_comm() < 0 || idle_vexa_client_contexts() < 0;
-        if (dead || DIE4 != 0) {
+        const bool failed = idle_vexa_server_comm() < 0 || idle_vexa_client_contexts() < 0;
+        if (failed || DIE4 != 0) {
             return false;
         }
         if (vexa_should_exit) {
@@ -82,7 +77,8 @@ bool wait_for_buffer()
     return true;
 }
 
-// go_on, or the exit status. A signal that ends it is an orderly end, with the clean-up still to do.
+// Returns go_on or the exit status. EXIT_SUCCESS: a signal ended the allocation; the clean-up is still
+// to be done.
 int allocate_frame_buffer()
 {
     fprintf(stderr, "Using CNB buffer %u [sz=%lu unit=%lu frames=%lu]\n", image_cnb_buffer,
@@ -98,9 +94,9 @@ int allocate_frame_buffer()
     return build_picture_records() == 0 ? go_on : EXIT_FAILURE;
 }
 
-// A decoder may come to its first pump late, or never: who has come by now is greeted before it.
 void decode_and_serve()
 {
+    // A decoder may serve the socket late, or never: greet the clients that have connected by now.
     quickidle_comm();
     decode_picture();
     if (DIE4 == 0 && mipmaps_avail == 0) {
@@ -154,12 +150,4 @@ int run_sequence()
     }
     clean_up();
     return EXIT_SUCCESS;
-}
-
-int run_stillimage(int argc, char** argv)
-{
-    open_missing_standard_descriptors();
-    ignore_signals_of_writes();
-    const int status = start_up(argc, argv);
-    return status != go_on ? status : run_sequence();
 }

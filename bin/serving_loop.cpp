@@ -1,6 +1,7 @@
-// The serving loop and the orderly end.
+// The serving loop, and the clean-up after it.
 #include <cstdio>
 
+#include "bin/examine/formats.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/vexa_stillimage.h"
 #include "platform/media_item.h"
@@ -8,8 +9,8 @@
 
 namespace {
 
-constexpr uint64_t busy_wait_us = 500;       // after a round that did work
-constexpr uint64_t more_idle_wait_us = 9500; // on top of it after an idle one
+constexpr uint64_t busy_wait_us = 500;        // after a round that did work
+constexpr uint64_t extra_idle_wait_us = 9500; // added after a round without any
 
 uint64_t add_saturating(uint64_t a, uint64_t b)
 {
@@ -25,7 +26,7 @@ bool past_auto_shutdown(uint64_t now_us)
     return true;
 }
 
-// The amount of work done, negative when serving cannot go on.
+// Returns the amount of work done; negative: serving cannot continue.
 int serve_clients()
 {
     const int comm = idle_vexa_server_comm();
@@ -36,8 +37,8 @@ int serve_clients()
     return contexts < 0 ? contexts : comm + contexts;
 }
 
-// The order of the tests decides which reason is printed when several hold.
-bool told_to_leave()
+// When both reasons hold, the first one is printed.
+bool should_leave()
 {
     if (vexa_oneshot) {
         fputs("Oneshot\n", stderr);
@@ -81,10 +82,10 @@ void serve()
         }
         vexa_global_access_cache_cleanup_idle(vexa_acc_cache);
         vexa_idle_housekeeping();
-        if (told_to_leave()) {
+        if (should_leave()) {
             break;
         }
-        const uint64_t wait_us = busy_wait_us + (work == 0 ? more_idle_wait_us : 0);
+        const uint64_t wait_us = busy_wait_us + (work == 0 ? extra_idle_wait_us : 0);
         comm_socket_v4_server_from_client_readable(vexa_comm_server, now_us + wait_us);
     }
 }
@@ -99,4 +100,12 @@ void clean_up()
     fprintf(stderr, "Freeing cache %p\n", static_cast<void*>(vexa_acc_cache));
     vexa_global_access_cache_cleanup_idle(vexa_acc_cache);
     free_all();
+}
+
+void free_all()
+{
+    free_all_readers();
+    cnb_alloc_freeall();
+    cnb_default_buffer_drop();
+    vexa_free_all();
 }

@@ -1,5 +1,6 @@
-// Start-up: from process entry to the moment before the picture is looked at. Every failure but
-// that of the self-test ends the process with status 1.
+// Start-up: everything before the picture is examined. Every failure but that of the self-test ends
+// the process with status 1.
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +18,15 @@
 
 namespace {
 
+constexpr int max_signals = 19; // with one more the process is taken to be stuck
+
+extern "C" void count_termination(int /*signal*/)
+{
+    if (DIE4.fetch_add(1) + 1 > max_signals) {
+        abort();
+    }
+}
+
 int fail(const char* message)
 {
     fputs(message, stderr);
@@ -25,11 +35,13 @@ int fail(const char* message)
 
 int fail_with_help()
 {
-    print_help();
+    vexa_std_help();
+    fputs(" --oneshot\n", stderr);
+    fputs(" --slow-decode\n", stderr);
     return EXIT_FAILURE;
 }
 
-// The program's own switches; the platform has declined the word.
+// The program's own switches; `word` is not one of the platform's.
 int take_own_switch(const char* word)
 {
     if (strcmp(word, "d-merged-s") == 0) {
@@ -39,7 +51,7 @@ int take_own_switch(const char* word)
         slow_decode = true;
         return go_on;
     }
-    // Withdrawn, but old host configurations still start with them.
+    // Withdrawn, but still accepted, so that old host configurations start.
     if (strcmp(word, "d-merged") == 0) {
         fputs("d-merged is no longer supported. rendering mode removed.\n", stderr);
         return go_on;
@@ -145,6 +157,24 @@ int prepare_services()
 }
 
 } // namespace
+
+void ignore_signals_of_writes()
+{
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
+}
+
+void install_termination_handler()
+{
+    struct sigaction action = {};
+    action.sa_handler = count_termination;
+    // Codecs read the picture through stdio, which must not see interrupted calls as errors.
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    for (const int signal : {SIGTERM, SIGQUIT, SIGINT}) {
+        sigaction(signal, &action, nullptr);
+    }
+}
 
 int start_up(int argc, char** argv)
 {

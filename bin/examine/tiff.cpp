@@ -23,9 +23,7 @@ uint32_t tiff_strips = 0;
 
 namespace {
 
-constexpr uint32_t most_samples = 6;
-constexpr uint16_t separate_planes = 2;
-constexpr uint32_t ink_set_cmyk = 1;
+constexpr uint32_t max_samples = 6;
 constexpr uint32_t never_alpha = UINT32_MAX;
 
 struct wanted_tag {
@@ -50,7 +48,7 @@ constexpr wanted_tag wanted_tags[] = {
 
 struct colour_model {
     uint32_t photometric;
-    uint32_t least_samples;
+    uint32_t min_samples;
     const char* too_few_samples;
     int is_monochrome;
     uint32_t colour_samples; // a sample beyond these is alpha
@@ -118,7 +116,7 @@ int read_strip_geometry()
 {
     uint16_t planar = 0;
     // Kept as is: a failed query leaves the 0, so separate planes are in effect accepted.
-    if (TIFFGetField(tiff_image, TIFFTAG_PLANARCONFIG, &planar) == 0 && planar == separate_planes) {
+    if (TIFFGetField(tiff_image, TIFFTAG_PLANARCONFIG, &planar) == 0 && planar == PLANARCONFIG_SEPARATE) {
         return refuse("TIFF must not be planar\n");
     }
     tiff_bytes_per_row = static_cast<uint32_t>(TIFFScanlineSize(tiff_image));
@@ -152,7 +150,7 @@ int check_geometry()
     if (tiff_bytes_per_row == 0 || tiff_stripsize == 0 || tiff_strips == 0) {
         return refuse("Invalid strip info\n");
     }
-    if (tiff_spp > most_samples) {
+    if (tiff_spp > max_samples) {
         return refuse("Too many channels\n");
     }
     return 0;
@@ -170,7 +168,7 @@ void publish_size()
 // Null for a model that is not served.
 const colour_model* find_colour_model()
 {
-    if (tiff_photometric == PHOTOMETRIC_SEPARATED && tiff_inkset != ink_set_cmyk) {
+    if (tiff_photometric == PHOTOMETRIC_SEPARATED && tiff_inkset != INKSET_CMYK) {
         return nullptr;
     }
     for (const colour_model& model : colour_models) {
@@ -219,7 +217,7 @@ int publish_colour_model()
     if (model == nullptr) {
         return refuse("Unknown TIFF color format\n");
     }
-    if (tiff_spp < model->least_samples) {
+    if (tiff_spp < model->min_samples) {
         return refuse(model->too_few_samples);
     }
     image_is_monochrome = model->is_monochrome;

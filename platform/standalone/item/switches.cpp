@@ -1,6 +1,5 @@
 #include "platform/standalone/item/switches.h"
 
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -221,8 +220,6 @@ int vexa_init_argv(int argc, char** argv)
     if (argc < 1 || argv == nullptr || argv[0] == nullptr) {
         return -1;
     }
-    // A reader that has gone away is an error of the write, never the end of the worker.
-    signal(SIGPIPE, SIG_IGN);
     item::guard_standard_error();
     item::next_argument = argv + 1;
     return 0;

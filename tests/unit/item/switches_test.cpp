@@ -1,4 +1,3 @@
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -58,13 +57,6 @@ TEST_F(Switches, ArgumentsComeInTurnAndThenNull)
 TEST_F(Switches, NextArgumentBeforeAnyVectorIsNull)
 {
     EXPECT_EQ(vexa_next_arg(), nullptr);
-}
-
-TEST_F(Switches, ReaderThatLeavesNoLongerEndsTheProcess)
-{
-    signal(SIGPIPE, SIG_DFL);
-    EXPECT_EQ(take({}), 0);
-    EXPECT_EQ(signal(SIGPIPE, SIG_IGN), SIG_IGN);
 }
 
 // The word behind the dashes, or "(none)".

@@ -33,7 +33,7 @@ bool is_size_entry(const metadata_v4_entry* entry)
 
 void remove_size_entries()
 {
-    // Freeing leaves a hole, so no index moves.
+    // A freed entry leaves a hole, so the indices of the others do not change.
     for (size_t i = 0; i < metadata_v4_metadata_context_entry_count(vexa_metadata); ++i) {
         metadata_v4_entry* entry = metadata_v4_metadata_context_read_entry(vexa_metadata, i);
         if (is_size_entry(entry)) {

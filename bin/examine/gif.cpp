@@ -25,8 +25,8 @@ uint64_t round_up(int size)
     return static_cast<uint64_t>(round_up_to_16(size));
 }
 
-// The first frames that are worth keeping: more than the platform has room for, reckoned without
-// their scanline lists and reduced levels, cannot be decoded.
+// How many frames to keep: as many as the platform's memory could hold if they had no scanline lists
+// and no reduced levels. More can never be decoded.
 uint64_t frames_to_keep()
 {
     if (vexa_identify_only || vexa_create_meta) {
@@ -52,7 +52,7 @@ void publish_image_state(const gif_contents& found)
     image_buffer_height = round_up_to_16(image_height);
     image_chroma_x_shift = 0;
     image_chroma_y_shift = 0;
-    image_has_alpha_channel = 1; // whatever the frames say
+    image_has_alpha_channel = 1; // even when no frame has transparency
     image_is_monochrome = 0;
     image_decoded_frames = found.frames;
     image_mapping_total = found.running_time;

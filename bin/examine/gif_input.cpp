@@ -11,24 +11,24 @@ namespace {
 
 struct gif_source {
     picture_input file;
-    size_t at; // what comes next in `bytes`
-    size_t held;
-    unsigned char bytes[8192]; // a few milliseconds, at the slowest that they can be unpacked
+    size_t at;                 // next byte in `bytes`
+    size_t held;               // number of bytes in `bytes`
+    unsigned char bytes[8192]; // unpacked within a few milliseconds even at the slowest
 };
 
 gif_source source = {{-1, 0}, 0, 0, {}};
 
-// The bytes that come next in the file, or none when it ends or reading has to. For one pixel the
-// library may go through any number of them.
+// Reads the next bytes of the file. False at its end, and when reading must stop: for a single pixel
+// the library may read any number of bytes.
 bool refill()
 {
     source.at = 0;
     source.held =
-        reading_has_to_end() ? 0 : read_picture(&source.file, source.bytes, sizeof source.bytes);
+        must_stop_reading() ? 0 : read_picture(&source.file, source.bytes, sizeof source.bytes);
     return source.held != 0;
 }
 
-// The library's InputFunc: fewer bytes than it wants are the end of the file.
+// The library's InputFunc. Fewer bytes than requested mean the end of the file.
 int read_bytes(GifFileType* /*gif*/, GifByteType* to, int size)
 {
     const auto wanted = static_cast<size_t>(size);

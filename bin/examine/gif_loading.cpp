@@ -1,6 +1,6 @@
-// The library's own loader sorts the rows of interlaced frames, leaves what a cut frame lacks as it
-// found the memory, and cannot be interrupted. So the records are read here one by one and the
-// rasters row by row.
+// The library's own loader reorders the rows of interlaced frames, leaves the missing pixels of a
+// truncated frame uninitialised, and cannot be interrupted. So this unit reads the records one by one
+// and the rasters row by row.
 #include "bin/examine/gif_loading.h"
 
 #include <algorithm>
@@ -15,28 +15,28 @@
 namespace {
 
 constexpr int control_bytes = 4;
-constexpr unsigned default_delay = 10; // also for a delay that would be too short to be shown
-constexpr unsigned shortest_delay = 2;
-constexpr int longest_row = 65535;
+constexpr unsigned default_delay = 10; // also replaces a delay below min_delay
+constexpr unsigned min_delay = 2;
+constexpr int max_row_width = 65535;
 
-// About 50 us of reading; a record counts as much as so many pixels.
+// In pixels. A record counts like this many pixels; the work between two pumps takes about 50 us.
 constexpr int work_between_pumps = 16384;
 constexpr int work_of_a_record = 256;
 
-// Pixels off the screen that are read of a file, a second or two of work. No honest frame juts out
-// that far, and a few bytes hold thousands of pixels.
-constexpr uint64_t most_unseen_pixels = uint64_t{1} << 29;
+// Limit on the pixels off the screen that are read from one file, one or two seconds of work. No honest
+// file comes near it, but a few bytes can hold thousands of pixels.
+constexpr uint64_t max_unseen_pixels = uint64_t{1} << 29;
 
 struct gif_reading {
     GifFileType* gif;
     uint64_t kept_frames;
     gif_contents found;
-    int work; // since the socket was served
+    int work; // since the last pump
     uint64_t unseen_pixels;
 };
 
-// False once the process is to end.
-bool go_on(gif_reading* reading, int work)
+// Counts the work and serves the socket when it is due. False when the process has to end.
+bool may_continue(gif_reading* reading, int work)
 {
     reading->work += work;
     if (reading->work >= work_between_pumps) {
@@ -60,21 +60,16 @@ visible_part visible_part_of(const GifFileType& gif)
             std::clamp(gif.SHeight - frame.Top, 0, frame.Height)};
 }
 
-bool is_whole(const visible_part& part, const GifImageDesc& frame)
-{
-    return part.width == frame.Width && part.height == frame.Height;
-}
-
-// Where a row goes is decided before it is read, and what is not kept goes to a row of its own.
+// Where the rows go. Rows that are not kept, or not in one piece, are read into a row of their own.
 struct raster_target {
-    GifByteType* bytes; // null: nothing is kept
+    GifByteType* bytes; // null: the rows are not kept
     visible_part part;
-    bool in_file_order; // the rows are as long as the frame is wide
+    bool in_file_order; // whole rows, stored in the order in which they are read
 };
 
 int read_row(GifFileType* gif, int row, const raster_target& target)
 {
-    static GifByteType one_row[longest_row];
+    static GifByteType one_row[max_row_width];
     const GifImageDesc& frame = gif->Image;
     const auto frame_width = static_cast<size_t>(frame.Width);
     if (target.bytes != nullptr && target.in_file_order) {
@@ -94,30 +89,28 @@ int read_row(GifFileType* gif, int row, const raster_target& target)
     return result;
 }
 
-// Of a row of the frame. Of interlaced frames it doesn't matter which rows are the unseen ones.
-uint64_t unseen_in_row(int row, const visible_part& part, const GifImageDesc& frame)
-{
-    return static_cast<uint64_t>(row < part.height ? frame.Width - part.width : frame.Width);
-}
-
 int read_rows(gif_reading* reading, const raster_target& target)
 {
     const GifImageDesc frame = reading->gif->Image;
     const visible_part part = visible_part_of(*reading->gif);
     for (int row = 0; row < frame.Height; ++row) {
-        reading->unseen_pixels += unseen_in_row(row, part, frame);
-        if (reading->unseen_pixels > most_unseen_pixels ||
-            read_row(reading->gif, row, target) == GIF_ERROR || !go_on(reading, frame.Width)) {
+        // For the sum it does not matter which rows of an interlaced frame are the unseen ones.
+        const int unseen = row < part.height ? frame.Width - part.width : frame.Width;
+        reading->unseen_pixels += static_cast<uint64_t>(unseen);
+        if (reading->unseen_pixels > max_unseen_pixels ||
+            read_row(reading->gif, row, target) == GIF_ERROR ||
+            !may_continue(reading, frame.Width)) {
             return GIF_ERROR;
         }
     }
     return GIF_OK;
 }
 
-// Zeroed memory for the visible indices, released by the library. False when there is none.
+// Allocates zeroed memory for the visible pixels, which the library frees. False without memory.
 bool make_raster(SavedImage* frame, raster_target* target)
 {
-    target->in_file_order = is_whole(target->part, frame->ImageDesc);
+    target->in_file_order = target->part.width == frame->ImageDesc.Width &&
+                            target->part.height == frame->ImageDesc.Height;
     if (target->part.width == 0 || target->part.height == 0) {
         return true;
     }
@@ -140,7 +133,7 @@ bool can_be_read(const GifImageDesc& frame)
 
 // --- frames -------------------------------------------------------------------------------------
 
-// Blocks are collected in the file's record until the frame that they belong to is complete.
+// Blocks are collected in the file's record until their frame is complete.
 SavedImage take_collected_blocks(GifFileType* gif)
 {
     SavedImage blocks = {};
@@ -151,7 +144,7 @@ SavedImage take_collected_blocks(GifFileType* gif)
     return blocks;
 }
 
-// `frame` is null for a frame that is not kept.
+// `frame`: null for a frame that is not kept.
 void complete_frame(gif_reading* reading, SavedImage* frame)
 {
     SavedImage blocks = take_collected_blocks(reading->gif);
@@ -165,14 +158,14 @@ void complete_frame(gif_reading* reading, SavedImage* frame)
     }
 }
 
-// Until a frame is complete it has the default delay.
+// The frame has the default delay until it is complete.
 void count_frame(gif_reading* reading)
 {
     ++reading->found.frames;
     reading->found.running_time += default_delay;
 }
 
-int pass_over_frame(gif_reading* reading)
+int skip_frame(gif_reading* reading)
 {
     if (DGifGetImageHeader(reading->gif) == GIF_ERROR) {
         return GIF_ERROR;
@@ -204,35 +197,35 @@ int keep_frame(gif_reading* reading)
 
 // --- extensions ---------------------------------------------------------------------------------
 
-bool declares_transparency(const ExtensionBlock& block)
+bool declares_transparency(const GifByteType* block)
 {
-    return (block.Bytes[0] & 1) != 0;
+    return (block[0] & 1) != 0;
 }
 
-// A frame's control is its last block, its transparent index that of the last block with one. So at
-// most two count: one that declares transparency, then one that does not.
-void drop_outdone_blocks(GifFileType* gif, const GifByteType* newer)
+// A frame takes disposal and delay from its last block, and its transparent index from the last block
+// that has one. So at most two blocks matter: one that declares transparency, then one that does not.
+void drop_superseded_blocks(GifFileType* gif, const GifByteType* newer)
 {
-    if ((newer[0] & 1) != 0) {
+    if (declares_transparency(newer)) {
         GifFreeExtensions(&gif->ExtensionBlockCount, &gif->ExtensionBlocks);
     } else if (gif->ExtensionBlockCount > 0 &&
-               !declares_transparency(gif->ExtensionBlocks[gif->ExtensionBlockCount - 1])) {
+               !declares_transparency(gif->ExtensionBlocks[gif->ExtensionBlockCount - 1].Bytes)) {
         free(gif->ExtensionBlocks[--gif->ExtensionBlockCount].Bytes);
     }
 }
 
-// `data` is a length, then bytes.
+// `data`: a length, then that many bytes.
 int collect_block(GifFileType* gif, int code, GifByteType* data)
 {
     if (code != GRAPHICS_EXT_FUNC_CODE || data[0] < control_bytes) {
         return GIF_OK;
     }
-    drop_outdone_blocks(gif, data + 1);
+    drop_superseded_blocks(gif, data + 1);
     return GifAddExtensionBlock(&gif->ExtensionBlockCount, &gif->ExtensionBlocks, code,
                                 control_bytes, data + 1);
 }
 
-// Only an extension's first block of data can say how a frame is shown.
+// Only the first data block of an extension can be a graphic control.
 int load_extension(gif_reading* reading)
 {
     int code = 0;
@@ -243,10 +236,10 @@ int load_extension(gif_reading* reading)
     if (data != nullptr && collect_block(reading->gif, code, data) == GIF_ERROR) {
         return GIF_ERROR;
     }
-    // Kept as in the library's loader: behind an extension without any data one more block is read.
+    // As in the library's loader, one more block is read after an extension without any data.
     do {
         if (DGifGetExtensionNext(reading->gif, &data) == GIF_ERROR ||
-            !go_on(reading, work_of_a_record)) {
+            !may_continue(reading, work_of_a_record)) {
             return GIF_ERROR;
         }
     } while (data != nullptr);
@@ -258,7 +251,7 @@ int load_record(gif_reading* reading, GifRecordType kind)
     switch (kind) {
     case IMAGE_DESC_RECORD_TYPE:
         return reading->found.frames < reading->kept_frames ? keep_frame(reading)
-                                                            : pass_over_frame(reading);
+                                                            : skip_frame(reading);
     case EXTENSION_RECORD_TYPE:
         return load_extension(reading);
     default:
@@ -270,7 +263,7 @@ int load_records(gif_reading* reading)
 {
     for (;;) {
         GifRecordType kind = UNDEFINED_RECORD_TYPE;
-        if (!go_on(reading, work_of_a_record) ||
+        if (!may_continue(reading, work_of_a_record) ||
             DGifGetRecordType(reading->gif, &kind) == GIF_ERROR ||
             load_record(reading, kind) == GIF_ERROR) {
             return GIF_ERROR;
@@ -293,7 +286,7 @@ gif_frame_control read_gif_frame_control(const SavedImage& frame)
         }
         const unsigned delay = block.Bytes[1] | unsigned{block.Bytes[2]} << 8;
         control.disposal = block.Bytes[0] >> 2 & 7;
-        control.delay = delay < shortest_delay ? default_delay : delay;
+        control.delay = delay < min_delay ? default_delay : delay;
     }
     return control;
 }

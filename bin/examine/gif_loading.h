@@ -1,8 +1,8 @@
-// Reading a GIF's records into the library's list of frames.
+// Reads a GIF's records into the library's list of frames.
 //
-// What is kept of a frame is bounded: the part of its raster that lies on the screen, a colour map,
-// and two graphic-control blocks, less than 1.5 KiB beside the raster. Further frames than the frame
-// buffer could ever hold are read and counted, and nothing is kept of them.
+// The memory for a frame is bounded: the part of its raster that lies on the screen, a colour map and
+// two graphic-control blocks, less than 1.5 KiB besides the raster. Frames beyond what the frame buffer
+// could ever hold are read and counted, but not kept.
 #pragma once
 
 #include <cstdint>
@@ -15,21 +15,21 @@ struct gif_frame_control {
     unsigned delay; // 1/100 s, at least 2
 };
 
-// From the last graphic-control block of the frame; without one disposal 0 and delay 10.
+// The values of the frame's last graphic-control block; disposal 0 and delay 10 without one.
 gif_frame_control read_gif_frame_control(const SavedImage& frame);
 
 struct gif_contents {
-    uint64_t frames;       // of the file, the broken one at its end and those not kept included
+    uint64_t frames;       // of the file, including a broken last one and those not kept
     uint64_t running_time; // sum of their delays, 1/100 s
 };
 
-// Reads the records of an opened file up to its end and keeps the first `kept_frames` frames in its
-// list. GIF_OK; GIF_ERROR when a record cannot be read, when there is no frame, or when DIE4 cut
-// reading short: what was read so far then stands in the list, the broken frame included. Serves the
+// Reads the records of an open file to its end and keeps the first `kept_frames` frames in its list.
+// Returns GIF_OK, or GIF_ERROR when a record cannot be read, when there is no frame, or when DIE4
+// stopped reading; the list then holds everything read so far, including the broken frame. Serves the
 // comm socket meanwhile.
 //
-// A frame inside the screen has its raster in the order of the file. Of one that juts out the visible
-// part is kept, as a frame that is not interlaced and has that part's size. A raster that has no
-// visible part or no memory is null; what a cut frame lacks is index 0. Of the extensions the
-// graphic-control blocks are kept that say how the frame is shown.
+// A frame inside the screen keeps its raster in file order. A frame that extends beyond the screen is
+// stored as a frame of its visible part only, not interlaced. The raster is null when it has no visible
+// part, or when there is no memory for it; pixels missing from a truncated frame are index 0. Of the
+// extensions only the graphic-control blocks that determine how the frame is shown are kept.
 int load_gif(GifFileType* gif, uint64_t kept_frames, gif_contents* found);

@@ -1,6 +1,6 @@
-// What examination has found out about the picture. Written by bin/examine, read by everything
-// after it. Two later writers: the alpha test of the mipmap pyramid clears image_has_alpha_channel,
-// and the GIF decoder fills the timeline.
+// The image state: what examination finds out about the picture. Written by bin/examine, read by all
+// later stages. There are two later writers: the alpha test of the mipmap pyramid clears
+// image_has_alpha_channel, and the GIF decoder fills the timeline.
 #pragma once
 
 #include <cstdint>
@@ -33,11 +33,11 @@ extern int image_is_monochrome;     // 1: there are no U and V planes
 extern uint64_t image_decoded_frames;
 
 // Timeline of an animation: start time (1/100 s) to frame index, and the running time (at least 1).
-// Never destroyed: at the end of the process that would take as long as making it.
+// The map is never destroyed, since that would take as long at exit as filling it did.
 extern std::map<uint64_t, uint64_t>& image_mapping_points;
 extern uint64_t image_mapping_total;
 
-// Rows of a plane for formats that are held in blocks of 16 rows.
+// Rows of a plane, for formats whose planes have a multiple of 16 rows.
 inline int round_up_to_16(int rows)
 {
     return (rows + 15) & ~15;

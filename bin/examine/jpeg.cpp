@@ -16,11 +16,11 @@ static_assert(JPEG_LIB_VERSION == 90);
 
 namespace {
 
-// What the library is told for a colour space that can be shown.
+// The library settings for a colour space that can be shown.
 struct jpeg_output {
     J_COLOR_SPACE colour_space;
     boolean fancy_upsampling;
-    int monochrome; // keep_monochrome: the image state's flag stays as it is
+    int monochrome; // for the image state; keep_monochrome: unchanged
     const char* message;
 };
 
@@ -39,7 +39,7 @@ struct sampling {
     bool operator==(const sampling&) const = default;
 };
 
-// Luma factors that can be shown when both chroma components have 1x1.
+// Sampling factors of luma that can be shown when both chroma components have 1x1.
 struct subsampling {
     sampling luma;
     uint8_t x_shift;
@@ -69,7 +69,7 @@ int open_stream()
     }
     jpeg_fp = fdopen(fd, "rb");
     if (jpeg_fp == nullptr) {
-        close(fd); // no stream has taken it over
+        close(fd); // it belongs to no stream
         return refuse("fdopen() failed\n");
     }
     return 0;
@@ -92,7 +92,7 @@ int create_and_read_header()
     jpeg_decompress->err = jpeg_std_error(jpeg_error_manager);
     jpeg_should_abort = 1;
     jpeg_error_manager->error_exit = jpeg_error_exit_cbj;
-    // Armed before the decompressor exists: creating one can run out of memory, too.
+    // Armed before the decompressor exists, since creating it may run out of memory.
     if (setjmp(jpeg_error_jumpto) != 0) {
         return refuse("JPEG library panicked and attempted to exit. Decode failed\n");
     }
@@ -104,9 +104,9 @@ int create_and_read_header()
     return result < 1 ? refuse("JPEG library failed to read header\n") : 0;
 }
 
-// Newer releases of the library look at the component numbers first, and take many CMYK files for
-// YCCK. The Adobe marker alone tells the two apart.
-void settle_four_component_colour_space(jpeg_decompress_struct* cinfo)
+// Newer releases of the library look at the component ids first and take many CMYK files for YCCK.
+// Only the Adobe marker distinguishes the two.
+void correct_four_component_colour_space(jpeg_decompress_struct* cinfo)
 {
     if (cinfo->num_components == 4) {
         const bool transformed = cinfo->saw_Adobe_marker && cinfo->Adobe_transform != 0;
@@ -133,7 +133,7 @@ void report_header(const jpeg_decompress_struct& cinfo)
             colour_space_name(default_space));
 }
 
-int judge_size(const jpeg_decompress_struct& cinfo)
+int check_size(const jpeg_decompress_struct& cinfo)
 {
     if (cinfo.image_width > image_size_limit || cinfo.image_height > image_size_limit) {
         fputs("JPEG image is WAY TOO LARGE\n", stderr);
@@ -173,7 +173,7 @@ const subsampling* find_subsampling(const jpeg_decompress_struct& cinfo)
     return nullptr;
 }
 
-int judge_component_count(const jpeg_decompress_struct& cinfo)
+int check_component_count(const jpeg_decompress_struct& cinfo)
 {
     if (cinfo.jpeg_color_space == JCS_YCbCr && cinfo.num_components < 3) {
         fputs("Weird YCbCr colorspace with less than 3 components, ignoring JPEG\n", stderr);
@@ -186,7 +186,7 @@ int judge_component_count(const jpeg_decompress_struct& cinfo)
     return 0;
 }
 
-int judge_k_channel(const jpeg_decompress_struct& cinfo)
+int check_k_channel(const jpeg_decompress_struct& cinfo)
 {
     if (factors_of(cinfo, 3) != factors_of(cinfo, 0)) {
         fputs("Unsupported chroma subsampling on K channel\n", stderr);
@@ -196,11 +196,11 @@ int judge_k_channel(const jpeg_decompress_struct& cinfo)
     return 0;
 }
 
-int judge_header(jpeg_decompress_struct* cinfo)
+int check_header(jpeg_decompress_struct* cinfo)
 {
-    settle_four_component_colour_space(cinfo);
+    correct_four_component_colour_space(cinfo);
     report_header(*cinfo);
-    if (judge_size(*cinfo) != 0 || choose_jpeg_output(cinfo) != 0) {
+    if (check_size(*cinfo) != 0 || choose_jpeg_output(cinfo) != 0) {
         return -1;
     }
     report_components(*cinfo);
@@ -212,7 +212,7 @@ void publish_picture(const jpeg_decompress_struct& cinfo)
     image_has_alpha_channel = 0;
     image_width = static_cast<int>(cinfo.image_width);
     image_height = static_cast<int>(cinfo.image_height);
-    // Bands of 32 rows: the decoders rely on it.
+    // The decoders rely on a multiple of 32 rows.
     image_buffer_height = (image_height + 31) & ~31;
 }
 
@@ -244,7 +244,7 @@ int find_jpeg_chroma_shifts(const jpeg_decompress_struct& cinfo)
         image_chroma_y_shift = 0;
         return 0;
     }
-    if (judge_component_count(cinfo) != 0) {
+    if (check_component_count(cinfo) != 0) {
         return -1;
     }
     const subsampling* found = find_subsampling(cinfo);
@@ -254,7 +254,7 @@ int find_jpeg_chroma_shifts(const jpeg_decompress_struct& cinfo)
     }
     image_chroma_x_shift = found->x_shift;
     image_chroma_y_shift = found->y_shift;
-    if (cinfo.jpeg_color_space == JCS_YCCK && judge_k_channel(cinfo) != 0) {
+    if (cinfo.jpeg_color_space == JCS_YCCK && check_k_channel(cinfo) != 0) {
         return -1;
     }
     fprintf(stderr, "JPEG chroma subsample %dx%d\n", 1 << image_chroma_x_shift,
@@ -271,7 +271,7 @@ int examine_jpeg_file()
     if (open_stream() != 0 || allocate_objects() != 0 || create_and_read_header() != 0) {
         return -1;
     }
-    if (judge_header(jpeg_decompress) != 0) {
+    if (check_header(jpeg_decompress) != 0) {
         free_all_jpeg_fileio();
         return -1;
     }

@@ -1,16 +1,16 @@
-// Examination of a JPEG file: whether its picture can be shown, and how the library is to deliver
-// it (always as raw component planes at their own resolution).
+// Examination of a JPEG file: whether its picture can be shown, and how the library delivers it
+// (always as raw component planes at their own resolution).
 #pragma once
 
 #include <cstdio>
 
 #include <jpeglib.h>
 
-// Opens the picture and reads its header. 0: the picture's size, chroma shifts, alpha and
-// monochrome flags are in the image state, and the library objects of jpeg_reader.h stay open for a
-// decoder. -1: a line on standard error says why, and nothing is left open.
+// Opens the picture and reads its header. Returns 0 with the picture's size, chroma shifts, alpha and
+// monochrome flags in the image state, and with the library objects of jpeg_reader.h open for a
+// decoder. Returns -1 after a message, with everything closed.
 int examine_jpeg_file();
 
-// The steps that judge a header; each prints what it finds. 0, or -1 with the reason printed.
+// Steps of the header check; each prints what it finds. Return 0, or -1 after a message.
 int choose_jpeg_output(jpeg_decompress_struct* cinfo);
 int find_jpeg_chroma_shifts(const jpeg_decompress_struct& cinfo);

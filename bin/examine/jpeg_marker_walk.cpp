@@ -1,9 +1,9 @@
-// A marker is 0xFF and a code; most are followed by a big-endian length that counts itself. The
-// walk jumps from marker to marker with those lengths and never looks at what lies between, except
-// for the entropy-coded data behind a start of scan, which has no length and is searched for the
-// next marker.
+// A marker is 0xFF and a code; most are followed by a big-endian length that includes its own two
+// bytes. The walk uses these lengths to jump from marker to marker and ignores what lies between. The
+// entropy-coded data after a start of scan has no length, so it is searched for the next marker.
 //
-// Positions are offsets from the first byte. "At the end" means that fewer than two bytes are left.
+// Positions are offsets from the first byte. A position is at the end when at most two bytes are
+// left.
 #include "bin/examine/jpeg_marker_walk.h"
 
 #include <cstddef>
@@ -13,7 +13,7 @@ namespace {
 constexpr unsigned char start_of_image = 0xD8;
 constexpr unsigned char end_of_image = 0xD9;
 constexpr unsigned char start_of_scan = 0xDA;
-constexpr unsigned trusted_chain = 5; // more markers than these need no proper end
+constexpr unsigned convincing_chain = 5; // a chain of more markers needs no proper end
 
 struct view {
     const unsigned char* bytes;
@@ -39,8 +39,7 @@ size_t after_scan_data(const view& file, size_t position)
     return position;
 }
 
-// A length of which only a part is in view leads to the end whatever its missing bytes are: they
-// count as 0.
+// Bytes of the length that are out of view count as 0: the walk ends there in any case.
 size_t length_at(const view& file, size_t position)
 {
     const unsigned high = position < file.size ? file.bytes[position] : 0U;
@@ -48,7 +47,7 @@ size_t length_at(const view& file, size_t position)
     return high << 8 | low;
 }
 
-// Where the marker behind the one at `position` is expected; may lie past the end.
+// Where the next marker after the one at `position` is expected; may lie past the end.
 size_t next_marker(const view& file, size_t position)
 {
     const size_t body = position + 2;
@@ -72,7 +71,7 @@ bool jpeg_marker_chain_holds(const unsigned char* begin, const unsigned char* en
     size_t position = 0;
     while (position + 2 <= file.size) {
         if (file.bytes[position] != 0xFF) {
-            return markers > trusted_chain || at_end(position, file.size);
+            return markers > convincing_chain || at_end(position, file.size);
         }
         position = next_marker(file, position);
         ++markers;

@@ -1,7 +1,7 @@
-// JPEG recognition: does a chain of markers hold together?
+// Recognises a JPEG by its chain of markers.
 #pragma once
 
-// True when the markers from `begin` on follow each other up to `end`, or for more than five
-// markers. A chain that runs off the end holds: the view may be shorter than the file, and a cut
-// JPEG is a JPEG. Reads only [begin, end); any bytes and any length are allowed.
+// True when the markers follow one another from `begin` to `end`, or when there are more than five of
+// them. A chain that runs past the end counts: the view may be shorter than the file, and a truncated
+// JPEG is still a JPEG. Reads only [begin, end); any bytes and any length are allowed.
 bool jpeg_marker_chain_holds(const unsigned char* begin, const unsigned char* end);

@@ -11,8 +11,8 @@ bool jpeg_error_armed = false;
 jmp_buf jpeg_stop_jumpto;
 bool jpeg_stop_armed = false;
 
-// A jump into a function that has returned is undefined, so the trap is this flag, not a jump
-// buffer left behind.
+// Jumping into a function that has returned is undefined, so the trap is this flag and not a jump
+// buffer that stays behind.
 void setjmp_abort_unexpected()
 {
     jpeg_error_armed = false;
@@ -58,7 +58,7 @@ void jpeg_error_exit_cbj(j_common_ptr cinfo)
 
 namespace {
 
-// Each of the two library calls below has a frame of its own, live while the jump is armed.
+// Each of the next two functions keeps its frame alive while the jump is armed.
 
 bool finish_decompress()
 {
@@ -98,7 +98,7 @@ void finish_or_abort_decompress()
 
 void free_decompressor()
 {
-    // Memory that the library never made an object of is none of the library's business.
+    // Without a memory manager the library has not created the object, and must not be called with it.
     if (jpeg_decompress->mem != nullptr) {
         if (jpeg_should_abort != 0) {
             setjmp_abort_unexpected();

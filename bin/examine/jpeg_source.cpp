@@ -12,7 +12,7 @@ namespace {
 
 jpeg_source_mgr source;
 picture_input input;
-bool at_start = false; // nothing of the file has been read
+bool at_start = false; // no byte of the file has been read
 JOCTET buffer[32768];
 
 void start_source(j_decompress_ptr /*cinfo*/)
@@ -22,7 +22,7 @@ void start_source(j_decompress_ptr /*cinfo*/)
 
 boolean fill_buffer(j_decompress_ptr cinfo)
 {
-    if (reading_has_to_end()) {
+    if (must_stop_reading()) {
         leave_jpeg_library();
     }
     size_t count = read_picture(&input, buffer, sizeof buffer);

@@ -1,12 +1,13 @@
-// Where the JPEG library's bytes come from. To the library it is like its own source of a stdio
-// stream: the file's end is a warning and an end-of-image marker.
+// The data source of the JPEG library. It behaves like the library's own stdio source: the end of the
+// file gives a warning and an end-of-image marker.
 #pragma once
 
 #include <cstdio>
 
 #include <jpeglib.h>
 
-// Lets `cinfo` read the file behind `fd` from its place on; the descriptor stays the caller's. One
-// file at a time. When reading has to end, for a termination signal, the library is left: by the
-// jump for fatal errors while that is armed, else by the jump for stops, and not at all with neither.
+// Makes `cinfo` read the file behind `fd` from its current position. The descriptor remains the
+// caller's; there is one file at a time. When a termination signal stops reading, the library is left
+// through the jump for fatal errors if that is armed, else through the jump for stops; with neither
+// armed reading continues.
 void open_jpeg_source(j_decompress_ptr cinfo, int fd);

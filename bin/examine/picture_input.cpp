@@ -16,7 +16,7 @@ uint64_t place_of(const picture_input& input)
     return place < 0 ? never : static_cast<uint64_t>(place);
 }
 
-// How much of `size` lies before the place where reading failed.
+// How many of `size` bytes lie before the place of a read error.
 size_t readable(const picture_input& input, size_t size)
 {
     if (input.ends_at == never) {

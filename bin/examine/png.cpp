@@ -1,6 +1,6 @@
-// Where the library may jump: each function that calls setjmp arms the jump, calls one inner
-// function and looks at how it came back. No frame from there down holds an object with a
-// destructor, and what is read after a jump does not change after setjmp.
+// Jumps of the library: each function that calls setjmp arms the jump, calls one inner function and
+// checks how that ended. No frame from there down holds an object with a destructor, and what is read
+// after a jump does not change after setjmp.
 #include "bin/examine/png.h"
 
 #include <algorithm>
@@ -29,12 +29,12 @@ int png_filter_method = 0;
 
 namespace {
 
-constexpr const char* library_version = "1.6.37"; // every 1.6 library takes it
-constexpr png_alloc_size_t largest_chunk = 8'000'000;
-constexpr png_uint_32 most_chunks = 1000; // that are kept for the header
+constexpr const char* library_version = "1.6.37"; // every 1.6 library accepts it
+constexpr png_alloc_size_t max_chunk_size = 8'000'000;
+constexpr png_uint_32 max_chunks = 1000; // that the library keeps for the header
 
-// All that the library gets while a file is open: it needs a few rows and the largest chunk, twice.
-constexpr png_alloc_size_t most_memory = 16 << 20;
+// Limit on the library's memory for one file: a few rows and twice the largest chunk fit in.
+constexpr png_alloc_size_t max_memory = 16 << 20;
 png_alloc_size_t memory_taken = 0;
 
 int refuse(const char* message)
@@ -44,7 +44,7 @@ int refuse(const char* message)
     return -1;
 }
 
-[[noreturn]] void abort_jump(jmp_buf /*nobody*/, int /*value*/)
+[[noreturn]] void abort_jump(jmp_buf /*unused*/, int /*value*/)
 {
     fputs("Unexpected PNG setjmp after header setup\n", stderr);
     abort();
@@ -91,7 +91,7 @@ void publish_image_state()
     image_buffer_height = round_up_to_16(image_height);
     image_chroma_x_shift = 0;
     image_chroma_y_shift = 0;
-    // A palette's transparency chunk gives no alpha plane.
+    // A palette with a transparency chunk gets no alpha plane.
     image_has_alpha_channel = (png_color_type & PNG_COLOR_MASK_ALPHA) != 0 ? 1 : 0;
     image_is_monochrome = (png_color_type & ~PNG_COLOR_MASK_ALPHA) == 0 ? 1 : 0;
 }
@@ -148,13 +148,13 @@ void destroy_reader_armed()
     INVARIANT(png_context_end == nullptr, "png_context_end == __null");
 }
 
-// Before it reads a chunk the library takes and clears as many bytes as the chunk claims to have,
-// even beyond its own limit for chunks, and it keeps what it reads of each.
+// Before it reads a chunk, the library allocates and clears as many bytes as the chunk claims to have,
+// even beyond the library's own limit on chunks, and it keeps what it reads.
 png_voidp allocate_limited(png_structp /*context*/, png_alloc_size_t size)
 {
-    void* const block = size <= most_memory - memory_taken ? malloc(size) : nullptr;
+    void* const block = size <= max_memory - memory_taken ? malloc(size) : nullptr;
     const size_t taken = malloc_usable_size(block);
-    if (taken > most_memory - memory_taken) {
+    if (taken > max_memory - memory_taken) {
         free(block);
         return nullptr;
     }
@@ -162,21 +162,21 @@ png_voidp allocate_limited(png_structp /*context*/, png_alloc_size_t size)
     return block;
 }
 
-// The library's structures are older than the count, and the last to come back.
+// The library's own structures were allocated before counting began, and are released last.
 void release_counted(png_structp /*context*/, png_voidp block)
 {
     memory_taken -= std::min<png_alloc_size_t>(memory_taken, malloc_usable_size(block));
     free(block);
 }
 
-// Before a byte is read: what a hostile file may ask for.
+// Limits what a hostile file can make the library allocate. Called before the first byte is read.
 void set_limits()
 {
     memory_taken = 0;
     png_set_mem_fn(png_context, nullptr, allocate_limited, release_counted);
     png_set_user_limits(png_context, image_size_limit, image_size_limit);
-    png_set_chunk_malloc_max(png_context, largest_chunk);
-    png_set_chunk_cache_max(png_context, most_chunks);
+    png_set_chunk_malloc_max(png_context, max_chunk_size);
+    png_set_chunk_cache_max(png_context, max_chunks);
 }
 
 } // namespace

@@ -11,8 +11,8 @@
 
 namespace {
 
-// Of what may stand between the header and the image data. Critical chunks go to the library even
-// when they are not named here: it refuses the file for those that it does not know.
+// The chunks that the library needs from between the header and the image data. It also gets every
+// other critical chunk, and refuses the file if it does not know it.
 constexpr const char* wanted_chunks[] = {"PLTE"};
 
 constexpr unsigned char signature[] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
@@ -26,12 +26,12 @@ enum class part { SIGNATURE, HEADER, CHUNKS };
 
 struct png_source {
     picture_input file;
-    part expected; // what comes next when `left` is 0
-    uint64_t left; // bytes to hand on until then
-    size_t at;     // of the buffer, what comes next
+    part expected; // the part that begins when `left` is 0
+    uint64_t left; // bytes of the current part
+    size_t at;     // next byte in the buffer
     size_t held;   // bytes in the buffer
     bool was_stopped;
-    bool has_size; // below are the picture's, or stand for those of a missing header
+    bool has_size; // width and height are valid; 0 when the header is missing
     png_uint_32 width;
     png_uint_32 height;
 };
@@ -44,14 +44,13 @@ uint32_t big_endian_32(const unsigned char* bytes)
     return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
 }
 
-// Brings at least `size` bytes into the buffer. False when the file has fewer, or reading has to
-// end.
-bool hold(size_t size)
+// Fills the buffer to at least `size` bytes. False when the file has fewer, or reading must stop.
+bool fill_to(size_t size)
 {
     if (source.held - source.at >= size) {
         return true;
     }
-    source.was_stopped = source.was_stopped || reading_has_to_end();
+    source.was_stopped = source.was_stopped || must_stop_reading();
     if (source.was_stopped) {
         return false;
     }
@@ -62,7 +61,7 @@ bool hold(size_t size)
     return source.held >= size;
 }
 
-void pass_over(uint64_t size)
+void skip(uint64_t size)
 {
     const uint64_t held = source.held - source.at;
     source.at += std::min(size, held);
@@ -81,40 +80,41 @@ bool is_letter(unsigned char c)
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-// An ancillary chunk begins with a small letter. What is no chunk at all is the library's to judge.
+// The name of an ancillary chunk begins with a small letter. Invalid chunks go to the library, which
+// refuses them.
 bool is_wanted(const unsigned char* name, uint32_t length)
 {
-    const bool is_sound = std::all_of(name, name + name_bytes, is_letter) && length <= INT32_MAX;
+    const bool is_valid = std::all_of(name, name + name_bytes, is_letter) && length <= INT32_MAX;
     const bool is_ancillary = name[0] >= 'a';
-    return !is_sound || !is_ancillary ||
+    return !is_valid || !is_ancillary ||
            std::any_of(std::begin(wanted_chunks), std::end(wanted_chunks),
                        [name](const char* wanted) { return is_named(name, wanted); });
 }
 
-void note_header(uint32_t length)
+void take_size(uint32_t length)
 {
-    source.has_size = length == header_bytes && hold(head_bytes + 8);
+    source.has_size = length == header_bytes && fill_to(head_bytes + 8);
     if (source.has_size) {
         source.width = big_endian_32(buffer + source.at + head_bytes);
         source.height = big_endian_32(buffer + source.at + head_bytes + 4);
     }
 }
 
-// The file's first chunk, and what follows until the header: the library judges all of it.
+// The chunks up to and including the header. The library gets, and checks, all of them.
 void begin_header(const unsigned char* name, uint32_t length)
 {
     if (is_named(name, "IHDR")) {
         source.expected = part::CHUNKS;
-        note_header(length);
+        take_size(length);
     } else {
         source.has_size = true;
     }
 }
 
-// Goes over unwanted chunks to the next that is handed on, in full with its head and checksum.
+// Skips unwanted chunks. The next chunk is passed on whole, with its head and checksum.
 void begin_chunk()
 {
-    while (hold(head_bytes)) {
+    while (fill_to(head_bytes)) {
         const uint32_t length = big_endian_32(buffer + source.at);
         const unsigned char* const name = buffer + source.at + head_bytes - name_bytes;
         source.left = head_bytes + uint64_t{length} + checksum_bytes;
@@ -128,7 +128,7 @@ void begin_chunk()
         if (is_wanted(name, length)) {
             return;
         }
-        pass_over(source.left);
+        skip(source.left);
     }
     source.left = to_the_end;
 }
@@ -143,8 +143,7 @@ void begin_part()
     }
 }
 
-// The library may jump out of its own functions that are called here, and no object with a
-// destructor is in the way.
+// The library functions called here may jump, so no frame holds an object with a destructor.
 void read_png(png_structp context, png_bytep to, size_t size)
 {
     size_t done = 0;
@@ -152,7 +151,7 @@ void read_png(png_structp context, png_bytep to, size_t size)
         if (source.left == 0) {
             begin_part();
         }
-        hold(1);
+        fill_to(1);
         const size_t ready = std::min<uint64_t>(source.held - source.at, source.left);
         const size_t count = std::min(ready, size - done);
         if (source.was_stopped) {

@@ -7,7 +7,7 @@
 namespace {
 
 bool is_decoding = false;
-uint64_t signal_seen_us = 0; // when DIE4 was met in here first; 0: never
+uint64_t signal_seen_us = 0; // when this unit first saw DIE4; 0: not yet
 
 bool decoder_is_late()
 {
@@ -15,7 +15,7 @@ bool decoder_is_late()
     if (signal_seen_us == 0) {
         signal_seen_us = now_us;
     }
-    return now_us - signal_seen_us >= decoder_notices_signal_within_us;
+    return now_us - signal_seen_us >= max_decoder_delay_us;
 }
 
 } // namespace
@@ -33,7 +33,7 @@ void watch_decoding()
     signal_seen_us = 0;
 }
 
-bool reading_has_to_end()
+bool must_stop_reading()
 {
     quickidle_when_due();
     return DIE4 != 0 && (!is_decoding || decoder_is_late());

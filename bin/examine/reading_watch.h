@@ -1,18 +1,19 @@
-// The rest of the process, seen from the inside of a codec that reads its file: a single call into
-// a library may go through gigabytes.
+// Serves clients and polls for termination while a codec reads its file: a single library call may
+// read gigabytes.
 //
-// Clients are served all the time. While a picture is examined a termination signal ends reading at
-// once. From the first row on it is left to the decoder, which looks for it between its rows and
-// keeps what it has drawn; reading ends only when the decoder does not get there.
+// During examination a termination signal stops reading at once. During decoding the decoder polls for
+// the signal between its rows and keeps the rows it has drawn, so reading is stopped only when the
+// decoder does not get to its next poll in time.
 #pragma once
 
 #include <cstdint>
 
-inline constexpr uint64_t decoder_notices_signal_within_us = 30'000;
+inline constexpr uint64_t max_decoder_delay_us = 30'000; // from the signal to the decoder's poll
 
-void watch_examination(); // called before the first byte of a picture is read
-void watch_decoding();    // called when the picture is examined
+void watch_examination(); // call before the first byte of a picture is read
+void watch_decoding();    // call when examination has succeeded
 
-// Called for each few kilobytes of a file. True when the codec shall be left. Costs a look at the
-// clock, as clients are served every half millisecond at most. Never called by what serves them.
-bool reading_has_to_end();
+// Call for every few kilobytes of a file, but never while clients are being served. True when the
+// codec must be left. Serves clients at most every half millisecond, so it usually costs one reading
+// of the clock.
+bool must_stop_reading();

@@ -1,4 +1,4 @@
-// What is read and what is accepted are two tables: one row a tag, one row a colour model.
+// Two tables: the tags that are read, and the colour models that are accepted.
 #include "bin/examine/tiff.h"
 
 #include <cstdio>
@@ -51,7 +51,7 @@ struct colour_model {
     uint32_t min_samples;
     const char* too_few_samples;
     int is_monochrome;
-    uint32_t colour_samples; // a sample beyond these is alpha
+    uint32_t colour_samples; // a further sample is alpha
 };
 
 constexpr const char* too_few_for_rgb = "RGB format requires at least 3 channels\n";
@@ -115,8 +115,9 @@ int read_tags()
 int read_strip_geometry()
 {
     uint16_t planar = 0;
-    // Kept as is: a failed query leaves the 0, so separate planes are in effect accepted.
-    if (TIFFGetField(tiff_image, TIFFTAG_PLANARCONFIG, &planar) == 0 && planar == PLANARCONFIG_SEPARATE) {
+    // Intended: a query that fails leaves 0, so separate planes are in effect accepted.
+    if (TIFFGetField(tiff_image, TIFFTAG_PLANARCONFIG, &planar) == 0 &&
+        planar == PLANARCONFIG_SEPARATE) {
         return refuse("TIFF must not be planar\n");
     }
     tiff_bytes_per_row = static_cast<uint32_t>(TIFFScanlineSize(tiff_image));
@@ -165,7 +166,7 @@ void publish_size()
     image_chroma_y_shift = 0;
 }
 
-// Null for a model that is not served.
+// Null for a model that cannot be served.
 const colour_model* find_colour_model()
 {
     if (tiff_photometric == PHOTOMETRIC_SEPARATED && tiff_inkset != INKSET_CMYK) {

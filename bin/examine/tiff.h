@@ -1,4 +1,4 @@
-// TIFF: opening the picture with libtiff, the tags that decoding needs, and the handle's clean-up.
+// TIFF: opens the picture with libtiff, reads the tags that decoding needs, and closes it.
 #pragma once
 
 #include <cstdint>
@@ -7,9 +7,9 @@
 
 extern TIFF* tiff_image; // the open picture, or null; written by this unit
 
-// Tag values and strip geometry. Written by this unit; an optional tag that is absent reads 0. The
-// geometry is kept in 32 bits for the report and the refusals: nothing may be sized from it without
-// asking the library for the 64-bit value.
+// Tag values and strip geometry. Written by this unit; an optional tag that is absent gives 0. The
+// geometry has 32 bits, enough for the report and the checks. Never size memory from it: use the
+// library's 64-bit values.
 extern uint32_t tiff_bps; // bits per sample
 extern uint32_t tiff_orientation;
 extern uint32_t tiff_spp; // samples per pixel
@@ -23,12 +23,12 @@ extern uint32_t tiff_bytes_per_row;
 extern uint32_t tiff_stripsize; // bytes
 extern uint32_t tiff_strips;
 
-// 0 with the handle open and the image state set; 1 with everything closed and a message printed.
-// When a picture is open already: a message, 1, and nothing touched.
+// Returns 0 with the picture open and the image state set; 1 with everything closed, after a message.
+// When a picture is open already, prints a message, changes nothing and returns 1.
 int examine_tiff_file();
 
-// Closes the handle and zeroes the tag values but the size, the orientation and the ink set. May be
-// called at any time and twice.
+// Closes the picture, if open, and zeroes the tag values except size, orientation and ink set. May run
+// twice.
 void free_all_tiff();
 
-void reset_tiff(); // closes, and goes back to the values at program start
+void reset_tiff(); // closes the picture and restores the values at program start

@@ -9,17 +9,17 @@
 
 namespace {
 
-constexpr size_t text_size = 1024; // with the module's name; longer ones are cut
+constexpr size_t text_size = 1024; // including the module's name; longer texts are truncated
 constexpr size_t line_size = text_size + sizeof "TIFF WARNING: \n";
-constexpr size_t most_noted = 4; // opening a strip hardly ever gives more than one
+constexpr size_t max_noted = 4; // opening a strip rarely gives more than one
 
-// Plain arrays: the library may leave the functions that call this with a jump.
+// Plain arrays, since the library may jump over the functions that use them.
 struct message_state {
     tiff_message_fate fate;
     unsigned counted;
-    char noted[most_noted][line_size];
+    char noted[max_noted][line_size];
     size_t notes;
-    size_t seen_again; // of the notes, from the first
+    size_t seen_again; // how many of the notes have come again
 };
 
 message_state state;
@@ -35,7 +35,7 @@ void without_control_characters(char* text)
 
 void note(const char* line)
 {
-    if (state.notes < most_noted) {
+    if (state.notes < max_noted) {
         strcpy(state.noted[state.notes], line); // lines are shorter than line_size
         ++state.notes;
     }
@@ -71,7 +71,7 @@ bool is_printed(const char* line)
     return true;
 }
 
-// The library puts the file's name in, which may hold any byte.
+// Messages contain the name of the file, which may hold any byte.
 [[gnu::format(printf, 3, 0)]] void print_library_message(const char* kind, const char* module,
                                                          const char* format, va_list arguments)
 {

@@ -1,20 +1,21 @@
-// Where libtiff's messages go: to standard error, one line each. A caller that tries something out
-// and may have to do it again in another way decides which of them are seen.
+// Prints libtiff's messages on standard error, one line each. A caller that may have to repeat an
+// operation in another way can choose which of its messages are printed.
 #pragma once
 
 enum tiff_message_fate : int {
     TIFF_MESSAGES_PRINTED,
     TIFF_MESSAGES_NOTED,     // printed, and the first few are remembered
-    TIFF_MESSAGES_COUNTED,   // not printed
-    TIFF_MESSAGES_NOT_AGAIN, // printed, but for those that were noted and come again, in their order
-    TIFF_MESSAGES_DROPPED,   // not printed, until install_tiff_messages()
+    TIFF_MESSAGES_COUNTED,   // counted, not printed
+    TIFF_MESSAGES_NOT_AGAIN, // printed, except repetitions of the remembered ones in their order
+    TIFF_MESSAGES_DROPPED,   // not printed until the next install_tiff_messages()
 };
 
-// Makes the library use this unit; messages are printed from now on.
+// Installs this unit's handlers in the library. From now on messages are printed.
 void install_tiff_messages();
 
-// What happens to the messages from now on. Noting and counting start anew.
+// Sets what happens to the messages from now on. Clears the remembered messages or the count when it
+// starts to remember or to count.
 void set_tiff_message_fate(tiff_message_fate fate);
 
-// How many there were since counting started.
+// The number of messages since counting started.
 unsigned counted_tiff_messages();

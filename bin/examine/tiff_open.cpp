@@ -17,19 +17,19 @@ namespace {
 
 // --- the file as the library reads it -------------------------------------------------------------
 
-// The values of a directory's tags may overlap, and the library copies them for each tag: a megabyte
-// that thousands of tags point to would become gigabytes. Honest files are read once at most while
-// they are opened, old-style JPEG twice; tags that ask for more are not worth their memory.
+// The values of a directory's tags may overlap in the file, and the library copies them for each tag:
+// one megabyte that thousands of tags point to would become gigabytes. So the bytes read while a file
+// is opened are limited. An honest file is read once at most, one with old-style JPEG twice.
 struct tiff_file {
     picture_input input;
     bool is_opening;
-    uint64_t allowance; // bytes that may be read while the file is opened
-    bool asked_too_much;
-    uint64_t since_poll; // bytes read since clients and signals were looked after
+    uint64_t allowance; // bytes that may still be read while the file is opened
+    bool is_over_allowance;
+    uint64_t since_poll; // bytes read since clients were served and DIE4 was polled
     bool is_stopped;     // by a signal
 };
 
-constexpr uint64_t read_at_once = uint64_t{4} << 20; // some milliseconds
+constexpr uint64_t max_read = uint64_t{4} << 20; // bytes; takes some milliseconds
 
 uint64_t size_of(int fd)
 {
@@ -54,16 +54,16 @@ bool is_allowed(tiff_file* file, uint64_t bytes)
     if (!file->is_opening) {
         return true;
     }
-    file->asked_too_much = file->asked_too_much || bytes > file->allowance;
-    file->allowance -= file->asked_too_much ? 0 : bytes;
-    return !file->asked_too_much;
+    file->is_over_allowance = file->is_over_allowance || bytes > file->allowance;
+    file->allowance -= file->is_over_allowance ? 0 : bytes;
+    return !file->is_over_allowance;
 }
 
-// Serves clients. False when a signal asked the process to end. What the library says of that is nobody's
-// concern. Small reads of an open file go on, so that a strip that has been begun is drawn.
+// Serves clients. False when a signal asked the process to end; the library's messages about that are
+// dropped. Small reads of an open file continue, so that a strip already begun is drawn.
 bool may_read(tiff_file* file)
 {
-    if (!file->is_opening && file->since_poll < read_at_once) {
+    if (!file->is_opening && file->since_poll < max_read) {
         return true;
     }
     file->since_poll = 0;
@@ -76,8 +76,8 @@ bool may_read(tiff_file* file)
     return false;
 }
 
-// A file that is being opened ends where reading was stopped. Later the library is made to believe that
-// it has everything: it would clear what is missing of a strip, which takes longer than reading it.
+// While the file is opened, it ends where reading was stopped. Later every read appears to be complete:
+// the library would clear the missing part of a strip, which takes longer than reading it.
 uint64_t bytes_after_stop(const tiff_file& file, unsigned char* to, uint64_t done, uint64_t wanted)
 {
     constexpr uint64_t any_header = 4096;
@@ -99,7 +99,7 @@ tmsize_t read_file(thandle_t handle, void* to, tmsize_t size)
             done = bytes_after_stop(*file, bytes, done, wanted);
             break;
         }
-        const uint64_t some = std::min(wanted - done, read_at_once);
+        const uint64_t some = std::min(wanted - done, max_read);
         const uint64_t got = read_picture(&file->input, bytes + done, some);
         done += got;
         file->since_poll += got;
@@ -139,8 +139,8 @@ constexpr const char* open_mode = "rm"; // "m": not mapped
 
 #if TIFFLIB_VERSION >= 20221213
 
-// Bytes of the largest single block that the library may take: a strip of the largest picture.
-constexpr tmsize_t largest_allocation = tmsize_t{image_size_limit} * image_size_limit * 8;
+// Limit on a single allocation of the library, in bytes: a strip of the largest picture.
+constexpr tmsize_t max_allocation = tmsize_t{image_size_limit} * image_size_limit * 8;
 
 TIFF* open_limited(tiff_file* file, const char* name)
 {
@@ -148,7 +148,7 @@ TIFF* open_limited(tiff_file* file, const char* name)
     if (options == nullptr) {
         return nullptr;
     }
-    TIFFOpenOptionsSetMaxSingleMemAlloc(options, largest_allocation);
+    TIFFOpenOptionsSetMaxSingleMemAlloc(options, max_allocation);
     TIFF* image = TIFFClientOpenExt(name, open_mode, file, read_file, write_nothing, seek_in_file,
                                     close_file, file_size, nullptr, nullptr, options);
     TIFFOpenOptionsFree(options);
@@ -165,17 +165,17 @@ TIFF* open_limited(tiff_file* file, const char* name)
 
 #endif
 
-// As open_limited, but null also for a directory whose values are a multiple of the file.
-TIFF* open_frugal(tiff_file* file, const char* name)
+// Like open_limited, but returns null for a directory whose values exceed the allowance.
+TIFF* open_within_allowance(tiff_file* file, const char* name)
 {
     TIFF* image = open_limited(file, name);
     file->is_opening = false;
-    if (!file->asked_too_much) {
+    if (!file->is_over_allowance) {
         return image;
     }
     TIFFErrorExt(nullptr, name, "%s", "Its tags want more bytes than the file holds");
     if (image != nullptr) {
-        TIFFCleanup(image); // leaves `file` alone
+        TIFFCleanup(image); // does not close `file`
     }
     return nullptr;
 }
@@ -188,10 +188,10 @@ TIFF* open_tiff(int fd, const char* name)
     start_quickidle_clock();
     auto* file = new (std::nothrow)
         tiff_file{open_picture_input(fd), true, opening_allowance(fd), false, 0, false};
-    TIFF* image = file != nullptr ? open_frugal(file, name) : nullptr;
+    TIFF* image = file != nullptr ? open_within_allowance(file, name) : nullptr;
     if (image == nullptr) {
         delete file;
-        close(fd); // the library keeps it only when it succeeds
+        close(fd); // the library closes it only after success
     }
     return image;
 }

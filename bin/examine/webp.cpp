@@ -16,8 +16,8 @@ bool webp_deccfg_init = false;
 
 namespace {
 
-constexpr off_t smallest_file = 16;
-constexpr off_t largest_file = 0xFFFFFF;
+constexpr off_t min_file_size = 16;
+constexpr off_t max_file_size = 0xFFFFFF;
 
 int refuse(const char* message)
 {
@@ -26,20 +26,14 @@ int refuse(const char* message)
     return 1;
 }
 
-bool read_whole(int fd, uint8_t* bytes, uint64_t size)
-{
-    picture_input input = open_picture_input(fd);
-    return read_picture(&input, bytes, size) == size;
-}
-
-// Fills webp_image. 0 or the result of refuse(); the descriptor stays open.
+// Fills webp_image. Returns 0 or the result of refuse(); the descriptor stays open.
 int load_file(int fd)
 {
     const off_t size = lseek(fd, 0, SEEK_END); // -1 is too small as well
-    if (size < smallest_file) {
+    if (size < min_file_size) {
         return refuse("WebP file too small\n");
     }
-    if (size > largest_file) {
+    if (size > max_file_size) {
         return refuse("WebP file too large\n");
     }
     webp_size = static_cast<uint64_t>(size);
@@ -47,7 +41,8 @@ int load_file(int fd)
     if (webp_image == nullptr) {
         return refuse("Cannot alloc memory for WebP\n");
     }
-    if (lseek(fd, 0, SEEK_SET) != 0 || !read_whole(fd, webp_image, webp_size)) {
+    picture_input input = open_picture_input(fd);
+    if (lseek(fd, 0, SEEK_SET) != 0 || read_picture(&input, webp_image, webp_size) != webp_size) {
         return refuse("Failed to read WebP\n");
     }
     return 0;
@@ -78,7 +73,7 @@ void publish_image_state()
     image_chroma_y_shift = 1;
     image_has_alpha_channel = webp_bf_features.has_alpha != 0 ? 1 : 0;
     image_is_monochrome = 0;
-    image_decoded_frames = 1; // an animation is not played
+    image_decoded_frames = 1; // animations are shown as a still
 }
 
 } // namespace

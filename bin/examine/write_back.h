@@ -1,9 +1,9 @@
-// After examination: telling its result, and writing the metadata back.
+// After examination: prints its result and writes the metadata back.
 #pragma once
 
 void print_examination_result(); // the item's settings, then the picture's size
 
-// Gives the item its duration and number of streams, hands the entries to the status document,
-// writes the metadata when something is new and it may be written, and closes the list. A failing
-// write is reported and not fatal.
+// Sets the item's duration and number of streams, copies the entries to the status document, writes
+// the metadata if it has changed and may be written, and closes the list. A write that fails is
+// reported and is not fatal.
 void write_metadata_back();

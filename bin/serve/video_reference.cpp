@@ -11,16 +11,16 @@
 
 namespace {
 
-constexpr double least_coverage = 0.75;
+constexpr double min_coverage = 0.75;
 
 bool covers(int32_t width, int32_t height, const mipmap_image& picture)
 {
-    // NaN, from one negative size, covers nothing.
+    // One negative size gives NaN, which covers nothing.
     return std::sqrt((static_cast<double>(width) / picture.width) *
-                     (static_cast<double>(height) / picture.height)) >= least_coverage;
+                     (static_cast<double>(height) / picture.height)) >= min_coverage;
 }
 
-// Null for a frame past the last one.
+// Null for an index past the last frame.
 const mipmap_image* further_frame(const std::vector<mipmap_image>& frames, uint64_t index)
 {
     return index <= frames.size() ? &frames[index - 1] : nullptr;
@@ -47,7 +47,7 @@ vexa_video_frame* describe(const mipmap_image& picture, uint64_t index)
     frame->scanline_list = {picture.scanline_data_offset, picture.scanline_data_size};
     frame->scanline_area = frame->scanline_list;
     frame->frame_number = index + 1;
-    // Always the full size; a level's own size stands in its scanline list.
+    // Always the full size. The scanline list of a level has the level's own size.
     frame->width = image_width;
     frame->height = image_height;
     frame->aspect_ratio = vexa_aspect_ratio;

@@ -248,7 +248,7 @@ TEST_F(DecodePngAdam7Damage, StopInTheLibraryIsAStopInItsPass)
     }
     file.insert(file.end(), whole.begin() + data, whole.end());
     open(file, 90, true);
-    scripted::plan.clock_step_us = decoder_notices_signal_within_us;
+    scripted::plan.clock_step_us = max_decoder_delay_us;
     failing_calls::plan.on_read = [] { DIE4 = 1; };
     EXPECT_EQ(decode(), 0);
     EXPECT_THAT(told, testing::Not(testing::HasSubstr("aborting")));

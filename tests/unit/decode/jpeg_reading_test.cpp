@@ -56,7 +56,7 @@ protected:
     // The same, and the decoder is too late to see the signal.
     void signal_in_reading(int number)
     {
-        scripted::plan.clock_step_us = decoder_notices_signal_within_us;
+        scripted::plan.clock_step_us = max_decoder_delay_us;
         in_reading(number, [] { DIE4 = 1; });
     }
 

@@ -77,7 +77,7 @@ TEST_F(PngReading, DecoderThatDoesNotGetToTheSignalIsLeft)
 {
     const bytes file = write_png(random_picture(16, 128, 6, 8));
     open(with_empty_chunks(file, 100'000), 90); // 1.2 MB
-    scripted::plan.clock_step_us = decoder_notices_signal_within_us / 4;
+    scripted::plan.clock_step_us = max_decoder_delay_us / 4;
     in_reading(5, [] { DIE4 = 1; });
     EXPECT_EQ(decode(), 0);
     EXPECT_GE(readings, 6);

@@ -22,14 +22,14 @@ using platform::present_piece;
 
 namespace {
 
-class access_cache : public cnb_test::cnb {
+class AccessCache : public cnb_test::cnb {
 protected:
-    access_cache() : cache(vexa_global_access_cache_create())
+    AccessCache() : cache(vexa_global_access_cache_create())
     {
         cnb_set_domain("default", uint64_t{1} << 30);
     }
 
-    ~access_cache() override
+    ~AccessCache() override
     {
         cnb_alloc_freeall();
         platform::free_access_cache(cache);
@@ -73,7 +73,7 @@ protected:
     cnb_allocation image;
 };
 
-TEST_F(access_cache, RangeInsideTheBufferIsAPointerIntoTheMapping)
+TEST_F(AccessCache, RangeInsideTheBufferIsAPointerIntoTheMapping)
 {
     load(10'001);
     EXPECT_EQ(fetch(0, 10'001), default_mapping.base);
@@ -81,7 +81,7 @@ TEST_F(access_cache, RangeInsideTheBufferIsAPointerIntoTheMapping)
     EXPECT_EQ(fetch(10'000, 1, access_write), default_mapping.base + 10'000);
 }
 
-TEST_F(access_cache, EmptyRangeIsInsideUpToTheEnd)
+TEST_F(AccessCache, EmptyRangeIsInsideUpToTheEnd)
 {
     load(10'001);
     EXPECT_EQ(fetch(0, 0, access_write), default_mapping.base);
@@ -90,7 +90,7 @@ TEST_F(access_cache, EmptyRangeIsInsideUpToTheEnd)
     EXPECT_EQ(failing.populated_pieces, 0);
 }
 
-TEST_F(access_cache, RangePastTheEndIsNull)
+TEST_F(AccessCache, RangePastTheEndIsNull)
 {
     load(10'001);
     errno = 0;
@@ -100,7 +100,7 @@ TEST_F(access_cache, RangePastTheEndIsNull)
     EXPECT_EQ(fetch(10'000, 2), nullptr);
 }
 
-TEST_F(access_cache, RangeThatWraps64BitsIsNull)
+TEST_F(AccessCache, RangeThatWraps64BitsIsNull)
 {
     load(10'001);
     EXPECT_EQ(fetch(UINT64_MAX, 1), nullptr);
@@ -110,7 +110,7 @@ TEST_F(access_cache, RangeThatWraps64BitsIsNull)
     EXPECT_EQ(fetch(UINT64_MAX - 5000, 10'000), nullptr);
 }
 
-TEST_F(access_cache, AnotherBufferIsNull)
+TEST_F(AccessCache, AnotherBufferIsNull)
 {
     load(10'001);
     EXPECT_EQ(vexa_global_access_cache_quickfetch(cache, image_cnb_buffer + 1, 0, 1, access_read),
@@ -118,7 +118,7 @@ TEST_F(access_cache, AnotherBufferIsNull)
     EXPECT_EQ(vexa_global_access_cache_quickfetch(cache, 0, 0, 1, access_read), nullptr);
 }
 
-TEST_F(access_cache, WithoutABufferEverythingIsNull)
+TEST_F(AccessCache, WithoutABufferEverythingIsNull)
 {
     EXPECT_EQ(vexa_global_access_cache_quickfetch(cache, 0, 0, 0, access_read), nullptr);
     EXPECT_EQ(vexa_global_access_cache_quickfetch(cache, 0, 0, 0, access_write), nullptr);
@@ -131,7 +131,7 @@ TEST_F(access_cache, WithoutABufferEverythingIsNull)
     EXPECT_EQ(vexa_global_access_cache_quickfetch(cache, number, 0, 1, access_read), nullptr);
 }
 
-TEST_F(access_cache, WithoutACacheRangesAreStillFound)
+TEST_F(AccessCache, WithoutACacheRangesAreStillFound)
 {
     load(1000);
     EXPECT_EQ(vexa_global_access_cache_quickfetch(nullptr, image_cnb_buffer, 7, 1, access_write),
@@ -140,7 +140,7 @@ TEST_F(access_cache, WithoutACacheRangesAreStillFound)
     platform::free_access_cache(nullptr);
 }
 
-TEST_F(access_cache, GetTellsTheBytesUpToTheEndOfTheBuffer)
+TEST_F(AccessCache, GetTellsTheBytesUpToTheEndOfTheBuffer)
 {
     load(10'001);
     unsigned char* data = nullptr;
@@ -152,7 +152,7 @@ TEST_F(access_cache, GetTellsTheBytesUpToTheEndOfTheBuffer)
     EXPECT_EQ(aux, 5001U);
 }
 
-TEST_F(access_cache, GetOutsideOfTheBufferIsNoSuccess)
+TEST_F(AccessCache, GetOutsideOfTheBufferIsNoSuccess)
 {
     load(10'001);
     unsigned char* data = nullptr;
@@ -164,7 +164,7 @@ TEST_F(access_cache, GetOutsideOfTheBufferIsNoSuccess)
     EXPECT_EQ(aux, 77U);
 }
 
-TEST_F(access_cache, CleaningNeverTouchesALoadedBuffer)
+TEST_F(AccessCache, CleaningNeverTouchesALoadedBuffer)
 {
     load(10'001);
     unsigned char* bytes = fetch(100, 50, access_write);
@@ -175,7 +175,7 @@ TEST_F(access_cache, CleaningNeverTouchesALoadedBuffer)
     EXPECT_EQ(bytes[0], 42);
 }
 
-TEST_F(access_cache, RequestsWithoutNumberKeepOneMapping)
+TEST_F(AccessCache, RequestsWithoutNumberKeepOneMapping)
 {
     load(4'000'000);
     fetch(0, 1000, access_write);
@@ -187,7 +187,7 @@ TEST_F(access_cache, RequestsWithoutNumberKeepOneMapping)
     EXPECT_EQ(mappings_of_process(), before);
 }
 
-TEST_F(access_cache, WriterFindsItsPagesPresent)
+TEST_F(AccessCache, WriterFindsItsPagesPresent)
 {
     load(8 * present_piece);
     ASSERT_FALSE(mapped_in_process(2 * present_piece));
@@ -201,14 +201,14 @@ TEST_F(access_cache, WriterFindsItsPagesPresent)
     EXPECT_FALSE(mapped_in_process(3 * present_piece));
 }
 
-TEST_F(access_cache, ReaderMakesNothingPresent)
+TEST_F(AccessCache, ReaderMakesNothingPresent)
 {
     load(4 * present_piece);
     fetch(0, 4 * present_piece, access_read);
     EXPECT_EQ(failing.populated_pieces, 0);
 }
 
-TEST_F(access_cache, EachPieceIsAskedForOnce)
+TEST_F(AccessCache, EachPieceIsAskedForOnce)
 {
     load(4 * present_piece + 5);
     for (uint64_t offset = 0; offset < 4 * present_piece; offset += 4096) {
@@ -220,7 +220,7 @@ TEST_F(access_cache, EachPieceIsAskedForOnce)
     EXPECT_EQ(failing.largest_populated, present_piece);
 }
 
-TEST_F(access_cache, PiecesBetweenPresentOnesAreFilledIn)
+TEST_F(AccessCache, PiecesBetweenPresentOnesAreFilledIn)
 {
     load(8 * present_piece);
     fetch(1 * present_piece, 1, access_write);
@@ -233,7 +233,7 @@ TEST_F(access_cache, PiecesBetweenPresentOnesAreFilledIn)
     EXPECT_EQ(failing.populated_pieces, 6);
 }
 
-TEST_F(access_cache, HugeRangeIsMadePresentInPart)
+TEST_F(AccessCache, HugeRangeIsMadePresentInPart)
 {
     load(present_at_once + 4 * present_piece);
     fetch(0, present_at_once + 4 * present_piece, access_write);
@@ -242,7 +242,7 @@ TEST_F(access_cache, HugeRangeIsMadePresentInPart)
     EXPECT_EQ(failing.populated_bytes, present_at_once + present_piece);
 }
 
-TEST_F(access_cache, AnotherBufferIsMadePresentAnew)
+TEST_F(AccessCache, AnotherBufferIsMadePresentAnew)
 {
     load(present_piece);
     fetch(0, 1, access_write);
@@ -257,7 +257,7 @@ TEST_F(access_cache, AnotherBufferIsMadePresentAnew)
     EXPECT_EQ(failing.populated_pieces, 3);
 }
 
-TEST_F(access_cache, KernelWithoutTheCallIsAskedOnce)
+TEST_F(AccessCache, KernelWithoutTheCallIsAskedOnce)
 {
     failing.advise_errno = EINVAL;
     load(4 * present_piece);
@@ -270,7 +270,7 @@ TEST_F(access_cache, KernelWithoutTheCallIsAskedOnce)
     EXPECT_EQ(failing.populated_pieces, 1);
 }
 
-TEST_F(access_cache, InterruptedCallDoesNotEndThePieces)
+TEST_F(AccessCache, InterruptedCallDoesNotEndThePieces)
 {
     failing.advise_errno = EINTR;
     load(4 * present_piece);

@@ -12,9 +12,9 @@ namespace {
 
 constexpr uint64_t size_of_buffer = 10'000;
 
-class allocations : public cnb_test::cnb {
+class Allocations : public cnb_test::cnb {
 protected:
-    allocations()
+    Allocations()
     {
         cnb_set_domain("default", 1'000'000);
         cnb_total = size_of_buffer;
@@ -23,7 +23,7 @@ protected:
         cnb_alloc_init();
     }
 
-    ~allocations() override { cnb_alloc_freeall(); } // before the records go
+    ~Allocations() override { cnb_alloc_freeall(); } // before the records go
 
     static std::string remaining()
     {
@@ -53,7 +53,7 @@ protected:
     cnb_allocation third;
 };
 
-TEST_F(allocations, StaticAllocationBeginsAtOffset0)
+TEST_F(Allocations, StaticAllocationBeginsAtOffset0)
 {
     ASSERT_TRUE(cnb_malloc(&image, size_of_buffer, "Image"));
     EXPECT_EQ(image.buffer, image_cnb_buffer);
@@ -62,7 +62,7 @@ TEST_F(allocations, StaticAllocationBeginsAtOffset0)
     EXPECT_STREQ(image.name, "Image");
 }
 
-TEST_F(allocations, OneByteMoreThanTheBufferIsRefused)
+TEST_F(Allocations, OneByteMoreThanTheBufferIsRefused)
 {
     expect_refusal(&image, size_of_buffer + 1, "the buffer has no room for it");
     EXPECT_TRUE(is_empty(image));
@@ -70,7 +70,7 @@ TEST_F(allocations, OneByteMoreThanTheBufferIsRefused)
     expect_refusal(&image, 0, "the buffer has no room for it");
 }
 
-TEST_F(allocations, StaticBufferHoldsOneAllocation)
+TEST_F(Allocations, StaticBufferHoldsOneAllocation)
 {
     ASSERT_TRUE(cnb_malloc(&image, 100, "Image"));
     expect_refusal(&second, 100, "the buffer has no room for it");
@@ -78,7 +78,7 @@ TEST_F(allocations, StaticBufferHoldsOneAllocation)
     EXPECT_TRUE(cnb_malloc(&second, 100, "Image"));
 }
 
-TEST_F(allocations, RecordInUseIsRefusedAndKept)
+TEST_F(Allocations, RecordInUseIsRefusedAndKept)
 {
     cnb_static_alloc = 0;
     ASSERT_TRUE(cnb_malloc(&image, 100, "Image"));
@@ -86,7 +86,7 @@ TEST_F(allocations, RecordInUseIsRefusedAndKept)
     EXPECT_EQ(image.size, 100U);
 }
 
-TEST_F(allocations, NameIsDataAndIsCutTo31Bytes)
+TEST_F(Allocations, NameIsDataAndIsCutTo31Bytes)
 {
     ASSERT_TRUE(cnb_malloc(&image, 100, "%s%n%s 100%"));
     EXPECT_STREQ(image.name, "%s%n%s 100%");
@@ -99,7 +99,7 @@ TEST_F(allocations, NameIsDataAndIsCutTo31Bytes)
     EXPECT_STREQ(image.name, "");
 }
 
-TEST_F(allocations, FreeEmptiesTheRecordAndMayRunTwice)
+TEST_F(Allocations, FreeEmptiesTheRecordAndMayRunTwice)
 {
     cnb_free(&image);
     ASSERT_TRUE(cnb_malloc(&image, 100, "Image"));
@@ -110,7 +110,7 @@ TEST_F(allocations, FreeEmptiesTheRecordAndMayRunTwice)
     EXPECT_TRUE(is_empty(image));
 }
 
-TEST_F(allocations, FreeingACopyReleasesNothing)
+TEST_F(Allocations, FreeingACopyReleasesNothing)
 {
     ASSERT_TRUE(cnb_malloc(&image, 100, "Image"));
     cnb_allocation copy = image;
@@ -121,7 +121,7 @@ TEST_F(allocations, FreeingACopyReleasesNothing)
     EXPECT_EQ(remaining(), "");
 }
 
-TEST_F(allocations, FreeallEmptiesEveryRecord)
+TEST_F(Allocations, FreeallEmptiesEveryRecord)
 {
     cnb_static_alloc = 0;
     ASSERT_TRUE(cnb_malloc(&image, 100, "One"));
@@ -133,7 +133,7 @@ TEST_F(allocations, FreeallEmptiesEveryRecord)
     EXPECT_EQ(remaining(), "");
 }
 
-TEST_F(allocations, EachLiveAllocationIsALine)
+TEST_F(Allocations, EachLiveAllocationIsALine)
 {
     cnb_static_alloc = 0;
     EXPECT_EQ(remaining(), "");
@@ -143,7 +143,7 @@ TEST_F(allocations, EachLiveAllocationIsALine)
                            "Two: 50 bytes at 128 of CNB buffer 1\n");
 }
 
-TEST_F(allocations, FirstGapThatIsLargeEnoughIsTaken)
+TEST_F(Allocations, FirstGapThatIsLargeEnoughIsTaken)
 {
     cnb_static_alloc = 0;
     ASSERT_TRUE(cnb_malloc(&image, 128, "One"));
@@ -166,7 +166,7 @@ TEST_F(allocations, FirstGapThatIsLargeEnoughIsTaken)
     cnb_free(&rest);
 }
 
-TEST_F(allocations, MemoryOfAFreedAllocationIsZeroAgain)
+TEST_F(Allocations, MemoryOfAFreedAllocationIsZeroAgain)
 {
     ASSERT_TRUE(cnb_malloc(&image, 5000, "Image"));
     memset(platform::default_mapping.base, 0xAB, 5000);
@@ -177,7 +177,7 @@ TEST_F(allocations, MemoryOfAFreedAllocationIsZeroAgain)
     }
 }
 
-TEST_F(allocations, DropEmptiesTheRecords)
+TEST_F(Allocations, DropEmptiesTheRecords)
 {
     ASSERT_TRUE(cnb_malloc(&image, 100, "Image"));
     cnb_default_buffer_drop();

@@ -29,33 +29,33 @@ std::vector<std::string> folders(std::string_view membership, const std::string&
     return all;
 }
 
-TEST(cgroup_memory, UnifiedHierarchyIsWalkedUp)
+TEST(CgroupMemory, UnifiedHierarchyIsWalkedUp)
 {
     EXPECT_THAT(folders("0::/user.slice/job.scope\n", std::string(root_mount) + unified_mount),
                 testing::ElementsAre("2 /sys/fs/cgroup/user.slice/job.scope",
                                      "2 /sys/fs/cgroup/user.slice", "2 /sys/fs/cgroup"));
 }
 
-TEST(cgroup_memory, RootOfTheHierarchyIsOneFolder)
+TEST(CgroupMemory, RootOfTheHierarchyIsOneFolder)
 {
     EXPECT_THAT(folders("0::/\n", unified_mount), testing::ElementsAre("2 /sys/fs/cgroup"));
 }
 
-TEST(cgroup_memory, MemoryControllerOfVersion1IsFoundAmongOthers)
+TEST(CgroupMemory, MemoryControllerOfVersion1IsFoundAmongOthers)
 {
     EXPECT_THAT(folders("5:cpu,cpuacct:/other\n4:hugetlb,memory:/job\n3:cpuset:/\n",
                         std::string(processor_mount) + memory_mount),
                 testing::ElementsAre("1 /sys/fs/cgroup/memory/job", "1 /sys/fs/cgroup/memory"));
 }
 
-TEST(cgroup_memory, Version1ComesFirstWhereBothRun)
+TEST(CgroupMemory, Version1ComesFirstWhereBothRun)
 {
     EXPECT_THAT(folders("4:memory:/job\n0::/\n", std::string(unified_mount) + memory_mount),
                 testing::ElementsAre("1 /sys/fs/cgroup/memory/job", "1 /sys/fs/cgroup/memory",
                                      "2 /sys/fs/cgroup"));
 }
 
-TEST(cgroup_memory, PartOfTheHierarchyMountedInAContainerIsCutOff)
+TEST(CgroupMemory, PartOfTheHierarchyMountedInAContainerIsCutOff)
 {
     const char* mount =
         "35 31 0:32 /containers/abc /sys/fs/cgroup/memory ro - cgroup cgroup rw,memory\n";
@@ -65,7 +65,7 @@ TEST(cgroup_memory, PartOfTheHierarchyMountedInAContainerIsCutOff)
                 testing::ElementsAre("1 /sys/fs/cgroup/memory"));
 }
 
-TEST(cgroup_memory, PathOutsideOfWhatIsMountedMeansTheMountItself)
+TEST(CgroupMemory, PathOutsideOfWhatIsMountedMeansTheMountItself)
 {
     const char* mount = "35 31 0:32 /containers/abc /sys/fs/cgroup rw - cgroup2 cgroup rw\n";
     EXPECT_THAT(folders("0::/containers/abcdef\n", mount),
@@ -75,13 +75,13 @@ TEST(cgroup_memory, PathOutsideOfWhatIsMountedMeansTheMountItself)
                 testing::ElementsAre("2 /sys/fs/cgroup"));
 }
 
-TEST(cgroup_memory, BlanksInPathsAreUnescaped)
+TEST(CgroupMemory, BlanksInPathsAreUnescaped)
 {
     EXPECT_THAT(folders("0::/\n", "41 31 0:38 / /odd\\040place\\134here rw - cgroup2 none rw\n"),
                 testing::ElementsAre("2 /odd place\\here"));
 }
 
-TEST(cgroup_memory, MissingOrOddTextsGiveNone)
+TEST(CgroupMemory, MissingOrOddTextsGiveNone)
 {
     EXPECT_THAT(folders("", ""), testing::IsEmpty());
     EXPECT_THAT(folders("0::/\n", ""), testing::IsEmpty());
@@ -92,7 +92,7 @@ TEST(cgroup_memory, MissingOrOddTextsGiveNone)
     EXPECT_THAT(folders("4:memory:/\n", processor_mount), testing::IsEmpty());
 }
 
-class cgroup_folder : public testing::Test {
+class CgroupFolder : public testing::Test {
 protected:
     memory_cgroup version1() { return {folder.path(), 1}; }
     memory_cgroup version2() { return {folder.path(), 2}; }
@@ -100,7 +100,7 @@ protected:
     temporary_folder folder;
 };
 
-TEST_F(cgroup_folder, LimitOfVersion2)
+TEST_F(CgroupFolder, LimitOfVersion2)
 {
     EXPECT_EQ(cgroup_memory_limit(version2()), no_memory_limit);
     write_file(folder.path("memory.max"), "max\n");
@@ -109,7 +109,7 @@ TEST_F(cgroup_folder, LimitOfVersion2)
     EXPECT_EQ(cgroup_memory_limit(version2()), 1073741824U);
 }
 
-TEST_F(cgroup_folder, LimitOfVersion1)
+TEST_F(CgroupFolder, LimitOfVersion1)
 {
     write_file(folder.path("memory.limit_in_bytes"), "9223372036854771712\n");
     EXPECT_EQ(cgroup_memory_limit(version1()), no_memory_limit);
@@ -118,7 +118,7 @@ TEST_F(cgroup_folder, LimitOfVersion1)
     EXPECT_EQ(cgroup_memory_limit(version1()), 1000U);
 }
 
-TEST_F(cgroup_folder, LimitThatSlowsDownCountsLikeTheOneThatEnds)
+TEST_F(CgroupFolder, LimitThatSlowsDownCountsLikeTheOneThatEnds)
 {
     write_file(folder.path("memory.current"), "300\n");
     write_file(folder.path("memory.max"), "1000\n");
@@ -132,7 +132,7 @@ TEST_F(cgroup_folder, LimitThatSlowsDownCountsLikeTheOneThatEnds)
     EXPECT_EQ(cgroup_memory_room(version2()), no_memory_limit);
 }
 
-TEST_F(cgroup_folder, SwappedMemoryCountsWhereItIsLimited)
+TEST_F(CgroupFolder, SwappedMemoryCountsWhereItIsLimited)
 {
     write_file(folder.path("memory.limit_in_bytes"), "1000\n");
     write_file(folder.path("memory.usage_in_bytes"), "400\n");
@@ -144,7 +144,7 @@ TEST_F(cgroup_folder, SwappedMemoryCountsWhereItIsLimited)
     EXPECT_EQ(cgroup_memory_room(version1()), 600U);
 }
 
-TEST_F(cgroup_folder, RoomCountsTheFileCacheAsFree)
+TEST_F(CgroupFolder, RoomCountsTheFileCacheAsFree)
 {
     write_file(folder.path("memory.max"), "1000\n");
     write_file(folder.path("memory.current"), "700\n");
@@ -158,7 +158,7 @@ TEST_F(cgroup_folder, RoomCountsTheFileCacheAsFree)
     EXPECT_EQ(cgroup_memory_room(version1()), 400U);
 }
 
-TEST_F(cgroup_folder, FullGroupHasNoRoom)
+TEST_F(CgroupFolder, FullGroupHasNoRoom)
 {
     write_file(folder.path("memory.max"), "1000\n");
     write_file(folder.path("memory.current"), "1200\n");

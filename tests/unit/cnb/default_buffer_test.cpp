@@ -21,11 +21,11 @@ using testing::HasSubstr;
 
 namespace {
 
-class default_buffer : public cnb_test::cnb {
+class DefaultBuffer : public cnb_test::cnb {
 protected:
-    default_buffer() { cnb_set_domain("default", limit); }
+    DefaultBuffer() { cnb_set_domain("default", limit); }
 
-    ~default_buffer() override { cnb_alloc_freeall(); } // before the record goes
+    ~DefaultBuffer() override { cnb_alloc_freeall(); } // before the record goes
 
     static int load(uint64_t size)
     {
@@ -89,7 +89,7 @@ protected:
     signal_pipe leave;
 };
 
-TEST_F(default_buffer, IsNoneBeforeItIsLoaded)
+TEST_F(DefaultBuffer, IsNoneBeforeItIsLoaded)
 {
     EXPECT_EQ(image_cnb_buffer, 0U);
     EXPECT_EQ(image_cnb_buffer_fd, -1);
@@ -99,7 +99,7 @@ TEST_F(default_buffer, IsNoneBeforeItIsLoaded)
               "CNB allocation of 10 bytes: it is not loaded\n");
 }
 
-TEST_F(default_buffer, LoadGivesNumberAndDescriptor)
+TEST_F(DefaultBuffer, LoadGivesNumberAndDescriptor)
 {
     ASSERT_EQ(load(1000), 0);
     EXPECT_EQ(image_cnb_buffer, 1U);
@@ -107,7 +107,7 @@ TEST_F(default_buffer, LoadGivesNumberAndDescriptor)
     EXPECT_EQ(fcntl(image_cnb_buffer_fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }
 
-TEST_F(default_buffer, LoadingAgainChangesNothing)
+TEST_F(DefaultBuffer, LoadingAgainChangesNothing)
 {
     ASSERT_EQ(load(1000), 0);
     const int fd = image_cnb_buffer_fd;
@@ -117,18 +117,18 @@ TEST_F(default_buffer, LoadingAgainChangesNothing)
     EXPECT_EQ(cnb_view_domain().buffer_size, 1000U);
 }
 
-TEST_F(default_buffer, WholeLimitFits)
+TEST_F(DefaultBuffer, WholeLimitFits)
 {
     ASSERT_EQ(load(limit), 0);
     EXPECT_TRUE(cnb_malloc(&allocation, limit, "Image"));
 }
 
-TEST_F(default_buffer, MoreThanTheLimitIsRefusedAtOnce)
+TEST_F(DefaultBuffer, MoreThanTheLimitIsRefusedAtOnce)
 {
     expect_refusal(limit + 1, "the limit of the domain is 1000000 bytes");
 }
 
-TEST_F(default_buffer, MoreThanFourGigabytesLessAPageIsRefusedWhateverTheLimit)
+TEST_F(DefaultBuffer, MoreThanFourGigabytesLessAPageIsRefusedWhateverTheLimit)
 {
     cnb_set_domain("default", UINT64_MAX);
     const uint64_t largest = (uint64_t{1} << 32) - static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
@@ -139,7 +139,7 @@ TEST_F(default_buffer, MoreThanFourGigabytesLessAPageIsRefusedWhateverTheLimit)
     EXPECT_EQ(image_cnb_buffer, 1U);
 }
 
-TEST_F(default_buffer, SizesOfTheLargestPicturesAreRefusedAtOnce)
+TEST_F(DefaultBuffer, SizesOfTheLargestPicturesAreRefusedAtOnce)
 {
     cnb_set_domain("default", UINT64_MAX);
     const std::string reason =
@@ -151,12 +151,12 @@ TEST_F(default_buffer, SizesOfTheLargestPicturesAreRefusedAtOnce)
     }
 }
 
-TEST_F(default_buffer, EmptyBufferIsRefused)
+TEST_F(DefaultBuffer, EmptyBufferIsRefused)
 {
     expect_refusal(0, "it would be empty");
 }
 
-TEST_F(default_buffer, RefusedRequestTakesNothingFromTheOthers)
+TEST_F(DefaultBuffer, RefusedRequestTakesNothingFromTheOthers)
 {
     ASSERT_EQ(load(UINT64_MAX), 0);
     child_process other([] {
@@ -166,7 +166,7 @@ TEST_F(default_buffer, RefusedRequestTakesNothingFromTheOthers)
     EXPECT_EQ(other.wait(), 0);
 }
 
-TEST_F(default_buffer, WaitsWhileTheOthersLeaveNoRoom)
+TEST_F(DefaultBuffer, WaitsWhileTheOthersLeaveNoRoom)
 {
     const std::unique_ptr<child_process> other = neighbour(limit);
     EXPECT_NE(load(1), 0);
@@ -179,7 +179,7 @@ TEST_F(default_buffer, WaitsWhileTheOthersLeaveNoRoom)
     EXPECT_EQ(image_cnb_buffer, 1U);
 }
 
-TEST_F(default_buffer, RoomBesideTheOthersIsUsedToTheLastByte)
+TEST_F(DefaultBuffer, RoomBesideTheOthersIsUsedToTheLastByte)
 {
     const std::unique_ptr<child_process> other = neighbour(limit - 1000);
     EXPECT_NE(load(1001), 0);
@@ -189,7 +189,7 @@ TEST_F(default_buffer, RoomBesideTheOthersIsUsedToTheLastByte)
     EXPECT_EQ(other->wait(), 0);
 }
 
-TEST_F(default_buffer, DomainsDoNotSeeEachOther)
+TEST_F(DefaultBuffer, DomainsDoNotSeeEachOther)
 {
     const std::unique_ptr<child_process> other = neighbour(limit);
     cnb_leave_domain();
@@ -200,7 +200,7 @@ TEST_F(default_buffer, DomainsDoNotSeeEachOther)
     EXPECT_EQ(other->wait(), 0);
 }
 
-TEST_F(default_buffer, DropGivesEverythingBackAndMayRunTwice)
+TEST_F(DefaultBuffer, DropGivesEverythingBackAndMayRunTwice)
 {
     ASSERT_EQ(load(1000), 0);
     ASSERT_TRUE(cnb_malloc(&allocation, 1000, "Image"));
@@ -216,7 +216,7 @@ TEST_F(default_buffer, DropGivesEverythingBackAndMayRunTwice)
     EXPECT_EQ(image_cnb_buffer, 1U);
 }
 
-TEST_F(default_buffer, NextPictureSeesNothingOfTheLast)
+TEST_F(DefaultBuffer, NextPictureSeesNothingOfTheLast)
 {
     for (int round = 0; round < 2; ++round) {
         ASSERT_EQ(load(100'000), 0);
@@ -230,7 +230,7 @@ TEST_F(default_buffer, NextPictureSeesNothingOfTheLast)
     }
 }
 
-TEST_F(default_buffer, MoreThanTheMachineHasIsRefusedWithoutTrying)
+TEST_F(DefaultBuffer, MoreThanTheMachineHasIsRefusedWithoutTrying)
 {
     const temporary_folder machine;
     cnb_test::write_file(machine.path("proc/meminfo"), "MemTotal: 1024 kB\nMemAvailable: 512 kB\n");
@@ -248,7 +248,7 @@ TEST_F(default_buffer, MoreThanTheMachineHasIsRefusedWithoutTrying)
     EXPECT_TRUE(cnb_malloc(&allocation, room, "Image"));
 }
 
-TEST_F(default_buffer, TwiceTheMemoryOfThisMachineIsRefusedCleanly)
+TEST_F(DefaultBuffer, TwiceTheMemoryOfThisMachineIsRefusedCleanly)
 {
     const temporary_folder machine;
     cnb_test::write_file(machine.path("proc/meminfo"),
@@ -267,7 +267,7 @@ TEST_F(default_buffer, TwiceTheMemoryOfThisMachineIsRefusedCleanly)
     EXPECT_EQ(failing.allocations, 0);
 }
 
-TEST_F(default_buffer, FailedReservationNamesStepAndReason)
+TEST_F(DefaultBuffer, FailedReservationNamesStepAndReason)
 {
     failing.allocate_errno = ENOSPC;
     ASSERT_EQ(load(1000), 0);
@@ -280,7 +280,7 @@ TEST_F(default_buffer, FailedReservationNamesStepAndReason)
     EXPECT_TRUE(cnb_malloc(&allocation, 1000, "Image"));
 }
 
-TEST_F(default_buffer, WithoutDescriptorsItWaitsAndSaysSoOnce)
+TEST_F(DefaultBuffer, WithoutDescriptorsItWaitsAndSaysSoOnce)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     failing.create_errno = EMFILE;
@@ -293,7 +293,7 @@ TEST_F(default_buffer, WithoutDescriptorsItWaitsAndSaysSoOnce)
     EXPECT_EQ(load(1000), 0);
 }
 
-TEST_F(default_buffer, DomainThatCannotBeJoinedIsARefusal)
+TEST_F(DefaultBuffer, DomainThatCannotBeJoinedIsARefusal)
 {
     cnb_set_domain("..", limit);
     testing::internal::CaptureStderr();
@@ -304,14 +304,14 @@ TEST_F(default_buffer, DomainThatCannotBeJoinedIsARefusal)
                 HasSubstr("CNB allocation of 1000 bytes: the domain cannot be joined\n"));
 }
 
-TEST_F(default_buffer, DamagedRegistryIsARefusalThatNamesIt)
+TEST_F(DefaultBuffer, DamagedRegistryIsARefusalThatNamesIt)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     cnb_test::write_file(domain_path() + "/registry", "something else, longer than a header");
     expect_refusal(1000, "registry in '" + domain_path() + "': not a registry of this version");
 }
 
-TEST_F(default_buffer, RemovedFolderIsMadeAnew)
+TEST_F(DefaultBuffer, RemovedFolderIsMadeAnew)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     std::filesystem::remove_all(runtime.path("stillimage"));
@@ -320,7 +320,7 @@ TEST_F(default_buffer, RemovedFolderIsMadeAnew)
     EXPECT_EQ(access((domain_path() + "/registry").c_str(), F_OK), 0);
 }
 
-TEST_F(default_buffer, ClientsGetAReadOnlyDescriptorOnceSomethingIsAllocated)
+TEST_F(DefaultBuffer, ClientsGetAReadOnlyDescriptorOnceSomethingIsAllocated)
 {
     ASSERT_EQ(load(1000), 0);
     EXPECT_EQ(cnb_open_read_only_descriptor(), -1);
@@ -336,7 +336,7 @@ TEST_F(default_buffer, ClientsGetAReadOnlyDescriptorOnceSomethingIsAllocated)
     EXPECT_EQ(fcntl(client.get(), F_GETFL) & O_ACCMODE, O_RDONLY);
 }
 
-TEST_F(default_buffer, SocketIsServedDuringALargeReservation)
+TEST_F(DefaultBuffer, SocketIsServedDuringALargeReservation)
 {
     static int rounds = 0;
     rounds = 0;
@@ -350,7 +350,7 @@ TEST_F(default_buffer, SocketIsServedDuringALargeReservation)
     EXPECT_EQ(rounds, 2);
 }
 
-TEST_F(default_buffer, DaemonisedChildKeepsTheBytesAndIsNamedAsOwner)
+TEST_F(DefaultBuffer, DaemonisedChildKeepsTheBytesAndIsNamedAsOwner)
 {
     child_process parent([this] {
         if (load(limit) != 0) {

@@ -21,7 +21,7 @@ using testing::HasSubstr;
 
 namespace {
 
-class domain : public cnb_test::cnb {
+class Domain : public cnb_test::cnb {
 protected:
     static std::string join_and_tell(int expected)
     {
@@ -46,7 +46,7 @@ protected:
     }
 };
 
-TEST_F(domain, IsAPrivateFolderUnderTheRuntimeFolder)
+TEST_F(Domain, IsAPrivateFolderUnderTheRuntimeFolder)
 {
     const mode_t before = umask(0);
     EXPECT_EQ(join_and_tell(0), "");
@@ -57,7 +57,7 @@ TEST_F(domain, IsAPrivateFolderUnderTheRuntimeFolder)
     EXPECT_EQ(mode_of(runtime.path("stillimage/cnb/default/registry")), 0600U);
 }
 
-TEST_F(domain, WithoutRuntimeFolderItLiesInTheUsersTemporaryFolder)
+TEST_F(Domain, WithoutRuntimeFolderItLiesInTheUsersTemporaryFolder)
 {
     unsetenv("XDG_RUNTIME_DIR");
     setenv("TMPDIR", runtime.path().c_str(), 1);
@@ -68,7 +68,7 @@ TEST_F(domain, WithoutRuntimeFolderItLiesInTheUsersTemporaryFolder)
     EXPECT_EQ(access((users + "/cnb/default/registry").c_str(), F_OK), 0);
 }
 
-TEST_F(domain, RelativeRuntimeFolderIsIgnored)
+TEST_F(Domain, RelativeRuntimeFolderIsIgnored)
 {
     setenv("XDG_RUNTIME_DIR", "relative", 1);
     setenv("TMPDIR", runtime.path().c_str(), 1);
@@ -77,7 +77,7 @@ TEST_F(domain, RelativeRuntimeFolderIsIgnored)
     EXPECT_NE(access("relative", F_OK), 0);
 }
 
-TEST_F(domain, MissingRuntimeFolderIsMadeForTheUserAlone)
+TEST_F(Domain, MissingRuntimeFolderIsMadeForTheUserAlone)
 {
     const std::string missing = runtime.path("not/there");
     setenv("XDG_RUNTIME_DIR", missing.c_str(), 1);
@@ -86,20 +86,20 @@ TEST_F(domain, MissingRuntimeFolderIsMadeForTheUserAlone)
     EXPECT_EQ(mode_of(missing), 0700U);
 }
 
-TEST_F(domain, RuntimeFolderThatCannotBeMadeIsNamed)
+TEST_F(Domain, RuntimeFolderThatCannotBeMadeIsNamed)
 {
     const std::string missing = runtime.write("file", "") + "/below";
     setenv("XDG_RUNTIME_DIR", missing.c_str(), 1);
     EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain '" + missing + "': Not a directory\n");
 }
 
-TEST_F(domain, JoiningTwiceIsFine)
+TEST_F(Domain, JoiningTwiceIsFine)
 {
     EXPECT_EQ(join_and_tell(0), "");
     EXPECT_EQ(join_and_tell(0), "");
 }
 
-TEST_F(domain, LeavingWithoutAndTwiceIsFine)
+TEST_F(Domain, LeavingWithoutAndTwiceIsFine)
 {
     cnb_leave_domain();
     EXPECT_EQ(join_and_tell(0), "");
@@ -108,7 +108,7 @@ TEST_F(domain, LeavingWithoutAndTwiceIsFine)
     EXPECT_EQ(cnb_view_domain().limit, 0U);
 }
 
-TEST_F(domain, NamesThatCouldLeaveTheFolderAreInvalid)
+TEST_F(Domain, NamesThatCouldLeaveTheFolderAreInvalid)
 {
     for (const char* name : {"", ".", "..", ".hidden", "a/b", "/", "../default"}) {
         EXPECT_FALSE(cnb_domain_name_valid(name)) << name;
@@ -121,14 +121,14 @@ TEST_F(domain, NamesThatCouldLeaveTheFolderAreInvalid)
     }
 }
 
-TEST_F(domain, InvalidNameIsToldOnOneLine)
+TEST_F(Domain, InvalidNameIsToldOnOneLine)
 {
     cnb_set_domain("a/b\nc", 0);
     EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain 'a/b\\x0Ac': a name has 1 to 64 bytes, "
                                  "no '/', and no '.' at its beginning\n");
 }
 
-TEST_F(domain, NameIsData)
+TEST_F(Domain, NameIsData)
 {
     cnb_set_domain("%s%n", 0);
     EXPECT_EQ(join_and_tell(0), "");
@@ -136,7 +136,7 @@ TEST_F(domain, NameIsData)
     EXPECT_STREQ(cnb_view_domain().name, "%s%n");
 }
 
-TEST_F(domain, SettingsAreForTheNextJoin)
+TEST_F(Domain, SettingsAreForTheNextJoin)
 {
     cnb_set_domain("one", 1000);
     EXPECT_EQ(join_and_tell(0), "");
@@ -145,7 +145,7 @@ TEST_F(domain, SettingsAreForTheNextJoin)
     EXPECT_EQ(cnb_view_domain().limit, 1000U);
 }
 
-TEST_F(domain, DefaultLimitIsHalfOfTheMemory)
+TEST_F(Domain, DefaultLimitIsHalfOfTheMemory)
 {
     const temporary_folder machine;
     cnb_test::write_file(machine.path("proc/meminfo"), "MemTotal: 1000 kB\nMemAvailable: 900 kB\n");
@@ -154,7 +154,7 @@ TEST_F(domain, DefaultLimitIsHalfOfTheMemory)
     EXPECT_EQ(cnb_view_domain().limit, 512'000U);
 }
 
-TEST_F(domain, DefaultLimitIsHalfOfTheControlGroup)
+TEST_F(Domain, DefaultLimitIsHalfOfTheControlGroup)
 {
     const temporary_folder machine;
     cnb_test::write_file(machine.path("proc/meminfo"), "MemTotal: 1000 kB\nMemAvailable: 900 kB\n");
@@ -167,7 +167,7 @@ TEST_F(domain, DefaultLimitIsHalfOfTheControlGroup)
     EXPECT_EQ(cnb_view_domain().limit, 150'000U);
 }
 
-TEST_F(domain, ViewTellsTheBuffer)
+TEST_F(Domain, ViewTellsTheBuffer)
 {
     cnb_set_domain("studio", 5000);
     cnb_total = 1234;
@@ -179,7 +179,7 @@ TEST_F(domain, ViewTellsTheBuffer)
     EXPECT_EQ(view.buffer_size, 1234U);
 }
 
-TEST_F(domain, PlantedLinkIsNotFollowed)
+TEST_F(Domain, PlantedLinkIsNotFollowed)
 {
     const temporary_folder elsewhere;
     make_parent_of_domains();
@@ -189,7 +189,7 @@ TEST_F(domain, PlantedLinkIsNotFollowed)
     EXPECT_TRUE(std::filesystem::is_empty(elsewhere.path()));
 }
 
-TEST_F(domain, PlantedLinkFurtherUpIsNotFollowed)
+TEST_F(Domain, PlantedLinkFurtherUpIsNotFollowed)
 {
     const temporary_folder elsewhere;
     std::filesystem::create_directory_symlink(elsewhere.path(), runtime.path("stillimage"));
@@ -198,7 +198,7 @@ TEST_F(domain, PlantedLinkFurtherUpIsNotFollowed)
     EXPECT_TRUE(std::filesystem::is_empty(elsewhere.path()));
 }
 
-TEST_F(domain, FileInThePlaceOfTheFolderIsTold)
+TEST_F(Domain, FileInThePlaceOfTheFolderIsTold)
 {
     make_parent_of_domains();
     cnb_test::write_file(domain_path(), "");
@@ -206,7 +206,7 @@ TEST_F(domain, FileInThePlaceOfTheFolderIsTold)
               "cannot use the CNB domain '" + domain_path() + "': not a folder, or a link\n");
 }
 
-TEST_F(domain, FolderThatOthersCanWriteIsRefused)
+TEST_F(Domain, FolderThatOthersCanWriteIsRefused)
 {
     make_parent_of_domains();
     ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
@@ -215,7 +215,7 @@ TEST_F(domain, FolderThatOthersCanWriteIsRefused)
               "cannot use the CNB domain '" + domain_path() + "': writable by other users\n");
 }
 
-TEST_F(domain, FolderThatOthersCanReadIsClosed)
+TEST_F(Domain, FolderThatOthersCanReadIsClosed)
 {
     make_parent_of_domains();
     ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
@@ -224,7 +224,7 @@ TEST_F(domain, FolderThatOthersCanReadIsClosed)
     EXPECT_EQ(mode_of(domain_path()), 0700U);
 }
 
-TEST_F(domain, FolderOfAnotherUserIsRefused)
+TEST_F(Domain, FolderOfAnotherUserIsRefused)
 {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, to give a folder away";
@@ -236,7 +236,7 @@ TEST_F(domain, FolderOfAnotherUserIsRefused)
               "cannot use the CNB domain '" + domain_path() + "': owned by another user\n");
 }
 
-TEST_F(domain, RegistryThatIsAFifoIsTold)
+TEST_F(Domain, RegistryThatIsAFifoIsTold)
 {
     make_parent_of_domains();
     ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
@@ -245,14 +245,14 @@ TEST_F(domain, RegistryThatIsAFifoIsTold)
               "cannot use the CNB domain '" + domain_path() + "/registry': not a file\n");
 }
 
-TEST_F(domain, KernelWithoutMemoryFilesIsTold)
+TEST_F(Domain, KernelWithoutMemoryFilesIsTold)
 {
     failing.create_errno = ENOSYS;
     EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain '" + domain_path() +
                                      "': no memory files: Function not implemented\n");
 }
 
-TEST_F(domain, FolderIsLockedAgainstProgramsThatTidyUp)
+TEST_F(Domain, FolderIsLockedAgainstProgramsThatTidyUp)
 {
     EXPECT_EQ(join_and_tell(0), "");
     const platform::unique_fd other(open(domain_path().c_str(), O_RDONLY | O_DIRECTORY));
@@ -262,7 +262,7 @@ TEST_F(domain, FolderIsLockedAgainstProgramsThatTidyUp)
 }
 
 // The registry is written, never mapped: a full file system is an error and not a signal.
-TEST_F(domain, FullFileSystemIsARefusalWithItsReason)
+TEST_F(Domain, FullFileSystemIsARefusalWithItsReason)
 {
     child_process child([this] {
         if (unshare(CLONE_NEWNS) != 0 ||
@@ -290,7 +290,7 @@ TEST_F(domain, FullFileSystemIsARefusalWithItsReason)
 }
 
 // The memory does not come from the file system of the registry.
-TEST_F(domain, BufferCanBeLargerThanTheFileSystemOfItsRegistry)
+TEST_F(Domain, BufferCanBeLargerThanTheFileSystemOfItsRegistry)
 {
     child_process child([this] {
         if (unshare(CLONE_NEWNS) != 0 ||

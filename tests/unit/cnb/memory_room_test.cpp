@@ -11,9 +11,9 @@ using platform::memory_room;
 
 namespace {
 
-class memory : public testing::Test {
+class Memory : public testing::Test {
 protected:
-    memory()
+    Memory()
     {
         write_file(root.path("proc/meminfo"),
                    "MemTotal:  1000 kB\nMemFree: 1 kB\nMemAvailable: 600 kB\n");
@@ -31,14 +31,14 @@ protected:
     temporary_folder root;
 };
 
-TEST_F(memory, MachineDecidesWithoutGroups)
+TEST_F(Memory, MachineDecidesWithoutGroups)
 {
     const memory_room room(root.path());
     EXPECT_EQ(room.total(), 1000U * 1024);
     EXPECT_EQ(room.available(), 600U * 1024);
 }
 
-TEST_F(memory, TightestGroupOnTheWayUpDecides)
+TEST_F(Memory, TightestGroupOnTheWayUpDecides)
 {
     join_group("204800\n", "4800\n");
     const memory_room room(root.path());
@@ -46,7 +46,7 @@ TEST_F(memory, TightestGroupOnTheWayUpDecides)
     EXPECT_EQ(room.available(), 200000U);
 }
 
-TEST_F(memory, GroupLargerThanTheMachineDoesNotCount)
+TEST_F(Memory, GroupLargerThanTheMachineDoesNotCount)
 {
     join_group("1099511627776\n", "0\n");
     const memory_room room(root.path());
@@ -54,7 +54,7 @@ TEST_F(memory, GroupLargerThanTheMachineDoesNotCount)
     EXPECT_EQ(room.available(), 600U * 1024);
 }
 
-TEST_F(memory, WithoutProcTheSystemIsAsked)
+TEST_F(Memory, WithoutProcTheSystemIsAsked)
 {
     const temporary_folder nothing;
     const memory_room room(nothing.path());
@@ -65,14 +65,14 @@ TEST_F(memory, WithoutProcTheSystemIsAsked)
     EXPECT_LE(room.available(), room.total());
 }
 
-TEST_F(memory, ThisMachineHasSome)
+TEST_F(Memory, ThisMachineHasSome)
 {
     const memory_room room;
     EXPECT_GT(room.total(), 0U);
     EXPECT_GT(room.available(), 0U);
 }
 
-TEST_F(memory, ReserveIsASixteenthUpTo256MiB)
+TEST_F(Memory, ReserveIsASixteenthUpTo256MiB)
 {
     EXPECT_EQ(memory_reserve(0), 0U);
     EXPECT_EQ(memory_reserve(uint64_t{1} << 30), uint64_t{64} << 20);

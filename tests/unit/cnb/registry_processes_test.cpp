@@ -26,9 +26,9 @@ namespace {
 
 constexpr uint64_t limit = 1000;
 
-class registry_processes : public testing::Test {
+class RegistryProcesses : public testing::Test {
 protected:
-    registry_processes() : folder_fd(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY)) {}
+    RegistryProcesses() : folder_fd(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY)) {}
 
     // True once everything can be claimed by one owner.
     bool all_came_back()
@@ -98,7 +98,7 @@ int claim_and_release(int folder, shared_board* board, unsigned seed)
     return 0;
 }
 
-TEST_F(registry_processes, RacersShareNoNumberAndKeepTheLimit)
+TEST_F(RegistryProcesses, RacersShareNoNumberAndKeepTheLimit)
 {
     shared_board* board = make_board();
     ASSERT_NE(board, nullptr);
@@ -128,7 +128,7 @@ int claim_until_killed(int folder)
     }
 }
 
-TEST_F(registry_processes, WhatTheKilledHadComesBack)
+TEST_F(RegistryProcesses, WhatTheKilledHadComesBack)
 {
     std::minstd_rand random(7);
     std::vector<std::unique_ptr<child_process>> children(6);
@@ -146,7 +146,7 @@ TEST_F(registry_processes, WhatTheKilledHadComesBack)
     EXPECT_TRUE(all_came_back());
 }
 
-TEST_F(registry_processes, ProcessKilledInsideTheLockedPartLeavesNothingBehind)
+TEST_F(RegistryProcesses, ProcessKilledInsideTheLockedPartLeavesNothingBehind)
 {
     buffer_registry maker;
     ASSERT_EQ(maker.open(folder_fd.get()), 0);
@@ -167,7 +167,7 @@ TEST_F(registry_processes, ProcessKilledInsideTheLockedPartLeavesNothingBehind)
     EXPECT_TRUE(all_came_back());
 }
 
-TEST_F(registry_processes, WaitEndsWhenTheOtherExits)
+TEST_F(RegistryProcesses, WaitEndsWhenTheOtherExits)
 {
     signal_pipe claimed;
     signal_pipe leave;
@@ -190,7 +190,7 @@ TEST_F(registry_processes, WaitEndsWhenTheOtherExits)
     EXPECT_TRUE(all_came_back());
 }
 
-TEST_F(registry_processes, DaemonisedChildKeepsTheNumber)
+TEST_F(RegistryProcesses, DaemonisedChildKeepsTheNumber)
 {
     signal_pipe daemonised;
     signal_pipe leave;

@@ -18,9 +18,9 @@ namespace {
 
 constexpr uint64_t record_size = 16;
 
-class registry : public testing::Test {
+class Registry : public testing::Test {
 protected:
-    registry() : folder_fd(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY)) {}
+    Registry() : folder_fd(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY)) {}
 
     buffer_registry opened()
     {
@@ -68,7 +68,7 @@ claim_result claim_patiently(buffer_registry& instance, uint64_t bytes, uint64_t
     return result;
 }
 
-TEST_F(registry, NumbersBeginWithOne)
+TEST_F(Registry, NumbersBeginWithOne)
 {
     buffer_registry first = opened();
     EXPECT_EQ(first.number(), 0U);
@@ -76,7 +76,7 @@ TEST_F(registry, NumbersBeginWithOne)
     EXPECT_EQ(first.number(), 1U);
 }
 
-TEST_F(registry, LowestFreeNumberIsGiven)
+TEST_F(Registry, LowestFreeNumberIsGiven)
 {
     std::vector<buffer_registry> all(4);
     for (buffer_registry& each : all) {
@@ -91,7 +91,7 @@ TEST_F(registry, LowestFreeNumberIsGiven)
     EXPECT_EQ(all[1].number(), 5U);
 }
 
-TEST_F(registry, SumEqualToTheLimitFits)
+TEST_F(Registry, SumEqualToTheLimitFits)
 {
     buffer_registry first = opened();
     buffer_registry second = opened();
@@ -99,7 +99,7 @@ TEST_F(registry, SumEqualToTheLimitFits)
     EXPECT_EQ(second.claim(40, 100), claim_result::TAKEN);
 }
 
-TEST_F(registry, OneByteMoreThanTheLimitHasNoRoom)
+TEST_F(Registry, OneByteMoreThanTheLimitHasNoRoom)
 {
     buffer_registry first = opened();
     buffer_registry second = opened();
@@ -108,7 +108,7 @@ TEST_F(registry, OneByteMoreThanTheLimitHasNoRoom)
     EXPECT_EQ(second.number(), 0U);
 }
 
-TEST_F(registry, SumThatDoesNotFit64BitsHasNoRoom)
+TEST_F(Registry, SumThatDoesNotFit64BitsHasNoRoom)
 {
     buffer_registry first = opened();
     buffer_registry second = opened();
@@ -117,7 +117,7 @@ TEST_F(registry, SumThatDoesNotFit64BitsHasNoRoom)
     EXPECT_EQ(claim_patiently(second, 5, UINT64_MAX), claim_result::TAKEN);
 }
 
-TEST_F(registry, ReleaseGivesNumberAndBytesBack)
+TEST_F(Registry, ReleaseGivesNumberAndBytesBack)
 {
     buffer_registry first = opened();
     buffer_registry second = opened();
@@ -129,7 +129,7 @@ TEST_F(registry, ReleaseGivesNumberAndBytesBack)
     EXPECT_EQ(second.number(), 1U);
 }
 
-TEST_F(registry, ClosingTheFileGivesBack)
+TEST_F(Registry, ClosingTheFileGivesBack)
 {
     buffer_registry first = opened();
     ASSERT_EQ(first.claim(100, 100), claim_result::TAKEN);
@@ -138,7 +138,7 @@ TEST_F(registry, ClosingTheFileGivesBack)
     EXPECT_EQ(second.claim(100, 100), claim_result::TAKEN);
 }
 
-TEST_F(registry, SecondClaimOfOneOwnerIsRefused)
+TEST_F(Registry, SecondClaimOfOneOwnerIsRefused)
 {
     buffer_registry first = opened();
     ASSERT_EQ(first.claim(1, 100), claim_result::TAKEN);
@@ -147,7 +147,7 @@ TEST_F(registry, SecondClaimOfOneOwnerIsRefused)
     EXPECT_EQ(first.number(), 1U);
 }
 
-TEST_F(registry, LastNumberIs65535AndThenThereIsNoRoom)
+TEST_F(Registry, LastNumberIs65535AndThenThereIsNoRoom)
 {
     constexpr uint64_t most = platform::most_buffers;
     const unique_fd others = file();
@@ -168,7 +168,7 @@ TEST_F(registry, LastNumberIs65535AndThenThereIsNoRoom)
     EXPECT_EQ(next.number(), most);
 }
 
-TEST_F(registry, NumberBehindAFileOf65534RecordsIsTheLast)
+TEST_F(Registry, NumberBehindAFileOf65534RecordsIsTheLast)
 {
     const unique_fd others = file();
     ASSERT_EQ(platform::pwrite_fully(others.get(), "cnb registry 1\n", 16, 0), 0);
@@ -179,7 +179,7 @@ TEST_F(registry, NumberBehindAFileOf65534RecordsIsTheLast)
     EXPECT_EQ(next.number(), 65535U);
 }
 
-TEST_F(registry, RecordThatNobodyHasLockedIsFreeWhateverItSays)
+TEST_F(Registry, RecordThatNobodyHasLockedIsFreeWhateverItSays)
 {
     const unique_fd others = file();
     std::vector<unsigned char> garbage(size_t{70000} * record_size, 0xFF);
@@ -190,7 +190,7 @@ TEST_F(registry, RecordThatNobodyHasLockedIsFreeWhateverItSays)
     EXPECT_EQ(next.number(), 1U);
 }
 
-TEST_F(registry, HugeSizesOfLiveBuffersDoNotWrap)
+TEST_F(Registry, HugeSizesOfLiveBuffersDoNotWrap)
 {
     constexpr uint64_t half = uint64_t{1} << 63;
     buffer_registry first = opened();
@@ -203,7 +203,7 @@ TEST_F(registry, HugeSizesOfLiveBuffersDoNotWrap)
     EXPECT_EQ(next.claim(1, UINT64_MAX - 1), claim_result::NO_ROOM);
 }
 
-TEST_F(registry, ClearedRecordThatIsStillLockedIsPassedOver)
+TEST_F(Registry, ClearedRecordThatIsStillLockedIsPassedOver)
 {
     buffer_registry first = opened();
     ASSERT_EQ(first.claim(1, 100), claim_result::TAKEN);
@@ -214,7 +214,7 @@ TEST_F(registry, ClearedRecordThatIsStillLockedIsPassedOver)
     EXPECT_EQ(first.number(), 2U);
 }
 
-TEST_F(registry, BusyRegistryIsNotWaitedFor)
+TEST_F(Registry, BusyRegistryIsNotWaitedFor)
 {
     const unique_fd other = file();
     lock(other, 0, 1);
@@ -224,7 +224,7 @@ TEST_F(registry, BusyRegistryIsNotWaitedFor)
     EXPECT_EQ(next.claim(1, 100), claim_result::TAKEN);
 }
 
-TEST_F(registry, NoRoomEndsWhenRoomIsMade)
+TEST_F(Registry, NoRoomEndsWhenRoomIsMade)
 {
     buffer_registry first = opened();
     buffer_registry second = opened();
@@ -234,7 +234,7 @@ TEST_F(registry, NoRoomEndsWhenRoomIsMade)
     EXPECT_EQ(claim_patiently(second, 1, 100), claim_result::TAKEN);
 }
 
-TEST_F(registry, RemovedFileIsGoneAndCanBeMadeAnew)
+TEST_F(Registry, RemovedFileIsGoneAndCanBeMadeAnew)
 {
     buffer_registry instance = opened();
     ASSERT_EQ(unlink(folder.path("registry").c_str()), 0);
@@ -243,7 +243,7 @@ TEST_F(registry, RemovedFileIsGoneAndCanBeMadeAnew)
     EXPECT_EQ(instance.claim(1, 100), claim_result::TAKEN);
 }
 
-TEST_F(registry, FileOfAnotherFormatIsRefusedAndLeftAlone)
+TEST_F(Registry, FileOfAnotherFormatIsRefusedAndLeftAlone)
 {
     cnb_test::write_file(folder.path("registry"), "cnb registry 2\nsomething");
     buffer_registry instance = opened();
@@ -253,7 +253,7 @@ TEST_F(registry, FileOfAnotherFormatIsRefusedAndLeftAlone)
     EXPECT_EQ(std::string(kept.begin(), kept.end()), "cnb registry 2\nsomething");
 }
 
-TEST_F(registry, HeaderThatWasCutShortIsWrittenAgain)
+TEST_F(Registry, HeaderThatWasCutShortIsWrittenAgain)
 {
     cnb_test::write_file(folder.path("registry"), "cnb");
     buffer_registry instance = opened();
@@ -262,7 +262,7 @@ TEST_F(registry, HeaderThatWasCutShortIsWrittenAgain)
     EXPECT_EQ(std::string(header.begin(), header.end()), std::string("cnb registry 1\n\0", 16));
 }
 
-TEST_F(registry, RecordIsSizeAndOwnerLittleEndian)
+TEST_F(Registry, RecordIsSizeAndOwnerLittleEndian)
 {
     buffer_registry instance = opened();
     ASSERT_EQ(instance.claim(0x0102030405060708, UINT64_MAX), claim_result::TAKEN);
@@ -275,7 +275,7 @@ TEST_F(registry, RecordIsSizeAndOwnerLittleEndian)
     EXPECT_EQ(bytes_of_file(record_size, record_size), std::vector<unsigned char>(record_size));
 }
 
-TEST_F(registry, FileIsForItsUserAlone)
+TEST_F(Registry, FileIsForItsUserAlone)
 {
     opened();
     struct stat status = {};
@@ -283,7 +283,7 @@ TEST_F(registry, FileIsForItsUserAlone)
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
-TEST_F(registry, FifoInThePlaceOfTheFileIsRefused)
+TEST_F(Registry, FifoInThePlaceOfTheFileIsRefused)
 {
     ASSERT_EQ(mkfifo(folder.path("registry").c_str(), 0600), 0);
     buffer_registry instance;
@@ -292,7 +292,7 @@ TEST_F(registry, FifoInThePlaceOfTheFileIsRefused)
     EXPECT_FALSE(instance);
 }
 
-TEST_F(registry, LinkInThePlaceOfTheFileIsNotFollowed)
+TEST_F(Registry, LinkInThePlaceOfTheFileIsNotFollowed)
 {
     ASSERT_EQ(symlink("elsewhere", folder.path("registry").c_str()), 0);
     buffer_registry instance;

@@ -37,7 +37,7 @@ constexpr bool built_with_address_sanitizer = false;
 
 constexpr uint64_t mebibyte = uint64_t{1} << 20;
 
-class buffer : public cnb_test::cnb {
+class Buffer : public cnb_test::cnb {
 protected:
     // A reserved buffer of `size` bytes.
     void make(uint64_t size)
@@ -71,7 +71,7 @@ protected:
     shared_buffer memory{&cnb_test::failing_kernel_calls};
 };
 
-TEST_F(buffer, IsZeroReservedAndOfTheSizeAskedFor)
+TEST_F(Buffer, IsZeroReservedAndOfTheSizeAskedFor)
 {
     make(3 * mebibyte + 1);
     EXPECT_EQ(memory.size(), 3 * mebibyte + 1);
@@ -83,13 +83,13 @@ TEST_F(buffer, IsZeroReservedAndOfTheSizeAskedFor)
               end);
 }
 
-TEST_F(buffer, IsForReadingByItsUserAlone)
+TEST_F(Buffer, IsForReadingByItsUserAlone)
 {
     make(mebibyte);
     EXPECT_EQ(status().st_mode & 07777U, 0400U);
 }
 
-TEST_F(buffer, CanOnlyBeChangedThroughItsOwnMapping)
+TEST_F(Buffer, CanOnlyBeChangedThroughItsOwnMapping)
 {
     make(mebibyte);
     memory.data()[5] = 77;
@@ -111,7 +111,7 @@ TEST_F(buffer, CanOnlyBeChangedThroughItsOwnMapping)
     EXPECT_EQ(memory.data()[5], 78);
 }
 
-TEST_F(buffer, ReadOnlyDescriptorSeesTheBytesAndCannotChangeThem)
+TEST_F(Buffer, ReadOnlyDescriptorSeesTheBytesAndCannotChangeThem)
 {
     make(mebibyte);
     memory.data()[5] = 77;
@@ -137,7 +137,7 @@ TEST_F(buffer, ReadOnlyDescriptorSeesTheBytesAndCannotChangeThem)
     munmap(view, 4096);
 }
 
-TEST_F(buffer, EachReadOnlyDescriptorHasItsOwnOffset)
+TEST_F(Buffer, EachReadOnlyDescriptorHasItsOwnOffset)
 {
     make(mebibyte);
     const unique_fd first(memory.open_read_only());
@@ -148,7 +148,7 @@ TEST_F(buffer, EachReadOnlyDescriptorHasItsOwnOffset)
 }
 
 // The kernel lets root open anything for writing; the seals hold all the same.
-TEST_F(buffer, DescriptorOpenedAnewForWritingIsOfNoUse)
+TEST_F(Buffer, DescriptorOpenedAnewForWritingIsOfNoUse)
 {
     make(mebibyte);
     const unique_fd reader(memory.open_read_only());
@@ -164,7 +164,7 @@ TEST_F(buffer, DescriptorOpenedAnewForWritingIsOfNoUse)
     EXPECT_EQ(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, writer.get(), 0), MAP_FAILED);
 }
 
-TEST_F(buffer, AnotherUserCannotOpenTheDescriptorAnew)
+TEST_F(Buffer, AnotherUserCannotOpenTheDescriptorAnew)
 {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, to become another user";
@@ -187,7 +187,7 @@ TEST_F(buffer, AnotherUserCannotOpenTheDescriptorAnew)
     EXPECT_EQ(child.wait(), 0);
 }
 
-TEST_F(buffer, WithoutProcTheSealsProtectTheDescriptor)
+TEST_F(Buffer, WithoutProcTheSealsProtectTheDescriptor)
 {
     failing.open_errno = ENOENT;
     make(mebibyte);
@@ -200,7 +200,7 @@ TEST_F(buffer, WithoutProcTheSealsProtectTheDescriptor)
     EXPECT_EQ(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, reader.get(), 0), MAP_FAILED);
 }
 
-TEST_F(buffer, WithoutProcAndSealNoDescriptorIsGiven)
+TEST_F(Buffer, WithoutProcAndSealNoDescriptorIsGiven)
 {
     failing.open_errno = ENOENT;
     failing.seal_knows_future_write = false;
@@ -209,7 +209,7 @@ TEST_F(buffer, WithoutProcAndSealNoDescriptorIsGiven)
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(buffer, MappingOutlivesTheBuffer)
+TEST_F(Buffer, MappingOutlivesTheBuffer)
 {
     make(mebibyte);
     memory.data()[5] = 77;
@@ -222,7 +222,7 @@ TEST_F(buffer, MappingOutlivesTheBuffer)
     EXPECT_EQ(byte, 77);
 }
 
-TEST_F(buffer, NoDescriptorForClientsBeforeMemoryIsReserved)
+TEST_F(Buffer, NoDescriptorForClientsBeforeMemoryIsReserved)
 {
     EXPECT_EQ(memory.open_read_only(), -1);
     ASSERT_EQ(memory.create(), 0);
@@ -230,14 +230,14 @@ TEST_F(buffer, NoDescriptorForClientsBeforeMemoryIsReserved)
     EXPECT_EQ(errno, ENODATA);
 }
 
-TEST_F(buffer, KernelWithoutTheNoexecFlagIsFine)
+TEST_F(Buffer, KernelWithoutTheNoexecFlagIsFine)
 {
     failing.create_knows_noexec = false;
     make(mebibyte);
     EXPECT_EQ(status().st_mode & 07777U, 0400U);
 }
 
-TEST_F(buffer, KernelWithoutTheFutureWriteSealKeepsTheOthers)
+TEST_F(Buffer, KernelWithoutTheFutureWriteSealKeepsTheOthers)
 {
     failing.seal_knows_future_write = false;
     make(mebibyte);
@@ -249,7 +249,7 @@ TEST_F(buffer, KernelWithoutTheFutureWriteSealKeepsTheOthers)
     EXPECT_EQ(write(reader.get(), "x", 1), -1);
 }
 
-TEST_F(buffer, CreationFailureIsTold)
+TEST_F(Buffer, CreationFailureIsTold)
 {
     failing.create_errno = EMFILE;
     EXPECT_EQ(memory.create(), -1);
@@ -257,7 +257,7 @@ TEST_F(buffer, CreationFailureIsTold)
     EXPECT_EQ(memory.fd(), -1);
 }
 
-TEST_F(buffer, FullMemoryGivesBackWhatWasTaken)
+TEST_F(Buffer, FullMemoryGivesBackWhatWasTaken)
 {
     failing.allocate_errno = ENOSPC;
     failing.allocate_from = 2;
@@ -265,25 +265,25 @@ TEST_F(buffer, FullMemoryGivesBackWhatWasTaken)
     EXPECT_EQ(failing.allocations, 2);
 }
 
-TEST_F(buffer, MappingFailureGivesBackWhatWasTaken)
+TEST_F(Buffer, MappingFailureGivesBackWhatWasTaken)
 {
     failing.map_errno = ENOMEM;
     expect_failure(mebibyte, "mapping", ENOMEM);
 }
 
-TEST_F(buffer, ModeFailureGivesBackWhatWasTaken)
+TEST_F(Buffer, ModeFailureGivesBackWhatWasTaken)
 {
     failing.mode_errno = EPERM;
     expect_failure(mebibyte, "changing the mode", EPERM);
 }
 
-TEST_F(buffer, SealFailureGivesBackWhatWasTaken)
+TEST_F(Buffer, SealFailureGivesBackWhatWasTaken)
 {
     failing.seal_errno = EBUSY;
     expect_failure(mebibyte, "sealing", EBUSY);
 }
 
-TEST_F(buffer, FailureCanBeFollowedByASuccess)
+TEST_F(Buffer, FailureCanBeFollowedByASuccess)
 {
     failing.map_errno = ENOMEM;
     expect_failure(mebibyte, "mapping", ENOMEM);
@@ -292,14 +292,14 @@ TEST_F(buffer, FailureCanBeFollowedByASuccess)
     EXPECT_EQ(memory.size(), mebibyte);
 }
 
-TEST_F(buffer, MemoryIsReservedInPiecesOf64MiB)
+TEST_F(Buffer, MemoryIsReservedInPiecesOf64MiB)
 {
     make(150 * mebibyte);
     EXPECT_EQ(failing.allocations, 3);
     EXPECT_EQ(failing.shortest_allocation, 22 * mebibyte);
 }
 
-TEST_F(buffer, SocketCanBeServedBetweenPieces)
+TEST_F(Buffer, SocketCanBeServedBetweenPieces)
 {
     static int rounds = 0;
     rounds = 0;
@@ -312,7 +312,7 @@ TEST_F(buffer, SocketCanBeServedBetweenPieces)
     EXPECT_EQ(rounds, 2);
 }
 
-TEST_F(buffer, ReservingCanBeEndedBetweenPiecesAndTriedAgain)
+TEST_F(Buffer, ReservingCanBeEndedBetweenPiecesAndTriedAgain)
 {
     ASSERT_EQ(memory.create(), 0);
     const reserve_failure failure = memory.reserve(150 * mebibyte, [] { return false; });
@@ -323,7 +323,7 @@ TEST_F(buffer, ReservingCanBeEndedBetweenPiecesAndTriedAgain)
     EXPECT_EQ(memory.reserve(mebibyte).step, nullptr);
 }
 
-TEST_F(buffer, InterruptionsMakeThePiecesSmaller)
+TEST_F(Buffer, InterruptionsMakeThePiecesSmaller)
 {
     failing.longest_uninterrupted = mebibyte;
     make(3 * mebibyte + 4097);
@@ -331,7 +331,7 @@ TEST_F(buffer, InterruptionsMakeThePiecesSmaller)
     EXPECT_EQ(status().st_size, 3 * 1024 * 1024 + 4097);
 }
 
-TEST_F(buffer, FastTimerDoesNotStarveTheReservation)
+TEST_F(Buffer, FastTimerDoesNotStarveTheReservation)
 {
     struct sigaction action = {};
     struct sigaction before = {};
@@ -348,7 +348,7 @@ TEST_F(buffer, FastTimerDoesNotStarveTheReservation)
     EXPECT_EQ(status().st_blocks * 512, 256 * 1024 * 1024);
 }
 
-TEST_F(buffer, FileSizeLimitIsAnErrorAndNotASignal)
+TEST_F(Buffer, FileSizeLimitIsAnErrorAndNotASignal)
 {
     child_process child([&] {
         const rlimit limit = {mebibyte, mebibyte};
@@ -362,7 +362,7 @@ TEST_F(buffer, FileSizeLimitIsAnErrorAndNotASignal)
     EXPECT_EQ(child.wait(), 0);
 }
 
-TEST_F(buffer, AddressSpaceLimitIsAnError)
+TEST_F(Buffer, AddressSpaceLimitIsAnError)
 {
     if (built_with_address_sanitizer) {
         GTEST_SKIP() << "the sanitizer's own mappings are past any limit";

@@ -7,7 +7,7 @@ using platform::leading_number;
 using platform::number_of_line;
 using platform::read_small_file;
 
-TEST(small_file, WholeTextIsRead)
+TEST(SmallFile, WholeTextIsRead)
 {
     const temporary_folder folder;
     for (const size_t size : {0U, 1U, 4095U, 4096U, 4097U, 100'000U}) {
@@ -17,21 +17,21 @@ TEST(small_file, WholeTextIsRead)
     }
 }
 
-TEST(small_file, ReadingEndsAtOneMebibyte)
+TEST(SmallFile, ReadingEndsAtOneMebibyte)
 {
     const temporary_folder folder;
     cnb_test::write_file(folder.path("text"), std::string(3'000'000, 'x'));
     EXPECT_EQ(read_small_file(folder.path("text")).size(), 1U << 20);
 }
 
-TEST(small_file, MissingFileAndFolderAreEmpty)
+TEST(SmallFile, MissingFileAndFolderAreEmpty)
 {
     const temporary_folder folder;
     EXPECT_EQ(read_small_file(folder.path("nothing")), "");
     EXPECT_EQ(read_small_file(folder.path()), "");
 }
 
-TEST(small_file, NumberIsTheOneInFront)
+TEST(SmallFile, NumberIsTheOneInFront)
 {
     EXPECT_EQ(leading_number("42 kB", 7), 42U);
     EXPECT_EQ(leading_number("18446744073709551615\n", 7), UINT64_MAX);
@@ -41,7 +41,7 @@ TEST(small_file, NumberIsTheOneInFront)
     EXPECT_EQ(leading_number("", 7), 7U);
 }
 
-TEST(small_file, LineIsFoundByItsWholeKey)
+TEST(SmallFile, LineIsFoundByItsWholeKey)
 {
     const char* text =
         "Mem: 1\nMemTotal:       24684084 kB\nMemTotal: 5\ninactive_file 12\nlast\t9";

@@ -11,7 +11,7 @@
 
 namespace {
 
-class alpha_drop : public framebuffer_test {
+class AlphaDrop : public framebuffer_test {
 protected:
     static void provide(unsigned char alpha, uint64_t frames = 1)
     {
@@ -42,7 +42,7 @@ protected:
 constexpr char dropped[] = "Image has opaque alpha channel. Disabling alpha channel.\n";
 constexpr char levels[] = "Generating mipmap 65 x 35\nGenerating mipmap 33 x 18\n";
 
-TEST_F(alpha_drop, PlaneOf254And255IsDroppedBeforeAnyLevelIsMade)
+TEST_F(AlphaDrop, PlaneOf254And255IsDroppedBeforeAnyLevelIsMade)
 {
     provide(254);
     byte_at(image_offset_A) = 255;
@@ -59,7 +59,7 @@ TEST_F(alpha_drop, PlaneOf254And255IsDroppedBeforeAnyLevelIsMade)
     EXPECT_EQ(mipmaps_avail, 2);
 }
 
-TEST_F(alpha_drop, LevelsOfADroppedPlaneAreNotWritten)
+TEST_F(AlphaDrop, LevelsOfADroppedPlaneAreNotWritten)
 {
     provide(255);
     const uint64_t offset = mipmap[0].offset_A;
@@ -68,7 +68,7 @@ TEST_F(alpha_drop, LevelsOfADroppedPlaneAreNotWritten)
     EXPECT_NE(byte_at(mipmap[0].offset_Y), 0);
 }
 
-TEST_F(alpha_drop, OneSampleOf253KeepsThePlane)
+TEST_F(AlphaDrop, OneSampleOf253KeepsThePlane)
 {
     provide(254);
     byte_at(image_offset_A + 69 * image_stride_A + 129) = 253; // the last visible one
@@ -81,7 +81,7 @@ TEST_F(alpha_drop, OneSampleOf253KeepsThePlane)
     EXPECT_TRUE(checked_main_alpha);
 }
 
-TEST_F(alpha_drop, PlaneIsJudgedOnce)
+TEST_F(AlphaDrop, PlaneIsJudgedOnce)
 {
     provide(100);
     generate();
@@ -90,7 +90,7 @@ TEST_F(alpha_drop, PlaneIsJudgedOnce)
     EXPECT_EQ(image_has_alpha_channel, 1);
 }
 
-TEST_F(alpha_drop, FurtherFramesKeepTheirPlanes)
+TEST_F(AlphaDrop, FurtherFramesKeepTheirPlanes)
 {
     provide(255, 3);
     const std::string text = generate();
@@ -107,14 +107,14 @@ TEST_F(alpha_drop, FurtherFramesKeepTheirPlanes)
     }
 }
 
-TEST_F(alpha_drop, OnlyTheFirstFrameIsJudged)
+TEST_F(AlphaDrop, OnlyTheFirstFrameIsJudged)
 {
     provide(255, 2);
     byte_at(image_offset_A + image_decoded_unit_size) = 0;
     EXPECT_EQ(generate(), std::string(dropped) + levels + levels);
 }
 
-TEST_F(alpha_drop, RecordWithoutThePlaneIsTakenAsJudged)
+TEST_F(AlphaDrop, RecordWithoutThePlaneIsTakenAsJudged)
 {
     for (const bool by_stride : {true, false}) {
         provide(255);
@@ -131,14 +131,14 @@ TEST_F(alpha_drop, RecordWithoutThePlaneIsTakenAsJudged)
     }
 }
 
-TEST_F(alpha_drop, PictureWithoutAlphaIsNotJudged)
+TEST_F(AlphaDrop, PictureWithoutAlphaIsNotJudged)
 {
     allocate({});
     generate();
     EXPECT_FALSE(checked_main_alpha);
 }
 
-TEST_F(alpha_drop, FailingListIsToldAndTheRestGoesOn)
+TEST_F(AlphaDrop, FailingListIsToldAndTheRestGoesOn)
 {
     provide(255);
     scripted::plan.fail_mapping = 70 + 2; // after the rows: main, level 0, level 1
@@ -152,7 +152,7 @@ TEST_F(alpha_drop, FailingListIsToldAndTheRestGoesOn)
     EXPECT_EQ(listed_alpha_offset(mipmap[1]), 0xFFFFFFFFU);
 }
 
-TEST_F(alpha_drop, SignalDuringTheTestKeepsThePlaneAndTheQuestion)
+TEST_F(AlphaDrop, SignalDuringTheTestKeepsThePlaneAndTheQuestion)
 {
     provide(255);
     scripted::plan.die_after_idle = 1; // row 64 of 70

@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(any_transparent, OneSampleAnywhereOfAnyWidthIsFound)
+TEST(AnyTransparent, OneSampleAnywhereOfAnyWidthIsFound)
 {
     for (size_t count = 1; count <= 300; ++count) {
         std::vector<unsigned char> samples(count, 254);
@@ -21,7 +21,7 @@ TEST(any_transparent, OneSampleAnywhereOfAnyWidthIsFound)
     }
 }
 
-TEST(any_transparent, EveryValueUpTo253Counts)
+TEST(AnyTransparent, EveryValueUpTo253Counts)
 {
     for (const size_t count : {1U, 64U, 65U}) {
         for (unsigned value = 0; value <= 255; ++value) {
@@ -32,12 +32,12 @@ TEST(any_transparent, EveryValueUpTo253Counts)
     }
 }
 
-TEST(any_transparent, NothingIsNotTransparent)
+TEST(AnyTransparent, NothingIsNotTransparent)
 {
     EXPECT_FALSE(any_transparent(nullptr, 0));
 }
 
-class alpha_plane : public framebuffer_test {
+class AlphaPlane : public framebuffer_test {
 protected:
     // A plane that is transparent wherever the picture is not visible.
     static void provide(int width, int height)
@@ -55,13 +55,13 @@ protected:
     }
 };
 
-TEST_F(alpha_plane, OnlyVisibleSamplesCount)
+TEST_F(AlphaPlane, OnlyVisibleSamplesCount)
 {
     provide(70, 50);
     EXPECT_EQ(test_alpha_plane(main_image_mipmap), ALPHA_OPAQUE);
 }
 
-TEST_F(alpha_plane, EachCornerCounts)
+TEST_F(AlphaPlane, EachCornerCounts)
 {
     for (const auto& [row, column] : {std::pair{0, 0}, {0, 69}, {49, 0}, {49, 69}}) {
         provide(70, 50);
@@ -70,7 +70,7 @@ TEST_F(alpha_plane, EachCornerCounts)
     }
 }
 
-TEST_F(alpha_plane, TestStopsAtTheFirstTransparentRow)
+TEST_F(AlphaPlane, TestStopsAtTheFirstTransparentRow)
 {
     provide(70, 50);
     byte_at(at(3, 5)) = 0;
@@ -79,7 +79,7 @@ TEST_F(alpha_plane, TestStopsAtTheFirstTransparentRow)
     EXPECT_EQ(scripted::log.mappings - before, 4U);
 }
 
-TEST_F(alpha_plane, UnreadableRowIsSkipped)
+TEST_F(AlphaPlane, UnreadableRowIsSkipped)
 {
     provide(70, 50);
     byte_at(at(3, 5)) = 0;
@@ -87,14 +87,14 @@ TEST_F(alpha_plane, UnreadableRowIsSkipped)
     EXPECT_EQ(test_alpha_plane(main_image_mipmap), ALPHA_OPAQUE);
 }
 
-TEST_F(alpha_plane, SocketIsServedBetweenBands)
+TEST_F(AlphaPlane, SocketIsServedBetweenBands)
 {
     provide(10, 200);
     test_alpha_plane(main_image_mipmap);
     EXPECT_EQ(scripted::log.idle_rounds, 3U); // rows 64, 128, 192
 }
 
-TEST_F(alpha_plane, SignalLeavesTheTestUndecided)
+TEST_F(AlphaPlane, SignalLeavesTheTestUndecided)
 {
     provide(10, 200);
     scripted::plan.die_after_idle = 2;

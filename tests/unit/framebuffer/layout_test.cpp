@@ -7,11 +7,11 @@
 
 namespace {
 
-class layout : public framebuffer_test {};
+class Layout : public framebuffer_test {};
 
 constexpr uint64_t level_area = 16 + 2245;
 
-TEST_F(layout, WorkedExampleOfTheDocumentation)
+TEST_F(Layout, WorkedExampleOfTheDocumentation)
 {
     EXPECT_EQ(lay_out({.width = 100, .height = 70, .x_shift = 1, .y_shift = 1, .row_multiple = 32}),
               "CNB buffer stats:\n"
@@ -27,7 +27,7 @@ TEST_F(layout, WorkedExampleOfTheDocumentation)
     EXPECT_EQ(image_decoded_size, 27210U);
 }
 
-TEST_F(layout, EveryPlaneFollowsTheOneBefore)
+TEST_F(Layout, EveryPlaneFollowsTheOneBefore)
 {
     lay_out({.width = 65, .height = 64, .alpha = true});
     EXPECT_EQ(image_offset_Y, 0U);
@@ -47,7 +47,7 @@ TEST_F(layout, EveryPlaneFollowsTheOneBefore)
     EXPECT_EQ(image_decoded_unit_size, level.scanline_data_offset + 2245);
 }
 
-TEST_F(layout, LevelRecordsCarryShiftsScaleAndRows)
+TEST_F(Layout, LevelRecordsCarryShiftsScaleAndRows)
 {
     lay_out({.width = 200, .height = 64, .x_shift = 1, .y_shift = 1});
     ASSERT_EQ(mipmaps, 2);
@@ -63,7 +63,7 @@ TEST_F(layout, LevelRecordsCarryShiftsScaleAndRows)
     EXPECT_EQ(mipmap[1].scanline_data_size, 2245U);
 }
 
-TEST_F(layout, NoLevelWhileBothHalvesAreBelow32)
+TEST_F(Layout, NoLevelWhileBothHalvesAreBelow32)
 {
     lay_out({.width = 33, .height = 20});
     EXPECT_EQ(mipmaps, 0);
@@ -72,7 +72,7 @@ TEST_F(layout, NoLevelWhileBothHalvesAreBelow32)
     EXPECT_EQ(image_decoded_unit_size, 3 * 64U * 64 + 197);
 }
 
-TEST_F(layout, PictureOf64SquareHasOneLevelOf32Square)
+TEST_F(Layout, PictureOf64SquareHasOneLevelOf32Square)
 {
     lay_out({.width = 64, .height = 64});
     ASSERT_EQ(mipmaps, 1);
@@ -80,7 +80,7 @@ TEST_F(layout, PictureOf64SquareHasOneLevelOf32Square)
     EXPECT_EQ(mipmap[0].height, 32);
 }
 
-TEST_F(layout, OneLongSideAloneKeepsTheLevelsComing)
+TEST_F(Layout, OneLongSideAloneKeepsTheLevelsComing)
 {
     lay_out({.width = 100, .height = 9000});
     ASSERT_EQ(mipmaps, 8); // 9000 >> 8 is 35, 9000 >> 9 is 17
@@ -88,7 +88,7 @@ TEST_F(layout, OneLongSideAloneKeepsTheLevelsComing)
     EXPECT_EQ(mipmap[7].height, 36);
 }
 
-TEST_F(layout, AtMost16Levels)
+TEST_F(Layout, AtMost16Levels)
 {
     lay_out({.width = 1 << 24, .height = 16, .x_shift = 1, .y_shift = 1});
     ASSERT_EQ(mipmaps, 16);
@@ -99,7 +99,7 @@ TEST_F(layout, AtMost16Levels)
 
 // The budget counts the rows of the picture; with the level's own two more this level would not
 // fit.
-TEST_F(layout, LevelThatJustFitsTheBudgetIsLaidOut)
+TEST_F(Layout, LevelThatJustFitsTheBudgetIsLaidOut)
 {
     // Strides 16 and 8: 24 bytes for each row, 197 and 2245 for the scanline data.
     constexpr int rows = (4026531839 - 197 - 2245) / 24;
@@ -111,7 +111,7 @@ TEST_F(layout, LevelThatJustFitsTheBudgetIsLaidOut)
     EXPECT_EQ(mipmaps, 0);
 }
 
-TEST_F(layout, BudgetCountsEveryPlaneWithFullRows)
+TEST_F(Layout, BudgetCountsEveryPlaneWithFullRows)
 {
     // 16 + 8 + 8 + 16 bytes and 8 + 8 + 8 + 8 more, although the chroma planes have half the rows.
     constexpr int full_size = 16 + 4 + 4 + 16;
@@ -125,7 +125,7 @@ TEST_F(layout, BudgetCountsEveryPlaneWithFullRows)
     EXPECT_EQ(mipmaps, 0);
 }
 
-TEST_F(layout, FullSizeBeyondTheBudgetIsKeptWithoutLevels)
+TEST_F(Layout, FullSizeBeyondTheBudgetIsKeptWithoutLevels)
 {
     lay_out({.width = 65535, .height = 65535, .alpha = true});
     EXPECT_EQ(mipmaps, 0);
@@ -133,7 +133,7 @@ TEST_F(layout, FullSizeBeyondTheBudgetIsKeptWithoutLevels)
     EXPECT_EQ(cnb_total, image_decoded_size);
 }
 
-TEST_F(layout, MonochromeHasZeroesInTheGlobalsAndMarkersInTheRecords)
+TEST_F(Layout, MonochromeHasZeroesInTheGlobalsAndMarkersInTheRecords)
 {
     const std::string text = lay_out({.width = 64, .height = 64, .monochrome = true});
     EXPECT_NE(text.find("    U: ofs=0 stride=0\n    V: ofs=0 stride=0\n    A: ofs=0 stride=0\n"
@@ -149,7 +149,7 @@ TEST_F(layout, MonochromeHasZeroesInTheGlobalsAndMarkersInTheRecords)
     EXPECT_EQ(mipmap[0].offset_A, absent_plane);
 }
 
-TEST_F(layout, WidthOfOneKeepsStridesOf16And8)
+TEST_F(Layout, WidthOfOneKeepsStridesOf16And8)
 {
     lay_out({.width = 1, .height = 256});
     EXPECT_EQ(image_stride_Y, 16U);
@@ -161,7 +161,7 @@ TEST_F(layout, WidthOfOneKeepsStridesOf16And8)
     }
 }
 
-TEST_F(layout, WidthOfOneWithHalvedChromaHasOffsetsButNoStride)
+TEST_F(Layout, WidthOfOneWithHalvedChromaHasOffsetsButNoStride)
 {
     lay_out({.width = 1, .height = 64, .x_shift = 1, .y_shift = 1, .row_multiple = 32});
     EXPECT_EQ(image_stride_U, 8U);
@@ -172,7 +172,7 @@ TEST_F(layout, WidthOfOneWithHalvedChromaHasOffsetsButNoStride)
     EXPECT_EQ(mipmap[0].offset_V, mipmap[0].offset_U);
 }
 
-TEST_F(layout, WidthOf17WithHalvedChromaHasStrides32And16)
+TEST_F(Layout, WidthOf17WithHalvedChromaHasStrides32And16)
 {
     lay_out({.width = 17, .height = 40, .x_shift = 1, .y_shift = 1, .row_multiple = 32});
     EXPECT_EQ(image_stride_Y, 32U);
@@ -181,7 +181,7 @@ TEST_F(layout, WidthOf17WithHalvedChromaHasStrides32And16)
     EXPECT_EQ(image_offset_V, 32U * 64 + 16 * 32);
 }
 
-TEST_F(layout, ChromaOfOddLevelWidthsIsRoundedDown)
+TEST_F(Layout, ChromaOfOddLevelWidthsIsRoundedDown)
 {
     lay_out({.width = 66, .height = 8, .x_shift = 1});
     ASSERT_EQ(mipmaps, 1);
@@ -190,7 +190,7 @@ TEST_F(layout, ChromaOfOddLevelWidthsIsRoundedDown)
     EXPECT_EQ(mipmap[0].stride_U, 16U); // 33 / 2 = 16, not 17
 }
 
-TEST_F(layout, TotalIsFramesTimesUnit)
+TEST_F(Layout, TotalIsFramesTimesUnit)
 {
     lay_out({.width = 70, .height = 40, .alpha = true, .frames = 5});
     EXPECT_EQ(image_decoded_unit_size, 4 * 80U * 48 + 197 + 4 * 40U * 50 + level_area);
@@ -199,21 +199,21 @@ TEST_F(layout, TotalIsFramesTimesUnit)
     EXPECT_EQ(cnb_static_alloc, 1);
 }
 
-TEST_F(layout, TotalBeyond64BitsIsAllOnes)
+TEST_F(Layout, TotalBeyond64BitsIsAllOnes)
 {
     lay_out({.width = 64, .height = 64, .frames = UINT64_C(1) << 52});
     EXPECT_EQ(image_decoded_size, UINT64_MAX);
     EXPECT_EQ(cnb_total, UINT64_MAX);
 }
 
-TEST_F(layout, LargestSidesDoNotWrap)
+TEST_F(Layout, LargestSidesDoNotWrap)
 {
     lay_out({.width = INT_MAX, .height = 1, .row_multiple = 1});
     EXPECT_EQ(image_stride_Y, UINT64_C(1) << 31);
     EXPECT_EQ(image_decoded_size, 3 * (UINT64_C(1) << 31) + 197);
 }
 
-TEST_F(layout, FinalReportShowsTheTotalAndTheLevelsAsTheyAre)
+TEST_F(Layout, FinalReportShowsTheTotalAndTheLevelsAsTheyAre)
 {
     lay_out({.width = 64, .height = 64, .monochrome = true, .alpha = true, .frames = 2});
     image_offset_A = image_stride_A = 0;
@@ -231,21 +231,21 @@ TEST_F(layout, FinalReportShowsTheTotalAndTheLevelsAsTheyAre)
               "scan@12629+2245\n");
 }
 
-using layout_death = layout;
+using LayoutDeath = Layout;
 
-TEST_F(layout_death, PictureWithoutWidth)
+TEST_F(LayoutDeath, PictureWithoutWidth)
 {
     describe({.width = 0, .height = 5});
     EXPECT_DEATH(layout_full_size(), "bin/vexa_stillimage: .*`image_width > 0'");
 }
 
-TEST_F(layout_death, PictureWithoutHeight)
+TEST_F(LayoutDeath, PictureWithoutHeight)
 {
     describe({.width = 5, .height = -1});
     EXPECT_DEATH(layout_full_size(), "bin/vexa_stillimage: .*`image_height > 0'");
 }
 
-TEST_F(layout, ResetBringsTheValuesAtProgramStart)
+TEST_F(Layout, ResetBringsTheValuesAtProgramStart)
 {
     lay_out({.width = 200, .height = 100, .alpha = true, .frames = 3});
     secondary_image_mipmap_main.resize(2);

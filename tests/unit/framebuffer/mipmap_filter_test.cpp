@@ -54,7 +54,7 @@ unsigned char slow_sample(const three_rows& rows, size_t n, size_t k)
     return static_cast<unsigned char>((sum + 8) >> 4);
 }
 
-class mipmap_filter : public testing::TestWithParam<mipmap_kernel_variant> {
+class MipmapFilter : public testing::TestWithParam<mipmap_kernel_variant> {
 protected:
     void SetUp() override
     {
@@ -64,7 +64,7 @@ protected:
     }
 };
 
-TEST_P(mipmap_filter, EveryWidthIsAsTheFormulaSays)
+TEST_P(MipmapFilter, EveryWidthIsAsTheFormulaSays)
 {
     for (size_t last = 1; last <= 300; ++last) {
         const three_rows rows = random_rows(2 * last + 2, static_cast<uint32_t>(last));
@@ -77,7 +77,7 @@ TEST_P(mipmap_filter, EveryWidthIsAsTheFormulaSays)
     }
 }
 
-TEST_P(mipmap_filter, LongRowsAreAsTheFormulaSays)
+TEST_P(MipmapFilter, LongRowsAreAsTheFormulaSays)
 {
     for (const size_t last : {4095U, 8192U, 16383U, 32768U}) {
         const three_rows rows = random_rows(2 * last + 2, static_cast<uint32_t>(last));
@@ -89,7 +89,7 @@ TEST_P(mipmap_filter, LongRowsAreAsTheFormulaSays)
     }
 }
 
-TEST_P(mipmap_filter, NoSumOfExtremesOverflows)
+TEST_P(MipmapFilter, NoSumOfExtremesOverflows)
 {
     constexpr size_t last = 100;
     for (const unsigned pattern : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U}) {
@@ -109,7 +109,7 @@ TEST_P(mipmap_filter, NoSumOfExtremesOverflows)
     }
 }
 
-TEST_P(mipmap_filter, NoSampleIsAnEmptyRange)
+TEST_P(MipmapFilter, NoSampleIsAnEmptyRange)
 {
     const three_rows rows = random_rows(2, 1);
     unsigned char out = 0xEE;
@@ -117,7 +117,7 @@ TEST_P(mipmap_filter, NoSampleIsAnEmptyRange)
     EXPECT_EQ(out, 0xEE);
 }
 
-TEST_P(mipmap_filter, RowIsWrittenUpToItsStrideAndNoFurther)
+TEST_P(MipmapFilter, RowIsWrittenUpToItsStrideAndNoFurther)
 {
     for (size_t samples = 1; samples <= 200; ++samples) {
         const size_t stride = (samples + 7) / 8 * 8;
@@ -134,11 +134,11 @@ TEST_P(mipmap_filter, RowIsWrittenUpToItsStrideAndNoFurther)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(versions, mipmap_filter,
+INSTANTIATE_TEST_SUITE_P(versions, MipmapFilter,
                          testing::ValuesIn(mipmap_kernels().begin(), mipmap_kernels().end()),
                          [](const auto& variant) { return std::string(variant.param.name); });
 
-TEST(mipmap_filter_columns, CountTwoForEachSampleWithRoom)
+TEST(MipmapFilterColumns, CountTwoForEachSampleWithRoom)
 {
     EXPECT_EQ(filter_columns(1, 8), 4U);
     EXPECT_EQ(filter_columns(7, 8), 16U);
@@ -146,7 +146,7 @@ TEST(mipmap_filter_columns, CountTwoForEachSampleWithRoom)
     EXPECT_EQ(filter_columns(9, 16), 20U);
 }
 
-TEST(mipmap_filter_choice, TakesTheLastThatRunsHere)
+TEST(MipmapFilterChoice, TakesTheLastThatRunsHere)
 {
     mipmap_kernel wanted = nullptr;
     for (const auto& variant : mipmap_kernels()) {

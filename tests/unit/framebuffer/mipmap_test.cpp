@@ -9,7 +9,7 @@
 
 namespace {
 
-class mipmap_generation : public framebuffer_test {
+class MipmapGeneration : public framebuffer_test {
 protected:
     // A picture of one plane whose rows are each of one value, and its first level.
     static void provide_striped(int height, unsigned char level_fill)
@@ -33,7 +33,7 @@ protected:
     }
 };
 
-TEST_F(mipmap_generation, EachLevelIsAnnounced)
+TEST_F(MipmapGeneration, EachLevelIsAnnounced)
 {
     allocate({.width = 200, .height = 100, .frames = 2});
     EXPECT_EQ(printed([] { generate_all_mipmaps(); }), "Generating mipmap 100 x 50\n"
@@ -42,7 +42,7 @@ TEST_F(mipmap_generation, EachLevelIsAnnounced)
                                                        "Generating mipmap 50 x 25\n");
 }
 
-TEST_F(mipmap_generation, RowsAreWeightedOneTwoOne)
+TEST_F(MipmapGeneration, RowsAreWeightedOneTwoOne)
 {
     provide_striped(64, 0);
     generate_level();
@@ -51,7 +51,7 @@ TEST_F(mipmap_generation, RowsAreWeightedOneTwoOne)
     EXPECT_EQ(level_row(31), (244U + 2 * 248 + 252) / 4);
 }
 
-TEST_F(mipmap_generation, LastRowOfAnOddHeightIsItsOwnRowBelow)
+TEST_F(MipmapGeneration, LastRowOfAnOddHeightIsItsOwnRowBelow)
 {
     allocate({.width = 16, .height = 65, .monochrome = true});
     ASSERT_EQ(mipmap[0].height, 33);
@@ -64,7 +64,7 @@ TEST_F(mipmap_generation, LastRowOfAnOddHeightIsItsOwnRowBelow)
     EXPECT_EQ(level_row(33), 0xEEU);
 }
 
-TEST_F(mipmap_generation, LevelOfWidthOneHasThreeSamples)
+TEST_F(MipmapGeneration, LevelOfWidthOneHasThreeSamples)
 {
     allocate({.width = 1, .height = 64, .monochrome = true});
     memset(&byte_at(0), 40, image_scanline_data_buffer_offset);
@@ -74,7 +74,7 @@ TEST_F(mipmap_generation, LevelOfWidthOneHasThreeSamples)
     EXPECT_EQ(memcmp(&byte_at(mipmap[0].offset_Y), wanted, sizeof wanted), 0);
 }
 
-TEST_F(mipmap_generation, LevelsThatAreNotHalvesAreWarnedAboutAndMade)
+TEST_F(MipmapGeneration, LevelsThatAreNotHalvesAreWarnedAboutAndMade)
 {
     provide_striped(64, 0);
     mipmap[0].width = 9;
@@ -91,7 +91,7 @@ TEST_F(mipmap_generation, LevelsThatAreNotHalvesAreWarnedAboutAndMade)
                                 "mipmap warning: mipmap width != 1/2 image width\n");
 }
 
-TEST_F(mipmap_generation, RecordWithoutLumaIsOnlyAnnounced)
+TEST_F(MipmapGeneration, RecordWithoutLumaIsOnlyAnnounced)
 {
     for (mipmap_image* record : {&mipmap[0], &main_image_mipmap}) {
         provide_striped(64, 0xEE);
@@ -102,7 +102,7 @@ TEST_F(mipmap_generation, RecordWithoutLumaIsOnlyAnnounced)
     }
 }
 
-TEST_F(mipmap_generation, PlaneAbsentOnEitherSideIsSkipped)
+TEST_F(MipmapGeneration, PlaneAbsentOnEitherSideIsSkipped)
 {
     for (const bool in_source : {false, true}) {
         allocate({.alpha = true});
@@ -117,7 +117,7 @@ TEST_F(mipmap_generation, PlaneAbsentOnEitherSideIsSkipped)
     }
 }
 
-TEST_F(mipmap_generation, SourceWithoutRowsGivesNone)
+TEST_F(MipmapGeneration, SourceWithoutRowsGivesNone)
 {
     provide_striped(64, 0xEE);
     main_image_mipmap.height = 0;
@@ -126,7 +126,7 @@ TEST_F(mipmap_generation, SourceWithoutRowsGivesNone)
 }
 
 // With quartered chroma the rule would fill more rows than the plane has.
-TEST_F(mipmap_generation, SurplusRowsOfQuarteredChromaStayOffTheScanlineList)
+TEST_F(MipmapGeneration, SurplusRowsOfQuarteredChromaStayOffTheScanlineList)
 {
     allocate({.width = 64, .height = 128, .x_shift = 2, .y_shift = 2});
     fill_planes(1);
@@ -145,7 +145,7 @@ TEST_F(mipmap_generation, SurplusRowsOfQuarteredChromaStayOffTheScanlineList)
 // --- rows that cannot be had; requests go above, middle, below, destination
 // ------------------------
 
-TEST_F(mipmap_generation, MissingRowAboveIsReplacedByTheMiddleOne)
+TEST_F(MipmapGeneration, MissingRowAboveIsReplacedByTheMiddleOne)
 {
     provide_striped(64, 0xEE);
     scripted::plan.fail_mapping = 4 + 1;
@@ -154,7 +154,7 @@ TEST_F(mipmap_generation, MissingRowAboveIsReplacedByTheMiddleOne)
     EXPECT_EQ(level_row(2), (12U + 2 * 16 + 20) / 4);
 }
 
-TEST_F(mipmap_generation, MissingMiddleRowLeavesTheDestinationRowAsItWas)
+TEST_F(MipmapGeneration, MissingMiddleRowLeavesTheDestinationRowAsItWas)
 {
     provide_striped(64, 0xEE);
     scripted::plan.fail_mapping = 4 + 2;
@@ -164,7 +164,7 @@ TEST_F(mipmap_generation, MissingMiddleRowLeavesTheDestinationRowAsItWas)
     EXPECT_EQ(level_row(2), 16U);
 }
 
-TEST_F(mipmap_generation, MissingRowBelowIsReplacedByTheMiddleOne)
+TEST_F(MipmapGeneration, MissingRowBelowIsReplacedByTheMiddleOne)
 {
     provide_striped(64, 0xEE);
     scripted::plan.fail_mapping = 4 + 3;
@@ -172,7 +172,7 @@ TEST_F(mipmap_generation, MissingRowBelowIsReplacedByTheMiddleOne)
     EXPECT_EQ(level_row(1), (4U + 2 * 8 + 8) / 4);
 }
 
-TEST_F(mipmap_generation, MissingDestinationRowIsToldAndSkipped)
+TEST_F(MipmapGeneration, MissingDestinationRowIsToldAndSkipped)
 {
     provide_striped(64, 0xEE);
     scripted::plan.fail_mapping = 4 + 4;
@@ -182,7 +182,7 @@ TEST_F(mipmap_generation, MissingDestinationRowIsToldAndSkipped)
     EXPECT_EQ(level_row(2), 16U);
 }
 
-TEST_F(mipmap_generation, DestinationRowAsksFor32BytesMoreThanItsStride)
+TEST_F(MipmapGeneration, DestinationRowAsksFor32BytesMoreThanItsStride)
 {
     provide_striped(64, 0xEE);
     scripted::plan.unmappable = {mipmap[0].offset_Y + UINT64_C(32) * 8 + 31, 1};
@@ -203,7 +203,7 @@ mipmap_image luma_only(int width, int height, uint64_t stride, uint64_t offset)
     return picture;
 }
 
-TEST_F(mipmap_generation, ColumnsBehindTheBufferCountAsZero)
+TEST_F(MipmapGeneration, ColumnsBehindTheBufferCountAsZero)
 {
     for (const int width : {8, 16, 24, 40, 136}) {
         const auto stride = static_cast<uint64_t>(width);
@@ -219,7 +219,7 @@ TEST_F(mipmap_generation, ColumnsBehindTheBufferCountAsZero)
     }
 }
 
-TEST_F(mipmap_generation, LevelWiderThanItsSourceReadsNoFurtherThanTheBuffer)
+TEST_F(MipmapGeneration, LevelWiderThanItsSourceReadsNoFurtherThanTheBuffer)
 {
     mipmap_image source = luma_only(8, 4, 8, 400);
     mipmap_image level = luma_only(100, 2, 104, 0);
@@ -232,21 +232,21 @@ TEST_F(mipmap_generation, LevelWiderThanItsSourceReadsNoFurtherThanTheBuffer)
 
 // --- socket and signals -------------------------------------------------------------------------
 
-TEST_F(mipmap_generation, SocketIsServedIn16OfEvery256Rows)
+TEST_F(MipmapGeneration, SocketIsServedIn16OfEvery256Rows)
 {
     allocate({.width = 1, .height = 1100, .monochrome = true}); // 550 rows: 16 + 16 + 16
     generate_level();
     EXPECT_EQ(scripted::log.idle_rounds, 48U);
 }
 
-TEST_F(mipmap_generation, EachPlaneServesTheSocket)
+TEST_F(MipmapGeneration, EachPlaneServesTheSocket)
 {
     allocate({.width = 64, .height = 64, .alpha = true});
     generate_level();
     EXPECT_EQ(scripted::log.idle_rounds, 4U * 16);
 }
 
-TEST_F(mipmap_generation, BusySocketIsServedUpToTenTimes)
+TEST_F(MipmapGeneration, BusySocketIsServedUpToTenTimes)
 {
     provide_striped(64, 0);
     scripted::plan.comm_work = 1;
@@ -254,7 +254,7 @@ TEST_F(mipmap_generation, BusySocketIsServedUpToTenTimes)
     EXPECT_EQ(scripted::log.idle_rounds, 160U);
 }
 
-TEST_F(mipmap_generation, SignalStopsAtTheNextRow)
+TEST_F(MipmapGeneration, SignalStopsAtTheNextRow)
 {
     provide_striped(64, 0xEE);
     scripted::plan.die_after_idle = 6; // before row 5
@@ -264,7 +264,7 @@ TEST_F(mipmap_generation, SignalStopsAtTheNextRow)
     EXPECT_EQ(level_row(6), 0xEEU);
 }
 
-TEST_F(mipmap_generation, SignalStopsPlanesAndLevelsButMakesThemAvailable)
+TEST_F(MipmapGeneration, SignalStopsPlanesAndLevelsButMakesThemAvailable)
 {
     allocate({.width = 128, .height = 128, .frames = 2});
     fill_planes(1);
@@ -285,7 +285,7 @@ TEST_F(mipmap_generation, SignalStopsPlanesAndLevelsButMakesThemAvailable)
 
 // --- generate_all_mipmaps -----------------------------------------------------------------------
 
-TEST_F(mipmap_generation, LevelsAreAvailableOnlyAtTheEnd)
+TEST_F(MipmapGeneration, LevelsAreAvailableOnlyAtTheEnd)
 {
     allocate({.width = 128, .height = 128, .frames = 3});
     int most = 0;
@@ -295,14 +295,14 @@ TEST_F(mipmap_generation, LevelsAreAvailableOnlyAtTheEnd)
     EXPECT_EQ(mipmaps_avail, 2);
 }
 
-TEST_F(mipmap_generation, PictureWithoutLevelsIsDoneAtOnce)
+TEST_F(MipmapGeneration, PictureWithoutLevelsIsDoneAtOnce)
 {
     allocate({.width = 20, .height = 20, .frames = 2});
     EXPECT_EQ(printed([] { generate_all_mipmaps(); }), "");
     EXPECT_EQ(mipmaps_avail, 0);
 }
 
-TEST_F(mipmap_generation, SecondRunRefreshesTheLevels)
+TEST_F(MipmapGeneration, SecondRunRefreshesTheLevels)
 {
     allocate({.width = 70, .height = 70});
     fill_planes(1);
@@ -315,16 +315,16 @@ TEST_F(mipmap_generation, SecondRunRefreshesTheLevels)
     EXPECT_EQ(mipmaps_avail, 1);
 }
 
-using mipmap_generation_death = mipmap_generation;
+using MipmapGenerationDeath = MipmapGeneration;
 
-TEST_F(mipmap_generation_death, FewerFurtherRecordsThanFrames)
+TEST_F(MipmapGenerationDeath, FewerFurtherRecordsThanFrames)
 {
     allocate({.frames = 3});
     secondary_image_mipmap_main.resize(1);
     EXPECT_DEATH(generate_all_mipmaps(), "`i < secondary_image_mipmap_main.size\\(\\)'");
 }
 
-TEST_F(mipmap_generation_death, FewerFurtherLevelsThanFrames)
+TEST_F(MipmapGenerationDeath, FewerFurtherLevelsThanFrames)
 {
     allocate({.frames = 3});
     secondary_image_mipmap[0].resize(1);

@@ -22,7 +22,7 @@ struct colour_model {
     bool alpha;
 };
 
-class pyramid : public framebuffer_test, public testing::WithParamInterface<colour_model> {
+class Pyramid : public framebuffer_test, public testing::WithParamInterface<colour_model> {
 protected:
     static shape picture(int width, int height, uint64_t frames = 1)
     {
@@ -58,7 +58,7 @@ protected:
     }
 };
 
-TEST_P(pyramid, SmallSizesAreAsTheModel)
+TEST_P(Pyramid, SmallSizesAreAsTheModel)
 {
     std::mt19937 random(7);
     for (int i = 0; i < 400; ++i) {
@@ -69,21 +69,21 @@ TEST_P(pyramid, SmallSizesAreAsTheModel)
     }
 }
 
-TEST_P(pyramid, EveryWidthIsAsTheModel)
+TEST_P(Pyramid, EveryWidthIsAsTheModel)
 {
     for (int width = 1; width <= 140; ++width) {
         compare(picture(width, 64 + width % 5), static_cast<uint32_t>(width));
     }
 }
 
-TEST_P(pyramid, EveryHeightIsAsTheModel)
+TEST_P(Pyramid, EveryHeightIsAsTheModel)
 {
     for (int height = 1; height <= 140; ++height) {
         compare(picture(64 + height % 9, height), static_cast<uint32_t>(height));
     }
 }
 
-TEST_P(pyramid, ExtremeShapesAreAsTheModel)
+TEST_P(Pyramid, ExtremeShapesAreAsTheModel)
 {
     const std::pair<int, int> shapes[] = {{1, 16384}, {16384, 1},  {2, 9000},  {3, 9001},
                                           {9001, 3},  {65535, 1},  {1, 65535}, {65535, 2},
@@ -93,7 +93,7 @@ TEST_P(pyramid, ExtremeShapesAreAsTheModel)
     }
 }
 
-TEST_P(pyramid, FramesAreAsTheModel)
+TEST_P(Pyramid, FramesAreAsTheModel)
 {
     compare(picture(67, 33, 3), 1);
     compare(picture(130, 70, 5), 2);
@@ -101,7 +101,7 @@ TEST_P(pyramid, FramesAreAsTheModel)
 }
 
 // Twice over the same planes, with other contents of fresh heap memory: the same allocation.
-TEST_P(pyramid, TwoRunsGiveTheSameBytes)
+TEST_P(Pyramid, TwoRunsGiveTheSameBytes)
 {
     std::vector<unsigned char> first;
     for (const int perturb : {0x55, 0xAA}) {
@@ -118,7 +118,7 @@ TEST_P(pyramid, TwoRunsGiveTheSameBytes)
     mallopt(M_PERTURB, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(colour_models, pyramid,
+INSTANTIATE_TEST_SUITE_P(colour_models, Pyramid,
                          testing::Values(colour_model{"mono", 0, 0, true, false},
                                          colour_model{"mono_alpha", 0, 0, true, true},
                                          colour_model{"c420", 1, 1, false, false},

@@ -11,7 +11,7 @@ namespace {
 
 using namespace scanline_format;
 
-class records : public framebuffer_test {
+class Records : public framebuffer_test {
 protected:
     static void provide(const shape& picture)
     {
@@ -32,7 +32,7 @@ bool has_list(const mipmap_image& picture)
     return memcmp(&byte_at(picture.scanline_data_offset + at_end_mark), "END!", 4) == 0;
 }
 
-TEST_F(records, MainRecordHoldsTheFullSizePicture)
+TEST_F(Records, MainRecordHoldsTheFullSizePicture)
 {
     provide({.width = 100, .height = 70, .x_shift = 1, .y_shift = 1, .row_multiple = 32});
     EXPECT_EQ(printed([] { EXPECT_EQ(build_picture_records(), 0); }), "");
@@ -60,7 +60,7 @@ TEST_F(records, MainRecordHoldsTheFullSizePicture)
     EXPECT_EQ(frame_number_in(mipmap[0]), 1U);
 }
 
-TEST_F(records, AbsentPlanesOfTheMainRecordAreMarked)
+TEST_F(Records, AbsentPlanesOfTheMainRecordAreMarked)
 {
     provide({.monochrome = true, .alpha = true});
     build_picture_records();
@@ -71,7 +71,7 @@ TEST_F(records, AbsentPlanesOfTheMainRecordAreMarked)
     EXPECT_EQ(main_image_mipmap.stride_A, 64U);
 }
 
-TEST_F(records, FurtherFramesAreMovedByTheirUnits)
+TEST_F(Records, FurtherFramesAreMovedByTheirUnits)
 {
     provide({.width = 130, .height = 40, .alpha = true, .frames = 4});
     ASSERT_EQ(mipmaps, 2);
@@ -104,7 +104,7 @@ TEST_F(records, FurtherFramesAreMovedByTheirUnits)
     }
 }
 
-TEST_F(records, AbsentPlanesOfFurtherFramesStayMarked)
+TEST_F(Records, AbsentPlanesOfFurtherFramesStayMarked)
 {
     provide({.monochrome = true, .frames = 2});
     build_picture_records();
@@ -116,7 +116,7 @@ TEST_F(records, AbsentPlanesOfFurtherFramesStayMarked)
     }
 }
 
-TEST_F(records, ASingleFrameEmptiesTheFurtherRecords)
+TEST_F(Records, ASingleFrameEmptiesTheFurtherRecords)
 {
     provide({});
     secondary_image_mipmap_main.resize(4);
@@ -128,7 +128,7 @@ TEST_F(records, ASingleFrameEmptiesTheFurtherRecords)
     EXPECT_TRUE(secondary_image_mipmap[9].empty());
 }
 
-TEST_F(records, AFailingListIsToldAndTheOthersAreWritten)
+TEST_F(Records, AFailingListIsToldAndTheOthersAreWritten)
 {
     provide({.frames = 2}); // lists: main, level, main of frame 1, its level
     for (int failing = 1; failing <= 4; ++failing) {
@@ -147,14 +147,14 @@ TEST_F(records, AFailingListIsToldAndTheOthersAreWritten)
     }
 }
 
-TEST_F(records, MoreRecordsThanMemoryIsAnAllocationFailure)
+TEST_F(Records, MoreRecordsThanMemoryIsAnAllocationFailure)
 {
     provide({.width = 16, .height = 16});
     image_decoded_frames = UINT64_C(1) << 62;
     EXPECT_EQ(printed([] { EXPECT_EQ(build_picture_records(), -1); }), "CNB allocation failed\n");
 }
 
-TEST_F(records, ManyFramesServeTheSocketAndSeeASignal)
+TEST_F(Records, ManyFramesServeTheSocketAndSeeASignal)
 {
     provide({.width = 8, .height = 8, .frames = 300});
     scripted::plan.die_after_idle = 2; // before frame 128
@@ -164,7 +164,7 @@ TEST_F(records, ManyFramesServeTheSocketAndSeeASignal)
     EXPECT_TRUE(has_list(secondary_image_mipmap_main[127]));
 }
 
-TEST_F(records, AStillPictureIsRecordedWithoutAPump)
+TEST_F(Records, AStillPictureIsRecordedWithoutAPump)
 {
     provide({.width = 300, .height = 300});
     build_picture_records();

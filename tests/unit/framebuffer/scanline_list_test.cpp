@@ -11,7 +11,7 @@
 
 namespace {
 
-class scanline_list : public framebuffer_test {
+class ScanlineList : public framebuffer_test {
 protected:
     static void provide(const shape& picture)
     {
@@ -38,7 +38,7 @@ void expect_bytes(const mipmap_image& picture, uint64_t at, std::vector<unsigned
     }
 }
 
-TEST_F(scanline_list, WorkedExampleOfTheDocumentation)
+TEST_F(ScanlineList, WorkedExampleOfTheDocumentation)
 {
     provide({.width = 100, .height = 70, .x_shift = 1, .y_shift = 1, .row_multiple = 32});
     vexa_aspect_ratio = {16, 9};
@@ -62,7 +62,7 @@ TEST_F(scanline_list, WorkedExampleOfTheDocumentation)
     }
 }
 
-TEST_F(scanline_list, EveryFieldOfAPictureWithAllPlanes)
+TEST_F(ScanlineList, EveryFieldOfAPictureWithAllPlanes)
 {
     provide({.width = 300, .height = 200, .x_shift = 1, .alpha = true, .frames = 2});
     vexa_aspect_ratio = {4, 3};
@@ -108,7 +108,7 @@ TEST_F(scanline_list, EveryFieldOfAPictureWithAllPlanes)
     expect_bytes(level, 165, {'E', 'N', 'D', '!'});
 }
 
-TEST_F(scanline_list, ChromaShiftsGiveMasksAndLastRows)
+TEST_F(ScanlineList, ChromaShiftsGiveMasksAndLastRows)
 {
     provide({.width = 64, .height = 70, .y_shift = 1});
     setup_scanline_list(&main_image_mipmap, 1);
@@ -126,7 +126,7 @@ TEST_F(scanline_list, ChromaShiftsGiveMasksAndLastRows)
     EXPECT_EQ(field(main_image_mipmap, 159, 2), 16U);
 }
 
-TEST_F(scanline_list, AreaBehindTheRecordIsZeroAndNothingElseIsTouched)
+TEST_F(ScanlineList, AreaBehindTheRecordIsZeroAndNothingElseIsTouched)
 {
     provide({.width = 64, .height = 64});
     for (mipmap_image* picture : {&main_image_mipmap, &mipmap[0]}) {
@@ -141,7 +141,7 @@ TEST_F(scanline_list, AreaBehindTheRecordIsZeroAndNothingElseIsTouched)
     }
 }
 
-TEST_F(scanline_list, MonochromeHasNoChromaPlanesButTheirMasks)
+TEST_F(ScanlineList, MonochromeHasNoChromaPlanesButTheirMasks)
 {
     provide({.width = 64, .height = 64, .x_shift = 1, .y_shift = 1, .monochrome = true});
     setup_scanline_list(&main_image_mipmap, 1);
@@ -153,7 +153,7 @@ TEST_F(scanline_list, MonochromeHasNoChromaPlanesButTheirMasks)
     expect_bytes(main_image_mipmap, 46, {0x80, 0x80, 0x80, 0x80});
 }
 
-TEST_F(scanline_list, PictureWithoutAlphaKeepsTheLastRowOfAlpha)
+TEST_F(ScanlineList, PictureWithoutAlphaKeepsTheLastRowOfAlpha)
 {
     provide({.width = 64, .height = 50});
     setup_scanline_list(&main_image_mipmap, 1);
@@ -162,7 +162,7 @@ TEST_F(scanline_list, PictureWithoutAlphaKeepsTheLastRowOfAlpha)
     EXPECT_EQ(field(main_image_mipmap, 163, 2), 49U);
 }
 
-TEST_F(scanline_list, AbsentPlaneIsKnownByItsStrideNotByItsOffset)
+TEST_F(ScanlineList, AbsentPlaneIsKnownByItsStrideNotByItsOffset)
 {
     provide({.width = 1, .height = 64, .x_shift = 1, .y_shift = 1, .row_multiple = 32});
     ASSERT_NE(mipmap[0].offset_U, absent_plane);
@@ -171,10 +171,10 @@ TEST_F(scanline_list, AbsentPlaneIsKnownByItsStrideNotByItsOffset)
     EXPECT_EQ(field(mipmap[0], 149, 4), 0xFFFFFFFFU);
 }
 
-class aspect_ratio : public framebuffer_test,
-                     public testing::WithParamInterface<std::tuple<int_rational, int_rational>> {};
+class AspectRatio : public framebuffer_test,
+                    public testing::WithParamInterface<std::tuple<int_rational, int_rational>> {};
 
-TEST_P(aspect_ratio, IsThePicturesOwnUnlessBothNumbersArePositive)
+TEST_P(AspectRatio, IsThePicturesOwnUnlessBothNumbersArePositive)
 {
     const auto [set, wanted] = GetParam();
     allocate({.width = 640, .height = 480});
@@ -184,7 +184,7 @@ TEST_P(aspect_ratio, IsThePicturesOwnUnlessBothNumbersArePositive)
     EXPECT_EQ(field(main_image_mipmap, 22, 2), static_cast<uint64_t>(wanted.denominator));
 }
 
-INSTANTIATE_TEST_SUITE_P(scanline_list, aspect_ratio,
+INSTANTIATE_TEST_SUITE_P(scanline_list, AspectRatio,
                          testing::Values(std::tuple{int_rational{16, 9}, int_rational{16, 9}},
                                          std::tuple{int_rational{1, 1}, int_rational{1, 1}},
                                          std::tuple{int_rational{0, 0}, int_rational{640, 480}},
@@ -194,7 +194,7 @@ INSTANTIATE_TEST_SUITE_P(scanline_list, aspect_ratio,
                                          std::tuple{int_rational{0x1FFFF, 0x10002},
                                                     int_rational{0xFFFF, 2}}));
 
-TEST_F(scanline_list, FourthFrameHasItsNumberAndItsOwnUnit)
+TEST_F(ScanlineList, FourthFrameHasItsNumberAndItsOwnUnit)
 {
     allocate({.width = 64, .height = 64, .alpha = true, .frames = 4});
     const mipmap_image& main = secondary_image_mipmap_main[2];
@@ -205,7 +205,7 @@ TEST_F(scanline_list, FourthFrameHasItsNumberAndItsOwnUnit)
               3 * image_decoded_unit_size + mipmap[0].offset_Y);
 }
 
-TEST_F(scanline_list, AreaIsWrittenAtItsExactOffset)
+TEST_F(ScanlineList, AreaIsWrittenAtItsExactOffset)
 {
     allocate({});
     for (const uint64_t offset : {UINT64_C(0), UINT64_C(1), UINT64_C(4095), UINT64_C(4096),
@@ -221,7 +221,7 @@ TEST_F(scanline_list, AreaIsWrittenAtItsExactOffset)
 }
 
 // 16.16 in signed 32 bits: from 32768 pixels on the number is negative.
-TEST_F(scanline_list, SizesFrom32768OnAreSignExtended)
+TEST_F(ScanlineList, SizesFrom32768OnAreSignExtended)
 {
     const std::pair<int, uint64_t> sizes[] = {
         {32767, 0x7FFF0000}, {32768, 0xFFFFFFFF80000000}, {65535, 0xFFFFFFFFFFFF0000}, {65536, 0}};
@@ -238,7 +238,7 @@ TEST_F(scanline_list, SizesFrom32768OnAreSignExtended)
     }
 }
 
-TEST_F(scanline_list, NarrowFieldsAreCut)
+TEST_F(ScanlineList, NarrowFieldsAreCut)
 {
     describe({.width = 65537, .height = 65538, .row_multiple = 1});
     scripted::provide_buffer(197);
@@ -262,7 +262,7 @@ TEST_F(scanline_list, NarrowFieldsAreCut)
     EXPECT_EQ(field(picture, 157, 2), 1U);
 }
 
-TEST_F(scanline_list, HalvedChromaOfASingleRowHasNoLastRow)
+TEST_F(ScanlineList, HalvedChromaOfASingleRowHasNoLastRow)
 {
     provide({.width = 64, .height = 1, .x_shift = 1, .y_shift = 1, .row_multiple = 32});
     setup_scanline_list(&main_image_mipmap, 1);
@@ -271,7 +271,7 @@ TEST_F(scanline_list, HalvedChromaOfASingleRowHasNoLastRow)
     EXPECT_EQ(field(main_image_mipmap, 161, 2), 65535U);
 }
 
-TEST_F(scanline_list, UnmappableAreaIsToldAndRefused)
+TEST_F(ScanlineList, UnmappableAreaIsToldAndRefused)
 {
     provide({});
     scripted::plan.unmappable = {main_image_mipmap.scanline_data_offset, 1};
@@ -282,7 +282,7 @@ TEST_F(scanline_list, UnmappableAreaIsToldAndRefused)
               "Error: Unable to set up scanline list\n");
 }
 
-TEST_F(scanline_list, RewrittenListDiffersOnlyWhereThePictureDoes)
+TEST_F(ScanlineList, RewrittenListDiffersOnlyWhereThePictureDoes)
 {
     provide({.alpha = true});
     setup_scanline_list(&main_image_mipmap, 1);
@@ -295,7 +295,7 @@ TEST_F(scanline_list, RewrittenListDiffersOnlyWhereThePictureDoes)
     EXPECT_EQ(buffer_bytes(), wanted);
 }
 
-TEST_F(scanline_list, AreaOfExactlyTheRecordIsEnough)
+TEST_F(ScanlineList, AreaOfExactlyTheRecordIsEnough)
 {
     provide({});
     main_image_mipmap.scanline_data_size = 169;
@@ -303,9 +303,9 @@ TEST_F(scanline_list, AreaOfExactlyTheRecordIsEnough)
     EXPECT_EQ(byte_at(main_image_mipmap.scanline_data_offset + 169), 0xEE);
 }
 
-using scanline_list_death = scanline_list;
+using ScanlineListDeath = ScanlineList;
 
-TEST_F(scanline_list_death, AreaTooSmallForAnyOfThePieces)
+TEST_F(ScanlineListDeath, AreaTooSmallForAnyOfThePieces)
 {
     provide({});
     for (const uint64_t size : {31U, 33U, 164U, 168U}) {

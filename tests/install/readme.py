@@ -14,11 +14,12 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
 
-SECONDS_A_BLOCK = 60
+SECONDS_A_BLOCK = 250  # only ends what hangs
 
 
 def blocks(text, mark):
@@ -48,13 +49,48 @@ def pattern(shown):
     return re.compile(".*?".join(lines), re.DOTALL)
 
 
+WAIT_FOR_PORT = r"""
+wait_for_port() { # UDP, on any address
+    until grep -q "$(printf ': [0-9A-F]*:%04X ' "$1")" /proc/net/udp /proc/net/udp6; do sleep 0.05; done
+}
+"""
+
+
+def ports_of(command):
+    """The ports that a command receives or listens on."""
+    return re.findall(r"udpsrc port=(\d+)|srt://[^ ']*:(\d+)\?mode=listener", command)
+
+
+def other_ports(commands):
+    """The same commands with ports that nobody uses, so that tests may run side by side."""
+    free = {}
+    for port in {number for command in commands for found in ports_of(command) for number in found}:
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            probe.bind(("127.0.0.1", 0))
+            free[port] = str(probe.getsockname()[1])
+    free.pop("", None)
+    return [re.sub(r"(?<=port=)\d+|(?<=127\.0\.0\.1:)\d+",
+                   lambda match: free.get(match.group(), match.group()), command)
+            for command in commands]
+
+
 def script(commands):
-    """Each command's output goes to a file of its own; the first failure ends the block."""
-    lines = ["set -o pipefail"]
+    """Each command's output goes to a file of its own; the first failure ends the block.
+
+    Readers type slowly, so here, too, whatever runs in the background is listening before the next
+    command is given, and has finished a file before a command reads it.
+    """
+    lines = ["set -o pipefail", WAIT_FOR_PORT]
     for i, command in enumerate(commands):
         if command.endswith("&"):
             lines.append(f"{command[:-1]} >out.{i} 2>&1 &")
+            lines.append(f"background_{i}=$!")
+            lines.extend(f"wait_for_port {number}"
+                         for found in ports_of(command) for number in found if number)
         else:
+            read = command.split()[-1]
+            lines.extend(f"wait $background_{j}" for j, other in enumerate(commands[:i])
+                         if other.endswith("&") and f"location={read}" in other)
             lines.append(f"{{ {command}\n}} >out.{i} 2>&1 || {{ echo $? >failed.{i}; exit 1; }}")
     return "\n".join(lines) + "\n"
 
@@ -87,7 +123,7 @@ def run_block(wanted):
                         os.path.join(place, "examples"))
         values = environment(home)
         shell = subprocess.Popen(
-            ["bash", "-c", script([command for command, _ in wanted])],
+            ["bash", "-c", script(other_ports([command for command, _ in wanted]))],
             cwd=place, env=values, start_new_session=True, stdin=subprocess.DEVNULL)
         try:
             shell.wait(SECONDS_A_BLOCK)

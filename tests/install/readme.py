@@ -3,8 +3,9 @@
 
 Blocks marked "console" are run, each by one shell: a line that begins with "$ " is a command, the
 lines below it are what it prints. All must end with status 0, and what is shown must be printed, in
-that order; numbers may differ, and "..." stands for any text. Blocks marked "sh" are about the tree
-itself (setting up, building, installing); of them it is checked that the scripts are there.
+that order; numbers other than 0 may differ, and "..." stands for any text. Blocks marked "sh" are
+about the tree itself (setting up, building, installing); of them it is checked that the scripts are
+there.
 
 Environment: SOURCE_DIR, PROGRAM_DIRS (joined by ":"), GST_PLUGIN_DIR (empty: there is no plugin, and
 commands that need it are left out).
@@ -41,10 +42,11 @@ def steps(block):
 
 
 def pattern(shown):
-    """Matches the shown lines in order; numbers are any numbers."""
+    """Matches the shown lines in order; a number other than 0 stands for any such number."""
     lines = []
     for line in shown:
-        parts = [re.sub(r"\d+", r"\\d+", re.escape(part)) for part in line.strip().split("...")]
+        parts = [re.sub(r"\d*[1-9]\d*", r"\\d*[1-9]\\d*", re.escape(part))
+                 for part in line.strip().split("...")]
         lines.append(".*?".join(parts))
     return re.compile(".*?".join(lines), re.DOTALL)
 

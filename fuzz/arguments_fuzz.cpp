@@ -9,8 +9,8 @@
 #include "fuzz/require.h"
 #include "platform/media_item.h"
 #include "platform/standalone/cnb/domain.h"
-#include "platform/standalone/item/life_cycle.h"
 #include "platform/standalone/item/settings.h"
+#include "platform/standalone/life_cycle.h"
 
 namespace {
 
@@ -56,7 +56,7 @@ void check_settings()
     const bool unknown = vexa_aspect_ratio.numerator == 0 && vexa_aspect_ratio.denominator == 0;
     require(unknown || (vexa_aspect_ratio.numerator > 0 && vexa_aspect_ratio.denominator > 0));
     require(vexa_background_music == 0 || vexa_background_music == 1);
-    require(cnb_domain_name_valid(item::own.domain));
+    require(cnb_domain_name_valid(platform::own.domain));
 }
 
 FILE* null_stream()
@@ -81,6 +81,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     stderr = null_stream(); // until reset_item gives the real one back
     take_arguments();
     check_settings();
-    item::reset_item();
+    platform::reset_item();
     return 0;
 }

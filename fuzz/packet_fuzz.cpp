@@ -12,12 +12,13 @@
 #include <string>
 
 #include "fuzz/require.h"
+#include "platform/standalone/clients/events.h"
+#include "platform/standalone/clients/requests.h"
+#include "platform/standalone/clients/service.h"
+#include "platform/standalone/clients/settings.h"
 #include "platform/standalone/comm/server.h"
-#include "platform/standalone/item/clients.h"
-#include "platform/standalone/item/clients_events.h"
-#include "platform/standalone/item/clients_metadata.h"
-#include "platform/standalone/item/clients_requests.h"
-#include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/client_settings.h"
+#include "platform/standalone/report/document.h"
 #include "tests/support/memory_channel.h"
 #include "tests/support/plain_item.h"
 
@@ -114,13 +115,14 @@ void let_time_pass(fuzzed_client& /*client*/, input& rest)
 {
     now_us += rest.byte() * uint64_t{100'000};
     platform::run_round(*vexa_comm_server, now_us);
-    answer_waiting_settings(now_us);
-    send_changes(*vexa_comm_server, now_us);
+    platform::answer_waiting_settings(now_us);
+    platform::send_changes(*vexa_comm_server, now_us);
     idle_vexa_client_contexts();
 }
 
-constexpr std::array<setting_state, 4> setting_fates = {
-    setting_state::STORED, setting_state::REFUSED, setting_state::NOT_STORED, setting_state::WAITS};
+constexpr std::array<platform::setting_state, 4> setting_fates = {
+    platform::setting_state::STORED, platform::setting_state::REFUSED,
+    platform::setting_state::NOT_STORED, platform::setting_state::WAITS};
 
 void change_readiness(fuzzed_client& /*client*/, input& rest)
 {
@@ -131,7 +133,7 @@ void change_readiness(fuzzed_client& /*client*/, input& rest)
     plain_item::state.settings = setting_fates[(choice >> 2U) % setting_fates.size()];
     plain_item::state.frames_fail = (choice & 0xC0U) == 0xC0U;
     plain_item::state.document.assign(size_t{rest.byte()} * 512, 'd');
-    mark_document_changed();
+    platform::mark_document_changed();
 }
 
 void change_room(fuzzed_client& client, input& rest)
@@ -156,8 +158,8 @@ void vanish(fuzzed_client& client, input& /*rest*/)
 
 void tell_changes(fuzzed_client& /*client*/, input& rest)
 {
-    notify_clients(rest.byte());
-    send_document_to_subscribers();
+    platform::notify_clients(rest.byte());
+    platform::send_document_to_subscribers();
 }
 
 void go_down(fuzzed_client& /*client*/, input& rest)
@@ -246,16 +248,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     plain_item::reset();
     clients = {};
     now_us = 1'000'000;
-    vexa_comm_server = platform::make_server({carry_out_request, client_left}).release();
+    vexa_comm_server = platform::make_server({platform::carry_out_request, client_left}).release();
     input rest = {data, size};
     while (rest.left > 0) {
         const uint8_t choice = rest.byte();
         steps[(choice >> 2U) % steps.size()](clients[choice & 3U], rest);
         check_answers();
     }
-    close_comm_service();
+    platform::close_comm_service();
     check_answers();
-    require(connected_clients() == 0);
+    require(platform::connected_clients() == 0);
     require(plain_item::state.live_frames == 0 && plain_item::state.live_contexts == 0);
     return 0;
 }

@@ -8,7 +8,7 @@ add_fuzz_target(jpeg jpeg_fuzz.cpp LIBRARIES whole_road caught_abort scripted_pl
 add_fuzz_target(packet packet_fuzz.cpp LIBRARIES clients_on_plain_item)
 add_fuzz_target(identify identify_fuzz.cpp LIBRARIES stillimage_examine scripted_platform)
 add_fuzz_target(examine examine_fuzz.cpp LIBRARIES stillimage_examine failing_calls scripted_platform)
-add_fuzz_target(arguments arguments_fuzz.cpp LIBRARIES platform_item)
+add_fuzz_target(arguments arguments_fuzz.cpp LIBRARIES platform_life_cycle)
 add_fuzz_target(scanline scanline_fuzz.cpp LIBRARIES stillimage_client_tool stillimage_headers)
 add_fuzz_target(webp webp_fuzz.cpp LIBRARIES whole_road scripted_platform)
 add_fuzz_target(tiff tiff_fuzz.cpp LIBRARIES whole_road caught_abort scripted_platform)

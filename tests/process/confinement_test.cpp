@@ -16,7 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "client/stillimage_client.h"
-#include "platform/standalone/item/sanitized_build.h"
+#include "platform/standalone/confine/sanitized_build.h"
 #include "tests/support/child_process.h"
 #include "tests/support/refused_calls.h"
 #include "tests/support/worker.h"
@@ -82,7 +82,7 @@ protected:
 
 TEST_F(Confined, KernelKnowsOfAServingWorker)
 {
-    if (item::sanitized_build) {
+    if (platform::sanitized_build) {
         GTEST_SKIP() << "only new privileges are given up under a sanitizer";
     }
     worker served(home, picture, {"--domain-limit", "256M"});
@@ -99,7 +99,7 @@ TEST_F(Confined, KernelKnowsOfAServingWorker)
 
 TEST_F(Confined, DaemonStaysConfined)
 {
-    if (item::sanitized_build) {
+    if (platform::sanitized_build) {
         GTEST_SKIP() << "only new privileges are given up under a sanitizer";
     }
     worker parent(home, picture, {"--daemon"});
@@ -115,7 +115,7 @@ TEST_F(Confined, DaemonStaysConfined)
 
 TEST_F(Confined, LowerLimitOfItsSurroundingsStays)
 {
-    if (item::sanitized_build) {
+    if (platform::sanitized_build) {
         GTEST_SKIP() << "sanitizers take more";
     }
     worker::setting how = {{"--file", picture, "--sock", home.path("s"), "--no-autoshutdown"}};
@@ -181,7 +181,7 @@ TEST_F(Confined, CoreFileIsLeftWhereItWasWanted)
     rlimit limit = {};
     ASSERT_EQ(getrlimit(RLIMIT_CORE, &limit), 0);
     if (pattern.find_first_of("|@/") != std::string::npos || limit.rlim_max == 0 ||
-        item::sanitized_build) {
+        platform::sanitized_build) {
         GTEST_SKIP() << "core files are not left in the working folder here";
     }
     std::filesystem::create_directory(home.path("work"));
@@ -204,7 +204,7 @@ TEST_F(Confined, CoreFileIsLeftWhereItWasWanted)
 
 TEST_F(Confined, WorkerThatMayNotConfineItselfServesAllTheSame)
 {
-    if (item::sanitized_build) {
+    if (platform::sanitized_build) {
         GTEST_SKIP() << "a sanitizer ends a program that may not ask for its limits";
     }
     const int status = run_in_child([this] {

@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/standalone/item/sanitized_build.h"
+#include "platform/standalone/confine/sanitized_build.h"
 #include "tests/support/child_process.h"
 #include "tests/support/gif_writer.h"
 #include "tests/support/jpeg_writer.h"
@@ -144,7 +144,7 @@ class MemoryGroup : public testing::Test {
 protected:
     void SetUp() override
     {
-        if (item::sanitized_build) {
+        if (platform::sanitized_build) {
             GTEST_SKIP() << "a sanitizer takes terabytes of address space";
         }
         const memory_group probe(64 * mebibyte);

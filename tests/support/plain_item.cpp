@@ -6,12 +6,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "platform/standalone/clients/service.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/client_settings.h"
-#include "platform/standalone/item/clients.h"
-#include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/serve_lock.h"
-#include "platform/standalone/item/status.h"
+#include "platform/standalone/report/document.h"
+#include "platform/standalone/report/status.h"
 
 bool vexa_should_exit = false;
 bool vexa_ready = false;
@@ -143,22 +144,22 @@ void make_ready(int ready_state)
 
 using plain_item::state;
 
-int progress_percent()
+int platform::progress_percent()
 {
     return state.percent;
 }
 
-std::string_view progress_text()
+std::string_view platform::progress_text()
 {
     return state.progress;
 }
 
-int ready_state()
+int platform::ready_state()
 {
     return state.ready;
 }
 
-const std::string& status_document()
+const std::string& platform::status_document()
 {
     if (state.document_changed) {
         state.document_changed = false;
@@ -168,12 +169,12 @@ const std::string& status_document()
     return state.document;
 }
 
-uint64_t status_document_generation()
+uint64_t platform::status_document_generation()
 {
     return state.generation;
 }
 
-void mark_document_changed()
+void platform::mark_document_changed()
 {
     state.document_changed = true;
 }
@@ -181,52 +182,53 @@ void mark_document_changed()
 void json_check_xmit(uint64_t /*now_us*/)
 {
     if (state.document_changed) {
-        send_document_to_subscribers();
+        platform::send_document_to_subscribers();
     }
 }
 
-setting_state store_client_setting(std::string_view name, std::string_view value)
+platform::setting_state platform::store_client_setting(std::string_view name,
+                                                       std::string_view value)
 {
-    if (state.settings != setting_state::REFUSED) {
+    if (state.settings != platform::setting_state::REFUSED) {
         state.stored.emplace_back(name, value);
     }
     return state.settings;
 }
 
-setting_state client_setting_state(std::string_view /*name*/)
+platform::setting_state platform::client_setting_state(std::string_view /*name*/)
 {
     return state.settings;
 }
 
-std::string why_settings_are_not_stored()
+std::string platform::why_settings_are_not_stored()
 {
     return "the disk is full";
 }
 
-void store_client_settings_now()
+void platform::store_client_settings_now()
 {
     ++state.settings_written;
-    if (state.settings == setting_state::WAITS) {
-        state.settings = setting_state::STORED;
+    if (state.settings == platform::setting_state::WAITS) {
+        state.settings = platform::setting_state::STORED;
     }
 }
 
-const std::string& socket_path()
+const std::string& platform::socket_path()
 {
     return state.socket;
 }
 
-void item::store_waiting_settings(uint64_t /*now_us*/)
+void platform::store_waiting_settings(uint64_t /*now_us*/)
 {
     ++state.settings_looked_at;
 }
 
-void item::flush_status()
+void platform::flush_status()
 {
     ++state.status_flushed;
 }
 
-void item::refresh_serve_lock()
+void platform::refresh_serve_lock()
 {
     ++state.lock_refreshed;
 }

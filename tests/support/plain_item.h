@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/media_item.h"
-#include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/client_settings.h"
 
 namespace plain_item {
 
@@ -22,10 +22,10 @@ struct item_state {
     unsigned documents_built = 0;
     uint64_t generation = 1;
     std::vector<std::pair<std::string, std::string>> stored;
-    setting_state settings = setting_state::STORED; // what becomes of them
-    unsigned settings_written = 0;                  // calls of store_client_settings_now
-    unsigned settings_looked_at = 0;                // calls of store_waiting_settings
-    unsigned status_flushed = 0;                    // calls of flush_status
+    platform::setting_state settings = platform::setting_state::STORED; // what becomes of them
+    unsigned settings_written = 0;   // calls of store_client_settings_now
+    unsigned settings_looked_at = 0; // calls of store_waiting_settings
+    unsigned status_flushed = 0;     // calls of flush_status
     std::string socket;
     int lock_refreshed = 0; // calls of refresh_serve_lock
     uint64_t frames = 1;

@@ -12,21 +12,20 @@
 #include "platform/standalone/base/checked_math.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/item/derived.h"
-#include "platform/standalone/item/document.h"
-#include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/values.h"
 #include "platform/standalone/metadata/metadata_file.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/metadata_names.h"
 #include "platform/standalone/metadata/metadata_text.h"
 #include "platform/standalone/metadata/pending_files.h"
+#include "platform/standalone/report/document.h"
 #include "platform/time.h"
 
-namespace item {
+namespace platform {
 
 namespace {
 
-namespace names = platform::metadata_name;
+namespace names = metadata_name;
 
 constexpr uint64_t write_delay_us = 1'000'000;
 constexpr uint64_t longest_delay_us = 600'000'000;
@@ -76,7 +75,7 @@ bool take_into_document(std::string_view name, const std::string& value)
 void take_into_open_list(std::string_view name, const std::string& value)
 {
     if (vexa_metadata != nullptr) {
-        platform::set_item_entry(vexa_metadata, name, value);
+        set_item_entry(vexa_metadata, name, value);
     }
 }
 
@@ -96,7 +95,7 @@ struct waiting_setting {
 
 std::map<std::string, waiting_setting, std::less<>> waiting; // by name, not yet in the file
 size_t waiting_bytes = 0;                                    // of their names and values
-platform::pending_file own_pending;
+pending_file own_pending;
 std::string last_failure; // why something could not be stored; empty: the last write went well
 uint64_t due_us = 0;      // when to write; meaningful while something waits
 uint64_t delay_us = write_delay_us;
@@ -122,8 +121,7 @@ void note_failure(const std::string& reason)
 {
     if (last_failure != reason) {
         last_failure = reason;
-        platform::error_line("Cannot store metadata of a client", opened_item()->store.path,
-                             reason);
+        error_line("Cannot store metadata of a client", opened_item()->store.path, reason);
     }
 }
 
@@ -131,17 +129,17 @@ void note_failure(const std::string& reason)
 bool save(const std::string& name, waiting_setting* setting)
 {
     std::string record;
-    platform::append_set_record(&record, name, setting->value);
+    append_set_record(&record, name, setting->value);
     std::string reason;
-    switch (platform::append_pending(opened_item()->store, &own_pending, record, &reason)) {
-    case platform::append_result::APPENDED:
+    switch (append_pending(opened_item()->store, &own_pending, record, &reason)) {
+    case append_result::APPENDED:
         setting->where = place::PENDING_FILE;
         return true;
-    case platform::append_result::FULL:
+    case append_result::FULL:
         // After a failed write the next one is far, and as likely to fail.
         setting->where = last_failure.empty() ? place::NEXT_WRITE : place::NOWHERE;
         return false;
-    case platform::append_result::FAILED:
+    case append_result::FAILED:
         break;
     }
     setting->where = place::NOWHERE;
@@ -161,8 +159,8 @@ void save_others()
 
 void look_after_lost_file()
 {
-    if (platform::pending_file_is_lost(own_pending)) {
-        own_pending = platform::pending_file();
+    if (pending_file_is_lost(own_pending)) {
+        own_pending = pending_file();
         for (auto& [name, setting] : waiting) {
             setting.where = place::NOWHERE;
         }
@@ -200,13 +198,13 @@ bool may_wait(std::string_view name, const std::string& value)
 {
     const auto former = waiting.find(name);
     const size_t freed = former != waiting.end() ? name.size() + former->second.value.size() : 0;
-    return waiting_bytes - freed + name.size() + value.size() <= platform::max_metadata_file;
+    return waiting_bytes - freed + name.size() + value.size() <= max_metadata_file;
 }
 
 setting_state keep(std::string_view name, const std::string& value)
 {
     if (waiting.empty()) {
-        due_us = platform::saturating_add(monotonic_clock_us(), delay_us);
+        due_us = saturating_add(monotonic_clock_us(), delay_us);
     }
     const auto [kept, is_new] = waiting.try_emplace(std::string(name));
     waiting_bytes += is_new ? name.size() : 0;
@@ -224,15 +222,15 @@ setting_state keep(std::string_view name, const std::string& value)
 // 0 when nothing waits any more.
 int write_waiting(uint64_t lock_limit_us)
 {
-    platform::item_settings settings;
+    item_settings settings;
     for (const auto& [name, setting] : waiting) {
         settings.emplace(name, setting.value);
     }
-    platform::metadata_store store = opened_item()->store;
+    metadata_store store = opened_item()->store;
     store.lock_limit_us = lock_limit_us;
     store.stop = nullptr;
     std::string reason;
-    if (platform::update_stored_metadata(store, settings, &own_pending, &reason) == 0) {
+    if (update_stored_metadata(store, settings, &own_pending, &reason) == 0) {
         forget_waiting();
         last_failure.clear();
         mark_document_changed();
@@ -254,7 +252,7 @@ int write_waiting(uint64_t lock_limit_us)
 void remove_own_pending()
 {
     if (own_pending) {
-        platform::remove_pending(opened_item()->store, &own_pending);
+        remove_pending(opened_item()->store, &own_pending);
     }
 }
 
@@ -276,7 +274,7 @@ void store_waiting_settings(uint64_t now_us)
         return;
     }
     delay_us = std::min(2 * delay_us, longest_delay_us);
-    due_us = platform::saturating_add(now_us, delay_us);
+    due_us = saturating_add(now_us, delay_us);
 }
 
 unstored_settings settings_not_stored()
@@ -300,34 +298,32 @@ unstored_settings settings_not_stored()
 void reset_client_settings()
 {
     forget_waiting();
-    own_pending = platform::pending_file();
+    own_pending = pending_file();
     last_failure.clear();
     delay_us = write_delay_us;
     new_names = 0;
 }
 
-} // namespace item
-
 setting_state store_client_setting(std::string_view name, std::string_view value)
 {
     const std::string text(value);
-    if (!item::may_be_set(name, text)) {
+    if (!may_be_set(name, text)) {
         return setting_state::REFUSED;
     }
-    if (item::is_stored(name, text)) {
+    if (is_stored(name, text)) {
         return setting_state::STORED;
     }
-    if (!item::may_wait(name, text) || !item::take_into_document(name, text)) {
+    if (!may_wait(name, text) || !take_into_document(name, text)) {
         return setting_state::REFUSED;
     }
-    item::take_into_open_list(name, text);
-    return item::keep(name, text);
+    take_into_open_list(name, text);
+    return keep(name, text);
 }
 
 setting_state client_setting_state(std::string_view name)
 {
-    const auto found = item::waiting.find(name);
-    return found != item::waiting.end() ? item::state_of(found->second) : setting_state::STORED;
+    const auto found = waiting.find(name);
+    return found != waiting.end() ? state_of(found->second) : setting_state::STORED;
 }
 
 std::string why_settings_are_not_stored()
@@ -335,13 +331,12 @@ std::string why_settings_are_not_stored()
     if (!vexa_metadata_may_update) {
         return "the worker runs with --no-metadata-update";
     }
-    return item::last_failure.empty() ? "not written yet" : item::last_failure;
+    return last_failure.empty() ? "not written yet" : last_failure;
 }
 
 // Twice, since what fails may do so once only.
 void store_client_settings_now()
 {
-    using namespace item;
     if (!may_store()) {
         return;
     }
@@ -354,3 +349,5 @@ void store_client_settings_now()
     }
     remove_own_pending();
 }
+
+} // namespace platform

@@ -7,9 +7,8 @@
 #include "platform/media_item.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/folders.h"
+#include "platform/standalone/clients/service.h"
 #include "platform/standalone/comm/listener.h"
-#include "platform/standalone/item/clients.h"
-#include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/leftovers.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
@@ -18,16 +17,16 @@
 #include "platform/standalone/metadata/picture_file.h"
 #include "platform/standalone/metadata/picture_stamp.h"
 
-namespace item {
+namespace platform {
 
 namespace {
 
-platform::open_item* the_item = nullptr;
+open_item* the_item = nullptr;
 std::string absolute_socket;
 
 int refuse(const char* what, const std::string& path, int error_number)
 {
-    platform::error_line(what, path, error_number);
+    error_line(what, path, error_number);
     return -1;
 }
 
@@ -51,10 +50,10 @@ int derive_socket(const std::string& name)
     if (!mode_serves()) {
         return 0;
     }
-    if (platform::make_folders(folder.c_str()) != 0) {
+    if (make_folders(folder.c_str()) != 0) {
         return refuse("Cannot make socket folder", folder, errno);
     }
-    if (!platform::open_private_folder(folder.c_str())) {
+    if (!open_private_folder(folder.c_str())) {
         return refuse("Socket folder is not private to this user", folder, errno);
     }
     return 0;
@@ -71,7 +70,7 @@ void remove_what_is_left_of(const std::string& name)
 {
     std::string folder;
     if (vexa_sock != nullptr) {
-        remove_dead_socket(platform::absolute_path(vexa_sock));
+        remove_dead_socket(absolute_path(vexa_sock));
     } else if (!name.empty()) {
         remove_dead_socket(item_paths::runtime_folder() + '/' + name + ".sock");
     }
@@ -110,11 +109,11 @@ int derive_paths()
 // A path that the kernel cuts would be another socket's.
 int settle_socket_path()
 {
-    absolute_socket = platform::absolute_path(vexa_sock);
+    absolute_socket = absolute_path(vexa_sock);
     if (absolute_socket.size() > item_paths::longest_socket_path) {
-        platform::error_line("Socket path", absolute_socket,
-                             "too long, at most " +
-                                 std::to_string(item_paths::longest_socket_path) + " bytes");
+        error_line("Socket path", absolute_socket,
+                   "too long, at most " + std::to_string(item_paths::longest_socket_path) +
+                       " bytes");
         return -1;
     }
     return 0;
@@ -122,9 +121,9 @@ int settle_socket_path()
 
 // --- the item -----------------------------------------------------------------------------------
 
-int open_item()
+int open_files()
 {
-    the_item = platform::open_media_item(vexa_file, vexa_file_metadir);
+    the_item = open_media_item(vexa_file, vexa_file_metadir);
     if (the_item == nullptr) {
         if (removes_leftovers()) {
             remove_half_written_metadata(vexa_file_metadir);
@@ -138,15 +137,15 @@ int open_item()
 
 int open_list()
 {
-    vexa_metadata = platform::load_item_metadata(*the_item);
+    vexa_metadata = load_item_metadata(*the_item);
     if (vexa_metadata == nullptr) {
         return -1;
     }
-    if (the_item->stamp && platform::metadata_is_stale(vexa_metadata, *the_item->stamp)) {
-        platform::drop_stale_facts(vexa_metadata);
+    if (the_item->stamp && metadata_is_stale(vexa_metadata, *the_item->stamp)) {
+        drop_stale_facts(vexa_metadata);
     }
     take_stored_settings(vexa_metadata);
-    if (platform::has_unwritten_settings(vexa_metadata)) {
+    if (has_unwritten_settings(vexa_metadata)) {
         vexa_do_write_metadata = true;
     }
     return 0;
@@ -161,8 +160,7 @@ int take_socket_path()
     if (!mode_serves()) {
         return 0;
     }
-    return take_serve_lock(absolute_socket) && platform::clear_socket_path(absolute_socket) ? 0
-                                                                                            : -1;
+    return take_serve_lock(absolute_socket) && clear_socket_path(absolute_socket) ? 0 : -1;
 }
 
 int clean_up_after_others()
@@ -189,7 +187,7 @@ int open_socket()
 
 int derive_all()
 {
-    for (int (*const stage)() : {derive_paths, settle_socket_path, take_socket_path, open_item,
+    for (int (*const stage)() : {derive_paths, settle_socket_path, take_socket_path, open_files,
                                  clean_up_after_others, open_list, open_socket}) {
         if (stage() != 0) {
             return -1;
@@ -208,33 +206,35 @@ void give_back()
 
 } // namespace
 
-const platform::open_item* opened_item()
+const open_item* opened_item()
 {
     return the_item;
 }
 
 void close_item()
 {
-    platform::free_metadata_list(vexa_metadata);
+    free_metadata_list(vexa_metadata);
     vexa_metadata = nullptr;
     vexa_meta = nullptr;
-    platform::close_media_item(the_item);
+    close_media_item(the_item);
     the_item = nullptr;
-}
-
-} // namespace item
-
-int vexa_standard_to_derived_params()
-{
-    item::give_back();
-    const int result = vexa_file != nullptr ? item::derive_all() : -1;
-    if (result != 0) {
-        item::give_back();
-    }
-    return result;
 }
 
 const std::string& socket_path()
 {
-    return item::absolute_socket;
+    return absolute_socket;
+}
+
+} // namespace platform
+
+using namespace platform;
+
+int vexa_standard_to_derived_params()
+{
+    give_back();
+    const int result = vexa_file != nullptr ? derive_all() : -1;
+    if (result != 0) {
+        give_back();
+    }
+    return result;
 }

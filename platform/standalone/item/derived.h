@@ -3,16 +3,22 @@
 // platform/media_item.h.
 #pragma once
 
+#include <string>
+
 #include "platform/standalone/metadata/item_metadata.h"
 
-namespace item {
+namespace platform {
 
 // The open item behind vexa_meta; null while there is none. What of the metadata may be written,
 // and how, goes through it.
-const platform::open_item* opened_item();
+const open_item* opened_item();
 
 // Closes the item and frees its entry list; vexa_meta and vexa_metadata are null afterwards. May
 // run twice.
 void close_item();
 
-} // namespace item
+// Absolute path of the comm socket, whatever vexa_sock was given as and wherever the process's
+// working folder is now; at most 107 bytes. Empty before vexa_standard_to_derived_params.
+const std::string& socket_path();
+
+} // namespace platform

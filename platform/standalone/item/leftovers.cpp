@@ -11,7 +11,7 @@
 #include "platform/standalone/comm/listener.h"
 #include "platform/standalone/item/serve_lock.h"
 
-namespace item {
+namespace platform {
 
 namespace {
 
@@ -33,29 +33,28 @@ void remove_dead_socket(const std::string& socket)
         return;
     }
     if ((is_ours(socket) || is_ours(socket + lock_suffix)) && take_serve_lock(socket)) {
-        platform::clear_socket_path(socket);
+        clear_socket_path(socket);
         release_serve_lock();
     }
 }
 
-void remove_half_written_metadata(const platform::metadata_store& store)
+void remove_half_written_metadata(const metadata_store& store)
 {
-    platform::file_lock writers;
-    if (writers.take(store.folder, platform::metadata_lock_name, 0) ==
-        platform::lock_result::TAKEN) {
-        platform::remove_left_temporaries(store);
+    file_lock writers;
+    if (writers.take(store.folder, metadata_lock_name, 0) == lock_result::TAKEN) {
+        remove_left_temporaries(store);
     }
 }
 
 void remove_half_written_metadata(const std::string& folder)
 {
-    const platform::unique_fd opened = platform::open_folder(folder.c_str());
+    const unique_fd opened = open_folder(folder.c_str());
     // Who writes makes the lock's file first. Without it nothing is left, and it is not to be made in
     // a folder that may be anybody's.
-    if (opened && faccessat(opened.get(), platform::metadata_lock_name, F_OK, 0) == 0) {
-        platform::metadata_store store;
+    if (opened && faccessat(opened.get(), metadata_lock_name, F_OK, 0) == 0) {
+        metadata_store store;
         store.folder = opened.get();
-        store.path = folder + '/' + platform::metadata_file_name;
+        store.path = folder + '/' + metadata_file_name;
         remove_half_written_metadata(store);
     }
 }
@@ -73,4 +72,4 @@ std::string name_of_missing_picture(const std::string& picture)
     return item_paths::name_of_real_path(above + '/' + picture.substr(slash + 1));
 }
 
-} // namespace item
+} // namespace platform

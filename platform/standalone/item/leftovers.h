@@ -6,14 +6,14 @@
 
 #include "platform/standalone/metadata/metadata_file.h"
 
-namespace item {
+namespace platform {
 
 // The dead socket at this absolute path, and its lock file. When a live worker serves there, that is
 // one line on standard error. Not to be called by who holds the serve lock.
 void remove_dead_socket(const std::string& socket);
 
 // Half-written metadata in the item's folder.
-void remove_half_written_metadata(const platform::metadata_store& store);
+void remove_half_written_metadata(const metadata_store& store);
 
 // The same in the folder at this path. One that is not there is not made.
 void remove_half_written_metadata(const std::string& folder);
@@ -22,4 +22,4 @@ void remove_half_written_metadata(const std::string& folder);
 // since its folder is gone, too.
 std::string name_of_missing_picture(const std::string& picture);
 
-} // namespace item
+} // namespace platform

@@ -9,6 +9,8 @@
 #include "platform/standalone/base/utf8.h"
 #include "platform/time.h"
 
+namespace platform {
+
 namespace {
 
 bool clock_goes_on()
@@ -19,10 +21,10 @@ bool clock_goes_on()
 
 bool text_survives_json()
 {
-    const std::string text = platform::to_utf8("a\"\\\n\x1B\xFF\xE2\x82\xAC");
+    const std::string text = to_utf8("a\"\\\n\x1B\xFF\xE2\x82\xAC");
     std::string error;
     const json11::Json read = json11::Json::parse(json11::Json(text).dump(), error);
-    return platform::is_utf8(text) && error.empty() && read.string_value() == text;
+    return is_utf8(text) && error.empty() && read.string_value() == text;
 }
 
 bool packets_survive()
@@ -46,6 +48,10 @@ bool ratios_are_read()
 }
 
 } // namespace
+
+} // namespace platform
+
+using namespace platform;
 
 int vexa_self_test()
 {

@@ -12,15 +12,14 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/base/file_lock.h"
-#include "platform/standalone/item/item_state.h"
 
-namespace item {
+namespace platform {
 
 namespace {
 
 constexpr uint64_t patience_us = 300'000;
 
-platform::file_lock lock;
+file_lock lock;
 std::string lock_path;
 pid_t owner = 0; // the process whose number stands in the file
 // Noted by the C library's fork(), also within daemon(), since asking the kernel for the process's
@@ -44,11 +43,11 @@ bool is_still_named(int fd, const char* path)
            held.st_ino == named.st_ino;
 }
 
-platform::lock_result take_named_lock(const std::string& path)
+lock_result take_named_lock(const std::string& path)
 {
     for (;;) {
-        const platform::lock_result result = lock.take(AT_FDCWD, path.c_str(), patience_us, &DIE4);
-        if (result != platform::lock_result::TAKEN || is_still_named(lock.fd(), path.c_str())) {
+        const lock_result result = lock.take(AT_FDCWD, path.c_str(), patience_us, &DIE4);
+        if (result != lock_result::TAKEN || is_still_named(lock.fd(), path.c_str())) {
             return result;
         }
         lock.release();
@@ -59,9 +58,8 @@ platform::lock_result take_named_lock(const std::string& path)
 int holder_of(const std::string& path)
 {
     char text[16] = "";
-    const platform::unique_fd fd(
-        platform::open_file(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
-    const ssize_t size = fd ? platform::pread_fully(fd.get(), text, sizeof text, 0) : 0;
+    const unique_fd fd(open_file(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+    const ssize_t size = fd ? pread_fully(fd.get(), text, sizeof text, 0) : 0;
     int number = 0;
     std::from_chars(text, text + (size > 0 ? size : 0), number);
     return number;
@@ -79,13 +77,13 @@ bool take_serve_lock(const std::string& socket_path)
 {
     const std::string path = socket_path + lock_suffix;
     switch (take_named_lock(path)) {
-    case platform::lock_result::TAKEN:
+    case lock_result::TAKEN:
         break;
-    case platform::lock_result::BUSY:
-        platform::error_line("Socket", socket_path, served_by(holder_of(path)));
+    case lock_result::BUSY:
+        error_line("Socket", socket_path, served_by(holder_of(path)));
         return false;
-    case platform::lock_result::FAILED:
-        platform::error_line("Cannot lock socket", path, errno);
+    case lock_result::FAILED:
+        error_line("Cannot lock socket", path, errno);
         return false;
     }
     lock_path = path;
@@ -109,7 +107,7 @@ void refresh_serve_lock()
     const std::string text = std::to_string(owner) + '\n';
     // Only a help for people: without it the lock is as good.
     if (ftruncate(lock.fd(), 0) == 0) {
-        platform::pwrite_fully(lock.fd(), text.data(), text.size(), 0);
+        pwrite_fully(lock.fd(), text.data(), text.size(), 0);
     }
 }
 
@@ -124,15 +122,15 @@ void release_serve_lock()
         }
         lock.release();
     } else {
-        lock = platform::file_lock(); // the owner keeps it
+        lock = file_lock(); // the owner keeps it
     }
     lock_path.clear();
     owner = 0;
 }
 
-} // namespace item
-
 bool holds_serve_lock()
 {
-    return item::lock.held();
+    return lock.held();
 }
+
+} // namespace platform

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace item {
+namespace platform {
 
 inline constexpr const char* lock_suffix = ".lock"; // behind the socket's path
 
@@ -14,6 +14,10 @@ inline constexpr const char* lock_suffix = ".lock"; // behind the socket's path
 // file and the reason.
 bool take_serve_lock(const std::string& socket_path);
 
+// The lock is held by this process, or was inherited through daemon(). Only then may the socket be
+// made.
+bool holds_serve_lock();
+
 // Writes the process's number anew when it has another one, as after daemon().
 void refresh_serve_lock();
 
@@ -21,4 +25,4 @@ void refresh_serve_lock();
 // lets go of its part only. Does nothing without the lock. Also runs at exit.
 void release_serve_lock();
 
-} // namespace item
+} // namespace platform

@@ -51,7 +51,7 @@ void vexa_set_string(char** variable, const char* text)
     *variable = copy;
 }
 
-namespace item {
+namespace platform {
 
 own_settings own;
 
@@ -88,4 +88,4 @@ void reset_settings()
     auto_shutdown_delay_initial = default_auto_shutdown_us;
 }
 
-} // namespace item
+} // namespace platform

@@ -7,7 +7,7 @@
 
 #include "platform/standalone/cnb/domain.h"
 
-namespace item {
+namespace platform {
 
 // Beside the shared variables. Written by the switches alone.
 struct own_settings {
@@ -30,4 +30,4 @@ void reset_settings();
 // Frees the texts among the shared settings; they are null afterwards.
 void free_setting_texts();
 
-} // namespace item
+} // namespace platform

@@ -14,16 +14,16 @@
 #include "platform/standalone/metadata/metadata_names.h"
 #include "platform/standalone/metadata/picture_stamp.h"
 
-namespace item {
+namespace platform {
 
 namespace {
 
-namespace names = platform::metadata_name;
+namespace names = metadata_name;
 
 // The entry's text, null when there is no such entry or it is empty.
 const char* stored_text(const metadata_v4_metadata_context* list, std::string_view name)
 {
-    const metadata_v4_entry* entry = platform::find_item_entry(list, name);
+    const metadata_v4_entry* entry = find_item_entry(list, name);
     return entry != nullptr && entry->value_length > 0 ? entry->value : nullptr;
 }
 
@@ -67,16 +67,16 @@ bool aspect_ratio_known()
 
 void store(metadata_v4_metadata_context* list, std::string_view name, const std::string& value)
 {
-    if (platform::set_item_entry(list, name, value) < 0) {
-        platform::error_line("Metadata entry", name, "cannot be stored");
+    if (set_item_entry(list, name, value) < 0) {
+        error_line("Metadata entry", name, "cannot be stored");
     }
 }
 
 void store_stamp(metadata_v4_metadata_context* list)
 {
-    const platform::open_item* opened = opened_item();
+    const open_item* opened = opened_item();
     if (opened != nullptr && opened->stamp) {
-        platform::set_picture_stamp(list, *opened->stamp);
+        set_picture_stamp(list, *opened->stamp);
     }
 }
 
@@ -92,11 +92,12 @@ void take_stored_settings(const metadata_v4_metadata_context* list)
     }
 }
 
-} // namespace item
+} // namespace platform
+
+using namespace platform;
 
 void vexa_standard_vars_to_metadata(metadata_v4_metadata_context* list)
 {
-    using namespace item;
     if (list == nullptr) {
         return;
     }
@@ -116,9 +117,7 @@ void vexa_standard_vars_to_metadata(metadata_v4_metadata_context* list)
 
 void vexa_print_standard_metadata_state()
 {
-    using namespace item;
-    const std::string type =
-        vexa_file_type != nullptr ? platform::printable(vexa_file_type) : "unknown";
+    const std::string type = vexa_file_type != nullptr ? printable(vexa_file_type) : "unknown";
     const std::string ratio =
         aspect_ratio_known() ? ratio_text(vexa_aspect_ratio, ':') : "of the picture";
     fputs("Standard metadata:\n", stderr);

@@ -5,10 +5,10 @@
 
 #include "platform/metadata.h"
 
-namespace item {
+namespace platform {
 
 // Takes the settings that no switch has given from the list. A text that does not parse counts as
 // missing.
 void take_stored_settings(const metadata_v4_metadata_context* list);
 
-} // namespace item
+} // namespace platform

@@ -10,11 +10,11 @@
 #include "platform/standalone/base/utf8.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/settings.h"
-#include "platform/standalone/item/standard_error.h"
-#include "platform/standalone/item/status.h"
 #include "platform/standalone/item/values.h"
+#include "platform/standalone/report/standard_error.h"
+#include "platform/standalone/report/status.h"
 
-namespace item {
+namespace platform {
 
 namespace {
 
@@ -141,7 +141,7 @@ void print_switch(const standard_switch& row)
     if (row.value != nullptr) {
         usage = usage + ' ' + row.value;
     }
-    const std::string standard = platform::printable(row.standard_value());
+    const std::string standard = printable(row.standard_value());
     fprintf(stderr, "%-30s %s [%s]\n", usage.c_str(), row.help, standard.c_str());
 }
 
@@ -161,7 +161,7 @@ int refuse(const standard_switch& row, const char* value, const char* reason)
     if (value == nullptr) {
         fprintf(stderr, "%s: %s\n", name.c_str(), reason);
     } else {
-        platform::error_line(name, value, reason);
+        error_line(name, value, reason);
     }
     return -1;
 }
@@ -212,25 +212,27 @@ void reset_switches()
     next_argument = nullptr;
 }
 
-} // namespace item
+} // namespace platform
+
+using namespace platform;
 
 int vexa_init_argv(int argc, char** argv)
 {
-    item::reset_switches();
+    reset_switches();
     if (argc < 1 || argv == nullptr || argv[0] == nullptr) {
         return -1;
     }
-    item::guard_standard_error();
-    item::next_argument = argv + 1;
+    guard_standard_error();
+    next_argument = argv + 1;
     return 0;
 }
 
 char* vexa_next_arg()
 {
-    if (item::next_argument == nullptr || *item::next_argument == nullptr) {
+    if (next_argument == nullptr || *next_argument == nullptr) {
         return nullptr;
     }
-    return *item::next_argument++;
+    return *next_argument++;
 }
 
 int vexa_argv_is_switch(char** argument)
@@ -246,14 +248,14 @@ int vexa_argv_std_handle_switch(char* word)
 {
     const std::string_view whole(word);
     const size_t equals = whole.find('=');
-    const item::standard_switch* row = item::find_switch(whole.substr(0, equals));
+    const standard_switch* row = find_switch(whole.substr(0, equals));
     if (row == nullptr) {
         return 0;
     }
     const char* value = equals == std::string_view::npos ? nullptr : word + equals + 1;
     if (row->value == nullptr) {
         if (value != nullptr) {
-            return item::refuse(*row, value, "this switch takes no value");
+            return refuse(*row, value, "this switch takes no value");
         }
         row->take(nullptr);
         return 1;
@@ -262,10 +264,10 @@ int vexa_argv_std_handle_switch(char* word)
         value = vexa_next_arg();
     }
     if (value == nullptr) {
-        return item::refuse(*row, nullptr, "a value is missing");
+        return refuse(*row, nullptr, "a value is missing");
     }
     if (!row->take(value)) {
-        return item::refuse(*row, value, (std::string("not ") + row->wanted).c_str());
+        return refuse(*row, value, (std::string("not ") + row->wanted).c_str());
     }
     return 1;
 }
@@ -278,7 +280,7 @@ void vexa_std_help()
         "A value stands behind its switch or behind '='; one dash or two. In brackets: what holds "
         "without the switch.\n",
         stderr);
-    for (size_t i = 0; i < item::standard_switch_count; ++i) {
-        item::print_switch(item::standard_switches[i]);
+    for (size_t i = 0; i < standard_switch_count; ++i) {
+        print_switch(standard_switches[i]);
     }
 }

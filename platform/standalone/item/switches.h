@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-namespace item {
+namespace platform {
 
 struct standard_switch {
     const char* name;
@@ -23,4 +23,4 @@ extern const size_t standard_switch_count;
 // Forgets the arguments; vexa_next_arg then answers null.
 void reset_switches();
 
-} // namespace item
+} // namespace platform

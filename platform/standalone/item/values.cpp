@@ -7,7 +7,7 @@
 #include "platform/media_item.h"
 #include "platform/standalone/base/checked_math.h"
 
-namespace item {
+namespace platform {
 
 namespace {
 
@@ -26,7 +26,7 @@ void skip_blanks(const char** at)
 uint64_t saturating_multiply(uint64_t a, uint64_t b)
 {
     uint64_t product = 0;
-    return platform::checked_multiply(a, b, &product) ? product : UINT64_MAX;
+    return checked_multiply(a, b, &product) ? product : UINT64_MAX;
 }
 
 // One digit or more. False without moving *at when there is none.
@@ -37,8 +37,8 @@ bool take_digits(const char** at, uint64_t* number)
     }
     *number = 0;
     for (; is_digit(**at); ++*at) {
-        *number = platform::saturating_add(saturating_multiply(*number, 10),
-                                           static_cast<uint64_t>(**at - '0'));
+        *number =
+            saturating_add(saturating_multiply(*number, 10), static_cast<uint64_t>(**at - '0'));
     }
     return true;
 }
@@ -120,7 +120,7 @@ bool parse_seconds(const char* text, uint64_t* microseconds)
     if (*text != '\0') {
         return false;
     }
-    *microseconds = platform::saturating_add(saturating_multiply(whole, per_second), fraction);
+    *microseconds = saturating_add(saturating_multiply(whole, per_second), fraction);
     return true;
 }
 
@@ -182,7 +182,9 @@ bool parse_on_off(const char* text, bool* on)
     return false;
 }
 
-} // namespace item
+} // namespace platform
+
+using namespace platform;
 
 int vexa_parse_int_rational(int_rational* ratio, const char* text)
 {
@@ -190,18 +192,18 @@ int vexa_parse_int_rational(int_rational* ratio, const char* text)
     if (text == nullptr) {
         return -1;
     }
-    item::skip_blanks(&text);
-    if (!item::take_integer(&text, &read.numerator)) {
+    skip_blanks(&text);
+    if (!take_integer(&text, &read.numerator)) {
         return -1;
     }
-    item::skip_blanks(&text);
+    skip_blanks(&text);
     if (*text == ':' || *text == '/') {
         ++text;
-        item::skip_blanks(&text);
-        if (!item::take_integer(&text, &read.denominator)) {
+        skip_blanks(&text);
+        if (!take_integer(&text, &read.denominator)) {
             return -1;
         }
-        item::skip_blanks(&text);
+        skip_blanks(&text);
     }
     if (*text != '\0') {
         return -1;
@@ -214,7 +216,7 @@ int vexa_parse_background_music(const char* text)
 {
     bool on = vexa_background_music != 0;
     if (text != nullptr) {
-        item::parse_on_off(text, &on);
+        parse_on_off(text, &on);
     }
     return on ? 1 : 0;
 }

@@ -6,7 +6,7 @@
 
 #include "platform/misc.h"
 
-namespace item {
+namespace platform {
 
 // Bytes: digits, then K, M, G or T (powers of 1024, either case) or nothing. 0 is no size.
 bool parse_size(const char* text, uint64_t* bytes);
@@ -30,4 +30,4 @@ bool parse_integer(const char* text, int64_t* number);
 // on, yes, true, 1, off, no, false or 0, any case.
 bool parse_on_off(const char* text, bool* on);
 
-} // namespace item
+} // namespace platform

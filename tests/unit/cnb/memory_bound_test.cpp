@@ -14,7 +14,7 @@
 #include "platform/standalone/cnb/domain_membership.h"
 #include "platform/standalone/cnb/memory_bound.h"
 #include "platform/standalone/cnb/small_file.h"
-#include "platform/standalone/item/sanitized_build.h"
+#include "platform/standalone/confine/sanitized_build.h"
 #include "tests/support/child_process.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
@@ -76,7 +76,7 @@ protected:
     // The limits of a child are its own.
     static void expect_in_child(const std::function<void()>& work)
     {
-        if (item::sanitized_build) {
+        if (platform::sanitized_build) {
             GTEST_SKIP() << "a sanitizer takes terabytes of address space";
         }
         EXPECT_EQ(run_in_child([&] {

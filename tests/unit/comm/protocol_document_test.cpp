@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/comm/comm_fixture.h"
+#include "tests/support/comm_fixture.h"
 
 using namespace comm_protocol;
 

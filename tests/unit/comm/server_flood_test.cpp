@@ -10,7 +10,7 @@
 
 #include "platform/time.h"
 #include "tests/support/child_process.h"
-#include "tests/unit/comm/comm_fixture.h"
+#include "tests/support/comm_fixture.h"
 
 using namespace comm_protocol;
 
@@ -31,7 +31,7 @@ protected:
             ASSERT_TRUE(clients.back().send(encode(1, hello())));
         }
         pump();
-        EXPECT_EQ(connected_clients(), count);
+        EXPECT_EQ(platform::connected_clients(), count);
         for (const packet_client& client : clients) {
             ASSERT_EQ(client.receive()->header.type, HELLO_ANSWER);
             ASSERT_TRUE(client.send(encode(2, get_frame{0, 0})));
@@ -42,7 +42,7 @@ protected:
         }
         clients.clear();
         pump();
-        EXPECT_EQ(connected_clients(), 0U);
+        EXPECT_EQ(platform::connected_clients(), 0U);
     }
 };
 
@@ -51,7 +51,7 @@ int serve_in_child(const std::function<int()>& work)
 {
     return run_in_child([&work] {
         const int status = work();
-        close_comm_service();
+        platform::close_comm_service();
         return status;
     });
 }
@@ -149,7 +149,7 @@ TEST_F(ServerFlood, SixtyFourDescriptorsServeSomeAndTurnTheOthersAway)
         // The clients live in a process of their own, with a limit of its own.
         child_process crowd([this] { return crowd_of_a_hundred(path); });
         const rlimit few = {64, 64};
-        if (setrlimit(RLIMIT_NOFILE, &few) != 0 || !open_comm_service()) {
+        if (setrlimit(RLIMIT_NOFILE, &few) != 0 || !platform::open_comm_service()) {
             return 2;
         }
         bool seen = false;
@@ -157,7 +157,7 @@ TEST_F(ServerFlood, SixtyFourDescriptorsServeSomeAndTurnTheOthersAway)
             if (idle_vexa_server_comm() < 0) {
                 return 6;
             }
-            seen = seen || connected_clients() > 20;
+            seen = seen || platform::connected_clients() > 20;
             comm_socket_v4_server_from_client_readable(vexa_comm_server,
                                                        monotonic_clock_us() + 1000);
         }

@@ -12,9 +12,9 @@
 #include "platform/standalone/comm/socket_channel.h"
 #include "platform/time.h"
 #include "tests/support/child_process.h"
+#include "tests/support/comm_fixture.h"
 #include "tests/support/memory_channel.h"
 #include "tests/support/refused_calls.h"
-#include "tests/unit/comm/comm_fixture.h"
 #include "tests/unit/comm/server_fixture.h"
 
 using namespace comm_protocol;

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/time.h"
-#include "tests/unit/comm/comm_fixture.h"
+#include "tests/support/comm_fixture.h"
 
 using namespace comm_protocol;
 
@@ -73,7 +73,7 @@ TEST_F(ServerWait, ClientThatLeavesEndsTheWait)
     client.close();
     wait(vexa_comm_server, for_ever_us);
     pump();
-    EXPECT_EQ(connected_clients(), 0U);
+    EXPECT_EQ(platform::connected_clients(), 0U);
 }
 
 TEST_F(ServerWait, EventsOfAnEarlierWaitEndTheNext)

@@ -14,14 +14,13 @@
 #include "platform/media_item.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/derived.h"
-#include "platform/standalone/item/document.h"
-#include "platform/standalone/item/item_state.h"
-#include "platform/standalone/item/life_cycle.h"
+#include "platform/standalone/life_cycle.h"
 #include "platform/standalone/metadata/metadata_file.h"
 #include "platform/standalone/metadata/metadata_list.h"
+#include "platform/standalone/report/document.h"
 #include "platform/time.h"
 #include "tests/support/failing_files.h"
-#include "tests/unit/item/item_fixture.h"
+#include "tests/support/item_fixture.h"
 
 namespace item_test {
 
@@ -54,7 +53,7 @@ protected:
 
     static std::string shown(const char* name)
     {
-        const std::string* value = ::item::document_entry(name);
+        const std::string* value = ::platform::document_entry(name);
         return value != nullptr ? *value : "(none)";
     }
 
@@ -73,7 +72,7 @@ protected:
     // As the next worker on the item.
     void start_again()
     {
-        ::item::close_item();
+        ::platform::close_item();
         name_item();
         serve();
     }
@@ -88,7 +87,7 @@ protected:
     static Json not_stored()
     {
         std::string error;
-        return Json::parse(status_document(), error)["metadata not stored"];
+        return Json::parse(platform::status_document(), error)["metadata not stored"];
     }
 };
 

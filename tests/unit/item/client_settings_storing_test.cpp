@@ -31,18 +31,19 @@ TEST_F(ClientSettings, AThousandKillsRightAfterTheAnswerLoseNothing)
     for (int round = 0; round < 1000; ++round) {
         const std::string value = std::to_string(round);
         ASSERT_EQ(run_in_child([&] {
-                      if (store_client_setting("title", value) == setting_state::STORED) {
+                      if (platform::store_client_setting("title", value) ==
+                          platform::setting_state::STORED) {
                           kill(getpid(), SIGKILL);
                       }
                       return 0;
                   }),
                   -SIGKILL);
-        const list_owner list(platform::load_metadata(item::opened_item()->store));
+        const list_owner list(platform::load_metadata(platform::opened_item()->store));
         const metadata_v4_entry* entry = platform::find_item_entry(list.get(), "title");
         ASSERT_NE(entry, nullptr) << round;
         ASSERT_EQ(entry->value, value);
         if (round % 10 == 9) { // starts that write, between some that do not
-            ASSERT_EQ(platform::store_metadata(item::opened_item()->store, list.get()), 0);
+            ASSERT_EQ(platform::store_metadata(platform::opened_item()->store, list.get()), 0);
         }
     }
 }
@@ -55,8 +56,9 @@ TEST_F(ClientSettings, WhatIsShownButNotInTheFileIsStoredWhenAClientSetsIt)
     vexa_standard_vars_to_metadata(vexa_metadata);
     metadata_v4_metadata_close_file(vexa_metadata);
     ASSERT_EQ(shown("aspect ratio"), "16:9");
-    EXPECT_EQ(store_client_setting("aspect ratio", "16:9"), setting_state::STORED);
-    item::reset_client_settings(); // as a death does
+    EXPECT_EQ(platform::store_client_setting("aspect ratio", "16:9"),
+              platform::setting_state::STORED);
+    platform::reset_client_settings(); // as a death does
     start_again();
     EXPECT_EQ(shown("aspect ratio"), "16:9");
 }
@@ -69,8 +71,10 @@ TEST_F(ClientSettings, ShownValueThatCannotBeStoredIsToldSo)
     metadata_v4_metadata_close_file(vexa_metadata);
     use_failing_files();
     failing_files::arm(1, fate::FAIL, ENOSPC);
-    messages(
-        [] { EXPECT_EQ(store_client_setting("aspect ratio", "16:9"), setting_state::NOT_STORED); });
+    messages([] {
+        EXPECT_EQ(platform::store_client_setting("aspect ratio", "16:9"),
+                  platform::setting_state::NOT_STORED);
+    });
     EXPECT_NE(not_stored(), Json());
 }
 
@@ -78,14 +82,14 @@ TEST_F(ClientSettings, ShownValueThatCannotBeStoredIsToldSo)
 TEST_F(ClientSettings, AreNotWrittenBesideAListThatIsYetToBeWrittenBack)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
-    ASSERT_EQ(store_client_setting("title", "x"), setting_state::STORED);
-    item::store_waiting_settings(later());
+    ASSERT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::STORED);
+    platform::store_waiting_settings(later());
     EXPECT_FALSE(folder.has("meta/metadata"));
     ASSERT_EQ(
         metadata_v4_metadata_context_write_metadata_to_file(vexa_metadata, vexa_meta, 0, nullptr),
         0);
     metadata_v4_metadata_close_file(vexa_metadata);
-    item::store_waiting_settings(later());
+    platform::store_waiting_settings(later());
     EXPECT_NE(stored().find("title = x\n"), std::string::npos);
     EXPECT_FALSE(folder.has("meta/metadata.pending-1"));
 }
@@ -99,16 +103,17 @@ TEST_F(ClientSettings, KillsDuringTheWriteLoseNothing)
         EXPECT_EQ(run_in_child([&] {
                       use_failing_files();
                       failing_files::arm(0, fate::FAIL);
-                      if (store_client_setting("title", value) != setting_state::STORED) {
+                      if (platform::store_client_setting("title", value) !=
+                          platform::setting_state::STORED) {
                           return 1;
                       }
                       failing_files::arm(step, fate::DIE_AFTER);
-                      item::store_waiting_settings(later());
+                      platform::store_waiting_settings(later());
                       return 0;
                   }),
                   -SIGKILL)
             << step;
-        const list_owner list(platform::load_metadata(item::opened_item()->store));
+        const list_owner list(platform::load_metadata(platform::opened_item()->store));
         ASSERT_NE(platform::find_item_entry(list.get(), "title"), nullptr);
         EXPECT_EQ(platform::find_item_entry(list.get(), "title")->value, value) << step;
     }
@@ -120,9 +125,9 @@ TEST_F(ClientSettings, AreNotStoredWhenNothingMayBeWritten)
 {
     serve();
     vexa_metadata_may_update = false;
-    EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
-    EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
-    EXPECT_EQ(why_settings_are_not_stored(), "the worker runs with --no-metadata-update");
+    EXPECT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::NOT_STORED);
+    EXPECT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::NOT_STORED);
+    EXPECT_EQ(platform::why_settings_are_not_stored(), "the worker runs with --no-metadata-update");
     EXPECT_EQ(names_in_meta(), std::vector<std::string>{"metadata.lock"});
 }
 
@@ -133,7 +138,8 @@ TEST_F(ClientSettings, AreShownAsNotStoredUntilTheyAre)
     use_failing_files();
     failing_files::arm(1, fate::FAIL, ENOSPC); // making the pending file
     EXPECT_EQ(messages([&] {
-                  EXPECT_EQ(store_client_setting("ti\"tle\xFF", "x"), setting_state::NOT_STORED);
+                  EXPECT_EQ(platform::store_client_setting("ti\"tle\xFF", "x"),
+                            platform::setting_state::NOT_STORED);
               }),
               "Cannot store metadata of a client '" + folder.path("meta/metadata") +
                   "': No space left on device\n");
@@ -142,7 +148,7 @@ TEST_F(ClientSettings, AreShownAsNotStoredUntilTheyAre)
                                        {"names", Json::array{"ti\"tle\uFFFD"}},
                                        {"reason", "No space left on device"}};
     EXPECT_EQ(not_stored(), expected);
-    item::store_waiting_settings(later());
+    platform::store_waiting_settings(later());
     EXPECT_EQ(not_stored(), Json());
     EXPECT_NE(stored().find(" = x\n"), std::string::npos);
 }
@@ -153,13 +159,13 @@ TEST_F(ClientSettings, AreStoredByTheNextOneThatCanBe)
     serve();
     use_failing_files();
     failing_files::arm(1, fate::FAIL, ENOSPC);
-    messages([] { store_client_setting("one", "1"); });
+    messages([] { platform::store_client_setting("one", "1"); });
     failing_files::arm(1, fate::FAIL, ENOSPC);
-    messages([] { store_client_setting("two", "2"); });
-    EXPECT_EQ(client_setting_state("one"), setting_state::NOT_STORED);
-    EXPECT_EQ(store_client_setting("two", "2"), setting_state::STORED);
-    EXPECT_EQ(client_setting_state("one"), setting_state::STORED);
-    item::reset_client_settings();
+    messages([] { platform::store_client_setting("two", "2"); });
+    EXPECT_EQ(platform::client_setting_state("one"), platform::setting_state::NOT_STORED);
+    EXPECT_EQ(platform::store_client_setting("two", "2"), platform::setting_state::STORED);
+    EXPECT_EQ(platform::client_setting_state("one"), platform::setting_state::STORED);
+    platform::reset_client_settings();
     start_again();
     EXPECT_EQ(shown("one"), "1");
     EXPECT_EQ(shown("two"), "2");
@@ -168,15 +174,17 @@ TEST_F(ClientSettings, AreStoredByTheNextOneThatCanBe)
 TEST_F(ClientSettings, EachFailingCallIsToldOrMadeUpFor)
 {
     for (int call = 1; call <= 12; ++call) {
-        item::reset_item();
+        platform::reset_item();
         name_item();
         serve();
         use_failing_files();
         failing_files::arm(call, fate::FAIL, EIO);
         const std::string value = std::to_string(call);
         messages([&] {
-            const setting_state state = store_client_setting("title", value);
-            EXPECT_EQ(state, call <= 2 ? setting_state::NOT_STORED : setting_state::STORED) << call;
+            const platform::setting_state state = platform::store_client_setting("title", value);
+            EXPECT_EQ(state, call <= 2 ? platform::setting_state::NOT_STORED
+                                       : platform::setting_state::STORED)
+                << call;
             vexa_free_all(); // tries twice
         });
         EXPECT_NE(stored().find("title = " + value + "\n"), std::string::npos) << call;
@@ -195,7 +203,8 @@ TEST_F(ClientSettings, WhatWasNowhereAtTheEndIsToldLost)
     };
     operations(full);
     const std::string told = messages([] {
-        EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
+        EXPECT_EQ(platform::store_client_setting("title", "x"),
+                  platform::setting_state::NOT_STORED);
         vexa_free_all();
     });
     const std::string attempt =
@@ -207,22 +216,22 @@ TEST_F(ClientSettings, WhatWasNowhereAtTheEndIsToldLost)
 TEST_F(ClientSettings, RemovedFolderIsNoticed)
 {
     serve();
-    ASSERT_EQ(store_client_setting("one", "1"), setting_state::STORED);
+    ASSERT_EQ(platform::store_client_setting("one", "1"), platform::setting_state::STORED);
     std::filesystem::remove_all(folder.path("meta"));
     messages([] {
-        EXPECT_EQ(store_client_setting("two", "2"), setting_state::NOT_STORED);
-        EXPECT_EQ(client_setting_state("one"), setting_state::NOT_STORED);
+        EXPECT_EQ(platform::store_client_setting("two", "2"), platform::setting_state::NOT_STORED);
+        EXPECT_EQ(platform::client_setting_state("one"), platform::setting_state::NOT_STORED);
     });
-    EXPECT_EQ(why_settings_are_not_stored(), "No such file or directory");
+    EXPECT_EQ(platform::why_settings_are_not_stored(), "No such file or directory");
 }
 
 TEST_F(ClientSettings, RemovedPendingFileIsMadeAnew)
 {
     serve();
-    ASSERT_EQ(store_client_setting("one", "1"), setting_state::STORED);
+    ASSERT_EQ(platform::store_client_setting("one", "1"), platform::setting_state::STORED);
     unlink(folder.path("meta/metadata.pending-1").c_str());
-    ASSERT_EQ(store_client_setting("two", "2"), setting_state::STORED);
-    item::reset_client_settings();
+    ASSERT_EQ(platform::store_client_setting("two", "2"), platform::setting_state::STORED);
+    platform::reset_client_settings();
     start_again();
     EXPECT_EQ(shown("one"), "1");
     EXPECT_EQ(shown("two"), "2");
@@ -245,14 +254,15 @@ TEST_F(ClientSettings, FullDiskIsToldAndMadeUpForOnceThereIsRoom)
         while (write(file.get(), page.data(), page.size()) > 0) {
         }
         const std::string told = messages([&] {
-            EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
-            item::store_waiting_settings(later());
+            EXPECT_EQ(platform::store_client_setting("title", "x"),
+                      platform::setting_state::NOT_STORED);
+            platform::store_waiting_settings(later());
         });
         EXPECT_NE(told.find("No space left on device"), std::string::npos);
         EXPECT_EQ(not_stored()["names"][0], Json("title"));
         unlink(filler.c_str());
         EXPECT_EQ(ftruncate(file.get(), 0), 0);
-        item::store_waiting_settings(later() + 10'000'000);
+        platform::store_waiting_settings(later() + 10'000'000);
         EXPECT_EQ(not_stored(), Json());
         EXPECT_NE(stored().find("title = x\n"), std::string::npos);
         return HasFailure() ? 1 : 0;
@@ -277,11 +287,13 @@ TEST_F(ClientSettings, ReadOnlyFolderIsTold)
         }
         serve();
         messages([&] {
-            EXPECT_EQ(store_client_setting("title", "x"), setting_state::NOT_STORED);
-            item::store_waiting_settings(later());
+            EXPECT_EQ(platform::store_client_setting("title", "x"),
+                      platform::setting_state::NOT_STORED);
+            platform::store_waiting_settings(later());
         });
-        EXPECT_EQ(client_setting_state("title"), setting_state::NOT_STORED);
-        EXPECT_NE(why_settings_are_not_stored().find("Read-only file system"), std::string::npos);
+        EXPECT_EQ(platform::client_setting_state("title"), platform::setting_state::NOT_STORED);
+        EXPECT_NE(platform::why_settings_are_not_stored().find("Read-only file system"),
+                  std::string::npos);
         EXPECT_EQ(shown("title"), "x");
         EXPECT_EQ(stored(), "title = old\n");
         return HasFailure() ? 1 : 0;
@@ -298,21 +310,22 @@ TEST_F(ClientSettings, SettingInALoopWaitsForTheNextWrite)
 {
     serve();
     const std::string long_text(16000, 'v');
-    setting_state state = setting_state::STORED;
+    platform::setting_state state = platform::setting_state::STORED;
     int sets = 0;
-    for (; state == setting_state::STORED && sets < 2000; ++sets) {
-        state = store_client_setting("title", long_text + std::to_string(sets));
+    for (; state == platform::setting_state::STORED && sets < 2000; ++sets) {
+        state = platform::store_client_setting("title", long_text + std::to_string(sets));
     }
-    ASSERT_EQ(state, setting_state::WAITS);
+    ASSERT_EQ(state, platform::setting_state::WAITS);
     EXPECT_LE(std::filesystem::file_size(folder.path("meta/metadata.pending-1")),
               platform::max_pending_file);
-    EXPECT_EQ(store_client_setting("other", "x"), setting_state::STORED); // a small one still fits
-    EXPECT_EQ(client_setting_state("title"), setting_state::WAITS);
+    EXPECT_EQ(platform::store_client_setting("other", "x"),
+              platform::setting_state::STORED); // a small one still fits
+    EXPECT_EQ(platform::client_setting_state("title"), platform::setting_state::WAITS);
     EXPECT_EQ(not_stored()["reason"], Json("not written yet"));
-    item::store_waiting_settings(later());
-    EXPECT_EQ(client_setting_state("title"), setting_state::STORED);
+    platform::store_waiting_settings(later());
+    EXPECT_EQ(platform::client_setting_state("title"), platform::setting_state::STORED);
     EXPECT_NE(stored().find("v" + std::to_string(sets - 1) + "\n"), std::string::npos);
-    EXPECT_EQ(store_client_setting("title", "short"), setting_state::STORED);
+    EXPECT_EQ(platform::store_client_setting("title", "short"), platform::setting_state::STORED);
 }
 
 TEST_F(ClientSettings, NobodyWaitsForAWriteThatFails)
@@ -322,16 +335,17 @@ TEST_F(ClientSettings, NobodyWaitsForAWriteThatFails)
         open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
     const std::string long_text(16000, 'v');
-    setting_state state = setting_state::STORED;
-    for (int sets = 0; state == setting_state::STORED && sets < 2000; ++sets) {
-        state = store_client_setting("title", long_text + std::to_string(sets));
+    platform::setting_state state = platform::setting_state::STORED;
+    for (int sets = 0; state == platform::setting_state::STORED && sets < 2000; ++sets) {
+        state = platform::store_client_setting("title", long_text + std::to_string(sets));
     }
-    ASSERT_EQ(state, setting_state::WAITS);
-    messages([&] { item::store_waiting_settings(later()); });
-    EXPECT_EQ(client_setting_state("title"), setting_state::NOT_STORED);
-    EXPECT_EQ(store_client_setting("title", long_text), setting_state::NOT_STORED);
-    EXPECT_EQ(why_settings_are_not_stored(), "another process holds its lock");
-    messages(store_client_settings_now);
+    ASSERT_EQ(state, platform::setting_state::WAITS);
+    messages([&] { platform::store_waiting_settings(later()); });
+    EXPECT_EQ(platform::client_setting_state("title"), platform::setting_state::NOT_STORED);
+    EXPECT_EQ(platform::store_client_setting("title", long_text),
+              platform::setting_state::NOT_STORED);
+    EXPECT_EQ(platform::why_settings_are_not_stored(), "another process holds its lock");
+    messages(platform::store_client_settings_now);
 }
 
 } // namespace

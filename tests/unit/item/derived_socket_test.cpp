@@ -8,10 +8,12 @@
 
 #include "platform/media_item.h"
 #include "platform/standalone/comm/listener.h"
-#include "platform/standalone/item/item_state.h"
+#include "platform/standalone/item/client_settings.h"
+#include "platform/standalone/item/serve_lock.h"
+#include "platform/standalone/report/document.h"
 #include "tests/support/child_process.h"
+#include "tests/support/item_fixture.h"
 #include "tests/support/packet_client.h"
-#include "tests/unit/item/item_fixture.h"
 
 namespace {
 
@@ -34,7 +36,7 @@ protected:
                   "Comm socket '" + path + "': " + reason + "\n");
         EXPECT_EQ(vexa_meta, nullptr);
         EXPECT_EQ(vexa_comm_server, nullptr);
-        EXPECT_FALSE(holds_serve_lock());
+        EXPECT_FALSE(platform::holds_serve_lock());
         EXPECT_FALSE(folder.has("s.sock.lock"));
     }
 
@@ -135,7 +137,7 @@ TEST_F(DerivedSocket, StatusDocumentKnowsTheItemBeforeThePictureIsExamined)
     for (const std::string& piece :
          {"\"socket\": \"" + path + "\"", "\"file path\": \"" + std::string(vexa_file) + "\"",
           std::string("\"GUID\": \"1234\""), std::string("\"value\": \"green\"")}) {
-        EXPECT_NE(status_document().find(piece), std::string::npos) << piece;
+        EXPECT_NE(platform::status_document().find(piece), std::string::npos) << piece;
     }
 }
 
@@ -144,8 +146,8 @@ TEST_F(DerivedSocket, ValueSetBeforeTheExaminationOutlivesIt)
     fs::create_directory(folder.path("meta"));
     folder.write("meta/metadata", "colour = green\n");
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
-    ASSERT_EQ(store_client_setting("colour", "red"), setting_state::STORED);
-    ASSERT_EQ(store_client_setting("mood", "calm"), setting_state::STORED);
+    ASSERT_EQ(platform::store_client_setting("colour", "red"), platform::setting_state::STORED);
+    ASSERT_EQ(platform::store_client_setting("mood", "calm"), platform::setting_state::STORED);
     // As the program does after the examination.
     meta_to_json(vexa_metadata);
     vexa_standard_vars_to_metadata(vexa_metadata);
@@ -154,10 +156,11 @@ TEST_F(DerivedSocket, ValueSetBeforeTheExaminationOutlivesIt)
         0);
     metadata_v4_metadata_close_file(vexa_metadata);
     EXPECT_NE(folder.read("meta/metadata").find("colour = red\n"), std::string::npos);
-    EXPECT_NE(status_document().find("\"value\": \"red\""), std::string::npos);
-    EXPECT_NE(status_document().find("\"value\": \"calm\""), std::string::npos);
-    EXPECT_EQ(store_client_setting("colour", "blue"), setting_state::STORED); // the list is closed
-    EXPECT_NE(status_document().find("\"value\": \"blue\""), std::string::npos);
+    EXPECT_NE(platform::status_document().find("\"value\": \"red\""), std::string::npos);
+    EXPECT_NE(platform::status_document().find("\"value\": \"calm\""), std::string::npos);
+    EXPECT_EQ(platform::store_client_setting("colour", "blue"),
+              platform::setting_state::STORED); // the list is closed
+    EXPECT_NE(platform::status_document().find("\"value\": \"blue\""), std::string::npos);
 }
 
 } // namespace

@@ -13,11 +13,11 @@
 #include "platform/item_paths.h"
 #include "platform/media_item.h"
 #include "platform/standalone/item/derived.h"
-#include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
+#include "platform/standalone/report/document.h"
 #include "tests/support/child_process.h"
-#include "tests/unit/item/item_fixture.h"
+#include "tests/support/item_fixture.h"
 
 namespace {
 
@@ -58,10 +58,10 @@ TEST_F(Derived, DefaultPlacesAreMadeForTheUserAlone)
     umask(old_mask);
     EXPECT_EQ(vexa_file_metadir, state_folder() + "/" + item_name());
     EXPECT_EQ(vexa_sock, runtime_folder() + "/" + item_name() + ".sock");
-    EXPECT_EQ(socket_path(), vexa_sock);
+    EXPECT_EQ(platform::socket_path(), vexa_sock);
     EXPECT_EQ(mode_of(vexa_file_metadir), 0700U);
     EXPECT_EQ(mode_of(runtime_folder()), 0700U);
-    EXPECT_TRUE(holds_serve_lock());
+    EXPECT_TRUE(platform::holds_serve_lock());
     ASSERT_NE(vexa_meta, nullptr);
     EXPECT_GE(vexa_meta->file_fd, 0);
     ASSERT_NE(vexa_metadata, nullptr);
@@ -88,7 +88,7 @@ TEST_F(Derived, GivenPathsStayAsGiven)
     EXPECT_STREQ(vexa_file, "./picture.png");
     EXPECT_STREQ(vexa_file_metadir, "meta/deep");
     EXPECT_STREQ(vexa_sock, "s.sock");
-    EXPECT_EQ(socket_path(), folder.path("s.sock"));
+    EXPECT_EQ(platform::socket_path(), folder.path("s.sock"));
     EXPECT_TRUE(folder.has("meta/deep"));
     EXPECT_TRUE(folder.has("s.sock.lock"));
     // Nothing depends on the working folder any more.
@@ -120,7 +120,7 @@ TEST_F(Derived, SocketFolderOpenToOthersIsRefused)
     EXPECT_EQ(refusal(), "Socket folder is not private to this user '" + runtime_folder() +
                              "': Operation not permitted\n");
     EXPECT_EQ(vexa_meta, nullptr);
-    EXPECT_FALSE(holds_serve_lock());
+    EXPECT_FALSE(platform::holds_serve_lock());
 }
 
 TEST_F(Derived, LinkInThePlaceOfTheSocketFolderIsRefused)
@@ -155,7 +155,7 @@ TEST_F(Derived, FoldersThatCannotBeMadeAreNamed)
     vexa_set_string(&vexa_sock, nullptr);
     const std::string metadir = state_folder() + "/" + item_name();
     EXPECT_EQ(refusal(), "Cannot make metadata folder '" + metadir + "': Not a directory\n");
-    EXPECT_FALSE(holds_serve_lock());
+    EXPECT_FALSE(platform::holds_serve_lock());
 }
 
 TEST_F(Derived, PictureThatCannotBeOpenedIsNamed)
@@ -207,7 +207,7 @@ TEST_F(Derived, SecondWorkerIsRefusedWithoutTouchingTheItem)
     // As the kernel sees it, an open file of its own is another worker.
     EXPECT_EQ(run_in_child([&] {
                   const std::string seen = messages([] {
-                      item::close_item();
+                      platform::close_item();
                       EXPECT_NE(vexa_standard_to_derived_params(), 0);
                   });
                   return seen == "Socket '" + sock + "': already served by process " + holder +
@@ -228,7 +228,7 @@ TEST_F(Derived, ModesThatDoNotServeDisturbNobody)
                   return vexa_standard_to_derived_params() == 0 && vexa_sock == sock ? 0 : 1;
               }),
               0);
-    EXPECT_TRUE(holds_serve_lock());
+    EXPECT_TRUE(platform::holds_serve_lock());
     EXPECT_TRUE(fs::exists(sock + ".lock"));
 }
 
@@ -239,7 +239,7 @@ TEST_F(Derived, ModesThatDoNotServeMakeNoSocketFolder)
         *mode = true;
         ASSERT_EQ(vexa_standard_to_derived_params(), 0);
         EXPECT_NE(vexa_sock, nullptr);
-        EXPECT_FALSE(holds_serve_lock());
+        EXPECT_FALSE(platform::holds_serve_lock());
         *mode = false;
     }
     EXPECT_FALSE(fs::exists(runtime_folder()));
@@ -343,13 +343,13 @@ TEST_F(Leftovers, OfAPictureThatIsGoneGoToo)
         vexa_set_string(&vexa_file_metadir, nullptr);
         vexa_set_string(&vexa_sock, given ? folder.path("s.sock").c_str() : nullptr);
         ASSERT_EQ(vexa_standard_to_derived_params(), 0);
-        const std::string path = socket_path();
+        const std::string path = platform::socket_path();
         const std::string metadir = vexa_file_metadir;
         std::ofstream(metadir + "/metadata.lock").flush();
         std::ofstream(metadir + "/metadata.tmp-0123").flush();
         vexa_set_string(&vexa_sock, given ? path.c_str() : nullptr);
         vexa_set_string(&vexa_file_metadir, nullptr);
-        item::release_serve_lock();
+        platform::release_serve_lock();
         socket_at(path, true);
         folder.write("left", "4711\n");
         fs::rename(folder.path("left"), path + ".lock");
@@ -407,8 +407,8 @@ TEST_F(Derived, FactsOfAnotherStateOfThePictureAreDropped)
     folder.write("metadata", "image size = 4 x 3\ntitle = t\npicture size = 17\n");
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     meta_to_json(vexa_metadata);
-    EXPECT_EQ(status_document().find("4 x 3"), std::string::npos);
-    EXPECT_NE(status_document().find("title"), std::string::npos);
+    EXPECT_EQ(platform::status_document().find("4 x 3"), std::string::npos);
+    EXPECT_NE(platform::status_document().find("title"), std::string::npos);
 }
 
 TEST_F(Derived, WhatIsWrittenBackIsBelievedUntilThePictureChanges)
@@ -449,7 +449,7 @@ TEST_F(Derived, ClosingTwiceGivesEverythingBack)
     EXPECT_EQ(item_test::open_descriptors(), before);
     EXPECT_EQ(vexa_meta, nullptr);
     EXPECT_EQ(vexa_metadata, nullptr);
-    EXPECT_EQ(item::opened_item(), nullptr);
+    EXPECT_EQ(platform::opened_item(), nullptr);
 }
 
 } // namespace

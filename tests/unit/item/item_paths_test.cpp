@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/item_paths.h"
-#include "tests/unit/item/item_fixture.h"
+#include "tests/support/item_fixture.h"
 
 namespace {
 

@@ -9,11 +9,11 @@
 
 #include "platform/media_item.h"
 #include "platform/standalone/cnb/domain.h"
-#include "platform/standalone/item/item_state.h"
-#include "platform/standalone/item/life_cycle.h"
+#include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
+#include "platform/standalone/life_cycle.h"
 #include "tests/support/child_process.h"
-#include "tests/unit/item/item_fixture.h"
+#include "tests/support/item_fixture.h"
 
 namespace {
 
@@ -109,7 +109,7 @@ TEST_F(LifeCycle, HousekeepingPutsTheChildsNumberIntoTheLock)
 TEST_F(LifeCycle, HousekeepingWithoutAnItemDoesNothing)
 {
     vexa_idle_housekeeping();
-    EXPECT_FALSE(holds_serve_lock());
+    EXPECT_FALSE(platform::holds_serve_lock());
 }
 
 // --- the end ------------------------------------------------------------------------------------
@@ -153,7 +153,7 @@ TEST_F(LifeCycle, ProcessThatEndsEarlyLeavesNoLock)
     EXPECT_EXIT(
         {
             const bool derived = vexa_standard_to_derived_params() == 0;
-            exit(derived && holds_serve_lock() ? 7 : 1);
+            exit(derived && platform::holds_serve_lock() ? 7 : 1);
         },
         testing::ExitedWithCode(7), "");
     EXPECT_FALSE(folder.has("s.sock.lock"));

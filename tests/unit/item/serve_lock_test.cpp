@@ -13,10 +13,9 @@
 
 #include "platform/media_item.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "tests/support/child_process.h"
-#include "tests/unit/item/item_fixture.h"
+#include "tests/support/item_fixture.h"
 
 namespace {
 
@@ -36,17 +35,17 @@ platform::unique_fd locked(const std::string& path)
 
 TEST_F(ServeLock, IsAFileWithTheProcessNumberAndGoneAfterwards)
 {
-    EXPECT_FALSE(holds_serve_lock());
-    ASSERT_TRUE(item::take_serve_lock(socket));
-    EXPECT_TRUE(holds_serve_lock());
+    EXPECT_FALSE(platform::holds_serve_lock());
+    ASSERT_TRUE(platform::take_serve_lock(socket));
+    EXPECT_TRUE(platform::holds_serve_lock());
     EXPECT_EQ(folder.read("s.sock.lock"), number + "\n");
     struct stat status = {};
     stat(folder.path("s.sock.lock").c_str(), &status);
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
-    item::release_serve_lock();
-    EXPECT_FALSE(holds_serve_lock());
+    platform::release_serve_lock();
+    EXPECT_FALSE(platform::holds_serve_lock());
     EXPECT_FALSE(folder.has("s.sock.lock"));
-    item::release_serve_lock();
+    platform::release_serve_lock();
 }
 
 TEST_F(ServeLock, TakenLockNamesSocketAndHolder)
@@ -54,10 +53,10 @@ TEST_F(ServeLock, TakenLockNamesSocketAndHolder)
     folder.write("s.sock.lock", "4711\n");
     const platform::unique_fd other = locked(folder.path("s.sock.lock"));
     bool taken = true;
-    const std::string seen = messages([&] { taken = item::take_serve_lock(socket); });
+    const std::string seen = messages([&] { taken = platform::take_serve_lock(socket); });
     EXPECT_FALSE(taken);
     EXPECT_EQ(seen, "Socket '" + socket + "': already served by process 4711\n");
-    EXPECT_FALSE(holds_serve_lock());
+    EXPECT_FALSE(platform::holds_serve_lock());
     EXPECT_TRUE(folder.has("s.sock.lock"));
 }
 
@@ -66,7 +65,7 @@ TEST_F(ServeLock, HolderThatHasNotWrittenItsNumberIsStillOne)
     const platform::unique_fd other = locked(folder.path("s.sock.lock"));
     for (const char* text : {"", "x", "-3", "0", "99999999999999999999"}) {
         folder.write("s.sock.lock", text);
-        EXPECT_EQ(messages([&] { EXPECT_FALSE(item::take_serve_lock(socket)); }),
+        EXPECT_EQ(messages([&] { EXPECT_FALSE(platform::take_serve_lock(socket)); }),
                   "Socket '" + socket + "': already served by another process\n");
     }
 }
@@ -74,7 +73,7 @@ TEST_F(ServeLock, HolderThatHasNotWrittenItsNumberIsStillOne)
 TEST_F(ServeLock, FileLeftByADeadWorkerIsTakenOver)
 {
     folder.write("s.sock.lock", "4711 and much more than this worker writes\n");
-    ASSERT_TRUE(item::take_serve_lock(socket));
+    ASSERT_TRUE(platform::take_serve_lock(socket));
     EXPECT_EQ(folder.read("s.sock.lock"), number + "\n");
 }
 
@@ -117,7 +116,7 @@ private:
 TEST_F(ServeLock, WorkerThatIsJustEndingIsWaitedFor)
 {
     const ending_holder holder(locked(folder.path("s.sock.lock")), nullptr);
-    EXPECT_TRUE(item::take_serve_lock(socket));
+    EXPECT_TRUE(platform::take_serve_lock(socket));
     EXPECT_TRUE(ending_holder::has_ended());
 }
 
@@ -126,7 +125,7 @@ TEST_F(ServeLock, FileThatTheLastHolderRemovedIsNotTheLock)
     // The loser of the race has the old file open when its holder removes it.
     const std::string path = folder.path("s.sock.lock");
     const ending_holder holder(locked(path), path.c_str());
-    ASSERT_TRUE(item::take_serve_lock(socket));
+    ASSERT_TRUE(platform::take_serve_lock(socket));
     EXPECT_TRUE(ending_holder::has_ended());
     EXPECT_TRUE(folder.has("s.sock.lock"));
     const platform::unique_fd named(open(path.c_str(), O_RDWR | O_CLOEXEC));
@@ -136,10 +135,10 @@ TEST_F(ServeLock, FileThatTheLastHolderRemovedIsNotTheLock)
 TEST_F(ServeLock, PathThatCannotBeLockedIsNamed)
 {
     const std::string lost = folder.path("none/s.sock");
-    EXPECT_EQ(messages([&] { EXPECT_FALSE(item::take_serve_lock(lost)); }),
+    EXPECT_EQ(messages([&] { EXPECT_FALSE(platform::take_serve_lock(lost)); }),
               "Cannot lock socket '" + lost + ".lock': No such file or directory\n");
     std::filesystem::create_symlink("/dev/null", folder.path("s.sock.lock"));
-    EXPECT_EQ(messages([&] { EXPECT_FALSE(item::take_serve_lock(socket)); }),
+    EXPECT_EQ(messages([&] { EXPECT_FALSE(platform::take_serve_lock(socket)); }),
               "Cannot lock socket '" + socket + ".lock': Too many levels of symbolic links\n");
 }
 
@@ -147,7 +146,7 @@ TEST_F(ServeLock, KilledHolderLeavesNoLock)
 {
     const item_test::pipe_pair pipe = item_test::make_pipe();
     child_process holder([&] {
-        const bool taken = item::take_serve_lock(socket);
+        const bool taken = platform::take_serve_lock(socket);
         const ssize_t told = write(pipe.writer.get(), taken ? "1" : "0", 1);
         pause();
         return told == 1 ? 0 : 1;
@@ -155,10 +154,10 @@ TEST_F(ServeLock, KilledHolderLeavesNoLock)
     char taken = 0;
     ASSERT_EQ(platform::read_fully(pipe.reader.get(), &taken, 1), 1);
     ASSERT_EQ(taken, '1');
-    messages([&] { EXPECT_FALSE(item::take_serve_lock(socket)); });
+    messages([&] { EXPECT_FALSE(platform::take_serve_lock(socket)); });
     holder.kill_now();
     holder.wait();
-    EXPECT_TRUE(item::take_serve_lock(socket));
+    EXPECT_TRUE(platform::take_serve_lock(socket));
 }
 
 TEST_F(ServeLock, OneOfManyWins)
@@ -170,7 +169,7 @@ TEST_F(ServeLock, OneOfManyWins)
         workers.push_back(std::make_unique<child_process>([&] {
             char byte = 0;
             const bool begun = platform::read_fully(start.reader.get(), &byte, 1) == 1;
-            const bool taken = begun && item::take_serve_lock(socket);
+            const bool taken = begun && platform::take_serve_lock(socket);
             const bool told = write(results.writer.get(), taken ? "1" : "0", 1) == 1;
             pause();
             return told ? 0 : 1;
@@ -190,14 +189,16 @@ TEST_F(ServeLock, OneOfManyWins)
 
 TEST_F(ServeLock, ChildThatGoesOnAloneOwnsItAfterRefreshing)
 {
-    ASSERT_TRUE(item::take_serve_lock(socket));
+    ASSERT_TRUE(platform::take_serve_lock(socket));
     EXPECT_EQ(run_in_child([&] {
                   // Not yet the owner: leaves the file alone.
-                  return holds_serve_lock() && folder.read("s.sock.lock") == number + "\n" ? 0 : 1;
+                  return platform::holds_serve_lock() && folder.read("s.sock.lock") == number + "\n"
+                             ? 0
+                             : 1;
               }),
               0);
     EXPECT_EQ(run_in_child([&] {
-                  item::refresh_serve_lock();
+                  platform::refresh_serve_lock();
                   return folder.read("s.sock.lock") == std::to_string(getpid()) + "\n" ? 0 : 1;
               }),
               0);
@@ -205,14 +206,14 @@ TEST_F(ServeLock, ChildThatGoesOnAloneOwnsItAfterRefreshing)
 
 TEST_F(ServeLock, ProcessThatIsNotTheOwnerDoesNotRemoveTheFile)
 {
-    ASSERT_TRUE(item::take_serve_lock(socket));
+    ASSERT_TRUE(platform::take_serve_lock(socket));
     EXPECT_EQ(run_in_child([&] {
-                  item::release_serve_lock();
+                  platform::release_serve_lock();
                   return 0;
               }),
               0);
     EXPECT_TRUE(folder.has("s.sock.lock"));
-    EXPECT_TRUE(holds_serve_lock());
+    EXPECT_TRUE(platform::holds_serve_lock());
     const platform::unique_fd named(open(folder.path("s.sock.lock").c_str(), O_RDWR | O_CLOEXEC));
     EXPECT_EQ(flock(named.get(), LOCK_EX | LOCK_NB), -1);
 }
@@ -220,9 +221,9 @@ TEST_F(ServeLock, ProcessThatIsNotTheOwnerDoesNotRemoveTheFile)
 TEST_F(ServeLock, DescriptorIsNotInherited)
 {
     const size_t before = item_test::open_descriptors();
-    ASSERT_TRUE(item::take_serve_lock(socket));
+    ASSERT_TRUE(platform::take_serve_lock(socket));
     EXPECT_EQ(item_test::open_descriptors(), before + 1);
-    item::release_serve_lock();
+    platform::release_serve_lock();
     EXPECT_EQ(item_test::open_descriptors(), before);
 }
 

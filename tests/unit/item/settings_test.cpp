@@ -4,7 +4,7 @@
 
 #include "platform/media_item.h"
 #include "platform/standalone/item/settings.h"
-#include "tests/unit/item/item_fixture.h"
+#include "tests/support/item_fixture.h"
 
 namespace {
 
@@ -36,9 +36,9 @@ TEST_F(Settings, ProgramStartValues)
     vexa_time_scale = {100, 3};
     DIE4 = 4;
     mono_auto_shutdown = 5;
-    item::own.domain = "x";
+    platform::own.domain = "x";
     vexa_set_string(&vexa_file, "f");
-    item::reset_settings();
+    platform::reset_settings();
     EXPECT_FALSE(vexa_oneshot);
     EXPECT_TRUE(vexa_metadata_may_update);
     EXPECT_EQ(vexa_time_scale.numerator, 1);
@@ -46,7 +46,7 @@ TEST_F(Settings, ProgramStartValues)
     EXPECT_EQ(DIE4, 0);
     EXPECT_EQ(mono_auto_shutdown, 0U);
     EXPECT_EQ(auto_shutdown_delay_initial, 60'000'000U);
-    EXPECT_EQ(item::own.domain, "default");
+    EXPECT_EQ(platform::own.domain, "default");
     EXPECT_EQ(vexa_file, nullptr);
 }
 

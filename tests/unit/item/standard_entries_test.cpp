@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 
 #include "platform/media_item.h"
-#include "platform/standalone/item/item_state.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/standard_entries.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/picture_stamp.h"
-#include "tests/unit/item/item_fixture.h"
+#include "platform/standalone/report/document.h"
+#include "tests/support/item_fixture.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ protected:
         return entry != nullptr ? entry->value : "(none)";
     }
 
-    void take() { item::take_stored_settings(list.get()); }
+    void take() { platform::take_stored_settings(list.get()); }
 
     platform::list_owner list{platform::new_metadata_list()};
 };
@@ -101,9 +101,9 @@ TEST_F(StandardEntries, WhatASwitchGaveStays)
     add("background music", "on");
     vexa_set_string(&vexa_file_type, "image/png");
     vexa_aspect_ratio = {4, 3};
-    item::own.file_type_given = true;
-    item::own.aspect_ratio_given = true;
-    item::own.background_music_given = true;
+    platform::own.file_type_given = true;
+    platform::own.aspect_ratio_given = true;
+    platform::own.background_music_given = true;
     take();
     EXPECT_STREQ(vexa_file_type, "image/png");
     EXPECT_EQ(vexa_aspect_ratio.numerator, 4);
@@ -139,7 +139,7 @@ TEST_F(StandardEntries, UnknownOnesAreNotWritten)
 TEST_F(StandardEntries, UnknownAspectRatioThatWasGivenIsWritten)
 {
     add("aspect ratio", "16:9");
-    item::own.aspect_ratio_given = true;
+    platform::own.aspect_ratio_given = true;
     vexa_standard_vars_to_metadata(list.get());
     EXPECT_EQ(value("aspect ratio"), "0:0");
 }
@@ -190,7 +190,8 @@ TEST_F(StandardEntries, DocumentShowsWhatIsWritten)
 {
     vexa_time_duration = 12345;
     vexa_standard_vars_to_metadata(list.get());
-    EXPECT_NE(status_document().find(R"({"name": "time duration", "tag": -1, "value": "12345"})"),
+    EXPECT_NE(platform::status_document().find(
+                  R"({"name": "time duration", "tag": -1, "value": "12345"})"),
               std::string::npos);
 }
 
@@ -202,7 +203,7 @@ TEST_F(StandardEntries, ClosedAndMissingListsAreSurvived)
     EXPECT_NE(seen.find("Metadata entry 'background music': cannot be stored\n"),
               std::string::npos);
     take();
-    item::take_stored_settings(nullptr);
+    platform::take_stored_settings(nullptr);
 }
 
 TEST_F(StandardEntries, StateIsPrinted)

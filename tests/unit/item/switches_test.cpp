@@ -9,7 +9,7 @@
 #include "platform/media_item.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/switches.h"
-#include "tests/unit/item/item_fixture.h"
+#include "tests/support/item_fixture.h"
 
 namespace {
 
@@ -98,8 +98,8 @@ TEST_F(Switches, WithoutSwitchesTheStandardsHold)
     EXPECT_EQ(vexa_file_metadir, nullptr);
     EXPECT_EQ(vexa_sock, nullptr);
     EXPECT_EQ(vexa_file_type, nullptr);
-    EXPECT_EQ(item::own.domain, "default");
-    EXPECT_EQ(item::own.domain_limit, 0U);
+    EXPECT_EQ(platform::own.domain, "default");
+    EXPECT_EQ(platform::own.domain_limit, 0U);
     EXPECT_EQ(auto_shutdown_delay_initial, 60'000'000U);
     EXPECT_TRUE(vexa_metadata_may_update);
     EXPECT_EQ(vexa_aspect_ratio.numerator, 0);
@@ -132,7 +132,7 @@ TEST_F(Switches, TextsAreTaken)
     EXPECT_STREQ(vexa_file_metadir, "m");
     EXPECT_STREQ(vexa_sock, "s");
     EXPECT_STREQ(vexa_file_type, "image/png");
-    EXPECT_TRUE(item::own.file_type_given);
+    EXPECT_TRUE(platform::own.file_type_given);
 }
 
 TEST_F(Switches, EachFlagSetsItsOwn)
@@ -151,7 +151,7 @@ TEST_F(Switches, EachFlagSetsItsOwn)
         {"--force-update-metadata", &vexa_force_update_metadata},
     };
     for (const auto& given : flags) {
-        item::reset_settings();
+        platform::reset_settings();
         ASSERT_EQ(take({given.word}), 0) << given.word;
         for (const auto& other : flags) {
             EXPECT_EQ(*other.flag, other.flag == given.flag) << given.word << " " << other.word;
@@ -168,19 +168,19 @@ TEST_F(Switches, MetadataUpdateCanBeSwitchedOff)
 
 TEST_F(Switches, ModesThatEndEarlyDoNotServe)
 {
-    EXPECT_TRUE(item::mode_serves());
+    EXPECT_TRUE(platform::mode_serves());
     for (const char* word : {"--identify-only", "--create-meta", "--temp-clean-only"}) {
-        item::reset_settings();
+        platform::reset_settings();
         ASSERT_EQ(take({word}), 0);
-        EXPECT_FALSE(item::mode_serves()) << word;
+        EXPECT_FALSE(platform::mode_serves()) << word;
     }
 }
 
 TEST_F(Switches, DomainAndLimitAreTaken)
 {
     ASSERT_EQ(take({"--domain", "stage.left", "--domain-limit", "512M"}), 0);
-    EXPECT_EQ(item::own.domain, "stage.left");
-    EXPECT_EQ(item::own.domain_limit, uint64_t{512} << 20);
+    EXPECT_EQ(platform::own.domain, "stage.left");
+    EXPECT_EQ(platform::own.domain_limit, uint64_t{512} << 20);
 }
 
 TEST_F(Switches, AutoShutdownIsTakenAsMicroseconds)
@@ -199,8 +199,8 @@ TEST_F(Switches, AspectRatioAndMusicAreTakenAndKnownToBeGiven)
     EXPECT_EQ(vexa_aspect_ratio.numerator, 16);
     EXPECT_EQ(vexa_aspect_ratio.denominator, 9);
     EXPECT_EQ(vexa_background_music, 1);
-    EXPECT_TRUE(item::own.aspect_ratio_given);
-    EXPECT_TRUE(item::own.background_music_given);
+    EXPECT_TRUE(platform::own.aspect_ratio_given);
+    EXPECT_TRUE(platform::own.background_music_given);
     ASSERT_EQ(take({"--background-music=off"}), 0);
     EXPECT_EQ(vexa_background_music, 0);
 }
@@ -314,7 +314,7 @@ TEST_F(Switches, HelpShowsEachSwitchWithWhatHoldsWithoutIt)
         }
     }
     EXPECT_EQ(found, cases.size());
-    EXPECT_EQ(item::standard_switch_count, cases.size());
+    EXPECT_EQ(platform::standard_switch_count, cases.size());
 }
 
 } // namespace

@@ -13,7 +13,7 @@ constexpr uint64_t most = UINT64_MAX;
 uint64_t size_of_text(const char* text)
 {
     uint64_t bytes = 0;
-    return item::parse_size(text, &bytes) ? bytes : 0;
+    return platform::parse_size(text, &bytes) ? bytes : 0;
 }
 
 TEST(ParseSize, DigitsAreBytesAndSuffixesPowersOf1024)
@@ -41,7 +41,7 @@ TEST(ParseSize, AnythingElseIsNoSize)
     for (const char* text : {"", "0", "0M", "M", "-1", "+1", " 1", "1 ", "1.5G", "12Q", "1MB",
                              "1KK", "0x10", "1+", "1\x0B"}) {
         uint64_t bytes = 77;
-        EXPECT_FALSE(item::parse_size(text, &bytes)) << text;
+        EXPECT_FALSE(platform::parse_size(text, &bytes)) << text;
         EXPECT_EQ(bytes, 77U) << text;
     }
 }
@@ -49,26 +49,26 @@ TEST(ParseSize, AnythingElseIsNoSize)
 TEST(ParseSeconds, FractionsBecomeMicroseconds)
 {
     uint64_t us = 0;
-    EXPECT_TRUE(item::parse_seconds("0", &us));
+    EXPECT_TRUE(platform::parse_seconds("0", &us));
     EXPECT_EQ(us, 0U);
-    EXPECT_TRUE(item::parse_seconds("60", &us));
+    EXPECT_TRUE(platform::parse_seconds("60", &us));
     EXPECT_EQ(us, 60'000'000U);
-    EXPECT_TRUE(item::parse_seconds("0.25", &us));
+    EXPECT_TRUE(platform::parse_seconds("0.25", &us));
     EXPECT_EQ(us, 250'000U);
-    EXPECT_TRUE(item::parse_seconds("1.0000019", &us));
+    EXPECT_TRUE(platform::parse_seconds("1.0000019", &us));
     EXPECT_EQ(us, 1'000'001U);
 }
 
 TEST(ParseSeconds, TooLargeIsTheLargest)
 {
     uint64_t us = 0;
-    EXPECT_TRUE(item::parse_seconds("18446744073709", &us));
+    EXPECT_TRUE(platform::parse_seconds("18446744073709", &us));
     EXPECT_EQ(us, 18446744073709000000U);
-    EXPECT_TRUE(item::parse_seconds("18446744073710", &us));
+    EXPECT_TRUE(platform::parse_seconds("18446744073710", &us));
     EXPECT_EQ(us, most);
-    EXPECT_TRUE(item::parse_seconds("18446744073709.999999", &us));
+    EXPECT_TRUE(platform::parse_seconds("18446744073709.999999", &us));
     EXPECT_EQ(us, most);
-    EXPECT_TRUE(item::parse_seconds("1000000000000000000000000", &us));
+    EXPECT_TRUE(platform::parse_seconds("1000000000000000000000000", &us));
     EXPECT_EQ(us, most);
 }
 
@@ -77,7 +77,7 @@ TEST(ParseSeconds, AnythingElseIsNoTime)
     for (const char* text :
          {"", "-1", "+1", ".5", "5.", "1.x", "1e3", "nan", "inf", "1s", " 1", "1 ", "1..2"}) {
         uint64_t us = 77;
-        EXPECT_FALSE(item::parse_seconds(text, &us)) << text;
+        EXPECT_FALSE(platform::parse_seconds(text, &us)) << text;
         EXPECT_EQ(us, 77U) << text;
     }
 }
@@ -85,25 +85,25 @@ TEST(ParseSeconds, AnythingElseIsNoTime)
 TEST(ParseDescriptor, TakesWholeNumbersThatAnIntHolds)
 {
     int number = -1;
-    EXPECT_TRUE(item::parse_descriptor("0", &number));
+    EXPECT_TRUE(platform::parse_descriptor("0", &number));
     EXPECT_EQ(number, 0);
-    EXPECT_TRUE(item::parse_descriptor("2147483647", &number));
+    EXPECT_TRUE(platform::parse_descriptor("2147483647", &number));
     EXPECT_EQ(number, INT32_MAX);
     for (const char* text : {"", "-1", "3x", "2147483648", "18446744073709551619", " 3"}) {
-        EXPECT_FALSE(item::parse_descriptor(text, &number)) << text;
+        EXPECT_FALSE(platform::parse_descriptor(text, &number)) << text;
     }
 }
 
 TEST(ParseInteger, TakesSignsAndSaturates)
 {
     int64_t number = 0;
-    EXPECT_TRUE(item::parse_integer("-5", &number));
+    EXPECT_TRUE(platform::parse_integer("-5", &number));
     EXPECT_EQ(number, -5);
-    EXPECT_TRUE(item::parse_integer("99999999999999999999", &number));
+    EXPECT_TRUE(platform::parse_integer("99999999999999999999", &number));
     EXPECT_EQ(number, INT64_MAX);
-    EXPECT_FALSE(item::parse_integer("5 ", &number));
-    EXPECT_FALSE(item::parse_integer("-", &number));
-    EXPECT_FALSE(item::parse_integer("", &number));
+    EXPECT_FALSE(platform::parse_integer("5 ", &number));
+    EXPECT_FALSE(platform::parse_integer("-", &number));
+    EXPECT_FALSE(platform::parse_integer("", &number));
 }
 
 // "N:D", or "" when the text is no ratio.
@@ -149,22 +149,22 @@ TEST(ParseIntRational, OtherTextChangesNothing)
 TEST(ParseAspectRatio, OnlyPositiveOrUnknown)
 {
     int_rational ratio = {};
-    EXPECT_TRUE(item::parse_aspect_ratio("16:9", &ratio));
+    EXPECT_TRUE(platform::parse_aspect_ratio("16:9", &ratio));
     EXPECT_EQ(ratio.numerator, 16);
-    EXPECT_TRUE(item::parse_aspect_ratio("0:0", &ratio));
+    EXPECT_TRUE(platform::parse_aspect_ratio("0:0", &ratio));
     EXPECT_EQ(ratio.numerator, 0);
     for (const char* text : {"0:1", "1:0", "-1:1", "1:-1", "-1:-1", "x"}) {
-        EXPECT_FALSE(item::parse_aspect_ratio(text, &ratio)) << text;
+        EXPECT_FALSE(platform::parse_aspect_ratio(text, &ratio)) << text;
     }
 }
 
 TEST(ParsePositiveRatio, NoZeroOnEitherSide)
 {
     int_rational ratio = {};
-    EXPECT_TRUE(item::parse_positive_ratio("100/1", &ratio));
+    EXPECT_TRUE(platform::parse_positive_ratio("100/1", &ratio));
     EXPECT_EQ(ratio.numerator, 100);
     for (const char* text : {"0:0", "0/1", "1/0", "-1/1", "x"}) {
-        EXPECT_FALSE(item::parse_positive_ratio(text, &ratio)) << text;
+        EXPECT_FALSE(platform::parse_positive_ratio(text, &ratio)) << text;
     }
 }
 

@@ -1,0 +1,150 @@
+#include "platform/standalone/clients/events.h"
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "platform/media_item.h"
+#include "platform/standalone/clients/service.h"
+#include "platform/standalone/report/document.h"
+#include "platform/standalone/report/status.h"
+#include "platform/time.h"
+
+namespace platform {
+
+using namespace comm_protocol;
+
+namespace {
+
+constexpr uint64_t event_gap_us = 10'000;
+constexpr uint32_t urgent_changes = change_provisional | change_ready | change_going_down;
+
+uint32_t noted_changes = 0;
+uint64_t next_event_us = 0;
+
+document_text document; // as it was at this generation
+uint64_t document_generation = 0;
+bool document_asked_this_round = false;
+
+event_state present_state()
+{
+    return {progress_percent(), ready_state(), std::string(progress_text())};
+}
+
+int tell_subscribers(comm_socket_v4_server& server, uint32_t changes, uint64_t now_us)
+{
+    const event_state state = present_state();
+    int told = 0;
+    for (const auto& client : server.clients) {
+        const uint32_t news = client->subscribed & changes;
+        if (news != 0) {
+            send_event(*client, news, state, now_us);
+            ++told;
+        }
+    }
+    return told;
+}
+
+const document_text& present_document()
+{
+    if (document == nullptr || !document_asked_this_round) {
+        const std::string& text = status_document();
+        if (document == nullptr || document_generation != status_document_generation()) {
+            document = std::make_shared<const std::string>(text);
+            document_generation = status_document_generation();
+        }
+        document_asked_this_round = true;
+    }
+    return document;
+}
+
+// As one that has just subscribed has it.
+bool has_present_document(const comm_socket_v4_client& client)
+{
+    present_document();
+    return client.document_sent == document_generation;
+}
+
+} // namespace
+
+void notify_clients(uint32_t changes)
+{
+    noted_changes |= changes;
+}
+
+int send_changes(comm_socket_v4_server& server, uint64_t now_us)
+{
+    if (noted_changes == 0 || ((noted_changes & urgent_changes) == 0 && now_us < next_event_us)) {
+        return 0;
+    }
+    const uint32_t changes = noted_changes;
+    noted_changes = 0;
+    next_event_us = now_us + event_gap_us;
+    return tell_subscribers(server, changes, now_us);
+}
+
+void send_going_down(comm_socket_v4_server& server, uint64_t now_us)
+{
+    tell_subscribers(server, noted_changes | change_going_down, now_us);
+    noted_changes = 0;
+}
+
+void greet_subscriber(comm_socket_v4_client& client, uint64_t now_us)
+{
+    if (client.subscribed == 0) {
+        return;
+    }
+    send_event(client, 0, present_state(), now_us);
+    if ((client.subscribed & change_document) != 0) {
+        send_present_document(client, client.subscription, false, now_us);
+    }
+}
+
+void send_present_document(comm_socket_v4_client& client, uint64_t request, bool asked,
+                           uint64_t now_us)
+{
+    send_status(client, present_document(), request, asked, now_us);
+    if (!asked) {
+        client.document_sent = document_generation;
+    }
+}
+
+void send_changed_document(comm_socket_v4_server& server, uint64_t now_us)
+{
+    const bool wanted =
+        std::any_of(server.clients.begin(), server.clients.end(),
+                    [](const auto& client) { return (client->subscribed & change_document) != 0; });
+    if (wanted) {
+        json_check_xmit(now_us);
+    }
+}
+
+void send_document_to_subscribers()
+{
+    if (vexa_comm_server == nullptr) {
+        return;
+    }
+    document_asked_this_round = false;
+    const uint64_t now_us = monotonic_clock_us();
+    for (const auto& client : vexa_comm_server->clients) {
+        if ((client->subscribed & change_document) != 0 && !has_present_document(*client)) {
+            send_present_document(*client, client->subscription, false, now_us);
+        }
+    }
+}
+
+void begin_document_round()
+{
+    document_asked_this_round = false;
+}
+
+void reset_client_events()
+{
+    noted_changes = 0;
+    next_event_us = 0;
+    document.reset();
+    document_generation = 0;
+    document_asked_this_round = false;
+}
+
+} // namespace platform

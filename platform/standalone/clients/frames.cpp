@@ -1,0 +1,184 @@
+// From a frame request to a FRAME packet: a reference is made, finds its picture, and stays with
+// the client. No pixel is touched.
+#include "platform/standalone/clients/frames.h"
+
+#include <utility>
+
+#include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/comm/connection.h"
+#include "platform/standalone/report/status.h"
+#include "platform/time.h"
+
+namespace platform {
+
+using namespace comm_protocol;
+
+namespace {
+
+const refusal too_many_held = {LIMIT, false, "too many frames held"};
+const refusal no_reference = {NO_MEMORY, false, "no memory for a frame reference"};
+const refusal no_frame = {NO_SUCH_FRAME, false, "no such frame"};
+const refusal not_ready = {NOT_READY, false, "the picture is not ready"};
+const refusal no_descriptor = {NO_MEMORY, false, "no descriptor for the frame buffer"};
+
+frame describe(const vexa_video_frame& picture, unsigned long reference_id)
+{
+    frame message;
+    message.reference = reference_id;
+    message.flags = ready_state() < 0 ? frame_provisional : 0;
+    message.buffer = picture.buffer_number;
+    message.base_offset = picture.base_offset;
+    message.area_size = picture.area_size;
+    message.scanline_offset = picture.scanline_list.offset;
+    message.scanline_size = picture.scanline_list.size;
+    message.frame_number = picture.frame_number;
+    message.width = picture.width;
+    message.height = picture.height;
+    message.aspect_numerator = picture.aspect_ratio.numerator;
+    message.aspect_denominator = picture.aspect_ratio.denominator;
+    return message;
+}
+
+// Null when the frame is there and held; otherwise what to tell the client.
+const refusal* load(vexa_video_frame_reference& reference, held_reference& held,
+                    vexa_video_pending_request& request, unsigned long connection_id)
+{
+    long long error = 0;
+    if (reference.examine_request(&request) != 0) {
+        return &no_frame;
+    }
+    reference.frame_index = reference.map_frame(&error);
+    held.holds_frame = reference.addref_frame(connection_id, &error) == 0;
+    if (held.holds_frame) {
+        return nullptr;
+    }
+    return error == error_not_ready ? &not_ready : &no_frame;
+}
+
+// Null when the FRAME was sent.
+const refusal* send_frame(comm_socket_v4_client& connection, vexa_video_frame_reference& reference,
+                          uint64_t request)
+{
+    long long error = 0;
+    const vexa_video_frame* picture = reference.get_frame(&error);
+    if (picture == nullptr) {
+        return &no_frame;
+    }
+    frame message = describe(*picture, reference.reference_id);
+    unique_fd descriptor;
+    if (!connection.descriptor_sent) {
+        descriptor.reset(cnb_open_read_only_descriptor());
+        if (!descriptor) {
+            return &no_descriptor;
+        }
+        message.flags |= frame_has_descriptor;
+        connection.descriptor_sent = true;
+    }
+    send_answer(connection, {encode(request, message), std::move(descriptor)},
+                monotonic_clock_us());
+    return nullptr;
+}
+
+const refusal* give_frame(vexa_client_context& context, client_record& client,
+                          vexa_video_pending_request& request)
+{
+    if (!may_hold_another(client)) {
+        return &too_many_held;
+    }
+    vexa_video_frame_reference* reference =
+        context.allocate_video_reference(request.time_position, &request);
+    if (reference == nullptr) {
+        return &no_reference;
+    }
+    const unsigned long reference_id = reference->reference_id;
+    const refusal* refused =
+        load(*reference, client.references[reference_id], request, client.connection->id);
+    if (refused == nullptr) {
+        refused = send_frame(*client.connection, *reference, request.request);
+    }
+    if (refused != nullptr) {
+        context.delete_video_reference(reference_id);
+    }
+    return refused;
+}
+
+} // namespace
+
+int answer_one_frame_request(vexa_client_context& context, client_record& client)
+{
+    for (size_t i = 0; i < client.pending.size(); ++i) {
+        vexa_video_pending_request request = client.pending[i];
+        if (request.wait && !vexa_ready) {
+            continue;
+        }
+        const refusal* refused = give_frame(context, client, request);
+        if (refused == &not_ready && request.wait) {
+            continue;
+        }
+        client.pending.erase(client.pending.begin() + static_cast<std::ptrdiff_t>(i));
+        if (refused != nullptr) {
+            send_error(*client.connection, request.request, *refused, monotonic_clock_us());
+        }
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace platform
+
+using namespace platform;
+
+// --- the base classes ----------------------------------------------------------------------------
+
+vexa_video_frame::vexa_video_frame(int /*reserved*/) {}
+vexa_video_frame::~vexa_video_frame() = default;
+
+vexa_video_frame_reference::vexa_video_frame_reference() = default;
+vexa_video_frame_reference::~vexa_video_frame_reference() = default;
+
+int vexa_video_frame_reference::addref_frame(unsigned long /*connection_id*/, long long* error)
+{
+    vexa_video_frame* picture = get_frame(error);
+    if (picture == nullptr) {
+        return -1;
+    }
+    ++picture->refcount;
+    return 0;
+}
+
+// Only after a successful addref_frame. The number of holders left.
+int vexa_video_frame_reference::release_frame()
+{
+    long long error = 0;
+    vexa_video_frame* picture = get_frame(&error);
+    return picture != nullptr && picture->refcount > 0 ? --picture->refcount : 0;
+}
+
+vexa_video_frame* vexa_video_frame_reference::get_frame(long long* error)
+{
+    return load_frame(error);
+}
+
+vexa_video_frame* vexa_video_frame_reference::load_frame(long long* /*error*/)
+{
+    return nullptr;
+}
+
+unsigned long long vexa_video_frame_reference::map_frame(long long* /*error*/)
+{
+    return time_position;
+}
+
+// A descriptor of the buffer that the frame lies in, the caller's to close; -1 when there is no
+// frame.
+int vexa_video_frame_reference::load_video_and_return_descriptor(long long* error)
+{
+    frame_index = map_frame(error);
+    return get_frame(error) != nullptr ? cnb_open_read_only_descriptor() : -1;
+}
+
+// 0: the request can be served. One that must not be is refused as a frame that does not exist.
+int vexa_video_frame_reference::examine_request(vexa_video_pending_request* /*request*/)
+{
+    return 0;
+}

@@ -1,0 +1,273 @@
+// The comm service of the item: makes the socket while the item is derived, runs a round of it for
+// each idle call, and gives everything back at the end.
+//
+// Idle calls come from the serving loop and from the middle of decoding, between two calls of a
+// codec. Nothing thrown leaves them, and a call from inside a client's callback does nothing.
+#include "platform/standalone/clients/service.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <exception>
+#include <fcntl.h>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "platform/media_item.h"
+#include "platform/standalone/base/checked_math.h"
+#include "platform/standalone/base/error_line.h"
+#include "platform/standalone/base/unique_fd.h"
+#include "platform/standalone/clients/contexts.h"
+#include "platform/standalone/clients/events.h"
+#include "platform/standalone/clients/requests.h"
+#include "platform/standalone/clients/settings.h"
+#include "platform/standalone/comm/server.h"
+#include "platform/standalone/item/client_settings.h"
+#include "platform/standalone/item/derived.h"
+#include "platform/standalone/item/serve_lock.h"
+#include "platform/standalone/report/status.h"
+#include "platform/time.h"
+
+comm_socket_v4_server* vexa_comm_server = nullptr;
+void (*on_vexa_client_disconnect)(comm_socket_v4_client* client) = nullptr;
+
+namespace platform {
+
+namespace {
+
+const refusal going_down = {comm_protocol::GOING_DOWN, false, "the worker is going down"};
+
+const refusal out_of_memory = {comm_protocol::NO_MEMORY, true, "out of memory"};
+
+// What a worker needs after its socket is there: the domain, the buffer, the picture's reader, a
+// client. With fewer it would serve a picture that nobody can fetch.
+constexpr int descriptors_needed = 16;
+
+bool inside_idle = false;
+std::vector<unsigned long> unanswered; // contexts with pending requests, each once
+bool new_requests = false;             // among them some that were never looked at
+
+class idle_mark {
+public:
+    idle_mark() { inside_idle = true; }
+    idle_mark(const idle_mark&) = delete;
+    idle_mark& operator=(const idle_mark&) = delete;
+    ~idle_mark() { inside_idle = false; }
+};
+
+void client_left(comm_socket_v4_client& client)
+{
+    if (on_vexa_client_disconnect != nullptr) {
+        on_vexa_client_disconnect(&client);
+    }
+    forget_client(client);
+}
+
+// abort() skips this; the file it leaves is found stale by the next start.
+void remove_socket_file_at_exit()
+{
+    if (vexa_comm_server != nullptr) {
+        close_listener(&vexa_comm_server->listener);
+    }
+}
+
+bool descriptors_are_left(const comm_socket_v4_server& server)
+{
+    std::array<unique_fd, descriptors_needed> probes;
+    for (unique_fd& probe : probes) {
+        probe.reset(fcntl(server.epoll.get(), F_DUPFD_CLOEXEC, 0));
+        if (!probe) {
+            error_line("Comm socket", socket_path(), errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+std::unique_ptr<comm_socket_v4_server> listening_server()
+{
+    std::unique_ptr<comm_socket_v4_server> server =
+        make_server({carry_out_request, client_left, refresh_serve_lock});
+    if (server == nullptr || !start_listening(*server, socket_path())) {
+        return nullptr;
+    }
+    if (!descriptors_are_left(*server)) {
+        close_listener(&server->listener);
+        return nullptr;
+    }
+    return server;
+}
+
+// As long as a client is here, the process does not end itself.
+void put_off_auto_shutdown(uint64_t now_us)
+{
+    if (mono_auto_shutdown != 0 && connected_clients() > 0) {
+        mono_auto_shutdown =
+            std::max(mono_auto_shutdown, saturating_add(now_us, auto_shutdown_delay_initial));
+    }
+}
+
+int one_round(comm_socket_v4_server& server)
+{
+    const uint64_t now_us = monotonic_clock_us();
+    if (!round_is_due(server, now_us)) {
+        return 0;
+    }
+    begin_document_round();
+    int work = run_round(server, now_us);
+    // Decoding, and waiting for the buffer, take long; who waits for a write waits no longer for it.
+    store_waiting_settings(now_us);
+    flush_status();
+    work += answer_waiting_settings(now_us);
+    work += send_changes(server, now_us);
+    send_changed_document(server, now_us);
+    put_off_auto_shutdown(now_us);
+    if (work > 0) {
+        note_round_time(server, now_us, monotonic_clock_us());
+    }
+    return work;
+}
+
+// The amount of work done for one client; one that the memory does not suffice for has to go.
+int idle_context(const client_context_tracking& tracked)
+{
+    try {
+        return tracked.context->idle();
+    } catch (const std::exception&) {
+        drop(*tracked.client, 0, out_of_memory);
+        return 1;
+    }
+}
+
+int answer_requests()
+{
+    new_requests = false;
+    const std::vector<unsigned long> looked_at = std::exchange(unanswered, {});
+    int work = 0;
+    for (const unsigned long id : looked_at) {
+        client_context_tracking* tracked =
+            client_context_tracking::get_id(vexa_client_contexts, id);
+        if (tracked == nullptr) {
+            continue;
+        }
+        work += idle_context(*tracked);
+        const client_record* client = find_client(id);
+        if (client != nullptr && !client->pending.empty()) {
+            unanswered.push_back(id);
+        }
+    }
+    return work;
+}
+
+void refuse_pending(uint64_t now_us)
+{
+    for (const unsigned long id : std::exchange(unanswered, {})) {
+        client_record* client = find_client(id);
+        if (client == nullptr) {
+            continue;
+        }
+        for (const vexa_video_pending_request& request : client->pending) {
+            send_error(*client->connection, request.request, going_down, now_us);
+        }
+        client->pending.clear();
+    }
+}
+
+} // namespace
+
+size_t connected_clients()
+{
+    return vexa_client_contexts.tracked.size();
+}
+
+void add_pending_request(unsigned long context_id, const vexa_video_pending_request& request)
+{
+    client_record* client = find_client(context_id);
+    if (client == nullptr) {
+        return;
+    }
+    if (client->pending.empty()) {
+        unanswered.push_back(context_id);
+    }
+    client->pending.push_back(request);
+    new_requests = true;
+}
+
+bool open_comm_service()
+{
+    static const bool registered = std::atexit(remove_socket_file_at_exit) == 0;
+    if (!registered) {
+        error_line("Comm socket", socket_path(), ENOMEM);
+        return false;
+    }
+    vexa_comm_server = listening_server().release();
+    return vexa_comm_server != nullptr;
+}
+
+void close_comm_service()
+{
+    close_vexa_client_contexts();
+    if (vexa_comm_server != nullptr) {
+        close_listener(&vexa_comm_server->listener);
+    }
+    delete std::exchange(vexa_comm_server, nullptr);
+    unanswered.clear();
+    new_requests = false;
+    reset_client_numbers();
+    reset_client_events();
+}
+
+} // namespace platform
+
+using namespace platform;
+
+int idle_vexa_server_comm()
+{
+    if (inside_idle || vexa_comm_server == nullptr) {
+        return 0;
+    }
+    const idle_mark mark;
+    try {
+        return one_round(*vexa_comm_server);
+    } catch (const std::exception&) {
+        return 0; // out of memory in the middle of a round; what was not done is done in the next
+    }
+}
+
+int idle_vexa_client_contexts()
+{
+    if (inside_idle || unanswered.empty() || (!new_requests && !vexa_ready)) {
+        return 0;
+    }
+    const idle_mark mark;
+    try {
+        return answer_requests();
+    } catch (const std::exception&) {
+        return 0;
+    }
+}
+
+void my_client_disconnect_handler(comm_socket_v4_client* client)
+{
+    if (client != nullptr) {
+        forget_client(*client);
+    }
+}
+
+void close_vexa_client_contexts()
+{
+    if (vexa_comm_server == nullptr || inside_idle) {
+        return;
+    }
+    const idle_mark mark;
+    const uint64_t now_us = monotonic_clock_us();
+    finish_waiting_settings(now_us);
+    refuse_pending(now_us);
+    send_going_down(*vexa_comm_server, now_us);
+    for (const auto& client : vexa_comm_server->clients) {
+        leave(*client);
+    }
+    remove_leaving(*vexa_comm_server);
+}

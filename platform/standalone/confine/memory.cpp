@@ -1,0 +1,62 @@
+#include "platform/standalone/confine/memory.h"
+
+#include <algorithm>
+#include <limits>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "platform/standalone/base/checked_math.h"
+#include "platform/standalone/cnb/domain_membership.h"
+#include "platform/standalone/cnb/memory_room.h"
+#include "platform/standalone/cnb/small_file.h"
+
+namespace platform {
+
+namespace {
+
+// Most that a codec has for itself beside the frame buffer. The largest honest demands are the
+// coefficients of a progressive CMYK JPEG (2 GiB), the rasters of an animation that fills a frame
+// buffer (below 3 GiB) and the pixels of a lossless WebP (1 GiB).
+constexpr uint64_t most_for_codecs = uint64_t{4} << 30;
+
+// Clients, their queues, the document, the metadata, messages.
+constexpr uint64_t everything_else = uint64_t{256} << 20;
+
+uint64_t mapped_now()
+{
+    const uint64_t pages = leading_number(read_small_file("/proc/self/statm"), 0);
+    return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+} // namespace
+
+uint64_t address_space_limit(const memory_need& need)
+{
+    const uint64_t codecs =
+        need.memory == 0 ? most_for_codecs : std::min(most_for_codecs, need.memory / 2);
+    uint64_t sum = saturating_add(need.mapped, everything_else);
+    sum = saturating_add(sum, need.buffer);
+    return saturating_add(sum, codecs);
+}
+
+memory_need present_memory_need()
+{
+    return {.mapped = mapped_now(),
+            .buffer = std::min(largest_buffer(), domain_limit()),
+            .memory = memory_room().total()};
+}
+
+bool limit_address_space(uint64_t bytes)
+{
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_AS, &limit) != 0) {
+        return false;
+    }
+    const auto wanted =
+        static_cast<rlim_t>(std::min<uint64_t>(bytes, std::numeric_limits<rlim_t>::max()));
+    limit.rlim_cur = std::min(limit.rlim_cur, wanted);
+    limit.rlim_max = std::min(limit.rlim_max, wanted);
+    return setrlimit(RLIMIT_AS, &limit) == 0;
+}
+
+} // namespace platform

@@ -1,7 +1,0 @@
-// Answering frame requests.
-#pragma once
-
-#include "platform/standalone/item/clients_contexts.h"
-
-// Answers the client's oldest request that can be answered now: 1, or 0 when none can.
-int answer_one_frame_request(vexa_client_context& context, client_record& client);

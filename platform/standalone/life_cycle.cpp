@@ -1,0 +1,92 @@
+#include "platform/standalone/life_cycle.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "platform/media_item.h"
+#include "platform/standalone/clients/service.h"
+#include "platform/standalone/clients/settings.h"
+#include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/item/client_settings.h"
+#include "platform/standalone/item/derived.h"
+#include "platform/standalone/item/serve_lock.h"
+#include "platform/standalone/item/settings.h"
+#include "platform/standalone/item/switches.h"
+#include "platform/standalone/report/document.h"
+#include "platform/standalone/report/standard_error.h"
+#include "platform/standalone/report/status.h"
+#include "platform/time.h"
+
+namespace platform {
+
+namespace {
+
+// Reserving gigabytes takes a noticeable part of a second; clients are served meanwhile.
+bool serve_while_reserving()
+{
+    if (idle_vexa_server_comm() >= 0) {
+        idle_vexa_client_contexts();
+    }
+    return DIE4 == 0;
+}
+
+} // namespace
+
+void reset_item()
+{
+    reset_client_settings();
+    vexa_free_all();
+    cnb_set_domain(default_cnb_domain, default_cnb_limit);
+    reset_switches();
+    reset_settings();
+    reset_document();
+    reset_status();
+}
+
+} // namespace platform
+
+using namespace platform;
+
+// The lowest free number is given, so a descriptor opened here is the missing one. Not
+// close-on-exec, as standard descriptors are.
+void open_missing_standard_descriptors()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) == -1 && errno == EBADF && open("/dev/null", O_RDWR) == -1) {
+            // Without a null device any descriptor keeps the number from being used for a file.
+            open("/", O_PATH | O_DIRECTORY);
+        }
+    }
+}
+
+int vexa_join_cnb_domain()
+{
+    cnb_set_domain(own.domain.c_str(), own.domain_limit);
+    cnb_reserve_pump = serve_while_reserving;
+    return cnb_join_domain();
+}
+
+void vexa_idle_housekeeping()
+{
+    flush_status();
+    refresh_serve_lock();
+    const uint64_t now_us = monotonic_clock_us();
+    note_lost_messages(now_us);
+    store_waiting_settings(now_us);
+    answer_waiting_settings(now_us);
+}
+
+// The socket goes before the lock under which it was made, the log last of all.
+void vexa_free_all()
+{
+    close_status();
+    store_client_settings_now();
+    close_comm_service();
+    reset_client_settings();
+    cnb_leave_domain();
+    close_item();
+    release_serve_lock();
+    free_setting_texts();
+    release_standard_error();
+}

@@ -1,0 +1,287 @@
+#include "platform/standalone/report/document.h"
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <json11.hpp>
+
+#include "platform/media_item.h"
+#include "platform/standalone/base/utf8.h"
+#include "platform/standalone/clients/service.h"
+#include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/item/client_settings.h"
+#include "platform/standalone/item/derived.h"
+#include "platform/standalone/metadata/metadata_names.h"
+#include "platform/standalone/report/status.h"
+
+bool json_next_xmit_rebuild = false;
+void (*vexa_on_json_build)(std::map<std::string, json11::Json>& document,
+                           unsigned long context_id) = nullptr;
+
+namespace platform {
+
+namespace {
+
+using json_object = std::map<std::string, json11::Json>;
+
+struct shown_entry {
+    std::string name;
+    std::string value;
+    int tag;
+};
+
+constexpr size_t longest_item_text = 8192; // bytes of a path or name, before it is made UTF-8
+// What the entries may take of the document. The other members stay far below the rest.
+constexpr size_t entries_limit = max_status_document / 2;
+constexpr uint64_t shortest_rebuild_interval_us = 10'000;
+
+std::vector<shown_entry> entries;
+json_object item_common;
+std::string document = "{}";
+bool changed = true;
+size_t clients_shown = 0;
+uint64_t generation = 0;
+uint64_t generation_sent = 0;
+uint64_t last_check_rebuild_us = 0;
+
+// --- values -------------------------------------------------------------------------------------
+
+json11::Json text_or_null(const char* text)
+{
+    if (text == nullptr) {
+        return nullptr;
+    }
+    return to_utf8(std::string_view(text).substr(0, longest_item_text));
+}
+
+// JSON readers keep whole numbers of up to 53 bits.
+json11::Json whole_number(int64_t number)
+{
+    constexpr int64_t exact = int64_t{1} << 53;
+    return static_cast<double>(std::clamp(number, -exact, exact));
+}
+
+json11::Json whole_number(uint64_t number)
+{
+    return whole_number(static_cast<int64_t>(std::min<uint64_t>(number, INT64_MAX)));
+}
+
+json11::Json ratio(const int_rational& value)
+{
+    return json11::Json::array{whole_number(value.numerator), whole_number(value.denominator)};
+}
+
+// Bytes that a JSON text of `text` takes, quotes included.
+size_t json_size(std::string_view text)
+{
+    size_t size = 2;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        // Controls as \u00XX; a byte of U+2028 or U+2029, or one that is replaced, counts as much.
+        const bool may_grow = byte < 0x20 || byte >= 0x80;
+        size += may_grow ? 6 : (c == '"' || c == '\\' ? 2 : 1);
+    }
+    return size;
+}
+
+// --- members ------------------------------------------------------------------------------------
+
+json_object item_object()
+{
+    json_object object = item_common;
+    object["aspect ratio"] = ratio(vexa_aspect_ratio);
+    object["background music"] = vexa_background_music != 0;
+    object["file type"] = text_or_null(vexa_file_type);
+    object["time duration"] = whole_number(vexa_time_duration);
+    object["time scale"] = ratio(vexa_time_scale);
+    object["video streams"] = vexa_video_streams;
+    return object;
+}
+
+json_object process_object()
+{
+    clients_shown = connected_clients();
+    return {
+        {"clients", whole_number(static_cast<uint64_t>(clients_shown))},
+        {"pid", static_cast<int>(getpid())},
+        {"progress",
+         json_object{{"percent", progress_percent()}, {"text", std::string(progress_text())}}},
+        {"ready", ready_state()},
+        {"version", STILLIMAGE_VERSION},
+    };
+}
+
+json_object buffer_object()
+{
+    const cnb_domain_view view = cnb_view_domain();
+    return {
+        {"domain", text_or_null(view.name)},
+        {"limit", whole_number(view.limit)},
+        {"number", whole_number(static_cast<uint64_t>(view.buffer))},
+        {"size", whole_number(view.buffer_size)},
+        {"total", whole_number(cnb_total)},
+    };
+}
+
+void add_entries(json_object* target)
+{
+    json11::Json::array shown;
+    size_t size = 0;
+    for (const shown_entry& entry : entries) {
+        size += json_size(entry.name) + json_size(entry.value) + 64;
+        if (size > entries_limit) {
+            (*target)["metadata cut"] = true;
+            break;
+        }
+        shown.push_back(json_object{
+            {"name", to_utf8(entry.name)}, {"tag", entry.tag}, {"value", to_utf8(entry.value)}});
+    }
+    (*target)["metadata"] = std::move(shown);
+}
+
+void add_unstored(json_object* target)
+{
+    const unstored_settings unstored = settings_not_stored();
+    if (unstored.count == 0) {
+        return;
+    }
+    json11::Json::array names;
+    for (const std::string& name : unstored.names) {
+        names.emplace_back(to_utf8(name));
+    }
+    (*target)["metadata not stored"] =
+        json_object{{"count", whole_number(static_cast<uint64_t>(unstored.count))},
+                    {"names", std::move(names)},
+                    {"reason", to_utf8(unstored.reason)}};
+}
+
+shown_entry* find_entry(std::string_view name)
+{
+    const auto found = std::find_if(entries.begin(), entries.end(), [name](const auto& entry) {
+        return entry.tag == -1 && entry.name == name;
+    });
+    return found != entries.end() ? &*found : nullptr;
+}
+
+} // namespace
+
+const std::string* document_entry(std::string_view name)
+{
+    const shown_entry* entry = find_entry(name);
+    return entry != nullptr ? &entry->value : nullptr;
+}
+
+void set_document_entry(std::string_view name, std::string_view value)
+{
+    if (shown_entry* entry = find_entry(name); entry != nullptr) {
+        entry->value = value;
+    } else {
+        entries.push_back({std::string(name), std::string(value), -1});
+    }
+    changed = true;
+}
+
+void reset_document()
+{
+    entries.clear();
+    item_common.clear();
+    document = "{}";
+    changed = true;
+    clients_shown = 0;
+    generation = 0;
+    generation_sent = 0;
+    last_check_rebuild_us = 0;
+    json_next_xmit_rebuild = false;
+    vexa_on_json_build = nullptr;
+}
+
+const std::string& status_document()
+{
+    if (changed || json_next_xmit_rebuild || clients_shown != connected_clients()) {
+        rebuild_json();
+    }
+    return document;
+}
+
+uint64_t status_document_generation()
+{
+    return generation;
+}
+
+void mark_document_changed()
+{
+    changed = true;
+}
+
+} // namespace platform
+
+using namespace platform;
+
+// The list is closed when the metadata has been written back; the document outlives it.
+void meta_to_json(metadata_v4_metadata_context* list)
+{
+    entries.clear();
+    const size_t count = metadata_v4_metadata_context_entry_count(list);
+    for (size_t i = 0; i < count; ++i) {
+        const metadata_v4_entry* entry = metadata_v4_metadata_context_read_entry(list, i);
+        if (entry != nullptr) {
+            entries.push_back({std::string(entry->name, entry->name_length),
+                               std::string(entry->value, entry->value_length), entry->tag});
+        }
+    }
+    changed = true;
+}
+
+void item_to_json_common()
+{
+    const std::string* guid = document_entry(metadata_name::guid);
+    const open_item* opened = opened_item();
+    item_common = {
+        {"GUID", text_or_null(guid != nullptr ? guid->c_str() : nullptr)},
+        {"file", text_or_null(vexa_file)},
+        {"file path", text_or_null(opened != nullptr ? opened->picture_absolute.c_str() : nullptr)},
+        {"metadata folder", text_or_null(vexa_file_metadir)},
+        {"socket", text_or_null(socket_path().c_str())},
+    };
+    changed = true;
+}
+
+void rebuild_json()
+{
+    json_object members = {
+        {"buffer", buffer_object()},
+        {"item", item_object()},
+        {"process", process_object()},
+    };
+    add_entries(&members);
+    add_unstored(&members);
+    if (vexa_on_json_build != nullptr) {
+        vexa_on_json_build(members, no_context_id);
+    }
+    json_next_xmit_rebuild = false;
+    changed = false;
+    std::string text = json11::Json(members).dump();
+    if (text != document) {
+        document = std::move(text);
+        ++generation;
+    }
+}
+
+// A flood of changes costs one rebuild in ten milliseconds, not one each.
+void json_check_xmit(uint64_t now_us)
+{
+    const bool wanted = json_next_xmit_rebuild || changed || clients_shown != connected_clients();
+    const bool due = now_us < last_check_rebuild_us ||
+                     now_us - last_check_rebuild_us >= shortest_rebuild_interval_us;
+    if (wanted && due) {
+        last_check_rebuild_us = now_us;
+        rebuild_json();
+    }
+    if (generation_sent != generation) {
+        generation_sent = generation;
+        send_document_to_subscribers();
+    }
+}

@@ -1,0 +1,58 @@
+// The host's status channel: one JSON object a line, on a descriptor that the host has opened.
+// Lines and their order: docs/status.md.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <string>
+#include <string_view>
+
+#include "platform/standalone/base/unique_fd.h"
+
+namespace platform {
+
+class host_channel {
+public:
+    // Duplicates `fd`. False with errno when it is not open for writing.
+    bool open(int fd);
+    void close();
+    bool is_open() const { return static_cast<bool>(fd_); }
+
+    // Queue a line and write what can be written; `now_us` is the monotonic time. Texts are
+    // printable, at most 512 bytes. While the host does not read, or its disk is full, the newest
+    // line of each kind waits: progress, refusal (percent -1), provisional, ready.
+    void tell_progress(int percent, std::string_view text, uint64_t now_us);
+    void tell_ready(int state, std::string_view text, uint64_t now_us);
+
+    bool has_waiting() const { return !waiting_.empty(); }
+
+    // Writes waiting lines as far as the host takes them, but not within a second of a write that
+    // failed. Never blocks; a host that is gone closes the channel.
+    void flush(uint64_t now_us);
+
+    // The last attempt, whatever has failed before; then closes the channel.
+    void finish();
+
+private:
+    enum class line_kind { PROGRESS, REFUSAL, PROVISIONAL, FINAL };
+
+    struct waiting_line {
+        std::string text;
+        line_kind kind;
+    };
+
+    void queue(std::string line, line_kind kind, uint64_t now_us);
+    void write_waiting(uint64_t now_us);
+    bool write_first();
+    bool write_failed();
+
+    unique_fd fd_;
+    bool is_socket_ = false;
+    size_t written_ = 0; // bytes of the first waiting line that the host has already got
+    std::list<waiting_line> waiting_;
+    bool failed_ = false;      // the last attempt, by an error that may pass
+    uint64_t next_try_us_ = 0; // after it
+};
+
+} // namespace platform

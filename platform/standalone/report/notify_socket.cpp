@@ -1,0 +1,95 @@
+#include "platform/standalone/report/notify_socket.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace platform {
+
+namespace {
+
+bool is_address(std::string_view address)
+{
+    return address.size() >= 2 && address.size() <= sizeof(sockaddr_un::sun_path) &&
+           (address[0] == '/' || address[0] == '@');
+}
+
+} // namespace
+
+bool notify_socket::open(const char* address)
+{
+    close();
+    if (address == nullptr || !is_address(address)) {
+        return false;
+    }
+    fd_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    address_ = address;
+    return is_open();
+}
+
+void notify_socket::close()
+{
+    *this = notify_socket();
+}
+
+void notify_socket::tell_status(std::string_view text)
+{
+    status_ = text;
+    flush();
+}
+
+void notify_socket::tell_ready(std::string_view text)
+{
+    ready_ = true;
+    tell_status(text);
+}
+
+void notify_socket::tell_stopping()
+{
+    stopping_ = true;
+    flush();
+}
+
+// After going into the background the process has another number than the one that the manager
+// started.
+std::string notify_socket::message() const
+{
+    std::string text;
+    if (ready_) {
+        text += "READY=1\nMAINPID=" + std::to_string(getpid()) + '\n';
+    }
+    if (stopping_) {
+        text += "STOPPING=1\n";
+    }
+    if (!status_.empty()) {
+        text += "STATUS=" + status_ + '\n';
+    }
+    return text;
+}
+
+void notify_socket::flush()
+{
+    const std::string text = is_open() ? message() : std::string();
+    if (text.empty()) {
+        return;
+    }
+    sockaddr_un to = {};
+    to.sun_family = AF_UNIX;
+    std::copy(address_.begin(), address_.end(), to.sun_path);
+    if (address_[0] == '@') {
+        to.sun_path[0] = '\0';
+    }
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_.size());
+    const ssize_t sent = sendto(fd_.get(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                                reinterpret_cast<const sockaddr*>(&to), size);
+    if (sent >= 0 || (errno != EAGAIN && errno != EINTR && errno != ENOBUFS)) {
+        ready_ = false;
+        stopping_ = false;
+        status_.clear();
+    }
+}
+
+} // namespace platform

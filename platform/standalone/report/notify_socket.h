@@ -1,0 +1,38 @@
+// The service manager's socket, named by NOTIFY_SOCKET in the environment: READY, STATUS and
+// STOPPING. What is sent when: docs/status.md.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "platform/standalone/base/unique_fd.h"
+
+namespace platform {
+
+class notify_socket {
+public:
+    // Takes the address: a path, or '@' and an abstract name. False when there is none or it is no
+    // address; everything else then does nothing.
+    bool open(const char* address);
+    void close();
+    bool is_open() const { return static_cast<bool>(fd_); }
+
+    // What is told next; texts are printable. Nothing blocks: what the manager cannot take waits
+    // for the next flush, the newest status in the place of older ones. Whether the manager is
+    // there at all makes no difference.
+    void tell_status(std::string_view text);
+    void tell_ready(std::string_view text);
+    void tell_stopping();
+    void flush();
+
+private:
+    std::string message() const;
+
+    unique_fd fd_;
+    std::string address_; // as the kernel takes it
+    std::string status_;  // waiting; empty: none
+    bool ready_ = false;  // waiting
+    bool stopping_ = false;
+};
+
+} // namespace platform

@@ -1,0 +1,178 @@
+#include "platform/standalone/report/status.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "platform/comm_protocol.h"
+#include "platform/media_item.h"
+#include "platform/standalone/base/utf8.h"
+#include "platform/standalone/clients/service.h"
+#include "platform/standalone/report/document.h"
+#include "platform/standalone/report/host_channel.h"
+#include "platform/standalone/report/notify_socket.h"
+#include "platform/standalone/report/standard_error.h"
+#include "platform/time.h"
+
+namespace platform {
+
+namespace {
+
+// A decoder calls for every row. What it said last is kept as it said it, so that the many calls
+// that bring nothing new end after one comparison.
+struct last_call {
+    int number = 0;
+    char text[512] = {};
+
+    bool is(int other, const char* other_text) const
+    {
+        return number == other && strncmp(text, other_text, sizeof text - 1) == 0;
+    }
+
+    void set(int other, const char* other_text)
+    {
+        number = other;
+        strncpy(text, other_text, sizeof text - 1);
+    }
+};
+
+constexpr size_t longest_text = 512;
+
+host_channel host;
+notify_socket service_manager;
+bool service_manager_known = false; // looked for in the environment
+
+last_call last_status;
+last_call last_ready;
+int percent_now = 0;
+std::string text_now;
+int ready_now = 0;
+
+notify_socket& known_service_manager()
+{
+    if (!service_manager_known) {
+        service_manager_known = true;
+        service_manager.open(getenv("NOTIFY_SOCKET"));
+    }
+    return service_manager;
+}
+
+// Cut before a character that does not fit whole.
+std::string clean_text(const char* text)
+{
+    std::string clean = printable(text);
+    if (clean.size() > longest_text) {
+        size_t length = longest_text;
+        while ((static_cast<unsigned char>(clean[length]) & 0xC0U) == 0x80U) {
+            --length;
+        }
+        clean.resize(length);
+    }
+    return clean;
+}
+
+// One line for a person: "40 % Decoding PNG".
+std::string progress_line()
+{
+    return text_now.empty() || percent_now < 0 ? text_now
+                                               : std::to_string(percent_now) + " % " + text_now;
+}
+
+} // namespace
+
+bool open_status_channel(int fd)
+{
+    return host.open(fd);
+}
+
+void flush_status()
+{
+    if (host.has_waiting()) {
+        host.flush(monotonic_clock_us());
+    }
+    service_manager.flush();
+}
+
+void close_status()
+{
+    draw_progress_line("");
+    if (service_manager.is_open()) {
+        service_manager.tell_stopping();
+        service_manager.close();
+    }
+    host.finish();
+}
+
+void reset_status()
+{
+    draw_progress_line("");
+    host.close();
+    service_manager.close();
+    service_manager_known = false;
+    last_status = {};
+    last_ready = {};
+    percent_now = 0;
+    text_now.clear();
+    ready_now = 0;
+}
+
+int progress_percent()
+{
+    return percent_now;
+}
+
+std::string_view progress_text()
+{
+    return text_now;
+}
+
+int ready_state()
+{
+    return ready_now;
+}
+
+} // namespace platform
+
+using namespace platform;
+
+void vexa_status_write(int percent, const char* text)
+{
+    const char* said = text != nullptr ? text : "";
+    if (last_status.is(percent, said)) {
+        if (host.has_waiting()) {
+            host.flush(monotonic_clock_us());
+        }
+        return;
+    }
+    last_status.set(percent, said);
+    percent_now = std::clamp(percent, -1, 100);
+    text_now = clean_text(said);
+    host.tell_progress(percent_now, text_now, monotonic_clock_us());
+    known_service_manager().tell_status(progress_line());
+    draw_progress_line(progress_line());
+    mark_document_changed();
+    notify_clients(comm_protocol::change_progress);
+}
+
+void vexa_ready_write(int state, const char* text)
+{
+    const char* said = text != nullptr ? text : "";
+    vexa_ready = true;
+    if (last_ready.is(state, said)) {
+        flush_status();
+        return;
+    }
+    last_ready.set(state, said);
+    ready_now = state < 0 ? -1 : 1;
+    text_now = clean_text(said);
+    if (ready_now == 1) {
+        percent_now = 100;
+    }
+    host.tell_ready(ready_now, text_now, monotonic_clock_us());
+    known_service_manager().tell_ready(text_now);
+    draw_progress_line("");
+    mark_document_changed();
+    notify_clients(ready_now == 1 ? comm_protocol::change_ready
+                                  : comm_protocol::change_provisional);
+}

@@ -1,0 +1,185 @@
+// All measures together, and each of them where the surroundings refuse another.
+#include <cerrno>
+#include <fcntl.h>
+#include <functional>
+#include <initializer_list>
+#include <linux/landlock.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "platform/confinement.h"
+#include "platform/media_item.h"
+#include "platform/standalone/base/unique_fd.h"
+#include "platform/standalone/confine/sanitized_build.h"
+#include "tests/support/child_process.h"
+#include "tests/support/item_fixture.h"
+#include "tests/support/refused_calls.h"
+
+namespace {
+
+constexpr size_t far_too_much = size_t{1} << 46;
+
+bool inet_sockets_are_refused()
+{
+    const platform::unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return !fd && errno == ENOSYS;
+}
+
+bool has_no_new_privileges()
+{
+    return prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1;
+}
+
+bool address_space_is_limited()
+{
+    void* taken =
+        mmap(nullptr, far_too_much, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (taken != MAP_FAILED) {
+        munmap(taken, far_too_much);
+    }
+    return taken == MAP_FAILED && errno == ENOMEM;
+}
+
+bool foreign_files_are_refused()
+{
+    const platform::unique_fd fd(open("/etc/passwd", O_RDONLY | O_CLOEXEC));
+    return !fd && errno == EACCES;
+}
+
+// To be asked before the process is confined.
+bool kernel_has_file_rules()
+{
+    return syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) >= 1;
+}
+
+class Confinement : public item_test::ItemFixture {
+protected:
+    void SetUp() override
+    {
+        if (platform::sanitized_build) {
+            GTEST_SKIP() << "only new privileges are given up under a sanitizer";
+        }
+        name_picture();
+        ASSERT_EQ(take({"--file", vexa_file}), 0);
+        ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+        ASSERT_EQ(vexa_join_cnb_domain(), 0);
+    }
+
+    const bool file_rules = kernel_has_file_rules();
+
+    // The exit status of `work` in a child that has called confine_process() where `refused` is
+    // refused; a failed expectation is status 1.
+    static int confined(std::initializer_list<const char*> refused,
+                        const std::function<void()>& work)
+    {
+        return run_in_child([&] {
+            EXPECT_TRUE(refused.size() == 0 || refuse_calls(refused));
+            confine_process();
+            work();
+            return testing::Test::HasFailure() ? 1 : 0;
+        });
+    }
+};
+
+TEST_F(Confinement, TakesAllMeasuresWithoutAWord)
+{
+    int status = -1;
+    const std::string told = messages([&] {
+        status = confined({}, [this] {
+            EXPECT_TRUE(has_no_new_privileges());
+            EXPECT_TRUE(address_space_is_limited());
+            EXPECT_TRUE(inet_sockets_are_refused());
+            EXPECT_EQ(foreign_files_are_refused(), file_rules);
+        });
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(told, "");
+}
+
+TEST_F(Confinement, LeavesThePictureItsMetadataAndADumpOfItself)
+{
+    EXPECT_EQ(confined({},
+                       [] {
+                           const platform::unique_fd picture(
+                               metadata_v4_context_get_file_handle(vexa_meta, 0));
+                           EXPECT_TRUE(picture);
+                           EXPECT_EQ(metadata_v4_metadata_context_write_metadata_to_file(
+                                         vexa_metadata, vexa_meta, 0, nullptr),
+                                     0);
+                           EXPECT_EQ(prctl(PR_GET_DUMPABLE, 0, 0, 0, 0), 1);
+                       }),
+              0);
+}
+
+TEST_F(Confinement, AddressSpaceIsLimitedWhereTheOthersAreRefused)
+{
+    EXPECT_EQ(
+        confined({no_new_privileges_call, set_seccomp_call, "seccomp", "landlock_create_ruleset"},
+                 [] {
+                     EXPECT_TRUE(address_space_is_limited());
+                     EXPECT_FALSE(inet_sockets_are_refused());
+                     EXPECT_FALSE(foreign_files_are_refused());
+                 }),
+        0);
+}
+
+TEST_F(Confinement, FilesAreLimitedWhereTheOthersAreRefused)
+{
+    EXPECT_EQ(
+        confined({no_new_privileges_call, set_seccomp_call, "seccomp", "prlimit64", "setrlimit"},
+                 [this] {
+                     EXPECT_FALSE(address_space_is_limited());
+                     EXPECT_FALSE(inet_sockets_are_refused());
+                     EXPECT_EQ(foreign_files_are_refused(), file_rules);
+                 }),
+        0);
+}
+
+TEST_F(Confinement, SystemCallsAreLimitedWhereTheOthersAreRefused)
+{
+    for (const char* call :
+         {"landlock_create_ruleset", "landlock_add_rule", "landlock_restrict_self"}) {
+        EXPECT_EQ(confined({no_new_privileges_call, "prlimit64", "setrlimit", call},
+                           [] {
+                               EXPECT_FALSE(address_space_is_limited());
+                               EXPECT_TRUE(inet_sockets_are_refused());
+                               EXPECT_FALSE(foreign_files_are_refused());
+                           }),
+                  0)
+            << call;
+    }
+}
+
+TEST_F(Confinement, GoesOnSilentlyWhereEverythingIsRefused)
+{
+    int status = -1;
+    const std::string told = messages([&] {
+        status = confined({no_new_privileges_call, set_seccomp_call, "seccomp", "prlimit64",
+                           "setrlimit", "landlock_create_ruleset"},
+                          [] {
+                              EXPECT_FALSE(address_space_is_limited());
+                              EXPECT_FALSE(inet_sockets_are_refused());
+                              EXPECT_FALSE(foreign_files_are_refused());
+                          });
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(told, "");
+}
+
+TEST(ConfinementWithoutAnItem, StillGivesUpPrivilegesAndCalls)
+{
+    EXPECT_EQ(run_in_child([] {
+                  confine_process();
+                  EXPECT_TRUE(has_no_new_privileges());
+                  EXPECT_EQ(inet_sockets_are_refused(), !platform::sanitized_build);
+                  EXPECT_FALSE(foreign_files_are_refused());
+                  return testing::Test::HasFailure() ? 1 : 0;
+              }),
+              0);
+}
+
+} // namespace

@@ -12,12 +12,14 @@
 #include <string>
 
 #include "fuzz/require.h"
+#include "platform/standalone/clients/contexts.h"
 #include "platform/standalone/clients/events.h"
 #include "platform/standalone/clients/requests.h"
 #include "platform/standalone/clients/service.h"
 #include "platform/standalone/clients/settings.h"
 #include "platform/standalone/comm/server.h"
 #include "platform/standalone/item/client_settings.h"
+#include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"
 #include "tests/support/memory_channel.h"
 #include "tests/support/plain_item.h"
@@ -158,7 +160,7 @@ void vanish(fuzzed_client& client, input& /*rest*/)
 
 void tell_changes(fuzzed_client& /*client*/, input& rest)
 {
-    platform::notify_clients(rest.byte());
+    platform::note_changes(rest.byte());
     platform::send_document_to_subscribers();
 }
 

@@ -31,6 +31,25 @@ bool serve_while_reserving()
     return DIE4 == 0;
 }
 
+// Clients may come while the picture is examined, and are told what is known of it by then.
+int open_service()
+{
+    if (!mode_serves() || !vexa_auto_socket_create) {
+        return 0;
+    }
+    meta_to_json(vexa_metadata);
+    item_to_json_common();
+    return open_comm_service() ? 0 : -1;
+}
+
+// The socket goes before the lock under which it was made.
+void give_item_back()
+{
+    close_comm_service();
+    close_item();
+    release_serve_lock();
+}
+
 } // namespace
 
 void reset_item()
@@ -58,6 +77,16 @@ void open_missing_standard_descriptors()
             open("/", O_PATH | O_DIRECTORY);
         }
     }
+}
+
+int vexa_standard_to_derived_params()
+{
+    give_item_back();
+    if (derive_item() == 0 && open_service() == 0) {
+        return 0;
+    }
+    give_item_back();
+    return -1;
 }
 
 int vexa_join_cnb_domain()

@@ -1,5 +1,5 @@
 // The item from process entry to its end. The calls are open_missing_standard_descriptors,
-// vexa_join_cnb_domain, vexa_idle_housekeeping and vexa_free_all of platform/media_item.h.
+// vexa_standard_to_derived_params, vexa_join_cnb_domain, vexa_idle_housekeeping and vexa_free_all of platform/media_item.h.
 #pragma once
 
 namespace platform {

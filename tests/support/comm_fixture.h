@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/standalone/clients/contexts.h"
 #include "platform/standalone/clients/service.h"
 #include "platform/standalone/comm/server.h"
 #include "tests/support/packet_client.h"

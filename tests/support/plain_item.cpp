@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "platform/standalone/clients/service.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/derived.h"
@@ -179,11 +178,9 @@ void platform::mark_document_changed()
     state.document_changed = true;
 }
 
-void json_check_xmit(uint64_t /*now_us*/)
+bool platform::refresh_document(uint64_t /*now_us*/)
 {
-    if (state.document_changed) {
-        platform::send_document_to_subscribers();
-    }
+    return state.document_changed;
 }
 
 platform::setting_state platform::store_client_setting(std::string_view name,

@@ -11,8 +11,8 @@
 
 #include "platform/standalone/clients/frames.h"
 #include "platform/standalone/clients/requests.h"
-#include "platform/standalone/clients/service.h"
 #include "platform/standalone/comm/connection.h"
+#include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"
 #include "platform/time.h"
 
@@ -29,11 +29,16 @@ size_t references_of_all = 0;
 
 void clients_changed()
 {
-    notify_clients(comm_protocol::change_clients);
+    note_changes(comm_protocol::change_clients);
     mark_document_changed();
 }
 
 } // namespace
+
+size_t connected_clients()
+{
+    return vexa_client_contexts.tracked.size();
+}
 
 client_record* find_client(unsigned long context_id)
 {

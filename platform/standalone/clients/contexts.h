@@ -34,6 +34,9 @@ struct client_record {
 // All clients' references together; beyond it GET_FRAME is refused.
 inline constexpr size_t max_references_of_all = 131072;
 
+// Clients that have been greeted and have not left.
+size_t connected_clients();
+
 // Makes the context of a client that said hello. Null when the factory gives none.
 vexa_client_context* create_context(comm_socket_v4_client& connection);
 
@@ -45,9 +48,6 @@ client_record* find_client(unsigned long context_id);
 
 // True when the client may hold one more frame.
 bool may_hold_another(const client_record& client);
-
-// Notes a request for idle_vexa_client_contexts.
-void add_pending_request(unsigned long context_id, const vexa_video_pending_request& request);
 
 // Numbers begin anew at 1; only while there are no clients.
 void reset_client_numbers();

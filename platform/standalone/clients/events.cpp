@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/media_item.h"
-#include "platform/standalone/clients/service.h"
+#include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"
 #include "platform/standalone/report/status.h"
 #include "platform/time.h"
@@ -19,7 +19,6 @@ namespace {
 constexpr uint64_t event_gap_us = 10'000;
 constexpr uint32_t urgent_changes = change_provisional | change_ready | change_going_down;
 
-uint32_t noted_changes = 0;
 uint64_t next_event_us = 0;
 
 document_text document; // as it was at this generation
@@ -67,26 +66,20 @@ bool has_present_document(const comm_socket_v4_client& client)
 
 } // namespace
 
-void notify_clients(uint32_t changes)
-{
-    noted_changes |= changes;
-}
-
 int send_changes(comm_socket_v4_server& server, uint64_t now_us)
 {
-    if (noted_changes == 0 || ((noted_changes & urgent_changes) == 0 && now_us < next_event_us)) {
+    const uint32_t changes = noted_changes();
+    if (changes == 0 || ((changes & urgent_changes) == 0 && now_us < next_event_us)) {
         return 0;
     }
-    const uint32_t changes = noted_changes;
-    noted_changes = 0;
+    take_noted_changes();
     next_event_us = now_us + event_gap_us;
     return tell_subscribers(server, changes, now_us);
 }
 
 void send_going_down(comm_socket_v4_server& server, uint64_t now_us)
 {
-    tell_subscribers(server, noted_changes | change_going_down, now_us);
-    noted_changes = 0;
+    tell_subscribers(server, take_noted_changes() | change_going_down, now_us);
 }
 
 void greet_subscriber(comm_socket_v4_client& client, uint64_t now_us)
@@ -140,7 +133,7 @@ void begin_document_round()
 
 void reset_client_events()
 {
-    noted_changes = 0;
+    take_noted_changes();
     next_event_us = 0;
     document.reset();
     document_generation = 0;
@@ -148,3 +141,12 @@ void reset_client_events()
 }
 
 } // namespace platform
+
+using namespace platform;
+
+void json_check_xmit(uint64_t now_us)
+{
+    if (refresh_document(now_us)) {
+        send_document_to_subscribers();
+    }
+}

@@ -1,4 +1,5 @@
-// What clients are told unasked: changes, and the status document.
+// What clients are told unasked: changes, and the status document. The contract's call is
+// json_check_xmit of platform/media_item.h.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +8,7 @@
 
 namespace platform {
 
-// Sends what notify_clients noted since the last time. Readiness and the end at once, the rest at
+// Sends the changes noted since the last time (report/changes.h). Readiness and the end at once, the rest at
 // most 100 times a second. The number of clients told.
 int send_changes(comm_socket_v4_server& server, uint64_t now_us);
 
@@ -18,6 +19,10 @@ void send_going_down(comm_socket_v4_server& server, uint64_t now_us);
 // To a new subscriber: an EVENT without changes that tells the present state, and the document if
 // it is part of the subscription.
 void greet_subscriber(comm_socket_v4_client& client, uint64_t now_us);
+
+// Queues the present status_document() for every subscriber of it. A document that a client has not
+// begun to receive is replaced by the newer one.
+void send_document_to_subscribers();
 
 // The status document, built anew at most once a round however many ask for it.
 void send_present_document(comm_socket_v4_client& client, uint64_t request, bool asked,

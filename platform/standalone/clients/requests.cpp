@@ -7,9 +7,10 @@
 
 #include "platform/standalone/clients/contexts.h"
 #include "platform/standalone/clients/events.h"
-#include "platform/standalone/clients/service.h"
+#include "platform/standalone/clients/pending.h"
 #include "platform/standalone/clients/settings.h"
 #include "platform/standalone/item/client_settings.h"
+#include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"
 
 void (*vexa_on_metadata_set)(comm_socket_v4_client* client, const char* name,
@@ -166,7 +167,7 @@ const refusal* change_metadata_value(const request_call& call)
         vexa_on_metadata_set(&call.client, name.c_str(), value);
     }
     mark_document_changed();
-    notify_clients(change_metadata);
+    note_changes(change_metadata);
     answer_setting(call.client, call.number(), body.name, state, call.now_us);
     return nullptr;
 }

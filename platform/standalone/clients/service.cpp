@@ -13,7 +13,6 @@
 #include <fcntl.h>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "platform/media_item.h"
 #include "platform/standalone/base/checked_math.h"
@@ -21,6 +20,7 @@
 #include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/clients/contexts.h"
 #include "platform/standalone/clients/events.h"
+#include "platform/standalone/clients/pending.h"
 #include "platform/standalone/clients/requests.h"
 #include "platform/standalone/clients/settings.h"
 #include "platform/standalone/comm/server.h"
@@ -37,17 +37,11 @@ namespace platform {
 
 namespace {
 
-const refusal going_down = {comm_protocol::GOING_DOWN, false, "the worker is going down"};
-
-const refusal out_of_memory = {comm_protocol::NO_MEMORY, true, "out of memory"};
-
 // What a worker needs after its socket is there: the domain, the buffer, the picture's reader, a
 // client. With fewer it would serve a picture that nobody can fetch.
 constexpr int descriptors_needed = 16;
 
 bool inside_idle = false;
-std::vector<unsigned long> unanswered; // contexts with pending requests, each once
-bool new_requests = false;             // among them some that were never looked at
 
 class idle_mark {
 public:
@@ -130,70 +124,7 @@ int one_round(comm_socket_v4_server& server)
     return work;
 }
 
-// The amount of work done for one client; one that the memory does not suffice for has to go.
-int idle_context(const client_context_tracking& tracked)
-{
-    try {
-        return tracked.context->idle();
-    } catch (const std::exception&) {
-        drop(*tracked.client, 0, out_of_memory);
-        return 1;
-    }
-}
-
-int answer_requests()
-{
-    new_requests = false;
-    const std::vector<unsigned long> looked_at = std::exchange(unanswered, {});
-    int work = 0;
-    for (const unsigned long id : looked_at) {
-        client_context_tracking* tracked =
-            client_context_tracking::get_id(vexa_client_contexts, id);
-        if (tracked == nullptr) {
-            continue;
-        }
-        work += idle_context(*tracked);
-        const client_record* client = find_client(id);
-        if (client != nullptr && !client->pending.empty()) {
-            unanswered.push_back(id);
-        }
-    }
-    return work;
-}
-
-void refuse_pending(uint64_t now_us)
-{
-    for (const unsigned long id : std::exchange(unanswered, {})) {
-        client_record* client = find_client(id);
-        if (client == nullptr) {
-            continue;
-        }
-        for (const vexa_video_pending_request& request : client->pending) {
-            send_error(*client->connection, request.request, going_down, now_us);
-        }
-        client->pending.clear();
-    }
-}
-
 } // namespace
-
-size_t connected_clients()
-{
-    return vexa_client_contexts.tracked.size();
-}
-
-void add_pending_request(unsigned long context_id, const vexa_video_pending_request& request)
-{
-    client_record* client = find_client(context_id);
-    if (client == nullptr) {
-        return;
-    }
-    if (client->pending.empty()) {
-        unanswered.push_back(context_id);
-    }
-    client->pending.push_back(request);
-    new_requests = true;
-}
 
 bool open_comm_service()
 {
@@ -213,8 +144,7 @@ void close_comm_service()
         close_listener(&vexa_comm_server->listener);
     }
     delete std::exchange(vexa_comm_server, nullptr);
-    unanswered.clear();
-    new_requests = false;
+    reset_pending_requests();
     reset_client_numbers();
     reset_client_events();
 }
@@ -238,12 +168,12 @@ int idle_vexa_server_comm()
 
 int idle_vexa_client_contexts()
 {
-    if (inside_idle || unanswered.empty() || (!new_requests && !vexa_ready)) {
+    if (inside_idle || !pending_requests_are_due()) {
         return 0;
     }
     const idle_mark mark;
     try {
-        return answer_requests();
+        return answer_pending_requests();
     } catch (const std::exception&) {
         return 0;
     }
@@ -264,7 +194,7 @@ void close_vexa_client_contexts()
     const idle_mark mark;
     const uint64_t now_us = monotonic_clock_us();
     finish_waiting_settings(now_us);
-    refuse_pending(now_us);
+    refuse_pending_requests(now_us);
     send_going_down(*vexa_comm_server, now_us);
     for (const auto& client : vexa_comm_server->clients) {
         leave(*client);

@@ -2,11 +2,9 @@
 // pending file at once, and put into the item's metadata file now and then.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace platform {
 
@@ -37,15 +35,6 @@ std::string why_settings_are_not_stored();
 // Writes what is waiting when it has waited for a second; after a failure less and less often.
 // Without anything waiting it costs nothing.
 void store_waiting_settings(uint64_t now_us);
-
-// What would be lost if the process died now.
-struct unstored_settings {
-    static constexpr size_t max_names = 100;
-    size_t count = 0;
-    std::vector<std::string> names; // the first of them
-    std::string reason;
-};
-unstored_settings settings_not_stored();
 
 // Forgets what is waiting, unwritten. The pending file stays for the next start.
 void reset_client_settings();

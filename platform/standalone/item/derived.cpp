@@ -7,15 +7,16 @@
 #include "platform/media_item.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/folders.h"
-#include "platform/standalone/clients/service.h"
 #include "platform/standalone/comm/listener.h"
 #include "platform/standalone/item/leftovers.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/standard_entries.h"
 #include "platform/standalone/metadata/metadata_list.h"
+#include "platform/standalone/metadata/metadata_names.h"
 #include "platform/standalone/metadata/picture_file.h"
 #include "platform/standalone/metadata/picture_stamp.h"
+#include "platform/standalone/report/document.h"
 
 namespace platform {
 
@@ -174,37 +175,21 @@ int clean_up_after_others()
     return 0;
 }
 
-// Clients may come while the picture is examined, and are told what is known of it by then.
-int open_socket()
-{
-    if (!mode_serves() || !vexa_auto_socket_create) {
-        return 0;
-    }
-    meta_to_json(vexa_metadata);
-    item_to_json_common();
-    return open_comm_service() ? 0 : -1;
-}
+} // namespace
 
-int derive_all()
+int derive_item()
 {
+    if (vexa_file == nullptr) {
+        return -1;
+    }
     for (int (*const stage)() : {derive_paths, settle_socket_path, take_socket_path, open_files,
-                                 clean_up_after_others, open_list, open_socket}) {
+                                 clean_up_after_others, open_list}) {
         if (stage() != 0) {
             return -1;
         }
     }
     return 0;
 }
-
-// The socket goes before the lock under which it was made.
-void give_back()
-{
-    close_comm_service();
-    close_item();
-    release_serve_lock();
-}
-
-} // namespace
 
 const open_item* opened_item()
 {
@@ -229,12 +214,13 @@ const std::string& socket_path()
 
 using namespace platform;
 
-int vexa_standard_to_derived_params()
+void item_to_json_common()
 {
-    give_back();
-    const int result = vexa_file != nullptr ? derive_all() : -1;
-    if (result != 0) {
-        give_back();
-    }
-    return result;
+    const std::string* guid = document_entry(metadata_name::guid);
+    set_document_item(
+        {.guid = guid != nullptr ? guid->c_str() : nullptr,
+         .file = vexa_file,
+         .file_path = the_item != nullptr ? the_item->picture_absolute.c_str() : nullptr,
+         .metadata_folder = vexa_file_metadir,
+         .socket = absolute_socket.c_str()});
 }

@@ -1,6 +1,5 @@
 // From the switches to an open item: the paths that no switch gave, the lock, the metadata and the
-// settings in it, and the comm socket. The call is vexa_standard_to_derived_params of
-// platform/media_item.h.
+// settings in it. The contract's call is item_to_json_common of platform/media_item.h.
 #pragma once
 
 #include <string>
@@ -8,6 +7,11 @@
 #include "platform/standalone/metadata/item_metadata.h"
 
 namespace platform {
+
+// Derives the paths, takes the serve lock in the modes that serve, opens the item and its metadata
+// and takes the settings from it. 0, or -1 after a message; what was opened and taken until then is
+// the caller's to give back: close_item, then release_serve_lock.
+int derive_item();
 
 // The open item behind vexa_meta; null while there is none. What of the metadata may be written,
 // and how, goes through it.

@@ -4,17 +4,14 @@
 #include <map>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <json11.hpp>
 
 #include "platform/media_item.h"
 #include "platform/standalone/base/utf8.h"
-#include "platform/standalone/clients/service.h"
 #include "platform/standalone/cnb/domain.h"
-#include "platform/standalone/item/client_settings.h"
-#include "platform/standalone/item/derived.h"
-#include "platform/standalone/metadata/metadata_names.h"
 #include "platform/standalone/report/status.h"
 
 bool json_next_xmit_rebuild = false;
@@ -42,9 +39,10 @@ std::vector<shown_entry> entries;
 json_object item_common;
 std::string document = "{}";
 bool changed = true;
+unstored_settings (*unstored_source)() = nullptr;
 size_t clients_shown = 0;
 uint64_t generation = 0;
-uint64_t generation_sent = 0;
+uint64_t generation_reported = 0; // by refresh_document
 uint64_t last_check_rebuild_us = 0;
 
 // --- values -------------------------------------------------------------------------------------
@@ -103,7 +101,7 @@ json_object item_object()
 
 json_object process_object()
 {
-    clients_shown = connected_clients();
+    clients_shown = vexa_client_contexts.tracked.size();
     return {
         {"clients", whole_number(static_cast<uint64_t>(clients_shown))},
         {"pid", static_cast<int>(getpid())},
@@ -144,7 +142,10 @@ void add_entries(json_object* target)
 
 void add_unstored(json_object* target)
 {
-    const unstored_settings unstored = settings_not_stored();
+    if (unstored_source == nullptr) {
+        return;
+    }
+    const unstored_settings unstored = unstored_source();
     if (unstored.count == 0) {
         return;
     }
@@ -164,6 +165,12 @@ shown_entry* find_entry(std::string_view name)
         return entry.tag == -1 && entry.name == name;
     });
     return found != entries.end() ? &*found : nullptr;
+}
+
+bool out_of_date()
+{
+    return changed || json_next_xmit_rebuild ||
+           clients_shown != vexa_client_contexts.tracked.size();
 }
 
 } // namespace
@@ -192,7 +199,8 @@ void reset_document()
     changed = true;
     clients_shown = 0;
     generation = 0;
-    generation_sent = 0;
+    generation_reported = 0;
+    unstored_source = nullptr;
     last_check_rebuild_us = 0;
     json_next_xmit_rebuild = false;
     vexa_on_json_build = nullptr;
@@ -200,7 +208,7 @@ void reset_document()
 
 const std::string& status_document()
 {
-    if (changed || json_next_xmit_rebuild || clients_shown != connected_clients()) {
+    if (out_of_date()) {
         rebuild_json();
     }
     return document;
@@ -214,6 +222,35 @@ uint64_t status_document_generation()
 void mark_document_changed()
 {
     changed = true;
+}
+
+// A flood of changes costs one rebuild in ten milliseconds, not one each.
+bool refresh_document(uint64_t now_us)
+{
+    const bool due = now_us < last_check_rebuild_us ||
+                     now_us - last_check_rebuild_us >= shortest_rebuild_interval_us;
+    if (out_of_date() && due) {
+        last_check_rebuild_us = now_us;
+        rebuild_json();
+    }
+    return std::exchange(generation_reported, generation) != generation;
+}
+
+void set_document_item(const document_item& item)
+{
+    item_common = {
+        {"GUID", text_or_null(item.guid)},
+        {"file", text_or_null(item.file)},
+        {"file path", text_or_null(item.file_path)},
+        {"metadata folder", text_or_null(item.metadata_folder)},
+        {"socket", text_or_null(item.socket)},
+    };
+    changed = true;
+}
+
+void set_unstored_source(unstored_settings (*source)())
+{
+    unstored_source = source;
 }
 
 } // namespace platform
@@ -235,20 +272,6 @@ void meta_to_json(metadata_v4_metadata_context* list)
     changed = true;
 }
 
-void item_to_json_common()
-{
-    const std::string* guid = document_entry(metadata_name::guid);
-    const open_item* opened = opened_item();
-    item_common = {
-        {"GUID", text_or_null(guid != nullptr ? guid->c_str() : nullptr)},
-        {"file", text_or_null(vexa_file)},
-        {"file path", text_or_null(opened != nullptr ? opened->picture_absolute.c_str() : nullptr)},
-        {"metadata folder", text_or_null(vexa_file_metadir)},
-        {"socket", text_or_null(socket_path().c_str())},
-    };
-    changed = true;
-}
-
 void rebuild_json()
 {
     json_object members = {
@@ -267,21 +290,5 @@ void rebuild_json()
     if (text != document) {
         document = std::move(text);
         ++generation;
-    }
-}
-
-// A flood of changes costs one rebuild in ten milliseconds, not one each.
-void json_check_xmit(uint64_t now_us)
-{
-    const bool wanted = json_next_xmit_rebuild || changed || clients_shown != connected_clients();
-    const bool due = now_us < last_check_rebuild_us ||
-                     now_us - last_check_rebuild_us >= shortest_rebuild_interval_us;
-    if (wanted && due) {
-        last_check_rebuild_us = now_us;
-        rebuild_json();
-    }
-    if (generation_sent != generation) {
-        generation_sent = generation;
-        send_document_to_subscribers();
     }
 }

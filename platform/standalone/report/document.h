@@ -1,12 +1,13 @@
-// The status document: one JSON object that tells everything of the item, the process and the
-// buffer. Its members: docs/status.md. The calls are meta_to_json, item_to_json_common,
-// rebuild_json and json_check_xmit of platform/media_item.h.
+// The status document: one JSON object with everything about the item, the process and the buffer.
+// Its members: docs/status.md. The contract's calls are meta_to_json and rebuild_json of
+// platform/media_item.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace platform {
 
@@ -20,8 +21,33 @@ inline constexpr size_t max_status_document = 1U << 20;
 // The subscribers have the present one when they were sent it at this number.
 uint64_t status_document_generation();
 
-// The document is out of date. Costs a store; the rebuild waits for json_check_xmit or a reader.
+// The document is out of date. Costs a store; the rebuild waits for refresh_document or a reader.
 void mark_document_changed();
+
+// Rebuilds a document that is out of date, at most once in ten milliseconds. True when the text is
+// another one than at the last call that returned true. `now_us` is the monotonic time.
+bool refresh_document(uint64_t now_us);
+
+// The item's own texts, of any bytes; a null is shown as null. They are copied.
+struct document_item {
+    const char* guid;
+    const char* file;      // the picture, as given
+    const char* file_path; // from the root
+    const char* metadata_folder;
+    const char* socket;
+};
+void set_document_item(const document_item& item);
+
+// Metadata that would be lost if the process died now.
+struct unstored_settings {
+    static constexpr size_t max_names = 100;
+    size_t count = 0;
+    std::vector<std::string> names; // the first of them
+    std::string reason;
+};
+
+// Each rebuild asks this function for the unstored metadata; null: there is none.
+void set_unstored_source(unstored_settings (*source)());
 
 // The value of the item's entry `name` in the document, null when it shows none.
 const std::string* document_entry(std::string_view name);

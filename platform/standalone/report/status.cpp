@@ -8,7 +8,7 @@
 #include "platform/comm_protocol.h"
 #include "platform/media_item.h"
 #include "platform/standalone/base/utf8.h"
-#include "platform/standalone/clients/service.h"
+#include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"
 #include "platform/standalone/report/host_channel.h"
 #include "platform/standalone/report/notify_socket.h"
@@ -152,7 +152,7 @@ void vexa_status_write(int percent, const char* text)
     known_service_manager().tell_status(progress_line());
     draw_progress_line(progress_line());
     mark_document_changed();
-    notify_clients(comm_protocol::change_progress);
+    note_changes(comm_protocol::change_progress);
 }
 
 void vexa_ready_write(int state, const char* text)
@@ -173,6 +173,5 @@ void vexa_ready_write(int state, const char* text)
     known_service_manager().tell_ready(text_now);
     draw_progress_line("");
     mark_document_changed();
-    notify_clients(ready_now == 1 ? comm_protocol::change_ready
-                                  : comm_protocol::change_provisional);
+    note_changes(ready_now == 1 ? comm_protocol::change_ready : comm_protocol::change_provisional);
 }

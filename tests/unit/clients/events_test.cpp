@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/standalone/clients/events.h"
+#include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"
 #include "platform/time.h"
 #include "tests/support/comm_fixture.h"
@@ -29,7 +30,7 @@ protected:
     // Notes the changes and lets them through, whatever the time since the last ones.
     static void change(uint32_t changes)
     {
-        platform::notify_clients(changes);
+        platform::note_changes(changes);
         comm_socket_v4_server& server = *vexa_comm_server;
         platform::send_changes(server, later += 1'000'000);
     }
@@ -119,7 +120,7 @@ TEST_F(ClientsEvents, ProgressIsToldAtMostAHundredTimesASecond)
     comm_socket_v4_server& server = *vexa_comm_server;
     const uint64_t start = later += 1'000'000;
     for (uint64_t us = 0; us < 100'000; us += 100) {
-        platform::notify_clients(change_progress);
+        platform::note_changes(change_progress);
         platform::send_changes(server, start + us);
     }
     int told = 0;
@@ -134,20 +135,20 @@ TEST_F(ClientsEvents, ReadinessIsToldAtOnce)
     const packet_client client = subscriber(change_progress | change_provisional | change_ready);
     comm_socket_v4_server& server = *vexa_comm_server;
     later += 1'000'000;
-    platform::notify_clients(change_progress);
+    platform::note_changes(change_progress);
     EXPECT_EQ(platform::send_changes(server, later), 1);
-    platform::notify_clients(change_provisional);
+    platform::note_changes(change_provisional);
     EXPECT_EQ(platform::send_changes(server, later), 1);
-    platform::notify_clients(change_ready);
+    platform::note_changes(change_ready);
     EXPECT_EQ(platform::send_changes(server, later), 1);
-    platform::notify_clients(change_progress);
+    platform::note_changes(change_progress);
     EXPECT_EQ(platform::send_changes(server, later), 0);
 }
 
 TEST_F(ClientsEvents, ChangesReachSubscribersThroughTheIdleCall)
 {
     const packet_client client = subscriber(change_ready);
-    platform::notify_clients(change_ready);
+    platform::note_changes(change_ready);
     pump();
     EXPECT_EQ(expect_event(client).changes, change_ready);
 }

@@ -1,4 +1,4 @@
-# Shared by every script here: where the project is, and how the scripts speak.
+# Shared by all scripts: the project's folders, and how scripts report.
 # shellcheck shell=bash
 # shellcheck disable=SC2034  # the variables are for the scripts that source this file
 
@@ -6,7 +6,7 @@ project_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 deps_dir=$project_dir/.deps
 prefix_dir=$deps_dir/prefix
 
-# One line for a step that begins; details of the step are indented under it.
+# Prints one line at the start of a step; detail() prints indented lines below it.
 step() {
     printf '== %s\n' "$*"
 }
@@ -15,7 +15,7 @@ detail() {
     printf '   %s\n' "$*"
 }
 
-# Ends the script. The first argument says what went wrong, each further one what to do about it.
+# Ends the script. The first argument says what failed; each further argument says what to do.
 fail() {
     printf '\n%s: %s\n' "${0##*/}" "$1" >&2
     shift
@@ -26,12 +26,12 @@ fail() {
     exit 1
 }
 
-# Runs a command quietly: its output goes to the log named first and is shown only when it fails.
+# quietly LOG COMMAND...: runs the command with its output in the log; prints the log's end on failure.
 quietly() {
     local log=$1
     shift
     if ! "$@" >"$log" 2>&1; then
-        printf '   this failed: %s\n' "$*" >&2
+        printf '   failed: %s\n' "$*" >&2
         tail -n 40 "$log" | sed 's/^/   | /' >&2
         return 1
     fi

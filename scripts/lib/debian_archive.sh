@@ -1,7 +1,7 @@
-# Fetching from other suites of Debian's archive, through an apt root of our own: apt checks the
-# signatures and hashes as always, and the system's own lists and configuration stay untouched.
+# Fetches from other suites of Debian's archive through a private apt root. apt checks signatures and
+# hashes as usual; the system's own lists and configuration are not changed.
 # shellcheck shell=bash
-# shellcheck disable=SC2016  # $(REPO_URI) and the like are apt's own notation
+# shellcheck disable=SC2016  # $(REPO_URI) and the like are apt's notation
 
 archive_dir=$deps_dir/archive
 archive_keyring=/usr/share/keyrings/debian-archive-keyring.gpg
@@ -15,7 +15,8 @@ find_archive_address() {
         | awk -v codename="$codename" '$2 == codename && $3 == "Debian" && $4 == "main" {print $1; exit}'
 }
 
-# Lists that were never fetched, or were deleted to save room, carry no release information.
+# The same for a system whose package lists were never fetched, or were deleted to save space: without
+# lists apt has no release information.
 find_archive_address_without_lists() {
     local codename
     codename=$(. /etc/os-release && [ "${ID:-}" = debian ] && printf '%s' "${VERSION_CODENAME:-}") || return 0
@@ -39,19 +40,19 @@ archive_apt() {
         "$@"
 }
 
-# Sets up the private apt root once for a run of the script; ends the script when it cannot.
+# Sets up the private apt root, once per run of the script. Ends the script on failure.
 open_archive() {
     [ ! -e "$archive_dir/ready" ] || return 0
-    local by_hand="or have the library installed and name its folder: see scripts/setup --help"
+    local by_hand="or install the library by hand and name its folder: see scripts/setup --help"
     command -v apt-get >/dev/null 2>&1 \
-        || fail "this machine has no apt-get to fetch from Debian's archive with" "$by_hand"
+        || fail "fetching from Debian's archive needs apt-get, which this machine lacks" "$by_hand"
     [ -r "$archive_keyring" ] \
-        || fail "$archive_keyring is missing: nothing could check what the archive delivers" \
+        || fail "$archive_keyring is missing, so downloads could not be verified" \
             "install the package debian-archive-keyring, $by_hand"
     [ -n "$archive_address" ] || archive_address=$(find_archive_address)
     [ -n "$archive_address" ] || archive_address=$(find_archive_address_without_lists)
     [ -n "$archive_address" ] \
-        || fail "this machine's apt does not use Debian's archive, so its address is not known" \
+        || fail "the address of Debian's archive is unknown: this machine's apt does not use it" \
             "set STILLIMAGE_DEBIAN_ARCHIVE to the base address of a Debian archive," "$by_hand"
     rm -rf "$archive_dir"
     mkdir -p "$archive_dir/lists/partial" "$archive_dir/cache/archives/partial" "$archive_dir/files"
@@ -60,8 +61,8 @@ open_archive() {
         deb "$archive_keyring" "$archive_address" bullseye >"$archive_dir/sources.list"
     detail "reading the indexes of Debian's archive into a private apt root (about 20 MB)"
     quietly "$archive_dir/update.log" archive_apt apt-get update \
-        || fail "the indexes of Debian's archive could not be read" \
-            "is the network there? Run this again when it is, $by_hand"
+        || fail "cannot read the indexes of Debian's archive" \
+            "check the network and run this again, $by_hand"
     touch "$archive_dir/ready"
 }
 
@@ -71,7 +72,7 @@ fetch_from_archive() {
     (cd "$archive_dir/files" && quietly "$archive_dir/fetch.log" archive_apt apt-get "$@")
 }
 
-# The indexes are worth nothing after the run; what was built from them is kept.
+# Removes the indexes, which are of no use after the run. Built libraries stay.
 close_archive() {
     rm -rf "$archive_dir"
 }

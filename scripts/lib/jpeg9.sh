@@ -1,13 +1,13 @@
-# libjpeg 9: found on the system, or built into the private prefix.
+# Provides libjpeg 9: from the system, or built into the private prefix.
 # shellcheck shell=bash
 
-# With these two parameters the compiler keeps the sign extension in the Huffman decoder free of
-# branches; baseline files then take a fifth less time. Same bytes out.
+# With these two parameters the compiler generates branch-free sign extension in the Huffman decoder.
+# Baseline files then take a fifth less time; the decoded bytes are the same.
 jpeg9_flags="-O2 -g -fPIC"
 jpeg9_gcc_flags="--param=max-rtl-if-conversion-unpredictable-cost=200"
 jpeg9_gcc_flags+=" --param=max-rtl-if-conversion-predictable-cost=200"
 
-# Compiles and runs the check against the library under folder $1, or the system's when empty.
+# Compiles and runs the check against the library in folder $1, or the system's if $1 is empty.
 jpeg9_works_in() {
     local root=${1:-} program=$deps_dir/check-jpeg9
     local -a paths=()
@@ -29,9 +29,9 @@ build_jpeg9() {
     local source_dir=$deps_dir/jpeg9-source archive
     detail "fetching its source from Debian's archive"
     fetch_from_archive source --tar-only --download-only libjpeg9 \
-        || fail "libjpeg 9 could not be fetched" "is the network there? Run this again when it is"
+        || fail "cannot fetch libjpeg 9" "check the network and run this again"
     archive=$(compgen -G "$archive_dir/files/libjpeg9_*.orig.tar.*" | head -n 1) \
-        || fail "the archive delivered no source of libjpeg 9"
+        || fail "the download contains no source of libjpeg 9"
     rm -rf "$source_dir"
     mkdir -p "$source_dir"
     tar -xf "$archive" -C "$source_dir" --strip-components=1
@@ -44,7 +44,7 @@ build_jpeg9() {
             && quietly "$deps_dir/jpeg9-make.log" make -j2 libjpeg.la \
             && quietly "$deps_dir/jpeg9-install.log" make install-libLTLIBRARIES \
                 install-includeHEADERS install-data-local
-    ) || fail "libjpeg 9 did not build" "the logs are $deps_dir/jpeg9-*.log"
+    ) || fail "cannot build libjpeg 9" "the logs are $deps_dir/jpeg9-*.log"
     rm -rf "$source_dir" "$prefix_dir/lib/libjpeg.la"
 }
 
@@ -53,15 +53,15 @@ ensure_jpeg9() {
         jpeg9_works_in "$JPEG9_ROOT" \
             || fail "JPEG9_ROOT=$JPEG9_ROOT holds no working libjpeg 9" \
                 "it needs include/jpeglib.h with JPEG_LIB_VERSION 90 and lib/libjpeg.a (or .so)"
-        detail "in $JPEG9_ROOT, as told"
+        detail "using $JPEG9_ROOT"
     elif jpeg9_works_in "$prefix_dir"; then
-        detail "built before, in $prefix_dir"
+        detail "already built, in $prefix_dir"
     elif jpeg9_works_in ""; then
-        detail "the system has it"
+        detail "installed on the system"
     elif install_distribution_jpeg9; then
         detail "installed from the distribution (libjpeg9-dev)"
     else
-        detail "neither the system nor its distribution has it"
+        detail "not on the system, and not in the distribution"
         build_jpeg9
         jpeg9_works_in "$prefix_dir" || fail "libjpeg 9 was built but does not work"
         detail "built in $prefix_dir"

@@ -1,7 +1,7 @@
-# json11: found on the system, or unpacked into the private prefix.
+# Provides json11: from the system, or unpacked into the private prefix.
 # shellcheck shell=bash
 
-# Compiles and runs the check against the library under folder $1, or the system's when empty.
+# Compiles and runs the check against the library in folder $1, or the system's if $1 is empty.
 json11_works_in() {
     local root=${1:-} program=$deps_dir/check-json11
     local -a paths=()
@@ -19,16 +19,16 @@ install_distribution_json11() {
         && json11_works_in ""
 }
 
-# The package has a static library, so the header and that one file are all that is needed.
+# The package contains a static library, so only the header and that file are needed.
 unpack_json11() {
     local unpacked=$deps_dir/json11-unpacked package
     detail "fetching its package from Debian's archive"
     fetch_from_archive download libjson11-1-dev \
-        || fail "json11 could not be fetched" "is the network there? Run this again when it is"
+        || fail "cannot fetch json11" "check the network and run this again"
     package=$(compgen -G "$archive_dir/files/libjson11-1-dev_*.deb" | head -n 1) \
-        || fail "the archive delivered no package of json11"
+        || fail "the download contains no package of json11"
     rm -rf "$unpacked"
-    dpkg-deb -x "$package" "$unpacked" || fail "the package of json11 could not be unpacked"
+    dpkg-deb -x "$package" "$unpacked" || fail "cannot unpack the package of json11"
     mkdir -p "$prefix_dir/include" "$prefix_dir/lib"
     find "$unpacked" -name json11.hpp -exec cp {} "$prefix_dir/include/" \;
     find "$unpacked" -name libjson11.a -exec cp {} "$prefix_dir/lib/" \;
@@ -40,15 +40,15 @@ ensure_json11() {
         json11_works_in "$JSON11_ROOT" \
             || fail "JSON11_ROOT=$JSON11_ROOT holds no working json11" \
                 "it needs include/json11.hpp and lib/libjson11.a (or .so)"
-        detail "in $JSON11_ROOT, as told"
+        detail "using $JSON11_ROOT"
     elif json11_works_in "$prefix_dir"; then
-        detail "fetched before, in $prefix_dir"
+        detail "already fetched, in $prefix_dir"
     elif json11_works_in ""; then
-        detail "the system has it"
+        detail "installed on the system"
     elif install_distribution_json11; then
         detail "installed from the distribution (libjson11-1-dev)"
     else
-        detail "neither the system nor its distribution has it"
+        detail "not on the system, and not in the distribution"
         unpack_json11
         json11_works_in "$prefix_dir" || fail "json11 was unpacked but does not work"
         detail "unpacked into $prefix_dir"

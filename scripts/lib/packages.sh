@@ -1,9 +1,9 @@
-# Distribution packages: which are missing, and how they are installed.
+# Finds and installs missing distribution packages.
 # shellcheck shell=bash
 
-# What the build and its tests need, as "package probe". A probe asks for the thing, not for the
-# package, so a machine that has it from elsewhere is fine: "tool NAME", "header NAME", "module NAME"
-# (of pkg-config) or "element NAME" (of GStreamer).
+# Requirements of the build and its tests, as "package probe". A probe looks for the program or file
+# rather than the package, so it may come from elsewhere: "tool NAME", "header NAME", "module NAME"
+# (pkg-config), "element NAME" (GStreamer) or "clang-library NAME".
 build_requirements() {
     cat <<'LIST'
 g++ tool g++
@@ -30,7 +30,7 @@ python3 tool python3
 LIST
 }
 
-# What the GStreamer plugin and its tests need. CMake builds without the plugin where they are missing.
+# Requirements of the GStreamer plugin and its tests. CMake skips the plugin if they are missing.
 gstreamer_requirements() {
     cat <<'LIST'
 libgstreamer1.0-dev module gstreamer-base-1.0
@@ -41,7 +41,7 @@ gstreamer1.0-plugins-good element rtpvrawpay
 LIST
 }
 
-# What scripts/check needs beyond that.
+# Additional requirements of scripts/check.
 check_requirements() {
     cat <<'LIST'
 clang tool clang++
@@ -56,7 +56,7 @@ lintian tool lintian
 LIST
 }
 
-# What scripts/package needs beyond the build.
+# Additional requirements of scripts/package.
 package_requirements() {
     cat <<'LIST'
 dpkg-dev tool dpkg-shlibdeps
@@ -68,7 +68,7 @@ has_header() {
     printf '#if !__has_include(<%s>)\n#error\n#endif\n' "$1" | g++ -E -x c++ - >/dev/null 2>&1
 }
 
-# clang's run-time libraries live in clang's own folder, named for the architecture.
+# clang's run-time libraries are in clang's own folder; their names end with the architecture.
 has_clang_library() {
     local folder
     folder=$(clang++ -print-resource-dir 2>/dev/null) || return 1
@@ -86,7 +86,7 @@ probe() {
     esac
 }
 
-# Reads a list of requirements; prints the packages whose probe fails, each once.
+# Reads a list of requirements and prints each package whose probe fails, once.
 missing_packages() {
     local package kind name
     while read -r package kind name; do
@@ -94,7 +94,7 @@ missing_packages() {
     done | sort -u
 }
 
-# Runs a command as the superuser: directly as root, through sudo otherwise.
+# Runs a command as root, with sudo if necessary.
 as_root() {
     if [ "$(id -u)" = 0 ]; then
         "$@"
@@ -111,54 +111,54 @@ apt_install() {
     as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@"
 }
 
-# Whether the package can be installed here without removing another: libtiff's own JPEG library, for
-# one, has to stay.
+# Whether the package can be installed without removing another one. libtiff's own JPEG library, for
+# example, must stay.
 distribution_offers() {
     command -v apt-get >/dev/null 2>&1 && can_be_root \
         && apt-get install --simulate --no-remove "$1" >/dev/null 2>&1
 }
 
-# A package list of somebody else that cannot be read must not stop the set-up: what counts is
-# whether the packages can be installed afterwards.
+# An unreadable package list does not stop the set-up: it may belong to a third party. The installation
+# afterwards fails if a package is really unavailable.
 refresh_package_lists() {
     [ -z "${package_lists_read-}" ] || return 0
     package_lists_read=yes
     detail "reading the package lists (apt-get update)"
     if ! as_root apt-get update >"$deps_dir/apt-update.log" 2>&1; then
-        detail "some package lists could not be read; going on with the others:"
+        detail "cannot read some package lists; continuing with the others:"
         { grep -E '^(E|W):' "$deps_dir/apt-update.log" || true; } | head -n 5 | sed 's/^/   | /'
     fi
 }
 
-# Installs the packages named; prints their names first. Ends the script when that is not possible.
+# Prints the names of the given packages and installs them. Ends the script on failure.
 install_packages() {
-    local advice="install by hand: $*"
+    local advice="or install by hand: $*"
     detail "missing: $*"
     command -v apt-get >/dev/null 2>&1 \
         || fail "these packages are missing, and this machine has no apt-get: $*" \
-            "install what corresponds to them with the machine's own package tool, then run this again"
+            "install the equivalent packages with the system's package manager, then run this again"
     can_be_root \
-        || fail "these packages are missing, and there is neither root nor sudo to install them: $*" \
-            "ask the administrator for: apt-get install $*"
+        || fail "these packages are missing, and installing them needs root or sudo: $*" \
+            "ask the administrator to run: apt-get install $*"
     refresh_package_lists
     detail "installing: $*"
     quietly "$deps_dir/apt-install.log" apt_install "$@" \
         || fail "apt-get could not install the packages above" \
-            "is the network there? The whole output is in $deps_dir/apt-install.log" "$advice"
+            "check the network; the complete output is in $deps_dir/apt-install.log" "$advice"
 }
 
-# Makes sure that every requirement of the list named by the function $1 is met.
+# Installs what is missing of the list that the function $1 prints.
 ensure_packages() {
     local requirements=$1
     local -a missing
     mapfile -t missing < <("$requirements" | missing_packages)
     if [ "${#missing[@]}" -eq 0 ]; then
-        detail "all there"
+        detail "all installed"
         return
     fi
     install_packages "${missing[@]}"
     mapfile -t missing < <("$requirements" | missing_packages)
     [ "${#missing[@]}" -eq 0 ] \
         || fail "installed, but still not found: ${missing[*]}" \
-            "is another compiler or another tool of that name first in PATH?"
+            "check whether PATH finds another compiler or another tool of that name first"
 }

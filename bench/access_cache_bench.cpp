@@ -1,5 +1,5 @@
-// What one request to the access cache costs beside an empty call, and a row that is fetched and
-// written beside one that is only written.
+// Compares a request to the access cache with an empty call, and fetching and writing a row with only
+// writing it.
 #include <cstdint>
 #include <cstring>
 
@@ -15,7 +15,7 @@ constexpr uint64_t row_size = 6000;
 
 vexa_global_access_cache* cache = nullptr;
 
-// Offsets of rows one after the other, from the start again at the end.
+// The next row's offset; starts again at the end of the buffer.
 uint64_t next_row(uint64_t offset)
 {
     return offset + 2 * row_size <= buffer_size ? offset + row_size : 0;
@@ -64,7 +64,7 @@ void clean_up(benchmark::State& state)
     state.SetItemsProcessed(state.iterations());
 }
 
-// Every row is fetched anew, as the mipmap generator does.
+// Fetches every row again, as the mipmap generator does.
 void fetch_and_write_rows(benchmark::State& state)
 {
     uint64_t offset = 0;

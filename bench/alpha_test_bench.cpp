@@ -1,4 +1,4 @@
-// The test for transparency over an opaque plane, its worst case: bytes per second, beside a copy.
+// The transparency test on an opaque plane, its worst case: bytes per second, compared with a copy.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -11,8 +11,8 @@
 namespace {
 
 constexpr int64_t narrow = 100;
-constexpr int64_t near_cache = 16 << 10;
-constexpr int64_t out_of_memory = 96 << 20;
+constexpr int64_t in_cache = 16 << 10;
+constexpr int64_t in_memory = 96 << 20;
 
 void test_opaque(benchmark::State& state)
 {
@@ -34,8 +34,8 @@ void copy(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 
-BENCHMARK(test_opaque)->Arg(narrow)->Arg(near_cache)->Arg(out_of_memory);
-BENCHMARK(copy)->Arg(narrow)->Arg(near_cache)->Arg(out_of_memory);
+BENCHMARK(test_opaque)->Arg(narrow)->Arg(in_cache)->Arg(in_memory);
+BENCHMARK(copy)->Arg(narrow)->Arg(in_cache)->Arg(in_memory);
 
 } // namespace
 

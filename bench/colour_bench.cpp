@@ -1,7 +1,7 @@
-// Interleaved pixels to planes: bytes of pixels per second of each version, in the near cache, a
-// band of rows at a time, and out of memory, beside a copy of the same bytes. On the inputs of the
-// unit's test: random bytes, fixed seed. The version "plain" is the scalar rule; `ratio` is this
-// version's speed against it, measured in turns.
+// Interleaved pixels to planes: bytes of pixels per second of each version, with data in the cache, a
+// band of rows at a time, and with data in memory, compared with a copy of the same bytes. The input
+// is that of the unit test: random bytes with a fixed seed. The version "plain" is the scalar rule;
+// `ratio` is a version's speed divided by that of "plain", measured alternately.
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
@@ -17,9 +17,9 @@
 
 namespace {
 
-constexpr int64_t near_cache = 4 << 10; // pixels
+constexpr int64_t in_cache = 4 << 10; // pixels
 constexpr int64_t four_rows = 24'000;
-constexpr int64_t out_of_memory = 24'000'000;
+constexpr int64_t in_memory = 24'000'000;
 
 struct pixel_kind {
     const char* name;
@@ -88,7 +88,7 @@ void copy(benchmark::State& state)
 
 void sizes(benchmark::internal::Benchmark* bench)
 {
-    bench->Arg(near_cache)->Arg(four_rows)->Arg(out_of_memory);
+    bench->Arg(in_cache)->Arg(four_rows)->Arg(in_memory);
 }
 
 } // namespace

@@ -1,14 +1,14 @@
-// The worker from exec to its ready message (T) against a floor (F), in turn, on large pictures of
-// every format; and a tiny picture against an empty program. F is the codec library alone in a
-// process of its own; for uncompressed pictures, which have no codec, a process that touches as much
-// fresh shared memory as the worker writes.
+// Compares the worker from exec to its ready message (T) with a floor (F), alternately, on large
+// pictures of every format; and the worker on a tiny picture with an empty program. F is the codec
+// library alone in its own process. For uncompressed pictures, which have no codec, F is a process
+// that touches as much fresh shared memory as the worker writes.
 //
 //   compare [--pairs N] [--pictures DIR] [--program FILE] [--draw-only] [NAME...]
 //
-// Pictures are made on the first run and kept in DIR (beside the program unless told). A name is a
-// picture's or how several begin ("png", "tiff-lzw"). Each ratio is the median of its pairs, with the
-// smallest and the largest; both for time on the wall and for processor time, which is the steadier
-// one on a busy machine.
+// The first run generates the pictures and keeps them in DIR (default: next to the program). NAME is
+// the name of a picture or a common prefix of several ("png", "tiff-lzw"). Each ratio is the median of
+// its pairs, with the smallest and the largest, for wall time and for processor time, which varies
+// less on a busy machine.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -37,12 +37,12 @@ struct options {
     std::vector<std::string> names; // empty: all
 };
 
-// One list of pictures, how they are made, and the program that they are compared with.
+// A list of pictures, the function that writes them, and the program to compare the worker with.
 struct format {
     std::span<const large_picture> (*pictures)();
     void (*write)(const std::string& name, const std::string& photograph, const std::string& path);
     const char* suffix;
-    const char* floor; // null: the first touch of what the worker writes
+    const char* floor; // null: first_touch_floor
 };
 
 constexpr format formats[] = {
@@ -56,8 +56,8 @@ constexpr format formats[] = {
 
 struct spread {
     double median;
-    double least;
-    double most;
+    double min;
+    double max;
 };
 
 spread spread_of(std::vector<double> values)
@@ -94,7 +94,7 @@ std::vector<pair> run_pairs(int count, const std::function<timed_run()>& floor,
     return pairs;
 }
 
-// The folders that a worker writes to, and nothing of the user's.
+// Gives workers folders of their own, so that they do not use the user's.
 void settle_environment(const temporary_folder& folder)
 {
     for (const char* name : {"run", "state"}) {
@@ -117,8 +117,7 @@ void print_times(const char* name, const std::vector<pair>& pairs, double goal)
     const spread processor =
         over(pairs, [](const pair& p) { return p.worker.processor / p.floor.processor; });
     printf("%-18s T/F wall %.2f (%.2f-%.2f)  processor %.2f (%.2f-%.2f)  goal %.2f\n", name,
-           wall.median, wall.least, wall.most, processor.median, processor.least, processor.most,
-           goal);
+           wall.median, wall.min, wall.max, processor.median, processor.min, processor.max, goal);
     printf("%-18s F %.1f ms wall, %.1f ms processor; T %.1f and %.1f\n", "",
            over(pairs, [](const pair& p) { return p.floor.wall * 1e3; }).median,
            over(pairs, [](const pair& p) { return p.floor.processor * 1e3; }).median,
@@ -138,8 +137,8 @@ std::string drawn_picture(const options& how, const format& kind, const large_pi
     return path;
 }
 
-// Y, U and V of uncompressed pictures, and a third of that in mipmaps. The memory is given back here,
-// where it is not timed.
+// Touches the size of Y, U and V of an uncompressed picture, plus a third of that for mipmaps. The
+// memory is released here, outside the measurement.
 timed_run run_first_touch()
 {
     constexpr int64_t bytes = int64_t{large_width} * large_height * 3 * 4 / 3;
@@ -163,7 +162,7 @@ void print_shares(const std::vector<pair>& pairs, const large_picture& picture)
     printf(
         "%-18s pyramid %.1f %% of T wall, %.1f %% (%.1f-%.1f) of its processor time (goal %.0f); "
         "private memory %.1f MB, F %.1f\n",
-        "", share.median, processor_share.median, processor_share.least, processor_share.most,
+        "", share.median, processor_share.median, processor_share.min, processor_share.max,
         picture.pyramid_goal, memory.median, floor_memory.median);
     fflush(stdout);
 }
@@ -190,7 +189,7 @@ void compare_tiny(const options& how, const temporary_folder& folder)
     const int pairs = how.pairs * 5;
     const auto empty = [] { return run_floor({EMPTY_PROGRAM}); };
     print_times(
-        "tiny, seen before",
+        "tiny, known",
         run_pairs(pairs, empty, [&] { return run_worker_to_ready(worker_on(how, picture)); }), 2);
     int count = 0;
     print_times("tiny, new",

@@ -1,7 +1,7 @@
-// What it costs to get fresh shared memory and to write it for the first time, in several ways. The
-// ways take turns; each figure is the median of the turns' ratios to plain page faults.
+// Compares several ways to get fresh shared memory and write it for the first time. The ways alternate
+// for several rounds; each figure is the median of the rounds' ratios to plain page faults.
 //
-//   first_touch_bench [MEGABYTES]      256 when not given
+//   first_touch_bench [MEGABYTES]      default 256
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -29,26 +29,26 @@ using platform::unique_fd;
 
 namespace {
 
-constexpr int turns = 9;
-constexpr uint64_t band = 192'000; // 32 rows of 6000 bytes, as decoders write them
+constexpr int rounds = 9;
+constexpr uint64_t band = 192'000; // bytes: 32 rows of 6000, as decoders write them
 constexpr uint64_t everything = UINT64_MAX;
 
 struct cost {
-    double reserve = 0; // seconds until the memory is there
+    double reserve = 0; // seconds to get the memory
     double write = 0;   // seconds to write all of it
 };
 
 struct way {
     const char* name;
-    bool reserve;   // fallocate first, otherwise the file is only made long enough
+    bool reserve;   // fallocate first; otherwise only set the file's length
     int map_flags;  // besides MAP_SHARED
-    uint64_t piece; // made present ahead of the writer; 0: left to page faults
+    uint64_t piece; // bytes populated at a time ahead of the writer; 0: page faults only
 };
 
 constexpr way ways[] = {
     {"faults", false, 0, 0},
-    {"mapped with everything present", false, MAP_POPULATE, 0},
-    {"everything made present", false, 0, everything},
+    {"populated when mapped", false, MAP_POPULATE, 0},
+    {"everything populated first", false, 0, everything},
     {"fallocate, faults", true, 0, 0},
     {"fallocate, 16 KiB ahead", true, 0, 16 << 10},
     {"fallocate, 64 KiB ahead", true, 0, 64 << 10},
@@ -56,7 +56,7 @@ constexpr way ways[] = {
     {"fallocate, 256 KiB ahead", true, 0, 256 << 10},
     {"fallocate, 1 MiB ahead", true, 0, 1 << 20},
     {"fallocate, 8 MiB ahead", true, 0, 8 << 20},
-    {"fallocate, everything made present", true, 0, everything},
+    {"fallocate, everything populated first", true, 0, everything},
 };
 
 [[noreturn]] void give_up(const char* what)
@@ -65,7 +65,7 @@ constexpr way ways[] = {
     exit(1);
 }
 
-// Processor time: steadier than the clock on a machine that does other things, too.
+// Processor time, which varies less than wall time on a busy machine.
 double now()
 {
     timespec time = {};
@@ -108,7 +108,7 @@ cost measure(const way& tried, uint64_t size)
     return {reserved - begin, now() - reserved};
 }
 
-// The worker's own way, through the platform.
+// The way that the worker uses: the platform's buffer and access cache.
 cost measure_platform(uint64_t size)
 {
     static vexa_global_access_cache* const cache = vexa_global_access_cache_create();
@@ -142,11 +142,11 @@ void print_line(const char* name, const std::vector<cost>& costs, const std::vec
     std::vector<double> reserve;
     std::vector<double> write;
     std::vector<double> sum;
-    for (size_t turn = 0; turn < costs.size(); ++turn) {
-        const double whole = floor[turn].reserve + floor[turn].write;
-        reserve.push_back(costs[turn].reserve / whole);
-        write.push_back(costs[turn].write / whole);
-        sum.push_back((costs[turn].reserve + costs[turn].write) / whole);
+    for (size_t i = 0; i < costs.size(); ++i) {
+        const double whole = floor[i].reserve + floor[i].write;
+        reserve.push_back(costs[i].reserve / whole);
+        write.push_back(costs[i].write / whole);
+        sum.push_back((costs[i].reserve + costs[i].write) / whole);
     }
     printf("%-36s %8.2f %8.2f %8.2f\n", name, median(reserve), median(write), median(sum));
 }
@@ -161,17 +161,17 @@ int main(int argc, char** argv)
         return 1;
     }
     std::vector<std::vector<cost>> costs(std::size(ways) + 1);
-    for (int turn = -1; turn < turns; ++turn) { // the first one warms up
+    for (int round = -1; round < rounds; ++round) { // the first one warms up
         for (size_t i = 0; i < costs.size(); ++i) {
             const cost result =
                 i < std::size(ways) ? measure(ways[i], size) : measure_platform(size);
-            if (turn >= 0) {
+            if (round >= 0) {
                 costs[i].push_back(result);
             }
         }
     }
-    const double floor = costs[0][turns / 2].write / (static_cast<double>(size) / 4096) * 1e6;
-    printf("plain faults: about %.2f us for 4 KiB; everything below is relative to them\n\n",
+    const double floor = costs[0][rounds / 2].write / (static_cast<double>(size) / 4096) * 1e6;
+    printf("plain faults: about %.2f us for 4 KiB; the figures below are relative to them\n\n",
            floor);
     printf("%-36s %8s %8s %8s\n", "", "reserve", "write", "both");
     for (size_t i = 0; i < costs.size(); ++i) {

@@ -1,10 +1,10 @@
-// What a frame request costs against the least that any server on this kind of socket can cost, and
-// what a worker costs that nobody asks for anything.
+// Compares the cost of a frame request with the minimal cost of any server on this kind of socket, and
+// measures the cost of an idle worker.
 //
-//   frame_request_bench PROGRAM       starts PROGRAM on a small picture of its own
-//   frame_request_bench --at SOCKET PID   measures a worker that runs already
+//   frame_request_bench PROGRAM           starts PROGRAM on a small generated picture
+//   frame_request_bench --at SOCKET PID   measures a running worker
 //
-// Worker and floor take turns, several times; each figure is the median of the turns' ratios.
+// Worker and floor alternate for several rounds; each figure is the median of the rounds' ratios.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -32,8 +32,8 @@ using namespace comm_protocol;
 
 namespace {
 
-constexpr int turns = 7;
-constexpr int requests_a_turn = 20'000;
+constexpr int rounds = 7;
+constexpr int requests_per_round = 20'000;
 constexpr int warm_up_requests = 2'000;
 constexpr int crowd_size = 100;
 constexpr double crowd_seconds = 1.0;
@@ -65,7 +65,7 @@ double processor_seconds(pid_t pid)
     return clock_getcpuclockid(pid, &clock) == 0 ? seconds_of(clock) : 0;
 }
 
-// Times that the process went to sleep of its own will.
+// The number of times that the process went to sleep voluntarily.
 long wake_ups(pid_t pid)
 {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
@@ -184,16 +184,16 @@ struct latency {
     double p99;
 };
 
-// Each request is a GET_FRAME; the frame is given back before the next, unmeasured.
+// Measures GET_FRAME requests. The frame is released before the next request, outside the measurement.
 latency measure_latency(const server& to)
 {
     const packet_client client = connect_to(to);
-    fcntl(client.fd(), F_SETFL, 0); // blocking: the client itself costs as little as it can
+    fcntl(client.fd(), F_SETFL, 0); // blocking, to minimise the cost of the client itself
     const packet_bytes request = encode(5, get_frame{0, 0});
     std::array<unsigned char, max_packet_size> answer;
     std::vector<double> times;
-    times.reserve(requests_a_turn);
-    for (int i = 0; i < warm_up_requests + requests_a_turn; ++i) {
+    times.reserve(requests_per_round);
+    for (int i = 0; i < warm_up_requests + requests_per_round; ++i) {
         const double before = now_seconds();
         const size_t size = ask_blocking(client.fd(), request, answer.data(), answer.size());
         if (i >= warm_up_requests) {
@@ -217,7 +217,7 @@ void report_latency(const server& worker, const server& floor)
     std::vector<double> p99;
     latency last_worker = {};
     latency last_floor = {};
-    for (int turn = 0; turn < turns; ++turn) {
+    for (int round = 0; round < rounds; ++round) {
         last_floor = measure_latency(floor);
         last_worker = measure_latency(worker);
         p50.push_back(last_worker.p50 / last_floor.p50);
@@ -237,8 +237,8 @@ struct load {
     double processor_us_a_request;
 };
 
-// Every client always has one request under way. A FRAME is followed by its release, and both
-// count: the floor gets as many messages.
+// Every client always has one pending request. Each FRAME is followed by its release, and both count,
+// so the floor receives as many messages.
 load measure_load(const server& to)
 {
     std::vector<packet_client> clients;
@@ -285,7 +285,7 @@ void report_load(const server& worker, const server& floor)
     std::vector<double> processor;
     double worker_rate = 0;
     double floor_rate = 0;
-    for (int turn = 0; turn < turns; ++turn) {
+    for (int round = 0; round < rounds; ++round) {
         floor_rate = measure_load(floor).requests_a_second;
         const load of_worker = measure_load(worker);
         worker_rate = of_worker.requests_a_second;
@@ -299,7 +299,7 @@ void report_load(const server& worker, const server& floor)
            median(rate), median(processor));
 }
 
-// --- nobody asks ---------------------------------------------------------------------------------
+// --- idle ----------------------------------------------------------------------------------------
 
 void report_idle(const server& worker, int connected)
 {

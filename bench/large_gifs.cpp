@@ -22,7 +22,7 @@ struct animation {
     int frames;
 };
 
-constexpr int pan = 8;   // pixels from frame to frame
+constexpr int pan = 8;   // pixels per frame
 constexpr int delay = 4; // hundredths of a second
 
 animation animation_of(const std::string& name)
@@ -30,7 +30,7 @@ animation animation_of(const std::string& name)
     return name == "gif-500x500" ? animation{500, 500, 60} : animation{1920, 1080, 20};
 }
 
-// Memory of the library.
+// Allocated by the library; the caller frees it.
 ColorMapObject* make_colour_map(const photo_palette& palette)
 {
     std::array<GifColorType, 256> map = {};
@@ -44,7 +44,7 @@ ColorMapObject* make_colour_map(const photo_palette& palette)
 bool put_frame(GifFileType* gif, const photograph& from, const photo_palette& palette,
                const animation& what, int frame)
 {
-    std::array<unsigned char, 4> control = {0, delay, 0, 0}; // no transparency, left in place
+    std::array<unsigned char, 4> control = {0, delay, 0, 0}; // no transparency, no disposal
     if (EGifPutExtension(gif, GRAPHICS_EXT_FUNC_CODE, control.size(), control.data()) != GIF_OK ||
         EGifPutImageDesc(gif, 0, 0, what.width, what.height, false, nullptr) != GIF_OK) {
         return false;

@@ -49,7 +49,7 @@ void write_large_jpeg(const std::string& name, const std::string& photograph,
                                                                       : photo_colours::YCBCR);
     what.quality = quality;
     what.sample = [&](int component, int x, int y) -> unsigned char {
-        if (component == 3) { // little black ink, most of it in the shadows
+        if (component == 3) { // little black ink, mainly in the shadows
             return static_cast<unsigned char>(192 + enlarged(from, 0, x, y) / 4);
         }
         const bool subsampled = component != 0;

@@ -1,6 +1,6 @@
-// The pictures of the comparison, a list a format: 24 megapixels with a camera's noise unless the
-// name tells something else, drawn from one photograph. The same bytes on every run with the same
-// version of the codec's library.
+// The pictures of the comparison, one list per format: 24 megapixels with camera noise unless the name
+// says otherwise, generated from one photograph. Every run with the same version of the codec library
+// generates the same bytes.
 #pragma once
 
 #include <span>
@@ -19,14 +19,14 @@ std::span<const large_picture> plain_tiffs(); // uncompressed
 std::span<const large_picture> large_gifs();
 std::span<const large_picture> large_webps();
 
-// Each writes one picture of its list to `path`, drawn from the JPEG photograph `photograph`. A
-// failure ends the program with a message.
+// Each function writes one picture of its list to `path`, generated from the JPEG file `photograph`.
+// A failure ends the program with a message.
 void write_large_jpeg(const std::string& name, const std::string& photograph,
                       const std::string& path);
 void write_large_png(const std::string& name, const std::string& photograph,
                      const std::string& path);
 void write_large_tiff(const std::string& name, const std::string& photograph,
-                      const std::string& path); // plain ones, too
+                      const std::string& path); // also uncompressed ones
 void write_large_gif(const std::string& name, const std::string& photograph,
                      const std::string& path);
 void write_large_webp(const std::string& name, const std::string& photograph,

@@ -47,7 +47,7 @@ std::vector<unsigned char> draw_palette_row(const photograph& from, const photo_
     return row;
 }
 
-// The lower byte is a sensor's noise.
+// The lower byte is noise, as from a sensor.
 std::vector<unsigned char> draw_grey16_row(const photograph& from, int y)
 {
     std::vector<unsigned char> row;
@@ -103,14 +103,14 @@ void write_large_png(const std::string& name, const std::string& photograph,
     if (file == nullptr) {
         give_up_drawing("cannot write " + path);
     }
-    // An error of the library ends the program, since no jump is armed.
+    // No jump is armed, so a library error ends the program.
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     png_infop info = png_create_info_struct(png);
     png_init_io(png, file);
     write_header(png, info, palette, kind);
     const int passes = png_set_interlace_handling(png);
     for (int pass = 0; pass < passes; ++pass) {
-        for (int y = 0; y < large_height; ++y) { // the library takes what the pass needs of it
+        for (int y = 0; y < large_height; ++y) { // the library selects the pixels of the pass
             const std::vector<unsigned char> row = draw_row(from, palette, kind, y);
             png_write_row(png, row.data());
         }

@@ -10,10 +10,10 @@ namespace {
 
 constexpr double lzw_goal = 1.28;
 constexpr double deflate_goal = 1.40;
-constexpr double plain_goal = 2.4; // against the first touch of what is written
+constexpr double plain_goal = 2.4; // relative to the first touch of the written memory
 constexpr double plain_pyramid_goal = 22;
 
-// Named by the rows of a strip.
+// Named after the number of rows in a strip.
 constexpr large_picture compressed[] = {
     {"tiff-lzw-1", lzw_goal},
     {"tiff-lzw-16", lzw_goal},
@@ -68,7 +68,7 @@ void set_tags(TIFF* tiff, const std::string& name)
     TIFFSetField(tiff, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
 }
 
-// Black is what all three inks have in common.
+// Black replaces the amount that all three inks have in common.
 std::vector<unsigned char> to_inks(const std::vector<unsigned char>& rgb)
 {
     std::vector<unsigned char> inks;

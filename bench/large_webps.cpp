@@ -14,8 +14,8 @@ constexpr large_picture pictures[] = {
 };
 
 constexpr float quality = 85;
-constexpr int quick_lossless = 1;         // of the levels 0 .. 9
-constexpr size_t largest_file = 0xFFFFFF; // that the worker takes
+constexpr int quick_lossless = 1;          // of the levels 0 .. 9
+constexpr size_t max_file_size = 0xFFFFFF; // that the worker accepts
 
 WebPConfig settings_of(const std::string& name)
 {
@@ -34,7 +34,7 @@ void import_pixels(const std::string& name, const std::string& path, WebPPicture
     picture->height = large_height;
     const bool alpha = name == "webp-lossy-alpha";
     const int channels = alpha ? 4 : 3;
-    // Noise hardly shrinks without loss, and such a file would be larger than the worker takes.
+    // Noise hardly compresses without loss, and the file would be larger than the worker accepts.
     const int noise_levels = picture->use_argb != 0 ? 1 : camera_noise;
     const std::vector<unsigned char> pixels =
         draw_large_rows(from, channels, 0, large_height, noise_levels);
@@ -66,7 +66,7 @@ void write_large_webp(const std::string& name, const std::string& photograph,
     picture.writer = WebPMemoryWrite;
     picture.custom_ptr = &file;
     import_pixels(name, photograph, &picture);
-    if (WebPEncode(&settings, &picture) == 0 || file.size > largest_file) {
+    if (WebPEncode(&settings, &picture) == 0 || file.size > max_file_size) {
         give_up_drawing("cannot make " + name);
     }
     write_drawn_file(path, file.mem, file.size);

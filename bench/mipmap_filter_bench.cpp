@@ -1,5 +1,5 @@
-// The pyramid's filter: source bytes per second of each version, beside a copy of the same plane.
-// One plane of a 24-megapixel picture, one of 96 megapixels that no cache holds, and a small one.
+// The pyramid's filter: source bytes per second of each version, compared with a copy of the same
+// plane: a plane of a 24-megapixel picture, one of 96 megapixels that fits no cache, and a small one.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -14,7 +14,7 @@
 
 namespace {
 
-// Random bytes, fixed seed, with two rows to spare for what is called into the cache ahead.
+// Random bytes with a fixed seed, and two spare rows for the filter's prefetching.
 std::vector<unsigned char> random_plane(size_t width, size_t height)
 {
     std::mt19937 random(1);

@@ -10,11 +10,11 @@
 namespace {
 
 constexpr int enlargement = 2;
-constexpr int dither_noise = 17; // two cells of the palette's look-up
+constexpr int dither_noise = 17; // levels: two cells of the palette's look-up table
 constexpr size_t palette_size = 256;
 constexpr size_t cells = 32768;
 
-// Mirrored at its edges, so that tiles meet without a seam.
+// Mirrors coordinates at the photograph's edges, so that tiles join without a seam.
 int mirrored(int at, int size)
 {
     const int folded = at % (2 * size);
@@ -32,7 +32,7 @@ size_t cell_of(unsigned r, unsigned g, unsigned b)
     return size_t{r >> 3 << 10 | g >> 3 << 5 | b >> 3};
 }
 
-// The middle of a cell: channel 0 is red.
+// The middle of a cell; channel 0 is red.
 int channel_of(size_t cell, int channel)
 {
     return static_cast<int>(cell >> (5 * (2 - channel)) & 31) * 8 + 4;
@@ -113,7 +113,7 @@ uint32_t noise_bits(int component, int x, int y)
     return hash * 2246822519U;
 }
 
-// Bilinear between the photograph's samples.
+// Interpolates bilinearly between the photograph's samples.
 unsigned char enlarged(const photograph& from, int component, int x, int y, int noise_levels)
 {
     const int left = x / enlargement;

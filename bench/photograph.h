@@ -1,5 +1,5 @@
-// A photograph made larger without end: twice its size, so that its finest detail is that of a
-// camera's picture, in mirrored tiles, with noise.
+// A photograph extended to any size: enlarged to twice its size, so that its detail resembles that of
+// a camera, repeated in mirrored tiles, with noise.
 #pragma once
 
 #include <cstddef>
@@ -19,36 +19,36 @@ struct photograph {
     std::vector<unsigned char> samples; // three components a pixel
 };
 
-// From a JPEG file. A failure ends the program with a message.
+// Reads a JPEG file. A failure ends the program with a message.
 photograph read_photograph(const std::string& path, photo_colours colours);
 
-// Sample of component 0 .. 2; `x` and `y` in pixels of the large picture, 0 or more.
+// Returns the sample of component 0 .. 2; `x` and `y` are in pixels of the large picture, at least 0.
 unsigned char enlarged(const photograph& from, int component, int x, int y,
                        int noise_levels = camera_noise);
 
-// Even noise of 32 bits, the same for the same place.
+// 32 bits of uniform noise, always the same for the same position.
 uint32_t noise_bits(int component, int x, int y);
 
-// Opaque in the middle of the large picture, transparent at its corners.
+// Alpha of the large picture: opaque in the middle, transparent at the corners.
 unsigned char large_alpha(int x, int y);
 
-// `channels` bytes a pixel: R, G, B, then alpha when there are four.
+// Rows with `channels` bytes per pixel: R, G, B, and alpha if there are four.
 std::vector<unsigned char> draw_large_rows(const photograph& from, int channels, int first_row,
                                            int rows, int noise_levels = camera_noise);
 
-// For indexed pictures: the photograph's most frequent colours, and for every colour of 5 bits a
-// channel the nearest of them.
+// For indexed pictures: the photograph's most frequent colours, and the nearest of them for every
+// colour with 5 bits per channel.
 struct photo_palette {
-    std::vector<unsigned char> colours; // 256, three bytes each
-    std::vector<unsigned char> nearest; // by r >> 3 << 10 | g >> 3 << 5 | b >> 3
+    std::vector<unsigned char> colours; // 256 of three bytes each
+    std::vector<unsigned char> nearest; // index: r >> 3 << 10 | g >> 3 << 5 | b >> 3
 };
 
 photo_palette make_palette(const photograph& from);
 
-// A pixel in that palette, dithered by noise.
+// Palette index of a pixel, dithered with noise.
 unsigned char large_index(const photograph& from, const photo_palette& palette, int x, int y);
 
 void write_drawn_file(const std::string& path, const void* bytes, size_t size);
 
-// With a message; the program ends.
+// Prints the message and ends the program.
 [[noreturn]] void give_up_drawing(const std::string& what);

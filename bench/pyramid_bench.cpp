@@ -1,6 +1,6 @@
-// The whole pyramid of a 24-megapixel 4:2:0 picture in a real frame buffer, every row through the
-// access cache: source bytes per second over all planes and levels, beside a copy of the full-size
-// planes.
+// The whole pyramid of a 24-megapixel 4:2:0 picture in a real frame buffer, with every row through the
+// access cache: source bytes per second over all planes and levels, compared with a copy of the
+// full-size planes.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -49,7 +49,7 @@ void fill_planes(unsigned char* buffer)
     }
 }
 
-// What the filter goes through: each plane over the luma's rows, for each level that is a source.
+// The bytes that the filter reads: for each source level, each plane over the number of luma rows.
 int64_t source_bytes()
 {
     uint64_t bytes = 0;
@@ -85,7 +85,7 @@ int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
     describe_picture();
-    // The program's own lines would drown the results.
+    // Hide the program's messages.
     if (freopen("/dev/null", "w", stderr) == nullptr) {
         return EXIT_FAILURE;
     }

@@ -1,5 +1,6 @@
-// Full range to video range: bytes per second of each version, in the near cache and out of memory,
-// beside a copy of the same bytes. On the inputs of the unit's test: random samples, fixed seed.
+// Full range to video range: bytes per second of each version, with data in the cache and in memory,
+// compared with a copy of the same bytes. The input is that of the unit test: random samples with a
+// fixed seed.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -14,9 +15,9 @@
 
 namespace {
 
-constexpr int64_t near_cache = 16 << 10;
+constexpr int64_t in_cache = 16 << 10;
 constexpr int64_t one_row_group = 96 << 10; // 16 rows of 6000 samples
-constexpr int64_t out_of_memory = 64 << 20;
+constexpr int64_t in_memory = 64 << 20;
 
 std::vector<unsigned char> random_samples(size_t count)
 {
@@ -50,7 +51,7 @@ void copy(benchmark::State& state)
 
 void sizes(benchmark::internal::Benchmark* bench)
 {
-    bench->Arg(near_cache)->Arg(one_row_group)->Arg(out_of_memory);
+    bench->Arg(in_cache)->Arg(one_row_group)->Arg(in_memory);
 }
 
 } // namespace

@@ -10,10 +10,10 @@ add_benchmark(rescale_bench rescale_bench.cpp LIBRARIES stillimage_decode)
 add_benchmark(pump_gap pump_gap.cpp LIBRARIES stillimage_client test_files)
 add_benchmark(colour_bench colour_bench.cpp LIBRARIES stillimage_decode)
 
-# The worker against the codec library alone. bench/floor/setup builds the plain JPEG library first.
+# Compares the worker with the codec library alone. Needs the plain libjpeg 9 that bench/floor/setup builds.
 set(floor_jpeg "${PROJECT_SOURCE_DIR}/.deps/floor")
 if(NOT EXISTS "${floor_jpeg}/lib/libjpeg.a")
-    message(STATUS "bench/floor/setup was not run: no comparison with the libraries alone")
+    message(STATUS "bench/floor/setup was not run: skipping the comparison with the libraries alone")
     return()
 endif()
 

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int status_channel = 3; // the worker's number of it
+constexpr int status_channel = 3; // the descriptor's number in the worker
 constexpr int patience_ms = 120'000;
 
 [[noreturn]] void give_up(const std::string& what)
@@ -48,7 +48,7 @@ pipe_ends open_pipe()
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {
         give_up("no pipe");
     }
-    // Out of the way of the numbers that the child gets.
+    // Away from the descriptor numbers that the child uses.
     const pipe_ends moved = {fcntl(ends[0], F_DUPFD_CLOEXEC, 10),
                              fcntl(ends[1], F_DUPFD_CLOEXEC, 10)};
     close(ends[0]);
@@ -86,8 +86,8 @@ double to_seconds(const timeval& time)
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
 }
 
-// Private pages of private mappings. The frame buffer counts as private in the sums that the
-// kernel offers while nobody else has mapped it, hence the look at each mapping.
+// Adds up the private pages of private mappings. The kernel's own totals count the frame buffer as
+// private while no other process has mapped it, so each mapping is examined.
 double private_kilobytes(pid_t pid)
 {
     std::ifstream maps("/proc/" + std::to_string(pid) + "/smaps");
@@ -106,7 +106,7 @@ double private_kilobytes(pid_t pid)
     return total;
 }
 
-// What has come through a pipe; whether it is still open.
+// Appends what can be read from a pipe. False at its end.
 bool take(int pipe, std::string* text)
 {
     std::array<char, 4096> piece;
@@ -126,7 +126,7 @@ void end_worker(pid_t pid, int messages)
     waitpid(pid, nullptr, 0);
 }
 
-// How often the pyramid was begun: how often its largest level was announced.
+// How many pyramids were begun: the number of messages for the largest level.
 size_t pyramids_begun(const std::string& printed)
 {
     const std::string label = "Generating mipmap ";
@@ -143,24 +143,24 @@ size_t pyramids_begun(const std::string& printed)
     return count;
 }
 
-// Reads both channels until the ready message. The pyramid begins with its first message; that of a
-// picture that was shown before it was complete is its last one.
+// Reads both channels until the ready message. A pyramid begins with its first message. If a
+// provisional picture was served, the last pyramid counts.
 void follow_worker(pid_t pid, int status, int messages, double begin, timed_run* run)
 {
-    std::string told;
+    std::string reports;
     std::string printed;
     size_t pyramids = 0;
     double pyramid_wall = 0;
     double pyramid_processor = 0;
-    while (told.find("\"ready\": 1,") == std::string::npos) {
+    while (reports.find("\"ready\": 1,") == std::string::npos) {
         std::array<pollfd, 2> channels = {{{status, POLLIN, 0}, {messages, POLLIN, 0}}};
         if (poll(channels.data(), channels.size(), patience_ms) <= 0 ||
-            (channels[0].revents != 0 && !take(status, &told))) {
-            give_up("the worker did not become ready; it said:\n" + printed);
+            (channels[0].revents != 0 && !take(status, &reports))) {
+            give_up("the worker did not become ready; its messages:\n" + printed);
         }
         if ((channels[1].revents & POLLIN) != 0) {
             take(messages, &printed);
-            const bool was_provisional = told.find("\"ready\": -1,") != std::string::npos;
+            const bool was_provisional = reports.find("\"ready\": -1,") != std::string::npos;
             if (pyramids_begun(printed) > pyramids && (pyramids == 0 || was_provisional)) {
                 pyramids = pyramids_begun(printed);
                 pyramid_wall = seconds_of(CLOCK_MONOTONIC);

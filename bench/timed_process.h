@@ -1,4 +1,4 @@
-// A program run from exec to its end or to its ready message, with what that took.
+// Measures a program from exec to its end, or to its ready message.
 #pragma once
 
 #include <string>
@@ -7,17 +7,16 @@
 struct timed_run {
     double wall = 0; // seconds
     double processor = 0;
-    double pyramid_wall = 0; // the share of the last mipmaps in it; workers only
+    double pyramid_wall = 0; // the part of `wall` from the start of the last pyramid; workers only
     double pyramid_processor = 0;
-    double buffer_bytes = 0;      // of the frame buffer, as the worker tells it; workers only
-    double private_kilobytes = 0; // memory that is neither shared nor a file's
+    double private_kilobytes = 0; // private pages of private mappings
 };
 
 using command = std::vector<std::string>;
 
-// To its end. `private_kilobytes` is the number that it prints, if it prints one.
+// Runs a program to its end. `private_kilobytes` is the number that it prints, if any.
 timed_run run_floor(const command& words);
 
-// A worker, given a status channel, up to its ready message; it is then asked to end. Memory is
-// that at the ready message.
+// Runs a worker with a status channel up to its ready message, and then ends it. Memory is measured
+// at the ready message.
 timed_run run_worker_to_ready(command words);

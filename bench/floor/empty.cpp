@@ -1,5 +1,5 @@
-// Nothing, linked to the same libraries as the worker: what starting and ending any such program
-// costs.
+// An empty program that is linked to the same libraries as the worker: the cost of starting and ending
+// such a program.
 int main()
 {
     return 0;

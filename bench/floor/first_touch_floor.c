@@ -1,6 +1,6 @@
-// What fresh shared memory costs: BYTES of it are written once, in bands, the cheapest way known:
-// reserved first, then made present piece by piece just ahead of the writer. FILE lies in memory and
-// is not removed here: giving the memory back is not counted.
+// Measures the cost of fresh shared memory: writes BYTES of it once, in bands, in the cheapest known
+// way: reserved first, then populated piece by piece just ahead of the writer. FILE is in memory and
+// is not removed here, so releasing the memory is not measured.
 //
 //   first_touch_floor FILE BYTES
 #define _GNU_SOURCE
@@ -16,7 +16,7 @@
 #endif
 
 static const size_t band = 192000;     // 32 rows of 6000 bytes
-static const size_t piece = 256 << 10; // made present at a time
+static const size_t piece = 256 << 10; // bytes populated at a time
 
 static size_t lesser(size_t a, size_t b)
 {

@@ -1,7 +1,7 @@
-// The least that a decoder of GIF animations can cost: the library alone delivers the indices of all
-// frames into one row that is used again.
+// The minimal cost of decoding a GIF animation: the library alone delivers the indices of all frames
+// into one row that is reused.
 //
-//   gif_floor FILE      prints its private memory in kilobytes when the last row is there
+//   gif_floor FILE      prints its private memory in kilobytes after the last row
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -9,7 +9,7 @@
 
 #include "bench/floor/private_memory.h"
 
-enum { widest_row = 65535 };
+enum { max_width = 65535 };
 
 static void require(int result)
 {
@@ -21,7 +21,7 @@ static void require(int result)
 
 static void read_frame(GifFileType* gif)
 {
-    static GifPixelType row[widest_row];
+    static GifPixelType row[max_width];
     require(DGifGetImageDesc(gif));
     for (int y = 0; y < gif->Image.Height; ++y) {
         require(DGifGetLine(gif, row, gif->Image.Width));

@@ -1,9 +1,9 @@
-// The least that a decoder of JPEG pictures can cost: the library alone, with the worker's settings,
-// delivers all raw component rows into one small buffer that is used again for each row group.
+// The minimal cost of decoding a JPEG picture: the library alone, with the worker's settings, delivers
+// all raw component rows into one small buffer that is reused for each row group.
 //
-//   jpeg_floor FILE     prints its private memory in kilobytes when the last row is there
+//   jpeg_floor FILE     prints its private memory in kilobytes after the last row
 //
-// Linked to a libjpeg 9 of its own, built with plain -O2 (bench/floor/setup).
+// Linked to its own libjpeg 9, built with plain -O2 (bench/floor/setup).
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,9 +12,9 @@
 
 #include "bench/floor/private_memory.h"
 
-enum { most_rows = 64, most_components = 4 };
+enum { max_rows = 64, max_components = 4 };
 
-// Raw rows of the picture's own components, as the worker asks for them: no colour conversion, no
+// Raw rows of the picture's own components, as the worker requests them: no colour conversion, no
 // upsampling.
 static void choose_settings(struct jpeg_decompress_struct* cinfo)
 {
@@ -25,17 +25,17 @@ static void choose_settings(struct jpeg_decompress_struct* cinfo)
 
 static void read_all_rows(struct jpeg_decompress_struct* cinfo)
 {
-    static JSAMPROW rows[most_components][most_rows];
-    JSAMPARRAY components[most_components];
+    static JSAMPROW rows[max_components][max_rows];
+    JSAMPARRAY components[max_components];
     const size_t width = (size_t)cinfo->output_width + 64;
-    for (int i = 0; i < most_components; ++i) {
+    for (int i = 0; i < max_components; ++i) {
         components[i] = rows[i];
-        for (int y = 0; y < most_rows; ++y) {
+        for (int y = 0; y < max_rows; ++y) {
             rows[i][y] = y < 16 ? malloc(width) : rows[i][y % 16];
         }
     }
     while (cinfo->output_scanline < cinfo->output_height) {
-        if (jpeg_read_raw_data(cinfo, components, most_rows) == 0) {
+        if (jpeg_read_raw_data(cinfo, components, max_rows) == 0) {
             exit(EXIT_FAILURE);
         }
     }

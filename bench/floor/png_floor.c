@@ -1,8 +1,7 @@
-// The least that a decoder of PNG pictures can cost: the library alone, with the worker's settings,
-// delivers all rows, those of the passes of interlaced pictures one by one, into one row that is
-// used again.
+// The minimal cost of decoding a PNG picture: the library alone, with the worker's settings, delivers
+// all rows, and each pass of an interlaced picture separately, into one row that is reused.
 //
-//   png_floor FILE      prints its private memory in kilobytes when the last row is there
+//   png_floor FILE      prints its private memory in kilobytes after the last row
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -26,7 +25,7 @@ static void read_rows(png_structp png, png_bytep row, png_uint_32 rows)
     }
 }
 
-// Without the library's interlace handling a row of a pass holds that pass's pixels alone.
+// Without the library's interlace handling, a row of a pass contains only the pixels of that pass.
 static void read_passes(png_structp png, png_bytep row, png_uint_32 height)
 {
     static const png_uint_32 first_row[] = {0, 0, 4, 0, 2, 0, 1};
@@ -59,7 +58,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "usage: png_floor FILE\n");
         return EXIT_FAILURE;
     }
-    // An error of the library ends the program, since no jump is armed.
+    // No jump is armed, so a library error ends the program.
     png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, NULL, NULL, NULL);
     png_infop info = png_create_info_struct(png);
     png_init_io(png, file);

@@ -1,4 +1,4 @@
-// Private pages of private mappings only: a mapped file is neither.
+// Counts only private pages of private mappings, so not those of a mapped file.
 #include "bench/floor/private_memory.h"
 
 #include <stdio.h>

@@ -1,4 +1,4 @@
-// What a floor program holds for itself, printed in kilobytes.
+// Prints the private memory of the calling process in kilobytes.
 #pragma once
 
 void print_private_memory(void);

@@ -1,8 +1,8 @@
-// The least that a decoder of compressed TIFF pictures can cost: the library alone gives the strips
-// that the worker's rules ask for, into one buffer that is used again. By those rules a strip that is
-// taller than a band of rows is read from its start once more for the next band.
+// The minimal cost of decoding a compressed TIFF picture: the library alone reads the strips that the
+// worker's rules require, into one buffer that is reused. By these rules, a strip that is higher than a
+// band of rows is read again from its start for the next band.
 //
-//   tiff_floor FILE     prints its private memory in kilobytes when the last row is there
+//   tiff_floor FILE     prints its private memory in kilobytes after the last row
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -10,7 +10,7 @@
 
 #include "bench/floor/private_memory.h"
 
-enum { band_rows = 2048 }; // of RGB pictures
+enum { band_rows = 2048 }; // for RGB pictures
 
 static uint32_t lesser(uint32_t a, uint32_t b)
 {
@@ -25,10 +25,10 @@ static void read_all_rows(TIFF* tiff)
         TIFFGetField(tiff, TIFFTAG_ROWSPERSTRIP, &strip_rows) == 0 || strip_rows == 0) {
         exit(EXIT_FAILURE);
     }
-    const uint32_t most_rows = lesser(lesser(strip_rows, band_rows), height);
-    unsigned char* buffer = malloc((size_t)TIFFScanlineSize(tiff) * most_rows);
-    for (uint32_t row = 0; buffer != NULL && row < height; row += most_rows) {
-        const tmsize_t wanted = TIFFScanlineSize(tiff) * lesser(most_rows, height - row);
+    const uint32_t max_rows = lesser(lesser(strip_rows, band_rows), height);
+    unsigned char* buffer = malloc((size_t)TIFFScanlineSize(tiff) * max_rows);
+    for (uint32_t row = 0; buffer != NULL && row < height; row += max_rows) {
+        const tmsize_t wanted = TIFFScanlineSize(tiff) * lesser(max_rows, height - row);
         if (TIFFReadEncodedStrip(tiff, row / strip_rows, buffer, wanted) != wanted) {
             exit(EXIT_FAILURE);
         }

@@ -1,8 +1,8 @@
-// The least that a decoder of WebP pictures can cost: the library alone, with the worker's settings,
-// decodes to Y, U, V (and A). It wants planes of the picture's size, so a small piece of memory is
-// put into the address range again and again: nothing but that piece is ever touched.
+// The minimal cost of decoding a WebP picture: the library alone, with the worker's settings, decodes
+// to Y, U, V (and A). It needs planes of the picture's size, so one small piece of memory is mapped
+// repeatedly over the whole address range, and only that piece is ever touched.
 //
-//   webp_floor FILE     prints its private memory in kilobytes when the picture is there
+//   webp_floor FILE     prints its private memory in kilobytes after decoding
 #define _GNU_SOURCE
 #include <stdio.h>
 #include <stdlib.h>
@@ -62,7 +62,7 @@ static void place_planes(WebPDecoderConfig* config)
     const size_t luma = (size_t)width * (size_t)config->input.height;
     const int chroma_width = (width + 1) / 2;
     const size_t chroma = (size_t)chroma_width * (size_t)((config->input.height + 1) / 2);
-    uint8_t* memory = repeated_memory(luma); // all planes over each other
+    uint8_t* memory = repeated_memory(luma); // all planes overlap
     WebPYUVABuffer* planes = &config->output.u.YUVA;
     config->output.is_external_memory = 1;
     config->output.colorspace = config->input.has_alpha != 0 ? MODE_YUVA : MODE_YUV;

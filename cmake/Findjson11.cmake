@@ -1,5 +1,5 @@
-# json11 as json11::json11, from the first of these places where a program against it compiles and
-# runs: JSON11_ROOT, .deps/prefix (filled by scripts/setup), the system.
+# Finds json11 as json11::json11, in the first of these places where a test program compiles and runs:
+# JSON11_ROOT, .deps/prefix (filled by scripts/setup), the system.
 
 include("${CMAKE_CURRENT_LIST_DIR}/try_library.cmake")
 

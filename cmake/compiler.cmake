@@ -1,4 +1,4 @@
-# How everything is compiled: language level, warnings, hardening, sanitizers.
+# Compiler settings: language level, warnings, hardening, sanitizers.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -11,7 +11,7 @@ if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Kind of build" FORCE)
 endif()
 
-# A warning is an error; --compile-no-warning-as-error turns that off for an unknown compiler.
+# Warnings are errors; --compile-no-warning-as-error turns this off for other compilers.
 if(NOT DEFINED CMAKE_COMPILE_WARNING_AS_ERROR)
     set(CMAKE_COMPILE_WARNING_AS_ERROR ON)
 endif()
@@ -26,11 +26,11 @@ endif()
 include(CheckPIESupported)
 check_pie_supported()
 
-# Every target of ours links this, privately.
+# Each of our targets links to this, privately.
 add_library(stillimage_warnings INTERFACE)
 target_compile_options(stillimage_warnings INTERFACE
     -Wall -Wextra -Wshadow -Wconversion
-    # What changes between setjmp and longjmp is lost; GCC can see most such places.
+    # Warns of variables whose value longjmp may lose; only GCC has this warning.
     $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wclobbered>
     $<$<COMPILE_LANG_AND_ID:C,GNU>:-Wclobbered>)
 
@@ -41,12 +41,12 @@ add_compile_options(-fstack-protector-strong)
 add_link_options(LINKER:-z,relro LINKER:-z,now)
 
 if(STILLIMAGE_SANITIZE OR STILLIMAGE_FUZZ)
-    # Not vptr: json11 is commonly built without the type information that this check reads.
+    # Without vptr: json11 is usually built without the type information that this check needs.
     set(sanitizers -fsanitize=address,undefined -fno-sanitize=vptr)
     add_compile_options(${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_link_options(${sanitizers})
 else()
-    # Fortified library calls need an optimised build, and get in the sanitizers' way.
+    # Fortified library calls need an optimised build, and interfere with the sanitizers.
     add_compile_options("$<$<CONFIG:Release,RelWithDebInfo>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
 endif()
 
@@ -60,5 +60,5 @@ endif()
 
 include(GNUInstallDirs)
 
-# A library that was found outside the system's folders is found there after installation, too.
+# Installed programs find libraries outside the system's folders in the same place.
 set(CMAKE_INSTALL_RPATH_USE_LINK_PATH ON)

@@ -1,6 +1,6 @@
-# The libraries that are called, each as an imported target:
+# The libraries that the project uses, as imported targets:
 #   ZLIB::ZLIB PNG::PNG TIFF::TIFF GIF::GIF PkgConfig::webp PkgConfig::seccomp Threads::Threads
-#   jpeg9::jpeg9 json11::json11                      (scripts/setup brings these two)
+#   jpeg9::jpeg9 json11::json11                      (scripts/setup provides these two)
 #   CLI11::CLI11 GTest::gtest GTest::gmock benchmark::benchmark
 
 find_package(Threads REQUIRED)

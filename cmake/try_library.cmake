@@ -1,9 +1,9 @@
 # try_library(NAME HEADER header LIBRARIES file... CHECK source EXPLAIN text)
 #
-# Looks for the header and one of the library files below <NAME>_ROOT when that is given, else below
-# .deps/prefix and then in the system's folders; takes the first place where the check compiles,
-# links and runs, and makes the imported target NAME::NAME of it. What was found is remembered in
-# the cache, and looked for again when it has gone.
+# Searches for the header and one of the library files in <NAME>_ROOT if that is set, otherwise in
+# .deps/prefix and then in the system's folders. Creates the imported target NAME::NAME from the first
+# place where the check compiles, links and runs. The result is cached, and searched for again if the
+# library no longer exists.
 
 function(try_library_in name place)
     if(place STREQUAL "system")
@@ -29,7 +29,7 @@ endfunction()
 function(try_library name)
     cmake_parse_arguments(PARSE_ARGV 1 ARG "" "HEADER;CHECK;EXPLAIN" "LIBRARIES")
     string(TOUPPER ${name} upper)
-    set(${upper}_ROOT "" CACHE PATH "Folder with include/ and lib/ of ${name}; empty: searched for")
+    set(${upper}_ROOT "" CACHE PATH "Folder with include/ and lib/ of ${name}; empty: search")
     if(${upper}_ROOT)
         set(places "${${upper}_ROOT}")
     else()
@@ -46,7 +46,7 @@ function(try_library name)
         if(NOT ${name}_library)
             message(FATAL_ERROR "${ARG_EXPLAIN}\n"
                 "Looked in: ${places}\n"
-                "Run scripts/setup, which brings it, or name its folder with -D${upper}_ROOT=DIR.")
+                "Run scripts/setup, which provides it, or set its folder with -D${upper}_ROOT=DIR.")
         endif()
         set(${name}_places "${places}" CACHE INTERNAL "")
         message(STATUS "Found ${name}: ${${name}_library}")

@@ -1,6 +1,6 @@
-// Compiled and run by scripts/setup and by CMake: tells a libjpeg 9 from any other JPEG library.
-// The header and the library must both be version 9; a program that mixes them is refused by the
-// library itself, at run time, through its error handler.
+// Compiled and run by scripts/setup and by CMake: distinguishes libjpeg 9 from other JPEG libraries.
+// Header and library must both be version 9. If they differ, the library itself reports an error at run
+// time.
 #include <stdio.h>
 
 #include <jpeglib.h>

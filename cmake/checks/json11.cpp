@@ -1,4 +1,4 @@
-// Compiled, linked and run by scripts/setup and by CMake: json11 is there and works.
+// Compiled, linked and run by scripts/setup and by CMake: checks that json11 is installed and works.
 #include <string>
 
 #include <json11.hpp>

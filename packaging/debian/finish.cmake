@@ -1,4 +1,4 @@
-# Run by CPack when everything is installed in its folders and before the packages are made of them.
+# CPack runs this after it has installed the files and before it builds the packages from them.
 foreach(group programs runtime development gst)
     string(TOUPPER ${group} upper)
     set(root "${CPACK_TEMPORARY_DIRECTORY}/${group}/usr")
@@ -15,7 +15,7 @@ foreach(group programs runtime development gst)
     file(MAKE_DIRECTORY "${root}/share/lintian/overrides")
     file(COPY_FILE "${CPACK_STILLIMAGE_DEBIAN_FILES}/overrides/${package}"
         "${root}/share/lintian/overrides/${package}")
-    # The licence is in the file copyright.
+    # The file copyright contains the licence.
     file(REMOVE "${documents}/LICENSE")
 
     file(GLOB compressed "${root}/share/man/man*/*" "${documents}/changelog.Debian")

@@ -1,15 +1,15 @@
-# Debian packages by CPack; scripts/package makes them. A package is a component, or a few.
+# Debian packages, which scripts/package builds with CPack. Each package contains one or more components.
 #
 #   stillimage                worker, client
 #   libstillimage-client1     runtime
 #   libstillimage-client-dev  development
 #   gstreamer1.0-stillimage   gst
 #
-# The command line stands beside the worker: it is of no use on a machine without one, and the two
-# then speak the same version.
+# The command-line program is in the same package as the worker: it is useless without one, and both
+# then have the same protocol version.
 
 set(STILLIMAGE_MAINTAINER "The stillimage authors <maintainers@stillimage.example>" CACHE STRING
-    "Maintainer that the packages name")
+    "Maintainer of the packages")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME stillimage)
@@ -20,7 +20,7 @@ set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-# Copyright, changelog, compressed manuals: what Debian wants in a package and nobody else.
+# Adds what only Debian requires: copyright, changelog, compressed manual pages.
 set(CPACK_PRE_BUILD_SCRIPTS "${CMAKE_CURRENT_LIST_DIR}/finish.cmake")
 set(CPACK_POST_BUILD_SCRIPTS "${CMAKE_CURRENT_LIST_DIR}/repack.cmake")
 set(CPACK_STILLIMAGE_DEBIAN_FILES "${CMAKE_CURRENT_LIST_DIR}")
@@ -48,7 +48,7 @@ Decodes a TIFF, JPEG, PNG, GIF or WebP picture once into planar 8-bit
 video-range Y, U, V and A planes in shared memory, builds a pyramid of reduced
 copies, and serves frame descriptors over a local socket, for media playout.
 
-stillimage-client is a command line that saves and plays what is served.")
+stillimage-client is a command-line program that saves and plays the picture.")
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_CONTROL_EXTRA
     "${CMAKE_CURRENT_LIST_DIR}/postinst;${CMAKE_CURRENT_LIST_DIR}/postrm")
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_CONTROL_STRICT_PERMISSION ON)
@@ -59,9 +59,9 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS stillimage)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${CMAKE_CURRENT_LIST_DIR}/triggers")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
-"library that takes pictures from a stillimage worker
-Connects to a worker and gives its frames as planes in shared memory, without
-copying a pixel. It starts no threads and prints nothing.
+"library that gets pictures from a stillimage worker
+Connects to a worker and provides its frames as planes in shared memory,
+without copying a pixel. It starts no threads and prints nothing.
 
 This package holds the shared library.")
 
@@ -71,8 +71,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "libstillimage-client1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), libpng-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
 "development files of the stillimage client library
-Connects to a worker and gives its frames as planes in shared memory, without
-copying a pixel. It starts no threads and prints nothing.
+Connects to a worker and provides its frames as planes in shared memory,
+without copying a pixel. It starts no threads and prints nothing.
 
 This package holds the headers for C and C++, the static library, and the files
 for pkg-config and CMake.")
@@ -85,8 +85,8 @@ if(TARGET gststillimage)
     set(CPACK_DEBIAN_GST_PACKAGE_RECOMMENDS stillimage)
     set(CPACK_DEBIAN_GST_DESCRIPTION
 "GStreamer plugin that shows pictures from a stillimage worker
-The element stillimagesrc starts a worker for a picture, or takes the one that
-serves it, and gives its frames to a pipeline without copying them.")
+The element stillimagesrc connects to the worker that serves a picture, or
+starts one, and passes its frames to a pipeline without copying them.")
 endif()
 
 include(CPack)

@@ -1,5 +1,6 @@
-# Run by CPack when the packages are made. It gives a shared library scripts that call ldconfig, where
-# Debian wants the package to activate ldconfig's trigger (the file triggers) and to have no scripts.
+# CPack runs this after it has built the packages. CPack adds scripts that call ldconfig to the package of
+# a shared library. Debian's policy is to activate ldconfig's trigger (the file triggers) and to have no
+# scripts, so this removes them.
 foreach(package IN LISTS CPACK_PACKAGE_FILES)
     if(package MATCHES "/libstillimage-client1_")
         set(tree "${CPACK_TEMPORARY_DIRECTORY}/repack")

@@ -63,7 +63,7 @@ set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
 Connects to a worker and provides its frames as planes in shared memory,
 without copying a pixel. It starts no threads and prints nothing.
 
-This package holds the shared library.")
+This package contains the shared library.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libstillimage-client-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -74,7 +74,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
 Connects to a worker and provides its frames as planes in shared memory,
 without copying a pixel. It starts no threads and prints nothing.
 
-This package holds the headers for C and C++, the static library, and the files
+This package contains the headers for C and C++, the static library, and the files
 for pkg-config and CMake.")
 
 if(TARGET gststillimage)

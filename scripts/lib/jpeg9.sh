@@ -51,7 +51,7 @@ build_jpeg9() {
 ensure_jpeg9() {
     if [ -n "${JPEG9_ROOT:-}" ]; then
         jpeg9_works_in "$JPEG9_ROOT" \
-            || fail "JPEG9_ROOT=$JPEG9_ROOT holds no working libjpeg 9" \
+            || fail "JPEG9_ROOT=$JPEG9_ROOT contains no working libjpeg 9" \
                 "it needs include/jpeglib.h with JPEG_LIB_VERSION 90 and lib/libjpeg.a (or .so)"
         detail "using $JPEG9_ROOT"
     elif jpeg9_works_in "$prefix_dir"; then

@@ -38,7 +38,7 @@ unpack_json11() {
 ensure_json11() {
     if [ -n "${JSON11_ROOT:-}" ]; then
         json11_works_in "$JSON11_ROOT" \
-            || fail "JSON11_ROOT=$JSON11_ROOT holds no working json11" \
+            || fail "JSON11_ROOT=$JSON11_ROOT contains no working json11" \
                 "it needs include/json11.hpp and lib/libjson11.a (or .so)"
         detail "using $JSON11_ROOT"
     elif json11_works_in "$prefix_dir"; then

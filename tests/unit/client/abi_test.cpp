@@ -1,5 +1,5 @@
-// Programs keep the sizes, offsets and numbers that they were compiled with: none of them may change
-// under a library of the same name. New fields and values go behind the old ones, in new types.
+// Programs keep the sizes, offsets and numbers they were compiled with, so none of them may change
+// while the library keeps its name. New values are appended; new fields go into new types.
 #include <cstddef>
 
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 
 namespace {
 
-// As on every 64-bit system.
+// Holds on every 64-bit system.
 static_assert(sizeof(void*) == 8 && sizeof(stillimage_result) == 4);
 
 TEST(ClientAbi, SizesOfStructs)

@@ -1,4 +1,4 @@
-// A call of the tool against a fake worker: what it ended with, wrote and told.
+// One call of the tool against a fake worker: its exit status and what it printed.
 #pragma once
 
 #include <functional>
@@ -12,7 +12,7 @@
 struct outcome {
     exit_status status = STATUS_DONE;
     std::string out;
-    std::string told;
+    std::string messages;
 };
 
 inline outcome run_call(exit_status (*call)(const call_options&), const call_options& options)
@@ -21,7 +21,7 @@ inline outcome run_call(exit_status (*call)(const call_options&), const call_opt
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     result.status = call(options);
-    result.told = testing::internal::GetCapturedStderr();
+    result.messages = testing::internal::GetCapturedStderr();
     result.out = testing::internal::GetCapturedStdout();
     return result;
 }

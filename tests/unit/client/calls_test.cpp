@@ -1,4 +1,4 @@
-// The calls of the tool against fake workers: exit status, results, what is told.
+// The calls of the tool against fake workers: exit status, results and messages.
 #include <cstring>
 #include <unistd.h>
 
@@ -44,8 +44,8 @@ TEST(ClientCallFrame, PrintsEveryFieldOfDescriptorAndRecord)
     frame_sample sample({.full_width = 101, .full_height = 71, .level = 1, .alpha = true});
     sample.message.flags = frame_provisional;
     const outcome result = run_against(serving(sample), call_frame);
-    ASSERT_EQ(result.status, STATUS_DONE) << result.told;
-    EXPECT_EQ(result.told, "");
+    ASSERT_EQ(result.status, STATUS_DONE) << result.messages;
+    EXPECT_EQ(result.messages, "");
     std::string problem;
     const Json expected = Json::parse(R"({
         "buffer": 7, "area_size": 9999, "scanline_offset": 9802, "scanline_size": 197,
@@ -68,7 +68,7 @@ TEST(ClientCallFrame, PrintsEveryFieldOfDescriptorAndRecord)
     EXPECT_EQ(result.out, Json(wanted).dump() + "\n");
 }
 
-TEST(ClientCallFrame, NoWaitAsksWithoutPatience)
+TEST(ClientCallFrame, NoWaitClearsTheWaitFlag)
 {
     int flags = -1;
     call_options options;
@@ -83,13 +83,13 @@ TEST(ClientCallFrame, NoWaitAsksWithoutPatience)
         call_frame, options);
     EXPECT_EQ(flags, 0);
     EXPECT_EQ(result.status, STATUS_FAILED);
-    EXPECT_EQ(result.told, "stillimage-client: cannot get a frame: the worker says: not ready "
-                           "(leave --no-wait out to wait for it)\n");
+    EXPECT_EQ(result.messages, "stillimage-client: cannot get a frame: the worker says: not ready "
+                               "(leave --no-wait out to wait for it)\n");
 }
 
 // --- exit status ---------------------------------------------------------------------------------
 
-TEST(ClientCalls, NobodyThereIsThree)
+TEST(ClientCalls, MissingSocketIsExitStatusThree)
 {
     const temporary_folder folder;
     call_options options;
@@ -97,12 +97,12 @@ TEST(ClientCalls, NobodyThereIsThree)
     options.timeout_ms = 0;
     const outcome result = run_call(call_wait, options);
     EXPECT_EQ(result.status, STATUS_NO_WORKER);
-    EXPECT_EQ(result.told, "stillimage-client: cannot connect: no worker serves at " +
-                               folder.path("missing") +
-                               ": there is no such socket (nor a picture of that name)\n");
+    EXPECT_EQ(result.messages, "stillimage-client: cannot connect: no worker serves at " +
+                                   folder.path("missing") +
+                                   ": there is no such socket (nor a picture of that name)\n");
 }
 
-TEST(ClientCalls, PictureThatNobodyServesIsThree)
+TEST(ClientCalls, PictureWithoutWorkerIsExitStatusThree)
 {
     const temporary_folder folder;
     call_options options;
@@ -110,36 +110,37 @@ TEST(ClientCalls, PictureThatNobodyServesIsThree)
     options.timeout_ms = 0;
     const outcome result = run_call(call_wait, options);
     EXPECT_EQ(result.status, STATUS_NO_WORKER);
-    EXPECT_THAT(result.told, EndsWith("there is no such socket (start one: stillimage --file " +
-                                      options.socket_or_picture + ")\n"));
+    EXPECT_THAT(result.messages, EndsWith("there is no such socket (start one: stillimage --file " +
+                                          options.socket_or_picture + ")\n"));
 }
 
-TEST(ClientCalls, TimeLimitIsFour)
+TEST(ClientCalls, TimeLimitIsExitStatusFour)
 {
     call_options options;
     options.timeout_ms = 100;
     const outcome result =
         run_against([](fake_peer& peer) { peer.await_end(); }, call_wait, options);
     EXPECT_EQ(result.status, STATUS_TIME_LIMIT);
-    EXPECT_EQ(result.told, "stillimage-client: cannot wait for the picture: the worker did not "
-                           "answer in time (try a longer --timeout)\n");
+    EXPECT_EQ(result.messages, "stillimage-client: cannot wait for the picture: the worker did not "
+                               "answer in time (try a longer --timeout)\n");
 }
 
-TEST(ClientCalls, RefusalIsFive)
+TEST(ClientCalls, RefusalIsExitStatusFive)
 {
     const outcome result = run_against(answering(GET_STATUS, NOT_ALLOWED), call_status);
     EXPECT_EQ(result.status, STATUS_REFUSED);
-    EXPECT_EQ(result.told, "stillimage-client: cannot get the status: the worker says: reason\n");
+    EXPECT_EQ(result.messages,
+              "stillimage-client: cannot get the status: the worker says: reason\n");
 }
 
-TEST(ClientCalls, RefusedValueIsOne)
+TEST(ClientCalls, RefusedValueIsExitStatusOne)
 {
     call_options options;
     options.name = "aspect ratio";
     options.value = "wide";
     const outcome result = run_against(answering(SET_METADATA, REFUSED_VALUE), call_set, options);
     EXPECT_EQ(result.status, STATUS_FAILED);
-    EXPECT_EQ(result.told,
+    EXPECT_EQ(result.messages,
               "stillimage-client: cannot set \"aspect ratio\" to \"wide\": the worker says: reason "
               "(an aspect ratio is written as 16:9, background music as on or off)\n");
 }
@@ -171,7 +172,7 @@ TEST(ClientCalls, SetAndQuitReachTheWorker)
 
 // --- status --------------------------------------------------------------------------------------
 
-TEST(ClientCallStatus, PrintsTheDocumentAsALine)
+TEST(ClientCallStatus, PrintsTheDocumentOnOneLine)
 {
     const outcome result = run_against(
         [](fake_peer& peer) {
@@ -183,7 +184,7 @@ TEST(ClientCallStatus, PrintsTheDocumentAsALine)
     EXPECT_EQ(result.out, "{}\n");
 }
 
-TEST(ClientCallStatus, WatchPrintsALineForEachDocumentUntilTheWorkerGoes)
+TEST(ClientCallStatus, WatchPrintsALineForEachDocumentUntilTheWorkerEnds)
 {
     call_options options;
     options.watch = true;
@@ -197,13 +198,13 @@ TEST(ClientCallStatus, WatchPrintsALineForEachDocumentUntilTheWorkerGoes)
             peer.send(encode(number, status_part{2, 0, "[]"}));
         },
         call_status, options);
-    EXPECT_EQ(result.status, STATUS_DONE) << result.told;
+    EXPECT_EQ(result.status, STATUS_DONE) << result.messages;
     EXPECT_EQ(result.out, "{}\n[]\n");
 }
 
 // --- save and dump -------------------------------------------------------------------------------
 
-TEST(ClientCallSave, EndingChoosesTheFormat)
+TEST(ClientCallSave, FileExtensionChoosesTheFormat)
 {
     const temporary_folder folder;
     const frame_sample sample({.alpha = true});
@@ -213,7 +214,7 @@ TEST(ClientCallSave, EndingChoosesTheFormat)
         call_options options;
         options.output = folder.path(name);
         const outcome result = run_against(serving(sample), call_save, options);
-        EXPECT_EQ(result.status, STATUS_DONE) << result.told;
+        EXPECT_EQ(result.status, STATUS_DONE) << result.messages;
         EXPECT_EQ(folder.read(name).substr(0, 4), magic);
     }
     EXPECT_EQ(folder.names(), (std::vector<std::string>{"a.png", "b.PPM", "c.y4m"}));
@@ -222,14 +223,14 @@ TEST(ClientCallSave, EndingChoosesTheFormat)
     EXPECT_EQ(run_against(serving(sample), call_save, options).out.substr(0, 4), "\x89PNG");
 }
 
-TEST(ClientCallSave, UnknownEndingIsAUsageError)
+TEST(ClientCallSave, UnknownExtensionIsAUsageError)
 {
     call_options options;
     options.output = "picture.bmp";
     const outcome result = run_call(call_save, options);
     EXPECT_EQ(result.status, STATUS_USAGE);
-    EXPECT_EQ(result.told, "stillimage-client: cannot tell the format of picture.bmp (name it "
-                           ".png, .ppm or .y4m, or - for PNG on standard output)\n");
+    EXPECT_EQ(result.messages, "stillimage-client: cannot tell the format of picture.bmp (name it "
+                               ".png, .ppm or .y4m, or - for PNG on standard output)\n");
 }
 
 TEST(ClientCallSave, FileThatCannotBeWrittenIsNamed)
@@ -239,7 +240,7 @@ TEST(ClientCallSave, FileThatCannotBeWrittenIsNamed)
     options.output = "/proc/nowhere/a.png";
     const outcome result = run_against(serving(sample), call_save, options);
     EXPECT_EQ(result.status, STATUS_FAILED);
-    EXPECT_EQ(result.told,
+    EXPECT_EQ(result.messages,
               "stillimage-client: cannot write /proc/nowhere/a.png: No such file or directory\n");
 }
 
@@ -252,7 +253,7 @@ TEST(ClientCallDump, WritesPlanesRecordAndDescription)
     ASSERT_TRUE(make_folder(options.output));
     folder.write("d/A.raw", "of an earlier dump");
     const outcome result = run_against(serving(sample), call_dump, options);
-    ASSERT_EQ(result.status, STATUS_DONE) << result.told;
+    ASSERT_EQ(result.status, STATUS_DONE) << result.messages;
     const auto bytes = [&](uint64_t offset, uint64_t size) {
         return std::string(reinterpret_cast<const char*>(sample.area.data()) + offset, size);
     };
@@ -265,7 +266,7 @@ TEST(ClientCallDump, WritesPlanesRecordAndDescription)
     EXPECT_EQ(Json::parse(folder.read("d/frame.json"), problem)["width"].int_value(), 33);
 }
 
-TEST(ClientOutput, FilesAreReplacedAndDevicesWrittenTo)
+TEST(ClientOutput, ReplacesFilesAndWritesToDevices)
 {
     const temporary_folder folder;
     const std::string path = folder.write("file", "old and longer");
@@ -279,7 +280,7 @@ TEST(ClientOutput, FilesAreReplacedAndDevicesWrittenTo)
               "stillimage-client: cannot make the folder " + path + ": File exists\n");
 }
 
-TEST(ClientOutput, WhatIsToldHoldsNoControlCharacters)
+TEST(ClientOutput, ReplacesControlCharactersInMessages)
 {
     CaptureStderr();
     tell("a\x1b[31m\nb\x7f%n");

@@ -1,4 +1,4 @@
-// The library against workers that behave, misbehave, fall silent and die.
+// The library against workers that behave, misbehave, stop answering or die.
 #include <future>
 #include <string>
 #include <unistd.h>
@@ -16,7 +16,7 @@ using namespace comm_protocol;
 
 // --- connecting ----------------------------------------------------------------------------------
 
-TEST(ClientConnection, GreetingTellsTheWorkersProcess)
+TEST(ClientConnection, GreetingCarriesTheProcessIdOfTheWorker)
 {
     const fake_worker worker([](fake_peer& peer) {
         peer.greet();
@@ -29,7 +29,7 @@ TEST(ClientConnection, GreetingTellsTheWorkersProcess)
     EXPECT_EQ(connection.error(), "");
 }
 
-TEST(ClientConnection, NobodyThereIsToldWithThePath)
+TEST(ClientConnection, MissingWorkerIsReportedWithThePath)
 {
     const temporary_folder folder;
     const std::string path = folder.path("missing");
@@ -42,7 +42,7 @@ TEST(ClientConnection, NobodyThereIsToldWithThePath)
     EXPECT_EQ(file.error(), "no worker serves at " + folder.path("file") + ": Connection refused");
 }
 
-TEST(ClientConnection, PathThatIsNoSocketPathIsRefused)
+TEST(ClientConnection, InvalidSocketPathIsRefused)
 {
     EXPECT_EQ(opened("").result, STILLIMAGE_ERROR_ARGUMENT);
     const std::string path(108, 'x');
@@ -65,7 +65,7 @@ TEST(ClientConnection, OtherMajorVersionIsRefused)
               "the worker speaks version 2 of the protocol, this library version 1");
 }
 
-TEST(ClientConnection, RefusalBeforeTheGreetingIsReadThoughTheWorkerHungUp)
+TEST(ClientConnection, RefusalBeforeTheGreetingIsReadAfterTheWorkerHungUp)
 {
     const fake_worker worker([](fake_peer& peer) {
         peer.send(encode(0, error{NOT_ALLOWED, "the process of another user"}));
@@ -76,7 +76,7 @@ TEST(ClientConnection, RefusalBeforeTheGreetingIsReadThoughTheWorkerHungUp)
     EXPECT_EQ(connection.error(), "the worker says: the process of another user");
 }
 
-TEST(ClientConnection, WorkerOfAnotherUserIsRefusedBeforeAnythingIsSaid)
+TEST(ClientConnection, WorkerOfAnotherUserIsRefusedBeforeAnythingIsSent)
 {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs the rights to become another user";
@@ -86,7 +86,7 @@ TEST(ClientConnection, WorkerOfAnotherUserIsRefusedBeforeAnythingIsSaid)
         peer.greet();
         peer.await_end();
     });
-    // 0: connected. 1: refused for its owner, the connection closed. 2: anything else.
+    // 0: connected; 1: refused because of the owner and closed; 2: anything else.
     const auto nobody_connects = [&worker] {
         return run_without_privileges([&worker] {
             const opened connection(worker.path());
@@ -103,14 +103,15 @@ TEST(ClientConnection, WorkerOfAnotherUserIsRefusedBeforeAnythingIsSaid)
     };
     ASSERT_TRUE(worker.belong_to(stranger));
     EXPECT_EQ(nobody_connects(), 1);
-    EXPECT_EQ(opened(worker.path()).result, STILLIMAGE_OK); // the superuser's client takes any
+    // The superuser may connect to any worker.
+    EXPECT_EQ(opened(worker.path()).result, STILLIMAGE_OK);
     ASSERT_TRUE(worker.belong_to(unprivileged_user));
     EXPECT_EQ(nobody_connects(), 0);
-    ASSERT_TRUE(worker.belong_to(0)); // the system's
+    ASSERT_TRUE(worker.belong_to(0)); // a worker of the superuser
     EXPECT_EQ(nobody_connects(), 0);
 }
 
-TEST(ClientConnection, SilentWorkerMeetsTheTimeLimit)
+TEST(ClientConnection, SilentWorkerCausesATimeout)
 {
     const fake_worker worker([](fake_peer& peer) { peer.await_end(); });
     const opened connection(worker.path(), silence_ms);
@@ -142,7 +143,7 @@ TEST(ClientConnection, MalformedPacketsEndTheConnection)
     }
 }
 
-TEST(ClientConnection, FloodOfNewsDoesNotOutlastTheTimeLimit)
+TEST(ClientConnection, FloodOfEventsDoesNotExtendTheTimeLimit)
 {
     const fake_worker worker([](fake_peer& peer) {
         peer.greet();
@@ -158,7 +159,7 @@ TEST(ClientConnection, FloodOfNewsDoesNotOutlastTheTimeLimit)
 
 // --- the end of a worker -------------------------------------------------------------------------
 
-TEST(ClientConnection, WorkerThatDiesInAnyCallIsGoneAndNothingLeaks)
+TEST(ClientConnection, WorkerThatDiesDuringACallIsReportedAndNothingLeaks)
 {
     constexpr int rounds = 300;
     const frame_sample sample;
@@ -188,7 +189,7 @@ TEST(ClientConnection, WorkerThatDiesInAnyCallIsGoneAndNothingLeaks)
         EXPECT_TRUE(got == STILLIMAGE_OK || got == STILLIMAGE_ERROR_NO_WORKER);
         stillimage_frame_release(frame);
     }
-    // One connection of the worker may still be on its way out.
+    // The worker may not have closed its last connection yet.
     EXPECT_LE(open_descriptors(), before + 2);
     EXPECT_GE(step, rounds - 1);
 }
@@ -243,7 +244,7 @@ void note_event(void* user, const stillimage_event* event)
     EXPECT_EQ(stillimage_ping(seen->client, 0), STILLIMAGE_ERROR_ARGUMENT);
 }
 
-TEST(ClientChanges, HandlerHearsWhatItAskedForAndReadinessIsStillNoticed)
+TEST(ClientChanges, HandlerGetsTheSubscribedEventsAndReadinessIsStillNoticed)
 {
     uint32_t mask = 0;
     const fake_worker worker([&](fake_peer& peer) {
@@ -270,14 +271,14 @@ TEST(ClientChanges, HandlerHearsWhatItAskedForAndReadinessIsStillNoticed)
     EXPECT_EQ(seen.text, "0/5/0/begun 64/5/0/begun{} ");
 }
 
-// Whoever serves there is not asked for anything.
-TEST(ClientConnection, ServerWhoseUserIsNotToldIsLeft)
+// The client sends nothing to a server whose user it cannot find out.
+TEST(ClientConnection, ServerWithUnknownUserIsDisconnected)
 {
     EXPECT_EQ(
         run_in_child([] {
             std::promise<bool> asked;
             const fake_worker worker([&asked](fake_peer& peer) {
-                asked.set_value(peer.next().type != 0); // or the connection ends
+                asked.set_value(peer.next().type != 0); // false when the connection ends instead
             });
             if (!refuse_calls({"getsockopt"})) {
                 return 2;
@@ -295,7 +296,7 @@ TEST(ClientConnection, ServerWhoseUserIsNotToldIsLeft)
         0);
 }
 
-TEST(ClientChanges, WaitingForReadinessEndsWithTheLimitOrTheWorker)
+TEST(ClientChanges, WaitForReadinessEndsAtTheTimeLimitOrWithTheWorker)
 {
     const fake_worker worker([](fake_peer& peer) {
         peer.greet();
@@ -313,7 +314,7 @@ TEST(ClientChanges, WaitingForReadinessEndsWithTheLimitOrTheWorker)
 
 // --- arguments -----------------------------------------------------------------------------------
 
-TEST(ClientArguments, NullIsRefusedOrHarmless)
+TEST(ClientArguments, NullIsRefusedOrIgnored)
 {
     stillimage_client* client = nullptr;
     EXPECT_EQ(stillimage_connect(nullptr, 0, &client), STILLIMAGE_ERROR_ARGUMENT);
@@ -329,7 +330,7 @@ TEST(ClientArguments, NullIsRefusedOrHarmless)
     stillimage_free(nullptr);
 }
 
-TEST(ClientArguments, MetadataOfTheWrongLengthIsNotSent)
+TEST(ClientArguments, MetadataOfInvalidLengthIsNotSent)
 {
     const fake_worker worker([](fake_peer& peer) {
         peer.greet();
@@ -348,7 +349,7 @@ TEST(ClientArguments, MetadataOfTheWrongLengthIsNotSent)
     EXPECT_EQ(set(256, 16384), STILLIMAGE_ERROR_TIMEOUT);
 }
 
-TEST(ClientResults, EachHasAText)
+TEST(ClientResults, EveryResultHasAText)
 {
     for (int result = STILLIMAGE_ERROR_NOT_STORED; result <= STILLIMAGE_OK; ++result) {
         EXPECT_STRNE(stillimage_result_text(static_cast<stillimage_result>(result)),

@@ -1,4 +1,4 @@
-// What a worker may hand over instead of a buffer: everything that a descriptor can stand for.
+// A worker may send any kind of descriptor in place of a buffer. Only sealed memory may be mapped.
 #include <fcntl.h>
 #include <fstream>
 #include <sys/epoll.h>
@@ -17,12 +17,12 @@ namespace {
 
 constexpr uint64_t page = 4096;
 
-// "" when it is mapped. Takes the descriptor over.
-std::string refusal(int fd, uint64_t least_size = page)
+// Why the descriptor is refused; "" when it is mapped. Takes ownership of the descriptor.
+std::string refusal(int fd, uint64_t min_size = page)
 {
     EXPECT_GE(fd, 0);
     std::string reason;
-    const auto area = shared_area::map(fd, least_size, &reason);
+    const auto area = shared_area::map(fd, min_size, &reason);
     EXPECT_EQ(area == nullptr, !reason.empty());
     close(fd);
     return reason;
@@ -37,7 +37,7 @@ TEST(DescriptorKinds, SealedMemoryIsMapped)
     EXPECT_EQ(refusal(sealed_memory(std::vector<unsigned char>(1)), 1), "");
 }
 
-TEST(DescriptorKinds, WhatIsNoFileIsRefusedWithoutWaitingForIt)
+TEST(DescriptorKinds, NonFilesAreRefusedWithoutBlocking)
 {
     const temporary_folder folder;
     int ends[2] = {-1, -1};
@@ -55,8 +55,9 @@ TEST(DescriptorKinds, WhatIsNoFileIsRefusedWithoutWaitingForIt)
     EXPECT_EQ(refusal(epoll_create1(EPOLL_CLOEXEC)), not_a_file);
 }
 
-// Their pages may never come: only memory can be sealed, and its pages are there at once.
-TEST(DescriptorKinds, FilesOfOtherFileSystemsAreRefused)
+// Pages of other files may never arrive. Only memory files can be sealed, and their pages are
+// always present.
+TEST(DescriptorKinds, FilesOnOtherFileSystemsAreRefused)
 {
     const temporary_folder folder;
     const std::string file = folder.write("file", std::string(page, 'x'));
@@ -74,7 +75,7 @@ TEST(DescriptorKinds, MemoryWithoutTheSealIsRefused)
     EXPECT_EQ(refusal(growing), not_sealed);
 }
 
-TEST(DescriptorKinds, MemoryThatMayNotBeReadIsRefused)
+TEST(DescriptorKinds, UnreadableMemoryIsRefused)
 {
     const int memory = sealed_memory(std::vector<unsigned char>(page));
     const std::string again = "/proc/self/fd/" + std::to_string(memory);
@@ -92,22 +93,22 @@ TEST(DescriptorKinds, ShortMemoryIsRefused)
     EXPECT_EQ(refusal(sealed_memory(std::vector<unsigned char>(page)), UINT64_MAX), too_short);
 }
 
-// Touching a page that the system has no memory for would end the process; the pages are reserved
-// when they are mapped.
-TEST(DescriptorKinds, LargePagesThatTheSystemLacksAreRefused)
+// Touching a page that the system cannot back would end the process, so all pages are reserved when
+// the memory is mapped.
+TEST(DescriptorKinds, LargePagesThatCannotBeReservedAreRefused)
 {
     uint64_t available = 1;
     std::ifstream("/proc/sys/vm/nr_hugepages") >> available;
     const int memory = memfd_create("large", MFD_CLOEXEC | MFD_ALLOW_SEALING | MFD_HUGETLB);
     if (memory < 0 || available != 0) {
-        GTEST_SKIP() << "this system has large pages, or knows none";
+        GTEST_SKIP() << "this system has large pages to spare, or does not support them";
     }
     ASSERT_EQ(ftruncate(memory, 64 << 20), 0);
     ASSERT_EQ(fcntl(memory, F_ADD_SEALS, F_SEAL_SHRINK), 0);
     EXPECT_EQ(refusal(memory), "the buffer cannot be mapped: Cannot allocate memory");
 }
 
-TEST(DescriptorKinds, AreaThatTheAddressSpaceCannotHoldIsRefused)
+TEST(DescriptorKinds, AreaLargerThanTheAddressSpaceIsRefused)
 {
     const int memory = memfd_create("giant", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     ASSERT_EQ(ftruncate(memory, INT64_C(1) << 52), 0);

@@ -1,5 +1,5 @@
-# The shared library exports what its header declares, under the versions that are written down, and
-# nothing else. A name that was once in the list stays there.
+# The shared library exports exactly what its header declares, under the symbol versions in the
+# list. A name never leaves the list.
 # Variables: NM, LIBRARY, HEADER, LIST.
 execute_process(COMMAND "${NM}" -D --defined-only "${LIBRARY}"
     OUTPUT_VARIABLE listed COMMAND_ERROR_IS_FATAL ANY)

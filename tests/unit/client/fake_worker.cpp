@@ -106,7 +106,7 @@ fake_worker::fake_worker(std::function<void(fake_peer&)> script)
 
 fake_worker::~fake_worker()
 {
-    shutdown(listener_, SHUT_RDWR); // wakes accept
+    shutdown(listener_, SHUT_RDWR); // makes accept return
     thread_.join();
     close(listener_);
 }
@@ -118,7 +118,7 @@ bool fake_worker::belong_to(uid_t user) const
     if (!open_to_all || seteuid(user) != 0) {
         return false;
     }
-    const bool listening = listen(listener_, 8) == 0; // the kernel notes who does that
+    const bool listening = listen(listener_, 8) == 0; // the kernel records the caller's user here
     return seteuid(0) == 0 && listening;
 }
 

@@ -1,4 +1,5 @@
-// The worker's end of a connection, in a thread of the test: answers by a script, well or badly.
+// The worker's end of a connection: a thread of the test that answers by a script, correctly or
+// not.
 #pragma once
 
 #include <functional>
@@ -19,21 +20,22 @@ public:
     fake_peer& operator=(const fake_peer&) = delete;
     ~fake_peer();
 
-    // The next request's header; type 0 once the client has gone.
+    // The header of the next request; type 0 once the client has disconnected.
     comm_protocol::packet_header next();
-    // The next request of that type, others passed over (releases, sizes are answered with DONE).
+    // The next request of that type. Skips others; skipped releases and sizes are answered with
+    // DONE.
     comm_protocol::packet_header next(comm_protocol::packet_type type);
 
     bool send(const comm_protocol::packet_bytes& packet) const;
     bool send_with_descriptor(const comm_protocol::packet_bytes& packet, int descriptor) const;
 
     void greet(); // answers HELLO
-    // Answers the next GET_FRAME with the sample's frame, the descriptor along with it.
+    // Answers the next GET_FRAME with the sample's frame and this descriptor.
     void serve_frame(const frame_sample& sample, int descriptor);
     void hang_up();
-    void await_end(); // until the client hangs up
+    void await_end(); // returns when the client disconnects
 
-    comm_protocol::packet_bytes request; // the newest, whole
+    comm_protocol::packet_bytes request; // the latest one, with its header
 
 private:
     int fd_;
@@ -41,7 +43,7 @@ private:
 
 class fake_worker {
 public:
-    // Serves one connection after the other, `script` for each.
+    // Serves one connection after another with `script`.
     explicit fake_worker(std::function<void(fake_peer&)> script);
     fake_worker(const fake_worker&) = delete;
     fake_worker& operator=(const fake_worker&) = delete;
@@ -49,8 +51,8 @@ public:
 
     const std::string& path() const { return path_; }
 
-    // From now on the peer that clients see is a process of this user, and clients of any user may
-    // connect. Needs the superuser's rights; false when that could not be done.
+    // From now on clients see a process of this user as their peer, and clients of any user may
+    // connect. Needs superuser rights; false on failure.
     bool belong_to(uid_t user) const;
 
 private:
@@ -63,7 +65,7 @@ private:
     std::thread thread_;
 };
 
-// A memfd with these bytes, sealed as the worker's buffer is. The caller closes it.
+// A memfd with these bytes, sealed like the worker's buffer. The caller closes it.
 int sealed_memory(const std::vector<unsigned char>& bytes);
 int unsealed_memory(const std::vector<unsigned char>& bytes);
 

@@ -1,4 +1,4 @@
-// What becomes of a frame that a worker sends: one that fits, and every kind that does not.
+// How the client handles the frames a worker sends: valid ones and every kind of invalid one.
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,7 +12,7 @@ namespace {
 
 using namespace comm_protocol;
 
-// What a client that asks for a frame of this worker is told.
+// The error that a client gets when it asks this worker for a frame.
 std::string frame_error(const std::function<void(fake_peer&)>& script, stillimage_result expected)
 {
     const fake_worker worker([&](fake_peer& peer) {
@@ -27,7 +27,7 @@ std::string frame_error(const std::function<void(fake_peer&)>& script, stillimag
     return connection.error();
 }
 
-// ... that answers with the sample and this descriptor.
+// The same for a worker that answers with the sample and this descriptor.
 std::string descriptor_error(const frame_sample& sample, int descriptor, stillimage_result expected)
 {
     const std::string text = frame_error(
@@ -40,7 +40,7 @@ std::string descriptor_error(const frame_sample& sample, int descriptor, stillim
     return text;
 }
 
-TEST(ClientFrame, StaysReadableWhenWorkerAndConnectionAreGone)
+TEST(ClientFrame, StaysReadableAfterWorkerAndConnectionEnd)
 {
     const frame_sample sample({.alpha = true});
     stillimage_frame* frame = nullptr;
@@ -96,7 +96,7 @@ TEST(ClientFrame, MappingIsSharedAndReleasesReachTheWorker)
     EXPECT_EQ(releases, 2);
 }
 
-TEST(ClientFrame, DescriptorThatIsNoBufferIsRefused)
+TEST(ClientFrame, InvalidBufferDescriptorIsRefused)
 {
     const frame_sample sample;
     int ends[2] = {-1, -1};
@@ -124,7 +124,7 @@ TEST(ClientFrame, DescriptorThatIsNoBufferIsRefused)
     EXPECT_EQ(frame_error(without, STILLIMAGE_ERROR_PROTOCOL), "the worker sent no buffer");
 }
 
-TEST(ClientFrame, RecordThatDoesNotFitIsRefused)
+TEST(ClientFrame, InvalidRecordIsRefused)
 {
     const std::string prefix = "the picture's description in shared memory is not valid: ";
     const auto refusal = [&](const std::function<void(frame_sample&)>& work) {
@@ -167,7 +167,7 @@ TEST(ClientFrame, ErrorsOfTheWorkerBecomeResults)
     }
 }
 
-TEST(ClientFrame, FrameThatComesTooLateGoesBack)
+TEST(ClientFrame, FrameThatArrivesTooLateIsReleased)
 {
     const frame_sample sample;
     uint64_t returned = 0;
@@ -176,14 +176,14 @@ TEST(ClientFrame, FrameThatComesTooLateGoesBack)
             const int memory = sealed_memory(sample.area);
             peer.greet();
             const packet_header wanted = peer.next(GET_FRAME);
-            const packet_header ping_packet = peer.next(PING); // after the client gave up
+            const packet_header ping_packet = peer.next(PING); // sent after the time-out
             peer.send_with_descriptor(encode(wanted.request, sample.message), memory);
             close(memory);
             peer.send(encode_ping(ping_packet.request, PONG, {}));
             if (peer.next().type == RELEASE_FRAME) {
                 returned = peer.request[packet_header_size];
             }
-            peer.serve_frame(sample, -1); // the descriptor came with the late one
+            peer.serve_frame(sample, -1); // the late answer already carried the descriptor
             peer.await_end();
         });
         const opened connection(worker.path());
@@ -196,7 +196,7 @@ TEST(ClientFrame, FrameThatComesTooLateGoesBack)
     EXPECT_EQ(returned, sample.message.reference);
 }
 
-TEST(ClientFrame, SizeIsToldOnceAndAgainWhenItsAnswerWasMissed)
+TEST(ClientFrame, SizeIsSentOnceAndAgainAfterATimeout)
 {
     const frame_sample sample;
     std::vector<uint16_t> types;
@@ -227,7 +227,7 @@ TEST(ClientFrame, SizeIsToldOnceAndAgainWhenItsAnswerWasMissed)
     EXPECT_EQ(types, expected);
 }
 
-TEST(ClientFrame, WaitingIsAskedForUnlessTheLimitIsNothing)
+TEST(ClientFrame, WaitFlagIsSetUnlessTheTimeLimitIsZero)
 {
     std::vector<int> flags;
     {

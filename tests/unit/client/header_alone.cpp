@@ -1,4 +1,4 @@
-// The C++ header as the only one of a program: each call is compiled, none is run.
+// The C++ header as the only include of a program: each call is compiled, none is run.
 #include "stillimage_client.hpp"
 
 namespace {

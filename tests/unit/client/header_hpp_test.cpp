@@ -1,4 +1,4 @@
-// The C++ header against fake workers: owners, exceptions, spans and ranges.
+// The C++ header against fake workers: ownership, exceptions, spans and ranges.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -16,10 +16,10 @@ using namespace comm_protocol;
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 
-constexpr auto patience = 30s; // never reached by a test that passes
+constexpr auto patience = 30s; // never reached when the test passes
 constexpr auto silence = 50ms;
 
-// Answers every request; frames only to those who wait when `ready` is false.
+// Answers every request. While `ready` is false, only GET_FRAME requests that wait get a frame.
 std::function<void(fake_peer&)> serving(const frame_sample& sample, bool ready = true)
 {
     return [&sample, ready](fake_peer& peer) {
@@ -47,7 +47,7 @@ std::function<void(fake_peer&)> serving(const frame_sample& sample, bool ready =
     };
 }
 
-// What the call throws.
+// What `call` throws.
 template <typename Call>
 std::pair<stillimage_result, std::string> thrown_by(Call call)
 {
@@ -89,7 +89,7 @@ TEST(ClientHpp, FrameIsReadPlaneByPlaneAndOutlivesItsClient)
     }
 }
 
-TEST(ClientHpp, FailuresAreThrownWithTheirReason)
+TEST(ClientHpp, FailuresAreThrownWithTheirMessage)
 {
     const temporary_folder folder;
     const auto [result, reason] =
@@ -109,7 +109,7 @@ TEST(ClientHpp, FailuresAreThrownWithTheirReason)
               std::pair(STILLIMAGE_ERROR_ARGUMENT, std::string("bad argument")));
 }
 
-TEST(ClientHpp, WhatIsToBeExpectedIsAValue)
+TEST(ClientHpp, NotReadyIsAValueNotAnException)
 {
     const frame_sample sample;
     const fake_worker worker(serving(sample, false));
@@ -120,7 +120,7 @@ TEST(ClientHpp, WhatIsToBeExpectedIsAValue)
               std::pair(STILLIMAGE_ERROR_NOT_READY, std::string("the worker says: not yet")));
 }
 
-TEST(ClientHpp, TryingHasAFrameWhenThereIsOne)
+TEST(ClientHpp, TryGetFrameReturnsAReadyFrame)
 {
     const frame_sample sample;
     const fake_worker worker(serving(sample));
@@ -131,7 +131,7 @@ TEST(ClientHpp, TryingHasAFrameWhenThereIsOne)
     EXPECT_EQ(frame->width(), sample.width);
 }
 
-TEST(ClientHpp, FrameThatIsNoneIsNothing)
+TEST(ClientHpp, MissingFrameIsAnEmptyOptional)
 {
     const fake_worker worker([](fake_peer& peer) {
         peer.greet();
@@ -161,7 +161,7 @@ TEST(ClientHpp, TimelineIsARange)
     EXPECT_EQ(timeline.time_of(20), 2s);
 }
 
-TEST(ClientHpp, HandlerIsCalledAndWhatItThrowsArrives)
+TEST(ClientHpp, HandlerIsCalledAndItsExceptionPropagates)
 {
     const frame_sample sample;
     const fake_worker worker(serving(sample));
@@ -170,20 +170,20 @@ TEST(ClientHpp, HandlerIsCalledAndWhatItThrowsArrives)
     client.subscribe(
         STILLIMAGE_CHANGE_READY, [&](const stillimage_event& event) { heard += event.progress; },
         patience);
-    client.ping(patience); // the event is there before its answer
+    client.ping(patience); // the event arrives before the answer
     EXPECT_EQ(heard, "begun");
     auto moved = std::move(client);
     moved.subscribe(
         STILLIMAGE_CHANGE_READY,
         [](const stillimage_event&) { throw std::string("from the handler"); }, patience);
     EXPECT_THROW(moved.ping(patience), std::string);
-    EXPECT_NO_THROW(moved.ping(patience)); // once
+    EXPECT_NO_THROW(moved.ping(patience)); // it is thrown once only
     moved.unsubscribe(patience);
     moved.ping(patience);
     EXPECT_EQ(heard, "begun");
 }
 
-TEST(ClientHpp, HandlerThatSubscribesAnewIsRefusedAndStays)
+TEST(ClientHpp, HandlerThatSubscribesIsRefusedAndKept)
 {
     const frame_sample sample;
     const fake_worker worker(serving(sample));
@@ -225,7 +225,7 @@ TEST(ClientHpp, EachRequestReachesTheWorker)
     EXPECT_EQ(types, (std::vector<uint16_t>{GET_STATUS, SET_METADATA, EXIT}));
 }
 
-TEST(ClientHpp, ConversionsAreThoseOfTheLibrary)
+TEST(ClientHpp, ConversionsMatchTheLibrary)
 {
     const served_picture served({.full_width = 9, .full_height = 4});
     const std::vector<uint8_t> rgb = stillimage::to_pixels(served.picture, STILLIMAGE_RGB24);
@@ -251,7 +251,7 @@ TEST(ClientHpp, ConversionsAreThoseOfTheLibrary)
     EXPECT_EQ(stream.frame(served.picture).size(), 6U + 36 + 20);
 }
 
-TEST(ClientHpp, LimitsOfAnyLengthFit)
+TEST(ClientHpp, TimeLimitsOfAnyLengthAreAccepted)
 {
     EXPECT_EQ(stillimage::detail::limit_ms(stillimage::forever), -1);
     EXPECT_EQ(stillimage::detail::limit_ms(0ms), 0);

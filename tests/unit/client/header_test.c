@@ -1,4 +1,4 @@
-// The public header on its own, as C; header_test.cpp does the same as C++.
+// Compiles the public header on its own as C; header_test.cpp does the same as C++.
 #include "stillimage_client.h"
 
 int header_compiles_as_c(void);

@@ -1,5 +1,5 @@
-// Reduced levels whose planes go on behind the last row and column of the record, as workers' planes
-// do: nothing of that may be seen, whatever a level is turned into.
+// Reduced levels whose planes continue beyond the record's last row and column, as the worker's
+// planes do. No conversion may show anything of that padding.
 #include <algorithm>
 #include <array>
 #include <string>
@@ -21,7 +21,7 @@ uint64_t samples_of_level(uint32_t size, unsigned shift)
     return std::max(size >> shift, 1U);
 }
 
-// Of one colour as far as the record says, of another one everywhere else.
+// One colour inside the area that the record describes, another colour in the padding.
 served_picture uniform_level(const sample_shape& shape)
 {
     served_picture served(shape);
@@ -39,7 +39,7 @@ served_picture uniform_level(const sample_shape& shape)
     return served;
 }
 
-// Levels of 200 sizes that are odd across, down or both; every subsampling, with and without alpha.
+// Levels of 200 sizes, odd in one or both directions, in every subsampling, with and without alpha.
 template <typename Work>
 void for_each_level(Work work)
 {
@@ -71,13 +71,13 @@ std::vector<uint8_t> to_pixels(const served_picture& served, uint32_t width, uin
     return rgb;
 }
 
-// Whether every three bytes are the first three.
+// Whether all pixels equal the first.
 bool is_one_colour(const std::vector<uint8_t>& rgb)
 {
     return std::equal(rgb.begin() + 3, rgb.end(), rgb.begin());
 }
 
-TEST(LevelEdges, PixelsAreOfOneColourAtAnySize)
+TEST(LevelEdges, PixelsHaveOneColourAtAnySize)
 {
     for_each_level([](const served_picture& served) {
         const stillimage_picture& level = served.picture;
@@ -89,7 +89,7 @@ TEST(LevelEdges, PixelsAreOfOneColourAtAnySize)
     });
 }
 
-TEST(LevelEdges, StreamsAreOfOneColour)
+TEST(LevelEdges, StreamsHaveOneColour)
 {
     for_each_level([](const served_picture& served) {
         const stillimage_picture& level = served.picture;
@@ -115,14 +115,14 @@ TEST(LevelEdges, SheetsShowOneColour)
 {
     for_each_level([](const served_picture& served) {
         stillimage_picture level = served.picture;
-        level.plane[STILLIMAGE_A] = nullptr; // a checkerboard has two colours
+        level.plane[STILLIMAGE_A] = nullptr; // the checkerboard behind it has two colours
         sheet_canvas canvas({level.width, level.height}, 0);
         canvas.draw_picture({0, 0}, {level.width, level.height}, level);
         EXPECT_TRUE(is_one_colour(canvas.pixels().samples));
     });
 }
 
-TEST(LevelEdges, FullSizeGoesToTheLastChromaSample)
+TEST(LevelEdges, FullSizeExtendsToTheLastChromaSample)
 {
     served_picture served({.full_width = 101, .full_height = 71});
     frame_sample& sample = served.sample;

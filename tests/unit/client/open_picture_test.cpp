@@ -1,4 +1,4 @@
-// Connections by picture, with the real worker and with programs that are none.
+// Connections by picture path, with the real worker and with programs that are not workers.
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -34,7 +34,7 @@ namespace {
 
 constexpr int start_limit_ms = 30'000;
 
-// Variables of this process lead to the folders of one test.
+// Environment variables lead to the folders of one test.
 class OpenPicture : public testing::Test {
 protected:
     OpenPicture()
@@ -76,7 +76,7 @@ protected:
         ASSERT_TRUE(eventually([&] { return kill(pid, 0) != 0 && errno == ESRCH; }));
     }
 
-    // An executable script; its path.
+    // Makes an executable script and returns its path.
     std::string program(const std::string& body) const
     {
         const std::string path = home.folder().write("program", "#!/bin/sh\n" + body);
@@ -121,7 +121,7 @@ bool has_open(pid_t pid, const std::string& path)
 
 // --- socket --------------------------------------------------------------------------------------
 
-TEST_F(OpenPicture, SocketIsTheOneThatTheWorkerServesAt)
+TEST_F(OpenPicture, SocketIsWhereTheWorkerServes)
 {
     const worker served(home, worker::setting{{"--file", picture, "--no-autoshutdown"}});
     char path[108];
@@ -131,7 +131,7 @@ TEST_F(OpenPicture, SocketIsTheOneThatTheWorkerServesAt)
     EXPECT_EQ(connection.result, STILLIMAGE_OK) << connection.error();
 }
 
-TEST_F(OpenPicture, SocketNeedsRoomAndAPicture)
+TEST_F(OpenPicture, SocketPathNeedsSpaceAndAPicture)
 {
     char path[108] = "untouched";
     ASSERT_EQ(stillimage_socket_of(picture.c_str(), path, sizeof path), STILLIMAGE_OK);
@@ -150,7 +150,7 @@ TEST_F(OpenPicture, SocketNeedsRoomAndAPicture)
 
 // --- connecting ----------------------------------------------------------------------------------
 
-TEST_F(OpenPicture, WithoutTheFlagNobodyIsStarted)
+TEST_F(OpenPicture, NoWorkerIsStartedWithoutTheFlag)
 {
     EXPECT_EQ(connect(picture, 0, 100), STILLIMAGE_ERROR_NO_WORKER);
     EXPECT_THAT(error(), HasSubstr("there is no such socket"));
@@ -175,7 +175,7 @@ TEST_F(OpenPicture, BusyWorkerIsWaitedForAndNoOtherIsStarted)
     EXPECT_EQ(connect(picture, STILLIMAGE_START_WORKER, -1), STILLIMAGE_OK) << error();
     waker.join();
     EXPECT_FALSE(home.folder().has("started"));
-    started.clear(); // it is a child of the test
+    started.clear(); // the worker is a child of the test
 }
 
 TEST_F(OpenPicture, BadArgumentsAreRefused)
@@ -189,10 +189,10 @@ TEST_F(OpenPicture, BadArgumentsAreRefused)
     EXPECT_EQ(stillimage_reconnect(nullptr, 0), STILLIMAGE_ERROR_ARGUMENT);
 }
 
-TEST_F(OpenPicture, StartedWorkerServesThePictureAndIsNobodysChild)
+TEST_F(OpenPicture, StartedWorkerServesThePictureAndIsNoChildOfTheCaller)
 {
     const std::string other = home.folder().write("other", "");
-    const int kept = open(other.c_str(), O_RDONLY); // without close-on-exec
+    const int kept = open(other.c_str(), O_RDONLY); // lacks close-on-exec
     const size_t descriptors = open_descriptors();
     ASSERT_EQ(connect(picture, STILLIMAGE_START_WORKER), STILLIMAGE_OK) << error();
     EXPECT_EQ(open_descriptors(), descriptors + 1);
@@ -214,7 +214,7 @@ TEST_F(OpenPicture, StartedWorkerServesThePictureAndIsNobodysChild)
 
 volatile sig_atomic_t child_signals = 0;
 
-TEST_F(OpenPicture, CallerHearsOfNoChildAndItsSignalsAreNotInherited)
+TEST_F(OpenPicture, CallerGetsNoSigchldAndTheWorkerInheritsNoSignalState)
 {
     struct sigaction before = {};
     struct sigaction counting = {};
@@ -239,7 +239,7 @@ TEST_F(OpenPicture, CallerHearsOfNoChildAndItsSignalsAreNotInherited)
     EXPECT_EQ(std::stoull(field_of_process(pid, "SigIgn"), nullptr, 16) & 1U, 0U);
 }
 
-TEST_F(OpenPicture, SecondConnectionComesToTheSameWorker)
+TEST_F(OpenPicture, SecondConnectionReachesTheSameWorker)
 {
     ASSERT_EQ(connect(picture, STILLIMAGE_START_WORKER), STILLIMAGE_OK) << error();
     const pid_t first = stillimage_worker_pid(client.get());
@@ -248,7 +248,7 @@ TEST_F(OpenPicture, SecondConnectionComesToTheSameWorker)
     EXPECT_EQ(stillimage_worker_pid(client.get()), first);
 }
 
-TEST_F(OpenPicture, ManyAtOnceShareOneWorker)
+TEST_F(OpenPicture, SimultaneousConnectionsShareOneWorker)
 {
     constexpr size_t many = 6;
     std::vector<held_client> clients(many);
@@ -274,7 +274,7 @@ TEST_F(OpenPicture, ManyAtOnceShareOneWorker)
 
 // --- failures ------------------------------------------------------------------------------------
 
-TEST_F(OpenPicture, FileThatIsNoPictureIsRefusedInTheWorkersWords)
+TEST_F(OpenPicture, FileThatIsNoPictureIsRefusedWithTheWorkersMessage)
 {
     const size_t descriptors = open_descriptors();
     const std::string text = home.folder().write("text.png", "no picture");
@@ -291,7 +291,7 @@ TEST_F(OpenPicture, FileThatIsNoPictureIsRefusedInTheWorkersWords)
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST_F(OpenPicture, MissingPictureAndMissingProgramAreTold)
+TEST_F(OpenPicture, MissingPictureAndMissingProgramAreReported)
 {
     EXPECT_EQ(connect("/missing/picture", STILLIMAGE_START_WORKER), STILLIMAGE_ERROR_SYSTEM);
     EXPECT_EQ(error(), "cannot reach the picture /missing/picture: No such file or directory");
@@ -300,7 +300,7 @@ TEST_F(OpenPicture, MissingPictureAndMissingProgramAreTold)
     EXPECT_EQ(error(), "cannot start '/missing/program': No such file or directory");
 }
 
-TEST_F(OpenPicture, ProgramComesFromThePathWhenNoneIsNamed)
+TEST_F(OpenPicture, ProgramIsFoundThroughPathByDefault)
 {
     environment.set("STILLIMAGE_PROGRAM", std::nullopt);
     environment.set("PATH", "/nowhere");
@@ -311,14 +311,14 @@ TEST_F(OpenPicture, ProgramComesFromThePathWhenNoneIsNamed)
     EXPECT_EQ(connect(picture, STILLIMAGE_START_WORKER), STILLIMAGE_OK) << error();
 }
 
-TEST_F(OpenPicture, ProgramThatNeverServesIsATimeout)
+TEST_F(OpenPicture, ProgramThatNeverServesCausesATimeout)
 {
     environment.set("STILLIMAGE_PROGRAM", program("echo one >&2; sleep 5\n"));
     EXPECT_EQ(connect(picture, STILLIMAGE_START_WORKER, 200), STILLIMAGE_ERROR_TIMEOUT);
     EXPECT_EQ(error(), "the worker that was started for " + picture + " did not serve in time");
 }
 
-TEST_F(OpenPicture, LastWordsAreTheLastTwoLines)
+TEST_F(OpenPicture, ErrorQuotesTheLastTwoLinesOfTheWorker)
 {
     environment.set("STILLIMAGE_PROGRAM", program("printf 'one\\ntwo\\nthree\\n' >&2; exit 1\n"));
     EXPECT_EQ(connect(picture, STILLIMAGE_START_WORKER), STILLIMAGE_ERROR_REFUSED);
@@ -328,8 +328,9 @@ TEST_F(OpenPicture, LastWordsAreTheLastTwoLines)
     EXPECT_THAT(error(), EndsWith(": it said nothing"));
 }
 
-// Its socket stays behind, which a worker that refuses its file has removed before it ends.
-TEST_F(OpenPicture, WorkerThatIsKilledWhileItStartsDoesNotRefuseThePicture)
+// The socket of a killed worker stays behind; a worker that refuses its file removes the socket
+// before it ends.
+TEST_F(OpenPicture, WorkerKilledDuringStartIsNotReportedAsRefusal)
 {
     char path[108];
     ASSERT_EQ(stillimage_socket_of(picture.c_str(), path, sizeof path), STILLIMAGE_OK);
@@ -348,9 +349,9 @@ TEST_F(OpenPicture, WorkerThatIsKilledWhileItStartsDoesNotRefuseThePicture)
     note_worker();
 }
 
-// --- once more -----------------------------------------------------------------------------------
+// --- reconnection --------------------------------------------------------------------------------
 
-TEST_F(OpenPicture, ReconnectionStartsAnotherWorkerAndHeldFramesStay)
+TEST_F(OpenPicture, ReconnectionStartsANewWorkerAndHeldFramesStayValid)
 {
     ASSERT_EQ(connect(picture, STILLIMAGE_START_WORKER), STILLIMAGE_OK) << error();
     const pid_t first = stillimage_worker_pid(client.get());
@@ -371,7 +372,7 @@ TEST_F(OpenPicture, ReconnectionStartsAnotherWorkerAndHeldFramesStay)
                          was.plane[0] + size_t{y} * was.stride[0], was.width),
                   0);
     }
-    old.reset(); // neither connection minds
+    old.reset(); // affects neither connection
     EXPECT_EQ(stillimage_ping(client.get(), patience_ms), STILLIMAGE_OK) << error();
 }
 
@@ -407,7 +408,7 @@ TEST_F(OpenPicture, ReconnectionRenewsTheSubscription)
     EXPECT_NE(events.front().changes & STILLIMAGE_CHANGE_METADATA, 0U);
 }
 
-TEST_F(OpenPicture, ReconnectionToASocketGoesToTheSamePath)
+TEST_F(OpenPicture, ReconnectionToASocketUsesTheSamePath)
 {
     std::atomic<int> greeted = 0;
     const fake_worker fake([&](fake_peer& peer) {

@@ -1,12 +1,12 @@
-// A connection of a test to a worker, closed at its end.
+// A test's connection to a worker, closed when it goes out of scope.
 #pragma once
 
 #include <string>
 
 #include "client/stillimage_client.h"
 
-inline constexpr int patience_ms = 30'000; // never reached by a test that passes
-inline constexpr int silence_ms = 50;      // against workers that say nothing
+inline constexpr int patience_ms = 30'000; // never reached when the test passes
+inline constexpr int silence_ms = 50;      // for workers that never answer
 
 struct opened {
     explicit opened(const std::string& path, int timeout_ms = patience_ms)

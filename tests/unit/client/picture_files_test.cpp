@@ -25,7 +25,7 @@ TEST(PictureFiles, PngReadsBackAtEverySize)
     }
 }
 
-TEST(PictureFiles, PpmIsHeaderAndSamplesWithoutAlpha)
+TEST(PictureFiles, PpmHasHeaderAndSamplesWithoutAlpha)
 {
     const served_picture served({.full_width = 5, .full_height = 3, .alpha = true});
     const std::vector<uint8_t> samples = to_rgb(served.picture, false).samples;

@@ -9,8 +9,8 @@ namespace {
 constexpr rate hundredths = {100, 1};
 constexpr uint64_t second = 1'000'000'000;
 
-// The moments of a whole stream.
-std::vector<uint64_t> moments(const timeline& played, const rate& frames, uint64_t loops)
+// The time positions of a whole stream.
+std::vector<uint64_t> times(const timeline& played, const rate& frames, uint64_t loops)
 {
     std::vector<uint64_t> result;
     for (play_position at(played, frames, loops); !at.over(); at.advance()) {
@@ -31,7 +31,7 @@ TEST(PlaySchedule, RateIsTheLowestThatHitsEveryChange)
     }
 }
 
-TEST(PlaySchedule, LongDelaysAreCutIntoEqualParts)
+TEST(PlaySchedule, LongDelaysAreDividedIntoEqualParts)
 {
     const std::pair<uint64_t, rate> delays[] = {{51, {100, 17}}, {100, {2, 1}},      {500, {2, 1}},
                                                 {53, {100, 1}},  {65535, {100, 17}}, {60, {10, 3}}};
@@ -40,7 +40,7 @@ TEST(PlaySchedule, LongDelaysAreCutIntoEqualParts)
     }
 }
 
-TEST(PlaySchedule, RateIsAHundredAtMost)
+TEST(PlaySchedule, RateIsAtMostAHundred)
 {
     EXPECT_EQ(frame_rate_for({1000, {1000, 1}}, 1), (rate{100, 1}));
     EXPECT_EQ(frame_rate_for({1000, {1000, 1}}, 9), (rate{100, 1}));
@@ -49,7 +49,7 @@ TEST(PlaySchedule, RateIsAHundredAtMost)
     EXPECT_EQ(frame_rate_for({1000, {1'000'000, 1}}, 1), (rate{100, 1}));
 }
 
-TEST(PlaySchedule, LongUnitsAreShownTwiceASecondOrMoreOften)
+TEST(PlaySchedule, LongUnitsAreShownAtLeastTwiceASecond)
 {
     EXPECT_EQ(frame_rate_for({10, {1, 1}}, 1), (rate{2, 1}));
     EXPECT_EQ(frame_rate_for({10, {3, 2}}, 5), (rate{3, 1}));
@@ -58,33 +58,33 @@ TEST(PlaySchedule, LongUnitsAreShownTwiceASecondOrMoreOften)
     EXPECT_EQ(frame_rate_for({10, {1, 1'000'000}}, 1), (rate{2, 1}));
 }
 
-// --- moments --------------------------------------------------------------------------------------
+// --- times --------------------------------------------------------------------------------------
 
 TEST(PlaySchedule, ExactRateHitsEveryMultiple)
 {
-    EXPECT_EQ(moments({40, hundredths}, {10, 1}, 1), (std::vector<uint64_t>{0, 10, 20, 30}));
-    EXPECT_EQ(moments({20, hundredths}, {10, 1}, 3), (std::vector<uint64_t>{0, 10, 0, 10, 0, 10}));
-    EXPECT_EQ(moments({9, hundredths}, {100, 3}, 2), (std::vector<uint64_t>{0, 3, 6, 0, 3, 6}));
+    EXPECT_EQ(times({40, hundredths}, {10, 1}, 1), (std::vector<uint64_t>{0, 10, 20, 30}));
+    EXPECT_EQ(times({20, hundredths}, {10, 1}, 3), (std::vector<uint64_t>{0, 10, 0, 10, 0, 10}));
+    EXPECT_EQ(times({9, hundredths}, {100, 3}, 2), (std::vector<uint64_t>{0, 3, 6, 0, 3, 6}));
 }
 
 TEST(PlaySchedule, OtherRatesKeepTheSpeed)
 {
-    // 25 a second: every 4 units, through the end of one round into the next.
-    EXPECT_EQ(moments({10, hundredths}, {25, 1}, 2), (std::vector<uint64_t>{0, 4, 8, 2, 6}));
-    EXPECT_EQ(moments({2, hundredths}, {200, 1}, 1), (std::vector<uint64_t>{0, 0, 1, 1}));
-    // 0.5 a second: 200 units, past the whole timeline.
-    EXPECT_EQ(moments({70, hundredths}, {1, 2}, 4), (std::vector<uint64_t>{0, 60}));
-    EXPECT_EQ(moments({70, hundredths}, {1, 2}, 1), (std::vector<uint64_t>{0}));
+    // 25 frames a second: every 4 units, continuing from one round into the next.
+    EXPECT_EQ(times({10, hundredths}, {25, 1}, 2), (std::vector<uint64_t>{0, 4, 8, 2, 6}));
+    EXPECT_EQ(times({2, hundredths}, {200, 1}, 1), (std::vector<uint64_t>{0, 0, 1, 1}));
+    // 0.5 frames a second: every 200 units, more than the whole timeline.
+    EXPECT_EQ(times({70, hundredths}, {1, 2}, 4), (std::vector<uint64_t>{0, 60}));
+    EXPECT_EQ(times({70, hundredths}, {1, 2}, 1), (std::vector<uint64_t>{0}));
 }
 
-TEST(PlaySchedule, StillIsShownForASecondARound)
+TEST(PlaySchedule, StillLastsOneSecondARound)
 {
-    EXPECT_EQ(moments({}, {25, 1}, 1), std::vector<uint64_t>(25));
-    EXPECT_EQ(moments({}, {25, 1}, 3), std::vector<uint64_t>(75));
-    EXPECT_EQ(moments({}, {30000, 1001}, 1), std::vector<uint64_t>(30));
+    EXPECT_EQ(times({}, {25, 1}, 1), std::vector<uint64_t>(25));
+    EXPECT_EQ(times({}, {25, 1}, 3), std::vector<uint64_t>(75));
+    EXPECT_EQ(times({}, {30000, 1001}, 1), std::vector<uint64_t>(30));
 }
 
-TEST(PlaySchedule, MomentsStayExactForHours)
+TEST(PlaySchedule, TimesStayExactForHours)
 {
     const rate ntsc = {30000, 1001};
     play_position at({1'000'000'000, hundredths}, ntsc, 0);
@@ -93,7 +93,7 @@ TEST(PlaySchedule, MomentsStayExactForHours)
     }
 }
 
-TEST(PlaySchedule, WithoutEndItIsNeverOver)
+TEST(PlaySchedule, EndlessStreamIsNeverOver)
 {
     play_position at({3, hundredths}, {100, 1}, 0);
     for (uint64_t frame = 0; frame < 1000; ++frame, at.advance()) {
@@ -122,14 +122,14 @@ TEST(PlaySchedule, PaceDoesNotDriftAtAnyRate)
     }
 }
 
-TEST(PlaySchedule, ShortDelaysAreCaughtUpWith)
+TEST(PlaySchedule, ShortDelaysAreMadeUp)
 {
     play_pace pace({10, 1}, 0);
-    pace.advance(second / 10 + second / 2); // half a second after the next one is due
+    pace.advance(second / 10 + second / 2); // half a second after the next frame was due
     EXPECT_EQ(pace.due(), second / 10);
 }
 
-TEST(PlaySchedule, LongDelaysAreNot)
+TEST(PlaySchedule, LongDelaysAreNotMadeUp)
 {
     play_pace pace({10, 1}, 0);
     pace.advance(second / 10 + second / 2 + 1);

@@ -1,4 +1,4 @@
-// `play` against fake workers: what is written, asked for and told.
+// `play` against fake workers: what it writes, requests and reports.
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
@@ -18,7 +18,7 @@ namespace {
 
 using namespace comm_protocol;
 
-// Frames and when each one ends, in hundredths of a second.
+// Frames and the time at which each one ends, in hundredths of a second.
 struct animation {
     void add(const sample_shape& shape, uint64_t delay)
     {
@@ -67,8 +67,8 @@ void answer(fake_peer& peer, const packet_header& header, const animation& playe
     }
 }
 
-// Serves the animation. `before` is called for each frame that is asked for, 1 for the first; false
-// hangs up.
+// Serves the animation. Calls `before` with 1 for the first frame request and so on; disconnects
+// when that returns false.
 std::function<void(fake_peer&)> serving(const animation& played,
                                         const std::function<bool(int frame)>& before = {})
 {
@@ -95,7 +95,7 @@ call_options unpaced(uint64_t loops, const std::string& frame_rate = "")
     return options;
 }
 
-// First pixels of the frames after the header.
+// The first pixel of each frame in the stream, without the header.
 std::string shown(const std::string& stream)
 {
     const size_t header = stream.find('\n') + 1;
@@ -124,23 +124,23 @@ animation three_frames(const sample_shape& shape = {.full_width = 5, .full_heigh
     return played;
 }
 
-TEST(ClientCallPlay, AnimationIsShownByItsTimeline)
+TEST(ClientCallPlay, AnimationFollowsItsTimeline)
 {
     const animation played = three_frames();
     const outcome result = run_against(serving(played), call_play, unpaced(1));
     EXPECT_EQ(result.status, STATUS_DONE);
-    EXPECT_EQ(result.told, "");
+    EXPECT_EQ(result.messages, "");
     EXPECT_EQ(header_of(result.out),
               "YUV4MPEG2 W5 H3 F10:1 Ip A16:15 C420jpeg XCOLORRANGE=LIMITED\n");
     EXPECT_EQ(shown(result.out), "11111233");
 }
 
-TEST(ClientCallPlay, EveryFrameIsThePictureAsSaved)
+TEST(ClientCallPlay, EveryFrameEqualsTheSavedPicture)
 {
     const animation played = three_frames();
     const outcome result = run_against(serving(played), call_play, unpaced(1, "100/30"));
     std::string expected;
-    for (const size_t index : {0U, 0U, 2U}) { // at 0, 30 and 60
+    for (const size_t index : {0U, 0U, 2U}) { // shown at 0, 30 and 60
         served_picture served({.full_width = 5, .full_height = 3});
         served.sample.area[0] = static_cast<unsigned char>(index + 1);
         add_y4m_frame(served.picture, y4m_shape_of(served.picture), &expected);
@@ -148,7 +148,7 @@ TEST(ClientCallPlay, EveryFrameIsThePictureAsSaved)
     EXPECT_EQ(result.out.substr(header_of(result.out).size()), expected);
 }
 
-TEST(ClientCallPlay, LoopGoesRoundAgain)
+TEST(ClientCallPlay, LoopRepeatsTheAnimation)
 {
     const animation played = three_frames();
     EXPECT_EQ(shown(run_against(serving(played), call_play, unpaced(3)).out),
@@ -164,7 +164,7 @@ TEST(ClientCallPlay, GivenRateKeepsTheSpeed)
     EXPECT_EQ(shown(result.out), "1123");
 }
 
-TEST(ClientCallPlay, StillIsASecondOf25FramesARound)
+TEST(ClientCallPlay, StillIsOneSecondOf25FramesARound)
 {
     animation still;
     still.add({.full_width = 5, .full_height = 3}, 10);
@@ -175,13 +175,13 @@ TEST(ClientCallPlay, StillIsASecondOf25FramesARound)
     EXPECT_EQ(shown(run_against(serving(still), call_play, unpaced(1, "3")).out), "111");
 }
 
-TEST(ClientCallPlay, FirstFrameMayBeTheOnlyOneWithoutAlpha)
+TEST(ClientCallPlay, FirstFrameAloneMayBeOpaque)
 {
     animation played;
     played.add({.full_width = 5, .full_height = 3, .x_shift = 0, .y_shift = 0}, 10);
     played.add({.full_width = 5, .full_height = 3, .x_shift = 0, .y_shift = 0, .alpha = true}, 10);
     const outcome result = run_against(serving(played), call_play, unpaced(1));
-    EXPECT_EQ(result.status, STATUS_DONE) << result.told;
+    EXPECT_EQ(result.status, STATUS_DONE) << result.messages;
     EXPECT_EQ(header_of(result.out),
               "YUV4MPEG2 W5 H3 F10:1 Ip A16:15 C444alpha XCOLORRANGE=LIMITED\n");
     EXPECT_EQ(shown(result.out), "12");
@@ -197,48 +197,51 @@ TEST(ClientCallPlay, FrameOfAnotherSizeEndsTheStream)
     played.add({.full_width = 5, .full_height = 3}, 10);
     const outcome result = run_against(serving(played), call_play, unpaced(1));
     EXPECT_EQ(result.status, STATUS_FAILED);
-    EXPECT_EQ(result.told, "stillimage-client: cannot go on: frame 2 differs from the others in "
-                           "size or kind\n");
+    EXPECT_EQ(result.messages,
+              "stillimage-client: cannot go on: frame 2 differs from the others in "
+              "size or kind\n");
     EXPECT_EQ(shown(result.out), "1");
 }
 
-TEST(ClientCallPlay, WorkerThatGoesInTheMiddleIsThree)
+TEST(ClientCallPlay, WorkerThatEndsDuringTheStreamIsExitStatusThree)
 {
     const animation played = three_frames();
-    // Two frames to find the length, four in the stream.
+    // Two frame requests find the length; four go into the stream.
     const outcome result = run_against(serving(played, [](int frame) { return frame <= 6; }),
                                        call_play, unpaced(0, "10"));
     EXPECT_EQ(result.status, STATUS_NO_WORKER);
-    EXPECT_EQ(result.told, "stillimage-client: cannot get a frame: the worker has gone (start one: "
-                           "stillimage --file PICTURE)\n");
+    EXPECT_EQ(result.messages,
+              "stillimage-client: cannot get a frame: the worker has gone (start one: "
+              "stillimage --file PICTURE)\n");
     EXPECT_EQ(shown(result.out), "1111");
 }
 
-TEST(ClientCallPlay, WorkerThatGoesWhileTheRateIsSoughtIsThree)
+TEST(ClientCallPlay, WorkerThatEndsBeforeTheRateIsKnownIsExitStatusThree)
 {
     const animation played = three_frames();
     const outcome result =
         run_against(serving(played, [](int frame) { return frame <= 4; }), call_play, unpaced(1));
     EXPECT_EQ(result.status, STATUS_NO_WORKER);
-    EXPECT_EQ(result.told, "stillimage-client: cannot get a frame: the worker has gone (start one: "
-                           "stillimage --file PICTURE)\n");
+    EXPECT_EQ(result.messages,
+              "stillimage-client: cannot get a frame: the worker has gone (start one: "
+              "stillimage --file PICTURE)\n");
     EXPECT_EQ(result.out, "");
 }
 
-TEST(ClientCallPlay, PictureThatIsNotReadyInTimeIsFour)
+TEST(ClientCallPlay, PictureThatIsNotReadyInTimeIsExitStatusFour)
 {
     call_options options = unpaced(1);
     options.timeout_ms = 100;
     const outcome result =
         run_against([](fake_peer& peer) { peer.await_end(); }, call_play, options);
     EXPECT_EQ(result.status, STATUS_TIME_LIMIT);
-    EXPECT_EQ(result.told, "stillimage-client: cannot wait for the picture: the worker did not "
-                           "answer in time (try a longer --timeout)\n");
+    EXPECT_EQ(result.messages, "stillimage-client: cannot wait for the picture: the worker did not "
+                               "answer in time (try a longer --timeout)\n");
 }
 
 // --- the end of the stream ------------------------------------------------------------------------
 
-// Standard output is `fd` while this lives.
+// Redirects standard output to `fd` for the lifetime of the object.
 class replaced_output {
 public:
     explicit replaced_output(int fd) : former_(dup(STDOUT_FILENO))
@@ -261,7 +264,7 @@ private:
 
 struct ending {
     exit_status status;
-    std::string told;
+    std::string messages;
 };
 
 ending play_into(int fd, const std::function<void(fake_peer&)>& script, call_options options)
@@ -277,7 +280,7 @@ ending play_into(int fd, const std::function<void(fake_peer&)>& script, call_opt
         const replaced_output output(fd);
         result.status = call_play(options);
     }
-    result.told = testing::internal::GetCapturedStderr();
+    result.messages = testing::internal::GetCapturedStderr();
     return result;
 }
 
@@ -293,28 +296,29 @@ protected:
     int ends_[2] = {-1, -1};
 };
 
-TEST_F(ClientPlayEnds, QuietlyWhenTheReaderHasEnough)
+TEST_F(ClientPlayEnds, SilentlyWhenTheReaderCloses)
 {
     const animation played = three_frames();
     close(ends_[0]);
     const ending result = play_into(ends_[1], serving(played), unpaced(0));
     EXPECT_EQ(result.status, STATUS_DONE);
-    EXPECT_EQ(result.told, "");
+    EXPECT_EQ(result.messages, "");
 }
 
-TEST_F(ClientPlayEnds, WithOneWhenItCannotBeWritten)
+TEST_F(ClientPlayEnds, WithStatusOneWhenWritingFails)
 {
     const animation played = three_frames();
     const ending result =
         play_into(open("/dev/full", O_WRONLY | O_CLOEXEC), serving(played), unpaced(0));
     EXPECT_EQ(result.status, STATUS_FAILED);
-    EXPECT_EQ(result.told, "stillimage-client: cannot write to standard output: No space left on "
-                           "device\n");
+    EXPECT_EQ(result.messages,
+              "stillimage-client: cannot write to standard output: No space left on "
+              "device\n");
     close(ends_[0]);
     close(ends_[1]);
 }
 
-TEST_F(ClientPlayEnds, AfterTheWholeFrameWhenASignalAsksForIt)
+TEST_F(ClientPlayEnds, AfterTheCurrentFrameOnASignal)
 {
     for (const int asked : {SIGINT, SIGTERM}) {
         const temporary_folder folder;
@@ -327,9 +331,9 @@ TEST_F(ClientPlayEnds, AfterTheWholeFrameWhenASignalAsksForIt)
             play_into(open(folder.write("stream", "").c_str(), O_WRONLY | O_CLOEXEC), script,
                       unpaced(0, "100/9"));
         EXPECT_EQ(result.status, STATUS_DONE);
-        EXPECT_EQ(result.told, "");
-        EXPECT_EQ(shown(folder.read("stream")), "11111"); // shown() wants whole frames
-        // The handler has reset itself, and what was there before is there again.
+        EXPECT_EQ(result.messages, "");
+        EXPECT_EQ(shown(folder.read("stream")), "11111"); // shown() checks that frames are complete
+        // The handler has removed itself and restored the previous action.
         struct sigaction now = {};
         sigaction(asked, nullptr, &now);
         EXPECT_EQ(now.sa_handler, SIG_DFL);
@@ -338,7 +342,7 @@ TEST_F(ClientPlayEnds, AfterTheWholeFrameWhenASignalAsksForIt)
     close(ends_[1]);
 }
 
-TEST_F(ClientPlayEnds, NotByASignalThatWasIgnored)
+TEST_F(ClientPlayEnds, NotOnAnIgnoredSignal)
 {
     const temporary_folder folder;
     const animation played = three_frames();
@@ -353,11 +357,11 @@ TEST_F(ClientPlayEnds, NotByASignalThatWasIgnored)
     close(ends_[1]);
 }
 
-TEST_F(ClientPlayEnds, WhenASignalAsksForItAndNobodyReads)
+TEST_F(ClientPlayEnds, OnASignalWhileTheReaderIsStuck)
 {
     animation large;
-    large.add({.full_width = 600, .full_height = 400}, 10); // more than the pipe holds
-    struct sigaction waking = {};                           // a signal that only interrupts
+    large.add({.full_width = 600, .full_height = 400}, 10); // more than the pipe can hold
+    struct sigaction waking = {};                           // only interrupts system calls
     waking.sa_handler = [](int) {};
     sigaction(SIGUSR1, &waking, nullptr);
     const pthread_t player = pthread_self();
@@ -370,7 +374,7 @@ TEST_F(ClientPlayEnds, WhenASignalAsksForItAndNobodyReads)
             usleep(1000);
         }
         pthread_kill(player, SIGINT);
-        while (!ended) { // it may not have been waiting yet
+        while (!ended) { // the player may not have been blocked yet
             usleep(20'000);
             pthread_kill(player, SIGUSR1);
         }
@@ -380,7 +384,7 @@ TEST_F(ClientPlayEnds, WhenASignalAsksForItAndNobodyReads)
     asking.join();
     signal(SIGUSR1, SIG_DFL);
     EXPECT_EQ(result.status, STATUS_DONE);
-    EXPECT_EQ(result.told, "");
+    EXPECT_EQ(result.messages, "");
     close(ends_[0]);
 }
 
@@ -394,7 +398,7 @@ TEST_F(ClientPlayEnds, AtOnceOnATerminal)
     const ending result = play_into(
         inside, [](fake_peer&) {}, unpaced(1));
     EXPECT_EQ(result.status, STATUS_FAILED);
-    EXPECT_EQ(result.told,
+    EXPECT_EQ(result.messages,
               "stillimage-client: a picture is no text for a terminal (name a file, or "
               "send the output on)\n");
     close(terminal);

@@ -21,7 +21,7 @@ TEST(PlayTimeline, IsReadFromTheStatusDocument)
               (timeline{5, {30000, 1001}}));
 }
 
-TEST(PlayTimeline, WhatMakesNoSenseIsOne)
+TEST(PlayTimeline, InvalidValuesGiveTheDefaultTimeline)
 {
     for (const char* document :
          {"", "{", "[]", "{}", R"({"item": []})",
@@ -35,7 +35,7 @@ TEST(PlayTimeline, WhatMakesNoSenseIsOne)
     }
 }
 
-TEST(PlayTimeline, CommonDelayIsTheDivisorOfAll)
+TEST(PlayTimeline, CommonDelayIsTheGreatestCommonDivisor)
 {
     EXPECT_EQ(common_of({10}), 10U);
     EXPECT_EQ(common_of({1}), 1U);
@@ -44,7 +44,7 @@ TEST(PlayTimeline, CommonDelayIsTheDivisorOfAll)
     EXPECT_EQ(common_of({65535, 65535}), 65535U);
     EXPECT_EQ(common_of({6, 10, 15}), 1U);
     EXPECT_EQ(common_of({4, 2, 8}), 2U);
-    EXPECT_EQ(common_of({12, 12, 12, 9}), 3U); // the last one counts
+    EXPECT_EQ(common_of({12, 12, 12, 9}), 3U); // the last delay counts, too
 }
 
 } // namespace

@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(Rate, FrameRatesAreReadInThreeWays)
+TEST(Rate, FrameRatesHaveThreeNotations)
 {
     const std::pair<const char*, rate> texts[] = {
         {"25", {25, 1}},      {"29.97", {2997, 100}}, {"30000/1001", {30000, 1001}},
@@ -50,7 +50,7 @@ TEST(Rate, OtherTextsAreRefused)
     }
 }
 
-TEST(Rate, TermsAreLowestAndBounded)
+TEST(Rate, TermsAreReducedAndBounded)
 {
     rate result;
     EXPECT_TRUE(make_rate(UINT64_C(1) << 62, UINT64_C(1) << 60, &result));

@@ -28,7 +28,7 @@ struct colour {
     uint8_t red, green, blue;
 };
 
-// The definition in floating point.
+// The defining formula in floating point.
 colour reference(int luma, int cb, int cr)
 {
     const double y = (luma - 16) / 219.0 * 255.0;
@@ -38,7 +38,7 @@ colour reference(int luma, int cb, int cr)
             nearest(y + 1.772 * u)};
 }
 
-// A plane of one sample.
+// Planes of one sample each.
 rgb_picture one_pixel(const uint8_t samples[4], bool chroma, bool alpha)
 {
     stillimage_picture picture = {};
@@ -68,7 +68,7 @@ TEST(Rgb, KnownColours)
     }
 }
 
-TEST(Rgb, AgreesWithTheDefinitionEverywhere)
+TEST(Rgb, AgreesWithTheFormulaEverywhere)
 {
     int differing = 0;
     for (int y = 0; y < 256; y += 3) {
@@ -86,7 +86,8 @@ TEST(Rgb, AgreesWithTheDefinitionEverywhere)
             }
         }
     }
-    EXPECT_LT(differing, 500); // of 230,000: where the definition lies right between two values
+    // Of 230,000: exact values halfway between two integers may be rounded either way.
+    EXPECT_LT(differing, 500);
 }
 
 TEST(Rgb, EachPixelUsesItsOwnSamplesAtEverySize)
@@ -127,7 +128,7 @@ TEST(Rgb, EachPixelUsesItsOwnSamplesAtEverySize)
     }
 }
 
-TEST(Rgb, AlphaIsLeftOutWhenNotWanted)
+TEST(Rgb, AlphaIsOmittedWhenNotWanted)
 {
     const frame_sample sample({.alpha = true});
     EXPECT_EQ(to_rgb(picture_of(sample), false).channels, 3);

@@ -27,7 +27,7 @@ judgement judge(const frame_sample& sample)
 
 using breaking = std::function<void(frame_sample&)>;
 
-// Why the sample is refused once `work` was at it; "" when it is not.
+// Why the sample is refused after `work` has changed it; "" when it is accepted.
 std::string refusal_after(const breaking& work, const sample_shape& shape = {.alpha = true})
 {
     frame_sample sample(shape);
@@ -102,7 +102,7 @@ TEST(ScanlineRecord, MonochromePictureHasNoChroma)
     }
 }
 
-TEST(ScanlineRecord, StrideZeroIsAbsentWhateverTheOffset)
+TEST(ScanlineRecord, StrideZeroMeansAbsentWhateverTheOffset)
 {
     frame_sample sample({.full_width = 1, .full_height = 64});
     sample.put(format::at_strides + 2, 2, 0);
@@ -113,7 +113,7 @@ TEST(ScanlineRecord, StrideZeroIsAbsentWhateverTheOffset)
     EXPECT_EQ(result.picture.plane[STILLIMAGE_V], nullptr);
 }
 
-TEST(ScanlineRecord, LastRowBeforeTheFirstDoesNoHarm)
+TEST(ScanlineRecord, LastRowBeforeTheFirstIsHarmless)
 {
     frame_sample sample({.full_width = 40, .full_height = 1});
     ASSERT_EQ(sample.get(format::at_last_rows + 2, 2), 65535);
@@ -122,7 +122,7 @@ TEST(ScanlineRecord, LastRowBeforeTheFirstDoesNoHarm)
     EXPECT_EQ(result.picture.plane_height[STILLIMAGE_U], 1);
 }
 
-TEST(ScanlineRecord, StrideThatLost16BitsIsRebuilt)
+TEST(ScanlineRecord, StrideTruncatedTo16BitsIsRestored)
 {
     frame_sample sample({.full_width = 65535, .full_height = 2});
     ASSERT_EQ(sample.get(format::at_strides, 2), 0);
@@ -147,7 +147,7 @@ TEST(ScanlineRecord, SizesBeyond16BitsComeFromTheMessage)
     }
 }
 
-// A record as workers make them of reduced levels: its area is larger.
+// A record of a reduced level as workers write it: with a larger area.
 frame_sample level_sample(const sample_shape& shape)
 {
     frame_sample sample(shape);
@@ -158,7 +158,7 @@ frame_sample level_sample(const sample_shape& shape)
     return sample;
 }
 
-TEST(ScanlineRecord, FullSizeIsKnownByItsArea)
+TEST(ScanlineRecord, FullSizeIsRecognisedByItsArea)
 {
     const judgement full = judge(frame_sample({.full_width = 262'144, .full_height = 1}));
     ASSERT_TRUE(full.accepted) << full.reason;
@@ -169,18 +169,18 @@ TEST(ScanlineRecord, FullSizeIsKnownByItsArea)
     EXPECT_EQ(third.picture.width, 32'768);
 }
 
-TEST(ScanlineRecord, LevelThatLooksLikeAnotherIsRefused)
+TEST(ScanlineRecord, AmbiguousLevelIsRefused)
 {
-    for (const int halvings : {1, 2}) { // both are 0 x 1 in 16 bits
+    for (const int halvings : {1, 2}) { // both sizes are 0 x 1 in 16 bits
         const judgement result =
             judge(level_sample({.full_width = 262'144, .full_height = 1, .level = halvings}));
         EXPECT_EQ(result.reason, level);
     }
     const judgement smallest = judge(level_sample({.full_width = 1, .full_height = 1, .level = 2}));
-    EXPECT_TRUE(smallest.accepted) << smallest.reason; // all of the same size
+    EXPECT_TRUE(smallest.accepted) << smallest.reason; // all levels have the same size
 }
 
-TEST(ScanlineRecord, ChromaOfALevelEndsWhereTheRecordEndsIt)
+TEST(ScanlineRecord, ChromaOfALevelEndsAtTheRecordsLastRow)
 {
     const frame_sample sample({.full_width = 1001, .full_height = 1037, .level = 1});
     ASSERT_EQ(sample.get(format::at_last_rows + 2, 2), 258);
@@ -194,7 +194,7 @@ TEST(ScanlineRecord, ChromaOfALevelEndsWhereTheRecordEndsIt)
     }
 }
 
-TEST(ScanlineRecord, ChromaOfALevelHasARowAndAColumnAtLeast)
+TEST(ScanlineRecord, ChromaOfALevelHasAtLeastOneRowAndColumn)
 {
     const judgement result = judge(
         frame_sample({.full_width = 3, .full_height = 5, .level = 2, .x_shift = 2, .y_shift = 2}));
@@ -205,7 +205,7 @@ TEST(ScanlineRecord, ChromaOfALevelHasARowAndAColumnAtLeast)
     }
 }
 
-TEST(ScanlineRecord, ChromaOfAFullSizeEndsAtItsStride)
+TEST(ScanlineRecord, ChromaOfTheFullSizeEndsAtItsStride)
 {
     frame_sample sample({.full_width = 17, .full_height = 16});
     sample.put(format::at_strides + 2, 2, 8); // 17 >> 1
@@ -215,7 +215,7 @@ TEST(ScanlineRecord, ChromaOfAFullSizeEndsAtItsStride)
     EXPECT_EQ(result.picture.plane_width[STILLIMAGE_U], 8);
 }
 
-TEST(ScanlineRecord, UnknownAspectRatioIsThatOfSquarePixels)
+TEST(ScanlineRecord, UnknownAspectRatioMeansSquarePixels)
 {
     for (const int64_t numerator : {int64_t{0}, int64_t{-4}}) {
         frame_sample sample;
@@ -247,7 +247,7 @@ TEST(ScanlineRecord, BaseOffsetMovesPlanes)
     EXPECT_EQ(result.picture.plane[STILLIMAGE_Y], sample.area.data() + 32);
 }
 
-TEST(ScanlineRecord, EachBrokenFieldIsRefused)
+TEST(ScanlineRecord, EveryInvalidFieldIsRefused)
 {
     EXPECT_EQ(refusal_after([](frame_sample&) {}), "");
     for (size_t i = 0; i < 4; ++i) {
@@ -282,7 +282,7 @@ TEST(ScanlineRecord, UnknownSubsamplingIsRefused)
     }
 }
 
-TEST(ScanlineRecord, AllKnownSubsamplingsAreTaken)
+TEST(ScanlineRecord, KnownSubsamplingsAreAccepted)
 {
     for (const unsigned x : {0U, 1U, 2U}) {
         for (const unsigned y : {0U, 1U, 2U}) {
@@ -320,7 +320,7 @@ TEST(ScanlineRecord, PlaneOutsideTheAreaIsRefused)
     }
 }
 
-TEST(ScanlineRecord, MessageThatContradictsItselfIsRefused)
+TEST(ScanlineRecord, InconsistentMessageIsRefused)
 {
     const auto with_message = [](const std::function<void(comm_protocol::frame&)>& work) {
         return refusal_after([&](frame_sample& sample) { work(sample.message); });
@@ -337,7 +337,7 @@ TEST(ScanlineRecord, MessageThatContradictsItselfIsRefused)
     EXPECT_EQ(with_message([](auto& m) { m.area_size = 100; }), outside);
 }
 
-TEST(ScanlineRecord, RecordThatIsCutIsNotWhole)
+TEST(ScanlineRecord, TruncatedRecordIsIncomplete)
 {
     const frame_sample sample;
     EXPECT_TRUE(record_is_whole(sample.record(), format::record_size));

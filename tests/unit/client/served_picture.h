@@ -1,4 +1,4 @@
-// A sample and the picture that the library finds in it.
+// A sample and the picture that the library reads from it.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// Where things are on a contact sheet, and the letters that label them.
+// Positions of the parts of a contact sheet, and the letters of its labels.
 #include <random>
 #include <set>
 #include <string>
@@ -29,7 +29,7 @@ bool overlap(const box& one, const box& other)
            other.top < one.bottom;
 }
 
-// Everything that is drawn.
+// The boxes of everything that is drawn.
 std::vector<box> boxes_of(const sheet_content& content, const sheet_layout& layout)
 {
     std::vector<box> boxes;
@@ -93,7 +93,7 @@ TEST(SheetLayout, StillPictureWithTwoLevels)
     EXPECT_EQ(layout.size, (sheet_extent{32 + 172 + 118 + 32, 112 + 146 + 32}));
 }
 
-TEST(SheetLayout, CaptionStandsBesideALevelWhereThereIsRoom)
+TEST(SheetLayout, CaptionStandsBesideALevelIfItFits)
 {
     sheet_content content = content_for({800, 600}, 2, 1);
     const sheet_layout layout = lay_out_sheet(content);
@@ -122,7 +122,7 @@ TEST(SheetLayout, MoreFramesAreDrawnSmaller)
     }
 }
 
-TEST(SheetLayout, AnyPictureGivesABoundedSheetOnWhichNothingOverlaps)
+TEST(SheetLayout, AnyPictureGivesABoundedSheetWithoutOverlaps)
 {
     std::mt19937 random(11);
     for (int round = 0; round < 400; ++round) {
@@ -143,7 +143,7 @@ TEST(SheetLayout, AnyPictureGivesABoundedSheetOnWhichNothingOverlaps)
     }
 }
 
-TEST(SheetLayout, MostLevelsOfEachNumberOfFramesStayInBounds)
+TEST(SheetLayout, MaximumLevelsWithAnyNumberOfFramesStayInBounds)
 {
     for (size_t cards = 1; cards <= most_cards; ++cards) {
         for (const sheet_extent full : {sheet_extent{16777216, 16777216},
@@ -199,7 +199,7 @@ TEST(SheetFont, PrintableCharactersAllLookDifferent)
     EXPECT_EQ(glyph_of(' '), rows_of_glyph());
 }
 
-TEST(SheetFont, EverythingElseIsABox)
+TEST(SheetFont, OtherCharactersAreABox)
 {
     const rows_of_glyph box = {0x1F, 0x11, 0x11, 0x11, 0x11, 0x11, 0x1F, 0x00};
     EXPECT_EQ(glyph_of('\n'), box);
@@ -208,7 +208,7 @@ TEST(SheetFont, EverythingElseIsABox)
     EXPECT_EQ(glyph_of('\xFF'), box);
 }
 
-TEST(SheetFont, LetterIsWhatItIs)
+TEST(SheetFont, LetterHasItsShape)
 {
     EXPECT_EQ(glyph_of('L'), (rows_of_glyph{0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x1F, 0x00}));
     EXPECT_EQ(glyph_of('7'), (rows_of_glyph{0x1F, 0x01, 0x02, 0x04, 0x08, 0x08, 0x08, 0x00}));
@@ -223,13 +223,13 @@ TEST(SheetFont, TextIsMeasuredByItsLines)
     EXPECT_EQ(text_extent("ab\nabcd\na", 3), (sheet_extent{69, 84}));
 }
 
-TEST(SheetFont, ACharacterOfSeveralBytesIsOne)
+TEST(SheetFont, MultibyteCharacterCountsOnce)
 {
     EXPECT_EQ(drawable("a\xC3\xA4z", 60), "a\xC3z");
     EXPECT_EQ(drawable("\xE4\xB8\x96", 60).size(), 1U);
 }
 
-TEST(SheetFont, LongTextEndsInDots)
+TEST(SheetFont, LongTextEndsWithAnEllipsis)
 {
     EXPECT_EQ(drawable("abcdef", 6), "abcdef");
     EXPECT_EQ(drawable("abcdefg", 6), "abc...");

@@ -1,4 +1,4 @@
-// Frames, words and pixels of a contact sheet.
+// Frames, texts and pixels of a contact sheet.
 #include <algorithm>
 #include <cmath>
 #include <map>
@@ -20,12 +20,12 @@ namespace {
 
 // --- frames -------------------------------------------------------------------------------------
 
-// Frame numbers by their start, as a worker keeps them.
+// Start times with their frame numbers, as a worker keeps them.
 using start_times = std::map<uint64_t, uint64_t>;
 
-sheet_frames frames_of(const start_times& starts, uint64_t duration, size_t most)
+sheet_frames frames_of(const start_times& starts, uint64_t duration, size_t max)
 {
-    return frames_for_sheet(duration, most, [&](uint64_t moment) {
+    return frames_for_sheet(duration, max, [&](uint64_t moment) {
         EXPECT_LT(moment, duration);
         return std::prev(starts.upper_bound(moment))->second;
     });
@@ -45,14 +45,14 @@ TEST(SheetFrames, FewFramesAreAllShownWithTheirStarts)
     EXPECT_EQ(frames.shown, (std::vector<sheet_frame>{{1, 0}, {2, 7}, {3, 8}, {4, 100}}));
 }
 
-TEST(SheetFrames, FrameThatIsNeverOnIsLeftOut)
+TEST(SheetFrames, FrameThatIsNeverShownIsLeftOut)
 {
     const sheet_frames frames = frames_of({{0, 1}, {5, 3}}, 9, 24);
     EXPECT_EQ(frames.total, 3U);
     EXPECT_EQ(frames.shown, (std::vector<sheet_frame>{{1, 0}, {3, 5}}));
 }
 
-TEST(SheetFrames, OfManyTheFirstTheLastAndSomeBetween)
+TEST(SheetFrames, OfManyFramesTheFirstTheLastAndSomeBetweenAreShown)
 {
     start_times starts;
     for (uint64_t i = 0; i < 60; ++i) {
@@ -70,7 +70,7 @@ TEST(SheetFrames, OfManyTheFirstTheLastAndSomeBetween)
     }
 }
 
-TEST(SheetFrames, AnswersThatMakeNoSenseEndAsWell)
+TEST(SheetFrames, InconsistentAnswersEndTheSearch)
 {
     std::mt19937_64 random(3);
     int asked = 0;
@@ -83,7 +83,7 @@ TEST(SheetFrames, AnswersThatMakeNoSenseEndAsWell)
     EXPECT_TRUE(frames_for_sheet(10, 24, [](uint64_t) { return uint64_t{0}; }).shown.empty());
 }
 
-// --- words --------------------------------------------------------------------------------------
+// --- text ---------------------------------------------------------------------------------------
 
 sheet_facts facts_of(uint32_t width, uint32_t height)
 {
@@ -133,7 +133,7 @@ TEST(SheetText, TimesFollowTheScale)
     EXPECT_EQ(seconds(3, {30000, 1001}), "0.10 s");
 }
 
-TEST(SheetText, NameIsTheFilesWithoutItsFolders)
+TEST(SheetText, NameOmitsTheFolders)
 {
     EXPECT_EQ(picture_name(R"({"item": {"file": "/a/b/photo.jpg"}})", "x"), "photo.jpg");
     EXPECT_EQ(picture_name(R"({"item": {}})", "/run/s.sock"), "s.sock");
@@ -178,7 +178,7 @@ sheet_canvas canvas_with(const stillimage_picture& picture, sheet_extent size)
     return canvas;
 }
 
-// The definition: the mean of the samples under a pixel, each over the checkerboard.
+// The defining formula: the mean of the samples under a pixel, each blended over the checkerboard.
 int mean_over_board(const rgb_picture& rgb, sheet_extent shown, sheet_point at, int channel)
 {
     const uint32_t left = at.x * rgb.width / shown.width;
@@ -203,8 +203,8 @@ TEST(SheetCanvas, PicturesOfEveryKindAndSizeAreMeansOfTheirSamples)
     std::mt19937 random(5);
     for (unsigned round = 0; round < 60; ++round) {
         sample_shape shape;
-        const auto up_to = [&random](uint32_t most) {
-            return static_cast<uint32_t>(1 + random() % most);
+        const auto up_to = [&random](uint32_t max) {
+            return static_cast<uint32_t>(1 + random() % max);
         };
         shape.full_width = up_to(90);
         shape.full_height = up_to(90);
@@ -227,7 +227,7 @@ TEST(SheetCanvas, PicturesOfEveryKindAndSizeAreMeansOfTheirSamples)
     }
 }
 
-TEST(SheetCanvas, PictureInItsOwnSizeIsDrawnAsItIs)
+TEST(SheetCanvas, PictureAtItsOwnSizeIsDrawnUnchanged)
 {
     sample_shape shape;
     shape.full_width = 37;
@@ -242,7 +242,7 @@ TEST(SheetCanvas, PictureInItsOwnSizeIsDrawnAsItIs)
     }
 }
 
-TEST(SheetCanvas, PictureStaysInItsPlace)
+TEST(SheetCanvas, PictureStaysInsideItsArea)
 {
     const served one({});
     const sheet_canvas canvas = canvas_with(one.picture, {20, 14});
@@ -291,7 +291,7 @@ TEST(SheetCanvas, TextIsDrawnPixelByPixel)
     EXPECT_EQ(seen, expected);
 }
 
-TEST(SheetCanvas, FrameLiesOutside)
+TEST(SheetCanvas, FrameLiesOutsideThePicture)
 {
     sheet_canvas canvas({10, 10}, 0);
     canvas.draw_frame({3, 4}, {4, 2}, 9);
@@ -306,7 +306,7 @@ TEST(SheetCanvas, FrameLiesOutside)
                         "..........");
 }
 
-TEST(SheetCanvas, WhatPassesTheEdgeIsCut)
+TEST(SheetCanvas, DrawingIsClippedAtTheEdge)
 {
     sheet_canvas canvas({8, 8}, 0);
     canvas.draw_text({6, 6}, 3, "MMM", 9);
@@ -317,7 +317,7 @@ TEST(SheetCanvas, WhatPassesTheEdgeIsCut)
 
 // --- the call -----------------------------------------------------------------------------------
 
-TEST(SheetCall, OtherKindsOfFilesAreRefusedAtOnce)
+TEST(SheetCall, OtherFileFormatsAreRefusedImmediately)
 {
     for (const char* name : {"sheet.jpg", "sheet", "png", "sheet.png.txt"}) {
         call_options options;
@@ -331,7 +331,7 @@ TEST(SheetCall, OtherKindsOfFilesAreRefusedAtOnce)
     }
 }
 
-TEST(SheetCall, NobodyThereIsToldAsEver)
+TEST(SheetCall, MissingWorkerIsReportedAsUsual)
 {
     for (const char* name : {"sheet.png", "folder/SHEET.PNG", "-"}) {
         call_options options;

@@ -1,4 +1,4 @@
-// Workers that take their time: how long the tool waits for them, and the library under it.
+// Slow workers: how long the tool, and the library beneath it, wait for them.
 #include <atomic>
 #include <chrono>
 #include <sys/socket.h>
@@ -26,7 +26,7 @@ void pause_ms(int duration)
 // --- the limit of a whole command ----------------------------------------------------------------
 
 constexpr int limit_ms = 120;
-constexpr int step_ms = 80; // two of them are too many
+constexpr int step_ms = 80; // twice this exceeds the limit
 
 void answer(fake_peer& peer, const packet_header& request, const frame_sample& sample, int memory)
 {
@@ -46,7 +46,7 @@ void answer(fake_peer& peer, const packet_header& request, const frame_sample& s
     }
 }
 
-// Each answer alone is well within the limit.
+// Each single answer arrives well within the limit.
 outcome run_against_slow_worker(exit_status (*call)(const call_options&), call_options options)
 {
     const frame_sample sample;
@@ -69,7 +69,7 @@ outcome run_against_slow_worker(exit_status (*call)(const call_options&), call_o
     return result;
 }
 
-TEST(TimeLimit, IsThatOfTheWholeCommand)
+TEST(TimeLimit, CoversTheWholeCommand)
 {
     const temporary_folder folder;
     call_options options;
@@ -81,13 +81,13 @@ TEST(TimeLimit, IsThatOfTheWholeCommand)
     for (const auto call : {call_wait, call_status, call_frame, call_save, call_dump, call_play,
                             call_sheet, call_set, call_quit}) {
         const outcome result = run_against_slow_worker(call, options);
-        EXPECT_EQ(result.status, STATUS_TIME_LIMIT) << result.told;
+        EXPECT_EQ(result.status, STATUS_TIME_LIMIT) << result.messages;
         EXPECT_TRUE(result.out.empty());
-        EXPECT_THAT(result.told, testing::EndsWith(" (try a longer --timeout)\n"));
+        EXPECT_THAT(result.messages, testing::EndsWith(" (try a longer --timeout)\n"));
     }
 }
 
-TEST(TimeLimit, OfAWatchIsUntilTheFirstDocument)
+TEST(TimeLimit, OfWatchAppliesUntilTheFirstDocument)
 {
     call_options options;
     options.watch = true;
@@ -103,7 +103,7 @@ TEST(TimeLimit, OfAWatchIsUntilTheFirstDocument)
                 peer.hang_up();
             },
             call_status, options);
-        EXPECT_EQ(silent.status, STATUS_DONE) << silent.told;
+        EXPECT_EQ(silent.status, STATUS_DONE) << silent.messages;
         EXPECT_EQ(silent.out, "{}\n");
         EXPECT_EQ(time.passed_ms(), step_ms + 10 * limit_ms);
     }
@@ -118,8 +118,8 @@ TEST(TimeLimit, OfAWatchIsUntilTheFirstDocument)
     EXPECT_EQ(time.passed_ms(), limit_ms);
 }
 
-// The limit that is used up does not turn into the wish not to wait.
-TEST(TimeLimit, PassedBeforeTheFrameIsNoRequestWithoutPatience)
+// An exhausted limit must not turn into a request that does not wait.
+TEST(TimeLimit, ExhaustedBeforeTheFrameStillRequestsWithWaiting)
 {
     std::atomic<int> flags = -1;
     const fake_worker worker([&](fake_peer& peer) {
@@ -146,9 +146,9 @@ TEST(TimeLimit, PassedBeforeTheFrameIsNoRequestWithoutPatience)
     EXPECT_EQ(flags, static_cast<int>(get_frame_wait));
 }
 
-// --- workers that are there but busy ---------------------------------------------------------------
+// --- workers that exist but are busy -------------------------------------------------------------
 
-// A socket whose queue of connections is full until it is served.
+// A socket whose connection queue is full until make_room() is called.
 class busy_listener {
 public:
     explicit busy_listener(const std::string& path)
@@ -169,9 +169,9 @@ public:
         close(listener_);
     }
 
-    // Takes the connection that fills the queue, so that there is room for the next one ...
+    // Accepts the connection that fills the queue, which makes room for the next one.
     void make_room() const { close(accept(listener_, nullptr, nullptr)); }
-    // ... and greets that.
+    // Accepts the next connection and greets its client.
     void greet_next() const { fake_peer(accept(listener_, nullptr, nullptr)).greet(); }
 
 private:
@@ -196,7 +196,8 @@ exit_status open_session(const call_options& options)
     return opened.open(options);
 }
 
-// Of what makes room at `busy_ms` and greets then. The patience of the call is without end.
+// The result of `call`, which has no time limit, while room is made and the client greeted at
+// `busy_ms`.
 template <typename Call>
 auto against_full_queue(int busy_ms, Call call)
 {
@@ -216,10 +217,10 @@ auto against_full_queue(int busy_ms, Call call)
     return result;
 }
 
-constexpr int start_ms = 2000; // in which a worker has to be there
+constexpr int start_ms = 2000; // how long the tool waits for a socket to appear
 constexpr int busy_ms = 10 * start_ms;
 
-TEST(TimeLimit, BusyWorkerIsWaitedForLongerThanOneThatIsNotThere)
+TEST(TimeLimit, BusyWorkerIsWaitedForLongerThanAMissingOne)
 {
     const fake_worker late([](fake_peer& peer) {
         peer.greet();
@@ -236,7 +237,7 @@ TEST(TimeLimit, BusyWorkerIsWaitedForLongerThanOneThatIsNotThere)
     EXPECT_EQ(against_full_queue(busy_ms, open_without_limit), STATUS_DONE);
 }
 
-TEST(TimeLimit, WorkerThatIsNotThereIsLookedForBriefly)
+TEST(TimeLimit, MissingWorkerIsWaitedForBriefly)
 {
     const temporary_folder folder;
     for (const int timeout_ms : {-1, 2 * busy_ms}) {
@@ -276,7 +277,7 @@ TEST(TimeLimit, BusyWorkerIsNotWaitedForBeyondTheLimit)
                   " did not take the connection in time (try a longer --timeout)\n");
 }
 
-TEST(TimeLimit, OfTheLibraryRulesOnceAWorkerIsThere)
+TEST(TimeLimit, OfTheLibraryAppliesToABusyWorker)
 {
     const auto open_within = [](const std::string& path, int timeout_ms) {
         return opened(path, timeout_ms).result;

@@ -1,4 +1,4 @@
-// The walk through a timeline, and the call that takes it from a worker.
+// The timeline walk, and the call that fetches a timeline from a worker.
 #include <algorithm>
 #include <numeric>
 #include <random>
@@ -13,7 +13,7 @@ namespace {
 
 using namespace comm_protocol;
 
-// Frames that are shown for these times, and how often one was asked for.
+// Frames shown for the given delays; counts the queries.
 struct counted_frames {
     explicit counted_frames(const std::vector<uint64_t>& shown) : delays(shown), ends(shown)
     {
@@ -21,7 +21,7 @@ struct counted_frames {
     }
     uint64_t number_at(uint64_t moment)
     {
-        ++questions;
+        ++queries;
         EXPECT_LT(moment, ends.back());
         const auto end = std::upper_bound(ends.begin(), ends.end(), moment);
         return static_cast<uint64_t>(end - ends.begin()) + 1;
@@ -45,10 +45,10 @@ struct counted_frames {
 
     std::vector<uint64_t> delays;
     std::vector<uint64_t> ends;
-    uint64_t questions = 0;
+    uint64_t queries = 0;
 };
 
-TEST(ClientTimelineWalk, AnyDelaysAreFound)
+TEST(ClientTimelineWalk, FindsAnyDelays)
 {
     std::mt19937 random(1);
     for (int round = 0; round < 500 && !testing::Test::HasFailure(); ++round) {
@@ -60,25 +60,25 @@ TEST(ClientTimelineWalk, AnyDelaysAreFound)
     }
 }
 
-TEST(ClientTimelineWalk, LikeDelaysCostThreeQuestionsAFrame)
+TEST(ClientTimelineWalk, EqualDelaysCostThreeQueriesAFrame)
 {
     counted_frames frames(std::vector<uint64_t>(1000, 10));
     frames.expect_found();
-    EXPECT_LE(frames.questions, 3010U);
+    EXPECT_LE(frames.queries, 3010U);
 }
 
-TEST(ClientTimelineWalk, FrameThatIsNotToBeHadEndsIt)
+TEST(ClientTimelineWalk, MissingFrameEndsIt)
 {
-    int questions = 0;
+    int queries = 0;
     int entries = 0;
     EXPECT_FALSE(walk_timeline(
-        100, [&](uint64_t) { return static_cast<uint64_t>(++questions > 10000); },
+        100, [&](uint64_t) { return static_cast<uint64_t>(++queries > 10000); },
         [&](const stillimage_timeline_entry&) { return ++entries > 0; }));
-    EXPECT_EQ(questions, 1);
+    EXPECT_EQ(queries, 1);
     EXPECT_EQ(entries, 0);
 }
 
-TEST(ClientTimelineWalk, TakerEndsIt)
+TEST(ClientTimelineWalk, CallbackEndsIt)
 {
     counted_frames frames({10, 10, 10});
     int entries = 0;
@@ -88,22 +88,22 @@ TEST(ClientTimelineWalk, TakerEndsIt)
     EXPECT_EQ(entries, 2);
 }
 
-TEST(ClientTimelineWalk, NumbersInDisorderDoNotHoldItUp)
+TEST(ClientTimelineWalk, UnorderedFrameNumbersDoNotStallIt)
 {
     std::mt19937 random(1);
-    uint64_t questions = 0;
+    uint64_t queries = 0;
     int entries = 0;
     walk_timeline(
         UINT64_C(1) << 50,
         [&](uint64_t) -> uint64_t {
-            ++questions;
+            ++queries;
             return 1 + random() % 2;
         },
         [&](const stillimage_timeline_entry& entry) {
             EXPECT_GE(entry.duration, 1U);
             return ++entries < 10'000;
         });
-    EXPECT_LE(questions, 10'000U * 110);
+    EXPECT_LE(queries, 10'000U * 110);
 }
 
 // --- the status document -------------------------------------------------------------------------
@@ -121,7 +121,7 @@ TEST(ClientTimelineFacts, AreFoundAmongOtherValues)
     EXPECT_EQ(read_timeline_facts(R"({"item": {"time duration": 1000000000000001}})").duration, 1U);
 }
 
-TEST(ClientTimelineFacts, EveryCutOfADocumentIsRead)
+TEST(ClientTimelineFacts, EveryTruncationOfADocumentIsRead)
 {
     const std::string document =
         R"({"a": "\"", "b": [{}, "]", -1.5e3], "item": {"time scale": [100, 1], "time duration": 42}})";
@@ -142,7 +142,8 @@ TEST(ClientTimelineFacts, EveryCutOfADocumentIsRead)
 
 // --- the call ------------------------------------------------------------------------------------
 
-// Answers for frames shown from these moments on, numbered by `number_of`.
+// A worker whose frame at each time has the number `number_of(time)`. `held` counts the frames not
+// released yet.
 std::function<void(fake_peer&)> serving(const frame_sample& sample, const std::string& document,
                                         const std::function<uint64_t(uint64_t)>& number_of,
                                         int* held)
@@ -177,7 +178,7 @@ std::function<void(fake_peer&)> serving(const frame_sample& sample, const std::s
 constexpr const char* three_units_of_ten =
     R"({"item": {"time scale": [100, 1], "time duration": 30}})";
 
-TEST(ClientTimeline, IsTakenFromAWorker)
+TEST(ClientTimeline, IsFetchedFromAWorker)
 {
     const frame_sample sample;
     int held = 0;
@@ -205,10 +206,10 @@ TEST(ClientTimeline, IsTakenFromAWorker)
         stillimage_timeline_free(timeline);
         stillimage_timeline_free(nullptr);
     }
-    EXPECT_EQ(held, 0); // every frame went back
+    EXPECT_EQ(held, 0); // every frame was released
 }
 
-// What the call comes to at a worker that numbers its frames like this.
+// The result of the call with a worker that numbers its frames with `number_of`.
 stillimage_result result_for(const std::string& document,
                              const std::function<uint64_t(uint64_t)>& number_of, std::string* error)
 {
@@ -224,7 +225,7 @@ stillimage_result result_for(const std::string& document,
     return result;
 }
 
-TEST(ClientTimeline, FrameWithoutNumberBreaksTheProtocol)
+TEST(ClientTimeline, FrameWithoutNumberIsAProtocolError)
 {
     std::string error;
     EXPECT_EQ(result_for(

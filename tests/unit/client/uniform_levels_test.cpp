@@ -1,6 +1,6 @@
-// Pictures of one colour through the worker's own decoders and pyramid: what clients see of each level
-// is that colour. By the filter's rule the last column of a level may take in what lies behind the
-// last column above it; there is no such exception for rows.
+// Pictures of one colour, through the worker's own decoders and pyramid: clients see that colour in
+// every level. By the filter's rule the last column of a level may include what lies behind the
+// last column of the level above it. Rows have no such exception.
 #include <algorithm>
 #include <cstdlib>
 #include <string>
@@ -25,7 +25,7 @@ namespace {
 
 using file_bytes = std::vector<unsigned char>;
 
-constexpr int tolerance = 3; // lossy pictures are not of one colour to the last bit
+constexpr int tolerance = 3; // lossy compression does not keep a colour exactly
 
 file_bytes red_jpeg(int width, int height, jpeg_writer::factors luma)
 {
@@ -78,7 +78,8 @@ file_bytes red_tiff(int width, int height)
     return write_tiff(tiff);
 }
 
-// The furthest that samples of a plane lie from `colour`: in the last column, and in all before it.
+// The greatest differences of a plane's samples from `colour`: in the last column, and in all
+// others.
 struct distance {
     int last_column = 0;
     int others = 0;
@@ -139,9 +140,9 @@ protected:
         return picture;
     }
 
-    // `last_chroma` is how far subsampled chroma may be off in the last column; `padded` says that a
-    // width above is odd: by rule a quarter of that last column, and so at most half of any, is
-    // what lies behind it.
+    // `last_chroma` is the greatest error of subsampled chroma in the last column. `padded` means
+    // that the width above is odd. Then, by the filter's rule, at most half of a sample in the last
+    // column comes from the padding.
     static void expect_level(const stillimage_picture& full, const stillimage_picture& level,
                              int last_chroma, bool padded)
     {
@@ -174,7 +175,7 @@ protected:
         }
     }
 
-    // 200 sizes that are odd across, down or both.
+    // 200 sizes, odd in one or both directions.
     template <typename Work>
     static void for_each_size(Work work)
     {
@@ -206,7 +207,7 @@ TEST_F(UniformLevels, OfJpegsOfEverySubsampling)
     });
 }
 
-// Their padding is grey by rule; a sixteenth of it and more gets into the last column.
+// The padding of these pictures is grey by rule; at least a sixteenth of it enters the last column.
 TEST_F(UniformLevels, OfWebpsWithAndWithoutAlpha)
 {
     constexpr int eighth_of_red = (240 - 128) / 8;
@@ -227,7 +228,7 @@ TEST_F(UniformLevels, OfPicturesWhoseChromaIsNotSubsampled)
     });
 }
 
-TEST_F(UniformLevels, WhiteWebpOfAnOddLevelHeightIsWhiteToItsLastRow)
+TEST_F(UniformLevels, WhiteWebpOfAnOddLevelHeightIsWhiteInItsLastRow)
 {
     open(lossless_webp(1000, 1038, file_bytes(size_t{1000} * 1038 * 4, 255)));
     const stillimage_picture level = picture_of(mipmap[0]);
@@ -235,7 +236,7 @@ TEST_F(UniformLevels, WhiteWebpOfAnOddLevelHeightIsWhiteToItsLastRow)
     EXPECT_EQ(rgb_of(level), std::vector<uint8_t>(size_t{500} * 519 * 3, 255));
 }
 
-TEST_F(UniformLevels, RedJpegOfAnOddLevelHeightIsRedToItsLastRow)
+TEST_F(UniformLevels, RedJpegOfAnOddLevelHeightIsRedInItsLastRow)
 {
     open(red_jpeg(160, 1552, {2, 2}));
     const stillimage_picture level = picture_of(mipmap[3]);

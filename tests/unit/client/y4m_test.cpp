@@ -7,7 +7,7 @@
 
 namespace {
 
-// The plane at these sizes, each sample taken from where the shifts lead.
+// The plane at this size; the shifts say which sample each pixel takes.
 std::string plane(const served_picture& served, size_t p, uint32_t width, uint32_t height,
                   unsigned x_shift = 0, unsigned y_shift = 0)
 {
@@ -32,7 +32,7 @@ std::string start(const std::string& tag, const std::string& pixel_aspect)
 
 constexpr const char* pixel_16_9 = "16:15"; // (16 * 3) / (9 * 5)
 
-TEST(Y4m, KeepsTheSubsamplingsItKnows)
+TEST(Y4m, KeepsKnownSubsamplings)
 {
     const struct {
         unsigned x_shift, y_shift;
@@ -91,10 +91,10 @@ TEST(Y4m, EverySmallSizeHasWholePlanes)
     }
 }
 
-TEST(Y4m, ChromaThatEndsEarlyGoesOnWithItsLastSample)
+TEST(Y4m, ChromaThatEndsEarlyRepeatsItsLastSample)
 {
     served_picture served({.full_width = 5, .full_height = 1});
-    served.picture.plane_width[STILLIMAGE_U] = 2; // of a reduced level
+    served.picture.plane_width[STILLIMAGE_U] = 2; // as in a reduced level
     const std::string file = y4m_file(served.picture);
     const std::string u = file.substr(file.size() - 6, 3);
     EXPECT_EQ(u, plane(served, 1, 2, 1) + static_cast<char>(served.at(1, 1, 0)));
@@ -129,14 +129,14 @@ TEST(Y4m, PicturesOfAnotherSizeOrKindDoNotFit)
     }
 }
 
-TEST(Y4m, HeaderTellsTheRate)
+TEST(Y4m, HeaderHasTheRate)
 {
     const served_picture served({.full_width = 5, .full_height = 3, .chroma = false});
     EXPECT_EQ(y4m_header(served.picture, y4m_shape_of(served.picture), {30000, 1001}),
               "YUV4MPEG2 W5 H3 F30000:1001 Ip A16:15 Cmono XCOLORRANGE=LIMITED\n");
 }
 
-TEST(Y4m, TellsThePixelAspectRatio)
+TEST(Y4m, HeaderHasThePixelAspectRatio)
 {
     served_picture served({.full_width = 5, .full_height = 3, .chroma = false});
     const auto header_with = [&](int64_t numerator, int64_t denominator) {

@@ -1,4 +1,4 @@
-// Pictures as packed pixels: at their own size, at any other, and what is refused.
+// Conversion to packed pixels: at the picture's own size, at other sizes, and invalid arguments.
 #include <algorithm>
 #include <cmath>
 #include <random>
@@ -31,7 +31,7 @@ pixels at_own_size(const stillimage_picture& picture, uint32_t format)
     return convert(picture, format, picture.width, picture.height);
 }
 
-// What the result at `at` of `to` takes from sample `i` of `from`.
+// The share of source sample `i` of `from` in the result sample `at` of `to`.
 double share(uint32_t at, uint32_t to, uint32_t i, uint32_t from)
 {
     if (to < from) {
@@ -50,7 +50,7 @@ struct extent {
     uint32_t height;
 };
 
-// The definition, sample by sample, on the converted picture.
+// The defining formula, sample by sample, applied to the converted picture.
 std::vector<double> reference(const pixels& from, extent size, extent wanted, uint32_t channels)
 {
     std::vector<double> result;
@@ -83,7 +83,7 @@ void expect_scaled(const stillimage_picture& picture, uint32_t format, extent wa
     const pixels source = at_own_size(picture, format);
     const pixels made = convert(picture, format, wanted.width, wanted.height);
     if (wanted.width == picture.width && wanted.height == picture.height) {
-        EXPECT_EQ(made, source); // colours that cannot be seen are kept
+        EXPECT_EQ(made, source); // invisible colours are kept
         return;
     }
     const auto expected = reference(source, {picture.width, picture.height}, wanted, channels);
@@ -94,7 +94,7 @@ void expect_scaled(const stillimage_picture& picture, uint32_t format, extent wa
     }
 }
 
-TEST(ConvertPixels, AnySizeIsMadeOfAnySize)
+TEST(ConvertPixels, EverySizeScalesToEverySize)
 {
     const uint32_t sizes[] = {1, 2, 3, 5, 8, 13, 21};
     for (const uint32_t from : sizes) {
@@ -129,7 +129,7 @@ TEST(ConvertPixels, OnePixelGrowsToOneColour)
     }
 }
 
-TEST(ConvertPixels, WhatCannotBeSeenDoesNotShineThrough)
+TEST(ConvertPixels, TransparentColoursDoNotBleedIntoVisibleOnes)
 {
     const uint8_t luma[2] = {235, 16};
     const uint8_t alpha[2] = {0, 100};
@@ -161,13 +161,13 @@ TEST(ConvertPixels, OpaquePictureHasFullAlpha)
     }
 }
 
-TEST(ConvertPixels, BytesBehindARowStay)
+TEST(ConvertPixels, BytesAfterARowAreNotWritten)
 {
     const served_picture served({.full_width = 5, .full_height = 3});
     for (const extent size : {extent{5, 3}, extent{4, 6}}) {
         const size_t row = size_t{size.width} * 3;
         const size_t stride = row + 7;
-        const size_t last = stride * (size.height - 1) + row; // nothing is needed behind it
+        const size_t last = stride * (size.height - 1) + row; // the last row needs no padding
         pixels made(last, 0xA5);
         ASSERT_EQ(stillimage_picture_to_pixels(&served.picture, STILLIMAGE_RGB24, size.width,
                                                size.height, made.data(), stride),
@@ -186,7 +186,7 @@ TEST(ConvertPixels, SamplesOutsideThePlanesAreNotRead)
         const sample_shape shape = {.full_width = width, .full_height = 3};
         served_picture served(shape);
         std::vector<std::unique_ptr<GuardedBytes>> guards;
-        for (size_t p = 0; p < 3; ++p) { // planes that end with their last sample
+        for (size_t p = 0; p < 3; ++p) { // planes that end at their last sample
             const uint32_t plane_width = served.picture.plane_width[p];
             const uint32_t rows = served.picture.plane_height[p];
             pixels dense;
@@ -205,7 +205,7 @@ TEST(ConvertPixels, SamplesOutsideThePlanesAreNotRead)
     }
 }
 
-TEST(ConvertPixels, WhatMakesNoSenseIsRefused)
+TEST(ConvertPixels, InvalidArgumentsAreRefused)
 {
     served_picture served({.full_width = 5, .full_height = 3, .alpha = true});
     uint8_t room[5 * 3 * 4] = {};

@@ -1,4 +1,4 @@
-// PNG files of pictures and of packed pixels, in memory and on descriptors.
+// PNG files of pictures and of packed pixels, written to memory and to descriptors.
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -66,7 +66,7 @@ TEST(ConvertPng, PictureReadsBackAtEverySize)
     }
 }
 
-TEST(ConvertPng, FileBeyondTheFirstRoomReadsBack)
+TEST(ConvertPng, FileLargerThanTheFirstBufferReadsBack)
 {
     const served_picture served({.full_width = 700, .full_height = 500});
     const std::string file = in_memory(served.picture);
@@ -112,7 +112,7 @@ TEST(ConvertPng, DescriptorReceivesTheSameFile)
     EXPECT_EQ(folder.read("picture.png"), in_memory(served.picture));
 }
 
-TEST(ConvertPng, PipeThatDoesNotBlockIsWaitedFor)
+TEST(ConvertPng, NonBlockingPipeIsWaitedFor)
 {
     const served_picture served({.full_width = 700, .full_height = 500}); // more than a pipe holds
     int ends[2] = {-1, -1};
@@ -133,7 +133,7 @@ TEST(ConvertPng, PipeThatDoesNotBlockIsWaitedFor)
     EXPECT_EQ(read_by_other, in_memory(served.picture));
 }
 
-TEST(ConvertPng, PipeWithoutReaderIsAnErrorAndNoSignal)
+TEST(ConvertPng, PipeWithoutReaderIsAnErrorWithoutASignal)
 {
     const served_picture served({});
     const int status = run_in_child([&] {
@@ -141,7 +141,7 @@ TEST(ConvertPng, PipeWithoutReaderIsAnErrorAndNoSignal)
         if (pipe2(ends, O_CLOEXEC) != 0 || close(ends[0]) != 0) {
             return 2;
         }
-        signal(SIGPIPE, SIG_DFL); // would end the process
+        signal(SIGPIPE, SIG_DFL); // would end the process if it were raised
         const bool failed =
             stillimage_picture_write_png(&served.picture, ends[1]) == STILLIMAGE_ERROR_SYSTEM &&
             errno == EPIPE;
@@ -156,7 +156,7 @@ TEST(ConvertPng, PipeWithoutReaderIsAnErrorAndNoSignal)
     EXPECT_EQ(status, 0);
 }
 
-TEST(ConvertPng, SignalOfSomebodyElseStaysPending)
+TEST(ConvertPng, PendingSignalFromElsewhereStaysPending)
 {
     const served_picture served({});
     const int status = run_in_child([&] {
@@ -177,7 +177,7 @@ TEST(ConvertPng, SignalOfSomebodyElseStaysPending)
     EXPECT_EQ(status, 0);
 }
 
-TEST(ConvertPng, FullDiskIsTold)
+TEST(ConvertPng, FullDiskIsReported)
 {
     const served_picture served({});
     const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
@@ -189,7 +189,7 @@ TEST(ConvertPng, FullDiskIsTold)
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST(ConvertPng, WhatMakesNoSenseIsRefused)
+TEST(ConvertPng, InvalidArgumentsAreRefused)
 {
     const served_picture served({.full_width = 5, .full_height = 3});
     const uint8_t pixels[12] = {};

@@ -1,4 +1,5 @@
-// What the calls for YUV4MPEG2 refuse, and the sizes that they tell; y4m_test.cpp has the bytes.
+// Which arguments the YUV4MPEG2 calls refuse and which sizes they report. y4m_test.cpp tests the
+// bytes.
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -7,7 +8,7 @@
 
 namespace {
 
-TEST(ConvertY4m, StreamTellsSizeAndKind)
+TEST(ConvertY4m, StreamReportsSizeAndKind)
 {
     const struct {
         sample_shape shape;
@@ -71,7 +72,7 @@ TEST(ConvertY4m, LongestHeaderFits256Bytes)
         STILLIMAGE_OK);
 }
 
-TEST(ConvertY4m, WhatMakesNoSenseIsRefused)
+TEST(ConvertY4m, InvalidArgumentsAreRefused)
 {
     const served_picture served({.full_width = 5, .full_height = 3});
     const stillimage_picture& picture = served.picture;

@@ -22,7 +22,7 @@ protected:
     }
 };
 
-TEST_F(ExamineFile, FramesStartAtOneBeforeAnythingIsLookedAt)
+TEST_F(ExamineFile, FrameCountIsOneBeforeAnythingIsExamined)
 {
     image_decoded_frames = 9;
     scripted::set_picture("short", 5);
@@ -87,7 +87,7 @@ TEST_F(ExamineFile, EveryOldSizeEntryOfTheItemIsReplaced)
                                 "image siz=5 x 5", "=6 x 6", "image size=30 x 20"}));
 }
 
-TEST_F(ExamineFile, HolesInTheListAreSteppedOver)
+TEST_F(ExamineFile, HolesInTheListAreSkipped)
 {
     add_entry("gone", "1");
     add_entry("image size", "1 x 1");
@@ -145,7 +145,7 @@ TEST_P(ExamineFileFailure, NamesTheFormat)
     EXPECT_EQ(entries(), texts{});
 }
 
-TEST_P(ExamineFileFailure, NoFileHandleIsToldFirst)
+TEST_P(ExamineFileFailure, MissingFileHandleIsReportedFirst)
 {
     scripted::set_picture("0123456789abcdef", 16);
     scripted::plan.file_handle_fails = true;

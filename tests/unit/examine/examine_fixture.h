@@ -1,5 +1,5 @@
-// Common ground of the examination tests: everything as at program start, standard error at hand,
-// and nothing left open afterwards.
+// Base of the examination tests: resets all state, captures standard error and expects that nothing
+// stays open.
 #pragma once
 
 #include <string>
@@ -13,22 +13,22 @@
 class ExamineFixture : public testing::Test {
 protected:
     void SetUp() override;
-    void TearDown() override; // also expects that no descriptor is left
+    void TearDown() override; // also expects that no descriptor leaked
 
-    static void start_anew(); // as SetUp, within a test
+    static void start_anew(); // like SetUp, within a test
 
-    // What was printed on standard error since the last call.
+    // The standard error output since the last call.
     std::string printed();
-    void leave_stderr_alone(); // before a death test, which wants it for itself
+    void leave_stderr_alone(); // before a death test, which captures it itself
 
     static void add_entry(const std::string& name, const std::string& value, int tag = -1);
-    static std::vector<std::string> entries(); // "name=value", holes left out
+    static std::vector<std::string> entries(); // "name=value", without holes
 
 private:
     size_t descriptors_at_start_ = 0;
     bool captured_ = false;
 };
 
-std::vector<unsigned char> read_test_file(const std::string& path); // below tests/data
+std::vector<unsigned char> read_test_file(const std::string& path); // path below tests/data
 
 size_t open_descriptors();

@@ -1,4 +1,4 @@
-// The list of frames that is loaded, and what a frame says about how it is shown.
+// Loading the list of frames, and the display settings of each frame.
 #include <algorithm>
 #include <optional>
 #include <random>
@@ -18,7 +18,7 @@ using bytes = std::vector<unsigned char>;
 
 class GifControl : public testing::Test {
 protected:
-    // A frame whose blocks live as long as the fixture.
+    // A frame with these blocks, which the fixture owns.
     SavedImage frame_with(const std::vector<std::pair<int, bytes>>& blocks)
     {
         contents_ = blocks;
@@ -37,7 +37,7 @@ private:
     std::vector<ExtensionBlock> blocks_;
 };
 
-TEST_F(GifControl, FrameWithoutOneHasDelayTen)
+TEST_F(GifControl, FrameWithoutControlBlockHasDelayTen)
 {
     const gif_frame_control control = read_gif_frame_control(frame_with({}));
     EXPECT_EQ(control.disposal, 0U);
@@ -63,7 +63,7 @@ TEST_F(GifControl, DisposalIsThreeBits)
     }
 }
 
-TEST_F(GifControl, LastBlockWinsAndOthersAreGoneOver)
+TEST_F(GifControl, LastValidBlockCountsAndOthersAreSkipped)
 {
     const auto control = read_gif_frame_control(frame_with({{0xF9, {4, 7, 0, 0}},
                                                             {0xF9, {8, 9, 0, 0, 0}},
@@ -99,7 +99,7 @@ protected:
         return found;
     }
 
-    // Of the blocks only what they say is kept.
+    // Only the meaning of the blocks is kept, not the blocks themselves.
     static void expect_same_control(const SavedImage& frame, const SavedImage& expected)
     {
         EXPECT_LE(frame.ExtensionBlockCount, 2);
@@ -109,7 +109,7 @@ protected:
         EXPECT_EQ(transparent_index(frame), transparent_index(expected));
     }
 
-    // The library's rows are those of the picture.
+    // The library keeps whole rows, `frame` only the visible part of them.
     static void expect_same_visible_part(const SavedImage& frame, const SavedImage& expected)
     {
         EXPECT_FALSE(frame.ImageDesc.Interlace);
@@ -256,7 +256,7 @@ TEST_F(GifLoading, InterlacedFramesOfEveryHeight)
     }
 }
 
-TEST_F(GifLoading, CutAtEveryByte)
+TEST_F(GifLoading, FileTruncatedAtEveryByte)
 {
     const bytes whole = animation();
     for (size_t length = 0; length < whole.size(); ++length) {

@@ -1,4 +1,4 @@
-// What a frame of a GIF costs beside its raster, however many the file has.
+// How much memory a GIF frame takes besides its raster, in a file with very many frames.
 #include <malloc.h>
 
 #include "bin/examine/gif.h"
@@ -10,8 +10,8 @@ namespace {
 
 constexpr unsigned frames = 20'000;
 
-// Frames of one pixel with everything that may be kept of one: a colour map of the largest size, and
-// graphic-control blocks, more of them than are kept.
+// Frames of one pixel with everything a frame may carry: the largest colour map, and more
+// graphic-control blocks than are kept.
 std::vector<unsigned char> file_of_rich_frames()
 {
     constexpr unsigned char graphic_control = 0xF9;
@@ -28,7 +28,7 @@ std::vector<unsigned char> file_of_rich_frames()
 
 class GifMemory : public ExamineFixture {};
 
-TEST_F(GifMemory, FrameTakesLessThanOneAndAHalfKibibytesBesideItsRaster)
+TEST_F(GifMemory, FrameTakesLessThanOneAndAHalfKibibytesBesidesItsRaster)
 {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "a sanitizer has an allocator of its own";
@@ -40,7 +40,7 @@ TEST_F(GifMemory, FrameTakesLessThanOneAndAHalfKibibytesBesideItsRaster)
     EXPECT_EQ(image_decoded_frames, frames);
     EXPECT_EQ(gif_image->ImageCount, static_cast<int>(frames));
     const size_t taken = (after.uordblks + after.hblkhd) - (before.uordblks + before.hblkhd);
-    EXPECT_GT(taken, size_t{frames} * 256 * 3); // the colour maps are among it
+    EXPECT_GT(taken, size_t{frames} * 256 * 3); // this includes the colour maps
     EXPECT_LT(taken, size_t{frames} * 1536);
 }
 

@@ -46,7 +46,7 @@ TEST_F(GifExamination, ScreenIsReportedAndPublished)
     EXPECT_NE(gif_image, nullptr);
 }
 
-TEST_F(GifExamination, AlphaPlaneEvenWithoutATransparentColour)
+TEST_F(GifExamination, AlphaPlaneExistsWithoutATransparentColour)
 {
     ASSERT_EQ(examine({.frames = {{.indices = {0}}}}), 0);
     EXPECT_EQ(image_has_alpha_channel, 1);
@@ -59,7 +59,7 @@ TEST_F(GifExamination, SizesAreNotLimited)
     EXPECT_EQ(image_buffer_height, 65536);
 }
 
-TEST_F(GifExamination, EmptyScreenIsRefusedWhateverItsImagesAre)
+TEST_F(GifExamination, EmptyScreenIsRefusedWhateverItsImages)
 {
     for (const auto& [width, height] : {std::pair{0U, 5U}, std::pair{5U, 0U}}) {
         EXPECT_EQ(
@@ -80,7 +80,7 @@ TEST_F(GifExamination, NoImageIsRefused)
     EXPECT_EQ(gif_image, nullptr);
 }
 
-TEST_F(GifExamination, FileThatIsNoGifIsRefused)
+TEST_F(GifExamination, InvalidGifIsRefused)
 {
     EXPECT_EQ(examine_bytes(bytes(100, 'x')), 1);
     EXPECT_EQ(printed(), "Cannot open GIF\n");
@@ -122,7 +122,7 @@ TEST_F(GifExamination, BrokenLastFrameKeepsItsSlotWithoutARaster)
 {
     ASSERT_EQ(examine({.frames = {varied_gif_frame(2, 2, 50), {.width = 0, .height = 4}}}), 0);
     EXPECT_EQ(image_decoded_frames, 2U);
-    EXPECT_EQ(image_mapping_total, 60U); // the broken one has no control: 10
+    EXPECT_EQ(image_mapping_total, 60U); // the broken frame has no control block: 10
     EXPECT_NE(gif_image->SavedImages[0].RasterBits, nullptr);
     EXPECT_EQ(gif_image->SavedImages[1].RasterBits, nullptr);
     EXPECT_EQ(printed().substr(0, 22), "GIF reading error (?)\n");
@@ -136,10 +136,10 @@ TEST_F(GifExamination, RasterWithoutMemoryIsAReadingError)
     EXPECT_EQ(printed().substr(0, 22), "GIF reading error (?)\n");
 }
 
-TEST_F(GifExamination, FrameOfGigabytesThatIsNotThereIsAReadingError)
+TEST_F(GifExamination, MissingDataOfAHugeFrameIsAReadingError)
 {
-    // 46340 x 46340 indices claimed, none there; one pixel more on a side is beyond what can be
-    // counted.
+    // 46340 x 46340 pixels are claimed, none are present. With one more pixel a side the number of
+    // pixels overflows.
     for (const unsigned side : {46340U, 46341U, 65535U}) {
         gif_frame_spec frame = {.width = side, .height = side};
         ASSERT_EQ(examine({.frames = {frame}}), 0);
@@ -152,7 +152,7 @@ TEST_F(GifExamination, FrameOfGigabytesThatIsNotThereIsAReadingError)
     }
 }
 
-TEST_F(GifExamination, UnreadRestOfACutFrameIsIndexZero)
+TEST_F(GifExamination, MissingRestOfATruncatedFrameIsIndexZero)
 {
     gif_spec spec = {.width = 20, .height = 20, .frames = {varied_gif_frame(20, 20, 5)}};
     const bytes expected = spec.frames[0].indices;
@@ -175,7 +175,7 @@ TEST_F(GifExamination, InterlacedRowsStayInTheOrderOfTheFile)
     EXPECT_EQ(bytes(loaded.RasterBits, loaded.RasterBits + 30), frame.indices);
 }
 
-TEST_F(GifExamination, FrameThatJutsOutIsKeptAsFarAsItIsSeen)
+TEST_F(GifExamination, FrameBeyondTheScreenIsClipped)
 {
     gif_frame_spec frame = varied_gif_frame(5, 9, 5);
     frame.left = 7;
@@ -195,7 +195,7 @@ TEST_F(GifExamination, FrameThatJutsOutIsKeptAsFarAsItIsSeen)
     }
 }
 
-TEST_F(GifExamination, FrameThatIsNotSeenHasNoRaster)
+TEST_F(GifExamination, FrameOutsideTheScreenHasNoRaster)
 {
     gif_frame_spec frame = varied_gif_frame(5, 9, 5);
     frame.left = 9;
@@ -205,10 +205,10 @@ TEST_F(GifExamination, FrameThatIsNotSeenHasNoRaster)
     EXPECT_EQ(image_mapping_total, 12U);
 }
 
-TEST_F(GifExamination, FrameMuchLargerThanTheScreenTakesTheScreensMemory)
+TEST_F(GifExamination, FrameMuchLargerThanTheScreenTakesTheMemoryOfTheScreen)
 {
     gif_frame_spec frame = varied_gif_frame(300, 200, 5);
-    failing_calls::plan.largest_calloc = 40; // a row of the frame has more
+    failing_calls::plan.largest_calloc = 40; // less than a row of the frame
     ASSERT_EQ(examine({.width = 4, .height = 10, .frames = {frame}}), 0);
     EXPECT_EQ(printed(), "GIF: Screen is 4 x 10 colorres=8 bgcolor=0 ImageCount=1\n");
     EXPECT_NE(gif_image->SavedImages[0].RasterBits, nullptr);
@@ -221,12 +221,12 @@ TEST_F(GifExamination, PixelsOffTheScreenAreReadUpToALimit)
     ASSERT_EQ(examine({.frames = {honest, absurd, honest}}), 0);
     EXPECT_EQ(printed(), "GIF reading error (?)\n"
                          "GIF: Screen is 1 x 1 colorres=8 bgcolor=0 ImageCount=2\n");
-    EXPECT_NE(gif_image->SavedImages[1].RasterBits, nullptr); // what is seen of it was read
+    EXPECT_NE(gif_image->SavedImages[1].RasterBits, nullptr); // the visible part has been read
 }
 
-// --- what cannot or will not be decoded ---------------------------------------------------------
+// --- frames that cannot or will not be decoded --------------------------------------------------
 
-TEST_F(GifExamination, FramesThatTheBufferCannotHoldAreCountedOnly)
+TEST_F(GifExamination, FramesThatDoNotFitTheBufferAreOnlyCounted)
 {
     const gif_spec spec = {.width = 9,
                            .height = 6,
@@ -255,7 +255,7 @@ TEST_F(GifExamination, NothingIsKeptWhenNothingWillBeDecoded)
     }
 }
 
-TEST_F(GifExamination, FaultInAFrameThatIsNotKeptIsStillFound)
+TEST_F(GifExamination, ErrorInAFrameThatIsNotKeptIsStillFound)
 {
     vexa_identify_only = true;
     gif_frame_spec cut = varied_gif_frame(8, 8, 50);
@@ -268,17 +268,17 @@ TEST_F(GifExamination, FaultInAFrameThatIsNotKeptIsStillFound)
 
 // --- signals, clients, and files that cannot be read --------------------------------------------
 
-TEST_F(GifExamination, SocketIsServedInsideAFrameAndASignalEndsItThere)
+TEST_F(GifExamination, SocketIsServedInsideAFrameAndASignalEndsTheExamination)
 {
-    scripted::plan.clock_step_us = 500; // every look at the clock is half a millisecond later
+    scripted::plan.clock_step_us = 500; // each clock reading is half a millisecond later
     scripted::plan.die_after_idle = 3;
     EXPECT_EQ(examine({.width = 400, .height = 400, .frames = {varied_gif_frame(400, 400, 5)}}), 1);
     EXPECT_EQ(printed(), "");
     EXPECT_EQ(gif_image, nullptr);
-    EXPECT_EQ(scripted::log.idle_rounds, 3U); // of about ten in 160,000 pixels
+    EXPECT_EQ(scripted::log.idle_rounds, 3U); // of about ten rounds for 160,000 pixels
 }
 
-TEST_F(GifExamination, SignalEndsItBetweenRecords)
+TEST_F(GifExamination, SignalEndsTheExaminationBetweenRecords)
 {
     bytes file = gif_start({});
     for (int i = 0; i < 1000; ++i) {
@@ -293,10 +293,10 @@ TEST_F(GifExamination, SignalEndsItBetweenRecords)
     EXPECT_EQ(printed(), "");
 }
 
-// A frame of one pixel, before which nothing but clear codes is unpacked.
+// A frame of one pixel that starts with nothing but clear codes.
 bytes file_of_clear_codes(size_t blocks)
 {
-    // Eight codes of nine bits, 256 each.
+    // Eight codes of nine bits, each with the value 256.
     constexpr unsigned char codes[] = {0x00, 0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
     constexpr size_t block_bytes = 252; // whole groups of codes
     bytes file = gif_start({});
@@ -311,23 +311,24 @@ bytes file_of_clear_codes(size_t blocks)
     return file;
 }
 
-TEST_F(GifExamination, SocketIsServedInsideAPixelAndASignalEndsItThere)
+TEST_F(GifExamination, SocketIsServedInsideAPixelAndASignalEndsTheExamination)
 {
     scripted::plan.clock_step_us = 500;
     scripted::plan.die_after_idle = 5;
     EXPECT_EQ(examine_bytes(file_of_clear_codes(400)), 1);
     EXPECT_EQ(printed(), "");
-    EXPECT_EQ(scripted::log.idle_rounds, 5U); // of a dozen in 100,000 bytes
+    EXPECT_EQ(scripted::log.idle_rounds, 5U); // of a dozen rounds for 100,000 bytes
 }
 
 TEST_F(GifExamination, SocketIsServedEveryHalfMillisecondAtMost)
 {
-    scripted::plan.clock_step_us = 10; // two looks a turn: 25 turns, and the one at the start
+    // Two clock readings per step, hence a round every 25 steps, and one at the start.
+    scripted::plan.clock_step_us = 10;
     ASSERT_EQ(examine({.width = 400, .height = 400, .frames = {varied_gif_frame(400, 400, 5)}}), 0);
     EXPECT_LE(scripted::log.idle_rounds, 1U);
 }
 
-TEST_F(GifExamination, InterruptedReadIsTriedAgain)
+TEST_F(GifExamination, InterruptedReadIsRetried)
 {
     failing_calls::plan.read = 1;
     failing_calls::plan.read_errno = EINTR;
@@ -335,14 +336,14 @@ TEST_F(GifExamination, InterruptedReadIsTriedAgain)
     EXPECT_EQ(printed(), "GIF: Screen is 4 x 4 colorres=8 bgcolor=0 ImageCount=1\n");
 }
 
-TEST_F(GifExamination, ShortReadsAreGoneOnWith)
+TEST_F(GifExamination, ShortReadsAreContinued)
 {
     failing_calls::plan.read_most = 3;
     ASSERT_EQ(examine({.width = 4, .height = 4, .frames = {varied_gif_frame(4, 4, 5)}}), 0);
     EXPECT_EQ(printed(), "GIF: Screen is 4 x 4 colorres=8 bgcolor=0 ImageCount=1\n");
 }
 
-TEST_F(GifExamination, DiskErrorIsToldOnceAndTheFileEndsThere)
+TEST_F(GifExamination, DiskErrorIsReportedOnceAndEndsTheFile)
 {
     failing_calls::plan.read_most = 400;
     failing_calls::plan.read = 2;

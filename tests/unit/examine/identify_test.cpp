@@ -70,14 +70,14 @@ TEST(SniffFileType, BigTiffIsUnknown)
     EXPECT_EQ(sniffed_type(padded(std::string("II+\0", 4))), IMAGE_UNKNOWN);
 }
 
-TEST(SniffFileType, SecondByteBelowD0IsNotWalked)
+TEST(SniffFileType, JpegWithSecondMarkerBelowD0IsNotWalked)
 {
     EXPECT_EQ(sniffed_type(std::string("\xFF\xC0\0\x0E............", 16)), IMAGE_UNKNOWN);
     EXPECT_EQ(sniffed_type(std::string("\xFF\xCF\0\x0E............", 16)), IMAGE_UNKNOWN);
     EXPECT_EQ(sniffed_type(std::string("\xFF\xD0\0\x0E............", 16)), IMAGE_JPEG);
 }
 
-TEST(SniffFileType, ShorterViewsAreReadNoFurther)
+TEST(SniffFileType, ShortViewsAreNotReadPastTheirEnd)
 {
     const std::string files[] = {"RIFF....WEBP", "GIF89a", "\x89PNG", std::string("II*\0", 4),
                                  "\xFF\xD8\xFF\xFE"};
@@ -155,7 +155,7 @@ TEST_F(IdentifyFile, TypesOfTheTableAreFine)
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(IdentifyFile, TypeOfTheMetadataIsBelieved)
+TEST_F(IdentifyFile, TypeInTheMetadataIsTrusted)
 {
     set_text("GIF89a..........");
     vexa_set_string(&vexa_file_type, "pNg");
@@ -189,7 +189,7 @@ TEST_F(IdentifyFile, EmptyTypeInTheMetadataIsRefused)
     EXPECT_EQ(printed(), "Unknown file type field\n");
 }
 
-TEST_F(IdentifyFile, SniffedTypeIsStoredAndToBeWritten)
+TEST_F(IdentifyFile, SniffedTypeIsStoredAndMarkedForWriting)
 {
     set_text("RIFF....WEBPxxxx");
     EXPECT_EQ(identify_file(&sniffed), 0);
@@ -200,7 +200,7 @@ TEST_F(IdentifyFile, SniffedTypeIsStoredAndToBeWritten)
     EXPECT_EQ(printed(), "* Identified file, updating metadata\n");
 }
 
-TEST_F(IdentifyFile, FifteenBytesAreNoPicture)
+TEST_F(IdentifyFile, FifteenBytesAreTooShort)
 {
     set_text("GIF89a.........");
     EXPECT_EQ(identify_file(&sniffed), -1);
@@ -208,13 +208,13 @@ TEST_F(IdentifyFile, FifteenBytesAreNoPicture)
     EXPECT_EQ(vexa_file_type, nullptr);
 }
 
-TEST_F(IdentifyFile, SixteenBytesAre)
+TEST_F(IdentifyFile, SixteenBytesAreEnough)
 {
     set_text("GIF89a..........");
     EXPECT_EQ(identify_file(&sniffed), 0);
 }
 
-TEST_F(IdentifyFile, AnythingButARegularFileIsNoPicture)
+TEST_F(IdentifyFile, OnlyRegularFilesArePictures)
 {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
@@ -226,7 +226,7 @@ TEST_F(IdentifyFile, AnythingButARegularFileIsNoPicture)
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(IdentifyFile, FailingStatIsNoPicture)
+TEST_F(IdentifyFile, FailingStatIsRefused)
 {
     const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     scripted::set_picture_descriptor(fd);
@@ -255,7 +255,7 @@ TEST_F(IdentifyFile, WindowThatCannotBeMadeIsRefused)
 
 TEST_F(IdentifyFile, MarkerChainIsFollowedThroughFourMegabytesOnly)
 {
-    // Scan data to the end of the window, and behind it an end that a longer look would not accept.
+    // Scan data up to the end of the window, then an end that a longer walk would reject.
     bytes file = {0xFF, 0xD8, 0xFF, 0xDA};
     file.resize(4194304 + 100, 'x');
     file[4194304 + 10] = 0xFF;
@@ -287,7 +287,7 @@ TEST_F(IdentifyFileDeath, NoOpenPicture)
 
 TEST_F(IdentifyFileDeath, NothingToReadInTheWindow)
 {
-    // A file that can be asked for its size but not read.
+    // The file's size is available but its contents are not.
     const std::string path = testing::TempDir() + "write_only_picture";
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     ASSERT_GE(fd, 0);

@@ -1,4 +1,4 @@
-// What the tests of the JPEG examination start from.
+// Fixture of the JPEG examination tests.
 #pragma once
 
 #include <cstddef>
@@ -26,7 +26,7 @@ protected:
         jpeg_test::TearDown();
     }
 
-    // The file is refused, its last words are `line`, and nothing stays open.
+    // The file is refused, the last message is `line`, and nothing stays open.
     void expect_refusal(const jpeg_writer::file_bytes& file, const std::string& line)
     {
         EXPECT_EQ(examine(file), -1);
@@ -40,7 +40,7 @@ protected:
         EXPECT_EQ(jpeg_decompress, nullptr);
         EXPECT_EQ(jpeg_error_manager, nullptr);
         EXPECT_FALSE(jpeg_error_armed);
-        EXPECT_EQ(open_descriptors(), descriptors + 1); // the picture itself
+        EXPECT_EQ(open_descriptors(), descriptors + 1); // the picture's own descriptor
     }
 
     size_t descriptors = 0;

@@ -1,10 +1,11 @@
-// Makes calls into the C library or the codec fail. Works in programs linked with --wrap for these
+// Makes calls into the C library or the codec fail, in programs linked with --wrap for these
 // functions.
 #pragma once
 
 namespace failing {
 
-// The n-th call from now on fails, as do all after it when `for_good`; 0: none does.
+// Counts calls down: the n-th call after arm() fails, and with `and_all_after` all later calls fail,
+// too. With n = 0 none fails.
 struct countdown {
     int left = 0;
     bool for_good = false;
@@ -17,8 +18,8 @@ struct countdown {
 extern countdown calloc_call;
 extern countdown malloc_call;
 extern countdown fdopen_call;
-extern countdown read_header_call; // jpeg_read_header suspends
+extern countdown read_header_call; // a failing jpeg_read_header suspends
 
-void none(); // everything works again
+void none(); // no call fails any more
 
 } // namespace failing

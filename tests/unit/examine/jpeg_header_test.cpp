@@ -1,4 +1,4 @@
-// Which pictures can be shown: colour space, size, subsampling.
+// Which JPEG pictures are supported: colour space, size, subsampling.
 #include <initializer_list>
 #include <string>
 #include <tuple>
@@ -47,7 +47,7 @@ TEST_F(JpegHeader, TwoComponentsAreOfUnknownColourSpace)
                     "JPEGLIB: ERROR: Unsupported colorspace\n");
 }
 
-TEST_F(JpegHeader, ColourSpaceWithoutANameIsThreeQuestionMarks)
+TEST_F(JpegHeader, UnnamedColourSpaceIsThreeQuestionMarks)
 {
     file_bytes file = ycbcr_file(16, 16, {1, 1});
     set_component_id(file, 1, 0x22);
@@ -58,7 +58,7 @@ TEST_F(JpegHeader, ColourSpaceWithoutANameIsThreeQuestionMarks)
                     "JPEGLIB: ERROR: Unsupported colorspace\n");
 }
 
-// Four components numbered 1 to 4, as many programs write CMYK.
+// Four components numbered 1 to 4, the form in which many programs write CMYK.
 file_bytes four_numbered_components(const file_bytes& marker)
 {
     picture what = four(JCS_YCCK, 16, 16, {1, 1});
@@ -92,7 +92,7 @@ TEST_F(JpegHeader, FourComponentsWithAnyOtherAdobeTransformAreYcck)
     }
 }
 
-TEST_F(JpegHeader, CmykLettersDoNotOutweighAnAdobeTransform)
+TEST_F(JpegHeader, CmykComponentLettersDoNotOverrideAnAdobeTransform)
 {
     picture what = four(JCS_CMYK, 16, 16, {1, 1});
     what.adobe_marker = false;
@@ -153,7 +153,7 @@ TEST_F(JpegHeader, BufferHeightIsRoundedUpTo32)
 
 // --- subsampling --------------------------------------------------------------------------------
 
-// A header as the library leaves it, for factors that its compressor refuses to write.
+// A header as the library parses it, for factors that its compressor refuses to write.
 struct made_header {
     std::vector<jpeg_component_info> components;
     jpeg_decompress_struct cinfo = {};
@@ -189,7 +189,7 @@ TEST_F(JpegHeader, FourLumaFactorsAreSupported)
     }
 }
 
-TEST_F(JpegHeader, EveryOtherLumaFactorIsRefused)
+TEST_F(JpegHeader, OtherLumaFactorsAreRefused)
 {
     for (int h = 1; h <= 4; ++h) {
         for (int v = 1; v <= 4; ++v) {
@@ -227,7 +227,7 @@ TEST_F(JpegHeader, FullChromaWithLargeFactorsIsRefusedFromTheFile)
     EXPECT_EQ(image_width, -1);
 }
 
-TEST_F(JpegHeader, SubsampledKIsRefusedWithTheShiftsAlreadySet)
+TEST_F(JpegHeader, SubsampledKIsRefusedAfterTheShiftsAreSet)
 {
     picture what = four(JCS_YCCK, 32, 32, {2, 2});
     what.sampling[3] = {1, 1};

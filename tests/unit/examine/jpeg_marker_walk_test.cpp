@@ -30,24 +30,24 @@ const bytes end_of_image = {0xFF, 0xD9};
 const bytes comment = {0xFF, 0xFE, 0, 3, 'c'};
 const bytes garbage = bytes(8, 'x');
 
-TEST(JpegMarkerWalk, ChainUpToTheEndHolds)
+TEST(JpegMarkerWalk, ValidChainHolds)
 {
     EXPECT_TRUE(holds(joined({start_of_image, comment, comment, end_of_image})));
 }
 
-TEST(JpegMarkerWalk, ChainOfFiveThenGarbageBreaks)
+TEST(JpegMarkerWalk, ChainOfFiveFollowedByGarbageBreaks)
 {
     EXPECT_FALSE(holds(joined({start_of_image, comment, comment, comment, garbage})));
     EXPECT_FALSE(holds(joined({start_of_image, comment, comment, comment, comment, garbage})));
 }
 
-TEST(JpegMarkerWalk, SixMarkersMakeAnyEndGood)
+TEST(JpegMarkerWalk, SixMarkersAcceptAnyEnd)
 {
     EXPECT_TRUE(
         holds(joined({start_of_image, comment, comment, comment, comment, comment, garbage})));
 }
 
-TEST(JpegMarkerWalk, NoMarkerAtAllBreaks)
+TEST(JpegMarkerWalk, FileWithoutMarkersBreaks)
 {
     EXPECT_FALSE(holds(garbage));
 }
@@ -63,7 +63,7 @@ TEST(JpegMarkerWalk, StopWithinTheLastTwoBytesHolds)
     EXPECT_FALSE(holds(joined({start_of_image, comment, {'x', 'x', 'x'}})));
 }
 
-TEST(JpegMarkerWalk, LengthZeroGoesOnBehindTheCode)
+TEST(JpegMarkerWalk, LengthZeroContinuesBehindTheCode)
 {
     EXPECT_FALSE(holds(joined({start_of_image, {0xFF, 0xE0, 0, 0}, garbage})));
     EXPECT_FALSE(holds({0xFF, 0xE0, 0, 2, 'x', 'x', 'x'}));
@@ -94,12 +94,12 @@ TEST(JpegMarkerWalk, StuffedByteAtTheEndOfScanDataStaysInside)
     }
 }
 
-TEST(JpegMarkerWalk, MarkerCutAfterItsCodeHolds)
+TEST(JpegMarkerWalk, MarkerTruncatedAfterItsCodeHolds)
 {
     EXPECT_TRUE(holds(joined({start_of_image, {0xFF, 0xC0}})));
 }
 
-TEST(JpegMarkerWalk, LengthCutInHalfHoldsWhateverItSays)
+TEST(JpegMarkerWalk, TruncatedLengthHoldsWhateverItsValue)
 {
     for (unsigned high = 0; high < 256; ++high) {
         const auto half_length = static_cast<unsigned char>(high);
@@ -114,7 +114,7 @@ TEST(JpegMarkerWalk, FewerThanTwoBytesHold)
     EXPECT_TRUE(holds({'x', 'x'}));
 }
 
-// The rule in other words: positions as signed numbers, one test after the other.
+// The rule in a second version: signed positions and one condition at a time.
 bool holds_by_the_rule(const bytes& file)
 {
     const long end = static_cast<long>(file.size());

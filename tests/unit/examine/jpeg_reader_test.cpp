@@ -24,7 +24,7 @@ protected:
     static j_common_ptr object() { return reinterpret_cast<j_common_ptr>(jpeg_decompress); }
 };
 
-// The library's clean-up of a pool, made to raise a fatal error.
+// Replaces the library's release of a memory pool and raises a fatal error.
 void raise_on_free(j_common_ptr cinfo, int /*pool*/)
 {
     cinfo->err->msg_code = JERR_OUT_OF_MEMORY;
@@ -32,7 +32,7 @@ void raise_on_free(j_common_ptr cinfo, int /*pool*/)
     cinfo->err->error_exit(cinfo);
 }
 
-// Closes a picture whose memory the library cannot let go of.
+// Closes a picture whose memory the library fails to release.
 void free_stuck_picture()
 {
     jpeg_decompress->mem->free_pool = raise_on_free;
@@ -80,7 +80,7 @@ TEST_F(JpegReader, CallbackJumpsToTheArmedFrame)
         jumped = true;
     }
     EXPECT_TRUE(jumped);
-    EXPECT_FALSE(jpeg_error_armed); // one jump, one arming
+    EXPECT_FALSE(jpeg_error_armed); // a jump disarms
     EXPECT_EQ(testing::internal::GetCapturedStderr(), raised);
 }
 
@@ -112,7 +112,7 @@ TEST_F(JpegReader, ClosingTwiceClosesTheDescriptorOnce)
 {
     const size_t before = open_descriptors();
     open_small();
-    EXPECT_EQ(open_descriptors(), before + 2); // the picture and our own descriptor of it
+    EXPECT_EQ(open_descriptors(), before + 2); // the picture and the reader's own descriptor for it
     EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
     expect_closed();
     EXPECT_EQ(open_descriptors(), before + 1);
@@ -122,7 +122,7 @@ TEST_F(JpegReader, ClosingTwiceClosesTheDescriptorOnce)
 
 TEST_F(JpegReader, ObjectThatWasNeverCreatedIsFreedWithoutTheLibrary)
 {
-    // With an error manager that would crash: a library call could not stay unnoticed.
+    // Without an error manager a call of the library would crash, so it would be noticed.
     jpeg_decompress =
         static_cast<jpeg_decompress_struct*>(calloc(1, sizeof(jpeg_decompress_struct)));
     for (const bool abort_wanted : {false, true}) {
@@ -140,7 +140,7 @@ TEST_F(JpegReader, ErrorWhileDroppingAPictureAborts)
     EXPECT_EXIT(free_stuck_picture(), KilledBySignal(SIGABRT), testing::Eq(raised + unexpected));
 }
 
-TEST_F(JpegReader, ArmingOfAnEarlierCallSiteDoesNotReachTheCleanUp)
+TEST_F(JpegReader, ArmingElsewhereDoesNotAffectTheCleanUp)
 {
     open_small();
     jpeg_error_armed = true;
@@ -148,7 +148,7 @@ TEST_F(JpegReader, ArmingOfAnEarlierCallSiteDoesNotReachTheCleanUp)
     jpeg_error_armed = false;
 }
 
-TEST_F(JpegReader, LibraryGivesItsMemoryBack)
+TEST_F(JpegReader, LibraryReleasesItsMemory)
 {
     static void (*true_destruct)(j_common_ptr);
     static int destructions;

@@ -1,4 +1,4 @@
-# The JPEG half of the examination, with calls that can be made to fail.
+# The JPEG part of the examination tests, with calls that can be made to fail.
 add_suite(unit_examine_jpeg
     SOURCES jpeg_failing_calls.cpp jpeg_header_test.cpp jpeg_reader_test.cpp jpeg_test.cpp
     LIBRARIES jpeg_test_support)

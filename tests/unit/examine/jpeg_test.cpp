@@ -25,7 +25,7 @@ namespace {
 
 using ExamineJpeg = jpeg_examination;
 
-// --- before the library is asked ----------------------------------------------------------------
+// --- before the library is called ---------------------------------------------------------------
 
 TEST_F(ExamineJpeg, SecondExaminationWhileOpenIsABug)
 {
@@ -60,7 +60,7 @@ TEST_F(ExamineJpeg, NoDescriptorIsRefused)
     expect_closed();
 }
 
-TEST_F(ExamineJpeg, DescriptorIsClosedWhenNoStreamTakesIt)
+TEST_F(ExamineJpeg, DescriptorIsClosedWhenNoStreamCanBeOpened)
 {
     failing::fdopen_call.arm(1);
     EXPECT_EQ(examine(ycbcr_file(16, 16, {1, 1})), -1);
@@ -68,7 +68,7 @@ TEST_F(ExamineJpeg, DescriptorIsClosedWhenNoStreamTakesIt)
     expect_closed();
 }
 
-TEST_F(ExamineJpeg, EitherObjectMissingIsRefusedWithoutALibraryCall)
+TEST_F(ExamineJpeg, FailedAllocationOfEitherObjectIsRefusedWithoutALibraryCall)
 {
     const file_bytes file = ycbcr_file(16, 16, {1, 1});
     for (const int missing : {1, 2}) {
@@ -163,7 +163,7 @@ TEST_F(ExamineJpeg, TablesOnlyFileHasNoColourSpace)
     expect_closed();
 }
 
-TEST_F(ExamineJpeg, PictureBehindTablesIsNotLookedFor)
+TEST_F(ExamineJpeg, PictureAfterTheTablesIsNotSearchedFor)
 {
     file_bytes file = tables_only();
     insert(file, file.size(), ycbcr_file(16, 16, {1, 1}));
@@ -171,7 +171,7 @@ TEST_F(ExamineJpeg, PictureBehindTablesIsNotLookedFor)
     EXPECT_EQ(told, no_picture);
 }
 
-TEST_F(ExamineJpeg, FileCutBeforeItsFrameHeaderIsTablesOnly)
+TEST_F(ExamineJpeg, FileTruncatedBeforeItsFrameHeaderHasTablesOnly)
 {
     const file_bytes file = ycbcr_file(16, 16, {1, 1});
     expect_refusal(first_bytes(file, find_frame_header(file)), no_picture);
@@ -249,12 +249,12 @@ TEST_F(ExamineJpeg, CmykIsReportedLineByLine)
     EXPECT_EQ(image_chroma_y_shift, 0);
 }
 
-TEST_F(ExamineJpeg, CmykFactorsAreNotJudged)
+TEST_F(ExamineJpeg, CmykFactorsAreNotChecked)
 {
     EXPECT_EQ(examine(write(four(JCS_CMYK, 16, 16, {2, 2}))), 0);
 }
 
-TEST_F(ExamineJpeg, BlocksAreSmoothedInEveryColourSpace)
+TEST_F(ExamineJpeg, BlockSmoothingIsOnInEveryColourSpace)
 {
     for (const J_COLOR_SPACE space : {JCS_YCbCr, JCS_GRAYSCALE, JCS_YCCK, JCS_CMYK}) {
         jpeg_decompress_struct cinfo = {};
@@ -264,7 +264,7 @@ TEST_F(ExamineJpeg, BlocksAreSmoothedInEveryColourSpace)
     }
 }
 
-TEST_F(ExamineJpeg, MonochromeFlagFollowsOneAndThreeComponentsOnly)
+TEST_F(ExamineJpeg, MonochromeFlagIsSetForOneAndThreeComponentsOnly)
 {
     image_is_monochrome = 1;
     ASSERT_EQ(examine(ycbcr_file(16, 16, {1, 1})), 0);
@@ -292,7 +292,7 @@ TEST_F(ExamineJpeg, LibraryErrorAfterwardsEndsTheProcess)
                 EndsWith("Unexpected longjmp from JPEGLIB error handler\n"));
 }
 
-TEST_F(ExamineJpeg, FileCutAtEveryByteIsRefusedOrAccepted)
+TEST_F(ExamineJpeg, FileTruncatedAtEveryByteIsRefusedOrAccepted)
 {
     const file_bytes file = ycbcr_file(24, 24, {2, 2});
     for (size_t size = 0; size <= file.size(); ++size) {

@@ -29,7 +29,7 @@ protected:
         ExamineFixture::TearDown();
     }
 
-    // Bytes of the file from `first` on, as they are read from the present place.
+    // Expects a read of `wanted` bytes to return `count` bytes of the file from `first` on.
     void expect_bytes(size_t wanted, size_t first, size_t count)
     {
         unsigned char bytes[file_size + 1] = {};
@@ -53,7 +53,7 @@ private:
     int fd_ = -1;
 };
 
-TEST_F(PictureInput, ReadsFromThePlaceOnToTheEnd)
+TEST_F(PictureInput, ReadsFromTheCurrentPositionToTheEnd)
 {
     expect_bytes(60, 0, 60);
     expect_bytes(60, 60, 40);
@@ -61,13 +61,13 @@ TEST_F(PictureInput, ReadsFromThePlaceOnToTheEnd)
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(PictureInput, ShortReadsGoOn)
+TEST_F(PictureInput, ShortReadsAreContinued)
 {
     failing_calls::plan.read_most = 7;
     expect_bytes(file_size, 0, file_size);
 }
 
-TEST_F(PictureInput, InterruptedReadsGoOn)
+TEST_F(PictureInput, InterruptedReadsAreRetried)
 {
     failing_calls::plan.read_most = 30;
     fail_read(2, EINTR);
@@ -77,13 +77,13 @@ TEST_F(PictureInput, InterruptedReadsGoOn)
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(PictureInput, ErrorIsToldWithItsReasonAndEndsTheFileThere)
+TEST_F(PictureInput, ErrorIsReportedWithItsReasonAndEndsTheFile)
 {
     failing_calls::plan.read_most = 30;
     fail_read(3, EIO);
     expect_bytes(file_size, 0, 60);
     EXPECT_EQ(printed(), "Error while reading the picture: Input/output error\n");
-    expect_bytes(file_size, 0, 0); // although this read would succeed
+    expect_bytes(file_size, 0, 0); // although the next read would succeed
     seek(90);
     expect_bytes(1, 0, 0);
     seek(50);
@@ -93,7 +93,7 @@ TEST_F(PictureInput, ErrorIsToldWithItsReasonAndEndsTheFileThere)
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(PictureInput, SecondErrorIsNotToldAgain)
+TEST_F(PictureInput, SecondErrorIsNotReported)
 {
     seek(80);
     fail_read(1, EIO);
@@ -107,7 +107,7 @@ TEST_F(PictureInput, SecondErrorIsNotToldAgain)
     expect_bytes(1, 0, 0);
 }
 
-TEST_F(PictureInput, DescriptorThatCannotBeReadIsAnEmptyFile)
+TEST_F(PictureInput, UnreadableDescriptorIsAnEmptyFile)
 {
     input = open_picture_input(-1);
     expect_bytes(1, 0, 0);

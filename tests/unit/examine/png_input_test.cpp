@@ -1,4 +1,4 @@
-// What of a PNG's bytes reaches the library, and when reading ends.
+// Which bytes of a PNG reach the library, and when reading ends.
 #include <cerrno>
 
 #include "bin/examine/png.h"
@@ -13,9 +13,9 @@ using bytes = std::vector<unsigned char>;
 
 constexpr char refused_size[] = "Image width and height is unacceptable\n";
 constexpr char gave_up[] = "Unexpected PNG error, giving up\n";
-constexpr size_t after_header = 8 + 25; // of a file, where further chunks begin
+constexpr size_t after_header = 8 + 25; // where further chunks begin in a file
 
-// All kinds that the library knows, and two that it does not.
+// All kinds the library knows, and two it does not.
 const char* const ancillary_kinds[] = {"bKGD", "cHRM", "eXIf", "gAMA", "hIST", "iCCP", "iTXt",
                                        "oFFs", "pCAL", "pHYs", "sBIT", "sCAL", "sPLT", "sRGB",
                                        "tEXt", "tIME", "tRNS", "zTXt", "abCd", "prVt"};
@@ -30,7 +30,7 @@ protected:
 
     static int examine(const png_spec& spec) { return examine(write_png(spec)); }
 
-    // The signature, then `chunks` as they are.
+    // The signature followed by these chunks.
     static bytes file_of(const std::vector<png_chunk>& chunks)
     {
         bytes file = png_signature();
@@ -40,7 +40,7 @@ protected:
         return file;
     }
 
-    // A picture of one pixel with these bytes behind its header.
+    // A picture of one pixel with these bytes inserted after its header.
     static bytes with(const bytes& inserted)
     {
         bytes file = write_png({.rows = {0, 1, 2, 3}});
@@ -69,11 +69,11 @@ protected:
 
 // --- chunks -------------------------------------------------------------------------------------
 
-TEST_F(PngInput, AncillaryChunksAreNeitherReadNorJudged)
+TEST_F(PngInput, AncillaryChunksAreNeitherReadNorChecked)
 {
     for (const char* kind : ancillary_kinds) {
         bytes file = file_of({{"IHDR", png_header({})}, {kind, {1, 2, 3}}, {kind, {}}});
-        file.back() ^= 1; // a checksum
+        file.back() ^= 1; // breaks the last checksum
         append_png_chunk(file, {"IDAT"});
         ASSERT_EQ(examine(file), 0) << kind;
         EXPECT_EQ(printed().find("PNG WARNING"), std::string::npos) << kind;
@@ -82,7 +82,7 @@ TEST_F(PngInput, AncillaryChunksAreNeitherReadNorJudged)
     }
 }
 
-TEST_F(PngInput, TextsOfAnySizeReachNobody)
+TEST_F(PngInput, TextsOfAnySizeAreSkipped)
 {
     bytes text(17 << 20, 'v');
     text[1] = 0;
@@ -93,7 +93,7 @@ TEST_F(PngInput, TextsOfAnySizeReachNobody)
     EXPECT_EQ(first_row(3), (bytes{1, 2, 3}));
 }
 
-TEST_F(PngInput, ThousandsOfChunksArePassedOver)
+TEST_F(PngInput, ThousandsOfChunksAreSkipped)
 {
     png_spec spec = {.rows = {0, 1, 2, 3}};
     spec.chunks.assign(5000, {"abCd", {1, 2, 3}});
@@ -103,7 +103,7 @@ TEST_F(PngInput, ThousandsOfChunksArePassedOver)
     EXPECT_EQ(first_row(3), (bytes{1, 2, 3}));
 }
 
-// The buffer's end then lies before, within and behind the heads that follow.
+// The buffer then ends before, inside or after the chunk heads that follow.
 TEST_F(PngInput, ChunksMayEndAnywhere)
 {
     png_spec spec = {.depth = 8, .colour_type = 3, .rows = {0, 1}};
@@ -119,7 +119,7 @@ TEST_F(PngInput, ChunksMayEndAnywhere)
     }
 }
 
-TEST_F(PngInput, WhatIsNoAncillaryChunkIsTheLibrarysToRefuse)
+TEST_F(PngInput, NonAncillaryChunksAreLeftToTheLibrary)
 {
     expect_refusal(with(bytes{0, 0, 0, 0, 'A', 'b', 'C', 'd', 1, 2, 3, 4}), "AbCd: CRC error");
     bytes unknown;
@@ -134,7 +134,7 @@ TEST_F(PngInput, WhatIsNoAncillaryChunkIsTheLibrarysToRefuse)
     expect_refusal(with(header), "IHDR: out of place");
 }
 
-TEST_F(PngInput, ChunkThatIsCutEndsTheFile)
+TEST_F(PngInput, TruncatedChunkEndsTheFile)
 {
     for (const bytes& cut : {bytes{}, bytes{0, 0, 0}, bytes{0, 0, 0, 9, 't', 'E', 'X'},
                              bytes{0x7F, 0xFF, 0xFF, 0xFF, 't', 'E', 'X', 't', 'k', 0, 'v'},
@@ -145,7 +145,7 @@ TEST_F(PngInput, ChunkThatIsCutEndsTheFile)
     }
 }
 
-TEST_F(PngInput, TextWithinTheImageDataEndsThem)
+TEST_F(PngInput, TextInsideTheImageDataEndsTheData)
 {
     const bytes whole = write_png({.rows = {0, 1, 2, 3}});
     const size_t data = whole.size() - 12 - 4 - (after_header + 8);
@@ -161,9 +161,9 @@ TEST_F(PngInput, TextWithinTheImageDataEndsThem)
                          "libpng error: Not enough image data\n");
 }
 
-// --- what comes before the header ---------------------------------------------------------------
+// --- chunks before the header -------------------------------------------------------------------
 
-TEST_F(PngInput, FileThatDoesNotBeginWithItsHeaderHasNoSize)
+TEST_F(PngInput, FileThatDoesNotStartWithItsHeaderHasNoSize)
 {
     const png_chunk header = {"IHDR", png_header({})};
     const std::string rest = std::string(gave_up) + refused_size;
@@ -173,7 +173,7 @@ TEST_F(PngInput, FileThatDoesNotBeginWithItsHeaderHasNoSize)
     expect_refusal(file_of({{"IEND"}}), "IEND: out of place", rest);
 }
 
-TEST_F(PngInput, SizeOfALaterHeaderIsJudged)
+TEST_F(PngInput, SizeOfALaterHeaderIsChecked)
 {
     const auto behind_a_chunk = [](const png_spec& spec) {
         return file_of({{"abCd", {1, 2}}, {"IHDR", png_header(spec)}, {"IDAT"}});
@@ -186,7 +186,7 @@ TEST_F(PngInput, SizeOfALaterHeaderIsJudged)
               std::string("libpng error: Invalid IHDR data\n") + gave_up);
 }
 
-TEST_F(PngInput, FileCutBeforeItsFirstChunkIsNamedHasNoSizeLine)
+TEST_F(PngInput, FileTruncatedBeforeItsFirstChunkTypeHasNoSizeLine)
 {
     const bytes whole = file_of({{"tEXt", {'k', 0, 'v'}}});
     for (size_t length = 8; length < 16; ++length) {
@@ -200,58 +200,58 @@ TEST_F(PngInput, FileCutBeforeItsFirstChunkIsNamedHasNoSizeLine)
 
 class PngInputEnds : public PngInput {
 protected:
-    // Chunks of more bytes than the buffer holds, so that each takes a reading of its own.
-    static bytes file_of_many_readings()
+    // Each chunk is larger than the buffer, so each takes a read of its own.
+    static bytes file_of_many_reads()
     {
         png_spec spec = {.rows = {0, 1, 2, 3}};
         spec.chunks.assign(50, {"tEXt", bytes(40'000, 'v')});
         return write_png(spec);
     }
 
-    // From now on counts the readings; calls `action` in the one of that number.
-    void in_reading(int number, const std::function<void()>& action)
+    // Counts reads from now on and calls `action` in read `number`.
+    void in_read(int number, const std::function<void()>& action)
     {
         failing_calls::plan.on_read = [this, number, action] {
-            if (++readings == number) {
+            if (++reads == number) {
                 action();
             }
         };
     }
 
-    int readings = 0;
+    int reads = 0;
 };
 
-TEST_F(PngInputEnds, SignalEndsTheExaminationAtTheNextReading)
+TEST_F(PngInputEnds, SignalEndsTheExaminationAtTheNextRead)
 {
-    in_reading(10, [] { DIE4 = 1; });
-    EXPECT_EQ(examine(file_of_many_readings()), -1);
+    in_read(10, [] { DIE4 = 1; });
+    EXPECT_EQ(examine(file_of_many_reads()), -1);
     EXPECT_EQ(printed(), gave_up);
-    EXPECT_EQ(readings, 10);
+    EXPECT_EQ(reads, 10);
     EXPECT_EQ(png_fp, nullptr);
 }
 
-TEST_F(PngInputEnds, ClientsAreServedByTheClock)
+TEST_F(PngInputEnds, ClientsAreServedAtFixedIntervals)
 {
     scripted::plan.clock_step_us = 600;
-    EXPECT_EQ(examine(file_of_many_readings()), 0);
+    EXPECT_EQ(examine(file_of_many_reads()), 0);
     EXPECT_GE(scripted::log.idle_rounds, 50U);
 }
 
-TEST_F(PngInputEnds, InterruptedReadingsGoOn)
+TEST_F(PngInputEnds, InterruptedReadsAreRetried)
 {
     failing_calls::plan.read = 7;
     failing_calls::plan.read_errno = EINTR;
     failing_calls::plan.read_most = 1000;
-    ASSERT_EQ(examine(file_of_many_readings()), 0);
+    ASSERT_EQ(examine(file_of_many_reads()), 0);
     EXPECT_EQ(first_row(3), (bytes{1, 2, 3}));
     EXPECT_EQ(printed().find("rror"), std::string::npos);
 }
 
-TEST_F(PngInputEnds, ErrorIsToldAndEndsTheFile)
+TEST_F(PngInputEnds, ErrorIsReportedAndEndsTheFile)
 {
     failing_calls::plan.read = 20;
     failing_calls::plan.read_errno = EIO;
-    scripted::set_picture(file_of_many_readings());
+    scripted::set_picture(file_of_many_reads());
     EXPECT_EQ(examine_png_file(), -1);
     EXPECT_EQ(printed(), "Error while reading the picture: Input/output error\n"
                          "PNG ERROR: Read Error\nlibpng error: Read Error\n" +

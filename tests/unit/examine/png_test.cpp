@@ -38,7 +38,7 @@ protected:
     }
 };
 
-// libpng's own line after the callback has returned.
+// The line that libpng prints itself after the callback has returned.
 std::string library_line(const std::string& message)
 {
     return "PNG ERROR: " + message + "\nlibpng error: " + message + "\n";
@@ -146,7 +146,7 @@ TEST_F(PngExamination, SizesOutsideTheLimitsAreRefused)
     }
 }
 
-TEST_F(PngExamination, TooWidePictureSaysWhy)
+TEST_F(PngExamination, TooWidePictureIsReportedWithTheReason)
 {
     EXPECT_EQ(examine({.width = 16385}), -1);
     EXPECT_EQ(printed(), "PNG WARNING: Image width exceeds user limit in IHDR\n" +
@@ -155,7 +155,7 @@ TEST_F(PngExamination, TooWidePictureSaysWhy)
                              "Image width and height is unacceptable\n");
 }
 
-TEST_F(PngExamination, HeadersThatTheLibraryRefusesEndWithoutASizeLine)
+TEST_F(PngExamination, HeadersRefusedByTheLibraryEndWithoutASizeLine)
 {
     const png_spec specs[] = {{.interlace = 2}, {.colour_type = 1}, {.compression = 1},
                               {.filter = 1},    {.depth = 3},       {.depth = 4, .colour_type = 2}};
@@ -176,10 +176,10 @@ TEST_F(PngExamination, FileThatIsNoPngIsRefused)
     expect_closed();
 }
 
-TEST_F(PngExamination, CutAtEveryByteIsRefusedAndClosed)
+TEST_F(PngExamination, FileTruncatedAtEveryByteIsRefusedAndClosed)
 {
     const bytes whole = write_png({.width = 3, .height = 2, .rows = bytes(20, 0)});
-    const size_t header_ends = 8 + 25 + 8; // signature, header, and the first data chunk's start
+    const size_t header_ends = 8 + 25 + 8; // signature, header, head of the first data chunk
     for (size_t length = 0; length < header_ends; ++length) {
         EXPECT_EQ(examine_bytes(bytes(whole.begin(), whole.begin() + long(length))), -1) << length;
         expect_closed();
@@ -189,13 +189,13 @@ TEST_F(PngExamination, CutAtEveryByteIsRefusedAndClosed)
     EXPECT_EQ(examine_bytes(bytes(whole.begin(), whole.begin() + long(header_ends))), 0);
 }
 
-TEST_F(PngExamination, PaletteMissing)
+TEST_F(PngExamination, MissingPaletteIsRefused)
 {
     EXPECT_EQ(examine({.colour_type = 3}), -1);
     expect_closed();
 }
 
-TEST_F(PngExamination, WarningsArePrintedAndGoneOver)
+TEST_F(PngExamination, WarningsArePrintedAndIgnored)
 {
     EXPECT_EQ(examine({.colour_type = 0, .chunks = {{"PLTE", {1, 2, 3}}}}), 0);
     const std::string warning = "PNG WARNING: PLTE: ignored in grayscale PNG\n";
@@ -211,7 +211,7 @@ TEST_F(PngExamination, ChunkLimitsOfTheLibraryAreSet)
     EXPECT_EQ(png_get_user_height_max(png_context), 16384U);
 }
 
-TEST_F(PngExamination, LibraryGetsSixteenMebibytesAllInAll)
+TEST_F(PngExamination, LibraryMayAllocateSixteenMebibytesInTotal)
 {
     ASSERT_EQ(examine(png_spec{}), 0);
     EXPECT_EQ(png_malloc_warn(png_context, 17 << 20), nullptr);
@@ -219,7 +219,7 @@ TEST_F(PngExamination, LibraryGetsSixteenMebibytesAllInAll)
     while (png_voidp block = png_malloc_warn(png_context, 1 << 20)) {
         blocks.push_back(block);
     }
-    EXPECT_GE(blocks.size(), 15U); // some allocators give a little more than was asked for
+    EXPECT_GE(blocks.size(), 15U); // some allocators return slightly more than requested
     EXPECT_LE(blocks.size(), 16U);
     for (png_voidp block : blocks) {
         png_free(png_context, block);
@@ -244,7 +244,7 @@ TEST_F(PngExamination, SixteenBitSamplesArriveAsEight)
     EXPECT_EQ(row[1], 0xFF);
 }
 
-TEST_F(PngExamination, SixteenBitSamplesAreScaledNotCut)
+TEST_F(PngExamination, SixteenBitSamplesAreScaledNotTruncated)
 {
     ASSERT_EQ(examine({.depth = 16, .colour_type = 0, .rows = {0, 0x00, 0xFF}}), 0);
     unsigned char row[1] = {};
@@ -338,7 +338,7 @@ TEST_F(PngExamination, CleanUpClosesEverythingAndMayRunTwice)
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(PngExamination, LibraryErrorInCleanUpIsToldAndLeaksTheStructures)
+TEST_F(PngExamination, LibraryErrorInCleanUpIsReportedAndLeaksTheStructures)
 {
     ASSERT_EQ(examine(png_spec{}), 0);
     printed();

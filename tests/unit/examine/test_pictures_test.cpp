@@ -1,4 +1,4 @@
-// Every picture of tests/data that is not a JPEG: what examination makes of it.
+// What examination reports for every picture of tests/data that is not a JPEG.
 #include <string>
 #include <vector>
 
@@ -115,7 +115,7 @@ const accepted_picture accepted_pictures[] = {
 
 struct refused_picture {
     const char* file;
-    std::vector<std::string> lines; // in this order, others may stand between
+    std::vector<std::string> lines; // in this order, possibly with others between them
 };
 
 const refused_picture refused_pictures[] = {
@@ -145,7 +145,7 @@ const refused_picture refused_pictures[] = {
 
 class TestPictures : public ExamineFixture {};
 
-TEST_F(TestPictures, AreExaminedWithTheirSizesAndRunningTimes)
+TEST_F(TestPictures, AreExaminedWithTheirSizesAndDurations)
 {
     for (const accepted_picture& picture : accepted_pictures) {
         SCOPED_TRACE(picture.file);
@@ -158,7 +158,7 @@ TEST_F(TestPictures, AreExaminedWithTheirSizesAndRunningTimes)
     }
 }
 
-TEST_F(TestPictures, AreRefusedWithTheirLines)
+TEST_F(TestPictures, AreRefusedWithTheirMessages)
 {
     for (const refused_picture& picture : refused_pictures) {
         SCOPED_TRACE(picture.file);

@@ -1,4 +1,4 @@
-// Common ground of the TIFF examination tests.
+// Fixture of the TIFF examination tests.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@ class TiffExamination : public ExamineFixture {
 protected:
     static int examine(const tiff_spec& spec);
 
-    // Refused with `message` at the end of what is printed, and closed.
+    // The file is refused, the last message is `message`, and the file is closed.
     void expect_refusal(const tiff_spec& spec, const std::string& message);
 
-    bool has_printed(const std::string& part); // since the last look
+    bool has_printed(const std::string& part); // since the last call
 };

@@ -57,9 +57,9 @@ INSTANTIATE_TEST_SUITE_P(
                     too_few_case{"Cmyk", 5, 3, "cmyk format requires at least 4 channels\n"}),
     [](const auto& model) { return model.param.name; });
 
-TEST_F(TiffExamination, YcbcrWantsThreeSamplesAndTakesAFourthAsAlpha)
+TEST_F(TiffExamination, YcbcrNeedsThreeSamplesAndUsesAFourthAsAlpha)
 {
-    // The library itself opens such files with three samples only.
+    // The library itself opens such files only with three samples.
     failing_calls::plan.tiff_samples = 2;
     expect_refusal(plain_tiff(4, 4, 3, 6), "YCbCr format requires at least 3 channels\n");
     failing_calls::plan.tiff_samples = 4;
@@ -68,9 +68,9 @@ TEST_F(TiffExamination, YcbcrWantsThreeSamplesAndTakesAFourthAsAlpha)
     EXPECT_EQ(image_has_alpha_channel, 1);
 }
 
-TEST_F(TiffExamination, NoSampleAtAllIsRefusedByEachModel)
+TEST_F(TiffExamination, ZeroSamplesAreRefusedByEachModel)
 {
-    // No file can say so: the library makes it one. The tag is read as 0 all the same.
+    // No file can have 0 samples since the library turns 0 into 1, but the tag is read as 0 here.
     for (const auto& [photometric, message] :
          {std::pair{0U, "white/black grayscale format requires at least 1 channel\n"},
           std::pair{1U, "white/black grayscale format requires at least 1 channel\n"},

@@ -1,4 +1,4 @@
-// How libtiff gets the file's bytes: interruptions, errors of the disk, and signals.
+// How libtiff reads the file: interruptions, disk errors and signals.
 #include <algorithm>
 #include <cerrno>
 
@@ -26,7 +26,7 @@ protected:
                static_cast<tmsize_t>(size);
     }
 
-    // Opens `file` while the n-th read fails. What is printed.
+    // Opens `file` while the n-th read fails. Returns what is printed.
     std::string examine_with_failing_read(const bytes& file, int which, int error)
     {
         start_anew();
@@ -34,9 +34,9 @@ protected:
         failing_calls::plan.read = which;
         failing_calls::plan.read_errno = error;
         examine_tiff_file();
-        const bool met = failing_calls::plan.read == 0;
+        const bool failed = failing_calls::plan.read == 0;
         free_all_tiff();
-        return met ? printed() : printed() + "(nothing failed)\n";
+        return failed ? printed() : printed() + "(nothing failed)\n";
     }
 };
 
@@ -49,7 +49,7 @@ tiff_spec with_long_strip(size_t size)
 
 constexpr size_t several_pieces = size_t{9} << 20;
 
-TEST_F(TiffReading, InterruptedReadsGoOn)
+TEST_F(TiffReading, InterruptedReadsAreRetried)
 {
     const bytes file = write_tiff(plain_tiff(40, 17, 3, 2));
     const std::string undisturbed = examine_with_failing_read(file, 1000, EINTR);
@@ -64,13 +64,13 @@ TEST_F(TiffReading, InterruptedReadsGoOn)
     EXPECT_EQ(failing_calls::plan.read, 0);
 }
 
-TEST_F(TiffReading, ErrorWhileTheFileIsOpenedIsToldOnceAndRefuses)
+TEST_F(TiffReading, ErrorWhileOpeningIsReportedOnceAndRefuses)
 {
-    const std::string told = "Error while reading the picture: Input/output error\n";
+    const std::string message = "Error while reading the picture: Input/output error\n";
     const bytes file = write_tiff(plain_tiff(40, 17, 3, 2));
     for (int which = 1; which <= 3; ++which) {
         const std::string text = examine_with_failing_read(file, which, EIO);
-        EXPECT_EQ(text.find(told), 0U) << text;
+        EXPECT_EQ(text.find(message), 0U) << text;
         EXPECT_EQ(text.find("Error while", 1), std::string::npos) << text;
         EXPECT_NE(text.find("TIFF did not open file\n"), std::string::npos) << text;
     }
@@ -84,7 +84,7 @@ TEST_F(TiffReading, FailedOpeningClosesTheDescriptor)
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(TiffReading, SignalRefusesAFileThatIsBeingOpened)
+TEST_F(TiffReading, SignalWhileOpeningRefusesTheFile)
 {
     DIE4 = 1;
     EXPECT_EQ(examine(plain_tiff(4, 4, 3, 2)), 1);
@@ -99,25 +99,25 @@ TEST_F(TiffReading, SignalRefusesAFileThatIsBeingOpened)
     EXPECT_EQ(printed().find("TIFF ERROR: "), 0U);
 }
 
-TEST_F(TiffReading, SocketIsServedWhileTheFileIsOpenedAndASignalEndsItThere)
+TEST_F(TiffReading, SocketIsServedWhileOpeningAndASignalEndsTheExamination)
 {
-    scripted::plan.clock_step_us = 500; // every look at the clock is half a millisecond later
+    scripted::plan.clock_step_us = 500; // each clock reading is half a millisecond later
     scripted::plan.die_after_idle = 2;
     EXPECT_EQ(examine(plain_tiff(4, 4, 3, 2)), 1);
     EXPECT_EQ(printed(), "TIFF did not open file\n");
     EXPECT_EQ(scripted::log.idle_rounds, 2U);
 }
 
-TEST_F(TiffReading, SocketIsServedInALongRead)
+TEST_F(TiffReading, SocketIsServedDuringALongRead)
 {
     ASSERT_EQ(examine(with_long_strip(several_pieces)), 0);
     scripted::plan.clock_step_us = 500;
     const uint64_t before = scripted::log.idle_rounds;
     EXPECT_TRUE(strip_is_read(several_pieces));
-    EXPECT_EQ(scripted::log.idle_rounds, before + 2); // behind each 4 MiB
+    EXPECT_EQ(scripted::log.idle_rounds, before + 2); // after each 4 MiB
 }
 
-TEST_F(TiffReading, SignalEndsALongReadWithoutAWord)
+TEST_F(TiffReading, SignalEndsALongReadSilently)
 {
     ASSERT_EQ(examine(with_long_strip(several_pieces)), 0);
     printed();
@@ -126,7 +126,7 @@ TEST_F(TiffReading, SignalEndsALongReadWithoutAWord)
     free_all_tiff();
     ASSERT_EQ(examine(with_long_strip(several_pieces)), 0);
     printed();
-    failing_calls::plan.read = 3; // a third piece would be one too many
+    failing_calls::plan.read = 3; // fails if there is a third piece
     failing_calls::plan.read_errno = EIO;
     DIE4 = 1;
     strip_is_read(several_pieces);
@@ -135,7 +135,7 @@ TEST_F(TiffReading, SignalEndsALongReadWithoutAWord)
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(TiffReading, SignalLeavesShortReadsAlone)
+TEST_F(TiffReading, SignalDoesNotAffectShortReads)
 {
     constexpr size_t short_strip = size_t{1} << 20;
     ASSERT_EQ(examine(with_long_strip(short_strip)), 0);

@@ -12,7 +12,7 @@ namespace {
 
 using bytes = std::vector<unsigned char>;
 
-// Strips that the library takes as they are; it cuts tall ones without compression into smaller
+// Compressed strips stay as they are; the library divides tall uncompressed strips into smaller
 // ones.
 constexpr uint32_t compression_lzw = 5;
 
@@ -85,7 +85,7 @@ struct tag_case {
 
 class TiffTag : public TiffExamination, public testing::WithParamInterface<tag_case> {};
 
-TEST_P(TiffTag, AbsenceIsToldAndMandatoryOnesRefuse)
+TEST_P(TiffTag, AbsenceIsReportedAndRefusesMandatoryTags)
 {
     failing_calls::plan.tiff_tag = GetParam().tag;
     const int result = examine(plain_tiff(4, 4, 4, 5));
@@ -164,7 +164,7 @@ TEST_F(TiffExamination, SeparatePlanesAreNotRefused)
     EXPECT_EQ(examine(spec), 0);
 }
 
-TEST_F(TiffExamination, PlanarIsRefusedOnlyWhenTheFailedQueryStillSaysSo)
+TEST_F(TiffExamination, PlanarIsRefusedOnlyWhenTheFailedQueryStillReturnsIt)
 {
     failing_calls::plan.tiff_tag = 284;
     failing_calls::plan.tiff_value = 2;
@@ -173,7 +173,7 @@ TEST_F(TiffExamination, PlanarIsRefusedOnlyWhenTheFailedQueryStillSaysSo)
     EXPECT_EQ(examine(plain_tiff(4, 4, 3, 2)), 0);
 }
 
-TEST_F(TiffExamination, NoStripsAreRefused)
+TEST_F(TiffExamination, MissingStripsAreRefused)
 {
     failing_calls::plan.tiff_no_strips = true;
     expect_refusal(plain_tiff(4, 4, 3, 2), "TIFF strip info not available\n");
@@ -193,7 +193,7 @@ TEST_F(TiffExamination, EmptyRowsAreRefusedAfterTheReport)
                    "Invalid strip info\n");
 }
 
-TEST_F(TiffExamination, RowsPerStripBeyondTheHeightIsReportedRaw)
+TEST_F(TiffExamination, RowsPerStripBeyondTheHeightIsReportedUnchanged)
 {
     tiff_spec spec = plain_tiff(4, 4, 1, 1);
     spec.set_short(259, {compression_lzw});
@@ -203,9 +203,10 @@ TEST_F(TiffExamination, RowsPerStripBeyondTheHeightIsReportedRaw)
     EXPECT_TRUE(has_printed(" -1 rows per strip (4 per line)\n"));
 }
 
-TEST_F(TiffExamination, StripSizeIsKeptInThirtyTwoBits)
+TEST_F(TiffExamination, StripSizeIsTruncatedTo32Bits)
 {
-    // 16384 x 16384 x 64 bits: 2^31 bytes; with 128 bits 2^32, of which 32 bits keep nothing.
+    // 16384 x 16384 pixels of 64 bits are 2^31 bytes; with 128 bits they are 2^32 bytes, which 32
+    // bits truncate to 0.
     tiff_spec spec = plain_tiff(1, 1, 1, 1);
     spec.set_short(259, {compression_lzw});
     spec.set_long(256, {16384});
@@ -293,7 +294,7 @@ TEST_F(TiffExamination, FileThatIsNoTiffIsRefused)
     EXPECT_EQ(text.substr(0, 20), "TIFF ERROR: picture:");
 }
 
-TEST_F(TiffExamination, CutAtEveryByteIsRefusedOrAccepted)
+TEST_F(TiffExamination, FileTruncatedAtEveryByteIsRefusedOrAccepted)
 {
     const bytes whole = write_tiff(plain_tiff(4, 4, 3, 2));
     for (size_t length = 0; length < whole.size(); ++length) {
@@ -304,9 +305,9 @@ TEST_F(TiffExamination, CutAtEveryByteIsRefusedOrAccepted)
     EXPECT_EQ(tiff_image, nullptr);
 }
 
-TEST_F(TiffExamination, StripsThatTheFileCannotHoldAreRefused)
+TEST_F(TiffExamination, MoreStripsThanTheFileCanHoldAreRefused)
 {
-    // 16 million strips, and as many as 32 bits can say: a table of them alone would take
+    // 16 million strips, and the maximum of 32 bits. The table of the latter alone would take
     // gigabytes.
     for (const uint32_t rows : {0xFFFFFFU, 0xFFFFFFFFU}) {
         tiff_spec spec = plain_tiff(1, 1, 1, 1);
@@ -316,7 +317,7 @@ TEST_F(TiffExamination, StripsThatTheFileCannotHoldAreRefused)
     }
 }
 
-TEST_F(TiffExamination, TagsThatTheFileCannotHoldAreGoneOver)
+TEST_F(TiffExamination, TagsLargerThanTheFileAreSkipped)
 {
     tiff_spec spec = plain_tiff(4, 4, 1, 1);
     spec.set_long(33333, {1, 2, 3});
@@ -324,13 +325,13 @@ TEST_F(TiffExamination, TagsThatTheFileCannotHoldAreGoneOver)
     const bytes entry = {33333 & 0xFF, 33333 >> 8, 4, 0, 3, 0, 0, 0};
     const auto found = std::search(file.begin(), file.end(), entry.begin(), entry.end());
     ASSERT_NE(found, file.end());
-    *(found + 7) = 0x3F; // 2^30 values and more
+    *(found + 7) = 0x3F; // at least 2^30 values
     scripted::set_picture(file);
     EXPECT_EQ(examine_tiff_file(), 0);
     EXPECT_TRUE(has_printed("TIFF WARNING: "));
 }
 
-// So many unknown tags, all with the bytes of the strip as their value.
+// `tags` unknown tags whose values all share the bytes of the strip.
 tiff_spec sharing_tags(uint32_t size, uint16_t tags)
 {
     constexpr uint16_t first_private_tag = 40000;
@@ -342,7 +343,7 @@ tiff_spec sharing_tags(uint32_t size, uint16_t tags)
     return spec;
 }
 
-TEST_F(TiffExamination, TagsThatShareTheirBytesAreReadUpToAMultipleOfTheFile)
+TEST_F(TiffExamination, TagsThatShareTheirBytesAreReadUpToAMultipleOfTheFileSize)
 {
     constexpr uint32_t strip = 1 << 20;
     ASSERT_EQ(examine(sharing_tags(strip, 2)), 0);
@@ -353,7 +354,7 @@ TEST_F(TiffExamination, TagsThatShareTheirBytesAreReadUpToAMultipleOfTheFile)
                    "TIFF did not open file\n");
 }
 
-TEST_F(TiffExamination, ReadsAreNotCountedOnceTheFileIsOpen)
+TEST_F(TiffExamination, ReadsAreNotLimitedOnceTheFileIsOpen)
 {
     constexpr uint32_t size = 1 << 20;
     ASSERT_EQ(examine(sharing_tags(size, 2)), 0);
@@ -365,7 +366,7 @@ TEST_F(TiffExamination, ReadsAreNotCountedOnceTheFileIsOpen)
 
 #if TIFFLIB_VERSION >= 20221213
 
-TEST_F(TiffExamination, LibraryHasALimitForSingleAllocations)
+TEST_F(TiffExamination, SingleAllocationsOfTheLibraryAreLimited)
 {
     ASSERT_EQ(examine(plain_tiff(4, 4, 1, 1)), 0);
     EXPECT_EQ(failing_calls::plan.seen_tiff_limit, int64_t{1} << 31);
@@ -382,7 +383,7 @@ TEST_F(TiffExamination, FileIsReadAndNeverMapped)
     EXPECT_EQ(text.find("memfd:picture"), std::string::npos);
 }
 
-TEST_F(TiffExamination, FileCutAfterOpeningIsNoSignal)
+TEST_F(TiffExamination, FileTruncatedAfterOpeningRaisesNoSignal)
 {
     ASSERT_EQ(examine(plain_tiff(64, 64, 3, 2)), 0);
     ASSERT_EQ(ftruncate(vexa_meta->file_fd, 8), 0);
@@ -390,7 +391,7 @@ TEST_F(TiffExamination, FileCutAfterOpeningIsNoSignal)
     EXPECT_LE(TIFFReadEncodedStrip(tiff_image, 0, strip.data(), tmsize_t(strip.size())), 0);
 }
 
-TEST_F(TiffExamination, LibraryMessagesAreOneLineEachWhateverTheFileIsCalled)
+TEST_F(TiffExamination, LibraryMessagesStayOnOneLineWhateverTheFileName)
 {
     scripted::set_picture(bytes(100, 'x'));
     vexa_meta->file_name = "two\nlines\x1B[31m%n%s";

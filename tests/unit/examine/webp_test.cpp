@@ -62,7 +62,7 @@ TEST_F(WebpExamination, AlphaGivesAnAlphaPlane)
     EXPECT_EQ(image_has_alpha_channel, 1);
 }
 
-TEST_F(WebpExamination, AnimationIsOneFrameOfItsCanvas)
+TEST_F(WebpExamination, AnimationIsOneFrameOfItsCanvasSize)
 {
     ASSERT_EQ(examine(webp_animation_start(300, 200, true)), 0);
     EXPECT_EQ(printed(), "WebP: 300 x 200 has_alpha=1 has_anim=1 formatcode=0\n");
@@ -71,7 +71,7 @@ TEST_F(WebpExamination, AnimationIsOneFrameOfItsCanvas)
     EXPECT_EQ(image_decoded_frames, 1U);
 }
 
-TEST_F(WebpExamination, CanvasOfSixteenMillionColumnsIsTaken)
+TEST_F(WebpExamination, CanvasOfSixteenMillionColumnsIsAccepted)
 {
     ASSERT_EQ(examine(webp_animation_start(16777216, 16, false)), 0);
     EXPECT_EQ(image_width, 16777216);
@@ -100,7 +100,7 @@ TEST_F(WebpExamination, SizeLimitIsOneLessThanSixteenMebibytes)
 TEST_F(WebpExamination, UnknownSizeIsTooSmall)
 {
     scripted::set_picture(lossy_webp(3, 3, pixels(3, 3, 255), 80));
-    failing_calls::plan.lseek = 2; // the first is the platform's own
+    failing_calls::plan.lseek = 2; // the first call is the platform's own
     EXPECT_EQ(examine_webp_file(), 1);
     EXPECT_EQ(printed(), "WebP file too small\n");
 }
@@ -114,13 +114,13 @@ TEST_F(WebpExamination, FailingRewindIsAReadingFailure)
     EXPECT_EQ(webp_image, nullptr);
 }
 
-TEST_F(WebpExamination, NoMemory)
+TEST_F(WebpExamination, FailedAllocationIsRefused)
 {
     failing_calls::plan.new_array = 1;
     expect_refusal(lossy_webp(3, 3, pixels(3, 3, 255), 80), "Cannot alloc memory for WebP\n");
 }
 
-TEST_F(WebpExamination, FailingReadIsTold)
+TEST_F(WebpExamination, FailingReadIsReported)
 {
     failing_calls::plan.read = 1;
     failing_calls::plan.read_errno = EIO;
@@ -128,7 +128,7 @@ TEST_F(WebpExamination, FailingReadIsTold)
                    "Error while reading the picture: Input/output error\nFailed to read WebP\n");
 }
 
-TEST_F(WebpExamination, InterruptedAndShortReadsAreGoneOver)
+TEST_F(WebpExamination, InterruptedAndShortReadsAreContinued)
 {
     const bytes file = lossy_webp(33, 17, pixels(33, 17, 255), 80);
     failing_calls::plan.read = 2;
@@ -174,7 +174,7 @@ TEST_F(WebpExamination, SecondExaminationIsABugAndKeepsTheFirst)
     EXPECT_EQ(webp_image, image);
 }
 
-TEST_F(WebpExamination, CutAtEveryByteIsRefusedOrAccepted)
+TEST_F(WebpExamination, FileTruncatedAtEveryByteIsRefusedOrAccepted)
 {
     const bytes whole = lossy_webp(9, 9, pixels(9, 9, 100), 80);
     for (size_t length = 0; length < whole.size(); ++length) {

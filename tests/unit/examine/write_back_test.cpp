@@ -9,7 +9,7 @@ using texts = std::vector<std::string>;
 
 class WriteBack : public ExamineFixture {};
 
-TEST_F(WriteBack, ResultIsPrintedBehindTheStandardState)
+TEST_F(WriteBack, ResultIsPrintedAfterTheStandardState)
 {
     image_width = 640;
     image_height = 480;
@@ -19,7 +19,7 @@ TEST_F(WriteBack, ResultIsPrintedBehindTheStandardState)
                          "   Image size: 640 x 480\n");
 }
 
-TEST_F(WriteBack, StillPictureLastsItsFrames)
+TEST_F(WriteBack, StillPictureLastsForItsFrames)
 {
     image_file_type = IMAGE_PNG;
     vexa_time_scale = {25, 1};
@@ -41,7 +41,7 @@ TEST_F(WriteBack, GifLastsItsTotalInHundredths)
     EXPECT_EQ(vexa_time_scale.denominator, 1);
 }
 
-TEST_F(WriteBack, NothingNewIsNotWrittenButTheListIsClosed)
+TEST_F(WriteBack, UnchangedListIsNotWrittenButClosed)
 {
     write_metadata_back();
     EXPECT_EQ(printed(), "");
@@ -49,7 +49,7 @@ TEST_F(WriteBack, NothingNewIsNotWrittenButTheListIsClosed)
     EXPECT_EQ(scripted::log.calls, (texts{"meta_to_json", "metadata_v4_metadata_close_file"}));
 }
 
-TEST_F(WriteBack, SomethingNewIsWritten)
+TEST_F(WriteBack, ChangedListIsWritten)
 {
     add_entry("title", "a picture");
     vexa_do_write_metadata = true;
@@ -70,7 +70,7 @@ TEST_F(WriteBack, ForbiddenUpdateIsNotWritten)
     EXPECT_EQ(scripted::log.calls.back(), "metadata_v4_metadata_close_file");
 }
 
-TEST_F(WriteBack, FailingWriteIsToldAndTheListClosed)
+TEST_F(WriteBack, FailedWriteIsReportedAndTheListClosed)
 {
     vexa_do_write_metadata = true;
     scripted::plan.metadata_write_fails = true;

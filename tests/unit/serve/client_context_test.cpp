@@ -29,13 +29,13 @@ TEST_F(ClientContext, CarriesIdSizeAndDuration)
     EXPECT_EQ(context.duration, 7U);
 }
 
-TEST_F(ClientContext, GifLastsItsTotal)
+TEST_F(ClientContext, GifLastsForTheTotalOfItsDelays)
 {
     image_file_type = IMAGE_GIF;
     EXPECT_EQ(stillimage_client_context(9).duration, 80U);
 }
 
-TEST_F(ClientContext, FactoryGivesTheSame)
+TEST_F(ClientContext, FactoryReturnsTheSame)
 {
     image_file_type = IMAGE_GIF;
     const std::unique_ptr<vexa_client_context> context(my_new_client_context(~0UL));
@@ -46,7 +46,7 @@ TEST_F(ClientContext, FactoryGivesTheSame)
     EXPECT_EQ(context->duration, 80U);
 }
 
-TEST_F(ClientContext, ClientThatCameBeforeTheExaminationLearnsOfThePictureAfterIt)
+TEST_F(ClientContext, EarlyClientGetsThePictureFactsAfterTheExamination)
 {
     image_width = image_height = -1;
     image_file_type = 0;
@@ -64,7 +64,7 @@ TEST_F(ClientContext, ClientThatCameBeforeTheExaminationLearnsOfThePictureAfterI
     vexa_client_contexts.tracked.clear();
 }
 
-TEST_F(ClientContext, NoMemoryIsNull)
+TEST_F(ClientContext, FailedAllocationReturnsNull)
 {
     failing_calls::plan.new_object = 1;
     EXPECT_EQ(my_new_client_context(9), nullptr);

@@ -1,4 +1,4 @@
-// Common ground of the serving tests: everything as at program start, and a client on the table.
+// Base of the serving tests: all state as at program start, and one tracked client.
 #pragma once
 
 #include <cstdint>

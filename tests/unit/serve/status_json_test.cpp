@@ -40,7 +40,7 @@ TEST_F(StatusJson, NoClientMeansNoContextId)
     EXPECT_EQ(info(~0UL), R"({"file type": "PNG", "height": 480, "width": 640})");
 }
 
-TEST_F(StatusJson, ContextIdIsCutToThirtyTwoBits)
+TEST_F(StatusJson, ContextIdIsTruncatedTo32Bits)
 {
     image_file_type = IMAGE_PNG;
     EXPECT_EQ(info(4294967296),

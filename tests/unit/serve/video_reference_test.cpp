@@ -40,7 +40,7 @@ TEST_F(ChooseLevel, UnknownSizeGetsTheFullPicture)
     EXPECT_EQ(chosen(9, 0), 0);
 }
 
-TEST_F(ChooseLevel, ThreeQuartersOfThePictureGetIt)
+TEST_F(ChooseLevel, ThreeQuartersCoverageGetsTheFullPicture)
 {
     EXPECT_EQ(chosen(750, 600), 0);
     EXPECT_EQ(chosen(740, 592), 1);
@@ -62,26 +62,26 @@ TEST_F(ChooseLevel, LargestCoveredLevelIsTaken)
     EXPECT_EQ(chosen(187, 150), 3);
 }
 
-TEST_F(ChooseLevel, SmallestLevelServesWhatNoneCovers)
+TEST_F(ChooseLevel, SmallestLevelIsTakenWhenNoneIsCovered)
 {
     EXPECT_EQ(chosen(1, 1), 3);
     EXPECT_EQ(chosen(1, 1, 1), 1);
     EXPECT_EQ(chosen(1, 1, 4), 4);
 }
 
-TEST_F(ChooseLevel, LastLevelIsTakenWithoutALook)
+TEST_F(ChooseLevel, LastLevelIsTakenWithoutReadingItsRecord)
 {
     const mipmap_image unusable[1] = {};
     EXPECT_EQ(choose_level(1, 1, full_size, unusable, 1), 1);
     EXPECT_EQ(choose_level(1, 1, full_size, nullptr, 1), 1);
 }
 
-TEST_F(ChooseLevel, NoLevelYetGetsTheFullPicture)
+TEST_F(ChooseLevel, WithoutLevelsTheFullPictureIsTaken)
 {
     EXPECT_EQ(choose_level(1, 1, full_size, nullptr, 0), 0);
 }
 
-TEST_F(ChooseLevel, NegativeAndHugeSizesStayInside)
+TEST_F(ChooseLevel, NegativeAndHugeSizesGiveAValidLevel)
 {
     const int odd[] = {INT_MIN, -5, -1, 0, 1, 5, INT_MAX};
     for (const int width : odd) {
@@ -93,7 +93,7 @@ TEST_F(ChooseLevel, NegativeAndHugeSizesStayInside)
             }
         }
     }
-    EXPECT_EQ(chosen(-1, 5), 3); // not a number: covers nothing
+    EXPECT_EQ(chosen(-1, 5), 3); // the coverage is NaN, so no level is covered
     EXPECT_EQ(chosen(INT_MAX, INT_MAX), 0);
 }
 
@@ -123,7 +123,7 @@ TEST(FrameAt, WithoutFramesNothingIsClamped)
     EXPECT_EQ(frame_at(timeline, 0, 25), 2U);
 }
 
-TEST(FrameAt, TimelineGivesTheLastFrameThatHasStarted)
+TEST(FrameAt, TimelineGivesTheLastStartedFrame)
 {
     EXPECT_EQ(frame_at(timeline, 3, 0), 0U);
     EXPECT_EQ(frame_at(timeline, 3, 9), 0U);
@@ -134,7 +134,7 @@ TEST(FrameAt, TimelineGivesTheLastFrameThatHasStarted)
     EXPECT_EQ(frame_at(timeline, 3, UINT64_MAX), 2U);
 }
 
-TEST(FrameAt, BeforeTheTimelineIsItsFirstFrame)
+TEST(FrameAt, BeforeTheTimelineTheFirstFrameIsGiven)
 {
     EXPECT_EQ(frame_at({{5, 2}, {9, 1}}, 3, 0), 2U);
     EXPECT_EQ(frame_at({{5, 2}, {9, 1}}, 3, 4), 2U);
@@ -268,7 +268,7 @@ TEST_F(VideoReference, UnknownClientGetsTheFullSize)
     EXPECT_EQ(reference.choose_mipmap_level(), 0);
 }
 
-TEST_F(VideoReference, LevelsBeforeTheyAreThereAreNotServed)
+TEST_F(VideoReference, LevelsAreNotServedBeforeTheyExist)
 {
     want_size(1, 1);
     mipmaps_avail = 0;
@@ -311,7 +311,7 @@ TEST_F(VideoReference, NewAspectRatioReachesNewFramesOnly)
     EXPECT_EQ(second.load_frame(&error)->aspect_ratio.numerator, 4);
 }
 
-TEST_F(VideoReference, TimePositionIsMapped)
+TEST_F(VideoReference, TimePositionIsMappedToAFrame)
 {
     image_decoded_frames = 5;
     reference.time_position = 9;
@@ -322,7 +322,7 @@ TEST_F(VideoReference, TimePositionIsMapped)
     EXPECT_EQ(error, 0);
 }
 
-TEST_F(VideoReference, FactoryGivesAnEmptyReferenceForAnyOwner)
+TEST_F(VideoReference, FactoryReturnsAnEmptyReferenceForAnyOwner)
 {
     const std::unique_ptr<vexa_video_frame_reference> made(stillimage_new_video_reference(nullptr));
     const auto* made_reference = dynamic_cast<stillimage_video_reference*>(made.get());
@@ -330,7 +330,7 @@ TEST_F(VideoReference, FactoryGivesAnEmptyReferenceForAnyOwner)
     EXPECT_EQ(made_reference->frame, nullptr);
 }
 
-TEST_F(VideoReference, NoMemoryForTheFrameIsNullAndMayBeTriedAgain)
+TEST_F(VideoReference, FailedFrameAllocationReturnsNullAndMayBeRetried)
 {
     failing_calls::plan.new_object = 1;
     EXPECT_EQ(reference.load_frame(&error), nullptr);
@@ -338,13 +338,13 @@ TEST_F(VideoReference, NoMemoryForTheFrameIsNullAndMayBeTriedAgain)
     EXPECT_NE(reference.load_frame(&error), nullptr);
 }
 
-TEST_F(VideoReference, NoMemoryForTheReferenceIsNull)
+TEST_F(VideoReference, FailedReferenceAllocationReturnsNull)
 {
     failing_calls::plan.new_object = 1;
     EXPECT_EQ(stillimage_new_video_reference(nullptr), nullptr);
 }
 
-TEST_F(VideoReference, DeletingAHeldFrameIsTold)
+TEST_F(VideoReference, DeletingAHeldFrameIsReported)
 {
     auto* held = new stillimage_video_reference;
     held->context_id = client_id;

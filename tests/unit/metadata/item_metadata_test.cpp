@@ -20,7 +20,7 @@ protected:
     item_owner open(const std::string& file, const std::string& where)
     {
         item_owner item(nullptr, platform::close_media_item);
-        told =
+        messages =
             printed_by([&] { item.reset(platform::open_media_item(file.c_str(), where.c_str())); });
         return item;
     }
@@ -28,14 +28,14 @@ protected:
     temporary_folder folder;
     std::string picture = folder.write("picture.png", "bytes of a picture");
     std::string metadata_folder = folder.path("meta/of/it");
-    std::string told;
+    std::string messages;
 };
 
 TEST_F(ItemMetadata, OpensThePictureAndMakesAPrivateFolder)
 {
     const item_owner item = open(picture, metadata_folder);
     ASSERT_NE(item, nullptr);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(messages, "");
     EXPECT_GE(item->file_fd, 0);
     EXPECT_EQ(item->file_name, picture);
     EXPECT_EQ(item->metadata_path, metadata_folder + "/metadata");
@@ -44,42 +44,43 @@ TEST_F(ItemMetadata, OpensThePictureAndMakesAPrivateFolder)
     EXPECT_EQ(status.st_mode & 07777U, 0700U);
 }
 
-TEST_F(ItemMetadata, MissingPictureIsToldAndNoFolderMade)
+TEST_F(ItemMetadata, MissingPictureIsReportedAndNoFolderMade)
 {
     EXPECT_EQ(open(folder.path("none"), metadata_folder), nullptr);
-    EXPECT_EQ(told, "Cannot open file '" + folder.path("none") + "': No such file or directory\n");
+    EXPECT_EQ(messages,
+              "Cannot open file '" + folder.path("none") + "': No such file or directory\n");
     EXPECT_FALSE(folder.has("meta"));
 }
 
-TEST_F(ItemMetadata, FolderThatCannotBeMadeIsTold)
+TEST_F(ItemMetadata, FolderThatCannotBeMadeIsReported)
 {
     EXPECT_EQ(open(picture, picture + "/meta"), nullptr);
-    EXPECT_EQ(told, "Cannot make metadata folder '" + picture + "/meta': Not a directory\n");
+    EXPECT_EQ(messages, "Cannot make metadata folder '" + picture + "/meta': Not a directory\n");
 }
 
-TEST_F(ItemMetadata, FolderThatCannotBeOpenedIsTold)
+TEST_F(ItemMetadata, FolderThatCannotBeOpenedIsReported)
 {
     ASSERT_EQ(mkdir(folder.path("closed").c_str(), 0), 0);
     ASSERT_EQ(chmod(folder.path().c_str(), 0755), 0);
     EXPECT_EQ(run_without_privileges([&] {
                   EXPECT_EQ(open(picture, folder.path("closed")), nullptr);
-                  EXPECT_EQ(told, "Cannot open metadata folder '" + folder.path("closed") +
-                                      "': Permission denied\n");
+                  EXPECT_EQ(messages, "Cannot open metadata folder '" + folder.path("closed") +
+                                          "': Permission denied\n");
                   return HasFailure() ? 1 : 0;
               }),
               0);
 }
 
-TEST_F(ItemMetadata, TooLongPathsAreTold)
+TEST_F(ItemMetadata, TooLongPathsAreReported)
 {
     const std::string too_long = "/" + std::string(5000, 'x');
     EXPECT_EQ(open(too_long, metadata_folder), nullptr);
-    EXPECT_EQ(told, "Cannot open file '" + too_long + "': File name too long\n");
+    EXPECT_EQ(messages, "Cannot open file '" + too_long + "': File name too long\n");
     EXPECT_EQ(open(picture, too_long), nullptr);
-    EXPECT_EQ(told, "Cannot make metadata folder '" + too_long + "': File name too long\n");
+    EXPECT_EQ(messages, "Cannot make metadata folder '" + too_long + "': File name too long\n");
 }
 
-TEST_F(ItemMetadata, WrittenListIsLoadedAgain)
+TEST_F(ItemMetadata, WrittenListCanBeLoaded)
 {
     const item_owner item = open(picture, metadata_folder);
     const list_owner list(platform::load_item_metadata(*item));
@@ -118,12 +119,12 @@ TEST_F(ItemMetadata, UnknownFlagsAreRefused)
         0);
 }
 
-TEST_F(ItemMetadata, RelativePathsHoldAfterTheWorkingFolderHasChanged)
+TEST_F(ItemMetadata, RelativePathsStayValidWhenTheWorkingFolderChanges)
 {
     EXPECT_EQ(run_in_child([&] {
                   EXPECT_EQ(chdir(folder.path().c_str()), 0);
                   const item_owner item = open("picture.png", "meta");
-                  EXPECT_NE(item, nullptr) << told;
+                  EXPECT_NE(item, nullptr) << messages;
                   EXPECT_EQ(chdir("/"), 0);
                   const list_owner list(platform::load_item_metadata(*item));
                   EXPECT_EQ(metadata_v4_metadata_context_write_metadata_to_file(
@@ -139,7 +140,7 @@ TEST_F(ItemMetadata, RelativePathsHoldAfterTheWorkingFolderHasChanged)
     EXPECT_TRUE(folder.has("meta/metadata"));
 }
 
-TEST_F(ItemMetadata, HandleIsAFreshDescriptorOfTheFirstFile)
+TEST_F(ItemMetadata, HandleIsANewDescriptorOfTheOriginalFile)
 {
     const item_owner item = open(picture, metadata_folder);
     folder.write("other", "something else");
@@ -152,7 +153,7 @@ TEST_F(ItemMetadata, HandleIsAFreshDescriptorOfTheFirstFile)
     EXPECT_EQ(bytes, "bytes of a picture");
 }
 
-TEST_F(ItemMetadata, HandleIsRefusedForWhatIsNoRegularFile)
+TEST_F(ItemMetadata, HandleIsRefusedForNonRegularFiles)
 {
     ASSERT_EQ(mkfifo(folder.path("fifo").c_str(), 0600), 0);
     for (const std::string& other : {folder.path("fifo"), folder.path(), std::string("/dev/zero"),
@@ -172,13 +173,13 @@ TEST_F(ItemMetadata, HandleIsRefusedWithoutAnOpenPicture)
     EXPECT_LT(metadata_v4_context_get_file_handle(item.get(), 0), 0);
 }
 
-// The number that the next opened file gets.
+// The number of the next descriptor to be opened.
 int next_descriptor()
 {
     return platform::unique_fd(platform::open_file("/dev/null", O_RDONLY)).get();
 }
 
-TEST_F(ItemMetadata, ClosingTakesNullAndLeavesNoDescriptor)
+TEST_F(ItemMetadata, ClosingAcceptsNullAndLeaksNoDescriptor)
 {
     platform::close_media_item(nullptr);
     const int before = next_descriptor();

@@ -30,25 +30,25 @@ protected:
 
     list_owner load() { return list_owner(load_metadata(store)); }
 
-    // Loads while collecting what is printed.
-    list_owner load_told()
+    // Loads the list and stores what is printed in `messages`.
+    list_owner load_capturing()
     {
         list_owner list;
-        told = printed_by([&] { list = load(); });
+        messages = printed_by([&] { list = load(); });
         return list;
     }
 
-    int store_told(const list_owner& list)
+    int store_capturing(const list_owner& list)
     {
         int result = 0;
-        told = printed_by([&] { result = store_metadata(store, list.get()); });
+        messages = printed_by([&] { result = store_metadata(store, list.get()); });
         return result;
     }
 
-    int update_told(std::string_view name, std::string_view value)
+    int update_capturing(std::string_view name, std::string_view value)
     {
         int result = 0;
-        told = printed_by([&] {
+        messages = printed_by([&] {
             result = update_stored_metadata(store, {{std::string(name), std::string(value)}});
         });
         return result;
@@ -56,19 +56,19 @@ protected:
 
     temporary_folder folder;
     platform::metadata_store store = store_in(folder);
-    std::string told;
+    std::string messages;
 };
 
 TEST_F(MetadataFile, MissingFileGivesANewList)
 {
-    const list_owner list = load_told();
+    const list_owner list = load_capturing();
     ASSERT_NE(list, nullptr);
     EXPECT_EQ(list->entries, 0U);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(messages, "");
     EXPECT_EQ(folder.names(), strings{});
 }
 
-TEST_F(MetadataFile, StoredListIsLoadedAgain)
+TEST_F(MetadataFile, StoredListCanBeLoaded)
 {
     const list_owner list = load();
     platform::set_item_entry(list.get(), "a", "1\n2");
@@ -79,7 +79,7 @@ TEST_F(MetadataFile, StoredListIsLoadedAgain)
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
-TEST_F(MetadataFile, ForeignEntriesCommentsAndOrderSurvive)
+TEST_F(MetadataFile, UnknownEntriesCommentsAndOrderArePreserved)
 {
     constexpr const char* text =
         "# mine\nzebra = 1\n\n[4] colour = red\nfile type = image/png\n#end\n";
@@ -94,20 +94,21 @@ TEST_F(MetadataFile, ListMayBeStoredAgain)
     const list_owner list = load();
     ASSERT_EQ(store_metadata(store, list.get()), 0);
     platform::set_item_entry(list.get(), "a", "1");
-    ASSERT_EQ(store_told(list), 0);
-    EXPECT_EQ(told, "");
+    ASSERT_EQ(store_capturing(list), 0);
+    EXPECT_EQ(messages, "");
     EXPECT_NE(folder.read("metadata").find("a = 1\n"), std::string::npos);
 }
 
-TEST_F(MetadataFile, DamagedFileIsToldSetAsideAndANewOneIsWritten)
+TEST_F(MetadataFile, DamagedFileIsReportedAndSetAsideAndANewOneIsWritten)
 {
     folder.write("metadata", "a = 1\nnonsense\n");
-    const list_owner list = load_told();
+    const list_owner list = load_capturing();
     ASSERT_NE(list, nullptr);
-    EXPECT_EQ(told, "Damaged metadata file 'META': line 2: neither an entry (name = value) nor a "
-                    "comment\n"
-                    "Metadata file set aside 'META': now named metadata.damaged-1\n");
-    EXPECT_EQ(list->entries, 0U) << "never a part of a damaged file";
+    EXPECT_EQ(messages,
+              "Damaged metadata file 'META': line 2: neither an entry (name = value) nor a "
+              "comment\n"
+              "Metadata file set aside 'META': now named metadata.damaged-1\n");
+    EXPECT_EQ(list->entries, 0U) << "part of a damaged file must not be used";
     EXPECT_EQ(folder.read("metadata.damaged-1"), "a = 1\nnonsense\n");
     EXPECT_FALSE(folder.has("metadata"));
     EXPECT_EQ(store_metadata(store, list.get()), 0);
@@ -118,72 +119,75 @@ TEST_F(MetadataFile, FilesSetAsideDoNotOverwriteEachOther)
 {
     for (const char* text : {"one", "two", "three"}) {
         folder.write("metadata", text);
-        load_told();
+        load_capturing();
     }
     EXPECT_EQ(folder.read("metadata.damaged-1"), "one");
     EXPECT_EQ(folder.read("metadata.damaged-2"), "two");
     EXPECT_EQ(folder.read("metadata.damaged-3"), "three");
 }
 
-TEST_F(MetadataFile, TooManySetAsideLeaveTheDamagedFileInPlaceUnwritten)
+TEST_F(MetadataFile, TooManyFilesSetAsideLeaveTheDamagedFileUnchanged)
 {
     for (int number = 1; number <= platform::max_set_aside; ++number) {
         folder.write("metadata.damaged-" + std::to_string(number), "");
     }
     folder.write("metadata", "nonsense");
-    const list_owner list = load_told();
-    EXPECT_NE(told.find("Cannot set aside metadata file 'META': too many were set aside before\n"),
-              std::string::npos);
+    const list_owner list = load_capturing();
+    EXPECT_NE(
+        messages.find("Cannot set aside metadata file 'META': too many were set aside before\n"),
+        std::string::npos);
     ASSERT_NE(list, nullptr);
-    EXPECT_EQ(store_told(list), -1);
-    EXPECT_EQ(told, "Cannot write metadata file 'META': the damaged file is still in its place\n");
+    EXPECT_EQ(store_capturing(list), -1);
+    EXPECT_EQ(messages,
+              "Cannot write metadata file 'META': the damaged file is still in its place\n");
     EXPECT_EQ(folder.read("metadata"), "nonsense");
 }
 
-TEST_F(MetadataFile, FailingSetAsideLeavesTheDamagedFileInPlaceUnwritten)
+TEST_F(MetadataFile, FailingSetAsideLeavesTheDamagedFileUnchanged)
 {
     folder.write("metadata", "nonsense");
     store.operations = &failing_files::operations;
     failing_files::arm(1, fate::FAIL, EROFS);
-    const list_owner list = load_told();
-    EXPECT_NE(told.find("Cannot set aside metadata file 'META': Read-only file system\n"),
+    const list_owner list = load_capturing();
+    EXPECT_NE(messages.find("Cannot set aside metadata file 'META': Read-only file system\n"),
               std::string::npos);
     failing_files::arm(0, fate::FAIL);
-    EXPECT_EQ(store_told(list), -1);
+    EXPECT_EQ(store_capturing(list), -1);
     EXPECT_EQ(folder.read("metadata"), "nonsense");
 }
 
-TEST_F(MetadataFile, DamagedFileIsLeftAloneWhileAnotherProcessHoldsTheLock)
+TEST_F(MetadataFile, DamagedFileIsNotSetAsideWhileAnotherProcessHoldsTheLock)
 {
     folder.write("metadata", "nonsense");
     platform::file_lock other;
     ASSERT_EQ(other.take(folder.fd(), "metadata.lock", 0), platform::lock_result::TAKEN);
-    const list_owner list = load_told();
-    EXPECT_NE(told.find("Cannot set aside metadata file 'META': another process holds its lock\n"),
-              std::string::npos);
+    const list_owner list = load_capturing();
+    EXPECT_NE(
+        messages.find("Cannot set aside metadata file 'META': another process holds its lock\n"),
+        std::string::npos);
     other.release();
     ASSERT_NE(list, nullptr);
-    EXPECT_EQ(store_told(list), -1);
+    EXPECT_EQ(store_capturing(list), -1);
     EXPECT_EQ(folder.read("metadata"), "nonsense");
 }
 
-TEST_F(MetadataFile, HugeFileIsRefusedUnread)
+TEST_F(MetadataFile, HugeFileIsRefusedWithoutReading)
 {
     folder.write("metadata", "");
     ASSERT_EQ(truncate(folder.path("metadata").c_str(), 1 << 30), 0);
-    const list_owner list = load_told();
-    EXPECT_EQ(told, "Damaged metadata file 'META': the file is too large\n"
-                    "Metadata file set aside 'META': now named metadata.damaged-1\n");
+    const list_owner list = load_capturing();
+    EXPECT_EQ(messages, "Damaged metadata file 'META': the file is too large\n"
+                        "Metadata file set aside 'META': now named metadata.damaged-1\n");
     ASSERT_NE(list, nullptr);
 }
 
-// Memory for its bytes could not be had: asking for it would end the child.
+// Memory for the contents is not available: requesting it would end the child.
 TEST_F(MetadataFile, HugeFileCostsNoMemory)
 {
     folder.write("metadata", "");
     ASSERT_EQ(truncate(folder.path("metadata").c_str(), INT64_C(1) << 40), 0);
     EXPECT_EQ(run_in_child([&] {
-                  return load_told() != nullptr && folder.has("metadata.damaged-1") ? 0 : 1;
+                  return load_capturing() != nullptr && folder.has("metadata.damaged-1") ? 0 : 1;
               }),
               0);
 }
@@ -191,29 +195,29 @@ TEST_F(MetadataFile, HugeFileCostsNoMemory)
 TEST_F(MetadataFile, LargestFileIsLoaded)
 {
     folder.write("metadata", "a = 1\n" + std::string(platform::max_metadata_file - 6, '\n'));
-    const list_owner list = load_told();
-    EXPECT_EQ(told, "");
+    const list_owner list = load_capturing();
+    EXPECT_EQ(messages, "");
     EXPECT_EQ(list->entries, 1U);
 }
 
-TEST_F(MetadataFile, WhatIsNoRegularFileIsSetAside)
+TEST_F(MetadataFile, NonRegularFileIsSetAside)
 {
     folder.write("target", "a = 1\n");
     ASSERT_EQ(symlink("target", folder.path("metadata").c_str()), 0);
-    load_told();
+    load_capturing();
     ASSERT_EQ(mkfifo(folder.path("metadata").c_str(), 0600), 0);
-    load_told();
+    load_capturing();
     ASSERT_EQ(mkdir(folder.path("metadata").c_str(), 0700), 0);
-    load_told();
+    load_capturing();
     const platform::unique_fd socket_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     strncpy(address.sun_path, folder.path("metadata").c_str(), sizeof(address.sun_path) - 1);
     ASSERT_EQ(bind(socket_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
               0);
-    load_told();
-    EXPECT_EQ(told, "Damaged metadata file 'META': not a regular file\n"
-                    "Metadata file set aside 'META': now named metadata.damaged-4\n");
+    load_capturing();
+    EXPECT_EQ(messages, "Damaged metadata file 'META': not a regular file\n"
+                        "Metadata file set aside 'META': now named metadata.damaged-4\n");
     EXPECT_EQ(folder.names(),
               (strings{"metadata.damaged-1", "metadata.damaged-2", "metadata.damaged-3",
                        "metadata.damaged-4", "metadata.lock", "target"}));
@@ -226,16 +230,17 @@ TEST_F(MetadataFile, UnreadableFileIsSetAside)
     ASSERT_EQ(chmod(folder.path("metadata").c_str(), 0), 0);
     ASSERT_EQ(chmod(folder.path().c_str(), 0777), 0);
     EXPECT_EQ(run_without_privileges([&] {
-                  const list_owner list = load_told();
-                  EXPECT_EQ(told, "Damaged metadata file 'META': Permission denied\n"
-                                  "Metadata file set aside 'META': now named metadata.damaged-1\n");
+                  const list_owner list = load_capturing();
+                  EXPECT_EQ(messages,
+                            "Damaged metadata file 'META': Permission denied\n"
+                            "Metadata file set aside 'META': now named metadata.damaged-1\n");
                   return list != nullptr && list->entries == 0 && !HasFailure() ? 0 : 1;
               }),
               0);
     EXPECT_TRUE(folder.has("metadata.damaged-1"));
 }
 
-TEST_F(MetadataFile, LackOfDescriptorsIsNotTheFilesFault)
+TEST_F(MetadataFile, LackOfDescriptorsIsNoDamage)
 {
     folder.write("metadata", "a = 1\n");
     EXPECT_EQ(run_in_child([&] {
@@ -248,7 +253,7 @@ TEST_F(MetadataFile, LackOfDescriptorsIsNotTheFilesFault)
     EXPECT_EQ(folder.names(), strings{"metadata"});
 }
 
-TEST_F(MetadataFile, ListIsNotWrittenOverAnothersChange)
+TEST_F(MetadataFile, ListIsNotWrittenOverAChangeByAnotherProcess)
 {
     folder.write("metadata", "a = 1\n");
     const list_owner list = load();
@@ -256,33 +261,33 @@ TEST_F(MetadataFile, ListIsNotWrittenOverAnothersChange)
     platform::set_item_entry(list.get(), "a", "first");
     platform::set_item_entry(second.get(), "a", "second");
     ASSERT_EQ(store_metadata(store, list.get()), 0);
-    EXPECT_EQ(store_told(second), -1);
-    EXPECT_EQ(told,
+    EXPECT_EQ(store_capturing(second), -1);
+    EXPECT_EQ(messages,
               "Cannot write metadata file 'META': another process has changed it meanwhile\n");
     EXPECT_EQ(folder.read("metadata"), "a = first\n");
 }
 
-TEST_F(MetadataFile, FileThatAppearedOrWentIsAChangeToo)
+TEST_F(MetadataFile, CreatedOrRemovedFileIsAChange)
 {
     const list_owner from_nothing = load();
     folder.write("metadata", "a = 1\n");
-    EXPECT_EQ(store_told(from_nothing), -1);
+    EXPECT_EQ(store_capturing(from_nothing), -1);
     const list_owner from_file = load();
     ASSERT_EQ(unlink(folder.path("metadata").c_str()), 0);
-    EXPECT_EQ(store_told(from_file), -1);
+    EXPECT_EQ(store_capturing(from_file), -1);
     EXPECT_FALSE(folder.has("metadata"));
 }
 
-TEST_F(MetadataFile, LoserOfTheLockSaysSoAndDoesNotWrite)
+TEST_F(MetadataFile, HeldLockIsReportedAndNothingIsWritten)
 {
     folder.write("metadata", "a = 1\n");
     const list_owner list = load();
     platform::file_lock other;
     ASSERT_EQ(other.take(folder.fd(), "metadata.lock", 0), platform::lock_result::TAKEN);
-    EXPECT_EQ(store_told(list), -1);
-    EXPECT_EQ(told, "Cannot write metadata file 'META': another process holds its lock\n");
-    EXPECT_EQ(update_told("a", "2"), -1);
-    EXPECT_EQ(told, "Cannot write metadata file 'META': another process holds its lock\n");
+    EXPECT_EQ(store_capturing(list), -1);
+    EXPECT_EQ(messages, "Cannot write metadata file 'META': another process holds its lock\n");
+    EXPECT_EQ(update_capturing("a", "2"), -1);
+    EXPECT_EQ(messages, "Cannot write metadata file 'META': another process holds its lock\n");
     EXPECT_EQ(folder.read("metadata"), "a = 1\n");
 }
 
@@ -294,15 +299,15 @@ TEST_F(MetadataFile, StopEndsTheWaitForTheLock)
     const list_owner list = load();
     platform::file_lock other;
     ASSERT_EQ(other.take(folder.fd(), "metadata.lock", 0), platform::lock_result::TAKEN);
-    EXPECT_EQ(store_told(list), -1);
+    EXPECT_EQ(store_capturing(list), -1);
 }
 
-TEST_F(MetadataFile, LockThatCannotBeHadIsTold)
+TEST_F(MetadataFile, LockThatCannotBeTakenIsReported)
 {
     const list_owner list = load();
     ASSERT_EQ(mkdir(folder.path("metadata.lock").c_str(), 0700), 0);
-    EXPECT_EQ(store_told(list), -1);
-    EXPECT_EQ(told,
+    EXPECT_EQ(store_capturing(list), -1);
+    EXPECT_EQ(messages,
               "Cannot write metadata file 'META': its lock cannot be taken: Is a directory\n");
 }
 
@@ -316,12 +321,12 @@ TEST_F(MetadataFile, LockIsFreeAfterwards)
 
 struct failing_step {
     int call;
-    const char* told;
+    const char* messages;
 };
 
 class MetadataFileFailure : public testing::TestWithParam<failing_step> {};
 
-TEST_P(MetadataFileFailure, IsToldAndLeavesTheOldFile)
+TEST_P(MetadataFileFailure, IsReportedAndKeepsTheOldFile)
 {
     const temporary_folder folder;
     platform::metadata_store store = store_in(folder);
@@ -330,12 +335,13 @@ TEST_P(MetadataFileFailure, IsToldAndLeavesTheOldFile)
     platform::set_item_entry(list.get(), "a", "2");
     store.operations = &failing_files::operations;
     failing_files::arm(GetParam().call, fate::FAIL, EDQUOT);
-    const std::string told = printed_by([&] { EXPECT_EQ(store_metadata(store, list.get()), -1); });
-    EXPECT_EQ(told, GetParam().told);
+    const std::string messages =
+        printed_by([&] { EXPECT_EQ(store_metadata(store, list.get()), -1); });
+    EXPECT_EQ(messages, GetParam().messages);
     EXPECT_EQ(folder.read("metadata"), "a = 1\n");
     EXPECT_EQ(folder.names(), (strings{"metadata", "metadata.lock"}));
     failing_files::arm(0, fate::FAIL);
-    EXPECT_EQ(store_metadata(store, list.get()), 0) << "a later try is free to succeed";
+    EXPECT_EQ(store_metadata(store, list.get()), 0) << "a later attempt may succeed";
     EXPECT_EQ(folder.read("metadata"), "a = 2\n");
 }
 
@@ -348,15 +354,15 @@ INSTANTIATE_TEST_SUITE_P(
                     failing_step{4, "Cannot sync metadata file 'META': Disk quota exceeded\n"},
                     failing_step{5, "Cannot rename metadata file 'META': Disk quota exceeded\n"}));
 
-TEST_F(MetadataFile, FailingSyncOfTheFolderIsToldWithTheNewFileInPlace)
+TEST_F(MetadataFile, FailingFolderSyncIsReportedAndTheNewFileStays)
 {
     folder.write("metadata", "a = 1\n");
     const list_owner list = load();
     platform::set_item_entry(list.get(), "a", "2");
     store.operations = &failing_files::operations;
     failing_files::arm(6, fate::FAIL, EIO);
-    EXPECT_EQ(store_told(list), -1);
-    EXPECT_EQ(told, "Cannot sync the folder of metadata file 'META': Input/output error\n");
+    EXPECT_EQ(store_capturing(list), -1);
+    EXPECT_EQ(messages, "Cannot sync the folder of metadata file 'META': Input/output error\n");
     EXPECT_EQ(folder.read("metadata"), "a = 2\n");
     failing_files::arm(0, fate::FAIL);
     EXPECT_EQ(store_metadata(store, list.get()), 0);
@@ -370,9 +376,9 @@ TEST_F(MetadataFile, LeftoversOfAKilledWriterAreRemoved)
     EXPECT_EQ(folder.names(), (strings{"metadata", "metadata.lock"}));
 }
 
-TEST_F(MetadataFile, ListThatBecameTooLargeInTheFileIsNotWritten)
+TEST_F(MetadataFile, ListThatWouldBecomeTooLargeIsNotWritten)
 {
-    // Bytes that a file may hold as they are and that are written as escapes.
+    // Bytes that a file may contain unescaped, but that are written as escapes.
     const std::string controls(platform::max_metadata_value - 1, '\x01');
     std::string text;
     for (int i = 0; i < 8; ++i) {
@@ -381,21 +387,21 @@ TEST_F(MetadataFile, ListThatBecameTooLargeInTheFileIsNotWritten)
     folder.write("metadata", text);
     const list_owner list = load();
     ASSERT_EQ(list->entries, 8U);
-    EXPECT_EQ(store_told(list), -1);
-    EXPECT_EQ(told, "Cannot write metadata file 'META': it would become too large\n");
+    EXPECT_EQ(store_capturing(list), -1);
+    EXPECT_EQ(messages, "Cannot write metadata file 'META': it would become too large\n");
     EXPECT_EQ(folder.read("metadata"), text);
     EXPECT_EQ(metadata_v4_metadata_context_add_name_value_pair(list.get(), "b", 0, "c", 0, -1), -1);
     EXPECT_EQ(platform::set_item_entry(list.get(), "a", controls.substr(1)), 1) << "shorter";
     EXPECT_EQ(platform::set_item_entry(list.get(), "a", "short"), 1);
-    EXPECT_EQ(store_told(list), 0);
+    EXPECT_EQ(store_capturing(list), 0);
     EXPECT_EQ(folder.read("metadata"), "a = short\n");
 }
 
 TEST_F(MetadataFile, UpdateSetsOneEntryAndKeepsTheRest)
 {
     folder.write("metadata", "# mine\nx = 1\naspect ratio = 4:3\ny = 2\n");
-    EXPECT_EQ(update_told("aspect ratio", "16:9"), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(update_capturing("aspect ratio", "16:9"), 0);
+    EXPECT_EQ(messages, "");
     EXPECT_EQ(folder.read("metadata"), "# mine\nx = 1\naspect ratio = 16:9\ny = 2\n");
 }
 
@@ -404,21 +410,21 @@ TEST_F(MetadataFile, UpdateSeesWhatAnotherProcessWrote)
     folder.write("metadata", "x = 1\n");
     const list_owner list = load();
     folder.write("metadata", "x = 2\n");
-    EXPECT_EQ(update_told("y", "3"), 0);
+    EXPECT_EQ(update_capturing("y", "3"), 0);
     EXPECT_EQ(folder.read("metadata"), "x = 2\ny = 3\n");
 }
 
-TEST_F(MetadataFile, UpdateMakesAMissingFile)
+TEST_F(MetadataFile, UpdateCreatesAMissingFile)
 {
-    EXPECT_EQ(update_told("a", "1"), 0);
+    EXPECT_EQ(update_capturing("a", "1"), 0);
     EXPECT_EQ(folder.read("metadata"),
               "# Metadata of one media item. One entry a line: name = value\na = 1\n");
 }
 
-TEST_F(MetadataFile, UpdateOfWhatIsSoAlreadyDoesNotWrite)
+TEST_F(MetadataFile, UpdateWithoutAChangeDoesNotWrite)
 {
     folder.write("metadata", "a=1");
-    EXPECT_EQ(update_told("a", "1"), 0);
+    EXPECT_EQ(update_capturing("a", "1"), 0);
     EXPECT_EQ(folder.read("metadata"), "a=1");
 }
 
@@ -432,17 +438,17 @@ TEST_F(MetadataFile, SeveralUpdatesAreOneWrite)
               (strings{"open_at", "write", "change_mode", "sync", "rename_at", "sync"}));
 }
 
-TEST_F(MetadataFile, UpdateLeavesADamagedFileWhereItIs)
+TEST_F(MetadataFile, UpdateDoesNotSetADamagedFileAside)
 {
     folder.write("metadata", "nonsense");
-    EXPECT_EQ(update_told("a", "1"), -1);
-    EXPECT_EQ(told,
+    EXPECT_EQ(update_capturing("a", "1"), -1);
+    EXPECT_EQ(messages,
               "Cannot write metadata file 'META': line 1: neither an entry (name = value) nor "
               "a comment\n");
     EXPECT_EQ(folder.read("metadata"), "nonsense");
 }
 
-TEST_F(MetadataFile, UpdateThatIsRefusedWritesNothing)
+TEST_F(MetadataFile, RefusedUpdateWritesNothing)
 {
     folder.write("metadata", "a = 1\n");
     const platform::item_settings settings = {{"a", "2"}, {"b", std::string("x\0y", 3)}};

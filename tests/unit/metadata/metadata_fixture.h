@@ -1,4 +1,4 @@
-// What the metadata tests share: lists from a text, and a store in a folder of the test's own.
+// Common parts of the metadata tests: lists parsed from text, and a store in a temporary folder.
 #pragma once
 
 #include <string>
@@ -20,7 +20,7 @@ inline list_owner list_from(std::string_view text)
     return list_owner(platform::new_metadata_list(std::move(document)));
 }
 
-// The store of `folder`, with messages that name "META" and a short wait for the lock.
+// The store of `folder`: its messages name "META" and it waits only briefly for the lock.
 inline platform::metadata_store store_in(const temporary_folder& folder)
 {
     platform::metadata_store store;
@@ -30,7 +30,7 @@ inline platform::metadata_store store_in(const temporary_folder& folder)
     return store;
 }
 
-// What `work` prints on standard error.
+// The standard error output of `work`.
 template <typename work>
 std::string printed_by(const work& the_work)
 {

@@ -21,7 +21,7 @@ TEST(MetadataGuid, IsARandomUuidOfVersionFour)
     EXPECT_EQ(variants, (std::set<char>{'8', '9', 'a', 'b'}));
 }
 
-TEST(MetadataGuid, NoTwoAreEqual)
+TEST(MetadataGuid, EachIsDifferent)
 {
     std::set<std::string> guids;
     for (int i = 0; i < 1000; ++i) {
@@ -50,7 +50,7 @@ TEST(MetadataGuid, StoredOneIsKept)
     EXPECT_STREQ(platform::find_item_entry(list.get(), "GUID")->value, "mine");
 }
 
-TEST(MetadataGuid, OneOfAPartOfTheItemIsNotTheItems)
+TEST(MetadataGuid, OneThatBelongsToAPartOfTheItemDoesNotCount)
 {
     const list_owner list = list_from("[1] GUID = stream\n");
     EXPECT_NE(auto_generate_metadata_guid(list.get()), 0);

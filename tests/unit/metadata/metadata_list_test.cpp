@@ -52,7 +52,7 @@ TEST(MetadataList, AddedEntriesAreReadInOrder)
     EXPECT_EQ(slot(list, 2), nullptr);
 }
 
-TEST(MetadataList, LengthsCutTheTextsAndZeroMeansTheWhole)
+TEST(MetadataList, LengthsTruncateTheTextsAndZeroMeansAll)
 {
     const list_owner list = list_from("");
     EXPECT_EQ(
@@ -73,7 +73,7 @@ TEST(MetadataList, TextsAreCopied)
     EXPECT_STREQ(slot(list, 0)->name, "name");
 }
 
-TEST(MetadataList, EntriesStayWhereTheyAreWhileTheListGrows)
+TEST(MetadataList, EntriesKeepTheirAddressesWhileTheListGrows)
 {
     const list_owner list = list_from("");
     EXPECT_EQ(add(list, "first", "1"), 0);
@@ -125,8 +125,9 @@ TEST(MetadataList, EntryMayBeFreedTwice)
     EXPECT_EQ(list->text_size, text_of(list).size());
 }
 
-// As examination does it, on lists of nothing but such entries, with holes and without names.
-TEST(MetadataList, WalkThatFreesEntriesMeetsEachOne)
+// Frees entries during a walk, as examination does, in lists made of such entries, holes and
+// entries without a name.
+TEST(MetadataList, WalkThatFreesEntriesVisitsEachOne)
 {
     const list_owner list =
         list_from("image size = 1\nimage size = 2\n = 3\nimage size = 4\n[1] image size = 5\n"
@@ -156,7 +157,7 @@ TEST(MetadataList, HundredThousandEntriesAreFreedAndAddedAgain)
     EXPECT_EQ(text_of(list), "a = b\n");
 }
 
-TEST(MetadataList, LimitsHoldForAddedEntries)
+TEST(MetadataList, AddedEntriesAreLimited)
 {
     const list_owner list = list_from("");
     const std::string long_name(platform::max_metadata_name + 1, 'n');
@@ -179,7 +180,7 @@ TEST(MetadataList, NumberOfEntriesIsLimited)
     EXPECT_EQ(add(list, "a", "b"), 0);
 }
 
-TEST(MetadataList, HolesAreLimitedToo)
+TEST(MetadataList, HolesCountTowardsTheLimit)
 {
     const list_owner list = list_from("");
     size_t added = 0;
@@ -191,11 +192,11 @@ TEST(MetadataList, HolesAreLimitedToo)
     EXPECT_EQ(added, 4 * platform::max_metadata_entries);
 }
 
-TEST(MetadataList, FileNeverGrowsBeyondWhatIsReadAgain)
+TEST(MetadataList, TextNeverExceedsTheLimitOfAFileThatIsRead)
 {
     const list_owner list = list_from("");
     const std::string megabyte(platform::max_metadata_value,
-                               '\x01'); // four bytes each when escaped
+                               '\x01'); // escaped, each is four bytes
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(add(list, "a", megabyte.c_str()), 0);
     }
@@ -216,7 +217,7 @@ TEST(MetadataList, KnowsTheSizeOfItsText)
     EXPECT_EQ(list->text_size, text_of(list).size());
 }
 
-TEST(MetadataList, ClosedListAnswersAsAnEmptyOne)
+TEST(MetadataList, ClosedListBehavesLikeAnEmptyOne)
 {
     const list_owner list = list_from("a = 1\n");
     metadata_v4_entry* entry = slot(list, 0);
@@ -231,7 +232,7 @@ TEST(MetadataList, ClosedListAnswersAsAnEmptyOne)
     EXPECT_EQ(count(list), 0U);
 }
 
-TEST(MetadataList, NullListAnswersAsAnEmptyOne)
+TEST(MetadataList, NullListBehavesLikeAnEmptyOne)
 {
     EXPECT_EQ(metadata_v4_metadata_context_entry_count(nullptr), 0U);
     EXPECT_EQ(metadata_v4_metadata_context_read_entry(nullptr, 0), nullptr);
@@ -242,7 +243,7 @@ TEST(MetadataList, NullListAnswersAsAnEmptyOne)
     platform::free_metadata_list(nullptr);
 }
 
-TEST(MetadataList, FindTakesTheItemsFirstEntryOfTheWholeName)
+TEST(MetadataList, FindReturnsTheItemsFirstEntryOfThatName)
 {
     const list_owner list = list_from("aspect = 0\n[1] aspect ratio = 1\naspect ratio = 2\n"
                                       "aspect ratio = 3\n");
@@ -278,14 +279,14 @@ TEST(MetadataList, FreedEntryKeepsTheCommentsBeforeIt)
     EXPECT_EQ(text_of(list), "# about a\nb = 2\n");
 }
 
-TEST(MetadataList, FileOfCommentsAloneKeepsThemAbove)
+TEST(MetadataList, FileOfCommentsAloneKeepsThemAtTheTop)
 {
     const list_owner list = list_from("# mine\n\n");
     EXPECT_EQ(add(list, "a", "1"), 0);
     EXPECT_EQ(text_of(list), "# mine\n\na = 1\n");
 }
 
-TEST(MetadataList, NewListSaysHowItIsEdited)
+TEST(MetadataList, NewListStartsWithEditingInstructions)
 {
     const list_owner list(platform::new_metadata_list());
     EXPECT_EQ(add(list, "a", "1"), 0);

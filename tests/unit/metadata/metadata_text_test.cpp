@@ -20,7 +20,7 @@ text_document parsed(std::string_view text)
     return document;
 }
 
-// "LINE: REASON" of a text that is refused.
+// "LINE: REASON" for a text that is refused.
 std::string refusal(std::string_view text)
 {
     text_document document;
@@ -48,7 +48,7 @@ std::string line_of(std::string_view name, std::string_view value, int tag = pla
 void expect_round_trip(const std::string& name, const std::string& value, int tag)
 {
     const std::string line = line_of(name, value, tag);
-    EXPECT_EQ(line.find('\n'), line.size() - 1) << "one line";
+    EXPECT_EQ(line.find('\n'), line.size() - 1) << "must be one line";
     const text_entry entry = only_entry(line);
     EXPECT_EQ(entry.name, name);
     EXPECT_EQ(entry.value, value);
@@ -63,7 +63,7 @@ TEST(MetadataText, EntryIsNameAndValue)
     EXPECT_EQ(entry.tag, -1);
 }
 
-TEST(MetadataText, BlanksAroundNameAndValueDoNotCount)
+TEST(MetadataText, BlanksAroundNameAndValueAreIgnored)
 {
     const text_entry entry = only_entry(" \t a b\t=  c d \t\r\n");
     EXPECT_EQ(entry.name, "a b");
@@ -97,7 +97,7 @@ TEST(MetadataText, TagStandsInBracketsBeforeTheName)
     EXPECT_EQ(only_entry("a [3] = b").name, "a [3]");
 }
 
-TEST(MetadataText, BrokenTagIsRefused)
+TEST(MetadataText, InvalidTagIsRefused)
 {
     constexpr const char* reason = "1: a tag is one whole number in brackets";
     for (const char* text : {"[3 a = b", "[] a = b", "[x] a = b", "[3x] a = b", "[ 3] a = b",
@@ -123,12 +123,12 @@ TEST(MetadataText, UnknownEscapeIsRefused)
     }
 }
 
-TEST(MetadataText, NoEscapeMakesANul)
+TEST(MetadataText, NoEscapeProducesANul)
 {
     EXPECT_EQ(refusal(R"(a = \x00)"), "1: unknown escape after a backslash");
 }
 
-TEST(MetadataText, LineThatIsNothingIsRefusedWithItsNumber)
+TEST(MetadataText, OtherLinesAreRefusedWithTheirNumber)
 {
     EXPECT_EQ(refusal("a = b\n\n# c\nimage size 3\n"),
               "4: neither an entry (name = value) nor a comment");
@@ -172,8 +172,8 @@ TEST(MetadataText, EqualNamesAndTheirOrderAreKept)
     EXPECT_EQ(platform::write_metadata(parsed(text)), text);
 }
 
-// The example of docs/metadata.md.
-TEST(MetadataText, DocumentedExampleMeansWhatItSays)
+// Parses the example of docs/metadata.md.
+TEST(MetadataText, DocumentedExampleIsParsedAsDescribed)
 {
     constexpr const char* text = "# Metadata of one media item. One entry a line: name = value\n"
                                  "aspect ratio = 16:9\n"
@@ -191,7 +191,7 @@ TEST(MetadataText, DocumentedExampleMeansWhatItSays)
     EXPECT_EQ(platform::write_metadata(document), text);
 }
 
-TEST(MetadataText, EntryIsWrittenForPeople)
+TEST(MetadataText, EntryIsWrittenReadably)
 {
     EXPECT_EQ(line_of("image size", "640 x 480"), "image size = 640 x 480\n");
     EXPECT_EQ(line_of("title", "gr\xC3\xBC\xC3\x9F"), "title = gr\xC3\xBC\xC3\x9F\n");
@@ -199,7 +199,7 @@ TEST(MetadataText, EntryIsWrittenForPeople)
     EXPECT_EQ(line_of("a", "b", -2), "[-2] a = b\n");
 }
 
-TEST(MetadataText, WhatWouldBeMisreadIsEscaped)
+TEST(MetadataText, AmbiguousCharactersAreEscaped)
 {
     EXPECT_EQ(line_of("a=b", "c=d"), "a\\=b = c=d\n");
     EXPECT_EQ(line_of("#a", "#b"), "\\x23a = #b\n");
@@ -246,7 +246,7 @@ TEST(MetadataText, RandomBytesSurvive)
     }
 }
 
-TEST(MetadataText, LongestNameAndValueAreTakenAndNoLonger)
+TEST(MetadataText, NameAndValueAreAcceptedUpToTheLimit)
 {
     const std::string name(platform::max_metadata_name, 'n');
     const std::string value(platform::max_metadata_value, 'v');
@@ -255,7 +255,7 @@ TEST(MetadataText, LongestNameAndValueAreTakenAndNoLonger)
     EXPECT_EQ(refusal("n = v" + value), "1: the value is too long");
 }
 
-TEST(MetadataText, MostEntriesAreTakenAndNoMore)
+TEST(MetadataText, EntriesAreAcceptedUpToTheLimit)
 {
     std::string text;
     for (size_t i = 0; i < platform::max_metadata_entries; ++i) {
@@ -265,7 +265,7 @@ TEST(MetadataText, MostEntriesAreTakenAndNoMore)
     EXPECT_EQ(refusal(text + "a=b\n"), "131073: too many entries");
 }
 
-TEST(MetadataText, LargestFileIsTakenAndNoLarger)
+TEST(MetadataText, FileIsAcceptedUpToTheLimit)
 {
     const std::string text(platform::max_metadata_file, '\n');
     EXPECT_EQ(parsed(text).trailing.size(), text.size());

@@ -1,5 +1,5 @@
-// Settings on their way into the metadata file: appended by their owner, taken in by a write, left
-// behind by the dead.
+// Pending settings of the metadata file: their owner appends them, a write of the file merges them,
+// and a later start merges those of processes that have died.
 
 #include <csignal>
 #include <fcntl.h>
@@ -40,7 +40,7 @@ protected:
         return platform::append_pending(store, &own, record_of(name, value), &reason);
     }
 
-    // Settings that a process was given and died with.
+    // A child process appends a setting and dies.
     void leave(std::string_view name, std::string_view value) const
     {
         EXPECT_EQ(run_in_child([&] {
@@ -54,7 +54,7 @@ protected:
                   0);
     }
 
-    // What a start would show for "a".
+    // The value that a start would load for `name`.
     std::string loaded(const char* name = "a") const
     {
         const list_owner list(platform::load_metadata(store));
@@ -62,7 +62,7 @@ protected:
         return entry != nullptr ? entry->value : "(none)";
     }
 
-    // As a start that writes: 0 when that went well.
+    // Like a start that writes. Returns 0 on success, -2 when nothing is left to write.
     int load_and_store() const
     {
         const list_owner list(platform::load_metadata(store));
@@ -79,7 +79,7 @@ protected:
 
 // --- the owner ----------------------------------------------------------------------------------
 
-TEST_F(PendingFiles, AreMadeForTheUserAloneAndShownAtOnce)
+TEST_F(PendingFiles, AreReadableByTheUserOnlyAndTakeEffectImmediately)
 {
     folder.write("metadata", "a = old\n");
     ASSERT_EQ(append("a", "new"), append_result::APPENDED);
@@ -92,7 +92,7 @@ TEST_F(PendingFiles, AreMadeForTheUserAloneAndShownAtOnce)
     EXPECT_EQ(folder.read("metadata"), "a = old\n");
 }
 
-TEST_F(PendingFiles, OneAppendIsOneWriteUnsynced)
+TEST_F(PendingFiles, OneAppendIsOneWriteWithoutSync)
 {
     store.operations = &failing_files::operations;
     ASSERT_EQ(append("a", "1"), append_result::APPENDED);
@@ -101,7 +101,7 @@ TEST_F(PendingFiles, OneAppendIsOneWriteUnsynced)
     EXPECT_EQ(failing_files::calls(), strings{"write"});
 }
 
-TEST_F(PendingFiles, WriteOfTheMetadataFileTakesThemInAndRemovesThem)
+TEST_F(PendingFiles, WriteOfTheMetadataFileMergesAndRemovesThem)
 {
     ASSERT_EQ(append("a", "1"), append_result::APPENDED);
     ASSERT_EQ(update_stored_metadata(store, {{"a", "1"}}, &own), 0);
@@ -110,7 +110,7 @@ TEST_F(PendingFiles, WriteOfTheMetadataFileTakesThemInAndRemovesThem)
     EXPECT_EQ(loaded(), "1");
 }
 
-TEST_F(PendingFiles, WhatTheFileHoldsAlreadyIsNotWrittenButDoneWith)
+TEST_F(PendingFiles, SettingsThatTheFileAlreadyHasAreRemovedWithoutAWrite)
 {
     folder.write("metadata", "a = 1\n");
     ASSERT_EQ(append("a", "1"), append_result::APPENDED);
@@ -123,10 +123,10 @@ TEST_F(PendingFiles, WhatTheFileHoldsAlreadyIsNotWrittenButDoneWith)
     EXPECT_FALSE(folder.has("metadata.pending-1"));
 }
 
-TEST_F(PendingFiles, FailingWriteLeavesTheFileAsItWas)
+TEST_F(PendingFiles, FailingWriteLeavesTheFileUnchanged)
 {
     store.operations = &failing_files::operations;
-    failing_files::arm(2, fate::FAIL, ENOSPC); // open_at, write
+    failing_files::arm(2, fate::FAIL, ENOSPC); // fails the write, which follows open_at
     EXPECT_EQ(append("a", "1"), append_result::FAILED);
     EXPECT_EQ(reason, "No space left on device");
     EXPECT_TRUE(folder.names().empty());
@@ -138,7 +138,7 @@ TEST_F(PendingFiles, FailingWriteLeavesTheFileAsItWas)
     EXPECT_EQ(folder.read("metadata.pending-1"), record_of("a", "2") + record_of("b", "4"));
 }
 
-TEST_F(PendingFiles, HalfAWriteIsTakenBack)
+TEST_F(PendingFiles, PartialWriteIsUndone)
 {
     ASSERT_EQ(append("a", "1"), append_result::APPENDED);
     store.operations = &failing_files::operations;
@@ -148,7 +148,7 @@ TEST_F(PendingFiles, HalfAWriteIsTakenBack)
     EXPECT_EQ(folder.read("metadata.pending-1"), record_of("a", "1"));
 }
 
-TEST_F(PendingFiles, HalfAWriteThatCannotBeTakenBackSpoilsNoOther)
+TEST_F(PendingFiles, PartialWriteThatCannotBeUndoneDamagesNoOtherRecord)
 {
     ASSERT_EQ(append("a", "1"), append_result::APPENDED);
     const platform::unique_fd file(
@@ -161,7 +161,7 @@ TEST_F(PendingFiles, HalfAWriteThatCannotBeTakenBackSpoilsNoOther)
     EXPECT_EQ(loaded(), "1");
 }
 
-TEST_F(PendingFiles, FileThatSomebodyRemovedIsNoticed)
+TEST_F(PendingFiles, RemovalOfTheFileIsNoticed)
 {
     ASSERT_EQ(append("a", "1"), append_result::APPENDED);
     EXPECT_FALSE(platform::pending_file_is_lost(own));
@@ -170,7 +170,7 @@ TEST_F(PendingFiles, FileThatSomebodyRemovedIsNoticed)
     EXPECT_FALSE(platform::pending_file_is_lost(pending_file()));
 }
 
-TEST_F(PendingFiles, SizeIsBoundedByWhatTheMetadataFileMayBecome)
+TEST_F(PendingFiles, SizeIsBoundedByTheLimitOfTheMetadataFile)
 {
     const std::string record = std::string((1U << 20) - 1, 'x') + '\n';
     folder.write("metadata", std::string((size_t{10} << 20), '\n'));
@@ -182,7 +182,7 @@ TEST_F(PendingFiles, SizeIsBoundedByWhatTheMetadataFileMayBecome)
     EXPECT_EQ(append("a", "1"), append_result::FULL);
 }
 
-TEST_F(PendingFiles, TooManyOfThemAreNotAddedTo)
+TEST_F(PendingFiles, NumberOfFilesIsLimited)
 {
     for (size_t i = 1; i <= platform::max_pending_files; ++i) {
         folder.write("metadata.pending-" + std::to_string(i), "");
@@ -191,7 +191,7 @@ TEST_F(PendingFiles, TooManyOfThemAreNotAddedTo)
     EXPECT_EQ(reason, "too many pending files");
 }
 
-TEST_F(PendingFiles, NumberThatNobodyReadsIsNotGiven)
+TEST_F(PendingFiles, NumberBeyondTheReadersRangeIsNotUsed)
 {
     folder.write("metadata.pending-999999999", "");
     EXPECT_EQ(append("a", "1"), append_result::FAILED);
@@ -206,9 +206,9 @@ TEST_F(PendingFiles, LaterFilesHaveHigherNumbers)
     EXPECT_EQ(loaded(), "2");
 }
 
-// --- the dead -----------------------------------------------------------------------------------
+// --- processes that have died ---------------------------------------------------------------------
 
-TEST_F(PendingFiles, OfTheDeadAreWrittenByTheNextStart)
+TEST_F(PendingFiles, OfDeadProcessesAreWrittenByTheNextStart)
 {
     folder.write("metadata", "# mine\na = old\nb = kept\n");
     leave("a", "new");
@@ -216,10 +216,10 @@ TEST_F(PendingFiles, OfTheDeadAreWrittenByTheNextStart)
     EXPECT_EQ(load_and_store(), 0);
     EXPECT_EQ(folder.read("metadata"), "# mine\na = new\nb = kept\n");
     EXPECT_EQ(folder.names(), (strings{"metadata", "metadata.lock"}));
-    EXPECT_EQ(load_and_store(), -2); // nothing left to do
+    EXPECT_EQ(load_and_store(), -2); // nothing is left to write
 }
 
-TEST_F(PendingFiles, OfTheLivingAreShownAndLeftAlone)
+TEST_F(PendingFiles, OfRunningProcessesAreShownAndLeftAlone)
 {
     ASSERT_EQ(append("a", "1"), append_result::APPENDED);
     EXPECT_EQ(run_in_child([&] { return loaded() == "1" && load_and_store() == -2 ? 0 : 1; }), 0);
@@ -227,13 +227,13 @@ TEST_F(PendingFiles, OfTheLivingAreShownAndLeftAlone)
     EXPECT_FALSE(platform::pending_file_is_lost(own));
 }
 
-TEST_F(PendingFiles, OfTheDeadAreTakenInByAnotherWriteToo)
+TEST_F(PendingFiles, OfDeadProcessesAreMergedByAnyOtherWrite)
 {
     leave("a", "1");
     leave("b", "2");
     ASSERT_EQ(append("a", "3"), append_result::APPENDED);
     ASSERT_EQ(update_stored_metadata(store, {{"a", "3"}}, &own), 0);
-    EXPECT_EQ(loaded("a"), "3"); // the later one
+    EXPECT_EQ(loaded("a"), "3"); // the value in the later file
     EXPECT_EQ(loaded("b"), "2");
     EXPECT_EQ(folder.names(), (strings{"metadata", "metadata.lock"}));
 }
@@ -256,13 +256,14 @@ TEST_F(PendingFiles, AreReadFromAFolderThatCannotBeLocked)
     EXPECT_TRUE(folder.has("metadata.pending-1"));
 }
 
-// A hand edit after the write is the last word, though the writer could not tidy up.
-TEST_F(PendingFiles, ThatWereTakenInAreNotTakenInAgain)
+// The writer dies before it can remove its pending file. A later edit of the metadata file by hand
+// wins.
+TEST_F(PendingFiles, MergedSettingsAreNotMergedAgain)
 {
     const int ended = run_in_child([&] {
         store.operations = &failing_files::operations;
         append("a", "1");
-        // open_at, write, change_mode, sync, write of the mark, rename_at, sync, unlink_at
+        // Steps: open_at, write, change_mode, sync, write of the mark, rename_at, sync, unlink_at.
         folder.write("metadata", "a = 0\n");
         failing_files::arm(8, fate::DIE_BEFORE);
         return update_stored_metadata(store, {{"a", "1"}}, &own);
@@ -277,7 +278,8 @@ TEST_F(PendingFiles, ThatWereTakenInAreNotTakenInAgain)
     EXPECT_EQ(folder.names(), (strings{"metadata", "metadata.lock"}));
 }
 
-// At each step of a write, and of the write after it, the setting is there at the next start.
+// After a kill at any step of a write, and of the write after it, the next start still has the
+// setting.
 TEST_F(PendingFiles, KillAtEveryStepKeepsTheSetting)
 {
     constexpr int steps = 8;
@@ -295,7 +297,7 @@ TEST_F(PendingFiles, KillAtEveryStepKeepsTheSetting)
                 return update_stored_metadata(there, {{"a", "new"}}, &dying);
             });
             ASSERT_EQ(ended, -SIGKILL) << "step " << step;
-            // The next start shows it; its own write is killed, too, at any step.
+            // The next start loads the setting; its own write is killed at every step, too.
             for (int second = 1; second <= steps; ++second) {
                 run_in_child([&] {
                     there.operations = &failing_files::operations;
@@ -315,7 +317,7 @@ TEST_F(PendingFiles, KillAtEveryStepKeepsTheSetting)
     }
 }
 
-// Nothing is lost when a call fails, whichever it is, and the next attempt succeeds.
+// Whichever call fails, nothing is lost and the next attempt succeeds.
 TEST_F(PendingFiles, EachFailingCallOfAWriteKeepsTheSetting)
 {
     constexpr int steps = 8;
@@ -330,7 +332,7 @@ TEST_F(PendingFiles, EachFailingCallOfAWriteKeepsTheSetting)
                   append_result::APPENDED);
         failing_files::arm(step, fate::FAIL, EIO);
         printed_by([&] {
-            // What fails last is only the tidying up.
+            // The last call only removes the pending file, so its failure does not matter.
             EXPECT_EQ(update_stored_metadata(there, {{"a", "new"}}, &mine, &reason),
                       step == steps ? 0 : -1);
         });
@@ -346,9 +348,9 @@ TEST_F(PendingFiles, EachFailingCallOfAWriteKeepsTheSetting)
     }
 }
 
-// The rename fails, and so does taking the mark back: the temporary file has to stay, or the mark
-// would say that the settings are stored.
-TEST_F(PendingFiles, MarkThatCannotBeTakenBackKeepsItsTemporaryFile)
+// When both the rename and the removal of the mark fail, the temporary file has to stay. Otherwise
+// the mark would claim that the settings are stored.
+TEST_F(PendingFiles, MarkThatCannotBeRemovedKeepsItsTemporaryFile)
 {
     static platform::file_operations broken;
     broken = platform::system_file_operations;
@@ -364,9 +366,9 @@ TEST_F(PendingFiles, MarkThatCannotBeTakenBackKeepsItsTemporaryFile)
     ASSERT_EQ(append("a", "1"), append_result::APPENDED);
     store.operations = &broken;
     printed_by([&] { EXPECT_EQ(update_stored_metadata(store, {{"a", "1"}}, &own), -1); });
-    EXPECT_EQ(folder.names().size(), 4U); // and the lock
+    EXPECT_EQ(folder.names().size(), 4U); // the fourth is the lock
     EXPECT_EQ(loaded(), "1");
-    // Another writer leaves it there, too.
+    // Another writer keeps the temporary file, too.
     store.operations = &platform::system_file_operations;
     ASSERT_EQ(update_stored_metadata(store, {{"b", "2"}}), 0);
     EXPECT_EQ(loaded(), "1");
@@ -378,9 +380,9 @@ TEST_F(PendingFiles, MarkThatCannotBeTakenBackKeepsItsTemporaryFile)
     EXPECT_EQ(folder.read("metadata"), "z = 0\nb = 2\na = 1\nc = 3\n");
 }
 
-// --- what somebody else may have put there --------------------------------------------------------
+// --- files that others may have put there ---------------------------------------------------------
 
-TEST_F(PendingFiles, WhatIsNoPendingFileIsPassedOver)
+TEST_F(PendingFiles, OtherKindsOfFilesAreSkipped)
 {
     folder.write("metadata", "a = 1\n");
     folder.write("elsewhere", record_of("a", "2"));
@@ -392,12 +394,13 @@ TEST_F(PendingFiles, WhatIsNoPendingFileIsPassedOver)
           "metadata.pending-1x", "metadata.pending-9999999999"}) {
         folder.write(name, record_of("a", "2"));
     }
-    const std::string told = printed_by([&] { EXPECT_EQ(loaded(), "1"); });
-    EXPECT_NE(told.find("Cannot read pending metadata 'metadata.pending-2'"), std::string::npos);
-    EXPECT_NE(told.find("'metadata.pending-3': not a regular file"), std::string::npos);
+    const std::string messages = printed_by([&] { EXPECT_EQ(loaded(), "1"); });
+    EXPECT_NE(messages.find("Cannot read pending metadata 'metadata.pending-2'"),
+              std::string::npos);
+    EXPECT_NE(messages.find("'metadata.pending-3': not a regular file"), std::string::npos);
 }
 
-TEST_F(PendingFiles, HugeOneIsRefusedUnread)
+TEST_F(PendingFiles, HugeFileIsRefusedWithoutReading)
 {
     folder.write("metadata", "a = 1\n");
     folder.write("metadata.pending-1", "");
@@ -406,7 +409,7 @@ TEST_F(PendingFiles, HugeOneIsRefusedUnread)
               "Cannot read pending metadata 'metadata.pending-1': the file is too large\n");
 }
 
-TEST_F(PendingFiles, DamagedOneIsSetAsideOnceItsGoodLinesAreTakenIn)
+TEST_F(PendingFiles, DamagedFileIsSetAsideAfterItsValidLinesAreMerged)
 {
     const std::string text = record_of("a", "1") + "rubbish\n" + record_of("b", "2");
     folder.write("metadata.pending-1", text);
@@ -417,8 +420,8 @@ TEST_F(PendingFiles, DamagedOneIsSetAsideOnceItsGoodLinesAreTakenIn)
     EXPECT_EQ(folder.read("metadata.damaged-1").substr(0, text.size()), text);
 }
 
-// A list and a file full of names: one pass, not one for each name.
-TEST_F(PendingFiles, ManyNamesAreTakenInQuickly)
+// All names are merged in one pass; a pass for each name would take far too long.
+TEST_F(PendingFiles, ManyNamesAreMergedQuickly)
 {
     std::string list_text;
     std::string text;

@@ -28,7 +28,7 @@ std::string stored_record(std::string_view temporary)
     return text;
 }
 
-// With no temporary file left.
+// Parses as if no temporary file existed.
 pending_text parse(std::string_view text)
 {
     return parse_pending(text, [](const std::string&) { return false; });
@@ -63,8 +63,8 @@ TEST(PendingText, AnyBytesSurvive)
     }
 }
 
-// Whatever was written of the last record when the process or the disk gave up.
-TEST(PendingText, TornTailIsIgnored)
+// The last record may be incomplete when the process dies or the disk fills up.
+TEST(PendingText, IncompleteLastRecordIsIgnored)
 {
     const std::string whole = set_record("a", "1");
     const std::string last = set_record("a", "2");
@@ -75,7 +75,7 @@ TEST(PendingText, TornTailIsIgnored)
     }
 }
 
-TEST(PendingText, AnyChangedByteIsNoticedAndOnlyItsLineLost)
+TEST(PendingText, AnyChangedByteIsDetectedAndAffectsOnlyItsLine)
 {
     const std::string before = set_record("a", "1");
     const std::string record = set_record("a", "22");
@@ -89,12 +89,12 @@ TEST(PendingText, AnyChangedByteIsNoticedAndOnlyItsLineLost)
     }
 }
 
-TEST(PendingText, RightChecksumAloneIsNoRecord)
+TEST(PendingText, CorrectChecksumAloneMakesNoRecord)
 {
-    // Lines with right checksums, made as a record is.
+    // Lines with correct checksums, made like a record.
     const auto line = [](std::string_view body) {
         std::string text = stored_record(body);
-        return text; // of "stored BODY"
+        return text; // from "stored BODY"
     };
     for (const char* name :
          {"", "metadata", "metadata.tmp-../../x", "other.tmp-1", "/metadata.tmp-1"}) {
@@ -107,7 +107,7 @@ TEST(PendingText, RightChecksumAloneIsNoRecord)
     EXPECT_EQ(pending.damaged, 1U);
 }
 
-TEST(PendingText, RecordsAboveStoredOnesCountOnlyWhileTheTemporaryFileIsThere)
+TEST(PendingText, RecordsBeforeAStoredRecordCountOnlyWhileItsTemporaryFileExists)
 {
     const std::string text = set_record("a", "1") + stored_record("metadata.tmp-1") +
                              set_record("b", "2") + stored_record("metadata.tmp-2") +

@@ -29,7 +29,7 @@ std::string contents(int fd)
 
 class PictureFile : public testing::TestWithParam<const char*> {
 protected:
-    // Reopens through the descriptor folder, or by path alone.
+    // Reopens through the descriptor folder, or only by path.
     unique_fd reopen(const unique_fd& picture)
     {
         return reopen_picture(picture.get(), path.c_str(), GetParam());
@@ -54,7 +54,7 @@ TEST_P(PictureFile, EachHandleHasItsOwnPositionFromTheStart)
     EXPECT_EQ(lseek(picture.get(), 0, SEEK_CUR), 11);
 }
 
-TEST_P(PictureFile, HandlesCanOnlyReadAndDoNotSurviveAnExec)
+TEST_P(PictureFile, HandlesAreReadOnlyAndClosedOnExec)
 {
     const unique_fd picture = open_picture(path.c_str());
     const unique_fd handle = reopen(picture);
@@ -64,7 +64,7 @@ TEST_P(PictureFile, HandlesCanOnlyReadAndDoNotSurviveAnExec)
     EXPECT_EQ(fcntl(picture.get(), F_GETFD), FD_CLOEXEC);
 }
 
-TEST_P(PictureFile, WhatIsNoRegularFileIsNotHandedOut)
+TEST_P(PictureFile, NonRegularFilesAreRefused)
 {
     ASSERT_EQ(mkfifo(folder.path("fifo").c_str(), 0600), 0);
     for (const std::string& other :
@@ -76,7 +76,7 @@ TEST_P(PictureFile, WhatIsNoRegularFileIsNotHandedOut)
     }
 }
 
-TEST_P(PictureFile, WhatTheKernelMakesUpIsNotHandedOut)
+TEST_P(PictureFile, GeneratedKernelFilesAreRefused)
 {
     for (const char* other : {"/proc/self/maps", "/proc/cpuinfo", "/sys/kernel/uevent_seqnum"}) {
         const unique_fd picture = open_picture(other);
@@ -87,13 +87,13 @@ TEST_P(PictureFile, WhatTheKernelMakesUpIsNotHandedOut)
     EXPECT_TRUE(open_picture("/proc/self/maps"));
 }
 
-TEST_P(PictureFile, ClosedDescriptorGivesNothing)
+TEST_P(PictureFile, ClosedDescriptorIsRefused)
 {
     EXPECT_FALSE(reopen_picture(-1, path.c_str(), GetParam()));
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST(PictureFileReplaced, FirstFileIsHandedOutThroughTheDescriptorFolder)
+TEST(PictureFileReplaced, OriginalFileIsReopenedThroughTheDescriptorFolder)
 {
     const temporary_folder folder;
     const std::string path = folder.write("picture", "first");
@@ -105,7 +105,7 @@ TEST(PictureFileReplaced, FirstFileIsHandedOutThroughTheDescriptorFolder)
     EXPECT_EQ(contents(reopen_picture(picture.get(), path.c_str()).get()), "first");
 }
 
-TEST(PictureFileReplaced, AnotherFileIsNeverHandedOutInItsPlace)
+TEST(PictureFileReplaced, AnotherFileIsNeverOpenedInItsPlace)
 {
     const temporary_folder folder;
     const std::string path = folder.write("picture", "first");
@@ -116,7 +116,7 @@ TEST(PictureFileReplaced, AnotherFileIsNeverHandedOutInItsPlace)
     EXPECT_EQ(errno, ESTALE);
 }
 
-TEST(PictureFileReplaced, FifoInItsPlaceIsNotWaitedFor)
+TEST(PictureFileReplaced, FifoInItsPlaceDoesNotBlock)
 {
     const temporary_folder folder;
     const std::string path = folder.write("picture", "first");
@@ -126,7 +126,7 @@ TEST(PictureFileReplaced, FifoInItsPlaceIsNotWaitedFor)
     EXPECT_FALSE(reopen_picture(picture.get(), path.c_str(), no_descriptor_folder));
 }
 
-TEST(PictureFileOpening, MissingFileIsTold)
+TEST(PictureFileOpening, MissingFileIsReported)
 {
     EXPECT_FALSE(open_picture("/nonexistent/picture"));
     EXPECT_EQ(errno, ENOENT);

@@ -24,14 +24,14 @@ std::string time_of(time_t seconds, long nanoseconds)
 
 constexpr const char* some_time = "2024-05-31T23:59:59.123456789Z";
 
-TEST(PictureStamp, TimeIsADateOfUniversalTime)
+TEST(PictureStamp, TimeIsADateInUtc)
 {
     EXPECT_EQ(time_of(0, 0), "1970-01-01T00:00:00.000000000Z");
     EXPECT_EQ(time_of(1717199999, 123456789), some_time);
     EXPECT_EQ(time_of(-1, 999999999), "1969-12-31T23:59:59.999999999Z");
 }
 
-TEST(PictureStamp, TimeBeyondTheCalendarIsSeconds)
+TEST(PictureStamp, TimeBeyondTheCalendarIsInSeconds)
 {
     EXPECT_EQ(time_of(LONG_MAX, 5), "9223372036854775807.000000005 s");
 }
@@ -50,7 +50,7 @@ TEST(PictureStamp, IsReadFromTheOpenFile)
     EXPECT_FALSE(platform::read_picture_stamp(-1, &stamp));
 }
 
-TEST(PictureStamp, ListWithoutOneIsNotStale)
+TEST(PictureStamp, ListWithoutAStampIsNotStale)
 {
     EXPECT_FALSE(metadata_is_stale(list_from("file type = image/png\n").get(),
                                    {.size = "5", .time = some_time}));
@@ -96,7 +96,7 @@ TEST(PictureStamp, NewStampReplacesTheOldOne)
               "picture size = 6\nother = 1\npicture time = t\n");
 }
 
-TEST(PictureStamp, ClosedListTakesNone)
+TEST(PictureStamp, ClosedListGetsNone)
 {
     const list_owner list = list_from("");
     metadata_v4_metadata_close_file(list.get());

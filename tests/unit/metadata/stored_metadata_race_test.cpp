@@ -1,4 +1,4 @@
-// Several processes on one stored file, and processes that are killed while they write it.
+// Several processes that use one stored file, and processes that are killed while they write it.
 
 #include <csignal>
 #include <fcntl.h>
@@ -42,7 +42,7 @@ TEST(StoredMetadataRace, KillAtEveryStepLeavesTheOldOrTheNewFile)
     }
 }
 
-// Each process sets entries of its own again and again: none may be lost.
+// Each process sets its own entries repeatedly: none may be lost.
 TEST(StoredMetadataRace, UpdatesOfTwoProcessesAreAllKept)
 {
     constexpr int rounds = 50;
@@ -73,7 +73,7 @@ void silence_standard_error()
     dup2(nowhere.get(), STDERR_FILENO);
 }
 
-// Two workers start on a new item at once: one writes, the other says so and does not.
+// Two workers start on a new item at once: one writes, the other reports that and does not.
 TEST(StoredMetadataRace, OneOfTwoFirstWritersWins)
 {
     for (int round = 0; round < 20; ++round) {
@@ -95,7 +95,7 @@ TEST(StoredMetadataRace, OneOfTwoFirstWritersWins)
                 return platform::store_metadata(store, list.get()) == 0 ? 0 : 1;
             });
         };
-        // Both have loaded "nothing" before either may write: each waits for the end of the pipe.
+        // Both load the empty list before either may write; each waits for the pipe to close.
         const auto first = start_worker("first");
         const auto second = start_worker("second");
         usleep(2000);
@@ -113,8 +113,8 @@ TEST(StoredMetadataRace, OneOfTwoFirstWritersWins)
     }
 }
 
-// Two workers meet the same damaged file: it is set aside once, and the good file that the first
-// writes stays.
+// Two workers find the same damaged file. It is set aside once, and the good file that the first
+// one writes stays.
 TEST(StoredMetadataRace, DamagedFileIsSetAsideOnce)
 {
     for (int round = 0; round < 20; ++round) {
@@ -139,8 +139,8 @@ TEST(StoredMetadataRace, DamagedFileIsSetAsideOnce)
     }
 }
 
-// Readers beside a writer that replaces the file see the old or the new text, always whole.
-TEST(StoredMetadataRace, ReadersBesideAWriterAlwaysFindAWholeFile)
+// Readers always see the old or the new text as a whole while a writer replaces the file.
+TEST(StoredMetadataRace, ReadersAlwaysFindAWholeFile)
 {
     const temporary_folder folder;
     folder.write("metadata", "a = 0\nb = 0\n");

@@ -1,4 +1,4 @@
-// Going on alone, with a daemon() of the test's own behind the program.
+// The --daemon switch. The program calls a daemon() that this test provides.
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -18,7 +18,7 @@ struct daemon_call {
     int noclose;
 };
 std::optional<daemon_call> called;
-int daemon_error = 0; // of the next call; 0: it succeeds, in this process
+int daemon_error = 0; // of the next call; 0: it succeeds without leaving this process
 
 } // namespace
 
@@ -48,7 +48,7 @@ protected:
 const char* const heading =
     "--------------------- ON CLOSURE OF THIS PROCESS (DEBUG) ----------------------\n";
 
-TEST_F(Daemonize, ComesBetweenTheTwoLayoutsAndReopensTheServer)
+TEST_F(Daemonize, HappensBetweenTheTwoLayoutsAndReopensTheServer)
 {
     EXPECT_EQ(run_sequence(), 0);
     const std::string text = printed();
@@ -57,12 +57,12 @@ TEST_F(Daemonize, ComesBetweenTheTwoLayoutsAndReopensTheServer)
     EXPECT_LT(text.find("CNB buffer stats:\n"), begin);
     EXPECT_GT(text.find("Using CNB buffer"), begin);
     EXPECT_EQ(calls("comm_socket_v4_reopen_server"), 1);
-    EXPECT_EQ(scripted::log.rebuilds, 3U); // after the write-back, in the child, at ready
+    EXPECT_EQ(scripted::log.rebuilds, 3U); // after the write-back, in the child, and when ready
     ASSERT_TRUE(called.has_value());
     EXPECT_EQ(called->nochdir, 0);
 }
 
-TEST_F(Daemonize, FailureIsToldAndTheRunGoesOn)
+TEST_F(Daemonize, FailureIsReportedAndTheRunContinues)
 {
     daemon_error = EAGAIN;
     EXPECT_EQ(run_sequence(), 0);
@@ -75,7 +75,7 @@ TEST_F(Daemonize, FailureIsToldAndTheRunGoesOn)
     EXPECT_EQ(scripted::log.ready.size(), 1U);
 }
 
-TEST_F(Daemonize, IsLeftOutUnlessAskedFor)
+TEST_F(Daemonize, IsSkippedByDefault)
 {
     vexa_daemon = false;
     EXPECT_EQ(run_sequence(), 0);
@@ -83,7 +83,8 @@ TEST_F(Daemonize, IsLeftOutUnlessAskedFor)
     EXPECT_EQ(printed().find("Daemonizing"), std::string::npos);
 }
 
-// Runs the sequence with `fd` as one standard descriptor and the null device as the others.
+// Runs the sequence with `fd` as standard descriptor `standard` and the null device as the other
+// two. Returns daemon()'s argument noclose.
 int noclose_with(int standard, int fd)
 {
     int kept[3];
@@ -101,14 +102,14 @@ int noclose_with(int standard, int fd)
     return called ? called->noclose : -1;
 }
 
-TEST_F(Daemonize, StandardDescriptorsThatAreNoTerminalStayOpen)
+TEST_F(Daemonize, StandardDescriptorsWithoutATerminalStayOpen)
 {
     const int null_device = open("/dev/null", O_RDWR | O_CLOEXEC);
     EXPECT_EQ(noclose_with(0, null_device), 1);
     close(null_device);
 }
 
-TEST_F(Daemonize, TerminalOnAnyOfTheThreeIsGivenUp)
+TEST_F(Daemonize, TerminalOnAnyOfTheThreeIsClosed)
 {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_GE(terminal, 0);

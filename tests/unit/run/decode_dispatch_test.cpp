@@ -19,7 +19,7 @@ protected:
     }
 };
 
-TEST_F(DecodeDispatch, UnfamiliarPngIsTold)
+TEST_F(DecodeDispatch, UnsupportedPngIsReported)
 {
     image_file_type = IMAGE_PNG;
     png_color_type = 1;
@@ -36,7 +36,7 @@ TEST_F(DecodeDispatch, PngInterlaceBeyondAdam7DecodesNothing)
     EXPECT_EQ(printed(), "Unsupported interlace pattern\n");
 }
 
-TEST_F(DecodeDispatch, UnfamiliarTiffIsTold)
+TEST_F(DecodeDispatch, UnsupportedTiffIsReported)
 {
     image_file_type = IMAGE_TIFF;
     tiff_photometric = 4;
@@ -52,7 +52,7 @@ TEST_F(DecodeDispatch, JpegWithoutAReaderBreaksAnInvariant)
                 "bin/vexa_stillimage: .*jpeg_decompress != __null");
 }
 
-TEST_F(DecodeDispatch, UnidentifiedPictureIsLeftAlone)
+TEST_F(DecodeDispatch, UnidentifiedPictureIsNotDecoded)
 {
     decode_picture();
     EXPECT_EQ(printed(), "");

@@ -31,7 +31,7 @@ protected:
     }
 };
 
-TEST_F(GifDispatch, PictureIsDrawnWithoutAWordAndStaysOpen)
+TEST_F(GifDispatch, PictureIsDecodedSilentlyAndStaysOpen)
 {
     open_picture();
     decode_picture();

@@ -1,5 +1,5 @@
-// PNG pictures from examination to the frame buffer: each colour type finds its decoder, interlaced
-// ones find theirs, and the file is closed whatever came of it.
+// PNG pictures from examination to the frame buffer: each colour type and interlacing has its
+// decoder, and the file is closed in any case.
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
@@ -19,7 +19,8 @@ protected:
         RunFixture::TearDown();
     }
 
-    // One pixel whose samples are all 255: white, or the palette's last colour, which is black.
+    // A picture of one pixel whose samples are all 255: white, or the palette's last colour, which
+    // is black.
     void open(uint8_t colour_type, uint8_t interlace = 0)
     {
         png_spec spec = {.colour_type = colour_type, .interlace = interlace};
@@ -41,7 +42,7 @@ protected:
         return (colour_type == 2 || colour_type == 6 ? 3U : 1U) + (colour_type >= 4 ? 1U : 0U);
     }
 
-    // The first pixel's sample in each of the picture's planes.
+    // The first pixel's sample in each plane of the picture.
     static std::vector<int> first_pixel()
     {
         const unsigned char* bytes = scripted::buffer();
@@ -57,7 +58,7 @@ protected:
     }
 };
 
-TEST_F(PngDispatch, EachColourTypeFindsItsDecoder)
+TEST_F(PngDispatch, EachColourTypeHasItsDecoder)
 {
     struct dispatch_case {
         uint8_t colour_type;
@@ -78,19 +79,19 @@ TEST_F(PngDispatch, EachColourTypeFindsItsDecoder)
     }
 }
 
-TEST_F(PngDispatch, InterlacedPicturesHaveADecoderOfTheirOwn)
+TEST_F(PngDispatch, InterlacedPicturesHaveTheirOwnDecoder)
 {
     for (const uint8_t colour_type : std::vector<uint8_t>{0, 2, 3, 4, 6}) {
         open(colour_type, 1);
         scripted::log.ready.clear();
         decode_picture();
         EXPECT_EQ(first_pixel()[0], colour_type == 3 ? 16 : 235) << int{colour_type};
-        EXPECT_EQ(scripted::log.ready.size(), 1U); // the provisional picture
+        EXPECT_EQ(scripted::log.ready.size(), 1U); // for the provisional picture
         EXPECT_EQ(png_context, nullptr);
     }
 }
 
-TEST_F(PngDispatch, OtherInterlaceMethodsAreLeftUndrawn)
+TEST_F(PngDispatch, OtherInterlaceMethodsAreNotDecoded)
 {
     open(2);
     png_interlace_method = 2;
@@ -101,7 +102,7 @@ TEST_F(PngDispatch, OtherInterlaceMethodsAreLeftUndrawn)
     EXPECT_TRUE(scripted::log.status.empty());
 }
 
-TEST_F(PngDispatch, OtherColourTypesAreUnfamiliar)
+TEST_F(PngDispatch, OtherColourTypesAreReported)
 {
     open(2);
     png_color_type = 1;
@@ -111,10 +112,10 @@ TEST_F(PngDispatch, OtherColourTypesAreUnfamiliar)
     EXPECT_EQ(png_context, nullptr);
 }
 
-TEST_F(PngDispatch, DecoderThatCannotStartIsWarnedOf)
+TEST_F(PngDispatch, DecoderThatCannotStartIsReported)
 {
     open(2);
-    png_color_type = 3; // there is no palette
+    png_color_type = 3; // without a palette
     decode_picture();
     EXPECT_EQ(printed(), "PNG library failed to return color palette\n"
                          "WARNING: Failed to decode PNG\n");

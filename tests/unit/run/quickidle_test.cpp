@@ -21,7 +21,7 @@ TEST_F(QuickIdle, TenRoundsAtMost)
     EXPECT_EQ(scripted::log.idle_rounds, 10U);
 }
 
-TEST_F(QuickIdle, ClientWorkKeepsItGoingToo)
+TEST_F(QuickIdle, ClientWorkContinuesTheRounds)
 {
     scripted::plan.client_work = 3;
     quickidle_comm();

@@ -1,4 +1,4 @@
-// Common ground of the tests of bin/: a platform as at program start and standard error at hand.
+// Base of the tests of bin/: the platform as at program start, and standard error captured.
 #pragma once
 
 #include <string>
@@ -13,16 +13,16 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Runs start_up on "stillimage" and these words.
+    // Runs start_up with "stillimage" and these arguments.
     int start(const std::vector<std::string>& words);
 
-    // What was printed on standard error since the last call.
+    // The standard error output since the last call.
     std::string printed();
 
-    // Leaves standard error to a death test, which captures it itself.
+    // Stops capturing standard error before a death test, which captures it itself.
     void leave_stderr();
 
-    // How often a life-cycle call was made.
+    // How often this life-cycle call was made.
     static long calls(const std::string& name);
 
 private:

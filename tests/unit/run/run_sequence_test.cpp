@@ -25,7 +25,7 @@ protected:
         RunFixture::SetUp();
         scripted::set_picture(
             jpeg_writer::write(jpeg_writer::ycbcr(picture_width, picture_height, {2, 2})));
-        vexa_oneshot = true; // one round of serving, then the end
+        vexa_oneshot = true; // end after one round of serving
     }
 
     static bool in_order(const std::string& text, const std::vector<std::string>& pieces)
@@ -58,7 +58,7 @@ protected:
     static constexpr int picture_height = 70;
 };
 
-TEST_F(RunSequence, GoesThroughItsStepsInOrder)
+TEST_F(RunSequence, RunsItsStepsInOrder)
 {
     EXPECT_EQ(run_sequence(), 0);
     EXPECT_TRUE(
@@ -72,7 +72,7 @@ TEST_F(RunSequence, GoesThroughItsStepsInOrder)
     EXPECT_EQ(scripted::log.ready,
               (std::vector<scripted::status_line>{{1, "Ready to serve data"}}));
     EXPECT_EQ(calls("item_to_json_common"), 1);
-    EXPECT_EQ(scripted::log.rebuilds, 2U); // after write-back and at ready
+    EXPECT_EQ(scripted::log.rebuilds, 2U); // after the write-back and when ready
     EXPECT_EQ(calls("vexa_free_all"), 1);
 }
 
@@ -103,7 +103,7 @@ TEST_F(RunSequence, RefusedPictureEndsWithStatusOneAndFreesEverything)
     EXPECT_EQ(calls("cnb_malloc"), 0);
 }
 
-TEST_F(RunSequence, SignalDuringTheExaminationLeavesWithoutStoringAnything)
+TEST_F(RunSequence, SignalDuringTheExaminationEndsWithoutStoringAnything)
 {
     for (const auto& [failure, file] : one_picture_of_each_format()) {
         for (bool* mode : {&vexa_oneshot, &vexa_identify_only, &vexa_create_meta}) {
@@ -167,7 +167,7 @@ TEST_F(RunSequence, WaitsForTheBufferServingTheSocket)
     EXPECT_EQ(rounds_before, 4U);
 }
 
-TEST_F(RunSequence, SignalDuringTheWaitLeavesThroughCleanUp)
+TEST_F(RunSequence, SignalDuringTheWaitEndsThroughCleanUp)
 {
     scripted::plan.buffer_loads_until_ready = 1000;
     scripted::plan.die_after_idle = 3;
@@ -179,7 +179,7 @@ TEST_F(RunSequence, SignalDuringTheWaitLeavesThroughCleanUp)
     EXPECT_TRUE(scripted::log.ready.empty());
 }
 
-TEST_F(RunSequence, RequestToExitDuringTheWaitIsObeyed)
+TEST_F(RunSequence, ExitRequestDuringTheWaitIsObeyed)
 {
     scripted::plan.buffer_loads_until_ready = 1000;
     scripted::plan.exit_after_idle = 2;
@@ -189,7 +189,7 @@ TEST_F(RunSequence, RequestToExitDuringTheWaitIsObeyed)
     EXPECT_EQ(calls("cnb_malloc"), 0);
 }
 
-TEST_F(RunSequence, DeadSocketEndsTheWait)
+TEST_F(RunSequence, FailedSocketEndsTheWait)
 {
     scripted::plan.buffer_loads_until_ready = 1000;
     scripted::plan.comm_work = -1;
@@ -207,7 +207,7 @@ TEST_F(RunSequence, RefusedAllocationEndsWithStatusOneAndFreesNothing)
     EXPECT_EQ(calls("vexa_free_all"), 0);
 }
 
-TEST_F(RunSequence, SignalDuringTheAllocationLeavesThroughCleanUp)
+TEST_F(RunSequence, SignalDuringTheAllocationEndsThroughCleanUp)
 {
     scripted::plan.signal_in_allocation = true;
     EXPECT_EQ(run_sequence(), 0);
@@ -218,7 +218,7 @@ TEST_F(RunSequence, SignalDuringTheAllocationLeavesThroughCleanUp)
     EXPECT_TRUE(scripted::log.ready.empty());
 }
 
-TEST_F(RunSequence, UnmappableScanlineListsAreToldAndServingGoesOn)
+TEST_F(RunSequence, UnmappableScanlineListsAreReportedAndServingContinues)
 {
     scripted::plan.unmappable = {0, UINT64_C(1) << 40};
     EXPECT_EQ(run_sequence(), 0);
@@ -227,7 +227,7 @@ TEST_F(RunSequence, UnmappableScanlineListsAreToldAndServingGoesOn)
                                      "Failed to memory-map Y plane\n", "Oneshot\n"}));
 }
 
-TEST_F(RunSequence, FailedDecodeIsToldAndServed)
+TEST_F(RunSequence, FailedDecodeIsReportedAndServed)
 {
     auto file = jpeg_writer::write(jpeg_writer::grey(64, 64));
     jpeg_writer::set_precision(file, 12);

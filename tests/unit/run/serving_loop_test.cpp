@@ -51,10 +51,10 @@ TEST_F(ServingLoop, DeadlineZeroMeansNever)
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(ServingLoop, DeadlineEndsServingWhenReachedAndNotBefore)
+TEST_F(ServingLoop, DeadlineEndsServingNotBeforeItIsReached)
 {
     scripted::set_time(1'000);
-    mono_auto_shutdown = 21'000; // rounds at 1000, 11000 and 21000 us
+    mono_auto_shutdown = 21'000; // rounds take place at 1000, 11000 and 21000 us
     serve();
     EXPECT_EQ(scripted::log.idle_rounds, 2U);
     EXPECT_EQ(printed(), "Auto terminate: picture\n");
@@ -81,7 +81,7 @@ TEST_F(ServingLoop, OneshotServesExactlyOneRound)
     EXPECT_TRUE(scripted::log.wait_deadlines.empty());
 }
 
-TEST_F(ServingLoop, RequestToExitIsObeyed)
+TEST_F(ServingLoop, ExitRequestIsObeyed)
 {
     scripted::plan.exit_after_idle = 2;
     serve();

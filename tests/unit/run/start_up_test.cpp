@@ -23,7 +23,7 @@ protected:
     }
 };
 
-TEST_F(StartUp, WritesTheTwoPlatformSettingsBeforeAnythingElse)
+TEST_F(StartUp, WritesTheTwoPlatformSettingsFirst)
 {
     scripted::plan.init_argv_fails = true;
     EXPECT_EQ(start({}), 1);
@@ -32,7 +32,7 @@ TEST_F(StartUp, WritesTheTwoPlatformSettingsBeforeAnythingElse)
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(StartUp, PositionalPathIsRefusedBeforeTheMissingFileIsSeen)
+TEST_F(StartUp, PositionalPathIsRefusedBeforeTheMissingFileIsNoticed)
 {
     EXPECT_EQ(start({"picture.jpg"}), 1);
     EXPECT_EQ(printed(), "Non-switch argument 'picture.jpg'\n");
@@ -64,7 +64,7 @@ TEST_F(StartUp, EmptySwitchWordIsUnknown)
     EXPECT_EQ(printed(), "Unknown switch ''\n" + help_screen);
 }
 
-TEST_F(StartUp, WithdrawnSwitchesWarnAndStart)
+TEST_F(StartUp, WithdrawnSwitchesOnlyCauseAWarning)
 {
     EXPECT_EQ(start({"--d-merged", "--file", "p"}), go_on);
     EXPECT_EQ(printed().find("d-merged is no longer supported. rendering mode removed.\n"), 0U);
@@ -73,13 +73,13 @@ TEST_F(StartUp, WithdrawnSwitchesWarnAndStart)
               0U);
 }
 
-TEST_F(StartUp, MergedScanlinesSwitchStartsWithoutAWord)
+TEST_F(StartUp, MergedScanlinesSwitchIsAcceptedSilently)
 {
     EXPECT_EQ(start({"--d-merged-s", "--file", "p"}), go_on);
     EXPECT_EQ(printed().find("bg="), 0U);
 }
 
-TEST_F(StartUp, SlowDecodeIsKept)
+TEST_F(StartUp, SlowDecodeIsStored)
 {
     EXPECT_EQ(start({"--slow-decode", "--file", "p"}), go_on);
     EXPECT_TRUE(slow_decode);
@@ -96,7 +96,7 @@ struct failing_product {
     const char* message;
 };
 
-TEST_F(StartUp, EachMissingProductOfThePlatformHasItsMessage)
+TEST_F(StartUp, EachMissingPlatformObjectHasItsMessage)
 {
     const failing_product products[] = {
         {&scripted::script::derived_params_fail, "Failed to obtain derived params\n"},
@@ -114,14 +114,14 @@ TEST_F(StartUp, EachMissingProductOfThePlatformHasItsMessage)
     }
 }
 
-TEST_F(StartUp, ProductsAreCheckedInOrder)
+TEST_F(StartUp, PlatformObjectsAreCheckedInOrder)
 {
     scripted::plan.no_metadir = scripted::plan.no_sock = scripted::plan.no_meta = true;
     start({"--file", "p"});
     EXPECT_EQ(printed(), "Library failed to derive metadata dir\n");
 }
 
-TEST_F(StartUp, LogIsRedirectedOnlyWhenAskedFor)
+TEST_F(StartUp, LogIsRedirectedOnlyOnRequest)
 {
     EXPECT_EQ(start({"--file", "p"}), go_on);
     EXPECT_EQ(calls("vexa_redirect_stderr_to_logfile"), 0);
@@ -177,7 +177,7 @@ TEST_F(StartUp, UnopenedPictureBreaksAnInvariant)
                 "bin/vexa_stillimage: .*vexa_meta->file_fd >= 0");
 }
 
-TEST_F(StartUp, ConfinesTheProcessOnceAsItsLastAct)
+TEST_F(StartUp, ConfinesTheProcessOnceAtTheEnd)
 {
     ASSERT_EQ(start({"--file", "p", "--stderr-to-log"}), go_on);
     EXPECT_EQ(calls("confine_process"), 1);

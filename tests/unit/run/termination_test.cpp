@@ -46,7 +46,7 @@ TEST_F(Termination, TheTwentiethAborts)
     EXPECT_EXIT(raise_often(SIGINT, 20), testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST_F(Termination, SignalsOfWritesAreIgnored)
+TEST_F(Termination, SignalsOfFailedWritesAreIgnored)
 {
     ignore_signals_of_writes();
     for (const int number : {SIGPIPE, SIGXFSZ}) {

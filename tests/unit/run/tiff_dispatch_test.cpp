@@ -1,5 +1,5 @@
-// TIFF pictures from examination to the frame buffer: each photometric value finds its decoder, and
-// the file is closed whatever came of it.
+// TIFF pictures from examination to the frame buffer: each photometric value has its decoder, and
+// the file is closed in any case.
 #include <algorithm>
 
 #include "bin/examine/image_state.h"
@@ -34,7 +34,7 @@ protected:
         printed();
     }
 
-    // Y, U, V of the first pixel; Y alone of a grey picture.
+    // Y, U, V of the first pixel; only Y for a grey picture.
     static std::vector<int> first_pixel()
     {
         const unsigned char* bytes = scripted::buffer();
@@ -45,11 +45,11 @@ protected:
     }
 };
 
-TEST_F(TiffDispatch, EachPhotometricValueFindsItsDecoder)
+TEST_F(TiffDispatch, EachPhotometricValueHasItsDecoder)
 {
     struct dispatch_case {
         uint32_t photometric, samples;
-        std::vector<int> drawn; // from samples of 255
+        std::vector<int> drawn; // the pixel decoded from samples of 255
     };
     const dispatch_case cases[] = {
         {2, 3, {235, 128, 128}}, {0, 1, {235}},          {1, 1, {235}},
@@ -64,7 +64,7 @@ TEST_F(TiffDispatch, EachPhotometricValueFindsItsDecoder)
     }
 }
 
-TEST_F(TiffDispatch, OtherInkSetsAreLeftUndrawn)
+TEST_F(TiffDispatch, OtherInkSetsAreNotDecoded)
 {
     open(5, 4);
     tiff_inkset = 2;
@@ -75,7 +75,7 @@ TEST_F(TiffDispatch, OtherInkSetsAreLeftUndrawn)
     EXPECT_TRUE(scripted::log.status.empty());
 }
 
-TEST_F(TiffDispatch, OtherPhotometricValuesAreUnfamiliar)
+TEST_F(TiffDispatch, OtherPhotometricValuesAreReported)
 {
     for (const uint32_t photometric : {4U, 7U, 8U, 32844U}) {
         open(2, 3);
@@ -86,7 +86,7 @@ TEST_F(TiffDispatch, OtherPhotometricValuesAreUnfamiliar)
     }
 }
 
-TEST_F(TiffDispatch, DecoderThatCannotStartIsWarnedOf)
+TEST_F(TiffDispatch, DecoderThatCannotStartIsReported)
 {
     open(2, 3);
     tiff_photometric = 3;

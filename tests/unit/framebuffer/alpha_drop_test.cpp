@@ -1,4 +1,4 @@
-// What generate_all_mipmaps does with an alpha plane in which nothing is transparent.
+// How generate_all_mipmaps handles an alpha plane without any transparent sample.
 #include <cstring>
 
 #include "bin/examine/image_state.h"
@@ -71,7 +71,7 @@ TEST_F(AlphaDrop, LevelsOfADroppedPlaneAreNotWritten)
 TEST_F(AlphaDrop, OneSampleOf253KeepsThePlane)
 {
     provide(254);
-    byte_at(image_offset_A + 69 * image_stride_A + 129) = 253; // the last visible one
+    byte_at(image_offset_A + 69 * image_stride_A + 129) = 253; // the last visible sample
     const mipmap_image main = main_image_mipmap;
     EXPECT_EQ(generate(), levels);
     EXPECT_EQ(image_has_alpha_channel, 1);
@@ -81,7 +81,7 @@ TEST_F(AlphaDrop, OneSampleOf253KeepsThePlane)
     EXPECT_TRUE(checked_main_alpha);
 }
 
-TEST_F(AlphaDrop, PlaneIsJudgedOnce)
+TEST_F(AlphaDrop, PlaneIsTestedOnce)
 {
     provide(100);
     generate();
@@ -107,14 +107,14 @@ TEST_F(AlphaDrop, FurtherFramesKeepTheirPlanes)
     }
 }
 
-TEST_F(AlphaDrop, OnlyTheFirstFrameIsJudged)
+TEST_F(AlphaDrop, OnlyTheFirstFrameIsTested)
 {
     provide(255, 2);
     byte_at(image_offset_A + image_decoded_unit_size) = 0;
     EXPECT_EQ(generate(), std::string(dropped) + levels + levels);
 }
 
-TEST_F(AlphaDrop, RecordWithoutThePlaneIsTakenAsJudged)
+TEST_F(AlphaDrop, RecordWithoutThePlaneCountsAsTested)
 {
     for (const bool by_stride : {true, false}) {
         provide(255);
@@ -131,18 +131,18 @@ TEST_F(AlphaDrop, RecordWithoutThePlaneIsTakenAsJudged)
     }
 }
 
-TEST_F(AlphaDrop, PictureWithoutAlphaIsNotJudged)
+TEST_F(AlphaDrop, PictureWithoutAlphaIsNotTested)
 {
     allocate({});
     generate();
     EXPECT_FALSE(checked_main_alpha);
 }
 
-TEST_F(AlphaDrop, FailingListIsToldAndTheRestGoesOn)
+TEST_F(AlphaDrop, FailingListIsReportedAndTheOthersAreWritten)
 {
     provide(255);
-    scripted::plan.fail_mapping = 70 + 2; // after the rows: main, level 0, level 1
-    errno = EIO;                          // somebody else's
+    scripted::plan.fail_mapping = 70 + 2; // the lists follow the rows: main, level 0, level 1
+    errno = EIO;                          // left by an unrelated call
     EXPECT_EQ(generate(), std::string(dropped) +
                               "Memory mapping scanline area failed, No such device or address\n"
                               "Error: Unable to set up scanline list\n" +
@@ -152,7 +152,7 @@ TEST_F(AlphaDrop, FailingListIsToldAndTheRestGoesOn)
     EXPECT_EQ(listed_alpha_offset(mipmap[1]), 0xFFFFFFFFU);
 }
 
-TEST_F(AlphaDrop, SignalDuringTheTestKeepsThePlaneAndTheQuestion)
+TEST_F(AlphaDrop, SignalDuringTheTestKeepsThePlaneUntested)
 {
     provide(255);
     scripted::plan.die_after_idle = 1; // row 64 of 70

@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(AnyTransparent, OneSampleAnywhereOfAnyWidthIsFound)
+TEST(AnyTransparent, OneSampleAnywhereInAnyWidthIsFound)
 {
     for (size_t count = 1; count <= 300; ++count) {
         std::vector<unsigned char> samples(count, 254);
@@ -32,14 +32,14 @@ TEST(AnyTransparent, EveryValueUpTo253Counts)
     }
 }
 
-TEST(AnyTransparent, NothingIsNotTransparent)
+TEST(AnyTransparent, NoSamplesAreNotTransparent)
 {
     EXPECT_FALSE(any_transparent(nullptr, 0));
 }
 
 class AlphaPlane : public framebuffer_test {
 protected:
-    // A plane that is transparent wherever the picture is not visible.
+    // A plane that is opaque in the visible area and transparent everywhere else.
     static void provide(int width, int height)
     {
         allocate({.width = width, .height = height, .alpha = true});

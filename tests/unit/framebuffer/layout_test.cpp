@@ -27,7 +27,7 @@ TEST_F(Layout, WorkedExampleOfTheDocumentation)
     EXPECT_EQ(image_decoded_size, 27210U);
 }
 
-TEST_F(Layout, EveryPlaneFollowsTheOneBefore)
+TEST_F(Layout, PlanesFollowEachOther)
 {
     lay_out({.width = 65, .height = 64, .alpha = true});
     EXPECT_EQ(image_offset_Y, 0U);
@@ -80,7 +80,7 @@ TEST_F(Layout, PictureOf64SquareHasOneLevelOf32Square)
     EXPECT_EQ(mipmap[0].height, 32);
 }
 
-TEST_F(Layout, OneLongSideAloneKeepsTheLevelsComing)
+TEST_F(Layout, OneLongSideAloneIsEnoughForLevels)
 {
     lay_out({.width = 100, .height = 9000});
     ASSERT_EQ(mipmaps, 8); // 9000 >> 8 is 35, 9000 >> 9 is 17
@@ -97,11 +97,11 @@ TEST_F(Layout, AtMost16Levels)
     EXPECT_EQ(mipmap[15].scale_x, 1U);
 }
 
-// The budget counts the rows of the picture; with the level's own two more this level would not
-// fit.
+// The budget counts the picture's rows. Counted with the two additional rows of the level itself,
+// this level would not fit.
 TEST_F(Layout, LevelThatJustFitsTheBudgetIsLaidOut)
 {
-    // Strides 16 and 8: 24 bytes for each row, 197 and 2245 for the scanline data.
+    // Strides 16 and 8 make 24 bytes a row; 197 and 2245 bytes are for the scanline data.
     constexpr int rows = (4026531839 - 197 - 2245) / 24;
     lay_out({.width = 16, .height = rows, .monochrome = true, .row_multiple = 1});
     EXPECT_EQ(mipmaps, 1);
@@ -113,7 +113,8 @@ TEST_F(Layout, LevelThatJustFitsTheBudgetIsLaidOut)
 
 TEST_F(Layout, BudgetCountsEveryPlaneWithFullRows)
 {
-    // 16 + 8 + 8 + 16 bytes and 8 + 8 + 8 + 8 more, although the chroma planes have half the rows.
+    // 16 + 8 + 8 + 16 bytes and 8 + 8 + 8 + 8 more: the chroma planes count with all rows, although
+    // they have half.
     constexpr int full_size = 16 + 4 + 4 + 16;
     constexpr int rows = (4026531839 - 197 - 2245) / (full_size + 32) / 2 * 2;
     shape picture = {
@@ -133,7 +134,7 @@ TEST_F(Layout, FullSizeBeyondTheBudgetIsKeptWithoutLevels)
     EXPECT_EQ(cnb_total, image_decoded_size);
 }
 
-TEST_F(Layout, MonochromeHasZeroesInTheGlobalsAndMarkersInTheRecords)
+TEST_F(Layout, MonochromeHasZeroOffsetsInTheGlobalsAndMarkersInTheRecords)
 {
     const std::string text = lay_out({.width = 64, .height = 64, .monochrome = true});
     EXPECT_NE(text.find("    U: ofs=0 stride=0\n    V: ofs=0 stride=0\n    A: ofs=0 stride=0\n"
@@ -213,7 +214,7 @@ TEST_F(Layout, LargestSidesDoNotWrap)
     EXPECT_EQ(image_decoded_size, 3 * (UINT64_C(1) << 31) + 197);
 }
 
-TEST_F(Layout, FinalReportShowsTheTotalAndTheLevelsAsTheyAre)
+TEST_F(Layout, FinalReportShowsTheCurrentTotalAndLevels)
 {
     lay_out({.width = 64, .height = 64, .monochrome = true, .alpha = true, .frames = 2});
     image_offset_A = image_stride_A = 0;
@@ -245,7 +246,7 @@ TEST_F(LayoutDeath, PictureWithoutHeight)
     EXPECT_DEATH(layout_full_size(), "bin/vexa_stillimage: .*`image_height > 0'");
 }
 
-TEST_F(Layout, ResetBringsTheValuesAtProgramStart)
+TEST_F(Layout, ResetRestoresTheInitialValues)
 {
     lay_out({.width = 200, .height = 100, .alpha = true, .frames = 3});
     secondary_image_mipmap_main.resize(2);

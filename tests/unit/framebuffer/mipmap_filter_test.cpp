@@ -10,7 +10,7 @@ namespace {
 
 using bytes = std::vector<unsigned char>;
 
-// Three rows of exactly `columns` bytes each, so that a read beyond them is found by the sanitizer.
+// Three rows of exactly `columns` bytes, so that the sanitizer finds any read beyond them.
 struct three_rows {
     bytes above;
     bytes middle;
@@ -64,7 +64,7 @@ protected:
     }
 };
 
-TEST_P(MipmapFilter, EveryWidthIsAsTheFormulaSays)
+TEST_P(MipmapFilter, EveryWidthMatchesTheFormula)
 {
     for (size_t last = 1; last <= 300; ++last) {
         const three_rows rows = random_rows(2 * last + 2, static_cast<uint32_t>(last));
@@ -77,7 +77,7 @@ TEST_P(MipmapFilter, EveryWidthIsAsTheFormulaSays)
     }
 }
 
-TEST_P(MipmapFilter, LongRowsAreAsTheFormulaSays)
+TEST_P(MipmapFilter, LongRowsMatchTheFormula)
 {
     for (const size_t last : {4095U, 8192U, 16383U, 32768U}) {
         const three_rows rows = random_rows(2 * last + 2, static_cast<uint32_t>(last));
@@ -89,7 +89,7 @@ TEST_P(MipmapFilter, LongRowsAreAsTheFormulaSays)
     }
 }
 
-TEST_P(MipmapFilter, NoSumOfExtremesOverflows)
+TEST_P(MipmapFilter, SumsOfExtremesDoNotOverflow)
 {
     constexpr size_t last = 100;
     for (const unsigned pattern : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U}) {
@@ -109,7 +109,7 @@ TEST_P(MipmapFilter, NoSumOfExtremesOverflows)
     }
 }
 
-TEST_P(MipmapFilter, NoSampleIsAnEmptyRange)
+TEST_P(MipmapFilter, EmptyRangeWritesNothing)
 {
     const three_rows rows = random_rows(2, 1);
     unsigned char out = 0xEE;
@@ -138,15 +138,15 @@ INSTANTIATE_TEST_SUITE_P(versions, MipmapFilter,
                          testing::ValuesIn(mipmap_kernels().begin(), mipmap_kernels().end()),
                          [](const auto& variant) { return std::string(variant.param.name); });
 
-TEST(MipmapFilterColumns, CountTwoForEachSampleWithRoom)
+TEST(MipmapFilterColumns, CountTwoForEachSampleThatFits)
 {
     EXPECT_EQ(filter_columns(1, 8), 4U);
     EXPECT_EQ(filter_columns(7, 8), 16U);
-    EXPECT_EQ(filter_columns(8, 8), 16U); // sample 8 and what follows have no room
+    EXPECT_EQ(filter_columns(8, 8), 16U); // no further sample fits
     EXPECT_EQ(filter_columns(9, 16), 20U);
 }
 
-TEST(MipmapFilterChoice, TakesTheLastThatRunsHere)
+TEST(MipmapFilterChoice, TakesTheLastSupportedVersion)
 {
     mipmap_kernel wanted = nullptr;
     for (const auto& variant : mipmap_kernels()) {

@@ -11,7 +11,7 @@ namespace {
 
 class MipmapGeneration : public framebuffer_test {
 protected:
-    // A picture of one plane whose rows are each of one value, and its first level.
+    // A picture of one plane, each row uniform, and its first level.
     static void provide_striped(int height, unsigned char level_fill)
     {
         allocate({.width = 16, .height = height, .monochrome = true});
@@ -46,12 +46,12 @@ TEST_F(MipmapGeneration, RowsAreWeightedOneTwoOne)
 {
     provide_striped(64, 0);
     generate_level();
-    EXPECT_EQ(level_row(0), (0U + 2 * 0 + 4) / 4); // above is row 0 itself
+    EXPECT_EQ(level_row(0), (0U + 2 * 0 + 4) / 4); // row 0 also serves as the row above it
     EXPECT_EQ(level_row(1), (4U + 2 * 8 + 12) / 4);
     EXPECT_EQ(level_row(31), (244U + 2 * 248 + 252) / 4);
 }
 
-TEST_F(MipmapGeneration, LastRowOfAnOddHeightIsItsOwnRowBelow)
+TEST_F(MipmapGeneration, LastRowOfAnOddHeightServesAsItsOwnRowBelow)
 {
     allocate({.width = 16, .height = 65, .monochrome = true});
     ASSERT_EQ(mipmap[0].height, 33);
@@ -74,7 +74,7 @@ TEST_F(MipmapGeneration, LevelOfWidthOneHasThreeSamples)
     EXPECT_EQ(memcmp(&byte_at(mipmap[0].offset_Y), wanted, sizeof wanted), 0);
 }
 
-TEST_F(MipmapGeneration, LevelsThatAreNotHalvesAreWarnedAboutAndMade)
+TEST_F(MipmapGeneration, LevelsThatAreNotHalvesAreMadeWithAWarning)
 {
     provide_striped(64, 0);
     mipmap[0].width = 9;
@@ -117,7 +117,7 @@ TEST_F(MipmapGeneration, PlaneAbsentOnEitherSideIsSkipped)
     }
 }
 
-TEST_F(MipmapGeneration, SourceWithoutRowsGivesNone)
+TEST_F(MipmapGeneration, SourceWithoutRowsMakesNone)
 {
     provide_striped(64, 0xEE);
     main_image_mipmap.height = 0;
@@ -125,7 +125,7 @@ TEST_F(MipmapGeneration, SourceWithoutRowsGivesNone)
     EXPECT_EQ(level_row(0), 0xEEU);
 }
 
-// With quartered chroma the rule would fill more rows than the plane has.
+// For quartered chroma the rule would fill more rows than the plane has.
 TEST_F(MipmapGeneration, SurplusRowsOfQuarteredChromaStayOffTheScanlineList)
 {
     allocate({.width = 64, .height = 128, .x_shift = 2, .y_shift = 2});
@@ -142,8 +142,8 @@ TEST_F(MipmapGeneration, SurplusRowsOfQuarteredChromaStayOffTheScanlineList)
                            before.begin() + static_cast<ptrdiff_t>(end_of_planes)));
 }
 
-// --- rows that cannot be had; requests go above, middle, below, destination
-// ------------------------
+// --- rows that cannot be mapped -----------------------------------------------------------------
+// The rows are mapped in this order: above, middle, below, destination.
 
 TEST_F(MipmapGeneration, MissingRowAboveIsReplacedByTheMiddleOne)
 {
@@ -154,7 +154,7 @@ TEST_F(MipmapGeneration, MissingRowAboveIsReplacedByTheMiddleOne)
     EXPECT_EQ(level_row(2), (12U + 2 * 16 + 20) / 4);
 }
 
-TEST_F(MipmapGeneration, MissingMiddleRowLeavesTheDestinationRowAsItWas)
+TEST_F(MipmapGeneration, MissingMiddleRowLeavesTheDestinationRowUnchanged)
 {
     provide_striped(64, 0xEE);
     scripted::plan.fail_mapping = 4 + 2;
@@ -172,7 +172,7 @@ TEST_F(MipmapGeneration, MissingRowBelowIsReplacedByTheMiddleOne)
     EXPECT_EQ(level_row(1), (4U + 2 * 8 + 8) / 4);
 }
 
-TEST_F(MipmapGeneration, MissingDestinationRowIsToldAndSkipped)
+TEST_F(MipmapGeneration, MissingDestinationRowIsReportedAndSkipped)
 {
     provide_striped(64, 0xEE);
     scripted::plan.fail_mapping = 4 + 4;
@@ -182,7 +182,7 @@ TEST_F(MipmapGeneration, MissingDestinationRowIsToldAndSkipped)
     EXPECT_EQ(level_row(2), 16U);
 }
 
-TEST_F(MipmapGeneration, DestinationRowAsksFor32BytesMoreThanItsStride)
+TEST_F(MipmapGeneration, DestinationRowMaps32BytesMoreThanItsStride)
 {
     provide_striped(64, 0xEE);
     scripted::plan.unmappable = {mipmap[0].offset_Y + UINT64_C(32) * 8 + 31, 1};
@@ -210,7 +210,7 @@ TEST_F(MipmapGeneration, ColumnsBehindTheBufferCountAsZero)
         const uint64_t level_stride = (stride / 2 + 7) / 8 * 8;
         const uint64_t behind = level_stride + 32;
         mipmap_image level = luma_only(width / 2, 1, level_stride, 0);
-        mipmap_image source = luma_only(width, 2, stride, behind); // the last thing in the buffer
+        mipmap_image source = luma_only(width, 2, stride, behind); // ends with the buffer
         scripted::provide_buffer(behind + 2 * stride, 77);
         auto wanted = buffer_bytes();
         model_mipmap(wanted, level, source);
@@ -264,7 +264,7 @@ TEST_F(MipmapGeneration, SignalStopsAtTheNextRow)
     EXPECT_EQ(level_row(6), 0xEEU);
 }
 
-TEST_F(MipmapGeneration, SignalStopsPlanesAndLevelsButMakesThemAvailable)
+TEST_F(MipmapGeneration, SignalStopsPlanesAndLevelsButLevelsBecomeAvailable)
 {
     allocate({.width = 128, .height = 128, .frames = 2});
     fill_planes(1);
@@ -285,7 +285,7 @@ TEST_F(MipmapGeneration, SignalStopsPlanesAndLevelsButMakesThemAvailable)
 
 // --- generate_all_mipmaps -----------------------------------------------------------------------
 
-TEST_F(MipmapGeneration, LevelsAreAvailableOnlyAtTheEnd)
+TEST_F(MipmapGeneration, LevelsBecomeAvailableOnlyAtTheEnd)
 {
     allocate({.width = 128, .height = 128, .frames = 3});
     int most = 0;
@@ -295,14 +295,14 @@ TEST_F(MipmapGeneration, LevelsAreAvailableOnlyAtTheEnd)
     EXPECT_EQ(mipmaps_avail, 2);
 }
 
-TEST_F(MipmapGeneration, PictureWithoutLevelsIsDoneAtOnce)
+TEST_F(MipmapGeneration, PictureWithoutLevelsIsDoneImmediately)
 {
     allocate({.width = 20, .height = 20, .frames = 2});
     EXPECT_EQ(printed([] { generate_all_mipmaps(); }), "");
     EXPECT_EQ(mipmaps_avail, 0);
 }
 
-TEST_F(MipmapGeneration, SecondRunRefreshesTheLevels)
+TEST_F(MipmapGeneration, SecondRunUpdatesTheLevels)
 {
     allocate({.width = 70, .height = 70});
     fill_planes(1);
@@ -317,14 +317,14 @@ TEST_F(MipmapGeneration, SecondRunRefreshesTheLevels)
 
 using MipmapGenerationDeath = MipmapGeneration;
 
-TEST_F(MipmapGenerationDeath, FewerFurtherRecordsThanFrames)
+TEST_F(MipmapGenerationDeath, FewerRecordsThanFurtherFrames)
 {
     allocate({.frames = 3});
     secondary_image_mipmap_main.resize(1);
     EXPECT_DEATH(generate_all_mipmaps(), "`i < secondary_image_mipmap_main.size\\(\\)'");
 }
 
-TEST_F(MipmapGenerationDeath, FewerFurtherLevelsThanFrames)
+TEST_F(MipmapGenerationDeath, FewerLevelsThanFurtherFrames)
 {
     allocate({.frames = 3});
     secondary_image_mipmap[0].resize(1);

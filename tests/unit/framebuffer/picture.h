@@ -1,5 +1,4 @@
-// A described picture with its frame buffer in the scripted platform, for the tests of
-// bin/framebuffer.
+// A picture with its frame buffer in the scripted platform, for the tests of bin/framebuffer.
 #pragma once
 
 #include <cstdint>
@@ -22,10 +21,10 @@ struct shape {
     int row_multiple = 16; // the buffer height is a multiple of this
 };
 
-// What examination would have left.
+// Sets the image state as examination leaves it.
 void describe(const shape& picture);
 
-// Runs `work` and returns what it wrote on standard error.
+// Runs `work` and returns its standard error output.
 template <typename function>
 std::string printed(function&& work)
 {
@@ -39,17 +38,17 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Lays the picture out and returns what was printed.
+    // Lays the picture out and returns what is printed.
     static std::string lay_out(const shape& picture);
 
-    // Lays it out, provides the buffer and builds the records; what is printed is dropped.
+    // Lays the picture out, provides the buffer and builds the records; discards what is printed.
     static void allocate(const shape& picture, unsigned char fill = 0);
 
-    // Random bytes in every plane, visible or not, of every frame's full size.
+    // Fills every plane of every full-size frame, with its padding, with random bytes.
     static void fill_planes(uint32_t seed);
 };
 
-// The whole frame buffer as it is now.
+// A copy of the whole frame buffer.
 std::vector<unsigned char> buffer_bytes();
 
 unsigned char& byte_at(uint64_t offset);

@@ -1,5 +1,5 @@
-// Whole pyramids against the slow model, byte for byte over the whole frame buffer: that also shows
-// that no byte between and behind the planes changes. The buffer ends at a guard page.
+// Compares whole pyramids with the slow model over the whole frame buffer, so that a changed byte
+// between or behind the planes is found, too. A guard page follows the buffer.
 #include <algorithm>
 #include <malloc.h>
 #include <random>
@@ -37,7 +37,7 @@ protected:
                 .row_multiple = model.y_shift != 0 ? 32 : 16};
     }
 
-    // Fills the buffer with noise, lists included, and compares the pyramids.
+    // Fills the buffer, scanline lists included, with noise and compares the pyramids.
     static void compare(const shape& wanted, uint32_t seed)
     {
         allocate(wanted);
@@ -45,7 +45,7 @@ protected:
         std::generate_n(scripted::buffer(), scripted::buffer_size(),
                         [&] { return static_cast<unsigned char>(random() >> 24); });
         if (wanted.alpha) {
-            byte_at(main_image_mipmap.offset_A) = 0; // the plane is kept
+            byte_at(main_image_mipmap.offset_A) = 0; // keeps the plane
         }
         std::vector<unsigned char> model = buffer_bytes();
         model_all_mipmaps(model);
@@ -58,32 +58,32 @@ protected:
     }
 };
 
-TEST_P(Pyramid, SmallSizesAreAsTheModel)
+TEST_P(Pyramid, SmallSizesMatchTheModel)
 {
     std::mt19937 random(7);
     for (int i = 0; i < 400; ++i) {
-        // One side at least is long enough for a level.
+        // At least one side is long enough for a level.
         const int a = 64 + static_cast<int>(random() % 77);
         const int b = 1 + static_cast<int>(random() % 140);
         compare(picture(i % 2 == 0 ? a : b, i % 2 == 0 ? b : a), static_cast<uint32_t>(i));
     }
 }
 
-TEST_P(Pyramid, EveryWidthIsAsTheModel)
+TEST_P(Pyramid, EveryWidthMatchesTheModel)
 {
     for (int width = 1; width <= 140; ++width) {
         compare(picture(width, 64 + width % 5), static_cast<uint32_t>(width));
     }
 }
 
-TEST_P(Pyramid, EveryHeightIsAsTheModel)
+TEST_P(Pyramid, EveryHeightMatchesTheModel)
 {
     for (int height = 1; height <= 140; ++height) {
         compare(picture(64 + height % 9, height), static_cast<uint32_t>(height));
     }
 }
 
-TEST_P(Pyramid, ExtremeShapesAreAsTheModel)
+TEST_P(Pyramid, ExtremeShapesMatchTheModel)
 {
     const std::pair<int, int> shapes[] = {{1, 16384}, {16384, 1},  {2, 9000},  {3, 9001},
                                           {9001, 3},  {65535, 1},  {1, 65535}, {65535, 2},
@@ -93,14 +93,14 @@ TEST_P(Pyramid, ExtremeShapesAreAsTheModel)
     }
 }
 
-TEST_P(Pyramid, FramesAreAsTheModel)
+TEST_P(Pyramid, FramesMatchTheModel)
 {
     compare(picture(67, 33, 3), 1);
     compare(picture(130, 70, 5), 2);
     compare(picture(1, 64, 3), 3);
 }
 
-// Twice over the same planes, with other contents of fresh heap memory: the same allocation.
+// Two runs on the same planes, with different contents of fresh heap memory.
 TEST_P(Pyramid, TwoRunsGiveTheSameBytes)
 {
     std::vector<unsigned char> first;

@@ -71,7 +71,7 @@ TEST_F(Records, AbsentPlanesOfTheMainRecordAreMarked)
     EXPECT_EQ(main_image_mipmap.stride_A, 64U);
 }
 
-TEST_F(Records, FurtherFramesAreMovedByTheirUnits)
+TEST_F(Records, FurtherFramesAreMovedByWholeUnits)
 {
     provide({.width = 130, .height = 40, .alpha = true, .frames = 4});
     ASSERT_EQ(mipmaps, 2);
@@ -116,7 +116,7 @@ TEST_F(Records, AbsentPlanesOfFurtherFramesStayMarked)
     }
 }
 
-TEST_F(Records, ASingleFrameEmptiesTheFurtherRecords)
+TEST_F(Records, SingleFrameEmptiesTheFurtherRecords)
 {
     provide({});
     secondary_image_mipmap_main.resize(4);
@@ -128,13 +128,13 @@ TEST_F(Records, ASingleFrameEmptiesTheFurtherRecords)
     EXPECT_TRUE(secondary_image_mipmap[9].empty());
 }
 
-TEST_F(Records, AFailingListIsToldAndTheOthersAreWritten)
+TEST_F(Records, FailingListIsReportedAndTheOthersAreWritten)
 {
-    provide({.frames = 2}); // lists: main, level, main of frame 1, its level
+    provide({.frames = 2}); // order of the lists: main, level, main of frame 1, its level
     for (int failing = 1; failing <= 4; ++failing) {
         scripted::provide_buffer(image_decoded_size);
         scripted::plan.fail_mapping = failing;
-        errno = EIO; // somebody else's
+        errno = EIO; // left by an unrelated call
         EXPECT_EQ(printed([] { EXPECT_EQ(build_picture_records(), 0); }),
                   "Memory mapping scanline area failed, No such device or address\n"
                   "Error: Unable to set up scanline list\n");
@@ -147,24 +147,24 @@ TEST_F(Records, AFailingListIsToldAndTheOthersAreWritten)
     }
 }
 
-TEST_F(Records, MoreRecordsThanMemoryIsAnAllocationFailure)
+TEST_F(Records, TooManyRecordsForTheMemoryAreAnAllocationFailure)
 {
     provide({.width = 16, .height = 16});
     image_decoded_frames = UINT64_C(1) << 62;
     EXPECT_EQ(printed([] { EXPECT_EQ(build_picture_records(), -1); }), "CNB allocation failed\n");
 }
 
-TEST_F(Records, ManyFramesServeTheSocketAndSeeASignal)
+TEST_F(Records, ManyFramesServeTheSocketAndObeyASignal)
 {
     provide({.width = 8, .height = 8, .frames = 300});
     scripted::plan.die_after_idle = 2; // before frame 128
     EXPECT_EQ(build_picture_records(), 0);
     EXPECT_EQ(scripted::log.idle_rounds, 2U);
-    ASSERT_EQ(secondary_image_mipmap_main.size(), 128U); // no more are made
+    ASSERT_EQ(secondary_image_mipmap_main.size(), 128U); // no further records are built
     EXPECT_TRUE(has_list(secondary_image_mipmap_main[127]));
 }
 
-TEST_F(Records, AStillPictureIsRecordedWithoutAPump)
+TEST_F(Records, StillPictureIsRecordedWithoutServingTheSocket)
 {
     provide({.width = 300, .height = 300});
     build_picture_records();

@@ -16,12 +16,12 @@ protected:
     static void provide(const shape& picture)
     {
         allocate(picture, 0xEE);
-        // As it was before any list was written.
+        // The buffer before any list is written.
         memset(scripted::buffer(), 0xEE, scripted::buffer_size());
     }
 };
 
-// The number of `size` bytes at `at` in the picture's area.
+// A number of `size` bytes at `at` in the picture's scanline area.
 uint64_t field(const mipmap_image& picture, uint64_t at, size_t size)
 {
     uint64_t value = 0;
@@ -66,7 +66,7 @@ TEST_F(ScanlineList, EveryFieldOfAPictureWithAllPlanes)
 {
     provide({.width = 300, .height = 200, .x_shift = 1, .alpha = true, .frames = 2});
     vexa_aspect_ratio = {4, 3};
-    image_cnb_buffer = 0x12345; // cut to 16 bits
+    image_cnb_buffer = 0x12345; // truncated to 16 bits
     const mipmap_image& level = mipmap[1];
     ASSERT_EQ(setup_scanline_list(&mipmap[1], 0x1122334455667788), 0);
     EXPECT_EQ(field(level, 0, 4), 0x9D47E163U);
@@ -79,7 +79,7 @@ TEST_F(ScanlineList, EveryFieldOfAPictureWithAllPlanes)
     EXPECT_EQ(field(level, 24, 4), 0U);
     expect_bytes(level, 28, {2, 0, 1, 1});
     EXPECT_EQ(field(level, 32, 2), 0x2345U);
-    EXPECT_EQ(field(level, 34, 2), 80U); // 75 wide
+    EXPECT_EQ(field(level, 34, 2), 80U); // the width is 75
     EXPECT_EQ(field(level, 36, 2), 40U);
     EXPECT_EQ(field(level, 38, 2), 40U);
     EXPECT_EQ(field(level, 40, 2), 80U);
@@ -126,7 +126,7 @@ TEST_F(ScanlineList, ChromaShiftsGiveMasksAndLastRows)
     EXPECT_EQ(field(main_image_mipmap, 159, 2), 16U);
 }
 
-TEST_F(ScanlineList, AreaBehindTheRecordIsZeroAndNothingElseIsTouched)
+TEST_F(ScanlineList, AreaBehindTheRecordIsZeroAndNothingElseChanges)
 {
     provide({.width = 64, .height = 64});
     for (mipmap_image* picture : {&main_image_mipmap, &mipmap[0]}) {
@@ -141,7 +141,7 @@ TEST_F(ScanlineList, AreaBehindTheRecordIsZeroAndNothingElseIsTouched)
     }
 }
 
-TEST_F(ScanlineList, MonochromeHasNoChromaPlanesButTheirMasks)
+TEST_F(ScanlineList, MonochromeHasChromaMasksButNoChromaPlanes)
 {
     provide({.width = 64, .height = 64, .x_shift = 1, .y_shift = 1, .monochrome = true});
     setup_scanline_list(&main_image_mipmap, 1);
@@ -153,7 +153,7 @@ TEST_F(ScanlineList, MonochromeHasNoChromaPlanesButTheirMasks)
     expect_bytes(main_image_mipmap, 46, {0x80, 0x80, 0x80, 0x80});
 }
 
-TEST_F(ScanlineList, PictureWithoutAlphaKeepsTheLastRowOfAlpha)
+TEST_F(ScanlineList, PictureWithoutAlphaKeepsTheLastAlphaRow)
 {
     provide({.width = 64, .height = 50});
     setup_scanline_list(&main_image_mipmap, 1);
@@ -162,7 +162,7 @@ TEST_F(ScanlineList, PictureWithoutAlphaKeepsTheLastRowOfAlpha)
     EXPECT_EQ(field(main_image_mipmap, 163, 2), 49U);
 }
 
-TEST_F(ScanlineList, AbsentPlaneIsKnownByItsStrideNotByItsOffset)
+TEST_F(ScanlineList, AbsentPlaneIsRecognisedByItsStrideNotByItsOffset)
 {
     provide({.width = 1, .height = 64, .x_shift = 1, .y_shift = 1, .row_multiple = 32});
     ASSERT_NE(mipmap[0].offset_U, absent_plane);
@@ -174,7 +174,7 @@ TEST_F(ScanlineList, AbsentPlaneIsKnownByItsStrideNotByItsOffset)
 class AspectRatio : public framebuffer_test,
                     public testing::WithParamInterface<std::tuple<int_rational, int_rational>> {};
 
-TEST_P(AspectRatio, IsThePicturesOwnUnlessBothNumbersArePositive)
+TEST_P(AspectRatio, IsThePicturesUnlessBothNumbersArePositive)
 {
     const auto [set, wanted] = GetParam();
     allocate({.width = 640, .height = 480});
@@ -210,7 +210,7 @@ TEST_F(ScanlineList, AreaIsWrittenAtItsExactOffset)
     allocate({});
     for (const uint64_t offset : {UINT64_C(0), UINT64_C(1), UINT64_C(4095), UINT64_C(4096),
                                   UINT64_C(4097), UINT64_C(8191)}) {
-        scripted::provide_buffer(offset + 197, 0xEE); // ends with the area
+        scripted::provide_buffer(offset + 197, 0xEE); // the buffer ends with the area
         mipmap_image picture = main_image_mipmap;
         picture.scanline_data_offset = offset;
         ASSERT_EQ(setup_scanline_list(&picture, 1), 0);
@@ -220,7 +220,7 @@ TEST_F(ScanlineList, AreaIsWrittenAtItsExactOffset)
     }
 }
 
-// 16.16 in signed 32 bits: from 32768 pixels on the number is negative.
+// 16.16 numbers are stored in signed 32 bits, so they are negative from 32768 pixels on.
 TEST_F(ScanlineList, SizesFrom32768OnAreSignExtended)
 {
     const std::pair<int, uint64_t> sizes[] = {
@@ -238,7 +238,7 @@ TEST_F(ScanlineList, SizesFrom32768OnAreSignExtended)
     }
 }
 
-TEST_F(ScanlineList, NarrowFieldsAreCut)
+TEST_F(ScanlineList, NarrowFieldsAreTruncated)
 {
     describe({.width = 65537, .height = 65538, .row_multiple = 1});
     scripted::provide_buffer(197);
@@ -258,7 +258,7 @@ TEST_F(ScanlineList, NarrowFieldsAreCut)
     EXPECT_EQ(field(picture, 34, 2), 16U);
     EXPECT_EQ(field(picture, 36, 2), 0U);
     EXPECT_EQ(field(picture, 141, 4), 0x10U);
-    EXPECT_EQ(field(picture, 145, 4), 0x20U); // the whole stride counts, not its lower half
+    EXPECT_EQ(field(picture, 145, 4), 0x20U); // the whole stride counts, not its lower 16 bits
     EXPECT_EQ(field(picture, 157, 2), 1U);
 }
 
@@ -271,7 +271,7 @@ TEST_F(ScanlineList, HalvedChromaOfASingleRowHasNoLastRow)
     EXPECT_EQ(field(main_image_mipmap, 161, 2), 65535U);
 }
 
-TEST_F(ScanlineList, UnmappableAreaIsToldAndRefused)
+TEST_F(ScanlineList, UnmappableAreaIsReportedAndRefused)
 {
     provide({});
     scripted::plan.unmappable = {main_image_mipmap.scanline_data_offset, 1};
@@ -295,7 +295,7 @@ TEST_F(ScanlineList, RewrittenListDiffersOnlyWhereThePictureDoes)
     EXPECT_EQ(buffer_bytes(), wanted);
 }
 
-TEST_F(ScanlineList, AreaOfExactlyTheRecordIsEnough)
+TEST_F(ScanlineList, AreaOfExactlyOneRecordIsEnough)
 {
     provide({});
     main_image_mipmap.scanline_data_size = 169;

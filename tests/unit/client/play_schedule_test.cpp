@@ -19,7 +19,7 @@ std::vector<uint64_t> times(const timeline& played, const rate& frames, uint64_t
     return result;
 }
 
-// --- rate -----------------------------------------------------------------------------------------
+// --- rate ----------------------------------------------------------------------------------------
 
 TEST(PlaySchedule, RateIsTheLowestThatHitsEveryChange)
 {
@@ -102,7 +102,7 @@ TEST(PlaySchedule, EndlessStreamIsNeverOver)
     }
 }
 
-// --- pace -----------------------------------------------------------------------------------------
+// --- pace ----------------------------------------------------------------------------------------
 
 TEST(PlaySchedule, FramesAreDueByTheRateFromTheStart)
 {

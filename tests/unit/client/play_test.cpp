@@ -239,7 +239,7 @@ TEST(ClientCallPlay, PictureThatIsNotReadyInTimeIsExitStatusFour)
                                "answer in time (try a longer --timeout)\n");
 }
 
-// --- the end of the stream ------------------------------------------------------------------------
+// --- the end of the stream -----------------------------------------------------------------------
 
 // Redirects standard output to `fd` for the lifetime of the object.
 class replaced_output {

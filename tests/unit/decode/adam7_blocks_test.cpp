@@ -11,7 +11,7 @@ namespace {
 struct painter {
     const char* name;
     block_painter paint;
-    size_t group, earliest; // the first sample of a group that is drawn
+    size_t group, earliest; // the first sample of a group that is painted
 };
 
 constexpr painter painters[] = {

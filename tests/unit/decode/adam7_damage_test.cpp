@@ -1,5 +1,5 @@
-// Interlaced pictures that end early: damaged files, failing calls, stop requests, broken
-// invariants.
+// Interlaced pictures whose decode ends early: damaged files, failing calls, stop requests and
+// broken invariants.
 #include <csignal>
 #include <string_view>
 
@@ -22,7 +22,7 @@ namespace {
 
 using DecodePngAdam7Damage = Fixture;
 
-// Of a picture of 17 x 17: the number of each pass's first row among the rows of all passes.
+// For a picture of 17 x 17: the index of each pass's first row among the rows of all passes.
 constexpr uint64_t first_rows[] = {0, 3, 6, 8, 13, 17, 26};
 constexpr uint64_t all_rows = 34;
 
@@ -46,13 +46,13 @@ size_t count_of(const std::string& text, const std::string& part)
     return count;
 }
 
-TEST_F(DecodePngAdam7Damage, CutFilesAreDrawnAsFarAsTheyGo)
+TEST_F(DecodePngAdam7Damage, TruncatedFilesAreDrawnUpToTheirEnd)
 {
     for (const colour_form form : {colour_form{6, 8}, {0, 1}, {3, 8}, {4, 16}, {2, 8}}) {
         const bytes file = write_png(random_picture(40, 30, form));
         for (size_t size = image_data_of(file); size <= file.size(); size += 5) {
             SCOPED_TRACE(size);
-            expect_as_told(first_bytes(file, size), 90);
+            expect_drawn_by_rules(first_bytes(file, size), 90);
         }
     }
 }
@@ -64,7 +64,7 @@ TEST_F(DecodePngAdam7Damage, ImageDataThatEndsEarlyIsDrawnUpToEachRow)
         SCOPED_TRACE(size);
         png_spec shorter = spec;
         shorter.rows.resize(size);
-        expect_as_told(write_png(shorter), 90);
+        expect_drawn_by_rules(write_png(shorter), 90);
     }
 }
 
@@ -75,7 +75,7 @@ TEST_F(DecodePngAdam7Damage, ChangedBytesAreDrawnUpToTheDamage)
         SCOPED_TRACE(at);
         bytes changed = file;
         changed[at] ^= 0x41;
-        expect_as_told(changed, 90);
+        expect_drawn_by_rules(changed, 90);
     }
 }
 
@@ -85,31 +85,31 @@ TEST_F(DecodePngAdam7Damage, ErrorInTheFirstPassAnnouncesNothing)
     spec.rows.resize(3 * (1 + 8 * 4));
     open(write_png(spec), 90, true);
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, "PNG ERROR: Not enough image data\nlibpng error: Not enough image data\n"
-                    "Unexpected PNG error while reading, aborting decode\n");
+    EXPECT_EQ(printed, "PNG ERROR: Not enough image data\nlibpng error: Not enough image data\n"
+                       "Unexpected PNG error while reading, aborting decode\n");
     EXPECT_TRUE(scripted::log.ready.empty());
     EXPECT_EQ(count_calls("vexa_global_access_cache_cleanup_idle"), 0U);
     EXPECT_EQ(mipmaps_avail, 0);
     EXPECT_EQ(scripted::log.status.back(), (status_line{100, ""}));
     EXPECT_EQ(plane(3)[23 * 64], 0);      // painted
-    EXPECT_EQ(plane(0)[31 * 64 + 9], 16); // the failing band: black, not to be seen
+    EXPECT_EQ(plane(0)[31 * 64 + 9], 16); // the failing band: black and transparent
     EXPECT_EQ(plane(3)[31 * 64 + 9], 0);
-    EXPECT_EQ(plane(0)[32 * 64], 90); // below it
+    EXPECT_EQ(plane(0)[32 * 64], 90); // below the band
 }
 
 TEST_F(DecodePngAdam7Damage, ErrorInALaterPassLeavesTheLevelsOfTheLastRebuild)
 {
     png_spec spec = rgba_picture(64, 64, 0, 0);
-    spec.rows.resize(10 * (1 + 8 * 4)); // two rows into the second pass
+    spec.rows.resize(10 * (1 + 8 * 4)); // ends after two rows of the second pass
     open(write_png(spec), 0, true);
     EXPECT_EQ(decode(), 0);
     EXPECT_EQ(scripted::log.ready, (std::vector<status_line>{{-1, "Provisional image ready"}}));
     EXPECT_EQ(count_calls("vexa_global_access_cache_cleanup_idle"), 1U);
-    EXPECT_EQ(count_of(told, "Generating mipmap 32 x 32\n"), 1U);
+    EXPECT_EQ(count_of(printed, "Generating mipmap 32 x 32\n"), 1U);
     EXPECT_EQ(mipmaps_avail, 1);
 }
 
-TEST_F(DecodePngAdam7Damage, PlaneThatCannotBeMappedEndsItsPassOnly)
+TEST_F(DecodePngAdam7Damage, UnmappablePlaneEndsOnlyItsPass)
 {
     struct drawing {
         colour_form form;
@@ -125,7 +125,7 @@ TEST_F(DecodePngAdam7Damage, PlaneThatCannotBeMappedEndsItsPassOnly)
             for (size_t i = 0; i < d.planes.size(); ++i) {
                 SCOPED_TRACE(failing);
                 bool failed = false;
-                expect_as_told(file, 90, [&](uint64_t, adam7_literal& literal) {
+                expect_drawn_by_rules(file, 90, [&](uint64_t, adam7_literal& literal) {
                     if (!failed && literal.rows_drawn() == failing) {
                         failed = true;
                         scripted::plan.fail_mapping = static_cast<int>(i) + 1;
@@ -134,8 +134,8 @@ TEST_F(DecodePngAdam7Damage, PlaneThatCannotBeMappedEndsItsPassOnly)
                 });
                 const std::string line =
                     std::string("Failed to memory-map ") + d.planes[i] + " plane\n";
-                EXPECT_EQ(count_of(told, line), 1U);
-                EXPECT_EQ(count_of(told, "Failed to memory-map"), 1U);
+                EXPECT_EQ(count_of(printed, line), 1U);
+                EXPECT_EQ(count_of(printed, "Failed to memory-map"), 1U);
                 EXPECT_EQ(count_calls("vexa_global_access_cache_cleanup_idle"), 7U);
                 EXPECT_EQ(scripted::log.ready.size(), 1U);
             }
@@ -143,7 +143,8 @@ TEST_F(DecodePngAdam7Damage, PlaneThatCannotBeMappedEndsItsPassOnly)
     }
 }
 
-// Rows of the mapped band: 8, in two passes from above the row of the pass, none below the plane.
+// The band of 8 rows mapped for a row of the pass. It starts above that row in two passes, and
+// never ends below the plane.
 struct band_of_pass {
     int first_row, row_step, rows_above;
 };
@@ -151,8 +152,8 @@ struct band_of_pass {
 constexpr band_of_pass bands[] = {{0, 8, 0}, {0, 8, 0}, {4, 8, 4}, {0, 4, 0},
                                   {2, 4, 2}, {0, 2, 0}, {1, 2, 0}};
 
-// What the host is told while no band with row `bad` of a 32 x 32 picture can be mapped.
-std::vector<status_line> told_without_row(int bad)
+// The status lines while no band that contains row `bad` of a 32 x 32 picture can be mapped.
+std::vector<status_line> status_without_row(int bad)
 {
     constexpr int rows_in_all = 4 + 4 + 4 + 8 + 8 + 16 + 16;
     std::vector<status_line> expected;
@@ -171,7 +172,7 @@ std::vector<status_line> told_without_row(int bad)
     return expected;
 }
 
-TEST_F(DecodePngAdam7Damage, BandsOfEachPassAreThoseOfItsBlocks)
+TEST_F(DecodePngAdam7Damage, BandsOfEachPassCoverItsBlocks)
 {
     const bytes file = write_png(random_picture(32, 32, {2, 8}));
     for (int bad = 0; bad < 32; ++bad) {
@@ -179,7 +180,7 @@ TEST_F(DecodePngAdam7Damage, BandsOfEachPassAreThoseOfItsBlocks)
         open(file);
         scripted::plan.unmappable = {image_stride_Y * static_cast<uint64_t>(bad), 1};
         EXPECT_EQ(decode(), 0);
-        EXPECT_EQ(scripted::log.status, told_without_row(bad)) << bad;
+        EXPECT_EQ(scripted::log.status, status_without_row(bad)) << bad;
     }
 }
 
@@ -191,17 +192,17 @@ TEST_F(DecodePngAdam7Damage, EveryPassMayFailToMap)
         const uint64_t size = scripted::buffer_size();
         scripted::plan.unmappable = {0, size};
         EXPECT_EQ(decode(), 0);
-        EXPECT_EQ(count_of(told, "Failed to memory-map Y plane\n"), 7U);
+        EXPECT_EQ(count_of(printed, "Failed to memory-map Y plane\n"), 7U);
         EXPECT_EQ(bytes(scripted::buffer(), scripted::buffer() + size), bytes(size, 0));
     }
 }
 
-TEST_F(DecodePngAdam7Damage, StopRequestEndsEveryPassWithItsWork)
+TEST_F(DecodePngAdam7Damage, StopRequestEndsEachPassAndFinishesItsWork)
 {
     const bytes file = write_png(random_picture(17, 17, {6, 8}));
     for (uint64_t last = 0; last < all_rows; ++last) {
         SCOPED_TRACE(last);
-        expect_as_told(file, 90, [last](uint64_t row, adam7_literal&) {
+        expect_drawn_by_rules(file, 90, [last](uint64_t row, adam7_literal&) {
             if (row == last) {
                 DIE4 = 1;
             }
@@ -212,7 +213,7 @@ TEST_F(DecodePngAdam7Damage, StopRequestEndsEveryPassWithItsWork)
     }
 }
 
-TEST_F(DecodePngAdam7Damage, StopRequestBeforehandReadsNothing)
+TEST_F(DecodePngAdam7Damage, StopRequestBeforeDecodingReadsNothing)
 {
     open(write_png(random_picture(64, 64, {2, 8})), 90, true);
     const uint64_t mapped_before = scripted::log.mappings;
@@ -221,14 +222,14 @@ TEST_F(DecodePngAdam7Damage, StopRequestBeforehandReadsNothing)
     EXPECT_EQ(scripted::log.status, (std::vector<status_line>{{100, ""}}));
     EXPECT_EQ(scripted::log.ready, (std::vector<status_line>{{-1, "Provisional image ready"}}));
     EXPECT_EQ(scripted::log.mappings, mapped_before);
-    EXPECT_EQ(count_of(told, "Generating mipmap 32 x 32\n"), 3U);
+    EXPECT_EQ(count_of(printed, "Generating mipmap 32 x 32\n"), 3U);
 }
 
-TEST_F(DecodePngAdam7Damage, StopBetweenPassesIsSeenByTheNextOne)
+TEST_F(DecodePngAdam7Damage, StopRequestBetweenPassesIsSeenByTheNextOne)
 {
     const bytes file = write_png(random_picture(17, 17, {2, 8}));
     for (const uint64_t first : first_rows) {
-        expect_as_told(file, 0, [first](uint64_t row, adam7_literal&) {
+        expect_drawn_by_rules(file, 0, [first](uint64_t row, adam7_literal&) {
             if (row + 1 == first) {
                 DIE4 = 1;
             }
@@ -237,8 +238,8 @@ TEST_F(DecodePngAdam7Damage, StopBetweenPassesIsSeenByTheNextOne)
     }
 }
 
-// The rest of a pass is as good as never read, and what follows a pass is done all the same.
-TEST_F(DecodePngAdam7Damage, StopInTheLibraryIsAStopInItsPass)
+// The rest of the pass counts as missing; the work after each pass is still done.
+TEST_F(DecodePngAdam7Damage, StopInsideTheLibraryEndsItsPass)
 {
     const bytes whole = write_png(random_picture(17, 17, {6, 8}));
     const auto data = static_cast<ptrdiff_t>(8 + 25);
@@ -251,7 +252,7 @@ TEST_F(DecodePngAdam7Damage, StopInTheLibraryIsAStopInItsPass)
     scripted::plan.clock_step_us = max_decoder_delay_us;
     failing_calls::plan.on_read = [] { DIE4 = 1; };
     EXPECT_EQ(decode(), 0);
-    EXPECT_THAT(told, testing::Not(testing::HasSubstr("aborting")));
+    EXPECT_THAT(printed, testing::Not(testing::HasSubstr("aborting")));
     EXPECT_EQ(scripted::log.ready, (std::vector<status_line>{{-1, "Provisional image ready"}}));
     EXPECT_EQ(scripted::log.status, (std::vector<status_line>{{0, "Decoding PNG"}, {100, ""}}));
     EXPECT_EQ(count_calls("vexa_global_access_cache_cleanup_idle"), 7U);
@@ -259,12 +260,12 @@ TEST_F(DecodePngAdam7Damage, StopInTheLibraryIsAStopInItsPass)
                 "Unexpected PNG setjmp after header setup\n");
 }
 
-TEST_F(DecodePngAdam7Damage, RowThatCannotBeAllocatedIsRefused)
+TEST_F(DecodePngAdam7Damage, FailedRowAllocationIsRefused)
 {
     open(write_png(random_picture(17, 17, {6, 8})));
     failing_calls::plan.calloc = 1;
     EXPECT_EQ(decode(), -1);
-    EXPECT_EQ(told, "Unable to allocate RGB row\n");
+    EXPECT_EQ(printed, "Unable to allocate RGB row\n");
     EXPECT_EQ(png_context, nullptr);
     EXPECT_EQ(png_fp, nullptr);
     EXPECT_TRUE(scripted::log.status.empty());
@@ -285,7 +286,7 @@ TEST_F(DecodePngAdam7Damage, RowHoldsTheStrideAndSpareBytes)
         open(write_png(random_picture(17, 1, n.form)));
         failing_calls::plan.largest_calloc = n.bytes - 1;
         EXPECT_EQ(decode(), -1);
-        EXPECT_EQ(told, "Unable to allocate RGB row\n");
+        EXPECT_EQ(printed, "Unable to allocate RGB row\n");
     }
 }
 
@@ -294,7 +295,7 @@ TEST_F(DecodePngAdam7Damage, MissingPaletteIsRefused)
     open(write_png(random_picture(17, 17, {2, 8})));
     png_color_type = 3;
     EXPECT_EQ(decode(), -1);
-    EXPECT_EQ(told, "PNG library failed to return color palette\n");
+    EXPECT_EQ(printed, "PNG library failed to return color palette\n");
     EXPECT_EQ(png_context, nullptr);
 }
 
@@ -335,7 +336,7 @@ TEST_F(DecodePngAdam7Damage, BrokenInvariantsEndTheProcess)
         where + "image_chroma_y_shift == 0");
 }
 
-TEST_F(DecodePngAdam7Damage, ColourTypeOfNoPictureEndsTheProcess)
+TEST_F(DecodePngAdam7Damage, UnknownColourTypeEndsTheProcess)
 {
     open(write_png(random_picture(4, 4, {2, 8})));
     png_color_type = 1;

@@ -43,13 +43,14 @@ void Fixture::open(const bytes& file, unsigned char before, bool levels)
         if (levels) {
             layout_mipmaps();
         }
-        // Without levels the buffer ends with the planes: nothing may be drawn behind them.
+        // Without levels the buffer ends with the planes, so that nothing can be drawn behind them
+        // unnoticed.
         scripted::provide_buffer(levels ? image_decoded_size : image_scanline_data_buffer_offset,
                                  before);
         build_picture_records();
     }
-    told = testing::internal::GetCapturedStderr();
-    ASSERT_EQ(result, 0) << told;
+    printed = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(result, 0) << printed;
     for (int i = 0; i < 4; ++i) {
         plane_offsets_[i] = *frame_planes[i].offset;
     }
@@ -59,7 +60,7 @@ int Fixture::decode()
 {
     testing::internal::CaptureStderr();
     const int result = full_decode_png_rgb_adam7();
-    told = testing::internal::GetCapturedStderr();
+    printed = testing::internal::GetCapturedStderr();
     return result;
 }
 
@@ -74,8 +75,8 @@ void Fixture::compare(const adam7_literal& literal, const std::string& when)
     }
 }
 
-void Fixture::expect_as_told(const bytes& file, unsigned char before,
-                             const std::function<void(uint64_t, adam7_literal&)>& before_row)
+void Fixture::expect_drawn_by_rules(const bytes& file, unsigned char before,
+                                    const row_action& before_row)
 {
     start_anew();
     open(file, before);
@@ -83,7 +84,7 @@ void Fixture::expect_as_told(const bytes& file, unsigned char before,
     uint64_t row = 0;
     scripted::plan.on_idle = [&] {
         if (row == scripted::log.status.size()) {
-            return; // served from within the alpha test
+            return; // served during the alpha test
         }
         row = scripted::log.status.size();
         compare(literal, "before row " + std::to_string(row - 1));
@@ -106,7 +107,7 @@ void Fixture::expect_as_told(const bytes& file, unsigned char before,
     compare(literal, "at the end");
     EXPECT_EQ(literal.pass(), 7);
     EXPECT_EQ(scripted::log.status.back(), (scripted::status_line{100, ""}));
-    EXPECT_EQ(told.find("Unexpected PNG error while reading, aborting decode\n") !=
+    EXPECT_EQ(printed.find("Unexpected PNG error while reading, aborting decode\n") !=
                   std::string::npos,
               literal.gave_up());
     free_all_png_fileio();

@@ -1,5 +1,5 @@
-// A fresh process, as far as the decoder of interlaced PNGs can tell, a picture opened in it, and a
-// decode watched row by row.
+// Fixture of the tests for interlaced PNGs: resets all state, opens a picture and compares a decode
+// with the rules row by row.
 #pragma once
 
 #include <cstdint>
@@ -27,28 +27,29 @@ protected:
 
     static void start_anew();
 
-    // Examines `file`, which must go well, lays the frame buffer out with or without its reduced
-    // levels, fills it with `before` and makes the picture's records.
+    // Examines `file`, which must succeed, lays out the frame buffer with or without reduced
+    // levels, fills it with `before` and builds the picture's records.
     void open(const bytes& file, unsigned char before = 0, bool levels = false);
 
-    int decode(); // keeps what it prints in `told`
+    int decode(); // stores what it prints in `printed`
 
-    // Opens and decodes `file`. Before each row and at the end the planes have to be as the rules
-    // have them. `before_row` is told the number of the row that comes next, of all rows; what it
-    // changes in the literal rules it has to bring about in the decoder.
-    void expect_as_told(const bytes& file, unsigned char before = 0,
-                        const std::function<void(uint64_t, adam7_literal&)>& before_row = {});
+    // Opens and decodes `file`. Before each row and at the end the planes must match the rules.
+    // `before_row` gets the index of the next row among the rows of all passes; a change it makes
+    // to the literal rules it must also cause in the decoder.
+    using row_action = std::function<void(uint64_t, adam7_literal&)>;
+    void expect_drawn_by_rules(const bytes& file, unsigned char before = 0,
+                               const row_action& before_row = {});
 
-    static bytes plane(int index); // of the frame buffer; empty when absent
+    static bytes plane(int index); // a plane of the frame buffer; empty when absent
 
     static size_t count_calls(const std::string& name);
 
-    std::string told;
+    std::string printed;
 
 private:
     void compare(const adam7_literal& literal, const std::string& when);
 
-    uint64_t plane_offsets_[4] = {}; // as laid out: the alpha plane's may be forgotten later
+    uint64_t plane_offsets_[4] = {}; // from the layout, since the alpha plane may be dropped later
 };
 
 } // namespace adam7_tests

@@ -51,7 +51,7 @@ uint64_t adam7_literal::rows_in_all() const
     return rows;
 }
 
-// The alpha plane is looked at once, when the first pass is over.
+// The alpha plane is tested once, after the first pass.
 void adam7_literal::end_pass()
 {
     if (pass_ == 0 && alpha_) {

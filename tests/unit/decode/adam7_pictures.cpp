@@ -20,7 +20,8 @@ uint32_t count_of(uint32_t size, uint32_t first, uint32_t step)
     return size > first ? (size - first - 1) / step + 1 : 0;
 }
 
-// Calls `row` for each row of the file with the number of its pass, columns and bytes of samples.
+// Calls `row` for each row of the file with its pass, its columns and its bytes without the filter
+// byte.
 template <typename Row>
 void for_each_row(const png_spec& spec, Row row)
 {

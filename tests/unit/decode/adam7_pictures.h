@@ -1,4 +1,4 @@
-// Interlaced PNG pictures of tests.
+// Interlaced PNG pictures for tests.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +11,13 @@ namespace adam7_tests {
 struct colour_form {
     uint8_t colour_type, depth;
 };
-extern const std::vector<colour_form> colour_forms; // all that the format has
+extern const std::vector<colour_form> colour_forms; // all forms of the format
 
-// Samples and filters drawn by lot from `seed`; a palette with a few colours less than the samples
-// can name.
+// Random samples and filters from `seed`. The palette has a few colours fewer than the samples can
+// index.
 png_spec random_picture(uint32_t width, uint32_t height, colour_form form, unsigned seed = 1);
 
-// RGBA of one colour with this alpha in every pixel of the first pass and that one in the others.
+// RGBA pixels of one colour: alpha `first` in the first pass and `others` in all others.
 png_spec rgba_picture(uint32_t width, uint32_t height, unsigned char first, unsigned char others);
 
 } // namespace adam7_tests

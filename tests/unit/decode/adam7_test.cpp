@@ -1,4 +1,4 @@
-// Interlaced pictures that are sound: every byte of the planes, before each row and at the end.
+// Valid interlaced pictures: every byte of the planes, before each row and at the end.
 #include <malloc.h>
 
 #include <gmock/gmock.h>
@@ -21,7 +21,7 @@ namespace {
 
 class DecodePngAdam7 : public Fixture {
 protected:
-    // The whole frame buffer after each pass, and at the end; states[n] is that after n passes.
+    // Copies of the frame buffer after each pass and at the end; states[n] follows n passes.
     std::vector<bytes> states_of_decode()
     {
         std::vector<bytes> states(1);
@@ -47,12 +47,12 @@ protected:
     }
 };
 
-TEST_F(DecodePngAdam7, SmallPicturesOfEveryColourTypeAreDrawnAsTold)
+TEST_F(DecodePngAdam7, SmallPicturesOfEveryColourTypeAreDrawnByTheRules)
 {
     for (const colour_form form : colour_forms) {
         for (uint32_t width = 1; width <= 9; ++width) {
             for (uint32_t height = 1; height <= 9; ++height) {
-                expect_as_told(write_png(random_picture(width, height, form)), 90);
+                expect_drawn_by_rules(write_png(random_picture(width, height, form)), 90);
             }
         }
     }
@@ -64,43 +64,43 @@ TEST_F(DecodePngAdam7, NoPictureUpTo64PixelsIsDrawnBeyondItsPlanes)
     for (uint32_t width = 1; width <= 64; ++width) {
         for (uint32_t height = 1; height <= 64; ++height) {
             const colour_form form = colour_forms[turn++ % colour_forms.size()];
-            expect_as_told(write_png(random_picture(width, height, form)));
-            EXPECT_THAT(told, Not(HasSubstr("Failed to memory-map")));
+            expect_drawn_by_rules(write_png(random_picture(width, height, form)));
+            EXPECT_THAT(printed, Not(HasSubstr("Failed to memory-map")));
         }
     }
 }
 
-TEST_F(DecodePngAdam7, WidePicturesAreDrawnAsTold)
+TEST_F(DecodePngAdam7, WidePicturesAreDrawnByTheRules)
 {
     for (const colour_form form : {colour_form{0, 1}, {2, 8}, {3, 8}, {4, 16}, {6, 8}}) {
-        expect_as_told(write_png(random_picture(16384, 3, form)));
-        expect_as_told(write_png(random_picture(3, 2000, form)));
-        expect_as_told(write_png(random_picture(1000, 37, form)));
+        expect_drawn_by_rules(write_png(random_picture(16384, 3, form)));
+        expect_drawn_by_rules(write_png(random_picture(3, 2000, form)));
+        expect_drawn_by_rules(write_png(random_picture(1000, 37, form)));
     }
 }
 
-TEST_F(DecodePngAdam7, InterlacedTestPicturesAreDrawnAsTold)
+TEST_F(DecodePngAdam7, InterlacedTestPicturesAreDrawnByTheRules)
 {
     for (const char* name : {"basi0g01.png", "basi0g04.png", "basi0g08.png", "basi2c08.png",
                              "basi2c16.png", "basi3p04.png", "basi3p08.png", "basi4a08.png",
                              "basi6a16.png", "rgb-adam7-cut.png", "s01i3p01.png", "s05i3p02.png"}) {
         SCOPED_TRACE(name);
-        expect_as_told(read_file(STILLIMAGE_TEST_DATA "/png/" + std::string(name)));
+        expect_drawn_by_rules(read_file(STILLIMAGE_TEST_DATA "/png/" + std::string(name)));
     }
 }
 
-TEST_F(DecodePngAdam7, WhatTheHeapHeldBeforeIsNeverSeen)
+TEST_F(DecodePngAdam7, OldHeapContentsAreNeverDrawn)
 {
     for (const int perturb : {0x55, 0xAA}) {
         mallopt(M_PERTURB, perturb);
         for (const colour_form form : colour_forms) {
-            expect_as_told(write_png(random_picture(17, 11, form)));
+            expect_drawn_by_rules(write_png(random_picture(17, 11, form)));
         }
     }
     mallopt(M_PERTURB, 0);
 }
 
-TEST_F(DecodePngAdam7, FiveRowsMakeElevenInSevenPasses)
+TEST_F(DecodePngAdam7, FiveRowsTakeElevenInSevenPasses)
 {
     open(write_png(random_picture(5, 5, {2, 8})));
     ASSERT_EQ(decode(), 0);
@@ -120,7 +120,7 @@ TEST_F(DecodePngAdam7, RowsOfPassesWithoutColumnsCount)
     EXPECT_EQ(scripted::log.status[10], (status_line{90, "Decoding PNG"}));
 }
 
-TEST_F(DecodePngAdam7, OneBitGreyIsVideoBlackForBoth)
+TEST_F(DecodePngAdam7, OneBitGreyIsBlackForBothValues)
 {
     png_spec spec = random_picture(16, 16, {0, 1});
     open(write_png(spec));
@@ -152,24 +152,25 @@ TEST_F(DecodePngAdam7, BlocksOfOnePixelCoverEightByEight)
     EXPECT_EQ(plane(PLANE_U)[7 * 16 + 7], 90);
     EXPECT_EQ(plane(PLANE_V)[7 * 16 + 7], 239);
     EXPECT_EQ(plane(PLANE_A)[7 * 16 + 7], 77);
-    EXPECT_EQ(plane(PLANE_Y)[8], 16); // the band's first black, beside the block
+    EXPECT_EQ(plane(PLANE_Y)[8], 16); // black of the band, beside the block
     EXPECT_EQ(plane(PLANE_A)[8], 0);
     EXPECT_EQ(plane(PLANE_Y)[8 * 16], 1); // below the band
 }
 
-TEST_F(DecodePngAdam7, AlphaThatIsOpaqueInTheFirstPassIsDroppedInMidDecode)
+TEST_F(DecodePngAdam7, AlphaThatIsOpaqueInTheFirstPassIsDroppedDuringTheDecode)
 {
     for (const uint32_t size : {1U, 9U, 20U, 40U}) {
-        expect_as_told(write_png(rgba_picture(size, size, 254, 0)), 33);
-        EXPECT_THAT(told, HasSubstr("Image has opaque alpha channel. Disabling alpha channel.\n"));
+        expect_drawn_by_rules(write_png(rgba_picture(size, size, 254, 0)), 33);
+        EXPECT_THAT(printed,
+                    HasSubstr("Image has opaque alpha channel. Disabling alpha channel.\n"));
         EXPECT_EQ(image_has_alpha_channel, 0);
     }
 }
 
-TEST_F(DecodePngAdam7, AlphaIsJudgedByTheFirstPassOnly)
+TEST_F(DecodePngAdam7, AlphaIsTestedAfterTheFirstPassOnly)
 {
-    expect_as_told(write_png(rgba_picture(20, 20, 253, 255)));
-    EXPECT_THAT(told, Not(HasSubstr("opaque alpha")));
+    expect_drawn_by_rules(write_png(rgba_picture(20, 20, 253, 255)));
+    EXPECT_THAT(printed, Not(HasSubstr("opaque alpha")));
     EXPECT_NE(image_has_alpha_channel, 0);
 }
 
@@ -177,7 +178,7 @@ TEST_F(DecodePngAdam7, ProvisionalPictureIsAnnouncedAfterTheFirstPass)
 {
     open(write_png(random_picture(20, 20, {6, 8})));
     scripted::plan.on_idle = [] {
-        const bool first_pass = scripted::log.status.size() <= 3; // of 3 rows
+        const bool first_pass = scripted::log.status.size() <= 3; // which has 3 rows
         EXPECT_EQ(scripted::log.ready.size(), first_pass ? 0U : 1U);
     };
     ASSERT_EQ(decode(), 0);
@@ -208,7 +209,7 @@ TEST_F(DecodePngAdam7, MipmapsAreMadeAfterPassesOneThreeAndSeven)
     }
 }
 
-TEST_F(DecodePngAdam7, DroppedAlphaLeavesTheOtherPlanesAndLevelsAlone)
+TEST_F(DecodePngAdam7, DroppedAlphaDoesNotAffectOtherPlanesAndLevels)
 {
     open(write_png(rgba_picture(150, 70, 255, 0)), 0, true);
     const std::vector<bytes> states = states_of_decode();

@@ -16,8 +16,8 @@ namespace {
 
 using samples = std::vector<unsigned char>;
 
-constexpr size_t longest_run = 130;
-constexpr size_t margin = 67; // an odd number, and more than a vector
+constexpr size_t max_run = 130;
+constexpr size_t margin = 67; // odd, and larger than a vector
 constexpr unsigned char untouched = 0xA5;
 
 struct colour {
@@ -36,7 +36,7 @@ int plain_grey(int grey)
     return grey * 219 / 255 + 16;
 }
 
-// Planes with untouched bytes before and behind the run.
+// Planes with untouched bytes before and after the run.
 struct run_planes {
     explicit run_planes(size_t count, size_t shift)
         : y(margin + shift + count + margin, untouched), u(y), v(y), a(y), start(margin + shift)
@@ -66,7 +66,7 @@ void put_colour(run_planes& planes, size_t at, const colour& value)
     put(planes.v, planes.start + at, value.v);
 }
 
-// One kind of pixel: its size, the version of a kernel, and the rule again.
+// A kind of pixel: its size, its member of a kernel, and the plain rule.
 struct pixel_kind {
     const char* name;
     size_t bytes;
@@ -125,14 +125,14 @@ std::vector<const colour_kernel*> kernels_here()
     return here;
 }
 
-TEST(ColourRows, BestKernelIsTheFirstThatRunsHereAndTheLastRunsEverywhere)
+TEST(ColourRows, BestKernelIsTheFirstSupportedAndTheLastIsAlwaysSupported)
 {
     ASSERT_FALSE(kernels_here().empty());
     EXPECT_EQ(&best_colour_kernel(), kernels_here().front());
     EXPECT_EQ(kernels_here().back(), &colour_kernels().back());
 }
 
-// All 16.7 million colours, a run for each pair of red and green.
+// All 16.7 million colours, in one run for each pair of red and green.
 TEST(ColourRows, EveryVersionIsExactForEveryColour)
 {
     samples rgb(256 * 3);
@@ -181,11 +181,11 @@ TEST(ColourRows, EveryVersionIsExactForEveryGreyBesideEveryAlpha)
     }
 }
 
-// Runs of 0 to 130 pixels to planes at any alignment; the bytes around them stay as they are.
+// Runs of 0 to 130 pixels to planes of any alignment; the surrounding bytes must not change.
 TEST(ColourRows, EveryVersionWritesExactlyTheSamplesOfTheRun)
 {
     for (const pixel_kind& kind : kinds) {
-        for (size_t count = 0; count <= longest_run; ++count) {
+        for (size_t count = 0; count <= max_run; ++count) {
             for (const size_t shift : {size_t{0}, size_t{1}, size_t{13}, size_t{30}}) {
                 const samples pixels = random_bytes(count * kind.bytes + shift);
                 const unsigned char* from = pixels.data() + shift;
@@ -201,11 +201,11 @@ TEST(ColourRows, EveryVersionWritesExactlyTheSamplesOfTheRun)
     }
 }
 
-// The run ends where memory ends.
-TEST(ColourRows, EveryVersionReadsNothingBehindTheRun)
+// The memory ends with the run.
+TEST(ColourRows, EveryVersionReadsNothingAfterTheRun)
 {
     for (const pixel_kind& kind : kinds) {
-        for (size_t count = 0; count <= longest_run; ++count) {
+        for (size_t count = 0; count <= max_run; ++count) {
             const GuardedBytes pixels(random_bytes(count * kind.bytes));
             const run_planes expected = expected_planes(kind, pixels.begin(), count, 0);
             for (const colour_kernel* kernel : kernels_here()) {
@@ -218,9 +218,9 @@ TEST(ColourRows, EveryVersionReadsNothingBehindTheRun)
     }
 }
 
-TEST(ColourRows, EveryVersionLeavesAlphaOutWhereThereIsNoPlaneForIt)
+TEST(ColourRows, EveryVersionSkipsAnAbsentAlphaPlane)
 {
-    for (size_t count = 0; count <= longest_run; ++count) {
+    for (size_t count = 0; count <= max_run; ++count) {
         const samples pixels = random_bytes(count * 4);
         run_planes expected = expected_planes(kinds[3], pixels.data(), count, 0);
         std::fill(expected.a.begin(), expected.a.end(), untouched);
@@ -264,7 +264,7 @@ TEST(ColourRows, GreyAndAlphaGoToTwoPlanes)
     EXPECT_TRUE(made == expected_planes(kinds[2], pixels.data(), 77, 0));
 }
 
-TEST(ColourRows, ConvertedPixelsAreTakenApartWithAlphaOrWithout)
+TEST(ColourRows, YuvaPixelsAreDeinterleavedWithOrWithoutAlpha)
 {
     const samples bytes = random_bytes(77 * 4);
     std::vector<packed_yuva> pixels(77);

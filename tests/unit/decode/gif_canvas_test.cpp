@@ -1,4 +1,4 @@
-// Drawing on a canvas of R, G, B, A, with giflib's records made by hand.
+// Drawing on an R, G, B, A canvas, with hand-made records of giflib.
 #include <random>
 #include <sys/mman.h>
 
@@ -116,10 +116,10 @@ TEST_F(GifCanvas, ScreenStartsInTheBackgroundColour)
     EXPECT_THAT(screen_row(0), Each(blue));
     EXPECT_THAT(screen_row(1), ElementsAre(blue, red, green, blue));
     EXPECT_THAT(screen_row(2), Each(blue));
-    EXPECT_EQ(pixel(4, 0), untouched); // beyond the screen
+    EXPECT_EQ(pixel(4, 0), untouched); // outside the screen
 }
 
-TEST_F(GifCanvas, BackgroundColourIsOneOfTheFramesOwn)
+TEST_F(GifCanvas, BackgroundColourComesFromTheFramesOwnColours)
 {
     frame.ImageDesc.ColorMap = &local;
     draw(true);
@@ -132,7 +132,7 @@ TEST_F(GifCanvas, TransparentFirstFrameClearsAsManyRowsAsItHas)
     set_blocks({{1, 0, 0, 7}});
     set_frame(1, 2, 2, 1, {0, 1});
     draw(true);
-    EXPECT_THAT(row(0), Each(cleared)); // the canvas's whole row, and the first: not the frame's
+    EXPECT_THAT(row(0), Each(cleared)); // clears the canvas's whole first row, not the frame's row
     EXPECT_THAT(row(1), Each(untouched));
     EXPECT_EQ(pixel(1, 2), red);
     EXPECT_EQ(pixel(0, 2), untouched);
@@ -147,14 +147,14 @@ TEST_F(GifCanvas, WithoutGlobalColoursTheScreenStartsCleared)
     EXPECT_EQ(pixel(1, 1), green);
 }
 
-TEST_F(GifCanvas, BackgroundPastTheColoursStartsCleared)
+TEST_F(GifCanvas, BackgroundIndexBeyondTheColoursClearsTheScreen)
 {
     screen.SBackGroundColor = 3;
     draw(true);
     EXPECT_THAT(row(0), Each(cleared));
 }
 
-TEST_F(GifCanvas, ClearingEndsWithTheScreen)
+TEST_F(GifCanvas, ClearingStopsAtTheEndOfTheScreen)
 {
     set_blocks({{1, 0, 0, 7}});
     set_frame(0, 0, 1, 60000, std::vector<unsigned char>(60000, 1));
@@ -163,7 +163,7 @@ TEST_F(GifCanvas, ClearingEndsWithTheScreen)
     EXPECT_EQ(pixel(15, 2), cleared);
 }
 
-TEST_F(GifCanvas, LaterFramesLeaveTheRestAlone)
+TEST_F(GifCanvas, LaterFramesChangeNothingOutsideThem)
 {
     draw();
     EXPECT_THAT(row(0), Each(untouched));
@@ -172,7 +172,7 @@ TEST_F(GifCanvas, LaterFramesLeaveTheRestAlone)
 
 // --- colours ------------------------------------------------------------------------------------
 
-TEST_F(GifCanvas, WithoutColoursNothingIsDrawnOrRemembered)
+TEST_F(GifCanvas, WithoutColoursNothingIsDrawnOrStored)
 {
     set_blocks({{1, 0, 0, 7}});
     ColorMapObject empty = {0, 0, false, colours};
@@ -185,7 +185,7 @@ TEST_F(GifCanvas, WithoutColoursNothingIsDrawnOrRemembered)
         draw(true);
         restore();
         screen.SColorMap = &global;
-        frame.ImageDesc.ColorMap = map; // the frame's own count, though the picture's are there
+        frame.ImageDesc.ColorMap = map; // the frame's own map counts, although a global one exists
         draw(true);
         restore();
         frame.ImageDesc.ColorMap = nullptr;
@@ -194,7 +194,7 @@ TEST_F(GifCanvas, WithoutColoursNothingIsDrawnOrRemembered)
     EXPECT_FALSE(gif_last_transparency);
 }
 
-TEST_F(GifCanvas, IndexPastTheColoursIsTheFirstColour)
+TEST_F(GifCanvas, IndexBeyondTheColoursIsTheFirstColour)
 {
     set_frame(0, 0, 4, 1, {2, 3, 255, 1});
     draw();
@@ -205,7 +205,7 @@ TEST_F(GifCanvas, IndexPastTheColoursIsTheFirstColour)
 
 const unsigned char transparent_color_at_first = gif_last_transparent_color;
 
-TEST_F(GifCanvas, TransparentIndexAtFirstIsTheLastOne)
+TEST_F(GifCanvas, InitialTransparentIndexIs255)
 {
     EXPECT_EQ(transparent_color_at_first, 255);
 }
@@ -219,10 +219,10 @@ TEST_F(GifCanvas, OwnTransparentIndexShowsTheCanvas)
     EXPECT_TRUE(gif_last_transparency);
     EXPECT_EQ(gif_last_transparent_color, 2);
     reset_gif_canvas();
-    EXPECT_EQ(gif_last_transparent_color, 255); // as at first
+    EXPECT_EQ(gif_last_transparent_color, 255); // the initial value
 }
 
-TEST_F(GifCanvas, TransparentIndexPastTheColoursIsTransparentToo)
+TEST_F(GifCanvas, TransparentIndexBeyondTheColoursIsTransparentToo)
 {
     set_blocks({{1, 0, 0, 200}});
     set_frame(0, 0, 4, 1, {0, 200, 201, 1});
@@ -230,7 +230,7 @@ TEST_F(GifCanvas, TransparentIndexPastTheColoursIsTransparentToo)
     EXPECT_THAT(screen_row(0), ElementsAre(red, untouched, red, green));
 }
 
-TEST_F(GifCanvas, IndexOfAnEarlierFrameIsCleared)
+TEST_F(GifCanvas, TransparentIndexOfAnEarlierFrameIsCleared)
 {
     set_blocks({{1, 0, 0, 1}});
     draw();
@@ -241,7 +241,7 @@ TEST_F(GifCanvas, IndexOfAnEarlierFrameIsCleared)
     EXPECT_TRUE(gif_last_transparency);
 }
 
-TEST_F(GifCanvas, EarlierIndexPastTheColoursIsClearedToo)
+TEST_F(GifCanvas, EarlierIndexBeyondTheColoursIsClearedToo)
 {
     gif_last_transparency = true;
     gif_last_transparent_color = 200;
@@ -261,7 +261,7 @@ TEST_F(GifCanvas, OwnTransparentIndexReplacesTheEarlierOne)
     EXPECT_EQ(gif_last_transparent_color, 1);
 }
 
-TEST_F(GifCanvas, EarlierIndexDoesNotKeepTheScreenFromItsBackground)
+TEST_F(GifCanvas, EarlierIndexDoesNotAffectTheBackgroundOfTheScreen)
 {
     gif_last_transparency = true;
     draw(true);
@@ -276,7 +276,7 @@ TEST_F(GifCanvas, LastTransparentBlockCounts)
     EXPECT_THAT(screen_row(0), ElementsAre(red, untouched, blue, red));
 }
 
-TEST_F(GifCanvas, OtherBlocksDeclareNothing)
+TEST_F(GifCanvas, OtherBlocksAreIgnored)
 {
     set_frame(0, 0, 4, 1, {0, 1, 2, 0});
     set_blocks({{1, 0, 0}, {}, {0xFE, 0, 0, 0}});
@@ -289,7 +289,7 @@ TEST_F(GifCanvas, OtherBlocksDeclareNothing)
 
 // --- clipping -----------------------------------------------------------------------------------
 
-TEST_F(GifCanvas, FramesAreCutAtTheScreensEdge)
+TEST_F(GifCanvas, FramesAreClippedToTheScreen)
 {
     set_frame(3, 2, 2, 2, {0, 1, 2, 2});
     draw();
@@ -298,7 +298,7 @@ TEST_F(GifCanvas, FramesAreCutAtTheScreensEdge)
     EXPECT_THAT(row(1), Each(untouched));
 }
 
-TEST_F(GifCanvas, FramesThatBeginOutsideDrawNothing)
+TEST_F(GifCanvas, FramesThatStartOutsideDrawNothing)
 {
     const std::vector<unsigned char> pixels(4, 1);
     for (const auto& [left, top] : {std::pair{4, 0}, {0, 3}, {-1, 0}, {0, -1}, {65535, 65535}}) {
@@ -329,7 +329,7 @@ TEST_F(GifCanvas, LastPixelOfTheLargestScreen)
     void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (memory == MAP_FAILED) {
-        GTEST_SKIP() << "no address space for it";
+        GTEST_SKIP() << "not enough address space";
     }
     screen.SWidth = screen.SHeight = 65535;
     set_frame(65534, 65534, 65535, 2, std::vector<unsigned char>(size_t{65535} * 2, 1));
@@ -344,7 +344,7 @@ TEST_F(GifCanvas, LastPixelOfTheLargestScreen)
     munmap(memory, size);
 }
 
-// --- back to the background ---------------------------------------------------------------------
+// --- restoring the background -------------------------------------------------------------------
 
 TEST_F(GifCanvas, RectangleGetsTheBackgroundColour)
 {
@@ -356,14 +356,14 @@ TEST_F(GifCanvas, RectangleGetsTheBackgroundColour)
     EXPECT_EQ(pixel(4, 1), untouched);
 }
 
-TEST_F(GifCanvas, BackgroundPastTheColoursIsTheFirst)
+TEST_F(GifCanvas, BackgroundIndexBeyondTheColoursIsTheFirstColour)
 {
     screen.SBackGroundColor = 3;
     restore();
     EXPECT_EQ(pixel(1, 1), red);
     frame.ImageDesc.ColorMap = &local;
     restore();
-    EXPECT_EQ(pixel(1, 1), red); // the fourth of its own
+    EXPECT_EQ(pixel(1, 1), red); // the fourth colour of its own map
     screen.SBackGroundColor = 4;
     restore();
     EXPECT_EQ(pixel(1, 1), green);
@@ -412,7 +412,7 @@ TEST(GifInterlacing, FourPassesOverEveryHeight)
     }
 }
 
-TEST(GifInterlacing, RowsPastTheEndAreTheFirst)
+TEST(GifInterlacing, RowsBeyondTheHeightAreTheFirst)
 {
     for (unsigned height = 0; height <= 20; ++height) {
         for (unsigned more = 0; more < 20; ++more) {
@@ -421,7 +421,7 @@ TEST(GifInterlacing, RowsPastTheEndAreTheFirst)
     }
 }
 
-TEST_F(GifCanvas, InterlacedRowsOutsideTheScreenAreLeftOut)
+TEST_F(GifCanvas, InterlacedRowsOutsideTheScreenAreSkipped)
 {
     frame.ImageDesc.Interlace = true;
     set_frame(0, 1, 1, 9, {0, 2, 2, 2, 2, 1, 2, 2, 2}); // rows 0, 8, 4, 2, 6, 1, 3, 5, 7
@@ -431,7 +431,7 @@ TEST_F(GifCanvas, InterlacedRowsOutsideTheScreenAreLeftOut)
     EXPECT_EQ(pixel(0, 2), green);
 }
 
-// --- both forms ---------------------------------------------------------------------------------
+// --- RGBA and YUVA canvases ---------------------------------------------------------------------
 
 TEST_F(GifCanvas, ConvertedPixelsAreTheSamePicture)
 {

@@ -1,4 +1,5 @@
-// The stored GIFs against the rules drawn out plainly: every frame, the whole frame buffer.
+// The stored GIFs against a plain version of the drawing rules: every frame, the whole frame
+// buffer.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -24,7 +25,7 @@ protected:
     }
 };
 
-TEST_F(GifCorpus, EveryPictureIsDrawnAsTold)
+TEST_F(GifCorpus, EveryPictureIsDrawnByTheRules)
 {
     size_t drawn = 0;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
@@ -32,22 +33,22 @@ TEST_F(GifCorpus, EveryPictureIsDrawnAsTold)
         if (name == "empty-screen.gif" || name == "no-frames.gif") {
             continue;
         }
-        expect_drawn_as_told(load(entry.path()), name);
+        expect_drawn_by_rules(load(entry.path()), name);
         ++drawn;
     }
     EXPECT_GE(drawn, 21U);
 }
 
-TEST_F(GifCorpus, StartTimesOfVaryingDelays)
+TEST_F(GifCorpus, StartTimesFollowVaryingDelays)
 {
-    expect_drawn_as_told(load(folder / "varying-delays.gif"));
+    expect_drawn_by_rules(load(folder / "varying-delays.gif"));
     EXPECT_EQ(image_mapping_points.size(), 4U);
     EXPECT_EQ(image_mapping_total, 360U);
 }
 
 TEST_F(GifCorpus, CarriedTransparentColourClearsPixels)
 {
-    expect_drawn_as_told(load(folder / "transparent-colour-carried-over.gif"));
+    expect_drawn_by_rules(load(folder / "transparent-colour-carried-over.gif"));
     size_t clear = 0;
     for (unsigned y = 0; y < 16; ++y) {
         for (unsigned x = 0; x < 24; ++x) {

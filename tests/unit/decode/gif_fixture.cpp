@@ -75,7 +75,7 @@ int gif_test::decode()
 {
     testing::internal::CaptureStderr();
     const int result = full_decode_gif();
-    told = testing::internal::GetCapturedStderr();
+    printed = testing::internal::GetCapturedStderr();
     return result;
 }
 
@@ -84,12 +84,12 @@ std::vector<unsigned char> gif_test::allocation()
     return {scripted::buffer(), scripted::buffer() + scripted::buffer_size()};
 }
 
-void gif_test::expect_drawn_as_told(const file_bytes& file, const std::string& name)
+void gif_test::expect_drawn_by_rules(const file_bytes& file, const std::string& name)
 {
     reset_for_gif();
     open(file);
     EXPECT_EQ(decode(), 0) << name;
-    EXPECT_EQ(told, "") << name;
+    EXPECT_EQ(printed, "") << name;
     EXPECT_TRUE(allocation() == draw_gif_literally(file)) << name;
     const gif_reference::animation what = gif_reference::read(file);
     EXPECT_EQ(image_mapping_points, gif_reference::timeline(what)) << name;

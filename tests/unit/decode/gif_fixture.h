@@ -1,4 +1,4 @@
-// A fresh process, as far as the GIF units can tell, and a GIF opened in it.
+// Fixture of the GIF tests: resets all state and opens a GIF.
 #pragma once
 
 #include <cstdint>
@@ -18,24 +18,25 @@ protected:
     void SetUp() override { reset_for_gif(); }
     void TearDown() override { reset_for_gif(); }
 
-    // Examines `file`, which must go well, lays the frame buffer out and provides it as zeros.
+    // Examines `file`, which must succeed, lays out the frame buffer and fills it with zeros.
     void open(const file_bytes& file);
 
-    int decode();                                   // what it prints goes to `told`
+    int decode();                                   // stores what it prints in `printed`
     static std::vector<unsigned char> allocation(); // the whole frame buffer
 
-    // Opens and decodes a file, without a word, and compares it with the rules drawn out plainly.
-    void expect_drawn_as_told(const file_bytes& file, const std::string& name = "");
+    // Opens and decodes a file, which must print nothing, and compares the result with the plain
+    // version of the rules.
+    void expect_drawn_by_rules(const file_bytes& file, const std::string& name = "");
 
-    std::string told;
+    std::string printed;
 };
 
-// The whole frame buffer of image_decoded_size bytes with the first `frames` units of `file` drawn by
-// the plain rules. Reads the layout of an examined picture.
+// The whole frame buffer of image_decoded_size bytes after the plain version of the rules has drawn
+// the first `frames` frames of `file`. Uses the layout of the examined picture.
 std::vector<unsigned char> draw_gif_literally(const std::vector<unsigned char>& file,
                                               size_t frames = SIZE_MAX);
 
-// A frame whose pixels are all `index`.
+// A frame with all pixels set to `index`.
 gif_frame_spec plain_frame(unsigned left, unsigned top, unsigned width, unsigned height,
                            unsigned char index);
 
@@ -44,5 +45,5 @@ struct shown_pixel {
     bool operator==(const shown_pixel&) const = default;
 };
 
-// A pixel of a frame in the frame buffer.
+// One pixel of a frame in the frame buffer.
 shown_pixel pixel_of(size_t frame, unsigned x, unsigned y);

@@ -1,4 +1,4 @@
-// Animations made by dice, whole, cut and interrupted.
+// Random animations: complete, truncated and interrupted.
 #include <malloc.h>
 #include <random>
 
@@ -73,18 +73,18 @@ file_bytes random_animation(unsigned seed)
     return write_gif(spec);
 }
 
-TEST_F(RandomGif, RandomAnimationsAreDrawnAsTold)
+TEST_F(RandomGif, RandomAnimationsAreDrawnByTheRules)
 {
     for (unsigned seed = 0; seed < 300; ++seed) {
-        expect_drawn_as_told(random_animation(seed), "seed " + std::to_string(seed));
+        expect_drawn_by_rules(random_animation(seed), "seed " + std::to_string(seed));
     }
 }
 
-TEST_F(RandomGif, MemorysContentMakesNoDifference)
+TEST_F(RandomGif, OldMemoryContentsMakeNoDifference)
 {
     for (unsigned seed = 0; seed < 20; ++seed) {
         file = random_animation(seed);
-        file.resize(file.size() - 20); // the last frame is cut
+        file.resize(file.size() - 20); // truncates the last frame
         file_bytes seen[2];
         for (const int perturb : {0x11, 0xEE}) {
             mallopt(M_PERTURB, perturb);
@@ -98,7 +98,7 @@ TEST_F(RandomGif, MemorysContentMakesNoDifference)
     }
 }
 
-TEST_F(RandomGif, EveryCutIsDrawnAsFarAsItIsRead)
+TEST_F(RandomGif, EveryTruncationIsDrawnUpToItsEnd)
 {
     const file_bytes whole = random_animation(4);
     size_t drawn = 0;
@@ -111,16 +111,16 @@ TEST_F(RandomGif, EveryCutIsDrawnAsFarAsItIsRead)
         testing::internal::GetCapturedStderr();
         EXPECT_EQ(examined == 0, !gif_reference::read(file).frames.empty()) << size;
         if (examined == 0) {
-            expect_drawn_as_told(file, "cut after " + std::to_string(size));
+            expect_drawn_by_rules(file, "cut after " + std::to_string(size));
             ++drawn;
         }
     }
     EXPECT_GT(drawn, whole.size() / 2);
 }
 
-TEST_F(RandomGif, SignalEndsItAtAnyMomentWithoutAWord)
+TEST_F(RandomGif, SignalEndsTheDecodeSilentlyAtAnyTime)
 {
-    file = random_animation(11); // several frames of more than 64 rows
+    file = random_animation(11); // several frames, each higher than 64 rows
     open(file);
     ASSERT_GT(image_height, 64);
     ASSERT_GT(image_decoded_frames, 1U);
@@ -132,7 +132,7 @@ TEST_F(RandomGif, SignalEndsItAtAnyMomentWithoutAWord)
         open(file);
         scripted::plan.die_after_idle = n;
         EXPECT_EQ(decode(), 0) << n;
-        EXPECT_EQ(told, "");
+        EXPECT_EQ(printed, "");
         EXPECT_LE(scripted::log.idle_rounds, static_cast<uint64_t>(n) + 1);
         const file_bytes seen = allocation();
         for (size_t i = 0; i < seen.size(); ++i) {

@@ -1,4 +1,4 @@
-// The decoder from the opened picture to the frame buffer.
+// The decoder, from the opened picture to the frame buffer.
 #include <csignal>
 #include <cstdlib>
 #include <new>
@@ -21,7 +21,8 @@
 using testing::Each;
 using testing::EndsWith;
 
-// The timeline's entries: the n-th throwing allocation of at least `timeline_entry` bytes fails.
+// Fails allocations of timeline entries: the n-th throwing allocation of at least `timeline_entry`
+// bytes.
 namespace {
 
 int failing_new = 0;
@@ -82,13 +83,13 @@ TEST_F(DecodeGif, SingleFrameLastsTen)
 {
     open_frames(1, 1, {plain_frame(0, 0, 1, 1, 1)});
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_EQ(image_mapping_points, (timeline{{0, 0}}));
     EXPECT_EQ(image_mapping_total, 10U);
     EXPECT_EQ(pixel_of(0, 0, 0), red);
 }
 
-TEST_F(DecodeGif, DelaysAreStartTimes)
+TEST_F(DecodeGif, DelaysAddUpToStartTimes)
 {
     const gif_frame_spec dot = plain_frame(0, 0, 1, 1, 1);
     open_frames(1, 1,
@@ -151,7 +152,7 @@ TEST_F(DecodeGif, TransparentIndexIsCarriedIntoFramesWithoutOne)
     EXPECT_EQ(pixel_of(2, 0, 0), green);
 }
 
-TEST_F(DecodeGif, DisposalsDecideWhatTheNextFrameStartsFrom)
+TEST_F(DecodeGif, DisposalChoosesWhatTheNextFrameStartsFrom)
 {
     struct {
         unsigned disposal;
@@ -174,7 +175,7 @@ TEST_F(DecodeGif, DisposalsDecideWhatTheNextFrameStartsFrom)
     }
 }
 
-TEST_F(DecodeGif, FirstFrameIsTakenBackToNothing)
+TEST_F(DecodeGif, FirstFrameIsRestoredToAClearedCanvas)
 {
     gif_spec spec = screen_of(
         2, 1,
@@ -182,7 +183,7 @@ TEST_F(DecodeGif, FirstFrameIsTakenBackToNothing)
     open(write_gif(spec));
     EXPECT_EQ(decode(), 0);
     EXPECT_EQ(pixel_of(0, 0, 0), red);
-    EXPECT_EQ(pixel_of(1, 0, 0), cleared); // as before the screen got its background
+    EXPECT_EQ(pixel_of(1, 0, 0), cleared); // the canvas before the background was drawn
     EXPECT_EQ(pixel_of(1, 1, 0), green);
 }
 
@@ -206,22 +207,22 @@ TEST_F(DecodeGif, FrameWithoutARasterKeepsItsUnitAndTime)
     EXPECT_EQ(image_mapping_points, (timeline{{0, 0}, {10, 1}}));
 }
 
-TEST_F(DecodeGif, FrameOfUnknownCodesIsNoFrame)
+TEST_F(DecodeGif, FrameWithInvalidCodesIsNotCounted)
 {
     file = write_gif(screen_of(1, 1, {plain_frame(0, 0, 1, 1, 1)}));
     file_bytes second = file;
-    second.erase(second.begin(), second.begin() + 13 + 12); // without screen and palette
-    second[10] = 9;                                         // bits of an index
+    second.erase(second.begin(), second.begin() + 13 + 12); // without the screen and the palette
+    second[10] = 9;                                         // code size
     file.insert(file.end() - 1, second.begin(), second.end());
-    expect_drawn_as_told(file);
+    expect_drawn_by_rules(file);
     EXPECT_EQ(image_decoded_frames, 1U);
 }
 
-TEST_F(DecodeGif, LargestScreensAreCutAtTheirEdge)
+TEST_F(DecodeGif, LargestScreensAreClippedAtTheirEdge)
 {
     for (const auto& [width, height] : {std::pair{65535U, 1U}, {1U, 65535U}}) {
         gif_frame_spec beyond = plain_frame(width - 1, height - 1, 65535, 2, 2);
-        expect_drawn_as_told(
+        expect_drawn_by_rules(
             write_gif(screen_of(width, height, {plain_frame(0, 0, 1, 1, 1), beyond})));
         EXPECT_EQ(pixel_of(1, width - 1, height - 1), green);
     }
@@ -229,13 +230,13 @@ TEST_F(DecodeGif, LargestScreensAreCutAtTheirEdge)
 
 TEST_F(DecodeGif, FirstFrameHigherThanTheScreen)
 {
-    expect_drawn_as_told(
+    expect_drawn_by_rules(
         write_gif(screen_of(8, 8,
                             {with_control(plain_frame(0, 0, 8, 60000, 1), {.transparent = 1}),
                              plain_frame(0, 0, 3, 60000, 2)})));
 }
 
-TEST_F(DecodeGif, InterlacedFrameLooksLikeItsPlainTwin)
+TEST_F(DecodeGif, InterlacedFrameEqualsItsPlainCounterpart)
 {
     for (unsigned height = 1; height <= 16; ++height) {
         gif_frame_spec plain = {.width = 3, .height = height};
@@ -246,18 +247,18 @@ TEST_F(DecodeGif, InterlacedFrameLooksLikeItsPlainTwin)
             interlaced.indices.insert(interlaced.indices.end(), 3,
                                       static_cast<unsigned char>(there % 4));
         }
-        expect_drawn_as_told(write_gif(screen_of(3, height, {plain})));
+        expect_drawn_by_rules(write_gif(screen_of(3, height, {plain})));
         const file_bytes twin = allocation();
-        expect_drawn_as_told(write_gif(screen_of(3, height, {interlaced})));
+        expect_drawn_by_rules(write_gif(screen_of(3, height, {interlaced})));
         EXPECT_EQ(allocation(), twin) << height;
     }
 }
 
-TEST_F(DecodeGif, WithoutAnyColoursEverythingIsCleared)
+TEST_F(DecodeGif, WithoutColoursEverythingIsCleared)
 {
     gif_spec spec = screen_of(2, 2, {plain_frame(0, 0, 2, 2, 1)});
     spec.palette.clear();
-    expect_drawn_as_told(write_gif(spec));
+    expect_drawn_by_rules(write_gif(spec));
     EXPECT_EQ(pixel_of(0, 1, 1), cleared);
     EXPECT_EQ(image_mapping_total, 10U);
 }
@@ -287,17 +288,17 @@ protected:
     }
 };
 
-TEST_F(FailingGif, NoMemoryForTheCanvas)
+TEST_F(FailingGif, CanvasAllocationFails)
 {
     failing_calls::plan.calloc = 1;
     EXPECT_EQ(decode(), -1);
-    EXPECT_EQ(told, "Unable to allocate RGBA frame\n");
+    EXPECT_EQ(printed, "Unable to allocate RGBA frame\n");
     EXPECT_EQ(gif_image, nullptr);
     EXPECT_TRUE(image_mapping_points.empty());
     EXPECT_THAT(allocation(), Each(0));
 }
 
-TEST_F(FailingGif, CanvasIsAsLargeAsThePlanesWithRoomToSpare)
+TEST_F(FailingGif, CanvasIsAsLargeAsThePlanesWithSpareBytes)
 {
     constexpr size_t canvas = size_t{20} * 32 * 4 + 256;
     failing_calls::plan.largest_calloc = canvas;
@@ -308,18 +309,18 @@ TEST_F(FailingGif, CanvasIsAsLargeAsThePlanesWithRoomToSpare)
     EXPECT_EQ(decode(), -1);
 }
 
-TEST_F(FailingGif, NoMemoryForTheSavedCanvas)
+TEST_F(FailingGif, SavedCanvasAllocationFails)
 {
     failing_calls::plan.calloc = 2;
     EXPECT_EQ(decode(), -1);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     expect_frames(1);
     EXPECT_EQ(image_mapping_points, (timeline{{0, 0}, {10, 1}}));
     EXPECT_EQ(image_mapping_total, 30U);
     EXPECT_NE(gif_image, nullptr);
 }
 
-TEST_F(FailingGif, NoMemoryForTheTimeline)
+TEST_F(FailingGif, TimelineAllocationFails)
 {
     failing_new = 3;
     EXPECT_EQ(full_decode_gif(), -1);
@@ -328,7 +329,7 @@ TEST_F(FailingGif, NoMemoryForTheTimeline)
     expect_frames(2);
 }
 
-TEST_F(FailingGif, EachPlaneOfEachFrameMayFailToBeMapped)
+TEST_F(FailingGif, EachPlaneOfEachFrameMayFailToMap)
 {
     const char* const messages[] = {
         "Failed to memory-map Y plane\n", "Failed to memory-map U plane\n",
@@ -340,15 +341,15 @@ TEST_F(FailingGif, EachPlaneOfEachFrameMayFailToBeMapped)
             const uint64_t row = *frame_planes[plane].offset + image_stride_Y * 19;
             scripted::plan.unmappable = {frame * image_decoded_unit_size + row, 1};
             EXPECT_EQ(decode(), -1);
-            EXPECT_EQ(told, messages[plane]);
+            EXPECT_EQ(printed, messages[plane]);
             expect_frames(frame);
             EXPECT_EQ(image_mapping_points.size(), frame + 1);
-            EXPECT_EQ(image_mapping_total, 30U); // known since the examination
+            EXPECT_EQ(image_mapping_total, 30U); // set by the examination
         }
     }
 }
 
-TEST_F(FailingGif, MappingMayFailAtAnyRequest)
+TEST_F(FailingGif, AnyMappingMayFail)
 {
     EXPECT_EQ(decode(), 0);
     const auto requests = static_cast<int>(scripted::log.mappings);
@@ -357,7 +358,7 @@ TEST_F(FailingGif, MappingMayFailAtAnyRequest)
         open(file);
         scripted::plan.fail_mapping = n;
         EXPECT_EQ(decode(), -1) << n;
-        EXPECT_THAT(told, EndsWith(" plane\n"));
+        EXPECT_THAT(printed, EndsWith(" plane\n"));
     }
 }
 
@@ -410,7 +411,7 @@ TEST_F(DecodeGif, SocketIsServedForEveryFrameAndSixtyFourRows)
     reset_for_gif();
     open_frames(1, 300, {plain_frame(0, 0, 1, 300, 1)});
     EXPECT_EQ(decode(), 0);
-    // Clearing, background, drawing and converting are four rounds each.
+    // Clearing, background, drawing and converting take four rounds each.
     EXPECT_EQ(scripted::log.idle_rounds, 1U + 4 * 4);
 }
 

@@ -1,5 +1,4 @@
-// Real files, and a small file with every possible cut and a change of every byte: what they end
-// in.
+// The outcome of real files, and of small files truncated at every byte or with any byte changed.
 #include <csignal>
 #include <fstream>
 #include <iterator>
@@ -41,7 +40,7 @@ protected:
     }
 };
 
-TEST_F(JpegCorpus, PicturesOfOneAndThreeComponentsAreDrawnAsTold)
+TEST_F(JpegCorpus, PicturesOfOneAndThreeComponentsAreDrawnByTheRules)
 {
     const std::vector<std::string> names = {"arithmetic-420.jpg",
                                             "grey-factors-2x2.jpg",
@@ -70,7 +69,7 @@ TEST_F(JpegCorpus, PicturesOfOneAndThreeComponentsAreDrawnAsTold)
     }
 }
 
-TEST_F(JpegCorpus, CutFilesAreDrawnAfterAWarningOfTheLibrary)
+TEST_F(JpegCorpus, TruncatedFilesAreDrawnAfterAWarningOfTheLibrary)
 {
     for (const char* name : {"peacock-420-cut.jpg", "peacock-progressive-cut.jpg"}) {
         reset_for_jpeg();
@@ -80,7 +79,7 @@ TEST_F(JpegCorpus, CutFilesAreDrawnAfterAWarningOfTheLibrary)
     }
 }
 
-TEST_F(JpegCorpus, RefusedPicturesSayWhy)
+TEST_F(JpegCorpus, RefusedPicturesAreReportedWithTheReason)
 {
     const std::vector<std::pair<std::string, std::string>> refused = {
         {"all-factors-2x2.jpg", "Unsupported chroma subsampling scheme\n"},
@@ -99,7 +98,7 @@ TEST_F(JpegCorpus, RefusedPicturesSayWhy)
     }
 }
 
-TEST_F(JpegCorpus, FourComponentsAreToldApart)
+TEST_F(JpegCorpus, CmykAndYcckAreDistinguished)
 {
     const std::vector<std::pair<std::string, std::string>> accepted = {
         {"cmyk-32x32.jpg", "JPEGLIB: Hoo boy... CYMK.\n"},
@@ -139,10 +138,10 @@ TEST_F(JpegCorpus, SecondFrameHeaderEndsTheProcess)
                          "Unexpected longjmp from JPEGLIB error handler\n"));
 }
 
-// --- every cut, every byte ----------------------------------------------------------------------
+// --- every truncation, every byte ---------------------------------------------------------------
 
-// From examination to clean-up. Ends early in an abort where a file may cause one.
-void go_the_whole_road()
+// From examination to decode. Aborts with a message where a file may cause one.
+void examine_and_decode()
 {
     if (examine_jpeg_file() != 0) {
         EXPECT_EQ(jpeg_decompress, nullptr);
@@ -155,9 +154,9 @@ void go_the_whole_road()
 
 class JpegDamage : public jpeg_test {
 protected:
-    // The file is refused, or drawn, or ends in an abort that is told: any other end is one of the
-    // whole test program.
-    void expect_a_told_ending(const file_bytes& file)
+    // The file is refused or drawn, or the process aborts with an expected message. Any other
+    // outcome ends the whole test program.
+    void expect_known_ending(const file_bytes& file)
     {
         static constexpr const char* wanted[] = {
             "Unexpected longjmp from JPEGLIB error handler\n",
@@ -165,24 +164,24 @@ protected:
         };
         reset_for_jpeg();
         scripted::set_picture(file);
-        ++endings[aborts_as_wanted(go_the_whole_road, wanted) ? ABORTED
-                  : jpeg_decompress == nullptr                ? REFUSED
-                                                              : DRAWN];
+        ++endings[aborts_as_wanted(examine_and_decode, wanted) ? ABORTED
+                  : jpeg_decompress == nullptr                 ? REFUSED
+                                                               : DRAWN];
         free_all_jpeg_fileio();
         free_all_jpeg_fileio();
         EXPECT_EQ(jpeg_fp, nullptr);
     }
 
-    void expect_told_endings(const file_bytes& file)
+    void expect_known_endings(const file_bytes& file)
     {
         for (size_t size = 0; size < file.size(); ++size) {
-            expect_a_told_ending(first_bytes(file, size));
+            expect_known_ending(first_bytes(file, size));
         }
         for (size_t at = 0; at < file.size(); ++at) {
             for (const unsigned char flip : file_bytes{0x01, 0x10, 0x80, 0xFF}) {
                 file_bytes changed = file;
                 changed[at] ^= flip;
-                expect_a_told_ending(changed);
+                expect_known_ending(changed);
             }
         }
         EXPECT_GT(endings[REFUSED], 0);
@@ -197,7 +196,7 @@ TEST_F(JpegDamage, ColourFile)
 {
     picture what = ycbcr(17, 17, {2, 2});
     what.quality = 50;
-    expect_told_endings(write(what));
+    expect_known_endings(write(what));
     EXPECT_GT(endings[ABORTED], 0);
 }
 
@@ -206,7 +205,7 @@ TEST_F(JpegDamage, ProgressiveFile)
     picture what = ycbcr(17, 9, {1, 2});
     what.progressive = true;
     what.quality = 30;
-    expect_told_endings(write(what));
+    expect_known_endings(write(what));
 }
 
 TEST_F(JpegDamage, GreyFile)
@@ -214,7 +213,7 @@ TEST_F(JpegDamage, GreyFile)
     picture what = grey(9, 17);
     what.arithmetic = true;
     what.quality = 30;
-    expect_told_endings(write(what));
+    expect_known_endings(write(what));
     EXPECT_GT(endings[ABORTED], 0);
 }
 

@@ -23,7 +23,7 @@ using testing::KilledBySignal;
 
 namespace {
 
-constexpr unsigned char sentinel = 0xA5; // what the buffer holds before a decoder runs
+constexpr unsigned char sentinel = 0xA5; // the contents of the buffer before a decoder runs
 
 class JpegRaw : public jpeg_test {
 protected:
@@ -42,8 +42,8 @@ protected:
         return scripted::buffer()[image_offset_V + y * image_stride_V + x];
     }
 
-    // Something that happens in the n-th pump.
-    void in_pump(uint64_t n, const std::function<void()>& event)
+    // Calls `event` in the n-th idle round.
+    void in_idle_round(uint64_t n, const std::function<void()>& event)
     {
         scripted::plan.on_idle = [n, event] {
             if (scripted::log.idle_rounds == n) {
@@ -52,7 +52,7 @@ protected:
         };
     }
 
-    // The allocation holds what drawing `groups` row groups by the rules gives.
+    // Expects the frame buffer that results when the rules draw only `groups` row groups.
     void expect_stopped_after(const file_bytes& file, size_t groups, bool one_more = false)
     {
         EXPECT_EQ(allocation(), draw_literally(file, {groups, one_more, sentinel}));
@@ -88,12 +88,12 @@ TEST_F(JpegRaw, FullRangeBecomesVideoRange)
     }
 }
 
-TEST_F(JpegRaw, GreyBecomesVideoRangeAndLeavesNothingElse)
+TEST_F(JpegRaw, GreyBecomesVideoRangeWithoutOtherPlanes)
 {
     open(write(flat(grey(8, 8), {255})), sentinel);
     ASSERT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
     EXPECT_EQ(luma(0, 0), 235);
-    EXPECT_EQ(luma(8, 0), 29); // stride padding: black, rescaled once more
+    EXPECT_EQ(luma(8, 0), 29); // padding of the stride: black that is rescaled a second time
     EXPECT_EQ(luma(0, 8), 16); // rows below the last group
     EXPECT_EQ(luma(15, 31), 16);
     EXPECT_EQ(scripted::buffer()[16 * 32], sentinel);
@@ -144,12 +144,12 @@ TEST_F(JpegRaw, OneRowIsOneGroupAndFinished)
     open(write(ycbcr(1, 1, {2, 2})));
     ASSERT_EQ(decode(full_decode_jpeg_raw_yuv), 0);
     EXPECT_EQ(scripted::log.idle_rounds, 1U);
-    EXPECT_EQ(jpeg_decompress->global_state, 200); // finished: the library is idle again
+    EXPECT_EQ(jpeg_decompress->global_state, 200); // finished, so the library is idle again
 }
 
-TEST_F(JpegRaw, BandsReachFromTheRowToTheirHeight)
+TEST_F(JpegRaw, BandsHaveTheirFullHeight)
 {
-    // The band of colour is 32 rows, that of grey 64: what is not mapped is not asked for.
+    // A band is 32 rows of colour or 64 rows of grey. No row beyond it is mapped.
     open(write(ycbcr(16, 96, {1, 1})));
     scripted::plan.unmappable = {image_offset_Y + 32 * image_stride_Y, 1};
     decode(full_decode_jpeg_raw_yuv);
@@ -164,7 +164,7 @@ TEST_F(JpegRaw, BandsReachFromTheRowToTheirHeight)
     EXPECT_EQ(scripted::log.idle_rounds, 2U);
 }
 
-// --- ends before the end ------------------------------------------------------------------------
+// --- decodes that end early ---------------------------------------------------------------------
 
 TEST_F(JpegRaw, PictureThatCannotBeStartedIsAFailure)
 {
@@ -193,7 +193,7 @@ TEST_F(JpegRaw, SignalBeforeTheFirstGroupDrawsNothing)
     EXPECT_EQ(scripted::log.status, (std::vector<status_line>{{100, ""}}));
 }
 
-TEST_F(JpegRaw, SignalInThePumpStopsColourBeforeTheNextGroup)
+TEST_F(JpegRaw, SignalInAnIdleRoundStopsColourBeforeTheNextGroup)
 {
     const file_bytes file = write(ycbcr(40, 80, {2, 1}));
     open(file, sentinel);
@@ -203,7 +203,7 @@ TEST_F(JpegRaw, SignalInThePumpStopsColourBeforeTheNextGroup)
     expect_stopped_after(file, 2);
 }
 
-TEST_F(JpegRaw, SignalInThePumpLetsGreyDrawOneMoreGroup)
+TEST_F(JpegRaw, SignalInAnIdleRoundLetsGreyDrawOneMoreGroup)
 {
     const file_bytes file = write(grey(40, 200));
     open(file, sentinel);
@@ -213,21 +213,21 @@ TEST_F(JpegRaw, SignalInThePumpLetsGreyDrawOneMoreGroup)
     expect_stopped_after(file, 3);
 }
 
-TEST_F(JpegRaw, RowCounterThatDisagreesStopsTheLoop)
+TEST_F(JpegRaw, RowCounterMismatchStopsTheLoop)
 {
     const file_bytes file = write(ycbcr(40, 80, {2, 1}));
     open(file, sentinel);
-    in_pump(3, [] { jpeg_decompress->output_scanline = 5; });
+    in_idle_round(3, [] { jpeg_decompress->output_scanline = 5; });
     EXPECT_EQ(decode(full_decode_jpeg_raw_yuv), 0);
     EXPECT_EQ(told, "JPEGLIB scan line counter mismatch 16 != 5\n");
     EXPECT_EQ(jpeg_decompress->global_state, 200); // aborted
     expect_stopped_after(file, 2);
 }
 
-TEST_F(JpegRaw, RowCounterIsCheckedBeforeTheSecondLookForASignal)
+TEST_F(JpegRaw, RowCounterIsCheckedBeforeTheSecondSignalCheck)
 {
     open(write(ycbcr(40, 80, {2, 1})));
-    in_pump(3, [] {
+    in_idle_round(3, [] {
         jpeg_decompress->output_scanline = 5;
         DIE4 = 1;
     });
@@ -235,17 +235,17 @@ TEST_F(JpegRaw, RowCounterIsCheckedBeforeTheSecondLookForASignal)
     EXPECT_EQ(told, "JPEGLIB scan line counter mismatch 16 != 5\n");
 }
 
-TEST_F(JpegRaw, GreyRowCounterThatDisagreesStopsTheLoop)
+TEST_F(JpegRaw, GreyRowCounterMismatchStopsTheLoop)
 {
     const file_bytes file = write(grey(40, 200));
     open(file, sentinel);
-    in_pump(2, [] { jpeg_decompress->output_scanline = 0; });
+    in_idle_round(2, [] { jpeg_decompress->output_scanline = 0; });
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
     EXPECT_EQ(told, "JPEGLIB scan line counter mismatch 8 != 0\n");
     expect_stopped_after(file, 1);
 }
 
-TEST_F(JpegRaw, EachPlaneThatCannotBeMappedStopsTheLoop)
+TEST_F(JpegRaw, UnmappablePlaneStopsTheLoop)
 {
     const file_bytes file = write(ycbcr(40, 80, {2, 2}));
     const std::string lines[] = {"Failed to memory-map Y plane\n", "Failed to memory-map U plane\n",
@@ -262,7 +262,7 @@ TEST_F(JpegRaw, EachPlaneThatCannotBeMappedStopsTheLoop)
     }
 }
 
-TEST_F(JpegRaw, GreyPlaneThatCannotBeMappedStopsTheLoop)
+TEST_F(JpegRaw, UnmappableGreyPlaneStopsTheLoop)
 {
     const file_bytes file = write(grey(40, 200));
     for (int group = 0; group < 10; ++group) {
@@ -286,14 +286,14 @@ void starve_the_library()
     jpeg_decompress->src->fill_input_buffer = no_more_input;
 }
 
-TEST_F(JpegRaw, LibraryWithoutRowsStopsTheLoopInABlackBand)
+TEST_F(JpegRaw, LibraryThatReturnsNoRowsStopsTheLoopInABlackBand)
 {
-    // A file larger than the library's input buffer in one row group: nothing of the group is
+    // The file exceeds the library's input buffer within one row group, so nothing of the group is
     // decoded ahead.
     picture what = ycbcr(16, 80, {2, 2});
     const file_bytes file = write(what);
     open(file, sentinel);
-    in_pump(3, starve_the_library);
+    in_idle_round(3, starve_the_library);
     EXPECT_EQ(decode(full_decode_jpeg_raw_yuv), 0);
     EXPECT_EQ(told, "JPEG decode error. Aborting.\n");
     EXPECT_EQ(jpeg_decompress->global_state, 200); // aborted
@@ -364,13 +364,13 @@ TEST_F(JpegRaw, FatalErrorBetweenRowsEndsTheProcess)
     open(write(ycbcr(16, 80, {2, 2})));
     EXPECT_EXIT(
         {
-            in_pump(2, [] { jpeg_decompress->global_state = 0; });
+            in_idle_round(2, [] { jpeg_decompress->global_state = 0; });
             full_decode_jpeg_raw_yuv();
         },
         KilledBySignal(SIGABRT), EndsWith(trapped));
 }
 
-TEST_F(JpegRaw, GarbageBehindTheScanEndsTheProcess)
+TEST_F(JpegRaw, GarbageAfterTheScanEndsTheProcess)
 {
     const std::vector<std::pair<file_bytes, std::string>> garbage = {
         {{0xFF, 0xC4, 0, 5, 9, 9, 9}, "'Bogus marker length')\n"},

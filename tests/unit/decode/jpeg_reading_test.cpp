@@ -1,4 +1,4 @@
-// What happens in the middle of the library's reading: clients, signals, errors of the disk.
+// Events while the library reads: served clients, signals, disk errors.
 #include <cerrno>
 #include <functional>
 #include <string>
@@ -23,7 +23,7 @@ using testing::StartsWith;
 
 namespace {
 
-constexpr size_t buffer_size = 32768; // of one reading
+constexpr size_t buffer_size = 32768; // of one read
 constexpr unsigned char sentinel = 0xA5;
 constexpr unsigned char comment = 0xFE;
 constexpr unsigned char huffman_tables = 0xC4;
@@ -42,22 +42,22 @@ protected:
         jpeg_test::TearDown();
     }
 
-    // From now on counts the readings; calls `action` in the one of that number.
-    void in_reading(int number, const std::function<void()>& action)
+    // Counts reads from now on and calls `action` in read `number`.
+    void in_read(int number, const std::function<void()>& action)
     {
-        readings = 0;
+        reads = 0;
         failing_calls::plan.on_read = [this, number, action] {
-            if (++readings == number) {
+            if (++reads == number) {
                 action();
             }
         };
     }
 
-    // The same, and the decoder is too late to see the signal.
-    void signal_in_reading(int number)
+    // A signal in read `number`, at a time when the decoder will not check for it soon enough.
+    void signal_in_read(int number)
     {
         scripted::plan.clock_step_us = max_decoder_delay_us;
-        in_reading(number, [] { DIE4 = 1; });
+        in_read(number, [] { DIE4 = 1; });
     }
 
     static file_bytes segment(unsigned char marker, size_t size)
@@ -70,7 +70,7 @@ protected:
         return bytes;
     }
 
-    // The whole allocation after decoding `file`, which prints nothing.
+    // The whole frame buffer after decoding `file`, which must print nothing.
     std::vector<unsigned char> decoded(const file_bytes& file)
     {
         open(file, sentinel);
@@ -80,16 +80,16 @@ protected:
         return result;
     }
 
-    int readings = 0;
+    int reads = 0;
 };
 
-// Of several buffers.
+// A file larger than several buffers.
 file_bytes long_file()
 {
     return write(grey(600, 400));
 }
 
-TEST_F(JpegReading, ShortAndInterruptedReadingsAreGoneOver)
+TEST_F(JpegReading, ShortAndInterruptedReadsAreContinued)
 {
     const file_bytes file = long_file();
     ASSERT_GT(file.size(), 2 * buffer_size);
@@ -101,7 +101,7 @@ TEST_F(JpegReading, ShortAndInterruptedReadingsAreGoneOver)
     EXPECT_EQ(told, "");
 }
 
-TEST_F(JpegReading, ErrorOfTheDiskIsAFileThatEndsThere)
+TEST_F(JpegReading, DiskErrorEndsTheFile)
 {
     const file_bytes file = long_file();
     const std::vector<unsigned char> expected =
@@ -126,7 +126,7 @@ TEST_F(JpegReading, ErrorAtTheStartIsAnEmptyFile)
                                "Decode failed\n"));
 }
 
-TEST_F(JpegReading, ClientsAreServedByTheClock)
+TEST_F(JpegReading, ClientsAreServedAtFixedIntervals)
 {
     const file_bytes file = long_file();
     const std::vector<unsigned char> expected = decoded(file);
@@ -144,34 +144,34 @@ TEST_F(JpegReading, ClientsAreServedByTheClock)
     EXPECT_TRUE(allocation() == expected);
 }
 
-TEST_F(JpegReading, SignalEndsTheExaminationAtTheNextReading)
+TEST_F(JpegReading, SignalEndsTheExaminationAtTheNextRead)
 {
     file_bytes file = long_file();
     for (int i = 0; i < 20; ++i) {
         insert(file, 2, segment(comment, 60'000));
     }
-    in_reading(5, [] { DIE4 = 1; });
+    in_read(5, [] { DIE4 = 1; });
     EXPECT_EQ(examine(file), -1);
     EXPECT_EQ(told, "JPEG library panicked and attempted to exit. Decode failed\n");
-    EXPECT_EQ(readings, 5);
+    EXPECT_EQ(reads, 5);
     EXPECT_EQ(jpeg_decompress, nullptr);
 }
 
-TEST_F(JpegReading, SignalWithinTheRowsIsLeftToTheDecoder)
+TEST_F(JpegReading, SignalInsideTheRowsIsLeftToTheDecoder)
 {
     open(long_file(), sentinel);
-    in_reading(1, [] { DIE4 = 1; });
+    in_read(1, [] { DIE4 = 1; });
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
     EXPECT_EQ(told, "");
-    EXPECT_EQ(readings, 1);
+    EXPECT_EQ(reads, 1);
     EXPECT_FALSE(jpeg_stop_armed);
     EXPECT_EQ(scripted::log.status.back(), (scripted::status_line{100, ""}));
 }
 
-TEST_F(JpegReading, RowsThatDoNotComeAreLeftForASignal)
+TEST_F(JpegReading, ReadingForMissingRowsEndsOnASignal)
 {
     picture what = grey(64, 64);
-    what.restart_interval = 8; // a row of blocks
+    what.restart_interval = 8; // one row of blocks
     file_bytes file = write(what);
     size_t restart = file.size() - 1;
     while (file[restart] != 0xFF || file[restart + 1] != 0xD1) {
@@ -179,47 +179,47 @@ TEST_F(JpegReading, RowsThatDoNotComeAreLeftForASignal)
     }
     insert(file, restart, file_bytes(2'000'000, 0));
     open(file, sentinel);
-    signal_in_reading(3);
+    signal_in_read(3);
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
     EXPECT_EQ(told, "");
-    EXPECT_LE(readings, 5);
+    EXPECT_LE(reads, 5);
     EXPECT_FALSE(jpeg_stop_armed);
     const std::vector<unsigned char> planes = allocation();
-    EXPECT_EQ(planes[16 * image_stride_Y], 16); // the group that did not come
+    EXPECT_EQ(planes[16 * image_stride_Y], 16); // the group that was not decoded
     EXPECT_EQ(planes[63 * image_stride_Y + image_stride_Y - 1], 16);
     EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
 }
 
-TEST_F(JpegReading, WhatFollowsTheRowsIsLeftForASignal)
+TEST_F(JpegReading, ReadingAfterTheRowsEndsOnASignal)
 {
     const file_bytes sound = write(grey(64, 64));
     const std::vector<unsigned char> expected = decoded(sound);
     file_bytes file = sound;
     insert_before_end(file, file_bytes(2'000'000, 0));
     open(file, sentinel);
-    signal_in_reading(3);
+    signal_in_read(3);
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
-    EXPECT_LE(readings, 5);
+    EXPECT_LE(reads, 5);
     EXPECT_TRUE(allocation() == expected);
     EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
 }
 
-// Where a file that ends would be a fatal error.
-TEST_F(JpegReading, StopWithinATableIsNoFatalError)
+// At this place the end of a file would be a fatal error.
+TEST_F(JpegReading, StopInsideATableIsNoFatalError)
 {
     file_bytes file = write(grey(64, 64));
     for (int i = 0; i < 20; ++i) {
         insert_before_end(file, segment(huffman_tables, size_t{17} * 3500));
     }
     open(file, sentinel);
-    signal_in_reading(4);
+    signal_in_read(4);
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
     EXPECT_EQ(told, "");
-    EXPECT_LE(readings, 6);
+    EXPECT_LE(reads, 6);
     EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
 }
 
-TEST_F(JpegReading, LibraryThatNobodyCanLeaveReadsOn)
+TEST_F(JpegReading, LeavingTheLibraryReturnsWhenNothingIsArmed)
 {
     jpeg_error_armed = jpeg_stop_armed = false;
     leave_jpeg_library(); // returns

@@ -1,5 +1,5 @@
-// The shortcuts of the row loop against the rules in their plain form: the whole allocation, byte
-// for byte, for every block size and sampling, and with the buffer holding something else before.
+// The optimised row loop against a plain version of the rules: the whole frame buffer, byte for
+// byte, for every block size and sampling, with different previous contents of the buffer.
 #include <algorithm>
 #include <csignal>
 #include <cstddef>
@@ -44,31 +44,34 @@ protected:
                                         : full_decode_jpeg_raw_yuv();
     }
 
-    void expect_as_told(const file_bytes& file, const std::string& name)
+    void expect_drawn_by_rules(const file_bytes& file, const std::string& name)
     {
         reset_for_jpeg();
         open(file, sentinel);
         EXPECT_EQ(decode(decode_any), 0) << name;
         EXPECT_TRUE(allocation() == draw_literally(file, {.before = sentinel})) << name;
-        // Again over fresh memory: nothing depends on what was there.
+        // Once more with other previous contents, which must make no difference.
         reset_for_jpeg();
         open(file);
         EXPECT_EQ(decode(decode_any), 0) << name;
         EXPECT_TRUE(allocation() == draw_literally(file)) << name;
     }
 
-    void expect_as_told(const picture& what) { expect_as_told(write(what), name_of(what)); }
+    void expect_drawn_by_rules(const picture& what)
+    {
+        expect_drawn_by_rules(write(what), name_of(what));
+    }
 };
 
 TEST_F(JpegRows, EverySmallWidthAndSampling)
 {
     for (const factors luma : luma_factors) {
         for (int width = 1; width <= 50; ++width) {
-            expect_as_told(ycbcr(width, 20, luma));
+            expect_drawn_by_rules(ycbcr(width, 20, luma));
         }
     }
     for (int width = 1; width <= 50; ++width) {
-        expect_as_told(grey(width, 20));
+        expect_drawn_by_rules(grey(width, 20));
     }
 }
 
@@ -76,37 +79,37 @@ TEST_F(JpegRows, EverySmallHeightAndSampling)
 {
     for (const factors luma : luma_factors) {
         for (int height = 1; height <= 100; ++height) {
-            expect_as_told(ycbcr(17, height, luma));
+            expect_drawn_by_rules(ycbcr(17, height, luma));
         }
     }
     for (int height = 1; height <= 140; ++height) {
-        expect_as_told(grey(17, height));
+        expect_drawn_by_rules(grey(17, height));
     }
 }
 
-TEST_F(JpegRows, EveryProcessOfTheLibrary)
+TEST_F(JpegRows, EveryCodingProcessOfTheLibrary)
 {
     picture what = ycbcr(71, 53, {2, 2});
     what.progressive = true;
-    expect_as_told(what);
+    expect_drawn_by_rules(what);
     what.arithmetic = true;
-    expect_as_told(what);
+    expect_drawn_by_rules(what);
     what.progressive = false;
-    expect_as_told(what);
+    expect_drawn_by_rules(what);
     what.arithmetic = false;
     what.restart_interval = 3;
-    expect_as_told(what);
+    expect_drawn_by_rules(what);
     what.separate_scans = true;
-    expect_as_told(what);
+    expect_drawn_by_rules(what);
 }
 
-TEST_F(JpegRows, GreyWithFactorsOfItsOwn)
+TEST_F(JpegRows, GreyWithItsOwnFactors)
 {
     for (const factors f : {factors{2, 2}, factors{1, 2}, factors{4, 1}, factors{3, 2}}) {
         for (const int height : {1, 8, 9, 24, 33, 70}) {
             picture what = grey(37, height);
             what.sampling = {f};
-            expect_as_told(what);
+            expect_drawn_by_rules(what);
         }
     }
 }
@@ -116,20 +119,20 @@ TEST_F(JpegRows, DamagedScanIsDrawnAsTheLibraryDeliversIt)
     const file_bytes file = write(ycbcr(71, 53, {2, 2}));
     const size_t scan = find_marker(file, 0xDA);
     for (size_t size = scan + 14; size < file.size(); size += 97) {
-        expect_as_told(first_bytes(file, size), "cut at " + std::to_string(size));
+        expect_drawn_by_rules(first_bytes(file, size), "cut at " + std::to_string(size));
     }
 }
 
 TEST_F(JpegRows, WidestPicture)
 {
-    expect_as_told(ycbcr(16384, 8, {2, 2}));
-    expect_as_told(grey(16384, 8));
-    expect_as_told(grey(8, 16384));
+    expect_drawn_by_rules(ycbcr(16384, 8, {2, 2}));
+    expect_drawn_by_rules(grey(16384, 8));
+    expect_drawn_by_rules(grey(8, 16384));
 }
 
 // --- block sizes other than 8 -------------------------------------------------------------------
 
-// True when every row group finds enough rows left below it in the buffer.
+// True when the buffer has enough rows left for every row group.
 bool groups_fit(const picture& what)
 {
     const int lines = what.sampling[0].v * what.block_size;
@@ -146,7 +149,7 @@ TEST_F(JpegRows, BlocksOfEverySizeStayInsideTheirPlane)
                 picture what = ycbcr(width, 16, luma);
                 what.block_size = block;
                 if (luma.v * block <= most_jpeg_group_rows && groups_fit(what)) {
-                    expect_as_told(what);
+                    expect_drawn_by_rules(what);
                 }
             }
         }
@@ -154,7 +157,7 @@ TEST_F(JpegRows, BlocksOfEverySizeStayInsideTheirPlane)
             picture what = grey(width, 50);
             what.block_size = block;
             if (groups_fit(what)) {
-                expect_as_told(what);
+                expect_drawn_by_rules(what);
             }
         }
     }
@@ -165,7 +168,7 @@ TEST_F(JpegRows, WideBlocksAtTheWidestPicture)
     for (const int block : {3, 7, 13, 15}) {
         picture what = grey(16384, block);
         what.block_size = block;
-        expect_as_told(what);
+        expect_drawn_by_rules(what);
     }
 }
 
@@ -200,7 +203,7 @@ TEST_F(JpegRows, LargeBlocksWithVerticalSubsamplingBreakAnInvariant)
     }
 }
 
-// Surplus rows are not drawn anywhere: behind the band's first 16 rows all stays as it was.
+// Surplus rows are not drawn: nothing changes below the band's first 16 rows.
 TEST_F(JpegRows, SurplusRowsAreNotDrawn)
 {
     file_bytes file = write(grey(50, 100));
@@ -210,7 +213,7 @@ TEST_F(JpegRows, SurplusRowsAreNotDrawn)
     ASSERT_TRUE(aborts_as_wanted([] { decode_any(); }, wanted));
     const std::vector<unsigned char> all = allocation();
     const auto first_surplus = all.begin() + static_cast<std::ptrdiff_t>(16 * image_stride_Y);
-    EXPECT_NE(all[15 * image_stride_Y], sentinel); // the row above is drawn
+    EXPECT_NE(all[15 * image_stride_Y], sentinel); // the row above them is drawn
     EXPECT_TRUE(
         std::all_of(first_surplus, all.end(), [](unsigned char byte) { return byte == sentinel; }));
 }
@@ -228,9 +231,9 @@ TEST_F(JpegRows, GroupLargerThanTheRowsLeftEndsTheProcess)
         "small'\\)\nUnexpected longjmp from JPEGLIB error handler\n$");
 }
 
-// --- black that stays ---------------------------------------------------------------------------
+// --- bands that stay black ----------------------------------------------------------------------
 
-TEST_F(JpegRows, StopAtEveryGroupLeavesTheBandBlackBelowIt)
+TEST_F(JpegRows, StopAtEachGroupLeavesTheBandBlackBelowIt)
 {
     for (const factors luma : luma_factors) {
         const file_bytes file = write(ycbcr(33, 100, luma));

@@ -22,7 +22,7 @@ using testing::HasSubstr;
 namespace {
 
 constexpr char gave_up[] = "jpeg_start_decompress() threw an error. giving up\n";
-constexpr int idle_state = 200; // the library's, as after its creation
+constexpr int idle_state = 200; // the library's state after its creation
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool address_sanitizer = true;
@@ -57,7 +57,7 @@ file_bytes progressive(int width, int height)
     return write(what);
 }
 
-TEST_F(JpegStart, StartedPictureIsReadyForRowsAndTrapped)
+TEST_F(JpegStart, StartedPictureIsReadyForRowsAndLaterErrorsAbort)
 {
     open(write(ycbcr(32, 32, {2, 2})));
     EXPECT_EQ(start(), 0);
@@ -67,7 +67,7 @@ TEST_F(JpegStart, StartedPictureIsReadyForRowsAndTrapped)
     EXPECT_FALSE(jpeg_error_armed);
 }
 
-TEST_F(JpegStart, FatalErrorIsReportedAndTheLibraryLeftIdle)
+TEST_F(JpegStart, FatalErrorIsReportedAndLeavesTheLibraryIdle)
 {
     file_bytes file = write(ycbcr(32, 32, {2, 2}));
     set_precision(file, 12);
@@ -78,7 +78,7 @@ TEST_F(JpegStart, FatalErrorIsReportedAndTheLibraryLeftIdle)
     expect_idle();
 }
 
-TEST_F(JpegStart, ProgressiveFileIsReadWithClientsServed)
+TEST_F(JpegStart, ClientsAreServedWhileAProgressiveFileIsRead)
 {
     open(progressive(64, 64));
     EXPECT_EQ(start(), 0);
@@ -94,7 +94,7 @@ TEST_F(JpegStart, SingleScanIsNotReadAhead)
     EXPECT_EQ(scripted::log.idle_rounds, 0U);
 }
 
-TEST_F(JpegStart, SignalDuringTheReadEndsItAsAFailure)
+TEST_F(JpegStart, SignalDuringTheReadIsAFailure)
 {
     open(progressive(64, 64));
     scripted::plan.die_after_idle = 5;
@@ -105,7 +105,7 @@ TEST_F(JpegStart, SignalDuringTheReadEndsItAsAFailure)
     expect_idle();
 }
 
-TEST_F(JpegStart, ScansBeyondTheCeilingEndTheReadAsAFailure)
+TEST_F(JpegStart, TooManyScansAreAFailure)
 {
     file_bytes file = progressive(8, 8);
     insert_before_end(file, empty_scans(1100));
@@ -117,7 +117,7 @@ TEST_F(JpegStart, ScansBeyondTheCeilingEndTheReadAsAFailure)
     expect_idle();
 }
 
-TEST_F(JpegStart, ScansUpToTheCeilingAreRead)
+TEST_F(JpegStart, ScansUpToTheLimitAreRead)
 {
     file_bytes file = progressive(8, 8);
     const int own_scans = [&file, this] {
@@ -133,7 +133,7 @@ TEST_F(JpegStart, ScansUpToTheCeilingAreRead)
     EXPECT_EQ(jpeg_decompress->input_scan_number, most_jpeg_scans);
 }
 
-// Of whole walks over the 262144 blocks of a large picture 129 are all that it has.
+// The budget of a large picture allows 129 full walks over its 262144 blocks.
 file_bytes made_large(file_bytes file, const file_bytes& scans)
 {
     set_size(file, 4096, 4096);
@@ -148,7 +148,7 @@ file_bytes large_picture(const file_bytes& scans)
     return made_large(write(what), scans);
 }
 
-// As empty_scans, of the last coefficient only.
+// Like empty_scans, but only of the last coefficient.
 file_bytes narrow_scans(size_t count)
 {
     file_bytes scans = empty_scans(count);
@@ -160,7 +160,7 @@ file_bytes narrow_scans(size_t count)
     return scans;
 }
 
-TEST_F(JpegStart, ScansThatALargePictureHasNoRoomForEndTheReadAsAFailure)
+TEST_F(JpegStart, MoreScansThanALargePictureMayHaveAreAFailure)
 {
     open(large_picture(empty_scans(130)));
     EXPECT_EQ(start(), -1);
@@ -169,7 +169,7 @@ TEST_F(JpegStart, ScansThatALargePictureHasNoRoomForEndTheReadAsAFailure)
     EXPECT_EQ(jpeg_decompress->progress, nullptr);
 }
 
-TEST_F(JpegStart, ScansThatALargePictureHasRoomForAreRead)
+TEST_F(JpegStart, ScansThatALargePictureMayHaveAreRead)
 {
     open(large_picture(empty_scans(120)));
     EXPECT_EQ(start(), 0);
@@ -184,7 +184,7 @@ TEST_F(JpegStart, LargePicturesMayHaveMoreScansOfFewCoefficients)
 TEST_F(JpegStart, LongFilesMayHaveMoreScans)
 {
     file_bytes file = large_picture(empty_scans(130));
-    file.insert(file.end(), 400'000, 0); // behind the picture: it has no more scans
+    file.insert(file.end(), 400'000, 0); // after the picture, which has no more scans
     open(file);
     EXPECT_EQ(start(), 0);
 }
@@ -197,7 +197,7 @@ file_bytes blank_arithmetic()
     return write(what);
 }
 
-// Scans of 63 coefficients with these bits and this data.
+// Scans of 63 coefficients with these approximation bits and this data.
 file_bytes scans_of(size_t count, unsigned char bits, const file_bytes& data)
 {
     file_bytes one = empty_scans(1);
@@ -218,9 +218,9 @@ struct weighed_scan {
     size_t too_many;
 };
 
-// A block of the picture has 9216 and takes 3878 for its own scans, whose data ends in the first row.
-// A further scan takes 134, 638 and 2528.
-TEST_F(JpegStart, ArithmeticCodedScansCountByWhatTheyCost)
+// A block of the picture has a budget of 9216. Its own scans cost 3878, since their data ends in
+// the first row. A further scan costs 134, 638 or 2528.
+TEST_F(JpegStart, ArithmeticCodedScansCountByTheirCost)
 {
     const file_bytes blank = blank_arithmetic();
     const file_bytes data(400, 0); // enough for most blocks
@@ -247,10 +247,10 @@ TEST_F(JpegStart, ErrorAfterTheStartEndsTheProcess)
                 EndsWith("Unexpected longjmp from JPEGLIB error handler\n"));
 }
 
-TEST_F(JpegStart, MemoryThatRunsOutIsAFailure)
+TEST_F(JpegStart, LackOfMemoryIsAFailure)
 {
     if (address_sanitizer) {
-        GTEST_SKIP() << "the sanitizer needs the address space for itself";
+        GTEST_SKIP() << "the sanitizer needs the address space";
     }
     file_bytes file = progressive(64, 64);
     set_size(file, 16384, 16384);

@@ -1,4 +1,4 @@
-// Damaged pictures: what is drawn of them, and what is told.
+// Damaged pictures: what is drawn and what is printed.
 #include <csignal>
 #include <random>
 
@@ -18,7 +18,7 @@ namespace png_tests {
 namespace {
 
 constexpr unsigned char sentinel = 0xA5;
-constexpr size_t largest_block = 8192; // that the library reads at a time
+constexpr size_t max_block = 8192; // the most that the library reads at a time
 
 class PngDamage : public Fixture {
 protected:
@@ -30,20 +30,20 @@ protected:
     }
 };
 
-TEST_F(PngDamage, BadFilterInAnyRowLeavesTheBatchesBefore)
+TEST_F(PngDamage, InvalidFilterInAnyRowKeepsTheEarlierBatches)
 {
     for (const model& m : models) {
         const png_spec sound = random_picture(5, 200, m.colour_type, m.depths.front());
         for (size_t row = 0; row < sound.height; ++row) {
             png_spec spec = sound;
             spec.rows[row * row_bytes(spec)] = 5;
-            expect_as_told(write_png(spec), m.name + std::to_string(row), sentinel);
-            EXPECT_EQ(told, damage("bad adaptive filter value"));
+            expect_drawn_by_rules(write_png(spec), m.name + std::to_string(row), sentinel);
+            EXPECT_EQ(printed, damage("bad adaptive filter value"));
         }
     }
 }
 
-TEST_F(PngDamage, BadChecksumOfAnyChunkLeavesTheBatchesBefore)
+TEST_F(PngDamage, InvalidChecksumOfAnyChunkKeepsTheEarlierBatches)
 {
     for (const model& m : models) {
         const png_spec spec = random_picture(9, 150, m.colour_type, 8);
@@ -52,58 +52,58 @@ TEST_F(PngDamage, BadChecksumOfAnyChunkLeavesTheBatchesBefore)
         for (size_t at = find(sound, "IDAT"); at < sound.size(); at = find(sound, "IDAT", at + 4)) {
             bytes file = sound;
             file[at + 4 + file[at - 1]] ^= 1; // the checksum's first byte
-            expect_as_told(file, m.name + std::to_string(seen), sentinel);
-            EXPECT_EQ(told, damage("IDAT: CRC error"));
+            expect_drawn_by_rules(file, m.name + std::to_string(seen), sentinel);
+            EXPECT_EQ(printed, damage("IDAT: CRC error"));
             ++seen;
         }
         EXPECT_GE(seen, 150U);
     }
 }
 
-TEST_F(PngDamage, FileThatEndsAnywhereLeavesTheBatchesBefore)
+TEST_F(PngDamage, FileTruncatedAnywhereKeepsTheEarlierBatches)
 {
     for (const model& m : models) {
-        // Compressed data of several of the library's blocks.
+        // The compressed data fills several blocks of the library.
         const png_spec spec = random_picture(130, 330, m.colour_type, 8);
-        const bytes whole = write_in_pieces(spec, largest_block * 2 + 100);
+        const bytes whole = write_in_pieces(spec, max_block * 2 + 100);
         const size_t first = find(whole, "IDAT") + 4;
-        const size_t last = find(whole, "IEND") - 5; // one byte of the last checksum is missing
-        ASSERT_GT(last, first + 2 * largest_block);
+        const size_t last = find(whole, "IEND") - 5; // cuts off the last byte of the checksum
+        ASSERT_GT(last, first + 2 * max_block);
         for (size_t size = first; size <= last; size += size + 2000 < last ? 1999 : 97) {
             const bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
-            expect_as_told(cut, m.name + std::to_string(size), sentinel);
-            EXPECT_EQ(told, damage("Read Error"));
+            expect_drawn_by_rules(cut, m.name + std::to_string(size), sentinel);
+            EXPECT_EQ(printed, damage("Read Error"));
         }
     }
 }
 
-TEST_F(PngDamage, WhatFollowsTheLastRowIsForgivenUpToTheChecksum)
+TEST_F(PngDamage, MissingEndIsToleratedUpToTheLastChecksum)
 {
     const bytes whole = write_png(random_picture(20, 20, 2, 8));
     const bytes no_end(whole.begin(), whole.end() - 12);
-    expect_as_told(no_end, "without an end chunk");
-    EXPECT_EQ(told, "");
+    expect_drawn_by_rules(no_end, "without an end chunk");
+    EXPECT_EQ(printed, "");
     const bytes no_checksum(whole.begin(), whole.end() - 16);
-    expect_as_told(no_checksum, "without the last checksum", sentinel);
-    EXPECT_EQ(told, damage("Read Error"));
+    expect_drawn_by_rules(no_checksum, "without the last checksum", sentinel);
+    EXPECT_EQ(printed, damage("Read Error"));
 }
 
-TEST_F(PngDamage, RowsThatAreMissingAreTold)
+TEST_F(PngDamage, MissingRowsAreReported)
 {
     for (const model& m : models) {
         png_spec spec = random_picture(20, 130, m.colour_type, 8);
         spec.rows.resize(row_bytes(spec) * 100 + 5);
-        expect_as_told(write_png(spec), m.name, sentinel);
-        EXPECT_EQ(told, damage("Not enough image data"));
+        expect_drawn_by_rules(write_png(spec), m.name, sentinel);
+        EXPECT_EQ(printed, damage("Not enough image data"));
     }
 }
 
-TEST_F(PngDamage, RowsTooManyAreForgiven)
+TEST_F(PngDamage, SurplusRowsAreTolerated)
 {
     png_spec spec = random_picture(20, 70, 2, 8);
     spec.rows.resize(spec.rows.size() * 2);
-    expect_as_told(write_png(spec), "too many rows");
-    EXPECT_THAT(told, testing::Not(HasSubstr("aborting")));
+    expect_drawn_by_rules(write_png(spec), "too many rows");
+    EXPECT_THAT(printed, testing::Not(HasSubstr("aborting")));
 }
 
 TEST_F(PngDamage, FlippedBytesAreDrawnByTheRules)
@@ -113,7 +113,7 @@ TEST_F(PngDamage, FlippedBytesAreDrawnByTheRules)
     for (const model& m : models) {
         png_spec spec = random_picture(11, 140, m.colour_type, 8);
         for (unsigned char& byte : spec.rows) {
-            byte &= 0x13; // so that there are codes and distances
+            byte &= 0x13; // makes the compressor use codes and distances
         }
         for (size_t row = 0; row < spec.height; ++row) {
             spec.rows[row * row_bytes(spec)] %= 5;
@@ -124,8 +124,8 @@ TEST_F(PngDamage, FlippedBytesAreDrawnByTheRules)
             bytes file = sound;
             file[first + lot() % (sound.size() - first)] ^=
                 static_cast<unsigned char>(1 + lot() % 255);
-            expect_as_told(file, m.name + std::to_string(round), sentinel);
-            damaged += told.ends_with("aborting decode\n");
+            expect_drawn_by_rules(file, m.name + std::to_string(round), sentinel);
+            damaged += printed.ends_with("aborting decode\n");
         }
     }
     EXPECT_GT(damaged, 600U);
@@ -159,7 +159,7 @@ TEST_F(PngDamage, FailingBatchOfGreyKeepsItsSamplesUnscaled)
     }
 }
 
-TEST_F(PngDamage, FailingBatchOfGreyWithAlphaIsLeftAlone)
+TEST_F(PngDamage, FailingBatchOfGreyWithAlphaIsUnchanged)
 {
     png_spec spec = random_picture(17, 70, 4, 8);
     spec.rows[row_bytes(spec) * 69] = 9;
@@ -184,19 +184,19 @@ TEST_F(PngDamage, LibraryErrorAfterDecodingEndsTheProcess)
     }
 }
 
-TEST_F(PngDamage, CutPhotographIsDrawnAsFarAsItGoes)
+TEST_F(PngDamage, TruncatedPhotographIsDrawnUpToItsEnd)
 {
     const bytes file = read_file(STILLIMAGE_TEST_DATA "/png/rgb-cut.png");
     open(file);
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, damage("Read Error"));
+    EXPECT_EQ(printed, damage("Read Error"));
     EXPECT_TRUE(allocation() == draw_png_literally(file));
     EXPECT_NE(scripted::buffer()[0], 0);
 }
 
-// --- bombs --------------------------------------------------------------------------------------
+// --- small files that unpack to much data -------------------------------------------------------
 
-bytes profile_that_grows(size_t size)
+bytes large_profile(size_t size)
 {
     bytes profile(size);
     profile[0] = static_cast<unsigned char>(size >> 24);
@@ -212,20 +212,20 @@ bytes profile_that_grows(size_t size)
     return chunk;
 }
 
-TEST_F(PngDamage, ProfileThatWouldGrowIsLeftOut)
+TEST_F(PngDamage, LargeProfileIsNotUnpacked)
 {
     png_spec spec = random_picture(20, 20, 2, 8);
-    spec.chunks = {{"iCCP", profile_that_grows(60'000'000)}};
+    spec.chunks = {{"iCCP", large_profile(60'000'000)}};
     ASSERT_LT(spec.chunks[0].data.size(), 70'000U);
     const bytes file = write_png(spec);
     open(file);
-    EXPECT_THAT(told, testing::Not(HasSubstr("iCCP")));
+    EXPECT_THAT(printed, testing::Not(HasSubstr("iCCP")));
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_TRUE(allocation() == draw_png_literally(file));
 }
 
-TEST_F(PngDamage, MuchPictureFromFewBytesIsDrawn)
+TEST_F(PngDamage, LargePictureInASmallFileIsDrawn)
 {
     for (const model& m : models) {
         png_spec spec = random_picture(3000, 1, m.colour_type, 8);
@@ -233,8 +233,8 @@ TEST_F(PngDamage, MuchPictureFromFewBytesIsDrawn)
         spec.rows.assign(row_bytes(spec) * spec.height, 0);
         const bytes file = write_png(spec);
         ASSERT_LT(file.size(), 40'000U);
-        expect_as_told(file, m.name);
-        EXPECT_EQ(told, "");
+        expect_drawn_by_rules(file, m.name);
+        EXPECT_EQ(printed, "");
     }
 }
 

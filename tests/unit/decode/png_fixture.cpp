@@ -134,8 +134,8 @@ void Fixture::open(const bytes& file, unsigned char before)
     testing::internal::CaptureStderr();
     const int result = examine_png_file();
     layout_full_size();
-    told = testing::internal::GetCapturedStderr();
-    ASSERT_EQ(result, 0) << told;
+    printed = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(result, 0) << printed;
     scripted::provide_buffer(image_decoded_size, before);
 }
 
@@ -148,11 +148,12 @@ int Fixture::decode(int (*decoder)())
 {
     testing::internal::CaptureStderr();
     const int result = decoder();
-    told = testing::internal::GetCapturedStderr();
+    printed = testing::internal::GetCapturedStderr();
     return result;
 }
 
-void Fixture::expect_as_told(const bytes& file, const std::string& name, unsigned char before)
+void Fixture::expect_drawn_by_rules(const bytes& file, const std::string& name,
+                                    unsigned char before)
 {
     start_anew();
     ASSERT_NO_FATAL_FAILURE(open(file, before)) << name;

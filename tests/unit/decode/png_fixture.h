@@ -1,4 +1,4 @@
-// A fresh process, as far as the PNG units can tell, and a PNG opened in it.
+// Fixture of the PNG tests: resets all state and opens a PNG.
 #pragma once
 
 #include <cstdint>
@@ -16,31 +16,31 @@ namespace png_tests {
 
 using bytes = std::vector<unsigned char>;
 
-// A colour type and the decoder for it.
+// A colour type and its decoder.
 struct model {
     const char* name; // of the decoder
     uint8_t colour_type;
     std::vector<uint8_t> depths;
     int (*decode)();
-    std::vector<std::string> planes; // that it draws, in the order of mapping
-    const char* adam7_status;        // null: an invariant
-    const char* other_status;        // null: none
+    std::vector<std::string> planes; // the planes it draws, in the order of mapping
+    const char* adam7_status;        // null: breaks an invariant
+    const char* other_status;        // null: no status
 };
 
 extern const std::vector<model> models;
 const model& model_of(unsigned colour_type);
 
-// What a picture prints whose reading the library ends, its own line in the middle.
+// What is printed when the library ends the reading of a picture, with the library's own line in
+// the middle.
 std::string damage(const std::string& library_message);
 
-size_t row_bytes(const png_spec& spec); // the filter byte included
+size_t row_bytes(const png_spec& spec); // including the filter byte
 
-// Samples and filters drawn by lot from `seed`; a palette of all 256 colours or of as many as the
-// depth has.
+// Random samples and filters from `seed`. The palette has as many colours as the depth can index.
 png_spec random_picture(uint32_t width, uint32_t height, uint8_t colour_type, uint8_t depth,
                         unsigned seed = 1);
 
-// The same with the image data in chunks of `piece` bytes, compressed at `level`.
+// The same file with the image data in chunks of `piece` bytes, compressed at `level`.
 bytes write_in_pieces(const png_spec& spec, size_t piece, int level = 6);
 
 bytes read_file(const std::string& path);
@@ -52,22 +52,23 @@ protected:
 
     static void start_anew();
 
-    // Examines `file`, which must go well, lays the frame buffer out and fills it with `before`.
+    // Examines `file`, which must succeed, lays out the frame buffer and fills it with `before`.
     void open(const bytes& file, unsigned char before = 0);
 
-    // Runs the decoder of the open picture, keeps what it prints in `told`.
+    // Runs the decoder of the open picture and stores what it prints in `printed`.
     int decode();
     int decode(int (*decoder)());
 
-    // Opens and decodes `file` over a buffer of `before`; all of it has to be as the rules have it.
-    void expect_as_told(const bytes& file, const std::string& name, unsigned char before = 0);
+    // Opens and decodes `file` in a buffer filled with `before`; every byte must match the rules.
+    void expect_drawn_by_rules(const bytes& file, const std::string& name,
+                               unsigned char before = 0);
 
     static bytes allocation(); // the whole frame buffer
 
-    std::string told;
+    std::string printed;
 };
 
-// While not 0, png_get_PLTE gives a null palette, or none at all.
+// Makes png_get_PLTE return a null palette or no palette, unless NONE.
 enum class palette_trouble { NONE, NULL_PALETTE, NO_PALETTE };
 extern palette_trouble trouble;
 

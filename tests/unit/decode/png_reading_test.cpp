@@ -1,4 +1,4 @@
-// What happens in the middle of the library's reading: clients, signals, errors of the disk.
+// Events while the library reads: served clients, signals, disk errors.
 #include <algorithm>
 #include <cerrno>
 
@@ -11,21 +11,21 @@
 namespace png_tests {
 namespace {
 
-constexpr size_t buffer_size = 32768; // of one reading
+constexpr size_t buffer_size = 32768; // of one read
 
 class PngReading : public Fixture {
 protected:
-    // From now on counts the readings; calls `action` in the one of that number.
-    void in_reading(int number, const std::function<void()>& action)
+    // Counts reads from now on and calls `action` in read `number`.
+    void in_read(int number, const std::function<void()>& action)
     {
         failing_calls::plan.on_read = [this, number, action] {
-            if (++readings == number) {
+            if (++reads == number) {
                 action();
             }
         };
     }
 
-    // Its image data begin with so many chunks without any.
+    // Inserts `count` empty chunks before the image data.
     static bytes with_empty_chunks(const bytes& file, size_t count)
     {
         const std::string name = "IDAT";
@@ -40,10 +40,10 @@ protected:
         return result;
     }
 
-    int readings = 0;
+    int reads = 0;
 };
 
-TEST_F(PngReading, ClientsAreServedByTheClock)
+TEST_F(PngReading, ClientsAreServedAtFixedIntervals)
 {
     const bytes file = write_png(random_picture(1000, 64, 6, 8)); // one batch, 256 KB
     open(file);
@@ -57,48 +57,48 @@ TEST_F(PngReading, ClientsAreServedByTheClock)
     EXPECT_TRUE(allocation() == draw_png_literally(file));
 }
 
-TEST_F(PngReading, SignalWithinABatchIsLeftToTheDecoder)
+TEST_F(PngReading, SignalInsideABatchIsLeftToTheDecoder)
 {
     for (const model& m : models) {
         const bytes file = write_png(random_picture(1000, 300, m.colour_type, 8));
         open(file, 90);
-        in_reading(1, [] { DIE4 = 1; });
+        in_read(1, [] { DIE4 = 1; });
         EXPECT_EQ(decode(), 0);
-        EXPECT_GT(readings, 0);
-        EXPECT_EQ(told, "");
+        EXPECT_GT(reads, 0);
+        EXPECT_EQ(printed, "");
         EXPECT_TRUE(allocation() == draw_png_literally(file, {.batches = 1, .before = 90}))
             << m.name;
         start_anew();
-        readings = 0;
+        reads = 0;
     }
 }
 
-TEST_F(PngReading, DecoderThatDoesNotGetToTheSignalIsLeft)
+TEST_F(PngReading, DecoderThatIsTooSlowForASignalIsInterrupted)
 {
     const bytes file = write_png(random_picture(16, 128, 6, 8));
     open(with_empty_chunks(file, 100'000), 90); // 1.2 MB
     scripted::plan.clock_step_us = max_decoder_delay_us / 4;
-    in_reading(5, [] { DIE4 = 1; });
+    in_read(5, [] { DIE4 = 1; });
     EXPECT_EQ(decode(), 0);
-    EXPECT_GE(readings, 6);
-    EXPECT_LE(readings, 9);
-    EXPECT_EQ(told, "");
+    EXPECT_GE(reads, 6);
+    EXPECT_LE(reads, 9);
+    EXPECT_EQ(printed, "");
     EXPECT_EQ(scripted::log.status.back(), (scripted::status_line{100, ""}));
     const bytes planes = allocation();
-    EXPECT_EQ(planes[64 * image_stride_Y - 1], 16); // the batch at hand is black
-    EXPECT_EQ(planes[64 * image_stride_Y], 90);     // the next one was never begun
+    EXPECT_EQ(planes[64 * image_stride_Y - 1], 16); // the current batch is black
+    EXPECT_EQ(planes[64 * image_stride_Y], 90);     // the next batch was not started
 }
 
-TEST_F(PngReading, ChunksWithoutDataAreGoneThrough)
+TEST_F(PngReading, EmptyChunksAreSkipped)
 {
     const bytes file = write_png(random_picture(16, 20, 2, 8));
     open(with_empty_chunks(file, 20'000));
     ASSERT_EQ(decode(), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_TRUE(allocation() == draw_png_literally(file));
 }
 
-TEST_F(PngReading, InterruptedReadingsGoOn)
+TEST_F(PngReading, InterruptedReadsAreRetried)
 {
     const bytes file = write_png(random_picture(400, 100, 2, 8));
     open(file);
@@ -106,21 +106,22 @@ TEST_F(PngReading, InterruptedReadingsGoOn)
     failing_calls::plan.read = 3;
     failing_calls::plan.read_errno = EINTR;
     ASSERT_EQ(decode(), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_TRUE(allocation() == draw_png_literally(file));
 }
 
-TEST_F(PngReading, ErrorOfTheDiskIsAFileThatEndsThere)
+TEST_F(PngReading, DiskErrorEndsTheFile)
 {
     const bytes whole = write_png(random_picture(400, 200, 2, 8));
     open(whole);
     failing_calls::plan.read_most = 1000;
     failing_calls::plan.read = 70;
     failing_calls::plan.read_errno = EIO;
-    // Examination has read a buffer's worth; so have the first 33 of these.
+    // Examination has read one buffer, and the first 33 of the short reads fill another.
     const auto end = static_cast<ptrdiff_t>(2 * buffer_size + 36 * 1000);
     ASSERT_EQ(decode(), 0);
-    EXPECT_EQ(told, "Error while reading the picture: Input/output error\n" + damage("Read Error"));
+    EXPECT_EQ(printed,
+              "Error while reading the picture: Input/output error\n" + damage("Read Error"));
     const bytes cut(whole.begin(), whole.begin() + end);
     EXPECT_TRUE(allocation() == draw_png_literally(cut));
 }

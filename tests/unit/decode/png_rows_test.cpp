@@ -1,5 +1,5 @@
-// The shortcuts of the PNG row loop against the rules in their plain form: the whole allocation,
-// byte for byte.
+// The optimised PNG row loop against a plain version of the rules: the whole frame buffer, byte for
+// byte.
 #include <filesystem>
 #include <malloc.h>
 #include <random>
@@ -24,12 +24,12 @@ std::string name_of(const png_spec& spec)
 
 class PngRows : public Fixture {
 protected:
-    void expect_as_told_over_anything(const bytes& file, const std::string& name)
+    void expect_drawn_over_anything(const bytes& file, const std::string& name)
     {
-        expect_as_told(file, name, sentinel);
-        EXPECT_EQ(told, "") << name;
-        expect_as_told(file, name);
-        EXPECT_EQ(told, "") << name;
+        expect_drawn_by_rules(file, name, sentinel);
+        EXPECT_EQ(printed, "") << name;
+        expect_drawn_by_rules(file, name);
+        EXPECT_EQ(printed, "") << name;
     }
 };
 
@@ -39,7 +39,7 @@ TEST_F(PngRows, EveryWidthIsDrawnByTheRules)
         for (const uint8_t depth : m.depths) {
             for (uint32_t width = 1; width <= 36; ++width) {
                 const png_spec spec = random_picture(width, 5, m.colour_type, depth, width);
-                expect_as_told_over_anything(write_png(spec), name_of(spec));
+                expect_drawn_over_anything(write_png(spec), name_of(spec));
             }
         }
     }
@@ -52,7 +52,7 @@ TEST_F(PngRows, EveryBatchBoundaryIsDrawnByTheRules)
             for (const uint32_t height :
                  {1U, 3U, 4U, 63U, 64U, 65U, 68U, 127U, 128U, 129U, 192U, 257U}) {
                 const png_spec spec = random_picture(17, height, m.colour_type, depth, height);
-                expect_as_told_over_anything(write_png(spec), name_of(spec));
+                expect_drawn_over_anything(write_png(spec), name_of(spec));
             }
         }
     }
@@ -63,7 +63,7 @@ TEST_F(PngRows, WidePicturesAreDrawnByTheRules)
     for (const model& m : models) {
         for (const uint32_t width : {255U, 1024U, 1031U, 16383U, 16384U}) {
             const png_spec spec = random_picture(width, 6, m.colour_type, m.depths.back(), width);
-            expect_as_told_over_anything(write_png(spec), name_of(spec));
+            expect_drawn_over_anything(write_png(spec), name_of(spec));
         }
     }
 }
@@ -72,8 +72,8 @@ TEST_F(PngRows, ImageDataInManyChunksIsDrawnByTheRules)
 {
     for (const model& m : models) {
         const png_spec spec = random_picture(40, 70, m.colour_type, 8);
-        expect_as_told_over_anything(write_in_pieces(spec, 1), name_of(spec));
-        expect_as_told_over_anything(write_in_pieces(spec, 97), name_of(spec));
+        expect_drawn_over_anything(write_in_pieces(spec, 1), name_of(spec));
+        expect_drawn_over_anything(write_in_pieces(spec, 97), name_of(spec));
     }
 }
 
@@ -88,15 +88,15 @@ TEST_F(PngRows, TestPicturesAreDrawnByTheRules)
         const bool is_ours = examine_png_file() == 0 && png_interlace_method == 0;
         testing::internal::GetCapturedStderr();
         if (is_ours) {
-            expect_as_told(file, entry.path(), sentinel);
-            expect_as_told(file, entry.path());
+            expect_drawn_by_rules(file, entry.path(), sentinel);
+            expect_drawn_by_rules(file, entry.path());
             ++seen;
         }
     }
     EXPECT_GE(seen, 20U);
 }
 
-TEST_F(PngRows, FreshMemoryShowsNowhere)
+TEST_F(PngRows, OldMemoryContentsAreNeverDrawn)
 {
     for (const model& m : models) {
         for (const uint8_t depth : m.depths) {
@@ -131,7 +131,7 @@ TEST_F(PngRows, PaddingHasTheColourOfZeroSamples)
     EXPECT_EQ(scripted::buffer()[image_offset_A + 31], 0);
 }
 
-TEST_F(PngRows, RowsBelowThePictureStayAsTheyWere)
+TEST_F(PngRows, RowsBelowThePictureAreUnchanged)
 {
     for (const model& m : models) {
         start_anew();
@@ -144,7 +144,7 @@ TEST_F(PngRows, RowsBelowThePictureStayAsTheyWere)
 
 // --- progress, signals, mappings ----------------------------------------------------------------
 
-TEST_F(PngRows, ProgressIsToldOnceABatch)
+TEST_F(PngRows, ProgressIsReportedOnceABatch)
 {
     for (const model& m : models) {
         start_anew();
@@ -161,7 +161,7 @@ TEST_F(PngRows, ProgressIsToldOnceABatch)
     }
 }
 
-TEST_F(PngRows, HeightOf65IsTwoBatchesAndOneForGrey)
+TEST_F(PngRows, HeightOf65IsTwoBatchesButOneForGrey)
 {
     for (const model& m : models) {
         start_anew();
@@ -176,7 +176,7 @@ TEST_F(PngRows, HeightOf65IsTwoBatchesAndOneForGrey)
     }
 }
 
-TEST_F(PngRows, SignalEndsDecodingBehindTheBatchAtHand)
+TEST_F(PngRows, SignalEndsDecodingAfterTheCurrentBatch)
 {
     for (const model& m : models) {
         const bytes file = write_png(random_picture(33, 400, m.colour_type, 8));
@@ -185,7 +185,7 @@ TEST_F(PngRows, SignalEndsDecodingBehindTheBatchAtHand)
             open(file, sentinel);
             scripted::plan.die_after_idle = static_cast<int>(batches);
             EXPECT_EQ(decode(), 0);
-            EXPECT_EQ(told, "");
+            EXPECT_EQ(printed, "");
             EXPECT_EQ(scripted::log.status.size(), batches + 1);
             EXPECT_EQ(scripted::log.status.back(), (scripted::status_line{100, ""}));
             EXPECT_TRUE(allocation() ==
@@ -202,7 +202,7 @@ TEST_F(PngRows, SignalBeforeTheFirstBatchDrawsNothing)
         open(write_png(random_picture(33, 40, m.colour_type, 8)), sentinel);
         DIE4 = 1;
         EXPECT_EQ(decode(), 0);
-        EXPECT_EQ(told, "");
+        EXPECT_EQ(printed, "");
         EXPECT_EQ(scripted::log.status, (std::vector<scripted::status_line>{{100, ""}}));
         EXPECT_TRUE(allocation() == bytes(image_decoded_size, sentinel)) << m.name;
     }
@@ -219,7 +219,7 @@ TEST_F(PngRows, MappingFailureEndsDecodingAndNamesThePlane)
                 scripted::plan.fail_mapping =
                     static_cast<int>(batches * m.planes.size() + plane + 1);
                 EXPECT_EQ(decode(), 0);
-                EXPECT_EQ(told, "Failed to memory-map " + m.planes[plane] + " plane\n");
+                EXPECT_EQ(printed, "Failed to memory-map " + m.planes[plane] + " plane\n");
                 EXPECT_EQ(scripted::log.status.size(), batches + 2);
                 EXPECT_EQ(scripted::log.status.back(), (scripted::status_line{100, ""}));
                 EXPECT_NE(png_context, nullptr);

@@ -32,7 +32,7 @@ protected:
     {
         open(write_png(spec));
         EXPECT_EQ(decode(), 0);
-        EXPECT_EQ(told, "");
+        EXPECT_EQ(printed, "");
     }
 
     static int y(size_t at) { return scripted::buffer()[image_offset_Y + at]; }
@@ -72,7 +72,7 @@ TEST_F(Png, RgbBecomesVideoRange)
     EXPECT_EQ(pixel(5), (std::array{126, 128, 128}));
 }
 
-TEST_F(Png, AlphaIsCopiedAndNotMultipliedIn)
+TEST_F(Png, AlphaIsCopiedAndNotPremultiplied)
 {
     draw(one_row(6, 8, 2, {255, 0, 0, 0, 255, 0, 0, 200}));
     EXPECT_EQ(pixel(0), (std::array{81, 90, 239}));
@@ -118,7 +118,7 @@ TEST_F(Png, SixteenBitsAreScaledToEight)
     draw(one_row(0, 16, 4, {0x80, 0x00, 0x00, 0x81, 0xFF, 0x7F, 0x00, 0x80}));
     EXPECT_EQ(y(0), 125);
     EXPECT_EQ(y(1), 16);  // 1
-    EXPECT_EQ(y(2), 235); // 255, not 254 + 0.5 cut
+    EXPECT_EQ(y(2), 235); // 254.5 would be truncated to 254
     EXPECT_EQ(y(3), 16);
 }
 
@@ -150,7 +150,7 @@ TEST_F(Png, TransparencyOfAPaletteIsIgnored)
     EXPECT_EQ(image_stride_A, 0U);
 }
 
-TEST_F(Png, PaletteOfTheLastPictureIsForgotten)
+TEST_F(Png, PaletteOfThePreviousPictureIsNotKept)
 {
     png_spec spec = one_row(3, 8, 1, {1});
     spec.chunks = {{"PLTE", {255, 0, 0, 255, 255, 255}}};
@@ -173,9 +173,9 @@ TEST_F(Png, Adam7IsRefusedByAllButRgb)
         start_anew();
         open(write_png(random_picture(3, 3, m.colour_type, 8)));
         png_interlace_method = 1;
-        failing_calls::plan.calloc = 1; // is not reached
+        failing_calls::plan.calloc = 1; // the allocation is not reached
         EXPECT_EQ(decode(), -1);
-        EXPECT_EQ(told, adam7_pattern) << m.name;
+        EXPECT_EQ(printed, adam7_pattern) << m.name;
         EXPECT_EQ(scripted::log.status, (std::vector<scripted::status_line>{{-1, m.adam7_status}}));
         EXPECT_EQ(failing_calls::plan.calloc, 1);
         EXPECT_EQ(scripted::log.mappings, 0U);
@@ -183,7 +183,7 @@ TEST_F(Png, Adam7IsRefusedByAllButRgb)
     }
 }
 
-TEST_F(Png, MethodsBeyondAdam7AreRefusedByAllButRgb)
+TEST_F(Png, OtherInterlaceMethodsAreRefusedByAllButRgb)
 {
     for (const model& m : models) {
         if (m.adam7_status == nullptr) {
@@ -194,7 +194,7 @@ TEST_F(Png, MethodsBeyondAdam7AreRefusedByAllButRgb)
             open(write_png(random_picture(3, 3, m.colour_type, 8)));
             png_interlace_method = method;
             EXPECT_EQ(decode(), -1);
-            EXPECT_EQ(told, other_pattern) << m.name;
+            EXPECT_EQ(printed, other_pattern) << m.name;
             std::vector<scripted::status_line> expected;
             if (m.other_status != nullptr) {
                 expected.push_back({-1, m.other_status});
@@ -215,7 +215,7 @@ TEST_F(Png, InterlacedRgbBreaksAnInvariant)
     }
 }
 
-TEST_F(Png, MissingStagingMemoryIsTold)
+TEST_F(Png, FailedStagingAllocationIsReported)
 {
     for (const model& m : models) {
         start_anew();
@@ -227,19 +227,19 @@ TEST_F(Png, MissingStagingMemoryIsTold)
             continue;
         }
         EXPECT_EQ(decode(), -1);
-        EXPECT_EQ(told, "Unable to allocate RGB row\n") << m.name;
+        EXPECT_EQ(printed, "Unable to allocate RGB row\n") << m.name;
         EXPECT_TRUE(scripted::log.status.empty());
         expect_closed();
     }
 }
 
-TEST_F(Png, MissingPaletteIsTold)
+TEST_F(Png, MissingPaletteIsReported)
 {
     open(write_png(random_picture(3, 3, 3, 8)));
-    png_interlace_method = 1; // comes second
+    png_interlace_method = 1; // is checked after the palette
     trouble = palette_trouble::NO_PALETTE;
     EXPECT_EQ(decode(), -1);
-    EXPECT_EQ(told, "PNG library failed to return color palette\n");
+    EXPECT_EQ(printed, "PNG library failed to return color palette\n");
     EXPECT_TRUE(scripted::log.status.empty());
     expect_closed();
 }
@@ -252,7 +252,7 @@ TEST_F(Png, NullPaletteBreaksAnInvariant)
                 assertion(model_of(3), "palette != __null"));
 }
 
-TEST_F(Png, FetchedPaletteIsTheFiles)
+TEST_F(Png, FetchedPaletteIsTheOneInTheFile)
 {
     png_spec spec = random_picture(3, 3, 3, 8);
     spec.chunks[0].data.resize(30);
@@ -263,7 +263,7 @@ TEST_F(Png, FetchedPaletteIsTheFiles)
     EXPECT_EQ(palette.colours[9].blue, spec.chunks[0].data[29]);
 }
 
-TEST_F(Png, MissingSurroundingsBreakInvariants)
+TEST_F(Png, InvalidStateBreaksInvariants)
 {
     for (const model& m : models) {
         start_anew();

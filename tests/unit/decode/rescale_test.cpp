@@ -56,7 +56,7 @@ TEST(Rescale, ChromaTruncatesTowardZeroOnBothSides)
     EXPECT_EQ(chroma_of(255), 239);
 }
 
-TEST(Rescale, NoSamplesBreakAnInvariant)
+TEST(Rescale, EmptyRangeBreaksAnInvariant)
 {
     unsigned char none = 0;
     EXPECT_EXIT(jpeg_rescale_luma_to_16_235(&none, 0), testing::KilledBySignal(SIGABRT),
@@ -67,7 +67,7 @@ TEST(Rescale, NoSamplesBreakAnInvariant)
                 "`c != \\(size_t\\)0' failed.\n$");
 }
 
-TEST(Rescale, BestKernelIsTheFirstThatRunsHere)
+TEST(Rescale, BestKernelIsTheFirstSupported)
 {
     for (const rescale_kernel& kernel : rescale_kernels()) {
         if (kernel.runs_here()) {
@@ -75,10 +75,10 @@ TEST(Rescale, BestKernelIsTheFirstThatRunsHere)
             return;
         }
     }
-    FAIL() << "no kernel runs here";
+    FAIL() << "no kernel is supported";
 }
 
-// Every version on every sample, at every position of a vector and in the rest behind it.
+// Every version on every sample, at every position of a vector and in the remainder after it.
 TEST(Rescale, EveryKernelIsExactForEverySampleAtEveryPosition)
 {
     for (const rescale_kernel& kernel : rescale_kernels()) {
@@ -102,8 +102,8 @@ TEST(Rescale, EveryKernelIsExactForEverySampleAtEveryPosition)
     }
 }
 
-// Counts 0 to 300 from every alignment; the bytes around them stay as they are.
-TEST(Rescale, EveryKernelTouchesExactlyTheSamplesGiven)
+// Counts 0 to 300 from every alignment; the surrounding bytes must not change.
+TEST(Rescale, EveryKernelChangesExactlyTheGivenSamples)
 {
     std::mt19937 random(1);
     samples input(64 + 300 + 64);

@@ -1,5 +1,5 @@
 // Whole files: every combination of the tags that choose the conversion, compressions, byte orders,
-// stored pictures, and damaged ones.
+// stored pictures and damaged ones.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -52,7 +52,7 @@ TEST_F(DecodeTiff, EveryModelDepthSampleCountAndArrangement)
                     SCOPED_TRACE(testing::Message()
                                  << photometric << " " << bits << " " << samples << " " << planar);
                     const auto spec = combined(photometric, bits, samples, planar);
-                    drawn += expect_drawn_by_the_rules(write_tiff(spec), {.before = 0x5A}) ? 1 : 0;
+                    drawn += expect_drawn_by_rules(write_tiff(spec), {.before = 0x5A}) ? 1 : 0;
                     if (HasFailure()) {
                         return;
                     }
@@ -60,7 +60,7 @@ TEST_F(DecodeTiff, EveryModelDepthSampleCountAndArrangement)
             }
         }
     }
-    EXPECT_GT(drawn, 250); // the others are refused for their samples
+    EXPECT_GT(drawn, 250); // the others are refused because of their samples
 }
 
 TEST_F(DecodeTiff, ColoursOfEachModel)
@@ -122,14 +122,14 @@ TEST_F(DecodeTiff, EightBitsAreNotInvertedAndOneBitIs)
     }
 }
 
-TEST_F(DecodeTiff, SixteenBitsStayBlackAndCountAsRead)
+TEST_F(DecodeTiff, SixteenBitsAreDrawnBlackButCountAsRead)
 {
     tiff_spec spec = plain_tiff(4, 4, 4, 2);
     spec.set_short(258, {16, 16, 16, 16});
     spec.strips = {std::vector<unsigned char>(128, 0x77)};
     ASSERT_TRUE(open(write_tiff(spec), 0x5A));
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_EQ(pixel(3, 3), (std::vector<unsigned>{16, 128, 128}));
     EXPECT_EQ(sample(image_offset_A, image_stride_A, 3, 3), 255U);
     EXPECT_EQ(sample(image_offset_Y, image_stride_Y, 0, 4), 0x5AU);
@@ -163,51 +163,52 @@ TEST_F(DecodeTiff, CompressionsAndByteOrders)
                                            .rows_per_strip = 16,
                                            .mode = mode});
             ASSERT_FALSE(file.empty());
-            ASSERT_TRUE(expect_drawn_by_the_rules(file));
+            ASSERT_TRUE(expect_drawn_by_rules(file));
             const file_bytes drawn = allocation();
-            EXPECT_EQ(told, "");
-            // Something was drawn, down to the last row.
+            EXPECT_EQ(printed, "");
+            // Something was drawn in every row down to the last.
             const auto* last = &drawn[49 * image_stride_Y];
             EXPECT_NE(std::count(last, last + 70, *last), 70);
         }
     }
 }
 
-TEST_F(DecodeTiff, TilesWithAStripHeightEndInBlack)
+TEST_F(DecodeTiff, TilesWithAStripHeightAreDrawnBlack)
 {
     tiff_spec spec = plain_tiff(16, 16, 3, 2);
     spec.set_short(322, {16});
     spec.set_short(323, {16});
     spec.set_long(324, {8});
     spec.set_long(325, {768});
-    ASSERT_TRUE(expect_drawn_by_the_rules(write_tiff(spec), {.before = 0x5A}));
-    EXPECT_EQ(told, "TIFFReadEncodedStrip() returned too many bytes\n");
-    EXPECT_NE(told_by_library, "");
+    ASSERT_TRUE(expect_drawn_by_rules(write_tiff(spec), {.before = 0x5A}));
+    EXPECT_EQ(printed, "TIFFReadEncodedStrip() returned too many bytes\n");
+    EXPECT_NE(printed_by_library, "");
     EXPECT_EQ(pixel(15, 15), (std::vector<unsigned>{16, 128, 128}));
 }
 
-TEST_F(DecodeTiff, FilesCutShort)
+TEST_F(DecodeTiff, TruncatedFiles)
 {
     for (const uint16_t compression : std::initializer_list<uint16_t>{1, 5, 8, 32773, 7}) {
         const auto file = encode_tiff(
             {.width = 33, .height = 40, .compression = compression, .rows_per_strip = 8});
         tiff_spec moved = combined(2, 8, 3, 1);
         for (size_t length = 8; length < file.size(); length += file.size() / 25) {
-            expect_drawn_by_the_rules({file.begin(), file.begin() + static_cast<long>(length)});
+            expect_drawn_by_rules({file.begin(), file.begin() + static_cast<long>(length)});
         }
-        // The directory in front would survive a cut: here the strips point behind the end.
+        // Truncation would spare the leading directory, so the strips are moved to offsets beyond
+        // the end instead.
         moved.set_short(259, {compression});
         for (const uint32_t strip : {0U, 1U, 2U}) {
             std::vector<uint32_t> offsets = {8, 8, 8};
             offsets[strip] = 100000;
             moved.set_long(273, offsets);
             moved.set_long(279, {777, 777, 555});
-            expect_drawn_by_the_rules(write_tiff(moved), {.before = 0x5A});
+            expect_drawn_by_rules(write_tiff(moved), {.before = 0x5A});
         }
     }
 }
 
-TEST_F(DecodeTiff, AlteredBytes)
+TEST_F(DecodeTiff, ChangedBytes)
 {
     const uint16_t compressions[] = {1, 5, 8, 32773, 7};
     for (unsigned round = 0; round < 300; ++round) {
@@ -218,7 +219,7 @@ TEST_F(DecodeTiff, AlteredBytes)
                                        .rows_per_strip = 8});
         const file_bytes noise = noise_bytes(12, round);
         for (size_t i = 0; i < 12; i += 4) {
-            // Every other round in the directory, which lies behind the strips.
+            // Every second round changes the directory, which follows the strips.
             const size_t at = noise[i] * size_t{256} + noise[i + 1];
             const size_t span = round % 2 == 0 ? file.size() : std::min<size_t>(file.size(), 200);
             file[file.size() - 1 - at % span] = noise[i + 2];
@@ -227,11 +228,11 @@ TEST_F(DecodeTiff, AlteredBytes)
         if (!open(file) || int64_t{image_width} * image_height > 1 << 20) {
             continue;
         }
-        expect_drawn_by_the_rules(file);
+        expect_drawn_by_rules(file);
     }
 }
 
-TEST_F(DecodeTiff, GiantAndEmptyTagValues)
+TEST_F(DecodeTiff, ExtremeTagValues)
 {
     for (const uint16_t tag : std::initializer_list<uint16_t>{256, 257, 258, 259, 262, 266, 277,
                                                               278, 284, 317, 320, 332, 530}) {
@@ -239,7 +240,7 @@ TEST_F(DecodeTiff, GiantAndEmptyTagValues)
             SCOPED_TRACE(testing::Message() << tag << " " << value);
             tiff_spec spec = combined(2, 8, 3, 1);
             spec.set_long(tag, {value});
-            expect_drawn_by_the_rules(write_tiff(spec));
+            expect_drawn_by_rules(write_tiff(spec));
         }
     }
 }
@@ -255,12 +256,12 @@ TEST_F(DecodeTiff, StoredPictures)
     int drawn = 0;
     for (const auto& entry : std::filesystem::directory_iterator(STILLIMAGE_TEST_DATA "/tiff")) {
         SCOPED_TRACE(entry.path().filename());
-        drawn += expect_drawn_by_the_rules(stored(entry.path())) ? 1 : 0;
+        drawn += expect_drawn_by_rules(stored(entry.path())) ? 1 : 0;
     }
     EXPECT_EQ(drawn, 24);
 }
 
-// By rows of the library instead of strips, luma only.
+// Read in rows of the library instead of strips, luma only.
 TEST_F(DecodeTiff, StoredPicturesRowByRow)
 {
     for (const char* name : {"rgb-lzw.tiff", "rgb-big-endian.tiff", "rgba-lzw-predictor.tiff"}) {

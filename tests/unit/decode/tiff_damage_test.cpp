@@ -1,5 +1,5 @@
-// Damaged strips of every codec: whatever a codec leaves unwritten or gets wrong, the picture holds
-// what was read, zeros or black, and never what the heap held before.
+// Damaged strips of every codec: whatever a codec leaves unwritten or decodes wrongly, the picture
+// shows what was read, zeros or black, and never old contents of the heap.
 #include <algorithm>
 #include <cstring>
 #include <malloc.h>
@@ -40,7 +40,7 @@ constexpr codec codecs[] = {
 constexpr uint32_t width = 70;
 constexpr uint32_t height = 50;
 
-// The library puts the strips first and the directory behind them.
+// The library writes the strips first and the directory after them.
 uint32_t end_of_strips(const file_bytes& file)
 {
     uint32_t directory = 0;
@@ -63,7 +63,7 @@ protected:
         return encode_tiff(made);
     }
 
-    // The frame buffer, decoded on a heap whose blocks hold other bytes than 0 at first.
+    // The frame buffer after a decode on a heap whose new blocks are filled with `filler`.
     file_bytes drawn_on_heap_of(int filler, const file_bytes& file)
     {
         start_anew();
@@ -76,7 +76,7 @@ protected:
 
     void expect_no_heap(const file_bytes& file)
     {
-        EXPECT_TRUE(expect_drawn_by_the_rules(file, {.before = 0x5A}));
+        EXPECT_TRUE(expect_drawn_by_rules(file, {.before = 0x5A}));
         EXPECT_TRUE(drawn_on_heap_of(0x11, file) == drawn_on_heap_of(0xEE, file));
     }
 };
@@ -91,7 +91,7 @@ TEST_F(DecodeTiffDamage, StripsOfEachCodecShowNothingOfTheHeap)
         ASSERT_FALSE(sound.empty()) << by.name;
         const uint32_t strips = end_of_strips(sound) - 8;
         expect_no_heap(sound);
-        EXPECT_EQ(told, "") << by.name;
+        EXPECT_EQ(printed, "") << by.name;
         for (unsigned round = 0; round < 60; ++round) {
             SCOPED_TRACE(testing::Message() << by.name << " " << round);
             const file_bytes noise = noise_bytes(8, round);
@@ -124,30 +124,30 @@ file_bytes strip_of_jbig(uint32_t rows, unsigned seed)
     return {file.begin() + 8, file.begin() + end_of_strips(file)};
 }
 
-TEST_F(DecodeTiffDamage, RowsThatACodecKeepsBackReadAsZeros)
+TEST_F(DecodeTiffDamage, RowsThatACodecDoesNotWriteReadAsZeros)
 {
     if (TIFFIsCODECConfigured(COMPRESSION_JBIG) == 0) {
         GTEST_SKIP() << "libtiff has no JBIG";
     }
     constexpr uint32_t rows = 60;
-    constexpr uint32_t rows_given = 16;
+    constexpr uint32_t rows_written = 16;
     tiff_spec spec = plain_tiff(width, rows, 1, 0);
     spec.set_short(258, {1});
     spec.set_short(259, {COMPRESSION_JBIG});
-    spec.strips = {strip_of_jbig(rows_given, 1)};
+    spec.strips = {strip_of_jbig(rows_written, 1)};
     expect_no_heap(write_tiff(spec));
-    EXPECT_EQ(told, "");
-    EXPECT_THAT(told_by_library, testing::HasSubstr("Only decoded"));
+    EXPECT_EQ(printed, "");
+    EXPECT_THAT(printed_by_library, testing::HasSubstr("Only decoded"));
     for (uint64_t y = 0; y < rows; ++y) {
         int black = 0;
         for (uint64_t x = 0; x < width; ++x) {
             black += sample(image_offset_Y, image_stride_Y, x, y) == 16 ? 1 : 0;
         }
-        EXPECT_EQ(black == 0, y >= rows_given) << y; // white is zero
+        EXPECT_EQ(black == 0, y >= rows_written) << y; // white is zero
     }
 }
 
-// --- a codec that takes what it is promised -----------------------------------------------------
+// --- a codec that trusts the size in its header -------------------------------------------------
 
 void put_number(file_bytes& strip, size_t at, uint32_t value)
 {
@@ -156,8 +156,8 @@ void put_number(file_bytes& strip, size_t at, uint32_t value)
     }
 }
 
-// A strip of 32 rows whose header says something else, in either order of bits.
-tiff_spec promising_jbig(uint32_t strip_width, uint32_t strip_height, uint32_t fill_order)
+// A strip of 32 rows whose header claims another size, in either bit order.
+tiff_spec jbig_claiming(uint32_t strip_width, uint32_t strip_height, uint32_t fill_order)
 {
     constexpr uint32_t rows = 32;
     tiff_spec spec = plain_tiff(width, rows, 1, 0);
@@ -175,7 +175,7 @@ tiff_spec promising_jbig(uint32_t strip_width, uint32_t strip_height, uint32_t f
     return spec;
 }
 
-TEST_F(DecodeTiffDamage, JbigThatPromisesMoreThanItsStripIsNotDecoded)
+TEST_F(DecodeTiffDamage, JbigThatClaimsMoreThanItsStripIsNotDecoded)
 {
     if (TIFFIsCODECConfigured(COMPRESSION_JBIG) == 0) {
         GTEST_SKIP() << "libtiff has no JBIG";
@@ -185,16 +185,16 @@ TEST_F(DecodeTiffDamage, JbigThatPromisesMoreThanItsStripIsNotDecoded)
              {std::pair{width, 33U}, std::pair{width + 3, 32U}, std::pair{~0U, 1U},
               std::pair{1U << 20, 1U << 20}, std::pair{~0U - 1, ~0U - 1}}) {
             start_anew();
-            ASSERT_TRUE(open(write_tiff(promising_jbig(w, h, fill_order)), 0x5A));
+            ASSERT_TRUE(open(write_tiff(jbig_claiming(w, h, fill_order)), 0x5A));
             EXPECT_EQ(decode(), 0);
-            EXPECT_EQ(told, "TIFFReadEncodedStrip() returned too many bytes\n");
-            EXPECT_EQ(told_by_library, "TIFF ERROR: JBIG: Strip 0 says that it is " +
-                                           std::to_string(w) + " x " + std::to_string(h) +
-                                           " pixels, which is too much\n");
+            EXPECT_EQ(printed, "TIFFReadEncodedStrip() returned too many bytes\n");
+            EXPECT_EQ(printed_by_library, "TIFF ERROR: JBIG: Strip 0 says that it is " +
+                                              std::to_string(w) + " x " + std::to_string(h) +
+                                              " pixels, which is too much\n");
             EXPECT_EQ(sample(image_offset_Y, image_stride_Y, 0, 0), 16U);
         }
-        expect_no_heap(write_tiff(promising_jbig(width, 32, fill_order)));
-        EXPECT_EQ(told + told_by_library, "");
+        expect_no_heap(write_tiff(jbig_claiming(width, 32, fill_order)));
+        EXPECT_EQ(printed + printed_by_library, "");
     }
 }
 

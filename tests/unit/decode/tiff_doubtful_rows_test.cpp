@@ -1,5 +1,5 @@
-// Rows of large strips that the library's rows find fault with: the strip is decoded once more in one
-// call, and that call's outcome alone counts.
+// Rows of large strips about which the row decoder of the library complains: the strip is decoded
+// again in one call, and only the outcome of that call counts.
 #include <algorithm>
 #include <vector>
 
@@ -21,11 +21,11 @@ protected:
     static std::vector<unsigned> black() { return {16, 128, 128}; }
 };
 
-// PackBits runs of 128 whatever the rows are, which the library's rows warn of and cut. The first
-// rows have runs of their own.
+// PackBits runs of 128 that ignore row boundaries. Decoding row by row the library warns of them
+// and truncates them. The first `whole_rows` rows have runs of their own.
 file_bytes runs_across_rows(uint32_t whole_rows)
 {
-    constexpr uint32_t longest = 128;
+    constexpr uint32_t max_run = 128;
     tiff_spec spec = plain_tiff(width, height, samples, 2);
     spec.set_short(259, {COMPRESSION_PACKBITS});
     file_bytes strip;
@@ -34,7 +34,7 @@ file_bytes runs_across_rows(uint32_t whole_rows)
         const uint32_t row = width * samples;
         const bool is_whole = left > row * (height - whole_rows);
         const uint32_t of_row = left % row == 0 ? row : left % row;
-        const uint32_t run = std::min({longest, left, is_whole ? of_row : left});
+        const uint32_t run = std::min({max_run, left, is_whole ? of_row : left});
         left -= run;
         strip.insert(strip.end(), {static_cast<unsigned char>(1 - static_cast<int>(run)),
                                    static_cast<unsigned char>(left / 100 % 200 + 30)});
@@ -43,16 +43,17 @@ file_bytes runs_across_rows(uint32_t whole_rows)
     return write_tiff(spec);
 }
 
-TEST_F(DecodeTiffDoubtfulRows, RunsAcrossRowsAreDrawnWithoutAWord)
+TEST_F(DecodeTiffDoubtfulRows, RunsAcrossRowsAreDrawnSilently)
 {
-    ASSERT_TRUE(expect_drawn_by_the_rules(runs_across_rows(0), {.before = 0x5A}));
-    EXPECT_EQ(told + told_by_library, "");
+    ASSERT_TRUE(expect_drawn_by_rules(runs_across_rows(0), {.before = 0x5A}));
+    EXPECT_EQ(printed + printed_by_library, "");
     const auto last = pixel(width - 1, height - 1);
     EXPECT_NE(last, pixel(0, 0));
 }
 
-// Whatever the rows have given by then: a codec may report success without having written everything.
-TEST_F(DecodeTiffDoubtfulRows, NothingOfDoubtfulRowsIsThereWhenTheStripIsDecodedAgain)
+// The rows decoded before must not remain, since a codec may report success without writing
+// everything.
+TEST_F(DecodeTiffDoubtfulRows, DoubtfulRowsAreClearedBeforeTheStripIsDecodedAgain)
 {
     constexpr uint32_t whole_rows = 10;
     constexpr int64_t strip_bytes = width * samples * height;
@@ -75,7 +76,7 @@ TEST_F(DecodeTiffDoubtfulRows, StripWithDoubtfulRowsIsNotDecodedAgainAfterASigna
     ASSERT_TRUE(open(runs_across_rows(0), 0x5A));
     failing_calls::plan.on_read = [] { DIE4 = 1; };
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told + told_by_library, "");
+    EXPECT_EQ(printed + printed_by_library, "");
     EXPECT_EQ(pixel(0, 0), black());
     EXPECT_EQ(pixel(width - 1, height - 1), black());
 }

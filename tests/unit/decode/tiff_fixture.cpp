@@ -45,8 +45,8 @@ std::vector<int> progress()
     return percentages;
 }
 
-// What the program itself printed, and what the library did.
-std::pair<std::string, std::string> parted(const std::string& printed)
+// The output of the program itself, and the lines of the library.
+std::pair<std::string, std::string> split_output(const std::string& printed)
 {
     std::pair<std::string, std::string> parts;
     std::istringstream lines(printed);
@@ -79,7 +79,7 @@ bool tiff_test::open(const file_bytes& file, unsigned char before)
         layout_full_size();
         scripted::provide_buffer(image_decoded_size, before);
     }
-    told = testing::internal::GetCapturedStderr();
+    printed = testing::internal::GetCapturedStderr();
     return opened;
 }
 
@@ -87,7 +87,7 @@ int tiff_test::decode()
 {
     testing::internal::CaptureStderr();
     const int result = decode_by_photometric();
-    std::tie(told, told_by_library) = parted(testing::internal::GetCapturedStderr());
+    std::tie(printed, printed_by_library) = split_output(testing::internal::GetCapturedStderr());
     return result;
 }
 
@@ -96,8 +96,7 @@ void tiff_test::decode_directly()
     decode_by_photometric();
 }
 
-bool tiff_test::expect_drawn_by_the_rules(const file_bytes& file,
-                                          const tiff_literal_options& options)
+bool tiff_test::expect_drawn_by_rules(const file_bytes& file, const tiff_literal_options& options)
 {
     start_anew();
     if (!open(file, options.before)) {
@@ -108,7 +107,7 @@ bool tiff_test::expect_drawn_by_the_rules(const file_bytes& file,
     }
     testing::internal::CaptureStderr();
     const tiff_literal_result wanted = draw_tiff_literally(file, options);
-    literally_told_by_library = parted(testing::internal::GetCapturedStderr()).second;
+    expected_from_library = split_output(testing::internal::GetCapturedStderr()).second;
     failing_calls::plan.tiff_read_strip = options.read_strip;
     scripted::plan.fail_mapping = static_cast<int>(options.failing_mapping);
     if (options.passes != ~size_t{0}) {
@@ -116,7 +115,7 @@ bool tiff_test::expect_drawn_by_the_rules(const file_bytes& file,
     }
     EXPECT_EQ(decode(), 0);
     EXPECT_TRUE(allocation() == wanted.allocation);
-    EXPECT_EQ(told, wanted.told);
+    EXPECT_EQ(printed, wanted.told);
     EXPECT_EQ(progress(), wanted.progress);
     return true;
 }

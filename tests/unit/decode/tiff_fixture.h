@@ -1,4 +1,4 @@
-// A fresh process, as far as the TIFF units can tell, and a TIFF opened in it.
+// Fixture of the TIFF tests: resets all state and opens a TIFF.
 #pragma once
 
 #include <string>
@@ -21,26 +21,25 @@ protected:
 
     static void start_anew();
 
-    // Examines `file`; when that goes well, lays the frame buffer out and fills it with `before`.
+    // Examines `file`; on success lays out the frame buffer and fills it with `before`.
     bool open(const file_bytes& file, unsigned char before = 0);
 
-    // By the photometric value. Keeps what is printed in `told`, the library's own lines in
-    // `told_by_library`.
+    // Runs the decoder for the photometric value. Stores what the program prints in `printed` and
+    // the library's lines in `printed_by_library`.
     int decode();
 
-    static void decode_directly(); // for death tests, which want standard error for themselves
+    static void decode_directly(); // for death tests, which capture standard error themselves
 
-    // Opens, decodes, and expects picture, messages and progress to be those of the rules. What
-    // `options` script goes for both sides. False when the file is refused.
-    bool expect_drawn_by_the_rules(const file_bytes& file,
-                                   const tiff_literal_options& options = {});
+    // Opens and decodes `file`. Picture, messages and progress must match the plain version of the
+    // rules; `options` apply to both. False when the file is refused.
+    bool expect_drawn_by_rules(const file_bytes& file, const tiff_literal_options& options = {});
 
     static file_bytes allocation(); // the whole frame buffer
 
     static unsigned sample(uint64_t offset, uint64_t stride, uint64_t x, uint64_t y);
     static std::vector<unsigned> pixel(uint64_t x, uint64_t y); // Y, U, V
 
-    std::string told;
-    std::string told_by_library;
-    std::string literally_told_by_library; // to the plain form of the rules
+    std::string printed;
+    std::string printed_by_library;
+    std::string expected_from_library; // while the plain version of the rules draws the file
 };

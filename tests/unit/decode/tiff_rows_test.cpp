@@ -1,5 +1,5 @@
-// Row converters against the rules, sample by sample, at every width up to 70 and around the runs
-// that they work in.
+// The row converters against the rules, sample by sample, at every width up to 70 and around the
+// block sizes of the converters.
 #include <csignal>
 
 #include "bin/decode/tiff_rows.h"
@@ -33,7 +33,7 @@ struct four_rows {
     bytes y, u, v, a;
 };
 
-constexpr size_t beyond = 9; // samples behind the row that must stay
+constexpr size_t beyond = 9; // samples after the row that must not change
 
 four_rows converted(tiff_model model, bool alpha, const bytes& source, size_t count, uint32_t bits)
 {
@@ -91,7 +91,7 @@ TEST(TiffRows, EightBitModelsAtEveryWidth)
     }
 }
 
-TEST(TiffRows, EveryInkUnderEveryBlack)
+TEST(TiffRows, EveryInkWithEveryBlack)
 {
     for (unsigned k = 0; k < 256; ++k) {
         bytes source;
@@ -114,7 +114,7 @@ TEST(TiffRows, FullInkIsBlackAndNoInkIsWhite)
     EXPECT_EQ((bytes{rows.y[1], rows.u[1], rows.v[1]}), (bytes{235, 128, 128}));
 }
 
-TEST(TiffRows, IndicesAreLookedUpByTheHighBytes)
+TEST(TiffRows, IndicesUseTheHighBytesOfTheColormap)
 {
     std::vector<uint16_t> red(256);
     std::vector<uint16_t> green(256);
@@ -135,7 +135,7 @@ TEST(TiffRows, IndicesAreLookedUpByTheHighBytes)
     }
 }
 
-TEST(TiffRows, BitsBecomeWholeGroupsOfEight)
+TEST(TiffRows, BitsAreExpandedInGroupsOfEight)
 {
     for (const bool white_is_zero : {false, true}) {
         set_tiff_bit_luma(white_is_zero);

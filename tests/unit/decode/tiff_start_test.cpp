@@ -1,4 +1,4 @@
-// What the TIFF decoders check, say and need before the first strip.
+// What the TIFF decoders check, report and allocate before the first strip.
 #include <csignal>
 
 #include "bin/examine/image_state.h"
@@ -51,7 +51,7 @@ constexpr invariant_case invariants[] = {
     {"image_chroma_y_shift == 0", [] { image_chroma_y_shift = 2; }},
 };
 
-TEST_F(DecodeTiffStart, BrokenInvariantsAbortInTheDecodersName)
+TEST_F(DecodeTiffStart, BrokenInvariantsAbortWithTheNameOfTheDecoder)
 {
     for (const decoder_case& decoder : decoders) {
         for (const invariant_case& invariant : invariants) {
@@ -59,7 +59,7 @@ TEST_F(DecodeTiffStart, BrokenInvariantsAbortInTheDecodersName)
             EXPECT_EXIT(
                 {
                     invariant.violate();
-                    // Not through the fixture, which keeps standard error back.
+                    // Called directly, since the fixture captures standard error.
                     decode_directly();
                 },
                 testing::KilledBySignal(SIGABRT),
@@ -94,16 +94,16 @@ TEST_F(DecodeTiffStart, SubsampledYcbcrPassesExaminationAndBreaksTheInvariant)
                 "full_decode_tiff_ycbcr.*image_chroma_x_shift == 0");
 }
 
-TEST_F(DecodeTiffStart, StripsOfMoreThanSixteenMebibytesAreWarnedOf)
+TEST_F(DecodeTiffStart, StripsAbove16MebibytesCauseAWarning)
 {
     for (const decoder_case& decoder : decoders) {
         ASSERT_TRUE(open(write_tiff(small(decoder.photometric, decoder.samples))));
         tiff_stripsize = 16777216;
         EXPECT_EQ(decode(), 0);
-        EXPECT_EQ(told, "");
+        EXPECT_EQ(printed, "");
         tiff_stripsize = 16777217;
         EXPECT_EQ(decode(), 0);
-        EXPECT_EQ(told,
+        EXPECT_EQ(printed,
                   "WARNING: TIFF uses large strip size. This is known to cause decoding bugs in "
                   "libtiff that may cause display problems.\n"
                   "         Consider re-saving the image in a program that subdivides the image "
@@ -113,17 +113,17 @@ TEST_F(DecodeTiffStart, StripsOfMoreThanSixteenMebibytesAreWarnedOf)
     }
 }
 
-TEST_F(DecodeTiffStart, NoMemoryForAStripIsToldAndFails)
+TEST_F(DecodeTiffStart, FailedStripAllocationIsReportedAndFails)
 {
     for (const decoder_case& decoder : decoders) {
         ASSERT_TRUE(open(write_tiff(small(decoder.photometric, decoder.samples)), 0x5A));
         const file_bytes before = allocation();
         failing_calls::plan.calloc = 1;
-        png_width = 7; // the PNG reader is cleaned up, too
-        const bool tells_itself = decoder.photometric == 6;
-        EXPECT_EQ(decode(), tells_itself ? 0 : -1);
-        EXPECT_EQ(told, std::string("Unable to allocate TIFF strip\n") +
-                            (tells_itself ? "WARNING: Failed to decode TIFF\n" : ""));
+        png_width = 7; // the clean-up includes the PNG reader
+        const bool reports_failure_itself = decoder.photometric == 6;
+        EXPECT_EQ(decode(), reports_failure_itself ? 0 : -1);
+        EXPECT_EQ(printed, std::string("Unable to allocate TIFF strip\n") +
+                               (reports_failure_itself ? "WARNING: Failed to decode TIFF\n" : ""));
         EXPECT_TRUE(allocation() == before);
         EXPECT_TRUE(scripted::log.status.empty());
         EXPECT_NE(tiff_image, nullptr);
@@ -132,9 +132,9 @@ TEST_F(DecodeTiffStart, NoMemoryForAStripIsToldAndFails)
     }
 }
 
-TEST_F(DecodeTiffStart, StripBufferHoldsTheRowsThatAPassCanAskFor)
+TEST_F(DecodeTiffStart, StripBufferHoldsTheRowsOfAPass)
 {
-    // Rows per strip, height, photometric value; the bytes that must be enough.
+    // Rows per strip, height, photometric value; the number of bytes that must be enough.
     const std::tuple<uint32_t, uint32_t, uint32_t, size_t> cases[] = {
         {0xFFFFFFFF, 10, 1, 10 * 8},  {0x80000001, 10, 1, 10 * 8}, {1, 10, 1, 8},
         {0xFFFFFFFF, 100, 1, 64 * 8}, {100, 100, 1, 64 * 8},       {3, 100, 2, 3 * 24},
@@ -157,29 +157,29 @@ TEST_F(DecodeTiffStart, StripBufferHoldsTheRowsThatAPassCanAskFor)
     }
 }
 
-TEST_F(DecodeTiffStart, MissingColormapIsToldAndFails)
+TEST_F(DecodeTiffStart, MissingColormapIsReportedAndFails)
 {
     ASSERT_TRUE(open(write_tiff(small(3, 1))));
     failing_calls::plan.tiff_tag = 320;
     EXPECT_EQ(decode(), -1);
-    EXPECT_EQ(told, "Unable to retrieve colormap\n");
+    EXPECT_EQ(printed, "Unable to retrieve colormap\n");
     EXPECT_TRUE(scripted::log.status.empty());
     for (const int colour : {0, 1, 2}) {
         failing_calls::plan = {};
         failing_calls::plan.tiff_null_colour = colour;
         EXPECT_EQ(decode(), -1);
-        EXPECT_EQ(told, "Unable to retrieve colormap\n");
+        EXPECT_EQ(printed, "Unable to retrieve colormap\n");
     }
     EXPECT_TRUE(scripted::log.status.empty());
 }
 
-TEST_F(DecodeTiffStart, MemoryIsMissedBeforeTheColormap)
+TEST_F(DecodeTiffStart, MemoryIsAllocatedBeforeTheColormapIsRead)
 {
     ASSERT_TRUE(open(write_tiff(small(3, 1))));
     failing_calls::plan.tiff_tag = 320;
     failing_calls::plan.calloc = 1;
     EXPECT_EQ(decode(), -1);
-    EXPECT_EQ(told, "Unable to allocate TIFF strip\n");
+    EXPECT_EQ(printed, "Unable to allocate TIFF strip\n");
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// The strip loop against the rules in plain form: heights of strips and pictures, failures, early
-// ends, and a library that answers oddly.
+// The strip loop against a plain version of the rules: heights of strips and pictures, failures,
+// early ends, and unusual results of the library.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -38,7 +38,7 @@ TEST_F(DecodeTiffStrips, EveryStripHeightAndHeightAroundABandOf64)
                 const auto file =
                     encode_tiff(picture(static_cast<uint16_t>(photometric),
                                         static_cast<uint16_t>(samples), height, strip));
-                ASSERT_TRUE(expect_drawn_by_the_rules(file, {.before = 0x5A}));
+                ASSERT_TRUE(expect_drawn_by_rules(file, {.before = 0x5A}));
                 EXPECT_EQ(tiff_stripheight, strip);
             }
         }
@@ -54,7 +54,7 @@ TEST_F(DecodeTiffStrips, EveryStripHeightAndHeightAroundABandOf2048)
                 const auto file =
                     encode_tiff(picture(static_cast<uint16_t>(photometric),
                                         static_cast<uint16_t>(samples), height, strip));
-                ASSERT_TRUE(expect_drawn_by_the_rules(file, {.before = 0x5A}));
+                ASSERT_TRUE(expect_drawn_by_rules(file, {.before = 0x5A}));
             }
         }
     }
@@ -68,13 +68,13 @@ TEST_F(DecodeTiffStrips, MappingFailuresEndTheDecodeInEachPlaneAndPass)
             for (size_t failing = 1; failing <= 10; ++failing) {
                 SCOPED_TRACE(testing::Message() << photometric << " " << samples << " " << failing);
                 ASSERT_TRUE(
-                    expect_drawn_by_the_rules(file, {.before = 0x5A, .failing_mapping = failing}));
+                    expect_drawn_by_rules(file, {.before = 0x5A, .failing_mapping = failing}));
             }
         }
     }
 }
 
-TEST_F(DecodeTiffStrips, AlphaThatCannotBeMappedIsToldAsVByTwoDecoders)
+TEST_F(DecodeTiffStrips, UnmappableAlphaIsReportedAsVByTwoDecoders)
 {
     for (const auto& [photometric, samples, planes, name] :
          {std::tuple{2, 4, 4, 'V'}, std::tuple{1, 2, 2, 'A'}, std::tuple{5, 5, 4, 'A'}}) {
@@ -82,15 +82,15 @@ TEST_F(DecodeTiffStrips, AlphaThatCannotBeMappedIsToldAsVByTwoDecoders)
             picture(static_cast<uint16_t>(photometric), static_cast<uint16_t>(samples), 9, 3))));
         scripted::plan.fail_mapping = planes;
         EXPECT_EQ(decode(), 0);
-        EXPECT_EQ(told, std::string("Failed to memory-map ") + name + " plane\n");
+        EXPECT_EQ(printed, std::string("Failed to memory-map ") + name + " plane\n");
         start_anew();
     }
-    // The library opens such pictures with three samples only.
+    // The library opens such pictures only with three samples.
     failing_calls::plan.tiff_samples = 4;
     ASSERT_TRUE(open(encode_tiff(picture(6, 3, 9, 3))));
     scripted::plan.fail_mapping = 4;
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, "Failed to memory-map V plane\n");
+    EXPECT_EQ(printed, "Failed to memory-map V plane\n");
 }
 
 TEST_F(DecodeTiffStrips, SignalsStopBeforeTheNextStrip)
@@ -100,7 +100,7 @@ TEST_F(DecodeTiffStrips, SignalsStopBeforeTheNextStrip)
             const auto file = encode_tiff(picture(photometric, samples, 150, strip));
             for (const size_t passes : {1U, 2U, 3U}) {
                 SCOPED_TRACE(testing::Message() << photometric << " " << samples << " " << passes);
-                ASSERT_TRUE(expect_drawn_by_the_rules(file, {.before = 0x5A, .passes = passes}));
+                ASSERT_TRUE(expect_drawn_by_rules(file, {.before = 0x5A, .passes = passes}));
             }
         }
     }
@@ -142,9 +142,9 @@ TEST_F(DecodeTiffStrips, TallStripIsFetchedOnce)
     EXPECT_EQ(scripted::log.idle_rounds, 10U);
 }
 
-// --- a library that answers oddly ---------------------------------------------------------------
+// --- unusual results of the library -------------------------------------------------------------
 
-// Bytes of the strip from the start, as if all of it were there.
+// Bytes of the strip from its start, as if it were complete.
 int64_t give(uint32_t strip, unsigned char* to, int64_t size)
 {
     const auto bytes = noise_bytes(static_cast<size_t>(size), strip + 7);
@@ -154,7 +154,7 @@ int64_t give(uint32_t strip, unsigned char* to, int64_t size)
 
 using reader = std::function<int64_t(uint32_t, unsigned char*, int64_t)>;
 
-// Each answer depends on the strip and the size alone, since the two sides may ask a different
+// Each result depends only on the strip and the size, since the two sides may call a different
 // number of times.
 const std::pair<const char*, reader> odd_readers[] = {
     {"whole", give},
@@ -198,11 +198,11 @@ const std::pair<const char*, reader> odd_readers[] = {
      }},
 };
 
-TEST_F(DecodeTiffStrips, OddAnswersOfTheLibrary)
+TEST_F(DecodeTiffStrips, UnusualResultsOfTheLibrary)
 {
     for (const auto& [photometric, samples] : models) {
         for (const uint16_t planes : {uint16_t{1}, uint16_t{2}}) {
-            // The strip of 150 is asked for again with fewer rows by the last pass.
+            // The last pass requests the strip of 150 rows again with fewer rows.
             for (const uint32_t strip : {3U, 70U, 150U}) {
                 encoded_tiff made = picture(photometric, samples, 150, strip);
                 made.planes = planes;
@@ -210,8 +210,7 @@ TEST_F(DecodeTiffStrips, OddAnswersOfTheLibrary)
                 for (const auto& [name, read] : odd_readers) {
                     SCOPED_TRACE(testing::Message() << photometric << " " << samples << " "
                                                     << planes << " " << strip << " " << name);
-                    ASSERT_TRUE(
-                        expect_drawn_by_the_rules(file, {.before = 0x5A, .read_strip = read}));
+                    ASSERT_TRUE(expect_drawn_by_rules(file, {.before = 0x5A, .read_strip = read}));
                 }
             }
         }
@@ -223,14 +222,14 @@ TEST_F(DecodeTiffStrips, ErrorsOfTheLibraryAreTooManyBytes)
     ASSERT_TRUE(open(encode_tiff(picture(2, 3, 9, 3))));
     failing_calls::plan.tiff_read_strip = [](uint32_t, unsigned char*, int64_t) { return -1; };
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, "TIFFReadEncodedStrip() returned too many bytes\n");
+    EXPECT_EQ(printed, "TIFFReadEncodedStrip() returned too many bytes\n");
     EXPECT_EQ(pixel(0, 0), (std::vector<unsigned>{16, 128, 128}));
 }
 
-TEST_F(DecodeTiffStrips, InterruptedReadsGoOn)
+TEST_F(DecodeTiffStrips, InterruptedReadsAreRetried)
 {
     const auto file = encode_tiff(picture(2, 3, 9, 3));
-    ASSERT_TRUE(expect_drawn_by_the_rules(file));
+    ASSERT_TRUE(expect_drawn_by_rules(file));
     const file_bytes undisturbed = allocation();
     for (int which = 1; which <= 3; ++which) {
         start_anew();
@@ -239,49 +238,50 @@ TEST_F(DecodeTiffStrips, InterruptedReadsGoOn)
         failing_calls::plan.read_errno = EINTR;
         EXPECT_EQ(decode(), 0);
         EXPECT_EQ(failing_calls::plan.read, 0);
-        EXPECT_EQ(told + told_by_library, "");
+        EXPECT_EQ(printed + printed_by_library, "");
         EXPECT_TRUE(allocation() == undisturbed);
     }
 }
 
-TEST_F(DecodeTiffStrips, ErrorOfTheDiskIsToldOnceAndEndsThePictureThere)
+TEST_F(DecodeTiffStrips, DiskErrorIsReportedOnceAndEndsThePicture)
 {
     encoded_tiff made = picture(2, 3, 9, 3);
     made.pixels.assign(size_t{9} * 5 * 3, 255);
     ASSERT_TRUE(open(encode_tiff(made)));
-    failing_calls::plan.read = 2; // the second strip
+    failing_calls::plan.read = 2; // of the second strip
     failing_calls::plan.read_errno = EIO;
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, "Error while reading the picture: Input/output error\n"
-                    "TIFFReadEncodedStrip() returned too many bytes\n");
+    EXPECT_EQ(printed, "Error while reading the picture: Input/output error\n"
+                       "TIFFReadEncodedStrip() returned too many bytes\n");
     EXPECT_EQ(pixel(4, 2), (std::vector<unsigned>{235, 128, 128}));
     EXPECT_EQ(pixel(0, 3), (std::vector<unsigned>{16, 128, 128}));
     EXPECT_EQ(pixel(4, 8), (std::vector<unsigned>{16, 128, 128}));
 }
 
-TEST_F(DecodeTiffStrips, EmptyReadsArePremature)
+TEST_F(DecodeTiffStrips, EmptyReadsAreReported)
 {
     ASSERT_TRUE(open(encode_tiff(picture(2, 3, 9, 3))));
     failing_calls::plan.tiff_read_strip = [](uint32_t, unsigned char*, int64_t) { return 0; };
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, "TIFFReadEncodedStrip() returned 0 prematurely\n");
+    EXPECT_EQ(printed, "TIFFReadEncodedStrip() returned 0 prematurely\n");
 }
 
-TEST_F(DecodeTiffStrips, ReadsAreCutToTheStripSizeAfterAWarning)
+TEST_F(DecodeTiffStrips, ReadsAreLimitedToTheStripSizeAfterAWarning)
 {
     const auto file = encode_tiff(picture(1, 1, 9, 9));
     ASSERT_TRUE(open(file));
     tiff_stripsize = 4 * 5 + 2;
     const auto wanted = draw_tiff_literally(file);
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, wanted.told);
-    EXPECT_EQ(told.find("WARNING: bytes for reading strip exceed recommended stripsize\n"), 0U);
+    EXPECT_EQ(printed, wanted.told);
+    EXPECT_EQ(printed.find("WARNING: bytes for reading strip exceed recommended stripsize\n"), 0U);
     EXPECT_TRUE(allocation() == wanted.allocation);
 }
 
-TEST_F(DecodeTiffStrips, NothingIsLeftOfAnEarlierStripInSeparatePlanes)
+TEST_F(DecodeTiffStrips, EarlierStripLeavesNothingInSeparatePlanes)
 {
-    // Rows of one sample, of which three are read: the last row's end lies behind the strip.
+    // The rows have one sample but three are read, so the end of the last row lies behind the
+    // strip.
     encoded_tiff made = picture(2, 3, 5, 5);
     made.planes = 2;
     made.pixels.assign(75, 255);

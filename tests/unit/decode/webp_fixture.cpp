@@ -46,7 +46,7 @@ void blacken(const std::vector<plain_plane>& planes, file_bytes& area)
     }
 }
 
-// Sample by sample: each below the picture's last chroma row is the one above it.
+// Sample by sample: each row below the picture's last chroma row is a copy of the row above it.
 void extend_chroma(const std::vector<plain_plane>& planes, file_bytes& area)
 {
     const auto drawn_rows = static_cast<uint64_t>((image_height + 1) / 2);
@@ -93,7 +93,7 @@ file_bytes noise(int width, int height, bool alpha, unsigned seed)
         rgba[i] = i % 4 == 3 && !alpha ? 255 : static_cast<unsigned char>(random());
     }
     if (alpha) {
-        rgba[3] = 77; // a single pixel is transparent, too
+        rgba[3] = 77; // makes a picture of one pixel transparent, too
     }
     return rgba;
 }
@@ -144,7 +144,7 @@ bool webp_test::open(const file_bytes& file, unsigned char before)
     if (examined) {
         layout_full_size();
     }
-    told = testing::internal::GetCapturedStderr();
+    printed = testing::internal::GetCapturedStderr();
     if (examined) {
         scripted::provide_buffer(image_decoded_size, before);
     }
@@ -155,7 +155,7 @@ int webp_test::decode()
 {
     testing::internal::CaptureStderr();
     const int result = full_decode_webp_yuv();
-    told = testing::internal::GetCapturedStderr();
+    printed = testing::internal::GetCapturedStderr();
     return result;
 }
 

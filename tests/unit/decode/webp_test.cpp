@@ -1,4 +1,4 @@
-// Good pictures, and what keeps a decoder from starting.
+// Valid pictures, and conditions that prevent a decode.
 #include <algorithm>
 #include <string_view>
 
@@ -33,8 +33,8 @@ void append_chunk(file_bytes& file, std::string_view name, const file_bytes& con
     file.resize(file.size() + content.size() % 2);
 }
 
-// The picture of a plain lossy file in a container that promises alpha and has none.
-file_bytes with_an_empty_promise_of_alpha(const file_bytes& lossy, int width, int height)
+// The picture of a plain lossy file in a container that announces alpha but has none.
+file_bytes with_missing_alpha(const file_bytes& lossy, int width, int height)
 {
     constexpr size_t riff_header = 12;
     constexpr unsigned char alpha_flag = 0x10;
@@ -48,7 +48,7 @@ file_bytes with_an_empty_promise_of_alpha(const file_bytes& lossy, int width, in
     return file;
 }
 
-TEST_F(WebpDecoding, PicturesOfManyKindsAreDrawnAsTheLibraryDrawsThem)
+TEST_F(WebpDecoding, PicturesOfManyKindsAreDrawnAsByTheLibrary)
 {
     for (const char* name :
          {"lossless-alpha.webp", "lossless-bricks.webp", "lossless-two-colours.webp",
@@ -58,14 +58,14 @@ TEST_F(WebpDecoding, PicturesOfManyKindsAreDrawnAsTheLibraryDrawsThem)
         const file_bytes file = webp_of_tests(name);
         ASSERT_TRUE(open(file)) << name;
         EXPECT_EQ(decode(), 0) << name;
-        EXPECT_EQ(told, decoded) << name;
+        EXPECT_EQ(printed, decoded) << name;
         EXPECT_EQ(scripted::log.status, std::vector<scripted::status_line>({{100, ""}})) << name;
         EXPECT_EQ(webp_image, nullptr) << name;
         EXPECT_TRUE(allocation() == assembled_from_own_planes(file)) << name;
     }
 }
 
-TEST_F(WebpDecoding, EverySizeUpToThirtyThreeEndsAsByTheRules)
+TEST_F(WebpDecoding, EverySizeUpTo33IsDrawnByTheRules)
 {
     for (int width = 1; width <= 33; ++width) {
         for (int height = 1; height <= 33; ++height) {
@@ -79,7 +79,7 @@ TEST_F(WebpDecoding, EverySizeUpToThirtyThreeEndsAsByTheRules)
     }
 }
 
-TEST_F(WebpDecoding, EverySizeWithAlphaEndsAsByTheRules)
+TEST_F(WebpDecoding, EverySizeWithAlphaIsDrawnByTheRules)
 {
     for (int size = 1; size <= 33; ++size) {
         const int other = size * 7 % 33 + 1;
@@ -95,7 +95,7 @@ TEST_F(WebpDecoding, EverySizeWithAlphaEndsAsByTheRules)
     }
 }
 
-TEST_F(WebpDecoding, PaddingIsBlackAndLumaBelowThePictureIsLeft)
+TEST_F(WebpDecoding, PaddingIsBlackAndLumaBelowThePictureIsUnchanged)
 {
     ASSERT_TRUE(open(lossless_webp(17, 17, noise(17, 17, true)), 0x55));
     ASSERT_EQ(decode(), 0);
@@ -133,21 +133,21 @@ TEST_F(WebpDecoding, ChromaRowsBelowThePictureRepeatItsLast)
     }
 }
 
-TEST_F(WebpDecoding, PromisedAlphaThatIsNotThereIsOpaque)
+TEST_F(WebpDecoding, AnnouncedAlphaThatIsMissingIsOpaque)
 {
     const file_bytes file =
-        with_an_empty_promise_of_alpha(lossy_webp(21, 19, noise(21, 19, false), 60), 21, 19);
+        with_missing_alpha(lossy_webp(21, 19, noise(21, 19, false), 60), 21, 19);
     ASSERT_TRUE(open(file));
     ASSERT_EQ(image_has_alpha_channel, 1);
     ASSERT_EQ(decode(), 0);
-    EXPECT_EQ(told, decoded);
+    EXPECT_EQ(printed, decoded);
     for (uint64_t y = 0; y < 19; ++y) {
         const unsigned char* row = scripted::buffer() + image_offset_A + y * image_stride_A;
         EXPECT_THAT(file_bytes(row, row + 21), Each(255));
     }
 }
 
-TEST_F(WebpDecoding, PlanesAreMappedOnceEach)
+TEST_F(WebpDecoding, EachPlaneIsMappedOnce)
 {
     ASSERT_TRUE(open(lossy_webp(20, 20, noise(20, 20, false), 60)));
     ASSERT_EQ(decode(), 0);
@@ -157,13 +157,13 @@ TEST_F(WebpDecoding, PlanesAreMappedOnceEach)
     EXPECT_EQ(scripted::log.mappings, 4U);
 }
 
-TEST_F(WebpDecoding, GoodPictureIsDrawnInSpiteOfASignal)
+TEST_F(WebpDecoding, ValidPictureIsDrawnDespiteASignal)
 {
     const file_bytes file = lossy_webp(20, 20, noise(20, 20, false), 60);
     ASSERT_TRUE(open(file));
     DIE4 = 1;
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, decoded);
+    EXPECT_EQ(printed, decoded);
     EXPECT_TRUE(allocation() == drawn_by_the_rules(file).area);
 }
 
@@ -177,21 +177,21 @@ TEST_F(WebpDecoding, CleanUpAfterwardsMayRunTwice)
     free_all_webp();
 }
 
-// --- what keeps it from starting ----------------------------------------------------------------
+// --- conditions that prevent a decode -----------------------------------------------------------
 
 class WebpRefusal : public webp_test {
 protected:
     void expect_nothing_drawn(const std::string& message)
     {
         EXPECT_EQ(decode(), -1);
-        EXPECT_EQ(told, message + "WARNING: Failed to decode WebP\n");
+        EXPECT_EQ(printed, message + "WARNING: Failed to decode WebP\n");
         EXPECT_THAT(scripted::log.status, IsEmpty());
         EXPECT_EQ(webp_image, nullptr);
         EXPECT_THAT(allocation(), Each(0x55));
     }
 };
 
-TEST_F(WebpRefusal, LibraryThatCannotBeSetUp)
+TEST_F(WebpRefusal, LibraryThatCannotBeInitialised)
 {
     ASSERT_TRUE(open(lossy_webp(20, 20, noise(20, 20, false), 60), 0x55));
     failing_calls::plan.webp_init = 1;
@@ -200,7 +200,7 @@ TEST_F(WebpRefusal, LibraryThatCannotBeSetUp)
     EXPECT_FALSE(webp_deccfg_init);
 }
 
-TEST_F(WebpRefusal, PlaneThatCannotBeMapped)
+TEST_F(WebpRefusal, UnmappablePlane)
 {
     const char* const messages[] = {
         "Failed to memory-map Y plane\n", "Failed to memory-map U plane\n",
@@ -213,7 +213,7 @@ TEST_F(WebpRefusal, PlaneThatCannotBeMapped)
     }
 }
 
-TEST_F(WebpRefusal, MappedRangesAreThePlanesInFullAndNoMore)
+TEST_F(WebpRefusal, MappedRangesAreExactlyThePlanes)
 {
     const file_bytes file = lossless_webp(17, 17, noise(17, 17, true));
     ASSERT_TRUE(open(file));
@@ -230,7 +230,7 @@ TEST_F(WebpRefusal, MappedRangesAreThePlanesInFullAndNoMore)
     ASSERT_TRUE(open(file));
     scripted::plan.unmappable = {image_scanline_data_buffer_offset, 1};
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(told, decoded);
+    EXPECT_EQ(printed, decoded);
 }
 
 using WebpDecodingDeathTest = webp_test;
@@ -241,7 +241,7 @@ TEST_F(WebpDecodingDeathTest, NoPictureInMemory)
     EXPECT_DEATH(full_decode_webp_yuv(), "full_decode_webp_yuv.*webp_image != __null");
 }
 
-TEST_F(WebpDecodingDeathTest, PictureOfNoBytes)
+TEST_F(WebpDecodingDeathTest, PictureOfZeroBytes)
 {
     ASSERT_TRUE(open(lossy_webp(20, 20, noise(20, 20, false), 60)));
     webp_size = 0;

@@ -206,7 +206,7 @@ TEST_F(PendingFiles, LaterFilesHaveHigherNumbers)
     EXPECT_EQ(loaded(), "2");
 }
 
-// --- processes that have died ---------------------------------------------------------------------
+// --- processes that have died --------------------------------------------------------------------
 
 TEST_F(PendingFiles, OfDeadProcessesAreWrittenByTheNextStart)
 {
@@ -380,7 +380,7 @@ TEST_F(PendingFiles, MarkThatCannotBeRemovedKeepsItsTemporaryFile)
     EXPECT_EQ(folder.read("metadata"), "z = 0\nb = 2\na = 1\nc = 3\n");
 }
 
-// --- files that others may have put there ---------------------------------------------------------
+// --- files that others may have put there --------------------------------------------------------
 
 TEST_F(PendingFiles, OtherKindsOfFilesAreSkipped)
 {

@@ -8,7 +8,7 @@ using platform::checked_add;
 using platform::checked_multiply;
 using platform::saturating_add;
 
-TEST(CheckedMath, SumsThatFitAreGiven)
+TEST(CheckedMath, SumsThatFitAreReturned)
 {
     uint64_t sum = 0;
     ASSERT_TRUE(checked_add(UINT64_MAX - 1, 1, &sum));
@@ -21,7 +21,7 @@ TEST(CheckedMath, SumsThatWrapAreRefused)
     EXPECT_FALSE(checked_add(UINT64_MAX, 1, &sum));
 }
 
-TEST(CheckedMath, ProductsThatFitAreGiven)
+TEST(CheckedMath, ProductsThatFitAreReturned)
 {
     uint64_t product = 0;
     ASSERT_TRUE(checked_multiply(UINT64_C(1) << 32, (UINT64_C(1) << 32) - 1, &product));
@@ -34,7 +34,7 @@ TEST(CheckedMath, ProductsThatWrapAreRefused)
     EXPECT_FALSE(checked_multiply(UINT64_C(1) << 32, UINT64_C(1) << 32, &product));
 }
 
-TEST(CheckedMath, SaturatingSumStaysAtTheTop)
+TEST(CheckedMath, SaturatingSumStopsAtTheMaximum)
 {
     EXPECT_EQ(saturating_add(5, 6), 11U);
     EXPECT_EQ(saturating_add(UINT64_MAX, 6), UINT64_MAX);

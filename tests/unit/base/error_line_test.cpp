@@ -24,13 +24,13 @@ TEST(ErrorLine, NamesPathAndReason)
               "Cannot open file '/a/b.png': it is gone\n");
 }
 
-TEST(ErrorLine, HostilePathStaysOneLineAndNoFormat)
+TEST(ErrorLine, HostilePathStaysOnOneLineAndIsNoFormat)
 {
     EXPECT_EQ(printed("Cannot open file", "a\n\x1B[2J%n%s\xFF", "no"),
               "Cannot open file 'a\\x0A\\x1B[2J%n%s\\xFF': no\n");
 }
 
-TEST(ErrorLine, ErrorNumberGivesTheSystemsText)
+TEST(ErrorLine, ErrorNumberIsPrintedAsTheSystemsText)
 {
     testing::internal::CaptureStderr();
     platform::error_line("Cannot open file", "x", ENOENT);
@@ -38,7 +38,7 @@ TEST(ErrorLine, ErrorNumberGivesTheSystemsText)
               "Cannot open file 'x': No such file or directory\n");
 }
 
-TEST(ErrorLine, LineThatCannotBeWrittenIsNoErrorAndKeepsErrno)
+TEST(ErrorLine, FailedWriteIsIgnoredAndKeepsErrno)
 {
     EXPECT_EQ(run_in_child([] {
                   const platform::unique_fd full(platform::open_file("/dev/full", O_WRONLY));

@@ -45,7 +45,7 @@ std::string pattern(size_t size)
     return text;
 }
 
-// A timer signal every millisecond whose handler does not let system calls go on by themselves.
+// A timer signal every millisecond, whose handler does not restart interrupted system calls.
 class interrupting_timer {
 public:
     interrupting_timer()
@@ -72,7 +72,7 @@ private:
     struct sigaction old_action_ = {};
 };
 
-// Blocks the timer's signal in the calling thread, so that it meets the other one.
+// Blocks the timer's signal in the calling thread, so that the other thread receives it.
 void block_timer_signal()
 {
     sigset_t set;
@@ -81,7 +81,7 @@ void block_timer_signal()
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-TEST(FdIo, ReadGathersWhatComesInParts)
+TEST(FdIo, ReadContinuesAfterPartialReads)
 {
     pipe_ends ends = make_pipe();
     const std::string sent = pattern(10);
@@ -116,7 +116,7 @@ TEST(FdIo, ReadFailureIsAnErrorEvenAfterSomeBytes)
     EXPECT_EQ(errno, EAGAIN);
 }
 
-TEST(FdIo, PreadTakesBytesFromTheOffsetAndLeavesThePosition)
+TEST(FdIo, PreadReadsAtTheOffsetAndKeepsThePosition)
 {
     const temporary_folder folder;
     const unique_fd fd(platform::open_file(folder.write("f", "0123456789").c_str(), O_RDONLY));
@@ -127,7 +127,7 @@ TEST(FdIo, PreadTakesBytesFromTheOffsetAndLeavesThePosition)
     EXPECT_EQ(lseek(fd.get(), 0, SEEK_CUR), 0);
 }
 
-TEST(FdIo, PwriteFillsTheOffset)
+TEST(FdIo, PwriteWritesAtTheOffset)
 {
     const temporary_folder folder;
     const unique_fd fd(platform::open_file(folder.write("f", "0123456789").c_str(), O_RDWR));
@@ -143,13 +143,13 @@ TEST(FdIo, WriteToAFullDeviceIsAnError)
     EXPECT_EQ(errno, ENOSPC);
 }
 
-TEST(FdIo, OpenedFilesDoNotSurviveAnExec)
+TEST(FdIo, OpenedFilesAreClosedOnExec)
 {
     const unique_fd fd(platform::open_file("/dev/null", O_RDONLY));
     EXPECT_EQ(fcntl(fd.get(), F_GETFD), FD_CLOEXEC);
 }
 
-TEST(FdIo, OpenTellsWhyItFailed)
+TEST(FdIo, OpenReportsTheReasonOfAFailure)
 {
     EXPECT_EQ(platform::open_file("/nonexistent/file", O_RDONLY), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -173,7 +173,7 @@ TEST(FdIo, LongTransfersSurviveATimerSignal)
     EXPECT_EQ(received, sent);
 }
 
-TEST(FdIo, WaitingReadSurvivesATimerSignal)
+TEST(FdIo, BlockingReadSurvivesATimerSignal)
 {
     pipe_ends ends = make_pipe();
     const interrupting_timer timer;

@@ -45,7 +45,7 @@ TEST(FileLock, ReleasedLockIsFree)
     EXPECT_EQ(second.take(folder.fd(), "l", 0), lock_result::TAKEN);
 }
 
-TEST(FileLock, WaitsUntilTheHolderLeaves)
+TEST(FileLock, WaitsUntilTheHolderReleases)
 {
     const temporary_folder folder;
     file_lock holder;
@@ -54,13 +54,13 @@ TEST(FileLock, WaitsUntilTheHolderLeaves)
         file_lock lock;
         return lock.take(folder.fd(), "l", 60'000'000) == lock_result::TAKEN ? 0 : 1;
     });
-    // Let go of by name: the child has inherited the holder's descriptor.
+    // Released explicitly, since the child has inherited the descriptor.
     holder.release();
     EXPECT_EQ(waiting.wait(), 0);
 }
 
-// Takes the lock again and again, removing its file each time. 0 when what was locked always was the
-// file of that name.
+// Takes the lock repeatedly and removes its file each time. Returns 0 when the locked file always
+// was the file of that name.
 int lock_and_remove(const temporary_folder& folder)
 {
     constexpr int rounds = 3000;
@@ -77,7 +77,7 @@ int lock_and_remove(const temporary_folder& folder)
     return 0;
 }
 
-TEST(FileLock, FileThatItsHolderRemovesIsNotTakenForTheLock)
+TEST(FileLock, FileRemovedByItsHolderDoesNotCountAsTheLock)
 {
     const temporary_folder folder;
     child_process first([&] { return lock_and_remove(folder); });
@@ -96,7 +96,7 @@ TEST(FileLock, StopEndsTheWait)
     EXPECT_EQ(second.take(folder.fd(), "l", UINT64_MAX, &stop), lock_result::BUSY);
 }
 
-TEST(FileLock, ForkedChildHoldsItAfterItsParent)
+TEST(FileLock, ForkedChildHoldsItAfterItsParentEnds)
 {
     const temporary_folder folder;
     int go[2] = {};
@@ -119,7 +119,7 @@ TEST(FileLock, ForkedChildHoldsItAfterItsParent)
     close(go[0]);
 }
 
-TEST(FileLock, LockGoesWithAKilledHolder)
+TEST(FileLock, LockEndsWithAKilledHolder)
 {
     const temporary_folder folder;
     int ready[2] = {};
@@ -144,7 +144,7 @@ TEST(FileLock, LockGoesWithAKilledHolder)
     close(ready[1]);
 }
 
-TEST(FileLock, OnlyARegularFileOfThatNameIsLocked)
+TEST(FileLock, OnlyARegularFileIsLocked)
 {
     const temporary_folder folder;
     folder.write("real", "");

@@ -20,7 +20,7 @@ mode_t mode_of(const std::string& path)
     return status.st_mode & 07777U;
 }
 
-TEST(Folders, MissingFoldersAreMadePrivate)
+TEST(Folders, MissingFoldersAreCreatedPrivate)
 {
     const temporary_folder base;
     ASSERT_EQ(platform::make_folders(base.path("a/b//c/").c_str()), 0);
@@ -28,7 +28,7 @@ TEST(Folders, MissingFoldersAreMadePrivate)
     EXPECT_EQ(mode_of(base.path("a/b/c")), 0700U);
 }
 
-TEST(Folders, FoldersThatAreThereAreLeftAsTheyAre)
+TEST(Folders, ExistingFoldersAreUnchanged)
 {
     const temporary_folder base;
     ASSERT_EQ(mkdir(base.path("a").c_str(), 0755), 0);
@@ -38,7 +38,7 @@ TEST(Folders, FoldersThatAreThereAreLeftAsTheyAre)
     EXPECT_EQ(platform::make_folders("/"), 0);
 }
 
-TEST(Folders, FileInTheWayIsTold)
+TEST(Folders, FileInTheWayIsReported)
 {
     const temporary_folder base;
     base.write("file", "");
@@ -48,7 +48,7 @@ TEST(Folders, FileInTheWayIsTold)
     EXPECT_EQ(errno, ENOTDIR);
 }
 
-TEST(Folders, FolderThatCannotBeLookedAtIsToldWithTheTrueReason)
+TEST(Folders, UnreadableFolderIsReportedWithItsReason)
 {
     const temporary_folder base;
     const std::string path = base.path();
@@ -61,7 +61,7 @@ TEST(Folders, FolderThatCannotBeLookedAtIsToldWithTheTrueReason)
               0);
 }
 
-TEST(Folders, TooLongANameIsTold)
+TEST(Folders, TooLongNameIsReported)
 {
     const temporary_folder base;
     EXPECT_EQ(platform::make_folders(base.path(std::string(256, 'n')).c_str()), -1);
@@ -84,7 +84,7 @@ TEST(Folders, PrivateFolderIsOpened)
     EXPECT_TRUE(platform::open_private_folder(base.path().c_str()));
 }
 
-TEST(Folders, FolderOpenToOthersIsNotPrivate)
+TEST(Folders, FolderAccessibleToOthersIsNotPrivate)
 {
     const temporary_folder base;
     ASSERT_EQ(chmod(base.path().c_str(), 0710), 0);
@@ -103,7 +103,7 @@ TEST(Folders, LinkIsNotPrivate)
 TEST(Folders, FolderOfAnotherUserIsNotPrivate)
 {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs the right to give a folder away";
+        GTEST_SKIP() << "needs root to give a folder away";
     }
     const temporary_folder base;
     ASSERT_EQ(chown(base.path().c_str(), unprivileged_user, unprivileged_user), 0);
@@ -111,7 +111,7 @@ TEST(Folders, FolderOfAnotherUserIsNotPrivate)
     EXPECT_EQ(errno, EPERM);
 }
 
-TEST(Folders, NamesInAFolderAreAllOfThem)
+TEST(Folders, NamesInAFolderAreComplete)
 {
     const temporary_folder base;
     base.write("a", "");
@@ -119,7 +119,7 @@ TEST(Folders, NamesInAFolderAreAllOfThem)
     const platform::unique_fd folder = platform::open_folder(base.path().c_str());
     EXPECT_THAT(platform::names_in_folder(folder.get()),
                 testing::UnorderedElementsAre(".", "..", "a", ".b"));
-    EXPECT_THAT(platform::names_in_folder(folder.get()), testing::SizeIs(4)); // once more
+    EXPECT_THAT(platform::names_in_folder(folder.get()), testing::SizeIs(4)); // again
     EXPECT_THAT(platform::names_in_folder(-1), testing::IsEmpty());
 }
 

@@ -31,7 +31,7 @@ TEST(Mapping, SharesTheBytesOfAFile)
     EXPECT_EQ(folder.read("f"), "aXc");
 }
 
-TEST(Mapping, RefusalIsAnEmptyMapping)
+TEST(Mapping, FailureGivesAnEmptyMapping)
 {
     EXPECT_FALSE(mapping::shared(-1, 0, 4096, PROT_READ));
     EXPECT_EQ(errno, EBADF);
@@ -39,12 +39,12 @@ TEST(Mapping, RefusalIsAnEmptyMapping)
     EXPECT_EQ(errno, EOVERFLOW);
 }
 
-TEST(Mapping, MovesAndEndsOnce)
+TEST(Mapping, MovesAndUnmapsOnce)
 {
     void* page = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     mapping first(page, 4096);
     mapping second(std::move(first));
-    EXPECT_FALSE(first); // NOLINT(bugprone-use-after-move): emptied, which is what is tested
+    EXPECT_FALSE(first); // NOLINT(bugprone-use-after-move): this is what is tested
     mapping third;
     third = std::move(second);
     EXPECT_EQ(third.data(), page);

@@ -43,7 +43,7 @@ TEST(OpenFiles, ClosedDescriptorHasNone)
     EXPECT_EQ(open_files().find(folder.path("f")), std::string::npos);
 }
 
-TEST(OpenFiles, ListingItselfIsNotListed)
+TEST(OpenFiles, DescriptorOfTheListingIsNotListed)
 {
     EXPECT_EQ(open_files().find("/proc/"), std::string::npos) << open_files();
     EXPECT_EQ(open_files().find(": ?\n"), std::string::npos) << open_files();
@@ -59,7 +59,7 @@ TEST(OpenFiles, HostileNameStaysOnItsLine)
 
 TEST(Adam7, PassesCoverEveryRowOfABlock)
 {
-    // Rows of an 8 x 8 block in each pass, as the PNG specification draws them.
+    // The rows of an 8 x 8 block in each pass, by the PNG specification.
     const std::set<int> rows[7] = {{0}, {0}, {4}, {0, 4}, {2, 6}, {0, 2, 4, 6}, {1, 3, 5, 7}};
     for (size_t pass = 0; pass < 7; ++pass) {
         std::set<int> found;
@@ -70,7 +70,7 @@ TEST(Adam7, PassesCoverEveryRowOfABlock)
     }
 }
 
-TEST(GammaTable, HoldsLinearLightOfEverySample)
+TEST(GammaTable, HasTheLinearLightOfEverySample)
 {
     dac8_gamma22_init_do();
     dac8_gamma22_init_do();

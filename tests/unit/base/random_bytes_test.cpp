@@ -11,7 +11,7 @@ TEST(RandomBytes, FillsAllOfALongRange)
 {
     std::array<unsigned char, 4096> bytes = {};
     ASSERT_EQ(platform::random_bytes(bytes.data(), bytes.size()), 0);
-    // 64 zeros in a row happen once in 2^512 / 4096 tries.
+    // A run of 64 zeros occurs once in 2^512 / 4096 attempts.
     EXPECT_EQ(std::search_n(bytes.begin(), bytes.end(), 64, 0), bytes.end());
 }
 

@@ -45,7 +45,7 @@ TEST_F(ReplaceFile, NewFileGetsContentsAndMode)
     EXPECT_EQ(folder.names(), strings{"f"});
 }
 
-TEST_F(ReplaceFile, EmptyContentsAreFine)
+TEST_F(ReplaceFile, EmptyContentsAreAllowed)
 {
     folder.write("f", "old");
     ASSERT_EQ(replace(folder, "", &failure), 0);
@@ -65,7 +65,7 @@ TEST_F(ReplaceFile, ModeOfAnOldFileIsKept)
 TEST_F(ReplaceFile, OwnerOfAnOldFileIsKept)
 {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs the right to give a file away";
+        GTEST_SKIP() << "needs root to give a file away";
     }
     folder.write("f", "old");
     ASSERT_EQ(chown(folder.path("f").c_str(), 12, 34), 0);
@@ -79,11 +79,11 @@ TEST_F(ReplaceFile, OwnerOfAnOldFileIsKept)
 TEST_F(ReplaceFile, OwnerThatCannotBeKeptIsNoFailure)
 {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs the right to give a file away";
+        GTEST_SKIP() << "needs root to give a file away";
     }
     folder.write("f", "old");
     ASSERT_EQ(chown(folder.path("f").c_str(), 12, 34), 0);
-    failing_files::arm(3, fate::FAIL, EPERM); // open_at, write, change_owner
+    failing_files::arm(3, fate::FAIL, EPERM); // the third call, after open_at and write
     ASSERT_EQ(replace(folder, "new", &failure), 0);
     EXPECT_EQ(failing_files::calls()[2], "change_owner");
     EXPECT_EQ(folder.read("f"), "new");
@@ -105,7 +105,7 @@ TEST_F(ReplaceFile, ShortWritesAreContinued)
     EXPECT_EQ(folder.read("f"), "many bytes");
 }
 
-TEST_F(ReplaceFile, StepsComeInTheSafeOrder)
+TEST_F(ReplaceFile, StepsAreInASafeOrder)
 {
     folder.write("f", "old");
     ASSERT_EQ(replace(folder, "new", &failure), 0);
@@ -115,19 +115,19 @@ TEST_F(ReplaceFile, StepsComeInTheSafeOrder)
 
 struct failing_step {
     int call;
-    const char* told;
+    const char* reported;
 };
 
 class ReplaceFileFailure : public testing::TestWithParam<failing_step> {};
 
-TEST_P(ReplaceFileFailure, LeavesTheOldFileAndNothingElse)
+TEST_P(ReplaceFileFailure, KeepsTheOldFileAndLeavesNothingElse)
 {
     const temporary_folder folder;
     folder.write("f", "old");
     failing_files::arm(GetParam().call, fate::FAIL, EIO);
     replace_failure failure;
     EXPECT_EQ(replace(folder, "new", &failure), -1);
-    EXPECT_STREQ(failure.step, GetParam().told);
+    EXPECT_STREQ(failure.step, GetParam().reported);
     EXPECT_EQ(failure.error_number, EIO);
     EXPECT_FALSE(failure.replaced);
     EXPECT_EQ(folder.read("f"), "old");
@@ -139,7 +139,7 @@ INSTANTIATE_TEST_SUITE_P(EachStep, ReplaceFileFailure,
                                          failing_step{3, "set the mode of"},
                                          failing_step{4, "sync"}, failing_step{5, "rename"}));
 
-TEST_F(ReplaceFile, FailingSyncOfTheFolderIsToldWithTheNewFileInPlace)
+TEST_F(ReplaceFile, FailingFolderSyncIsReportedAndTheNewFileStays)
 {
     folder.write("f", "old");
     failing_files::arm(6, fate::FAIL, EIO);
@@ -169,7 +169,7 @@ TEST_F(ReplaceFile, KillAtEveryStepLeavesTheOldOrTheNewFile)
     }
 }
 
-TEST_F(ReplaceFile, LeftoversOfDeadWritersAreRemovedAlone)
+TEST_F(ReplaceFile, OnlyLeftoversOfDeadWritersAreRemoved)
 {
     folder.write("f.tmp-0123", "");
     folder.write("f.tmp-4567", "");
@@ -180,7 +180,7 @@ TEST_F(ReplaceFile, LeftoversOfDeadWritersAreRemovedAlone)
     EXPECT_EQ(folder.names(), (strings{"f", "f.damaged-1", "other.tmp-1"}));
 }
 
-TEST_F(ReplaceFile, NewNameIsNeverTakenFromAnotherFile)
+TEST_F(ReplaceFile, NewNameNeverReplacesAnotherFile)
 {
     folder.write("from", "1");
     folder.write("to", "2");

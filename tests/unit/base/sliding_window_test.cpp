@@ -33,7 +33,7 @@ protected:
     platform::unique_fd fd{platform::open_file(folder.write("f", "0123456789").c_str(), O_RDONLY)};
 };
 
-TEST_F(SlidingWindow, IsEmptyBeforeItsFirstLook)
+TEST_F(SlidingWindow, IsEmptyBeforeItsFirstRead)
 {
     const window_owner window = new_window(4, fd.get());
     EXPECT_EQ(window->buffer, nullptr);
@@ -42,7 +42,7 @@ TEST_F(SlidingWindow, IsEmptyBeforeItsFirstLook)
     EXPECT_EQ(window->fd, fd.get());
 }
 
-TEST_F(SlidingWindow, ShowsTheBytesAsked)
+TEST_F(SlidingWindow, ShowsTheRequestedBytes)
 {
     const window_owner window = new_window(4, fd.get());
     EXPECT_NE(sliding_window_v4_mmap_lazy_lseek(window.get(), 2, 3), 0);
@@ -63,7 +63,7 @@ TEST_F(SlidingWindow, EndsWithTheFile)
     EXPECT_EQ(in_view(window), "789");
 }
 
-TEST_F(SlidingWindow, LeavesTheDescriptorsPositionAndTheDescriptor)
+TEST_F(SlidingWindow, KeepsTheDescriptorOpenAndItsPosition)
 {
     {
         const window_owner window = new_window(4, fd.get());
@@ -72,7 +72,7 @@ TEST_F(SlidingWindow, LeavesTheDescriptorsPositionAndTheDescriptor)
     EXPECT_EQ(lseek(fd.get(), 0, SEEK_CUR), 0);
 }
 
-TEST_F(SlidingWindow, NothingToReadEmptiesIt)
+TEST_F(SlidingWindow, ReadOfNothingEmptiesIt)
 {
     const window_owner window = new_window(4, fd.get());
     for (const uint64_t offset : {UINT64_C(10), UINT64_MAX - 1, UINT64_MAX, UINT64_C(1) << 63}) {
@@ -107,14 +107,14 @@ TEST_F(SlidingWindow, MoreThanTheMachineHasIsRefused)
     EXPECT_EQ(sliding_window_v4_create_mmap(SIZE_MAX / 2, fd.get()), nullptr);
 }
 
-TEST_F(SlidingWindow, DestroyTakesNullAndGivesNull)
+TEST_F(SlidingWindow, DestroyAcceptsAndReturnsNull)
 {
     EXPECT_EQ(sliding_window_v4_destroy(nullptr), nullptr);
     EXPECT_EQ(sliding_window_v4_destroy(sliding_window_v4_create_mmap(4, fd.get())), nullptr);
 }
 
-// A mapping in its place would end this test with SIGBUS.
-TEST_F(SlidingWindow, FileCutInALoopIsReadWithoutHarm)
+// A mapping in place of the window would end this test with SIGBUS.
+TEST_F(SlidingWindow, FileTruncatedRepeatedlyIsReadSafely)
 {
     constexpr int rounds = 10000;
     constexpr size_t full = 128 << 10;
@@ -131,7 +131,7 @@ TEST_F(SlidingWindow, FileCutInALoopIsReadWithoutHarm)
     const window_owner window = new_window(4 << 20, cut.get());
     int cut_rounds = 0;
     int full_rounds = 0;
-    // As many rounds as it takes to have met both states, once the cutter runs.
+    // Runs until both states have occurred, once the truncating thread runs.
     while (cut_rounds + full_rounds < rounds || cut_rounds == 0 || full_rounds == 0) {
         ASSERT_NE(sliding_window_v4_mmap_lazy_lseek(window.get(), 0, 4 << 20), 0);
         const std::string_view bytes = in_view(window);

@@ -14,7 +14,7 @@ uint64_t system_clock_us()
            static_cast<uint64_t>(now.tv_nsec) / 1000;
 }
 
-TEST(MonotonicClock, LiesBetweenTwoReadingsOfTheSystems)
+TEST(MonotonicClock, LiesBetweenTwoReadingsOfTheSystemClock)
 {
     for (int i = 0; i < 1000; ++i) {
         const uint64_t before = system_clock_us();

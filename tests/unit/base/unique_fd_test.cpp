@@ -20,7 +20,7 @@ bool is_open(int fd)
     return fcntl(fd, F_GETFD) >= 0;
 }
 
-TEST(UniqueFd, HoldsNothingAtFirst)
+TEST(UniqueFd, IsEmptyAtFirst)
 {
     const unique_fd fd;
     EXPECT_FALSE(fd);
@@ -47,7 +47,7 @@ TEST(UniqueFd, ReleasedDescriptorStaysOpen)
     close(number);
 }
 
-TEST(UniqueFd, MoveLeavesTheSourceEmptyAndClosesTheTargets)
+TEST(UniqueFd, MoveEmptiesTheSourceAndClosesTheTargetsDescriptor)
 {
     unique_fd source(new_descriptor());
     unique_fd target(new_descriptor());
@@ -55,7 +55,7 @@ TEST(UniqueFd, MoveLeavesTheSourceEmptyAndClosesTheTargets)
     const int replaced = target.get();
     target = std::move(source);
     EXPECT_EQ(target.get(), moved);
-    EXPECT_FALSE(source); // NOLINT(bugprone-use-after-move): emptied, which is what is tested
+    EXPECT_FALSE(source); // NOLINT(bugprone-use-after-move): this is what is tested
     EXPECT_FALSE(is_open(replaced));
     EXPECT_TRUE(is_open(moved));
 }
@@ -69,7 +69,7 @@ TEST(UniqueFd, ResetToItselfKeepsItOpen)
 
 TEST(UniqueFd, ClosingKeepsErrno)
 {
-    unique_fd fd(1 << 20); // no such descriptor: close fails
+    unique_fd fd(1 << 20); // close fails, since the descriptor does not exist
     errno = EXDEV;
     fd.reset();
     EXPECT_EQ(errno, EXDEV);

@@ -9,7 +9,7 @@ namespace {
 
 using platform::utf8_sequence;
 
-// The plain definition: the bytes of a number, by the number of its bits.
+// The definition in plain form: the bytes of a code point, by its number of bits.
 std::string encoded(uint32_t number)
 {
     std::string text;
@@ -32,7 +32,7 @@ std::string encoded(uint32_t number)
     return text;
 }
 
-TEST(Utf8, EveryNumberOfUnicodeIsOneSequence)
+TEST(Utf8, EveryCodePointIsOneSequence)
 {
     for (uint32_t number = 0; number <= 0x10FFFF; ++number) {
         const std::string text = encoded(number);
@@ -42,7 +42,7 @@ TEST(Utf8, EveryNumberOfUnicodeIsOneSequence)
     }
 }
 
-TEST(Utf8, NumbersPastUnicodeAreNone)
+TEST(Utf8, NumbersBeyondUnicodeAreInvalid)
 {
     EXPECT_EQ(utf8_sequence(encoded(0x110000)), 0U);
     EXPECT_EQ(utf8_sequence(encoded(0x1FFFFF)), 0U);
@@ -50,7 +50,7 @@ TEST(Utf8, NumbersPastUnicodeAreNone)
     EXPECT_EQ(utf8_sequence("\xFF"), 0U);
 }
 
-TEST(Utf8, OverlongFormsAreNone)
+TEST(Utf8, OverlongFormsAreInvalid)
 {
     EXPECT_EQ(utf8_sequence("\xC0\x80"), 0U);
     EXPECT_EQ(utf8_sequence("\xC1\xBF"), 0U);
@@ -58,7 +58,7 @@ TEST(Utf8, OverlongFormsAreNone)
     EXPECT_EQ(utf8_sequence("\xF0\x8F\xBF\xBF"), 0U);
 }
 
-TEST(Utf8, CutAndStrayBytesAreNone)
+TEST(Utf8, TruncatedAndStrayBytesAreInvalid)
 {
     EXPECT_EQ(utf8_sequence(""), 0U);
     EXPECT_EQ(utf8_sequence("\xC3"), 0U);
@@ -68,7 +68,7 @@ TEST(Utf8, CutAndStrayBytesAreNone)
     EXPECT_EQ(utf8_sequence("\x80"), 0U);
 }
 
-TEST(Utf8, ReplacementKeepsTextAndMarksEachBadByte)
+TEST(Utf8, ReplacementKeepsTextAndMarksEachInvalidByte)
 {
     EXPECT_EQ(platform::to_utf8("gr\xC3\xBC\xC3\n\xFF\xFE"),
               "gr\xC3\xBC\xEF\xBF\xBD\n\xEF\xBF\xBD\xEF\xBF\xBD");
@@ -89,7 +89,7 @@ TEST(Utf8, ReplacementOfAnyBytesIsValid)
     }
 }
 
-TEST(Utf8, ControlsAreTheOnesThatChangeATerminal)
+TEST(Utf8, ControlsAreTheCharactersThatAffectATerminal)
 {
     for (uint32_t number = 0; number < 0x3000; ++number) {
         const bool control = number < 0x20 || (number >= 0x7F && number <= 0x9F) ||
@@ -99,7 +99,7 @@ TEST(Utf8, ControlsAreTheOnesThatChangeATerminal)
     }
 }
 
-TEST(Utf8, PrintableEscapesControlsBadBytesAndTheBackslash)
+TEST(Utf8, PrintableEscapesControlsInvalidBytesAndTheBackslash)
 {
     EXPECT_EQ(platform::printable("a\\b\n\x1B\x7F\xFFz"), "a\\\\b\\x0A\\x1B\\x7F\\xFFz");
     EXPECT_EQ(platform::printable("\xC2\x9B[0m"), "\\xC2\\x9B[0m");

@@ -81,7 +81,7 @@ TEST_F(AccessCache, RangeInsideTheBufferIsAPointerIntoTheMapping)
     EXPECT_EQ(fetch(10'000, 1, access_write), default_mapping.base + 10'000);
 }
 
-TEST_F(AccessCache, EmptyRangeIsInsideUpToTheEnd)
+TEST_F(AccessCache, EmptyRangeIsValidUpToTheEnd)
 {
     load(10'001);
     EXPECT_EQ(fetch(0, 0, access_write), default_mapping.base);
@@ -90,7 +90,7 @@ TEST_F(AccessCache, EmptyRangeIsInsideUpToTheEnd)
     EXPECT_EQ(failing.populated_pieces, 0);
 }
 
-TEST_F(AccessCache, RangePastTheEndIsNull)
+TEST_F(AccessCache, RangeBeyondTheEndIsNull)
 {
     load(10'001);
     errno = 0;
@@ -124,7 +124,7 @@ TEST_F(AccessCache, WithoutABufferEverythingIsNull)
     EXPECT_EQ(vexa_global_access_cache_quickfetch(cache, 0, 0, 0, access_write), nullptr);
     cnb_total = 1000;
     ASSERT_EQ(cnb_default_buffer_load(), 0);
-    EXPECT_EQ(fetch(0, 1), nullptr); // loaded, but nothing is allocated
+    EXPECT_EQ(fetch(0, 1), nullptr); // loaded, but without an allocation
     load(1000);
     const uint32_t number = image_cnb_buffer;
     cnb_default_buffer_drop();
@@ -140,7 +140,7 @@ TEST_F(AccessCache, WithoutACacheRangesAreStillFound)
     platform::free_access_cache(nullptr);
 }
 
-TEST_F(AccessCache, GetTellsTheBytesUpToTheEndOfTheBuffer)
+TEST_F(AccessCache, GetReportsTheBytesUpToTheEndOfTheBuffer)
 {
     load(10'001);
     unsigned char* data = nullptr;
@@ -152,7 +152,7 @@ TEST_F(AccessCache, GetTellsTheBytesUpToTheEndOfTheBuffer)
     EXPECT_EQ(aux, 5001U);
 }
 
-TEST_F(AccessCache, GetOutsideOfTheBufferIsNoSuccess)
+TEST_F(AccessCache, GetOutsideTheBufferFails)
 {
     load(10'001);
     unsigned char* data = nullptr;
@@ -164,7 +164,7 @@ TEST_F(AccessCache, GetOutsideOfTheBufferIsNoSuccess)
     EXPECT_EQ(aux, 77U);
 }
 
-TEST_F(AccessCache, CleaningNeverTouchesALoadedBuffer)
+TEST_F(AccessCache, CleaningKeepsALoadedBuffer)
 {
     load(10'001);
     unsigned char* bytes = fetch(100, 50, access_write);
@@ -175,7 +175,7 @@ TEST_F(AccessCache, CleaningNeverTouchesALoadedBuffer)
     EXPECT_EQ(bytes[0], 42);
 }
 
-TEST_F(AccessCache, RequestsWithoutNumberKeepOneMapping)
+TEST_F(AccessCache, AnyNumberOfRequestsKeepOneMapping)
 {
     load(4'000'000);
     fetch(0, 1000, access_write);
@@ -187,13 +187,13 @@ TEST_F(AccessCache, RequestsWithoutNumberKeepOneMapping)
     EXPECT_EQ(mappings_of_process(), before);
 }
 
-TEST_F(AccessCache, WriterFindsItsPagesPresent)
+TEST_F(AccessCache, WriteRequestMakesItsPagesPresent)
 {
     load(8 * present_piece);
     ASSERT_FALSE(mapped_in_process(2 * present_piece));
     fetch(2 * present_piece + 100, 10, access_write);
     if (failing.populated_pieces == 0) {
-        GTEST_SKIP() << "the kernel does not know the call";
+        GTEST_SKIP() << "the kernel does not support the call";
     }
     EXPECT_TRUE(mapped_in_process(2 * present_piece));
     EXPECT_TRUE(mapped_in_process(3 * present_piece - 1));
@@ -201,14 +201,14 @@ TEST_F(AccessCache, WriterFindsItsPagesPresent)
     EXPECT_FALSE(mapped_in_process(3 * present_piece));
 }
 
-TEST_F(AccessCache, ReaderMakesNothingPresent)
+TEST_F(AccessCache, ReadRequestMakesNothingPresent)
 {
     load(4 * present_piece);
     fetch(0, 4 * present_piece, access_read);
     EXPECT_EQ(failing.populated_pieces, 0);
 }
 
-TEST_F(AccessCache, EachPieceIsAskedForOnce)
+TEST_F(AccessCache, EachPieceIsPopulatedOnce)
 {
     load(4 * present_piece + 5);
     for (uint64_t offset = 0; offset < 4 * present_piece; offset += 4096) {
@@ -217,10 +217,10 @@ TEST_F(AccessCache, EachPieceIsAskedForOnce)
     }
     EXPECT_EQ(failing.populated_pieces, 5);
     EXPECT_EQ(failing.populated_bytes, 4 * present_piece + 5);
-    EXPECT_EQ(failing.largest_populated, present_piece);
+    EXPECT_EQ(failing.max_populated, present_piece);
 }
 
-TEST_F(AccessCache, PiecesBetweenPresentOnesAreFilledIn)
+TEST_F(AccessCache, PiecesBetweenPresentOnesArePopulated)
 {
     load(8 * present_piece);
     fetch(1 * present_piece, 1, access_write);
@@ -233,7 +233,7 @@ TEST_F(AccessCache, PiecesBetweenPresentOnesAreFilledIn)
     EXPECT_EQ(failing.populated_pieces, 6);
 }
 
-TEST_F(AccessCache, HugeRangeIsMadePresentInPart)
+TEST_F(AccessCache, HugeRangeIsPopulatedInPart)
 {
     load(present_at_once + 4 * present_piece);
     fetch(0, present_at_once + 4 * present_piece, access_write);
@@ -242,7 +242,7 @@ TEST_F(AccessCache, HugeRangeIsMadePresentInPart)
     EXPECT_EQ(failing.populated_bytes, present_at_once + present_piece);
 }
 
-TEST_F(AccessCache, AnotherBufferIsMadePresentAnew)
+TEST_F(AccessCache, AnotherBufferIsPopulatedAgain)
 {
     load(present_piece);
     fetch(0, 1, access_write);
@@ -257,7 +257,7 @@ TEST_F(AccessCache, AnotherBufferIsMadePresentAnew)
     EXPECT_EQ(failing.populated_pieces, 3);
 }
 
-TEST_F(AccessCache, KernelWithoutTheCallIsAskedOnce)
+TEST_F(AccessCache, UnsupportedCallIsTriedOnce)
 {
     failing.advise_errno = EINVAL;
     load(4 * present_piece);
@@ -270,7 +270,7 @@ TEST_F(AccessCache, KernelWithoutTheCallIsAskedOnce)
     EXPECT_EQ(failing.populated_pieces, 1);
 }
 
-TEST_F(AccessCache, InterruptedCallDoesNotEndThePieces)
+TEST_F(AccessCache, InterruptedCallIsContinued)
 {
     failing.advise_errno = EINTR;
     load(4 * present_piece);

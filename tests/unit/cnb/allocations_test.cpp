@@ -23,7 +23,7 @@ protected:
         cnb_alloc_init();
     }
 
-    ~Allocations() override { cnb_alloc_freeall(); } // before the records go
+    ~Allocations() override { cnb_alloc_freeall(); } // before the records are destroyed
 
     static std::string remaining()
     {
@@ -39,7 +39,7 @@ protected:
                memcmp(record.name, empty.name, sizeof empty.name) == 0;
     }
 
-    // A failing allocation with this reason.
+    // Expects that the allocation fails with this reason.
     static void expect_refusal(cnb_allocation* record, uint64_t size, const std::string& reason)
     {
         testing::internal::CaptureStderr();
@@ -53,7 +53,7 @@ protected:
     cnb_allocation third;
 };
 
-TEST_F(Allocations, StaticAllocationBeginsAtOffset0)
+TEST_F(Allocations, StaticAllocationStartsAtOffset0)
 {
     ASSERT_TRUE(cnb_malloc(&image, size_of_buffer, "Image"));
     EXPECT_EQ(image.buffer, image_cnb_buffer);
@@ -78,7 +78,7 @@ TEST_F(Allocations, StaticBufferHoldsOneAllocation)
     EXPECT_TRUE(cnb_malloc(&second, 100, "Image"));
 }
 
-TEST_F(Allocations, RecordInUseIsRefusedAndKept)
+TEST_F(Allocations, RecordInUseIsRefusedAndUnchanged)
 {
     cnb_static_alloc = 0;
     ASSERT_TRUE(cnb_malloc(&image, 100, "Image"));
@@ -86,7 +86,7 @@ TEST_F(Allocations, RecordInUseIsRefusedAndKept)
     EXPECT_EQ(image.size, 100U);
 }
 
-TEST_F(Allocations, NameIsDataAndIsCutTo31Bytes)
+TEST_F(Allocations, NameIsCopiedAndTruncatedTo31Bytes)
 {
     ASSERT_TRUE(cnb_malloc(&image, 100, "%s%n%s 100%"));
     EXPECT_STREQ(image.name, "%s%n%s 100%");
@@ -133,7 +133,7 @@ TEST_F(Allocations, FreeallEmptiesEveryRecord)
     EXPECT_EQ(remaining(), "");
 }
 
-TEST_F(Allocations, EachLiveAllocationIsALine)
+TEST_F(Allocations, EachLiveAllocationIsPrintedOnALine)
 {
     cnb_static_alloc = 0;
     EXPECT_EQ(remaining(), "");
@@ -143,7 +143,7 @@ TEST_F(Allocations, EachLiveAllocationIsALine)
                            "Two: 50 bytes at 128 of CNB buffer 1\n");
 }
 
-TEST_F(Allocations, FirstGapThatIsLargeEnoughIsTaken)
+TEST_F(Allocations, FirstSufficientGapIsUsed)
 {
     cnb_static_alloc = 0;
     ASSERT_TRUE(cnb_malloc(&image, 128, "One"));

@@ -55,7 +55,7 @@ TEST(CgroupMemory, Version1ComesFirstWhereBothRun)
                                      "2 /sys/fs/cgroup"));
 }
 
-TEST(CgroupMemory, PartOfTheHierarchyMountedInAContainerIsCutOff)
+TEST(CgroupMemory, PathIsRelativeToTheMountedPartOfTheHierarchy)
 {
     const char* mount =
         "35 31 0:32 /containers/abc /sys/fs/cgroup/memory ro - cgroup cgroup rw,memory\n";
@@ -65,7 +65,7 @@ TEST(CgroupMemory, PartOfTheHierarchyMountedInAContainerIsCutOff)
                 testing::ElementsAre("1 /sys/fs/cgroup/memory"));
 }
 
-TEST(CgroupMemory, PathOutsideOfWhatIsMountedMeansTheMountItself)
+TEST(CgroupMemory, PathOutsideTheMountMeansTheMountItself)
 {
     const char* mount = "35 31 0:32 /containers/abc /sys/fs/cgroup rw - cgroup2 cgroup rw\n";
     EXPECT_THAT(folders("0::/containers/abcdef\n", mount),
@@ -81,7 +81,7 @@ TEST(CgroupMemory, BlanksInPathsAreUnescaped)
                 testing::ElementsAre("2 /odd place\\here"));
 }
 
-TEST(CgroupMemory, MissingOrOddTextsGiveNone)
+TEST(CgroupMemory, MissingOrInvalidTextsGiveNone)
 {
     EXPECT_THAT(folders("", ""), testing::IsEmpty());
     EXPECT_THAT(folders("0::/\n", ""), testing::IsEmpty());
@@ -118,7 +118,7 @@ TEST_F(CgroupFolder, LimitOfVersion1)
     EXPECT_EQ(cgroup_memory_limit(version1()), 1000U);
 }
 
-TEST_F(CgroupFolder, LimitThatSlowsDownCountsLikeTheOneThatEnds)
+TEST_F(CgroupFolder, ThrottlingLimitCountsLikeTheHardLimit)
 {
     write_file(folder.path("memory.current"), "300\n");
     write_file(folder.path("memory.max"), "1000\n");
@@ -132,7 +132,7 @@ TEST_F(CgroupFolder, LimitThatSlowsDownCountsLikeTheOneThatEnds)
     EXPECT_EQ(cgroup_memory_room(version2()), no_memory_limit);
 }
 
-TEST_F(CgroupFolder, SwappedMemoryCountsWhereItIsLimited)
+TEST_F(CgroupFolder, SwapCountsWhereItIsLimited)
 {
     write_file(folder.path("memory.limit_in_bytes"), "1000\n");
     write_file(folder.path("memory.usage_in_bytes"), "400\n");
@@ -144,7 +144,7 @@ TEST_F(CgroupFolder, SwappedMemoryCountsWhereItIsLimited)
     EXPECT_EQ(cgroup_memory_room(version1()), 600U);
 }
 
-TEST_F(CgroupFolder, RoomCountsTheFileCacheAsFree)
+TEST_F(CgroupFolder, FileCacheCountsAsFree)
 {
     write_file(folder.path("memory.max"), "1000\n");
     write_file(folder.path("memory.current"), "700\n");
@@ -164,7 +164,8 @@ TEST_F(CgroupFolder, FullGroupHasNoRoom)
     write_file(folder.path("memory.current"), "1200\n");
     EXPECT_EQ(cgroup_memory_room(version2()), 0U);
     write_file(folder.path("memory.current"), "100\n");
-    write_file(folder.path("memory.stat"), "inactive_file 5000\n"); // counted at different moments
+    // The two files are read at different times, so this may be larger than memory.current.
+    write_file(folder.path("memory.stat"), "inactive_file 5000\n");
     EXPECT_EQ(cgroup_memory_room(version2()), 1000U);
 }
 

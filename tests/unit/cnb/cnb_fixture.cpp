@@ -43,11 +43,11 @@ int allocate(int fd, off_t offset, off_t length)
     if (failing.allocate_errno != 0 && failing.allocations >= failing.allocate_from) {
         return fail(failing.allocate_errno);
     }
-    if (bytes > failing.longest_uninterrupted) {
+    if (bytes > failing.max_uninterrupted) {
         return fail(EINTR);
     }
     ++failing.allocations;
-    failing.shortest_allocation = std::min(failing.shortest_allocation, bytes);
+    failing.min_allocation = std::min(failing.min_allocation, bytes);
     return platform::system_kernel_calls.allocate(fd, offset, length);
 }
 
@@ -66,7 +66,7 @@ int advise(void* address, size_t length, int advice)
     if (advice == populate_write) {
         ++failing.populated_pieces;
         failing.populated_bytes += length;
-        failing.largest_populated = std::max(failing.largest_populated, uint64_t{length});
+        failing.max_populated = std::max(failing.max_populated, uint64_t{length});
         if (failing.advise_errno != 0) {
             return fail(failing.advise_errno);
         }

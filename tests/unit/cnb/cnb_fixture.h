@@ -1,4 +1,5 @@
-// What the tests of the CNB domain share: a domain of their own, a kernel that fails, signals.
+// Common parts of the tests of the CNB domain: a domain of their own, failing system calls, signals
+// between processes.
 #pragma once
 
 #include <functional>
@@ -12,7 +13,7 @@
 
 namespace cnb_test {
 
-// The module at its values at program start, its folder under a temporary XDG_RUNTIME_DIR.
+// Resets the module; its folder lies under a temporary XDG_RUNTIME_DIR.
 class cnb : public testing::Test {
 protected:
     cnb();
@@ -28,7 +29,7 @@ protected:
 
 void write_file(const std::string& path, const std::string& text);
 
-// One byte at a time between two processes.
+// Passes single bytes between two processes.
 class signal_pipe {
 public:
     signal_pipe();
@@ -43,10 +44,10 @@ private:
     int ends_[2];
 };
 
-// The system's calls but for those that a test makes fail; reset by the fixture.
+// Calls the system unless a test makes a call fail. The fixture resets it.
 struct failing_kernel {
     int create_errno = 0;   // memfd_create
-    int allocate_errno = 0; // fallocate ...
+    int allocate_errno = 0; // of fallocate ...
     int allocate_from = 0;  // ... from this call on, counted from 0
     int map_errno = 0;
     int mode_errno = 0;
@@ -55,14 +56,14 @@ struct failing_kernel {
     bool create_knows_noexec = true;
     int advise_errno = 0;
     int open_errno = 0;
-    uint64_t longest_uninterrupted = UINT64_MAX; // a longer fallocate fails with EINTR
+    uint64_t max_uninterrupted = UINT64_MAX; // longer fallocate calls fail with EINTR
 
-    // What has been called.
+    // Recorded calls.
     int allocations = 0;
-    uint64_t shortest_allocation = UINT64_MAX;
+    uint64_t min_allocation = UINT64_MAX;
     int populated_pieces = 0;
     uint64_t populated_bytes = 0;
-    uint64_t largest_populated = 0;
+    uint64_t max_populated = 0;
 };
 extern failing_kernel failing;
 extern const platform::kernel_calls failing_kernel_calls;

@@ -25,7 +25,7 @@ class DefaultBuffer : public cnb_test::cnb {
 protected:
     DefaultBuffer() { cnb_set_domain("default", limit); }
 
-    ~DefaultBuffer() override { cnb_alloc_freeall(); } // before the record goes
+    ~DefaultBuffer() override { cnb_alloc_freeall(); } // before the record is destroyed
 
     static int load(uint64_t size)
     {
@@ -34,7 +34,7 @@ protected:
         return cnb_default_buffer_load();
     }
 
-    // Loads and expects the refusal at the allocation, with this reason.
+    // Loads a buffer and expects that the allocation is refused with this reason.
     void expect_refusal(uint64_t size, const std::string& reason)
     {
         ASSERT_EQ(load(size), 0);
@@ -49,7 +49,7 @@ protected:
         EXPECT_LE(failing.allocations, 0);
     }
 
-    // Another process with a buffer of `size` bytes, until it is told to leave.
+    // Another process with a buffer of `size` bytes. It ends at a byte from `leave`.
     std::unique_ptr<child_process> neighbour(uint64_t size)
     {
         auto child = std::make_unique<child_process>([&, this] {
@@ -64,7 +64,7 @@ protected:
         return child;
     }
 
-    // Loads as the program does, up to five seconds.
+    // Loads as the program does, for up to five seconds.
     static int load_patiently(uint64_t size)
     {
         int result = 1;
@@ -75,7 +75,7 @@ protected:
         return result;
     }
 
-    // The process that the record of buffer 1 names.
+    // The process named by the record of buffer 1.
     uint32_t owner_in_registry() const
     {
         uint32_t owner = 0;
@@ -117,7 +117,7 @@ TEST_F(DefaultBuffer, LoadingAgainChangesNothing)
     EXPECT_EQ(cnb_view_domain().buffer_size, 1000U);
 }
 
-TEST_F(DefaultBuffer, WholeLimitFits)
+TEST_F(DefaultBuffer, WholeLimitIsAvailable)
 {
     ASSERT_EQ(load(limit), 0);
     EXPECT_TRUE(cnb_malloc(&allocation, limit, "Image"));
@@ -134,7 +134,7 @@ TEST_F(DefaultBuffer, MoreThanFourGigabytesLessAPageIsRefusedWhateverTheLimit)
     const uint64_t largest = (uint64_t{1} << 32) - static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     expect_refusal(largest + 1, "a buffer has at most " + std::to_string(largest) + " bytes");
     cnb_default_buffer_drop();
-    // One byte less gets its number; nothing is reserved yet.
+    // One byte less gets a number; nothing is reserved yet.
     ASSERT_EQ(load(largest), 0);
     EXPECT_EQ(image_cnb_buffer, 1U);
 }
@@ -156,7 +156,7 @@ TEST_F(DefaultBuffer, EmptyBufferIsRefused)
     expect_refusal(0, "it would be empty");
 }
 
-TEST_F(DefaultBuffer, RefusedRequestTakesNothingFromTheOthers)
+TEST_F(DefaultBuffer, RefusedRequestReservesNothing)
 {
     ASSERT_EQ(load(UINT64_MAX), 0);
     child_process other([] {
@@ -166,7 +166,7 @@ TEST_F(DefaultBuffer, RefusedRequestTakesNothingFromTheOthers)
     EXPECT_EQ(other.wait(), 0);
 }
 
-TEST_F(DefaultBuffer, WaitsWhileTheOthersLeaveNoRoom)
+TEST_F(DefaultBuffer, WaitsWhileOtherBuffersLeaveNoRoom)
 {
     const std::unique_ptr<child_process> other = neighbour(limit);
     EXPECT_NE(load(1), 0);
@@ -179,7 +179,7 @@ TEST_F(DefaultBuffer, WaitsWhileTheOthersLeaveNoRoom)
     EXPECT_EQ(image_cnb_buffer, 1U);
 }
 
-TEST_F(DefaultBuffer, RoomBesideTheOthersIsUsedToTheLastByte)
+TEST_F(DefaultBuffer, RoomBesideOtherBuffersIsUsedToTheLastByte)
 {
     const std::unique_ptr<child_process> other = neighbour(limit - 1000);
     EXPECT_NE(load(1001), 0);
@@ -189,7 +189,7 @@ TEST_F(DefaultBuffer, RoomBesideTheOthersIsUsedToTheLastByte)
     EXPECT_EQ(other->wait(), 0);
 }
 
-TEST_F(DefaultBuffer, DomainsDoNotSeeEachOther)
+TEST_F(DefaultBuffer, DomainsAreIndependent)
 {
     const std::unique_ptr<child_process> other = neighbour(limit);
     cnb_leave_domain();
@@ -200,7 +200,7 @@ TEST_F(DefaultBuffer, DomainsDoNotSeeEachOther)
     EXPECT_EQ(other->wait(), 0);
 }
 
-TEST_F(DefaultBuffer, DropGivesEverythingBackAndMayRunTwice)
+TEST_F(DefaultBuffer, DropReleasesEverythingAndMayRunTwice)
 {
     ASSERT_EQ(load(1000), 0);
     ASSERT_TRUE(cnb_malloc(&allocation, 1000, "Image"));
@@ -216,7 +216,7 @@ TEST_F(DefaultBuffer, DropGivesEverythingBackAndMayRunTwice)
     EXPECT_EQ(image_cnb_buffer, 1U);
 }
 
-TEST_F(DefaultBuffer, NextPictureSeesNothingOfTheLast)
+TEST_F(DefaultBuffer, NextPictureSeesNothingOfThePreviousOne)
 {
     for (int round = 0; round < 2; ++round) {
         ASSERT_EQ(load(100'000), 0);
@@ -230,7 +230,7 @@ TEST_F(DefaultBuffer, NextPictureSeesNothingOfTheLast)
     }
 }
 
-TEST_F(DefaultBuffer, MoreThanTheMachineHasIsRefusedWithoutTrying)
+TEST_F(DefaultBuffer, MoreThanTheMachineHasIsRefusedWithoutAnAttempt)
 {
     const temporary_folder machine;
     cnb_test::write_file(machine.path("proc/meminfo"), "MemTotal: 1024 kB\nMemAvailable: 512 kB\n");
@@ -280,7 +280,7 @@ TEST_F(DefaultBuffer, FailedReservationNamesStepAndReason)
     EXPECT_TRUE(cnb_malloc(&allocation, 1000, "Image"));
 }
 
-TEST_F(DefaultBuffer, WithoutDescriptorsItWaitsAndSaysSoOnce)
+TEST_F(DefaultBuffer, LackOfDescriptorsIsWaitedForAndReportedOnce)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     failing.create_errno = EMFILE;
@@ -304,14 +304,14 @@ TEST_F(DefaultBuffer, DomainThatCannotBeJoinedIsARefusal)
                 HasSubstr("CNB allocation of 1000 bytes: the domain cannot be joined\n"));
 }
 
-TEST_F(DefaultBuffer, DamagedRegistryIsARefusalThatNamesIt)
+TEST_F(DefaultBuffer, DamagedRegistryIsRefusedByName)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     cnb_test::write_file(domain_path() + "/registry", "something else, longer than a header");
     expect_refusal(1000, "registry in '" + domain_path() + "': not a registry of this version");
 }
 
-TEST_F(DefaultBuffer, RemovedFolderIsMadeAnew)
+TEST_F(DefaultBuffer, RemovedFolderIsRecreated)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     std::filesystem::remove_all(runtime.path("stillimage"));
@@ -350,7 +350,7 @@ TEST_F(DefaultBuffer, SocketIsServedDuringALargeReservation)
     EXPECT_EQ(rounds, 2);
 }
 
-TEST_F(DefaultBuffer, DaemonisedChildKeepsTheBytesAndIsNamedAsOwner)
+TEST_F(DefaultBuffer, DaemonisedChildKeepsTheBytesAndBecomesTheOwner)
 {
     child_process parent([this] {
         if (load(limit) != 0) {

@@ -77,7 +77,7 @@ TEST_F(Domain, RelativeRuntimeFolderIsIgnored)
     EXPECT_NE(access("relative", F_OK), 0);
 }
 
-TEST_F(Domain, MissingRuntimeFolderIsMadeForTheUserAlone)
+TEST_F(Domain, MissingRuntimeFolderIsCreatedForTheUserOnly)
 {
     const std::string missing = runtime.path("not/there");
     setenv("XDG_RUNTIME_DIR", missing.c_str(), 1);
@@ -86,20 +86,20 @@ TEST_F(Domain, MissingRuntimeFolderIsMadeForTheUserAlone)
     EXPECT_EQ(mode_of(missing), 0700U);
 }
 
-TEST_F(Domain, RuntimeFolderThatCannotBeMadeIsNamed)
+TEST_F(Domain, RuntimeFolderThatCannotBeCreatedIsNamed)
 {
     const std::string missing = runtime.write("file", "") + "/below";
     setenv("XDG_RUNTIME_DIR", missing.c_str(), 1);
     EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain '" + missing + "': Not a directory\n");
 }
 
-TEST_F(Domain, JoiningTwiceIsFine)
+TEST_F(Domain, JoiningTwiceIsAllowed)
 {
     EXPECT_EQ(join_and_tell(0), "");
     EXPECT_EQ(join_and_tell(0), "");
 }
 
-TEST_F(Domain, LeavingWithoutAndTwiceIsFine)
+TEST_F(Domain, LeavingWithoutJoiningAndTwiceIsAllowed)
 {
     cnb_leave_domain();
     EXPECT_EQ(join_and_tell(0), "");
@@ -121,14 +121,14 @@ TEST_F(Domain, NamesThatCouldLeaveTheFolderAreInvalid)
     }
 }
 
-TEST_F(Domain, InvalidNameIsToldOnOneLine)
+TEST_F(Domain, InvalidNameIsReportedOnOneLine)
 {
     cnb_set_domain("a/b\nc", 0);
     EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain 'a/b\\x0Ac': a name has 1 to 64 bytes, "
                                  "no '/', and no '.' at its beginning\n");
 }
 
-TEST_F(Domain, NameIsData)
+TEST_F(Domain, NameIsNoFormat)
 {
     cnb_set_domain("%s%n", 0);
     EXPECT_EQ(join_and_tell(0), "");
@@ -136,7 +136,7 @@ TEST_F(Domain, NameIsData)
     EXPECT_STREQ(cnb_view_domain().name, "%s%n");
 }
 
-TEST_F(Domain, SettingsAreForTheNextJoin)
+TEST_F(Domain, SettingsApplyToTheNextJoin)
 {
     cnb_set_domain("one", 1000);
     EXPECT_EQ(join_and_tell(0), "");
@@ -167,7 +167,7 @@ TEST_F(Domain, DefaultLimitIsHalfOfTheControlGroup)
     EXPECT_EQ(cnb_view_domain().limit, 150'000U);
 }
 
-TEST_F(Domain, ViewTellsTheBuffer)
+TEST_F(Domain, ViewDescribesTheBuffer)
 {
     cnb_set_domain("studio", 5000);
     cnb_total = 1234;
@@ -179,7 +179,7 @@ TEST_F(Domain, ViewTellsTheBuffer)
     EXPECT_EQ(view.buffer_size, 1234U);
 }
 
-TEST_F(Domain, PlantedLinkIsNotFollowed)
+TEST_F(Domain, SymbolicLinkIsNotFollowed)
 {
     const temporary_folder elsewhere;
     make_parent_of_domains();
@@ -189,7 +189,7 @@ TEST_F(Domain, PlantedLinkIsNotFollowed)
     EXPECT_TRUE(std::filesystem::is_empty(elsewhere.path()));
 }
 
-TEST_F(Domain, PlantedLinkFurtherUpIsNotFollowed)
+TEST_F(Domain, SymbolicLinkFurtherUpIsNotFollowed)
 {
     const temporary_folder elsewhere;
     std::filesystem::create_directory_symlink(elsewhere.path(), runtime.path("stillimage"));
@@ -198,7 +198,7 @@ TEST_F(Domain, PlantedLinkFurtherUpIsNotFollowed)
     EXPECT_TRUE(std::filesystem::is_empty(elsewhere.path()));
 }
 
-TEST_F(Domain, FileInThePlaceOfTheFolderIsTold)
+TEST_F(Domain, FileInThePlaceOfTheFolderIsReported)
 {
     make_parent_of_domains();
     cnb_test::write_file(domain_path(), "");
@@ -206,7 +206,7 @@ TEST_F(Domain, FileInThePlaceOfTheFolderIsTold)
               "cannot use the CNB domain '" + domain_path() + "': not a folder, or a link\n");
 }
 
-TEST_F(Domain, FolderThatOthersCanWriteIsRefused)
+TEST_F(Domain, FolderWritableByOthersIsRefused)
 {
     make_parent_of_domains();
     ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
@@ -215,7 +215,7 @@ TEST_F(Domain, FolderThatOthersCanWriteIsRefused)
               "cannot use the CNB domain '" + domain_path() + "': writable by other users\n");
 }
 
-TEST_F(Domain, FolderThatOthersCanReadIsClosed)
+TEST_F(Domain, FolderReadableByOthersIsMadePrivate)
 {
     make_parent_of_domains();
     ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
@@ -227,7 +227,7 @@ TEST_F(Domain, FolderThatOthersCanReadIsClosed)
 TEST_F(Domain, FolderOfAnotherUserIsRefused)
 {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, to give a folder away";
+        GTEST_SKIP() << "needs root to give a folder away";
     }
     make_parent_of_domains();
     ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
@@ -236,7 +236,7 @@ TEST_F(Domain, FolderOfAnotherUserIsRefused)
               "cannot use the CNB domain '" + domain_path() + "': owned by another user\n");
 }
 
-TEST_F(Domain, RegistryThatIsAFifoIsTold)
+TEST_F(Domain, RegistryThatIsAFifoIsReported)
 {
     make_parent_of_domains();
     ASSERT_EQ(mkdir(domain_path().c_str(), 0700), 0);
@@ -245,14 +245,14 @@ TEST_F(Domain, RegistryThatIsAFifoIsTold)
               "cannot use the CNB domain '" + domain_path() + "/registry': not a file\n");
 }
 
-TEST_F(Domain, KernelWithoutMemoryFilesIsTold)
+TEST_F(Domain, KernelWithoutMemoryFilesIsReported)
 {
     failing.create_errno = ENOSYS;
     EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain '" + domain_path() +
                                      "': no memory files: Function not implemented\n");
 }
 
-TEST_F(Domain, FolderIsLockedAgainstProgramsThatTidyUp)
+TEST_F(Domain, FolderIsLockedAgainstCleaningPrograms)
 {
     EXPECT_EQ(join_and_tell(0), "");
     const platform::unique_fd other(open(domain_path().c_str(), O_RDONLY | O_DIRECTORY));
@@ -261,8 +261,9 @@ TEST_F(Domain, FolderIsLockedAgainstProgramsThatTidyUp)
     EXPECT_EQ(flock(other.get(), LOCK_SH | LOCK_NB), 0);
 }
 
-// The registry is written, never mapped: a full file system is an error and not a signal.
-TEST_F(Domain, FullFileSystemIsARefusalWithItsReason)
+// The registry is written and never mapped, so a full file system causes an error instead of a
+// signal.
+TEST_F(Domain, FullFileSystemIsRefusedWithItsReason)
 {
     child_process child([this] {
         if (unshare(CLONE_NEWNS) != 0 ||
@@ -279,17 +280,17 @@ TEST_F(Domain, FullFileSystemIsARefusalWithItsReason)
         cnb_allocation image;
         const bool refused = cnb_default_buffer_load() == 0 && image_cnb_buffer_fd >= 0 &&
                              !cnb_malloc(&image, 100'000, "Image");
-        const std::string told = testing::internal::GetCapturedStderr();
-        return refused && told.find("No space left on device\n") != std::string::npos ? 0 : 2;
+        const std::string messages = testing::internal::GetCapturedStderr();
+        return refused && messages.find("No space left on device\n") != std::string::npos ? 0 : 2;
     });
     const int status = child.wait();
     if (status == 77) {
-        GTEST_SKIP() << "needs root, to mount a small file system";
+        GTEST_SKIP() << "needs root to mount a small file system";
     }
     EXPECT_EQ(status, 0);
 }
 
-// The memory does not come from the file system of the registry.
+// The memory does not come from the file system that holds the registry.
 TEST_F(Domain, BufferCanBeLargerThanTheFileSystemOfItsRegistry)
 {
     child_process child([this] {
@@ -313,7 +314,7 @@ TEST_F(Domain, BufferCanBeLargerThanTheFileSystemOfItsRegistry)
     });
     const int status = child.wait();
     if (status == 77) {
-        GTEST_SKIP() << "needs root, to mount a small file system";
+        GTEST_SKIP() << "needs root to mount a small file system";
     }
     EXPECT_EQ(status, 0);
 }

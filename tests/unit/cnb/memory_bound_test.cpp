@@ -27,7 +27,7 @@ using platform::start_memory_bound;
 namespace {
 
 constexpr uint64_t mebibyte = uint64_t{1} << 20;
-constexpr uint64_t total = 1024 * mebibyte; // of the machine that is made believe
+constexpr uint64_t total = 1024 * mebibyte; // of the simulated machine
 constexpr uint64_t reserve = total / 16;
 
 uint64_t soft_limit()
@@ -43,7 +43,7 @@ uint64_t mapped()
            static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
-// malloc, as the codecs call it. The compiler must not know that nothing comes of it.
+// malloc, as the codecs call it, hidden from the optimiser.
 bool can_allocate(uint64_t bytes)
 {
     void* volatile memory = malloc(bytes);
@@ -73,11 +73,11 @@ protected:
                        " kB\nMemAvailable: " + std::to_string(bytes / 1024) + " kB\n");
     }
 
-    // The limits of a child are its own.
+    // Runs `work` in a child, since it changes limits of the process.
     static void expect_in_child(const std::function<void()>& work)
     {
         if (platform::sanitized_build) {
-            GTEST_SKIP() << "a sanitizer takes terabytes of address space";
+            GTEST_SKIP() << "a sanitizer needs terabytes of address space";
         }
         EXPECT_EQ(run_in_child([&] {
                       work();
@@ -86,7 +86,7 @@ protected:
                   0);
     }
 
-    // Bytes by which the limit is above what is mapped.
+    // Expects that the limit exceeds what is mapped by this many bytes.
     static void expect_room(uint64_t bytes)
     {
         const uint64_t limit = mapped() + bytes;
@@ -110,7 +110,7 @@ TEST_F(MemoryBound, CodecsMayHaveHalfOfTheReserveAndTheWorkersObjectsAQuarter)
     EXPECT_EQ(memory_beside_buffers().codecs, 0U);
 }
 
-TEST_F(MemoryBound, TightestGroupDecides)
+TEST_F(MemoryBound, TightestGroupCounts)
 {
     write_file(machine.path("proc/self/cgroup"), "4:memory:/outer/inner\n");
     write_file(machine.path("proc/self/mountinfo"),
@@ -120,11 +120,12 @@ TEST_F(MemoryBound, TightestGroupDecides)
     write_file(machine.path("groups/outer/inner/memory.limit_in_bytes"), std::to_string(total / 2));
     write_file(machine.path("groups/outer/inner/memory.usage_in_bytes"), "0");
     ASSERT_EQ(cnb_join_domain(), 0);
-    EXPECT_EQ(memory_beside_buffers().codecs, 52 * mebibyte); // of 54, less half of a 16th of 64
+    // 54, less half of a sixteenth of 64.
+    EXPECT_EQ(memory_beside_buffers().codecs, 52 * mebibyte);
     EXPECT_EQ(memory_beside_buffers().own_objects, mebibyte);
 }
 
-TEST_F(MemoryBound, NothingMoreIsMappedThanMemoryHasRoomFor)
+TEST_F(MemoryBound, NoMoreIsMappedThanMemoryHasRoomFor)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     expect_in_child([] {
@@ -145,7 +146,7 @@ TEST_F(MemoryBound, HalfIsLeftForTheFrameBufferAtFirst)
     });
 }
 
-TEST_F(MemoryBound, RoomIsMeasuredAnew)
+TEST_F(MemoryBound, RoomIsMeasuredAgain)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     expect_in_child([this] {
@@ -160,7 +161,7 @@ TEST_F(MemoryBound, RoomIsMeasuredAnew)
     });
 }
 
-TEST_F(MemoryBound, WhatIsMappedAlreadyIsCountedBeside)
+TEST_F(MemoryBound, ExistingMappingsCountInAddition)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     expect_in_child([] {
@@ -174,7 +175,7 @@ TEST_F(MemoryBound, WhatIsMappedAlreadyIsCountedBeside)
     });
 }
 
-TEST_F(MemoryBound, LimitAtTheStartIsNeverExceeded)
+TEST_F(MemoryBound, InitialLimitIsNeverExceeded)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     expect_in_child([] {
@@ -190,7 +191,7 @@ TEST_F(MemoryBound, LimitAtTheStartIsNeverExceeded)
     });
 }
 
-TEST_F(MemoryBound, FrameBufferIsReservedUnderTheLimitAtTheStart)
+TEST_F(MemoryBound, FrameBufferIsReservedUnderTheInitialLimit)
 {
     cnb_set_domain("default", total);
     ASSERT_EQ(cnb_join_domain(), 0);
@@ -198,7 +199,7 @@ TEST_F(MemoryBound, FrameBufferIsReservedUnderTheLimitAtTheStart)
         set_available(10 * mebibyte);
         const uint64_t before = soft_limit();
         start_memory_bound();
-        set_available(200 * mebibyte); // others have gone
+        set_available(200 * mebibyte); // other processes have ended
         cnb_static_alloc = 1;
         cnb_total = 100 * mebibyte;
         ASSERT_EQ(cnb_default_buffer_load(), 0);
@@ -210,7 +211,7 @@ TEST_F(MemoryBound, FrameBufferIsReservedUnderTheLimitAtTheStart)
     });
 }
 
-TEST_F(MemoryBound, WorkersOwnObjectsHaveAShareWhenCodecsHaveTakenTheRest)
+TEST_F(MemoryBound, WorkersOwnObjectsHaveAShareBesideTheCodecs)
 {
     ASSERT_EQ(cnb_join_domain(), 0);
     expect_in_child([this] {
@@ -257,7 +258,7 @@ TEST_F(MemoryBound, NothingHappensBeforeTheStart)
     });
 }
 
-TEST_F(MemoryBound, WithoutADomainNothingIsKnownAndNothingBound)
+TEST_F(MemoryBound, WithoutADomainNothingIsBound)
 {
     expect_in_child([] {
         const uint64_t before = soft_limit();

@@ -31,14 +31,14 @@ protected:
     temporary_folder root;
 };
 
-TEST_F(Memory, MachineDecidesWithoutGroups)
+TEST_F(Memory, MachineCountsWithoutGroups)
 {
     const memory_room room(root.path());
     EXPECT_EQ(room.total(), 1000U * 1024);
     EXPECT_EQ(room.available(), 600U * 1024);
 }
 
-TEST_F(Memory, TightestGroupOnTheWayUpDecides)
+TEST_F(Memory, TightestGroupOnTheWayUpCounts)
 {
     join_group("204800\n", "4800\n");
     const memory_room room(root.path());
@@ -46,7 +46,7 @@ TEST_F(Memory, TightestGroupOnTheWayUpDecides)
     EXPECT_EQ(room.available(), 200000U);
 }
 
-TEST_F(Memory, GroupLargerThanTheMachineDoesNotCount)
+TEST_F(Memory, GroupLargerThanTheMachineIsIgnored)
 {
     join_group("1099511627776\n", "0\n");
     const memory_room room(root.path());
@@ -54,7 +54,7 @@ TEST_F(Memory, GroupLargerThanTheMachineDoesNotCount)
     EXPECT_EQ(room.available(), 600U * 1024);
 }
 
-TEST_F(Memory, WithoutProcTheSystemIsAsked)
+TEST_F(Memory, WithoutProcTheSystemIsQueried)
 {
     const temporary_folder nothing;
     const memory_room room(nothing.path());
@@ -65,7 +65,7 @@ TEST_F(Memory, WithoutProcTheSystemIsAsked)
     EXPECT_LE(room.available(), room.total());
 }
 
-TEST_F(Memory, ThisMachineHasSome)
+TEST_F(Memory, ThisMachineHasMemory)
 {
     const memory_room room;
     EXPECT_GT(room.total(), 0U);

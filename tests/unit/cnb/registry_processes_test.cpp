@@ -1,5 +1,5 @@
-// Processes that start, exit and are killed at any time: numbers stay unique, the limit holds, and
-// what the dead had comes back.
+// Processes start, exit and are killed at any time: numbers stay unique, the limit holds, and the
+// resources of dead processes are released.
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -30,8 +30,8 @@ class RegistryProcesses : public testing::Test {
 protected:
     RegistryProcesses() : folder_fd(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY)) {}
 
-    // True once everything can be claimed by one owner.
-    bool all_came_back()
+    // True once one owner can claim the whole limit.
+    bool everything_is_released()
     {
         buffer_registry instance;
         if (instance.open(folder_fd.get()) != 0) {
@@ -50,7 +50,7 @@ protected:
     unique_fd folder_fd;
 };
 
-// What racing processes tell each other about what they hold.
+// Memory in which racing processes record what they hold.
 struct shared_board {
     std::atomic<uint64_t> bytes;
     std::atomic<uint32_t> holders_of[platform::most_buffers + 1];
@@ -63,7 +63,7 @@ shared_board* make_board()
     return memory == MAP_FAILED ? nullptr : static_cast<shared_board*>(memory);
 }
 
-// Exit status 0: all went well; 1: a number was shared; 2: over the limit; 3: a claim failed.
+// Exit status 0: success; 1: a number was shared; 2: over the limit; 3: a claim failed.
 int claim_and_release(int folder, shared_board* board, unsigned seed)
 {
     std::minstd_rand random(seed);
@@ -92,13 +92,13 @@ int claim_and_release(int folder, shared_board* board, unsigned seed)
         board->bytes.fetch_sub(bytes);
         board->holders_of[instance.number()].fetch_sub(1);
         if (random() % 2 == 0) {
-            instance.release(); // otherwise closing the file does it
+            instance.release(); // otherwise closing the file releases it
         }
     }
     return 0;
 }
 
-TEST_F(RegistryProcesses, RacersShareNoNumberAndKeepTheLimit)
+TEST_F(RegistryProcesses, RacingProcessesShareNoNumberAndKeepTheLimit)
 {
     shared_board* board = make_board();
     ASSERT_NE(board, nullptr);
@@ -110,7 +110,7 @@ TEST_F(RegistryProcesses, RacersShareNoNumberAndKeepTheLimit)
     for (const auto& child : children) {
         EXPECT_EQ(child->wait(), 0);
     }
-    EXPECT_TRUE(all_came_back());
+    EXPECT_TRUE(everything_is_released());
     munmap(board, sizeof *board);
 }
 
@@ -128,7 +128,7 @@ int claim_until_killed(int folder)
     }
 }
 
-TEST_F(RegistryProcesses, WhatTheKilledHadComesBack)
+TEST_F(RegistryProcesses, ResourcesOfKilledProcessesAreReleased)
 {
     std::minstd_rand random(7);
     std::vector<std::unique_ptr<child_process>> children(6);
@@ -136,23 +136,23 @@ TEST_F(RegistryProcesses, WhatTheKilledHadComesBack)
         std::unique_ptr<child_process>& child = children[random() % children.size()];
         if (child) {
             child->kill_now();
-            ASSERT_EQ(child->wait(), -SIGKILL); // it would have ended by itself on an error
+            ASSERT_EQ(child->wait(), -SIGKILL); // on an error it would have ended by itself
         }
         child =
             std::make_unique<child_process>([&] { return claim_until_killed(folder_fd.get()); });
         usleep(static_cast<useconds_t>(random() % 3000));
     }
     children.clear(); // kills them
-    EXPECT_TRUE(all_came_back());
+    EXPECT_TRUE(everything_is_released());
 }
 
-TEST_F(RegistryProcesses, ProcessKilledInsideTheLockedPartLeavesNothingBehind)
+TEST_F(RegistryProcesses, ProcessKilledInsideTheLockedSectionLeavesNothingBehind)
 {
     buffer_registry maker;
     ASSERT_EQ(maker.open(folder_fd.get()), 0);
     child_process child([&] {
-        // Takes the header's and a record's lock as a claim does, and dies before the record is
-        // written.
+        // Takes the locks of the header and of a record, as a claim does, and dies before it writes
+        // the record.
         const int file = openat(folder_fd.get(), "registry", O_RDWR | O_CLOEXEC);
         struct flock both = {};
         both.l_type = F_WRLCK;
@@ -164,10 +164,10 @@ TEST_F(RegistryProcesses, ProcessKilledInsideTheLockedPartLeavesNothingBehind)
         return 1;
     });
     ASSERT_EQ(child.wait(), -SIGKILL);
-    EXPECT_TRUE(all_came_back());
+    EXPECT_TRUE(everything_is_released());
 }
 
-TEST_F(RegistryProcesses, WaitEndsWhenTheOtherExits)
+TEST_F(RegistryProcesses, RoomReturnsWhenTheOtherProcessExits)
 {
     signal_pipe claimed;
     signal_pipe leave;
@@ -187,7 +187,7 @@ TEST_F(RegistryProcesses, WaitEndsWhenTheOtherExits)
     EXPECT_EQ(instance.claim(1, limit), claim_result::NO_ROOM);
     leave.give();
     EXPECT_EQ(other.wait(), 0);
-    EXPECT_TRUE(all_came_back());
+    EXPECT_TRUE(everything_is_released());
 }
 
 TEST_F(RegistryProcesses, DaemonisedChildKeepsTheNumber)
@@ -201,7 +201,7 @@ TEST_F(RegistryProcesses, DaemonisedChildKeepsTheNumber)
             return 1;
         }
         if (fork() != 0) {
-            return 0; // as daemon() does: the parent exits at once
+            return 0; // like daemon(), whose parent exits at once
         }
         leave.close_giving_end();
         instance.note_owner();
@@ -224,7 +224,7 @@ TEST_F(RegistryProcesses, DaemonisedChildKeepsTheNumber)
     EXPECT_EQ(kill(static_cast<pid_t>(owner), 0), 0);
 
     leave.give();
-    EXPECT_TRUE(all_came_back());
+    EXPECT_TRUE(everything_is_released());
 }
 
 } // namespace

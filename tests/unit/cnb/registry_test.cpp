@@ -29,7 +29,7 @@ protected:
         return instance;
     }
 
-    // Another open file of the registry, for locks and bytes behind its back.
+    // The registry file opened once more, to change locks and bytes directly.
     unique_fd file()
     {
         return unique_fd(open(folder.path("registry").c_str(), O_RDWR | O_CREAT, 0600));
@@ -57,7 +57,7 @@ protected:
     unique_fd folder_fd;
 };
 
-// Asks until the registry has looked again.
+// Retries until the registry checks again.
 claim_result claim_patiently(buffer_registry& instance, uint64_t bytes, uint64_t limit)
 {
     claim_result result = claim_result::NO_ROOM;
@@ -68,7 +68,7 @@ claim_result claim_patiently(buffer_registry& instance, uint64_t bytes, uint64_t
     return result;
 }
 
-TEST_F(Registry, NumbersBeginWithOne)
+TEST_F(Registry, NumbersStartWithOne)
 {
     buffer_registry first = opened();
     EXPECT_EQ(first.number(), 0U);
@@ -76,7 +76,7 @@ TEST_F(Registry, NumbersBeginWithOne)
     EXPECT_EQ(first.number(), 1U);
 }
 
-TEST_F(Registry, LowestFreeNumberIsGiven)
+TEST_F(Registry, LowestFreeNumberIsUsed)
 {
     std::vector<buffer_registry> all(4);
     for (buffer_registry& each : all) {
@@ -117,7 +117,7 @@ TEST_F(Registry, SumThatDoesNotFit64BitsHasNoRoom)
     EXPECT_EQ(claim_patiently(second, 5, UINT64_MAX), claim_result::TAKEN);
 }
 
-TEST_F(Registry, ReleaseGivesNumberAndBytesBack)
+TEST_F(Registry, ReleaseReturnsNumberAndBytes)
 {
     buffer_registry first = opened();
     buffer_registry second = opened();
@@ -129,7 +129,7 @@ TEST_F(Registry, ReleaseGivesNumberAndBytesBack)
     EXPECT_EQ(second.number(), 1U);
 }
 
-TEST_F(Registry, ClosingTheFileGivesBack)
+TEST_F(Registry, ClosingTheFileReleases)
 {
     buffer_registry first = opened();
     ASSERT_EQ(first.claim(100, 100), claim_result::TAKEN);
@@ -138,7 +138,7 @@ TEST_F(Registry, ClosingTheFileGivesBack)
     EXPECT_EQ(second.claim(100, 100), claim_result::TAKEN);
 }
 
-TEST_F(Registry, SecondClaimOfOneOwnerIsRefused)
+TEST_F(Registry, SecondClaimByAnOwnerIsRefused)
 {
     buffer_registry first = opened();
     ASSERT_EQ(first.claim(1, 100), claim_result::TAKEN);
@@ -149,26 +149,26 @@ TEST_F(Registry, SecondClaimOfOneOwnerIsRefused)
 
 TEST_F(Registry, LastNumberIs65535AndThenThereIsNoRoom)
 {
-    constexpr uint64_t most = platform::most_buffers;
+    constexpr uint64_t last = platform::most_buffers;
     const unique_fd others = file();
     ASSERT_EQ(platform::pwrite_fully(others.get(), "cnb registry 1\n", 16, 0), 0);
     const struct {
         uint64_t bytes;
         uint32_t owner, reserved;
     } taken = {0, 1, 0};
-    for (uint64_t number = 1; number <= most; ++number) {
+    for (uint64_t number = 1; number <= last; ++number) {
         ASSERT_EQ(platform::pwrite_fully(others.get(), &taken, record_size, number * record_size),
                   0);
     }
-    lock(others, 1, most);
+    lock(others, 1, last);
     buffer_registry next = opened();
     EXPECT_EQ(next.claim(0, 100), claim_result::NO_ROOM);
-    lock(others, most, 1, F_UNLCK);
+    lock(others, last, 1, F_UNLCK);
     EXPECT_EQ(claim_patiently(next, 0, 100), claim_result::TAKEN);
-    EXPECT_EQ(next.number(), most);
+    EXPECT_EQ(next.number(), last);
 }
 
-TEST_F(Registry, NumberBehindAFileOf65534RecordsIsTheLast)
+TEST_F(Registry, NumberAfterAFileOf65534RecordsIsTheLast)
 {
     const unique_fd others = file();
     ASSERT_EQ(platform::pwrite_fully(others.get(), "cnb registry 1\n", 16, 0), 0);
@@ -179,7 +179,7 @@ TEST_F(Registry, NumberBehindAFileOf65534RecordsIsTheLast)
     EXPECT_EQ(next.number(), 65535U);
 }
 
-TEST_F(Registry, RecordThatNobodyHasLockedIsFreeWhateverItSays)
+TEST_F(Registry, UnlockedRecordIsFreeWhateverItsContents)
 {
     const unique_fd others = file();
     std::vector<unsigned char> garbage(size_t{70000} * record_size, 0xFF);
@@ -203,18 +203,18 @@ TEST_F(Registry, HugeSizesOfLiveBuffersDoNotWrap)
     EXPECT_EQ(next.claim(1, UINT64_MAX - 1), claim_result::NO_ROOM);
 }
 
-TEST_F(Registry, ClearedRecordThatIsStillLockedIsPassedOver)
+TEST_F(Registry, ClearedRecordThatIsStillLockedIsSkipped)
 {
     buffer_registry first = opened();
     ASSERT_EQ(first.claim(1, 100), claim_result::TAKEN);
     first.release();
-    const unique_fd leaving = file(); // an owner between clearing and letting go
+    const unique_fd leaving = file(); // an owner between clearing and unlocking
     lock(leaving, 1, 1);
     ASSERT_EQ(first.claim(1, 100), claim_result::TAKEN);
     EXPECT_EQ(first.number(), 2U);
 }
 
-TEST_F(Registry, BusyRegistryIsNotWaitedFor)
+TEST_F(Registry, LockedRegistryIsNotWaitedFor)
 {
     const unique_fd other = file();
     lock(other, 0, 1);
@@ -224,7 +224,7 @@ TEST_F(Registry, BusyRegistryIsNotWaitedFor)
     EXPECT_EQ(next.claim(1, 100), claim_result::TAKEN);
 }
 
-TEST_F(Registry, NoRoomEndsWhenRoomIsMade)
+TEST_F(Registry, ReleasedRoomCanBeClaimed)
 {
     buffer_registry first = opened();
     buffer_registry second = opened();
@@ -234,7 +234,7 @@ TEST_F(Registry, NoRoomEndsWhenRoomIsMade)
     EXPECT_EQ(claim_patiently(second, 1, 100), claim_result::TAKEN);
 }
 
-TEST_F(Registry, RemovedFileIsGoneAndCanBeMadeAnew)
+TEST_F(Registry, RemovedFileIsNoticedAndCanBeRecreated)
 {
     buffer_registry instance = opened();
     ASSERT_EQ(unlink(folder.path("registry").c_str()), 0);
@@ -243,7 +243,7 @@ TEST_F(Registry, RemovedFileIsGoneAndCanBeMadeAnew)
     EXPECT_EQ(instance.claim(1, 100), claim_result::TAKEN);
 }
 
-TEST_F(Registry, FileOfAnotherFormatIsRefusedAndLeftAlone)
+TEST_F(Registry, FileOfAnotherFormatIsRefusedAndKept)
 {
     cnb_test::write_file(folder.path("registry"), "cnb registry 2\nsomething");
     buffer_registry instance = opened();
@@ -253,7 +253,7 @@ TEST_F(Registry, FileOfAnotherFormatIsRefusedAndLeftAlone)
     EXPECT_EQ(std::string(kept.begin(), kept.end()), "cnb registry 2\nsomething");
 }
 
-TEST_F(Registry, HeaderThatWasCutShortIsWrittenAgain)
+TEST_F(Registry, TruncatedHeaderIsWrittenAgain)
 {
     cnb_test::write_file(folder.path("registry"), "cnb");
     buffer_registry instance = opened();
@@ -275,7 +275,7 @@ TEST_F(Registry, RecordIsSizeAndOwnerLittleEndian)
     EXPECT_EQ(bytes_of_file(record_size, record_size), std::vector<unsigned char>(record_size));
 }
 
-TEST_F(Registry, FileIsForItsUserAlone)
+TEST_F(Registry, FileIsAccessibleToItsUserOnly)
 {
     opened();
     struct stat status = {};

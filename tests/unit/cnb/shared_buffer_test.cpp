@@ -39,7 +39,7 @@ constexpr uint64_t mebibyte = uint64_t{1} << 20;
 
 class Buffer : public cnb_test::cnb {
 protected:
-    // A reserved buffer of `size` bytes.
+    // Makes a reserved buffer of `size` bytes.
     void make(uint64_t size)
     {
         ASSERT_EQ(memory.create(), 0);
@@ -71,7 +71,7 @@ protected:
     shared_buffer memory{&cnb_test::failing_kernel_calls};
 };
 
-TEST_F(Buffer, IsZeroReservedAndOfTheSizeAskedFor)
+TEST_F(Buffer, IsZeroedReservedAndOfTheRequestedSize)
 {
     make(3 * mebibyte + 1);
     EXPECT_EQ(memory.size(), 3 * mebibyte + 1);
@@ -83,7 +83,7 @@ TEST_F(Buffer, IsZeroReservedAndOfTheSizeAskedFor)
               end);
 }
 
-TEST_F(Buffer, IsForReadingByItsUserAlone)
+TEST_F(Buffer, IsReadableByItsUserOnly)
 {
     make(mebibyte);
     EXPECT_EQ(status().st_mode & 07777U, 0400U);
@@ -111,7 +111,7 @@ TEST_F(Buffer, CanOnlyBeChangedThroughItsOwnMapping)
     EXPECT_EQ(memory.data()[5], 78);
 }
 
-TEST_F(Buffer, ReadOnlyDescriptorSeesTheBytesAndCannotChangeThem)
+TEST_F(Buffer, ReadOnlyDescriptorReadsTheBytesAndCannotChangeThem)
 {
     make(mebibyte);
     memory.data()[5] = 77;
@@ -147,8 +147,8 @@ TEST_F(Buffer, EachReadOnlyDescriptorHasItsOwnOffset)
     EXPECT_EQ(lseek(memory.fd(), 0, SEEK_CUR), 0);
 }
 
-// The kernel lets root open anything for writing; the seals hold all the same.
-TEST_F(Buffer, DescriptorOpenedAnewForWritingIsOfNoUse)
+// The kernel lets root open anything for writing, but the seals still hold.
+TEST_F(Buffer, DescriptorReopenedForWritingCannotWrite)
 {
     make(mebibyte);
     const unique_fd reader(memory.open_read_only());
@@ -164,16 +164,16 @@ TEST_F(Buffer, DescriptorOpenedAnewForWritingIsOfNoUse)
     EXPECT_EQ(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, writer.get(), 0), MAP_FAILED);
 }
 
-TEST_F(Buffer, AnotherUserCannotOpenTheDescriptorAnew)
+TEST_F(Buffer, AnotherUserCannotReopenTheDescriptor)
 {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, to become another user";
+        GTEST_SKIP() << "needs root to become another user";
     }
     make(mebibyte);
     const unique_fd reader(memory.open_read_only());
     child_process child([&] {
         constexpr uid_t nobody = 65534;
-        // Becoming another user shuts /proc/self, which is not what is tested here.
+        // Changing the user makes /proc/self inaccessible, which is not what this test is about.
         if (setgid(nobody) != 0 || setuid(nobody) != 0 || prctl(PR_SET_DUMPABLE, 1) != 0) {
             return 1;
         }
@@ -200,7 +200,7 @@ TEST_F(Buffer, WithoutProcTheSealsProtectTheDescriptor)
     EXPECT_EQ(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, reader.get(), 0), MAP_FAILED);
 }
 
-TEST_F(Buffer, WithoutProcAndSealNoDescriptorIsGiven)
+TEST_F(Buffer, WithoutProcAndSealNoDescriptorIsReturned)
 {
     failing.open_errno = ENOENT;
     failing.seal_knows_future_write = false;
@@ -230,7 +230,7 @@ TEST_F(Buffer, NoDescriptorForClientsBeforeMemoryIsReserved)
     EXPECT_EQ(errno, ENODATA);
 }
 
-TEST_F(Buffer, KernelWithoutTheNoexecFlagIsFine)
+TEST_F(Buffer, KernelWithoutTheNoexecFlagWorks)
 {
     failing.create_knows_noexec = false;
     make(mebibyte);
@@ -249,7 +249,7 @@ TEST_F(Buffer, KernelWithoutTheFutureWriteSealKeepsTheOthers)
     EXPECT_EQ(write(reader.get(), "x", 1), -1);
 }
 
-TEST_F(Buffer, CreationFailureIsTold)
+TEST_F(Buffer, CreationFailureIsReported)
 {
     failing.create_errno = EMFILE;
     EXPECT_EQ(memory.create(), -1);
@@ -257,7 +257,7 @@ TEST_F(Buffer, CreationFailureIsTold)
     EXPECT_EQ(memory.fd(), -1);
 }
 
-TEST_F(Buffer, FullMemoryGivesBackWhatWasTaken)
+TEST_F(Buffer, FullMemoryReleasesTheReservedPieces)
 {
     failing.allocate_errno = ENOSPC;
     failing.allocate_from = 2;
@@ -265,25 +265,25 @@ TEST_F(Buffer, FullMemoryGivesBackWhatWasTaken)
     EXPECT_EQ(failing.allocations, 2);
 }
 
-TEST_F(Buffer, MappingFailureGivesBackWhatWasTaken)
+TEST_F(Buffer, MappingFailureReleasesTheMemory)
 {
     failing.map_errno = ENOMEM;
     expect_failure(mebibyte, "mapping", ENOMEM);
 }
 
-TEST_F(Buffer, ModeFailureGivesBackWhatWasTaken)
+TEST_F(Buffer, ModeFailureReleasesTheMemory)
 {
     failing.mode_errno = EPERM;
     expect_failure(mebibyte, "changing the mode", EPERM);
 }
 
-TEST_F(Buffer, SealFailureGivesBackWhatWasTaken)
+TEST_F(Buffer, SealFailureReleasesTheMemory)
 {
     failing.seal_errno = EBUSY;
     expect_failure(mebibyte, "sealing", EBUSY);
 }
 
-TEST_F(Buffer, FailureCanBeFollowedByASuccess)
+TEST_F(Buffer, FailureMayBeFollowedByASuccess)
 {
     failing.map_errno = ENOMEM;
     expect_failure(mebibyte, "mapping", ENOMEM);
@@ -296,7 +296,7 @@ TEST_F(Buffer, MemoryIsReservedInPiecesOf64MiB)
 {
     make(150 * mebibyte);
     EXPECT_EQ(failing.allocations, 3);
-    EXPECT_EQ(failing.shortest_allocation, 22 * mebibyte);
+    EXPECT_EQ(failing.min_allocation, 22 * mebibyte);
 }
 
 TEST_F(Buffer, SocketCanBeServedBetweenPieces)
@@ -312,7 +312,7 @@ TEST_F(Buffer, SocketCanBeServedBetweenPieces)
     EXPECT_EQ(rounds, 2);
 }
 
-TEST_F(Buffer, ReservingCanBeEndedBetweenPiecesAndTriedAgain)
+TEST_F(Buffer, ReservationCanBeInterruptedBetweenPiecesAndRetried)
 {
     ASSERT_EQ(memory.create(), 0);
     const reserve_failure failure = memory.reserve(150 * mebibyte, [] { return false; });
@@ -325,7 +325,7 @@ TEST_F(Buffer, ReservingCanBeEndedBetweenPiecesAndTriedAgain)
 
 TEST_F(Buffer, InterruptionsMakeThePiecesSmaller)
 {
-    failing.longest_uninterrupted = mebibyte;
+    failing.max_uninterrupted = mebibyte;
     make(3 * mebibyte + 4097);
     EXPECT_EQ(failing.allocations, 4);
     EXPECT_EQ(status().st_size, 3 * 1024 * 1024 + 4097);
@@ -356,8 +356,8 @@ TEST_F(Buffer, FileSizeLimitIsAnErrorAndNotASignal)
             return 1;
         }
         const reserve_failure failure = memory.reserve(mebibyte + 1);
-        const bool told = failure.step != nullptr && failure.error_number == EFBIG;
-        return told && memory.reserve(mebibyte).step == nullptr ? 0 : 2;
+        const bool reported = failure.step != nullptr && failure.error_number == EFBIG;
+        return reported && memory.reserve(mebibyte).step == nullptr ? 0 : 2;
     });
     EXPECT_EQ(child.wait(), 0);
 }
@@ -365,7 +365,7 @@ TEST_F(Buffer, FileSizeLimitIsAnErrorAndNotASignal)
 TEST_F(Buffer, AddressSpaceLimitIsAnError)
 {
     if (built_with_address_sanitizer) {
-        GTEST_SKIP() << "the sanitizer's own mappings are past any limit";
+        GTEST_SKIP() << "the sanitizer's own mappings exceed any limit";
     }
     child_process child([&] {
         const rlimit limit = {256 * mebibyte, 256 * mebibyte};

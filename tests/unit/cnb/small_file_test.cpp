@@ -31,7 +31,7 @@ TEST(SmallFile, MissingFileAndFolderAreEmpty)
     EXPECT_EQ(read_small_file(folder.path()), "");
 }
 
-TEST(SmallFile, NumberIsTheOneInFront)
+TEST(SmallFile, LeadingNumberIsParsed)
 {
     EXPECT_EQ(leading_number("42 kB", 7), 42U);
     EXPECT_EQ(leading_number("18446744073709551615\n", 7), UINT64_MAX);

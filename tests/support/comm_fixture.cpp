@@ -42,15 +42,15 @@ comm_fixture::~comm_fixture()
 
 void comm_fixture::pump()
 {
-    constexpr int most_rounds = 100'000;
+    constexpr int max_rounds = 100'000;
     ASSERT_TRUE(vexa_comm_server != nullptr || platform::open_comm_service());
-    for (int round = 0; round < most_rounds; ++round) {
+    for (int round = 0; round < max_rounds; ++round) {
         vexa_comm_server->next_look_us = 0;
         if (idle_vexa_server_comm() + idle_vexa_client_contexts() <= 0) {
             return;
         }
     }
-    ADD_FAILURE() << "the service finds no rest";
+    ADD_FAILURE() << "the service never becomes idle";
 }
 
 packet_client comm_fixture::connect() const
@@ -83,7 +83,7 @@ frame comm_fixture::ask_frame(const packet_client& client, uint64_t time_positio
     const std::optional<received_packet> answer =
         ask(client, encode(50, get_frame{time_position, 0}));
     if (!answer.has_value() || answer->header.type != FRAME) {
-        ADD_FAILURE() << "no FRAME came";
+        ADD_FAILURE() << "no FRAME arrived";
         return {};
     }
     return answer->as<frame>();

@@ -1,4 +1,4 @@
-// The comm service of an item in plain memory, with clients on real sockets.
+// The comm service of a plain in-memory item, with clients on real sockets.
 #pragma once
 
 #include <cstdint>
@@ -15,29 +15,29 @@
 #include "tests/support/plain_item.h"
 #include "tests/support/temporary_folder.h"
 
-// Open descriptors of this process.
+// The number of open descriptors of this process.
 size_t open_descriptors();
 
-// Checks that the packet is an ERROR of this code and text for this request.
+// Checks that the packet is an ERROR with this code and text for this request.
 void expect_error(const std::optional<received_packet>& packet, comm_protocol::error_code code,
                   uint64_t request, std::string_view text);
 
 class comm_fixture : public testing::Test {
 protected:
     comm_fixture();
-    ~comm_fixture() override; // closes the service and checks that nothing is left of it
+    ~comm_fixture() override; // closes the service and checks for leaks
 
-    // Rounds of the service until one does nothing; opens it first when it is closed.
+    // Runs rounds of the service until one does nothing; opens the service first if it is closed.
     static void pump();
 
-    packet_client connect() const; // not greeted
-    packet_client greeted() const; // answers read
+    packet_client connect() const; // sends no HELLO
+    packet_client greeted() const; // sends a HELLO and reads the answers
 
-    // Sends a request and gives the first answer after a pump.
+    // Sends a request, pumps, and returns the first answer.
     static std::optional<received_packet> ask(const packet_client& client,
                                               const comm_protocol::packet_bytes& request);
 
-    // Sends GET_FRAME and gives the FRAME; fails the test when it is none.
+    // Sends GET_FRAME and returns the FRAME; any other answer fails the test.
     static comm_protocol::frame ask_frame(const packet_client& client, uint64_t time_position);
 
     temporary_folder folder;

@@ -16,7 +16,7 @@ namespace {
 
 class ClientsEvents : public comm_fixture {
 protected:
-    // A client with this subscription, its greeting read.
+    // A client with this subscription whose initial event has been read.
     packet_client subscriber(uint32_t mask) const
     {
         packet_client client = greeted();
@@ -27,7 +27,7 @@ protected:
         return client;
     }
 
-    // Notes the changes and lets them through, whatever the time since the last ones.
+    // Notifies subscribers of the changes, at a time when no event is held back.
     static void change(uint32_t changes)
     {
         platform::note_changes(changes);
@@ -39,7 +39,7 @@ protected:
     {
         const auto packet = client.receive();
         if (!packet.has_value() || packet->header.type != EVENT) {
-            ADD_FAILURE() << "no EVENT came";
+            ADD_FAILURE() << "no EVENT arrived";
             return {};
         }
         EXPECT_EQ(packet->header.request, 70U);
@@ -55,7 +55,7 @@ protected:
 
 } // namespace
 
-TEST_F(ClientsEvents, SubscriptionBeginsWithThePresentState)
+TEST_F(ClientsEvents, SubscriptionStartsWithTheCurrentState)
 {
     state.percent = 30;
     state.progress = "Decoding PNG";
@@ -72,7 +72,7 @@ TEST_F(ClientsEvents, SubscriptionBeginsWithThePresentState)
     EXPECT_FALSE(client.receive().has_value());
 }
 
-TEST_F(ClientsEvents, ChangeIsToldWithTheNewestState)
+TEST_F(ClientsEvents, ChangeIsReportedWithTheLatestState)
 {
     const packet_client client = subscriber(change_progress | change_ready);
     state.percent = 100;
@@ -84,7 +84,7 @@ TEST_F(ClientsEvents, ChangeIsToldWithTheNewestState)
     EXPECT_EQ(news.ready, 1);
 }
 
-TEST_F(ClientsEvents, OnlyWhatWasSubscribedToIsTold)
+TEST_F(ClientsEvents, OnlySubscribedChangesAreReported)
 {
     const packet_client client = subscriber(change_metadata);
     change(change_progress);
@@ -114,7 +114,7 @@ TEST_F(ClientsEvents, SecondSubscriptionReplacesTheFirst)
     EXPECT_EQ(client.receive()->header.request, 72U);
 }
 
-TEST_F(ClientsEvents, ProgressIsToldAtMostAHundredTimesASecond)
+TEST_F(ClientsEvents, ProgressIsReportedAtMostAHundredTimesASecond)
 {
     const packet_client client = subscriber(change_progress);
     comm_socket_v4_server& server = *vexa_comm_server;
@@ -123,14 +123,14 @@ TEST_F(ClientsEvents, ProgressIsToldAtMostAHundredTimesASecond)
         platform::note_changes(change_progress);
         platform::send_changes(server, start + us);
     }
-    int told = 0;
+    int events = 0;
     while (client.receive().has_value()) {
-        ++told;
+        ++events;
     }
-    EXPECT_EQ(told, 10);
+    EXPECT_EQ(events, 10);
 }
 
-TEST_F(ClientsEvents, ReadinessIsToldAtOnce)
+TEST_F(ClientsEvents, ReadinessIsReportedAtOnce)
 {
     const packet_client client = subscriber(change_progress | change_provisional | change_ready);
     comm_socket_v4_server& server = *vexa_comm_server;
@@ -145,7 +145,7 @@ TEST_F(ClientsEvents, ReadinessIsToldAtOnce)
     EXPECT_EQ(platform::send_changes(server, later), 0);
 }
 
-TEST_F(ClientsEvents, ChangesReachSubscribersThroughTheIdleCall)
+TEST_F(ClientsEvents, IdleCallReportsChanges)
 {
     const packet_client client = subscriber(change_ready);
     platform::note_changes(change_ready);
@@ -153,7 +153,7 @@ TEST_F(ClientsEvents, ChangesReachSubscribersThroughTheIdleCall)
     EXPECT_EQ(expect_event(client).changes, change_ready);
 }
 
-TEST_F(ClientsEvents, ClientsThatComeAndLeaveAreTold)
+TEST_F(ClientsEvents, ConnectingAndLeavingClientsAreReported)
 {
     const packet_client client = subscriber(change_clients);
     change(0);
@@ -168,7 +168,7 @@ TEST_F(ClientsEvents, ClientsThatComeAndLeaveAreTold)
     EXPECT_EQ(expect_event(client).changes, change_clients);
 }
 
-TEST_F(ClientsEvents, MetadataSetByOneClientIsToldToTheOthers)
+TEST_F(ClientsEvents, MetadataSetByOneClientIsReportedToTheOthers)
 {
     const packet_client client = subscriber(change_metadata);
     const packet_client setter = greeted();
@@ -177,7 +177,7 @@ TEST_F(ClientsEvents, MetadataSetByOneClientIsToldToTheOthers)
     EXPECT_EQ(expect_event(client).changes, change_metadata);
 }
 
-TEST_F(ClientsEvents, DocumentComesWithTheSubscriptionAndWhenItChanged)
+TEST_F(ClientsEvents, DocumentIsSentWithTheSubscriptionAndAfterAChange)
 {
     const packet_client client = greeted();
     ASSERT_TRUE(ask(client, encode(70, subscribe{change_document})).has_value());
@@ -193,8 +193,8 @@ TEST_F(ClientsEvents, DocumentComesWithTheSubscriptionAndWhenItChanged)
     EXPECT_EQ(second->as<status_part>().text, "second");
 }
 
-// While a picture is decoded nothing else of the program looks after the document.
-TEST_F(ClientsEvents, DocumentThatChangedReachesItsSubscribersThroughTheIdleCall)
+// During a decode nothing else sends the document.
+TEST_F(ClientsEvents, IdleCallSendsAChangedDocument)
 {
     const packet_client client = subscriber(change_document);
     state.document = "second";
@@ -213,7 +213,7 @@ TEST_F(ClientsEvents, SameDocumentIsSentOnce)
     const packet_client client = subscriber(change_document);
     platform::send_document_to_subscribers();
     EXPECT_FALSE(client.receive().has_value());
-    // Somebody who asks for it has it built; the subscriber hears of it afterwards, once.
+    // A request builds the document; the subscriber then gets it once.
     state.document = "second";
     platform::mark_document_changed();
     ASSERT_TRUE(ask(asking, encode_empty(5, GET_STATUS)).has_value());
@@ -223,7 +223,7 @@ TEST_F(ClientsEvents, SameDocumentIsSentOnce)
     EXPECT_FALSE(client.receive().has_value());
 }
 
-TEST_F(ClientsEvents, DocumentThatNobodySubscribedToIsNotBuilt)
+TEST_F(ClientsEvents, DocumentWithoutSubscribersIsNotBuilt)
 {
     const packet_client client = subscriber(change_progress);
     platform::mark_document_changed();
@@ -238,14 +238,14 @@ TEST_F(ClientsEvents, DocumentGoesToItsSubscribersOnly)
     EXPECT_FALSE(client.receive().has_value());
 }
 
-TEST_F(ClientsEvents, DocumentWithoutAServiceIsSentToNobody)
+TEST_F(ClientsEvents, DocumentIsNotBuiltWithoutAService)
 {
     platform::close_comm_service();
     platform::send_document_to_subscribers();
     EXPECT_EQ(state.documents_built, 0U);
 }
 
-TEST_F(ClientsEvents, SubscriberThatReadsNothingIsSentTheNewestLater)
+TEST_F(ClientsEvents, SubscriberThatDoesNotReadGetsTheLatestLater)
 {
     state.document.assign(1'000'000, 'a');
     const packet_client client = greeted();
@@ -273,7 +273,7 @@ TEST_F(ClientsEvents, SubscriberThatReadsNothingIsSentTheNewestLater)
     EXPECT_LT(packets, 100);
 }
 
-TEST_F(ClientsEvents, GoingDownIsToldToSubscribersAndToThoseWhoWait)
+TEST_F(ClientsEvents, GoingDownIsReportedToSubscribersAndWaitingClients)
 {
     vexa_ready = false;
     const packet_client client = subscriber(change_going_down);

@@ -56,7 +56,7 @@ TEST_F(ClientsFrames, FrameCarriesEveryFieldOfThePicture)
     EXPECT_EQ(got.aspect_denominator, 3);
 }
 
-TEST_F(ClientsFrames, DescriptorComesOnceAConnectionAndIsReadOnly)
+TEST_F(ClientsFrames, DescriptorIsSentOncePerConnectionAndIsReadOnly)
 {
     const packet_client client = greeted();
     const auto first = ask(client, encode(4, get_frame{0, 0}));
@@ -74,7 +74,7 @@ TEST_F(ClientsFrames, DescriptorComesOnceAConnectionAndIsReadOnly)
     EXPECT_TRUE(ask(other, encode(4, get_frame{0, 0}))->descriptor);
 }
 
-TEST_F(ClientsFrames, WorkerKeepsNoDescriptorThatItSent)
+TEST_F(ClientsFrames, WorkerKeepsNoDescriptorItSent)
 {
     const size_t before = open_descriptors();
     for (int i = 0; i < 20; ++i) {
@@ -86,7 +86,7 @@ TEST_F(ClientsFrames, WorkerKeepsNoDescriptorThatItSent)
     EXPECT_EQ(open_descriptors(), before + 2); // epoll and the listening socket
 }
 
-TEST_F(ClientsFrames, MissingDescriptorIsToldAndTriedAgain)
+TEST_F(ClientsFrames, MissingDescriptorIsReportedAndRetried)
 {
     const packet_client client = greeted();
     state.descriptor_fails = true;
@@ -118,7 +118,7 @@ TEST_F(ClientsFrames, FrameThatDoesNotExistIsRefused)
     EXPECT_FALSE(client.hung_up());
 }
 
-TEST_F(ClientsFrames, PictureThatIsNotReadyIsToldAtOnceOrWaitedFor)
+TEST_F(ClientsFrames, PictureThatIsNotReadyIsRefusedOrWaitedFor)
 {
     vexa_ready = false;
     const packet_client client = greeted();
@@ -134,7 +134,7 @@ TEST_F(ClientsFrames, PictureThatIsNotReadyIsToldAtOnceOrWaitedFor)
     EXPECT_EQ(answer->header.request, 5U);
 }
 
-TEST_F(ClientsFrames, WaitingRequestsAreAnsweredInTheirOrder)
+TEST_F(ClientsFrames, WaitingRequestsAreAnsweredInOrder)
 {
     vexa_ready = false;
     const packet_client client = greeted();
@@ -150,7 +150,7 @@ TEST_F(ClientsFrames, WaitingRequestsAreAnsweredInTheirOrder)
     }
 }
 
-TEST_F(ClientsFrames, OneWaitingRequestTooManyIsRefused)
+TEST_F(ClientsFrames, TooManyWaitingRequestsAreRefused)
 {
     vexa_ready = false;
     const packet_client client = greeted();
@@ -162,7 +162,7 @@ TEST_F(ClientsFrames, OneWaitingRequestTooManyIsRefused)
     EXPECT_FALSE(client.hung_up());
 }
 
-TEST_F(ClientsFrames, WaitingCostsNothingUntilThePictureIsReady)
+TEST_F(ClientsFrames, WaitingTakesNoWorkUntilThePictureIsReady)
 {
     vexa_ready = false;
     const packet_client client = greeted();
@@ -174,7 +174,7 @@ TEST_F(ClientsFrames, WaitingCostsNothingUntilThePictureIsReady)
     EXPECT_TRUE(client.receive().has_value());
 }
 
-TEST_F(ClientsFrames, RequestedSizeCountsForFramesAskedAfterIt)
+TEST_F(ClientsFrames, RequestedSizeAppliesToLaterFrames)
 {
     const packet_client client = greeted();
     ASSERT_TRUE(ask(client, encode(4, set_output_size{100, 100})).has_value());
@@ -197,7 +197,7 @@ TEST_F(ClientsFrames, ReleasedFrameIsDeletedWithoutAWarning)
     EXPECT_FALSE(client.hung_up());
 }
 
-TEST_F(ClientsFrames, LeavingGivesEverythingBackWithoutAWarning)
+TEST_F(ClientsFrames, DisconnectingReleasesEverythingWithoutAWarning)
 {
     vexa_ready = false;
     packet_client client = greeted();
@@ -215,7 +215,7 @@ TEST_F(ClientsFrames, LeavingGivesEverythingBackWithoutAWarning)
     EXPECT_EQ(state.live_contexts, 0);
 }
 
-TEST_F(ClientsFrames, FrameThatSomebodyElseHoldsIsDeletedWithAWarning)
+TEST_F(ClientsFrames, FrameHeldElsewhereIsDeletedWithAWarning)
 {
     packet_client client = greeted();
     const uint64_t reference = ask_frame(client, 0).reference;
@@ -244,7 +244,7 @@ TEST_F(ClientsFrames, ReferencesOfAnotherClientAreUnknown)
     EXPECT_EQ(release(second, of_second)->header.type, DONE);
 }
 
-TEST_F(ClientsFrames, OneHeldFrameTooManyIsRefused)
+TEST_F(ClientsFrames, TooManyHeldFramesAreRefused)
 {
     const packet_client client = greeted();
     const uint64_t first = ask_frame(client, 0).reference;
@@ -269,7 +269,7 @@ TEST_F(ClientsFrames, FramesOfAllClientsTogetherAreLimited)
     ask_frame(other, 0);
 }
 
-TEST_F(ClientsFrames, ReferenceFactoryWithoutMemoryIsToldAsSuch)
+TEST_F(ClientsFrames, FailingReferenceFactoryIsReportedAsLackOfMemory)
 {
     const packet_client client = greeted();
     state.frames_fail = true;
@@ -281,7 +281,7 @@ TEST_F(ClientsFrames, ReferenceFactoryWithoutMemoryIsToldAsSuch)
                  "no memory for a frame reference");
 }
 
-TEST_F(ClientsFrames, ExceptionInTheFactoryCostsTheClientOnly)
+TEST_F(ClientsFrames, ExceptionInTheFactoryOnlyDropsTheClient)
 {
     const packet_client client = greeted();
     const packet_client other = greeted();
@@ -294,7 +294,7 @@ TEST_F(ClientsFrames, ExceptionInTheFactoryCostsTheClientOnly)
     ask_frame(other, 0);
 }
 
-TEST_F(ClientsFrames, ClientKilledAtAnyPointOfARequestGivesEverythingBack)
+TEST_F(ClientsFrames, ClientKilledDuringARequestReleasesEverything)
 {
     for (int rounds = 0; rounds < 8; ++rounds) {
         packet_client client = greeted();
@@ -311,20 +311,20 @@ TEST_F(ClientsFrames, ClientKilledAtAnyPointOfARequestGivesEverythingBack)
     }
 }
 
-// A reference whose frame request ends its own client.
+// A reference whose frame request disconnects its own client.
 class leaving_reference final : public vexa_video_frame_reference {
 public:
     vexa_video_frame* load_frame(long long* /*error*/) override
     {
         platform::leave(*vexa_client_contexts.tracked.at(context_id).client);
-        idle_vexa_server_comm(); // a nested pump does nothing
+        idle_vexa_server_comm(); // a nested round does nothing
         idle_vexa_client_contexts();
         close_vexa_client_contexts();
         return nullptr;
     }
 };
 
-TEST_F(ClientsFrames, ClientMayLeaveInsideItsOwnCallback)
+TEST_F(ClientsFrames, ClientMayDisconnectInsideItsOwnCallback)
 {
     vexa_client_contexts.new_video_reference = [](vexa_client_context*) {
         return static_cast<vexa_video_frame_reference*>(new leaving_reference);
@@ -346,7 +346,7 @@ TEST_F(ClientsFrames, OldReferencesExpireByAge)
     EXPECT_EQ(state.live_frames, 0);
 }
 
-TEST_F(ClientsFrames, BaseClassesOfferNoSoundAndNoRealTime)
+TEST_F(ClientsFrames, BaseClassesHaveNoSoundAndNoRealTime)
 {
     const packet_client client = greeted();
     vexa_client_context& context = only_context();
@@ -375,7 +375,7 @@ TEST_F(ClientsFrames, BaseReferenceLoadsNothing)
     EXPECT_EQ(error, 0);
 }
 
-TEST_F(ClientsFrames, ReferenceGivesADescriptorOfItsBuffer)
+TEST_F(ClientsFrames, ReferenceReturnsADescriptorOfItsBuffer)
 {
     const packet_client client = greeted();
     const uint64_t id = ask_frame(client, 0).reference;

@@ -36,7 +36,7 @@ protected:
         return client_;
     }
 
-    // The tracked record of the only client.
+    // The tracking record of the only client.
     client_context_tracking& tracked()
     {
         client();
@@ -66,7 +66,7 @@ TEST_F(ClientsRequests, HelloIsAnsweredWithContextAndProcess)
     EXPECT_EQ(state.live_contexts, 1);
 }
 
-TEST_F(ClientsRequests, CutHelloIsMalformed)
+TEST_F(ClientsRequests, TruncatedHelloIsMalformed)
 {
     const packet_client newcomer = connect();
     expect_error(ask(newcomer, encode_empty(3, HELLO)), BAD_PACKET, 3, "malformed packet");
@@ -99,7 +99,7 @@ TEST_F(ClientsRequests, OtherMajorVersionIsRefused)
     EXPECT_TRUE(newcomer.hung_up());
 }
 
-TEST_F(ClientsRequests, HelloWithoutMemoryForAContextIsRefused)
+TEST_F(ClientsRequests, FailedContextAllocationIsRefused)
 {
     state.factory_throws = true;
     const packet_client newcomer = connect();
@@ -113,7 +113,7 @@ TEST_F(ClientsRequests, HelloWithoutMemoryForAContextIsRefused)
     EXPECT_TRUE(second.hung_up());
 }
 
-TEST_F(ClientsRequests, WithoutAFactoryTheBaseContextServes)
+TEST_F(ClientsRequests, WithoutAFactoryTheBaseContextIsUsed)
 {
     vexa_client_contexts.new_client_context = nullptr;
     greeted();
@@ -132,7 +132,7 @@ TEST_F(ClientsRequests, UnknownRequestIsRefusedAndTheConnectionKept)
     EXPECT_EQ(pong->header.type, PONG);
 }
 
-TEST_F(ClientsRequests, PingComesBackWithItsCookie)
+TEST_F(ClientsRequests, PingIsAnsweredWithItsCookie)
 {
     const auto pong = ask(client(), encode_ping(5, PING, {0x1122334455667788}));
     ASSERT_TRUE(pong.has_value());
@@ -141,7 +141,7 @@ TEST_F(ClientsRequests, PingComesBackWithItsCookie)
     EXPECT_EQ(pong->as<ping>().cookie, 0x1122334455667788U);
 }
 
-TEST_F(ClientsRequests, CutBodiesAreMalformed)
+TEST_F(ClientsRequests, TruncatedBodiesAreMalformed)
 {
     for (const packet_type type :
          {SET_OUTPUT_SIZE, SUBSCRIBE, GET_FRAME, RELEASE_FRAME, SET_METADATA, PING}) {
@@ -151,7 +151,7 @@ TEST_F(ClientsRequests, CutBodiesAreMalformed)
     }
 }
 
-TEST_F(ClientsRequests, LongerBodiesAreTaken)
+TEST_F(ClientsRequests, LongerBodiesAreAccepted)
 {
     packet_bytes longer = encode_ping(4, PING, {8});
     longer.insert(longer.end(), 10, 0xEE);
@@ -159,7 +159,7 @@ TEST_F(ClientsRequests, LongerBodiesAreTaken)
     EXPECT_EQ(ask(client(), longer)->header.type, PONG);
 }
 
-TEST_F(ClientsRequests, OutputSizeIsKeptWithTheClient)
+TEST_F(ClientsRequests, OutputSizeIsStoredForTheClient)
 {
     expect_done(ask(client(), encode(4, set_output_size{320, 200})), 4);
     EXPECT_EQ(tracked().requested_width, 320);
@@ -177,7 +177,7 @@ TEST_F(ClientsRequests, OutputSizeBelowOneIsUnknown)
     }
 }
 
-TEST_F(ClientsRequests, LargestOutputSizeIsTaken)
+TEST_F(ClientsRequests, LargestOutputSizeIsAccepted)
 {
     expect_done(ask(client(), encode(4, set_output_size{INT_MAX, 1})), 4);
     EXPECT_EQ(tracked().requested_width, INT_MAX);
@@ -202,7 +202,7 @@ TEST_F(ClientsRequests, StatusAfterAChangeIsTheNewDocument)
     EXPECT_EQ(ask(client(), encode_empty(5, GET_STATUS))->as<status_part>().text, "new");
 }
 
-TEST_F(ClientsRequests, LargeStatusComesInPartsThatTheClientReadsAtItsPace)
+TEST_F(ClientsRequests, LargeStatusIsSentInPartsAsTheClientReads)
 {
     state.document.assign(max_status_part * 20 + 5, 'd');
     ASSERT_TRUE(client().send(encode_empty(4, GET_STATUS)));
@@ -217,7 +217,7 @@ TEST_F(ClientsRequests, LargeStatusComesInPartsThatTheClientReadsAtItsPace)
     EXPECT_EQ(text, state.document);
 }
 
-TEST_F(ClientsRequests, MetadataIsStoredThenHandedToTheProgram)
+TEST_F(ClientsRequests, MetadataIsStoredAndPassedToTheProgram)
 {
     state.document_changed = false;
     expect_done(ask(client(), encode(4, set_metadata{"aspect ratio", "16:9"})), 4);
@@ -226,7 +226,7 @@ TEST_F(ClientsRequests, MetadataIsStoredThenHandedToTheProgram)
     EXPECT_TRUE(state.document_changed);
 }
 
-TEST_F(ClientsRequests, MetadataThatTheItemRefusesChangesNothing)
+TEST_F(ClientsRequests, RefusedMetadataChangesNothing)
 {
     client();
     state.settings = platform::setting_state::REFUSED;
@@ -238,7 +238,7 @@ TEST_F(ClientsRequests, MetadataThatTheItemRefusesChangesNothing)
     EXPECT_FALSE(client().hung_up());
 }
 
-TEST_F(ClientsRequests, MetadataThatIsNotStoredHoldsAndIsToldWithTheReason)
+TEST_F(ClientsRequests, MetadataThatIsNotStoredTakesEffectAndIsReported)
 {
     client();
     state.settings = platform::setting_state::NOT_STORED;
@@ -250,8 +250,8 @@ TEST_F(ClientsRequests, MetadataThatIsNotStoredHoldsAndIsToldWithTheReason)
     EXPECT_FALSE(client().hung_up());
 }
 
-// Only the client whose value waits is held up, and its later requests are answered after it.
-TEST_F(ClientsRequests, MetadataThatWaitsIsAnsweredWhenItIsDecided)
+// Only the client whose value waits is delayed; its later requests are answered afterwards.
+TEST_F(ClientsRequests, WaitingMetadataIsAnsweredWhenItIsDecided)
 {
     for (const platform::setting_state decided :
          {platform::setting_state::STORED, platform::setting_state::NOT_STORED}) {
@@ -280,7 +280,7 @@ TEST_F(ClientsRequests, MetadataThatWaitsIsAnsweredWhenItIsDecided)
     }
 }
 
-TEST_F(ClientsRequests, ClientThatLeavesWhileItsMetadataWaitsIsForgotten)
+TEST_F(ClientsRequests, ClientThatLeavesWithWaitingMetadataIsRemoved)
 {
     packet_client setter = greeted();
     state.settings = platform::setting_state::WAITS;
@@ -296,7 +296,7 @@ TEST_F(ClientsRequests, ClientThatLeavesWhileItsMetadataWaitsIsForgotten)
     pump();
 }
 
-TEST_F(ClientsRequests, MetadataThatWaitsAtTheEndIsWrittenAndAnswered)
+TEST_F(ClientsRequests, WaitingMetadataIsWrittenAndAnsweredAtTheEnd)
 {
     const packet_client setter = greeted();
     state.settings = platform::setting_state::WAITS;
@@ -308,7 +308,7 @@ TEST_F(ClientsRequests, MetadataThatWaitsAtTheEndIsWrittenAndAnswered)
     EXPECT_TRUE(setter.hung_up());
 }
 
-TEST_F(ClientsRequests, MetadataAtItsLimitsIsTakenAndBeyondRefused)
+TEST_F(ClientsRequests, MetadataIsAcceptedUpToItsLimits)
 {
     const std::string name(max_metadata_name, 'n');
     const std::string value(max_metadata_value, 'v');
@@ -359,13 +359,13 @@ TEST_F(ClientsRequests, DocumentIsBuiltOnceARoundHoweverManyChangeIt)
     EXPECT_LE(state.documents_built, before + 1);
 }
 
-TEST_F(ClientsRequests, ExitAsksTheWorkerToEnd)
+TEST_F(ClientsRequests, ExitEndsTheWorker)
 {
     expect_done(ask(client(), encode_empty(4, EXIT)), 4);
     EXPECT_TRUE(vexa_should_exit);
 }
 
-TEST_F(ClientsRequests, ExitIsHeardThoughTheClientLeavesAtOnce)
+TEST_F(ClientsRequests, ExitCountsEvenIfTheClientLeavesAtOnce)
 {
     packet_client hasty = greeted();
     ASSERT_TRUE(hasty.send(encode_empty(4, EXIT)));

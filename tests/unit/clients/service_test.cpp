@@ -41,7 +41,7 @@ TEST_F(Clients, RoundsWithoutASocketDoNothing)
     EXPECT_FALSE(vexa_should_exit);
 }
 
-TEST_F(Clients, SocketThatCannotBeMadeIsOneLine)
+TEST_F(Clients, SocketThatCannotBeMadeIsReportedOnOneLine)
 {
     state.socket = folder.path("none/socket");
     testing::internal::CaptureStderr();
@@ -56,7 +56,7 @@ TEST_F(Clients, StaleSocketIsReplaced)
 {
     EXPECT_EQ(run_in_child([] {
                   const bool opened = platform::open_comm_service();
-                  _exit(opened ? 0 : 1); // without the clean-up of an exit
+                  _exit(opened ? 0 : 1); // skips the clean-up at exit
                   return 1;
               }),
               0);
@@ -81,9 +81,9 @@ TEST_F(Clients, LiveSocketIsRefused)
     EXPECT_TRUE(packet_client(path).connected());
 }
 
-TEST_F(Clients, TooFewDescriptorsAreToldAtOnceAndLeaveNothing)
+TEST_F(Clients, TooFewDescriptorsAreReportedAtOnceAndLeaveNothing)
 {
-    // The socket itself takes two; with fewer than sixteen beside them no picture could be served.
+    // The socket itself needs two descriptors; with fewer than 16 more no picture can be served.
     for (size_t spare = 0; spare < 18; ++spare) {
         EXPECT_EQ(run_in_child([&] {
                       testing::internal::CaptureStderr();
@@ -97,9 +97,9 @@ TEST_F(Clients, TooFewDescriptorsAreToldAtOnceAndLeaveNothing)
                       if (platform::open_comm_service() || access(path.c_str(), F_OK) == 0) {
                           return 1;
                       }
-                      char told[200] = {};
-                      const ssize_t size = pread(STDERR_FILENO, told, sizeof told - 1, 0);
-                      return size > 0 && std::string(told).ends_with("Too many open files\n") ? 0
+                      char text[200] = {};
+                      const ssize_t size = pread(STDERR_FILENO, text, sizeof text - 1, 0);
+                      return size > 0 && std::string(text).ends_with("Too many open files\n") ? 0
                                                                                               : 3;
                   }),
                   0)
@@ -107,7 +107,7 @@ TEST_F(Clients, TooFewDescriptorsAreToldAtOnceAndLeaveNothing)
     }
 }
 
-TEST_F(Clients, EachCallThatTheSocketTakesMayBeRefused)
+TEST_F(Clients, EachSystemCallOfTheSocketMayFail)
 {
     for (const char* call : {"epoll_create1", "socket", "bind", "listen", "epoll_ctl"}) {
         EXPECT_EQ(run_in_child([&] {
@@ -122,7 +122,7 @@ TEST_F(Clients, EachCallThatTheSocketTakesMayBeRefused)
     }
 }
 
-TEST_F(Clients, DaemonTakesTheLockOverWithTheSocket)
+TEST_F(Clients, DaemonTakesOverTheLockWithTheSocket)
 {
     pump();
     EXPECT_EQ(state.lock_refreshed, 0);
@@ -130,8 +130,8 @@ TEST_F(Clients, DaemonTakesTheLockOverWithTheSocket)
     EXPECT_EQ(state.lock_refreshed, 1);
 }
 
-// Decoding, and waiting for the buffer, know of no other housekeeping.
-TEST_F(Clients, RoundsLookAfterSettingsAndStatusThatWait)
+// During a decode, and while waiting for the buffer, there is no other housekeeping.
+TEST_F(Clients, RoundsProcessWaitingSettingsAndStatus)
 {
     pump();
     state.settings_looked_at = 0;
@@ -142,7 +142,7 @@ TEST_F(Clients, RoundsLookAfterSettingsAndStatusThatWait)
     EXPECT_EQ(state.status_flushed, 1U);
 }
 
-TEST_F(Clients, DaemonTakesTheLockOverAlsoWithTheOldSocket)
+TEST_F(Clients, DaemonTakesOverTheLockEvenWithTheOldSocket)
 {
     pump();
     ASSERT_EQ(unlink(path.c_str()), 0);
@@ -175,7 +175,7 @@ TEST_F(Clients, ExitOfAForkedChildLeavesTheSocketFile)
     EXPECT_TRUE(folder.has("socket"));
 }
 
-TEST_F(Clients, ClosingTheServiceTellsClientsRemovesTheFileAndMayRunTwice)
+TEST_F(Clients, ClosingTheServiceNotifiesClientsRemovesTheFileAndMayRunTwice)
 {
     const packet_client client = greeted();
     platform::close_comm_service();
@@ -186,7 +186,7 @@ TEST_F(Clients, ClosingTheServiceTellsClientsRemovesTheFileAndMayRunTwice)
     close_vexa_client_contexts();
 }
 
-TEST_F(Clients, ServiceThatWasClosedMayBeginAnew)
+TEST_F(Clients, ClosedServiceMayBeReopened)
 {
     greeted();
     platform::close_comm_service();
@@ -194,7 +194,7 @@ TEST_F(Clients, ServiceThatWasClosedMayBeginAnew)
     EXPECT_EQ(platform::connected_clients(), 1U);
 }
 
-TEST_F(Clients, DisconnectGoesThroughTheRegisteredHandler)
+TEST_F(Clients, DisconnectUsesTheRegisteredHandler)
 {
     packet_client client = greeted();
     const unsigned long id = vexa_client_contexts.tracked.begin()->first;
@@ -204,7 +204,7 @@ TEST_F(Clients, DisconnectGoesThroughTheRegisteredHandler)
     EXPECT_EQ(state.live_contexts, 0);
 }
 
-TEST_F(Clients, DisconnectGivesEverythingBackWithoutAHandler)
+TEST_F(Clients, DisconnectReleasesEverythingWithoutAHandler)
 {
     on_vexa_client_disconnect = nullptr;
     packet_client client = greeted();
@@ -214,7 +214,7 @@ TEST_F(Clients, DisconnectGivesEverythingBackWithoutAHandler)
     my_client_disconnect_handler(nullptr);
 }
 
-TEST_F(Clients, ConnectedClientsCountsTheGreeted)
+TEST_F(Clients, ConnectedClientsCountsThoseGreeted)
 {
     const packet_client silent = connect();
     EXPECT_EQ(platform::connected_clients(), 0U);
@@ -226,7 +226,7 @@ TEST_F(Clients, ConnectedClientsCountsTheGreeted)
     EXPECT_EQ(platform::connected_clients(), 1U);
 }
 
-TEST_F(Clients, ConnectedClientPutsTheShutdownOff)
+TEST_F(Clients, ConnectedClientDelaysTheShutdown)
 {
     pump();
     mono_auto_shutdown = 5;
@@ -239,7 +239,7 @@ TEST_F(Clients, ConnectedClientPutsTheShutdownOff)
     EXPECT_GE(mono_auto_shutdown, before_us + auto_shutdown_delay_initial);
 }
 
-TEST_F(Clients, ShutdownIsNeverMovedForwardsNorSetWhereThereIsNone)
+TEST_F(Clients, ShutdownIsNeverAdvancedNorCreated)
 {
     const packet_client client = greeted();
     EXPECT_EQ(mono_auto_shutdown, 0U);
@@ -248,7 +248,7 @@ TEST_F(Clients, ShutdownIsNeverMovedForwardsNorSetWhereThereIsNone)
     EXPECT_EQ(mono_auto_shutdown, UINT64_MAX - 1);
 }
 
-TEST_F(Clients, EndlessShutdownDelayStaysEndless)
+TEST_F(Clients, InfiniteShutdownDelayStaysInfinite)
 {
     auto_shutdown_delay_initial = UINT64_MAX;
     mono_auto_shutdown = 1;
@@ -264,7 +264,7 @@ TEST_F(Clients, ShutdownDelayOfZeroStaysDue)
     EXPECT_LE(mono_auto_shutdown, monotonic_clock_us());
 }
 
-TEST_F(Clients, RoundsInQuickSuccessionCostNoLookAtTheSockets)
+TEST_F(Clients, RoundsInQuickSuccessionDoNotPollTheSockets)
 {
     pump();
     vexa_comm_server->next_look_us = UINT64_MAX;

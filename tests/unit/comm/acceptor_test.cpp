@@ -23,7 +23,7 @@ namespace {
 
 constexpr size_t connections_in_a_row = 3000;
 
-// 0 when every connection was made at the first attempt and answered.
+// 0 when every connection succeeded at the first attempt and was answered.
 int keep_connecting(const std::string& path)
 {
     for (size_t i = 0; i < connections_in_a_row; ++i) {
@@ -41,7 +41,7 @@ class Acceptor : public server_fixture {};
 
 } // namespace
 
-TEST_F(Acceptor, ClientBeyondTheLimitIsToldSo)
+TEST_F(Acceptor, ClientBeyondTheLimitIsRefusedWithAReason)
 {
     start({.clients = 2});
     packet_client first = greeted();
@@ -55,13 +55,13 @@ TEST_F(Acceptor, ClientBeyondTheLimitIsToldSo)
     greeted();
 }
 
-TEST_F(Acceptor, ConnectionThatTheKernelCannotWatchIsTurnedAway)
+TEST_F(Acceptor, ConnectionThatCannotBeWatchedIsRefused)
 {
     start();
     int ends[2] = {-1, -1};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
     const packet_client client{platform::unique_fd(ends[0])};
-    server->home.epoll = client.fd(); // no epoll descriptor
+    server->home.epoll = client.fd(); // not an epoll descriptor
     EXPECT_EQ(platform::adopt(*server, platform::make_socket_channel(platform::unique_fd(ends[1])),
                               now_us),
               nullptr);
@@ -69,7 +69,7 @@ TEST_F(Acceptor, ConnectionThatTheKernelCannotWatchIsTurnedAway)
     EXPECT_TRUE(client.hung_up());
 }
 
-TEST_F(Acceptor, OtherUsersAreTurnedAway)
+TEST_F(Acceptor, OtherUsersAreRefused)
 {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs a second user";
@@ -99,7 +99,7 @@ TEST_F(Acceptor, OtherUsersAreTurnedAway)
     EXPECT_TRUE(server->clients.empty());
 }
 
-TEST_F(Acceptor, KernelThatDoesNotTellTheUserIsNotCalledAnotherUsersProcess)
+TEST_F(Acceptor, UnknownUserIsNotReportedAsAnotherUser)
 {
     const int status = run_in_child([this] {
         start();
@@ -120,7 +120,7 @@ TEST_F(Acceptor, KernelThatDoesNotTellTheUserIsNotCalledAnotherUsersProcess)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(Acceptor, SocketIsClosedToOtherUsersByItsMode)
+TEST_F(Acceptor, SocketModeExcludesOtherUsers)
 {
     start();
     ASSERT_EQ(chmod(folder.path().c_str(), 0755), 0);
@@ -129,19 +129,19 @@ TEST_F(Acceptor, SocketIsClosedToOtherUsersByItsMode)
         geteuid() == 0 ? 0 : 1);
 }
 
-TEST_F(Acceptor, ReplacedSocketKeepsItsConnectionsAndThoseOnTheirWay)
+TEST_F(Acceptor, ReplacedSocketKeepsEstablishedAndWaitingConnections)
 {
     start();
     const packet_client before = greeted();
-    const packet_client on_its_way(path); // not accepted yet
+    const packet_client waiting(path); // not accepted yet
     ASSERT_EQ(comm_socket_v4_reopen_server(server.get()), 0);
     ASSERT_TRUE(before.send(encode_ping(2, PING, {})));
-    ASSERT_TRUE(on_its_way.send(encode(3, hello())));
+    ASSERT_TRUE(waiting.send(encode(3, hello())));
     const packet_client after(path);
     ASSERT_TRUE(after.send(encode(4, hello())));
     pump();
     EXPECT_EQ(before.receive()->header.request, 2U);
-    EXPECT_EQ(on_its_way.receive()->header.request, 3U);
+    EXPECT_EQ(waiting.receive()->header.request, 3U);
     EXPECT_EQ(after.receive()->header.request, 4U);
 }
 
@@ -157,7 +157,7 @@ TEST_F(Acceptor, ReplacedSocketIsClosedAfterAWhile)
     EXPECT_TRUE(packet_client(path).connected());
 }
 
-TEST_F(Acceptor, ReplacedSocketIsNotClosedBeforeAllOnTheirWayAreIn)
+TEST_F(Acceptor, ReplacedSocketIsNotClosedBeforeWaitingConnectionsAreAccepted)
 {
     start();
     std::vector<packet_client> waiting;
@@ -166,7 +166,7 @@ TEST_F(Acceptor, ReplacedSocketIsNotClosedBeforeAllOnTheirWayAreIn)
         ASSERT_TRUE(waiting.back().send(encode(1, hello())));
     }
     ASSERT_EQ(comm_socket_v4_reopen_server(server.get()), 0);
-    now_us = monotonic_clock_us() + 60'000'000; // a decode without a round
+    now_us = monotonic_clock_us() + 60'000'000; // a decode without any round
     for (int i = 0; i < 10; ++i) {
         pump();
         now_us += 200'000;
@@ -177,7 +177,7 @@ TEST_F(Acceptor, ReplacedSocketIsNotClosedBeforeAllOnTheirWayAreIn)
     }
 }
 
-TEST_F(Acceptor, SocketMayBeReplacedAgainAndAgain)
+TEST_F(Acceptor, SocketMayBeReplacedRepeatedly)
 {
     start();
     const size_t before = open_descriptors();
@@ -203,7 +203,7 @@ TEST_F(Acceptor, FailedReplacementLeavesTheOldSocketServing)
     rmdir(path.c_str());
 }
 
-TEST_F(Acceptor, ClientThatKeepsConnectingNeverMeetsAGap)
+TEST_F(Acceptor, ClientThatConnectsRepeatedlyIsNeverRefused)
 {
     start({.tend_gap_us = 1'000, .old_listener_us = 10'000});
     child_process newcomer([this] { return keep_connecting(path); });
@@ -222,7 +222,7 @@ TEST_F(Acceptor, ClientThatKeepsConnectingNeverMeetsAGap)
     EXPECT_GT(replaced, 1);
 }
 
-TEST_F(Acceptor, NoServerIsNothingToReplace)
+TEST_F(Acceptor, ReplacingWithoutAServerFails)
 {
     EXPECT_EQ(comm_socket_v4_reopen_server(nullptr), 0);
 }

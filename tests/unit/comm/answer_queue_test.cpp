@@ -18,7 +18,7 @@ protected:
         return queue.send(channel, {encode_empty(request, DONE), {}}, now_us);
     }
 
-    // Request number and type of the sent packet.
+    // The header of a sent packet.
     packet_header sent(size_t index) const
     {
         packet_header header;
@@ -42,7 +42,7 @@ protected:
         return std::make_shared<const std::string>(size, letter);
     }
 
-    // What all STATUS packets under this request number add up to.
+    // The document made of all STATUS packets with this request number.
     std::string document_sent(uint64_t request) const
     {
         std::string text;
@@ -63,14 +63,14 @@ protected:
 
 } // namespace
 
-TEST_F(AnswerQueue, AnswerGoesOutAtOnce)
+TEST_F(AnswerQueue, AnswerIsSentAtOnce)
 {
     EXPECT_TRUE(send(1));
     EXPECT_TRUE(queue.empty());
     EXPECT_EQ(sent(0).request, 1U);
 }
 
-TEST_F(AnswerQueue, WhatFindsNoRoomWaitsInOrder)
+TEST_F(AnswerQueue, AnswersThatDoNotFitWaitInOrder)
 {
     ends->room = 1;
     EXPECT_TRUE(send(1));
@@ -88,7 +88,7 @@ TEST_F(AnswerQueue, WhatFindsNoRoomWaitsInOrder)
     }
 }
 
-TEST_F(AnswerQueue, FullQueueMeansThatTheClientGoes)
+TEST_F(AnswerQueue, FullQueueFails)
 {
     ends->room = 0;
     for (size_t i = 0; i < max_queued_answers; ++i) {
@@ -97,7 +97,7 @@ TEST_F(AnswerQueue, FullQueueMeansThatTheClientGoes)
     EXPECT_FALSE(send(999));
 }
 
-TEST_F(AnswerQueue, ChannelThatIsGoneMeansThatTheClientGoes)
+TEST_F(AnswerQueue, ClosedChannelFails)
 {
     ends->room = 0;
     EXPECT_TRUE(send(1));
@@ -107,7 +107,7 @@ TEST_F(AnswerQueue, ChannelThatIsGoneMeansThatTheClientGoes)
     EXPECT_FALSE(fresh.send(channel, {encode_empty(1, DONE), {}}, 0));
 }
 
-TEST_F(AnswerQueue, StallIsCountedFromTheLastPacketThatWasTaken)
+TEST_F(AnswerQueue, StallIsMeasuredFromTheLastSentPacket)
 {
     ends->room = 0;
     EXPECT_TRUE(send(1, 100));
@@ -120,7 +120,7 @@ TEST_F(AnswerQueue, StallIsCountedFromTheLastPacketThatWasTaken)
     EXPECT_EQ(queue.stalled_since_us(), 400U);
 }
 
-TEST_F(AnswerQueue, StallStartsAnewAfterAnEmptyQueue)
+TEST_F(AnswerQueue, StallRestartsAfterAnEmptyQueue)
 {
     ends->room = 0;
     EXPECT_TRUE(send(1, 100));
@@ -130,7 +130,7 @@ TEST_F(AnswerQueue, StallStartsAnewAfterAnEmptyQueue)
     EXPECT_EQ(queue.stalled_since_us(), 5000U);
 }
 
-TEST_F(AnswerQueue, DocumentTravelsInParts)
+TEST_F(AnswerQueue, DocumentIsSentInParts)
 {
     EXPECT_TRUE(queue.send_document(channel, document(2 * max_status_part + 1), 7, true, 0));
     ASSERT_EQ(ends->sent.size(), 3U);
@@ -141,7 +141,7 @@ TEST_F(AnswerQueue, DocumentTravelsInParts)
     EXPECT_EQ(sent(2).request, 7U);
 }
 
-TEST_F(AnswerQueue, DocumentOfOneWholePartIsOnePacket)
+TEST_F(AnswerQueue, DocumentOfExactlyOnePartIsOnePacket)
 {
     EXPECT_TRUE(queue.send_document(channel, document(max_status_part), 7, true, 0));
     EXPECT_EQ(ends->sent.size(), 1U);
@@ -155,7 +155,7 @@ TEST_F(AnswerQueue, EmptyDocumentIsOneEmptyPart)
     EXPECT_EQ(sent_body<status_part>(0).total, 0U);
 }
 
-TEST_F(AnswerQueue, NothingComesBetweenTheParts)
+TEST_F(AnswerQueue, NothingIsSentBetweenTheParts)
 {
     ends->room = 1;
     EXPECT_TRUE(queue.send_document(channel, document(3 * max_status_part), 7, true, 0));
@@ -167,7 +167,7 @@ TEST_F(AnswerQueue, NothingComesBetweenTheParts)
     EXPECT_EQ(sent(3).request, 8U);
 }
 
-TEST_F(AnswerQueue, NewerDocumentReplacesOneThatWasNotBegun)
+TEST_F(AnswerQueue, NewerDocumentReplacesOneThatWasNotStarted)
 {
     ends->room = 0;
     EXPECT_TRUE(queue.send_document(channel, document(10, 'a'), 7, false, 0));
@@ -178,7 +178,7 @@ TEST_F(AnswerQueue, NewerDocumentReplacesOneThatWasNotBegun)
     EXPECT_EQ(document_sent(7), std::string(10, 'b'));
 }
 
-TEST_F(AnswerQueue, DocumentThatWasBegunIsFinishedBeforeTheNewer)
+TEST_F(AnswerQueue, StartedDocumentIsFinishedBeforeANewerOne)
 {
     ends->room = 1;
     EXPECT_TRUE(queue.send_document(channel, document(max_status_part + 1, 'a'), 7, false, 0));
@@ -189,7 +189,7 @@ TEST_F(AnswerQueue, DocumentThatWasBegunIsFinishedBeforeTheNewer)
     EXPECT_EQ(document_sent(8), std::string(10, 'b'));
 }
 
-TEST_F(AnswerQueue, DocumentsThatWereAskedForAreAllSent)
+TEST_F(AnswerQueue, RequestedDocumentsAreAllSent)
 {
     ends->room = 0;
     EXPECT_TRUE(queue.send_document(channel, document(10, 'a'), 7, true, 0));
@@ -202,7 +202,7 @@ TEST_F(AnswerQueue, DocumentsThatWereAskedForAreAllSent)
     EXPECT_EQ(document_sent(9), std::string(10, 'c'));
 }
 
-TEST_F(AnswerQueue, WaitingEventsBecomeOneWithTheNewestState)
+TEST_F(AnswerQueue, WaitingEventsAreMergedWithTheLatestState)
 {
     ends->room = 0;
     EXPECT_TRUE(queue.send_event(channel, 7, change_progress, {10, 0, "ten"}, 0));
@@ -217,7 +217,7 @@ TEST_F(AnswerQueue, WaitingEventsBecomeOneWithTheNewestState)
     EXPECT_EQ(sent_body<event>(0).progress, "");
 }
 
-TEST_F(AnswerQueue, EventsOfTwoSubscriptionsStayApart)
+TEST_F(AnswerQueue, EventsOfTwoSubscriptionsAreSeparate)
 {
     ends->room = 0;
     EXPECT_TRUE(queue.send_event(channel, 7, change_progress, {1, 0, ""}, 0));
@@ -227,7 +227,7 @@ TEST_F(AnswerQueue, EventsOfTwoSubscriptionsStayApart)
     EXPECT_EQ(ends->sent.size(), 2U);
 }
 
-TEST_F(AnswerQueue, UnaskedNewsNeverFillTheQueue)
+TEST_F(AnswerQueue, EventsAndDocumentsNeverFillTheQueue)
 {
     ends->room = 0;
     for (size_t i = 0; i < 10 * max_queued_answers; ++i) {

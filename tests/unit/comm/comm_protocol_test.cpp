@@ -7,7 +7,7 @@ using namespace comm_protocol;
 
 namespace {
 
-// Header of a packet of this type and length in hexadecimal; the request number is
+// The header of a packet of this type and length, in hexadecimal. The request number is
 // 0x0807060504030201.
 std::string header_hex(const char* type, const char* length)
 {
@@ -23,7 +23,7 @@ bool decode_packet(const packet_bytes& packet, message* body)
     return decode(packet.data() + packet_header_size, packet.size() - packet_header_size, body);
 }
 
-// Every body that is cut anywhere is refused, and one with more bytes behind it is taken.
+// Expects that a body truncated anywhere is refused, and one with extra bytes is accepted.
 template <typename message>
 void expect_exact_length(const packet_bytes& packet)
 {
@@ -39,49 +39,49 @@ void expect_exact_length(const packet_bytes& packet)
 
 } // namespace
 
-TEST(CommProtocol, HelloHasItsBytes)
+TEST(CommProtocol, HelloBytes)
 {
     EXPECT_EQ(to_hex(encode(request, hello{0x11223344})),
               header_hex("01 00", "1C 00") + " 44 33 22 11");
 }
 
-TEST(CommProtocol, HelloAnswerHasItsBytes)
+TEST(CommProtocol, HelloAnswerBytes)
 {
     EXPECT_EQ(to_hex(encode(request, hello_answer{0x1122334455667788, 0xAABBCCDD, 0x01020304})),
               header_hex("65 00", "28 00") + " 88 77 66 55 44 33 22 11 DD CC BB AA 04 03 02 01");
 }
 
-TEST(CommProtocol, SetOutputSizeHasItsBytes)
+TEST(CommProtocol, SetOutputSizeBytes)
 {
     EXPECT_EQ(to_hex(encode(request, set_output_size{1920, -2})),
               header_hex("02 00", "20 00") + " 80 07 00 00 FE FF FF FF");
 }
 
-TEST(CommProtocol, SubscribeHasItsBytes)
+TEST(CommProtocol, SubscribeBytes)
 {
     EXPECT_EQ(to_hex(encode(request, subscribe{change_ready | change_document})),
               header_hex("04 00", "1C 00") + " 44 00 00 00");
 }
 
-TEST(CommProtocol, GetFrameHasItsBytes)
+TEST(CommProtocol, GetFrameBytes)
 {
     EXPECT_EQ(to_hex(encode(request, get_frame{0x0102030405060708, get_frame_wait})),
               header_hex("05 00", "24 00") + " 08 07 06 05 04 03 02 01 01 00 00 00");
 }
 
-TEST(CommProtocol, ReleaseFrameHasItsBytes)
+TEST(CommProtocol, ReleaseFrameBytes)
 {
     EXPECT_EQ(to_hex(encode(request, release_frame{9})),
               header_hex("06 00", "20 00") + " 09 00 00 00 00 00 00 00");
 }
 
-TEST(CommProtocol, SetMetadataHasItsBytes)
+TEST(CommProtocol, SetMetadataBytes)
 {
     EXPECT_EQ(to_hex(encode(request, set_metadata{"ab", "xyz"})),
               header_hex("07 00", "25 00") + " 02 00 00 00 03 00 00 00 61 62 78 79 7A");
 }
 
-TEST(CommProtocol, PingAndPongHaveTheirBytes)
+TEST(CommProtocol, PingAndPongBytes)
 {
     EXPECT_EQ(to_hex(encode_ping(request, PING, {0x77})),
               header_hex("09 00", "20 00") + " 77 00 00 00 00 00 00 00");
@@ -89,20 +89,20 @@ TEST(CommProtocol, PingAndPongHaveTheirBytes)
               header_hex("6D 00", "20 00") + " 77 00 00 00 00 00 00 00");
 }
 
-TEST(CommProtocol, EmptyPacketsAreBareHeaders)
+TEST(CommProtocol, EmptyPacketsAreOnlyHeaders)
 {
     EXPECT_EQ(to_hex(encode_empty(request, GET_STATUS)), header_hex("03 00", "18 00"));
     EXPECT_EQ(to_hex(encode_empty(request, EXIT)), header_hex("08 00", "18 00"));
     EXPECT_EQ(to_hex(encode_empty(request, DONE)), header_hex("66 00", "18 00"));
 }
 
-TEST(CommProtocol, StatusHasItsBytes)
+TEST(CommProtocol, StatusBytes)
 {
     EXPECT_EQ(to_hex(encode(request, status_part{300, 256, "{}"})),
               header_hex("67 00", "26 00") + " 2C 01 00 00 00 01 00 00 02 00 00 00 7B 7D");
 }
 
-TEST(CommProtocol, FrameHasItsBytes)
+TEST(CommProtocol, FrameBytes)
 {
     frame message;
     message.reference = 0x10;
@@ -125,13 +125,13 @@ TEST(CommProtocol, FrameHasItsBytes)
                                              " F0 FF FF FF FF FF FF FF 09 00 00 00 00 00 00 00");
 }
 
-TEST(CommProtocol, ErrorHasItsBytes)
+TEST(CommProtocol, ErrorBytes)
 {
     EXPECT_EQ(to_hex(encode(request, error{NOT_READY, "no"})),
               header_hex("C7 00", "22 00") + " 0A 00 00 00 02 00 00 00 6E 6F");
 }
 
-TEST(CommProtocol, EventHasItsBytes)
+TEST(CommProtocol, EventBytes)
 {
     EXPECT_EQ(to_hex(encode(request, event{change_progress | change_clients, 40, -1, "PNG"})),
               header_hex("C9 00", "2B 00") +
@@ -162,7 +162,7 @@ TEST(CommProtocol, ErrorCodesAndChangesKeepTheirNumbers)
     EXPECT_EQ(change_document, 64U);
 }
 
-TEST(CommProtocol, BodiesOfFixedSizeComeBack)
+TEST(CommProtocol, BodiesOfFixedSizeAreDecoded)
 {
     hello_answer greeting;
     ASSERT_TRUE(decode_packet(encode(1, hello_answer{5, 6, 7}), &greeting));
@@ -179,7 +179,7 @@ TEST(CommProtocol, BodiesOfFixedSizeComeBack)
     EXPECT_EQ(wanted.flags, 1U);
 }
 
-TEST(CommProtocol, FrameComesBackWhole)
+TEST(CommProtocol, FrameIsDecoded)
 {
     frame sent;
     sent.reference = 1;
@@ -199,7 +199,7 @@ TEST(CommProtocol, FrameComesBackWhole)
     EXPECT_EQ(to_hex(encode(1, got)), to_hex(encode(1, sent)));
 }
 
-TEST(CommProtocol, TextsComeBack)
+TEST(CommProtocol, TextsAreDecoded)
 {
     const packet_bytes setting = encode(1, set_metadata{"name", std::string_view("a\0b", 3)});
     set_metadata set;
@@ -220,7 +220,7 @@ TEST(CommProtocol, TextsComeBack)
     EXPECT_EQ(happened.progress, "text");
 }
 
-TEST(CommProtocol, CutBodiesAreRefusedAndLongerOnesTaken)
+TEST(CommProtocol, TruncatedBodiesAreRefusedAndLongerOnesAccepted)
 {
     expect_exact_length<hello>(encode(1, hello()));
     expect_exact_length<hello_answer>(encode(1, hello_answer()));
@@ -239,12 +239,12 @@ TEST(CommProtocol, CutBodiesAreRefusedAndLongerOnesTaken)
 TEST(CommProtocol, TextLengthBeyondTheBodyIsRefused)
 {
     packet_bytes packet = encode(1, set_metadata{"ab", "cd"});
-    packet[packet_header_size + 7] = 0xFF; // value length, highest byte
+    packet[packet_header_size + 7] = 0xFF; // the highest byte of the value length
     set_metadata body;
     EXPECT_FALSE(decode_packet(packet, &body));
 }
 
-TEST(CommProtocol, HeaderComesBack)
+TEST(CommProtocol, HeaderIsDecoded)
 {
     const packet_bytes packet = encode(request, hello());
     packet_header header;
@@ -256,7 +256,7 @@ TEST(CommProtocol, HeaderComesBack)
     EXPECT_EQ(header.request, request);
 }
 
-TEST(CommProtocol, HeaderOfAnotherVersionIsStillRead)
+TEST(CommProtocol, HeaderOfAnotherVersionIsDecoded)
 {
     packet_bytes packet = encode(request, hello());
     packet[4] = 2;
@@ -281,7 +281,7 @@ TEST(CommProtocol, ShortHeaderWrongMagicAndWrongLengthAreRefused)
     EXPECT_FALSE(decode_header(other_length.data(), other_length.size(), &header));
 }
 
-TEST(CommProtocol, LargestPacketIsTakenAndOneByteMoreRefused)
+TEST(CommProtocol, LargestPacketIsAcceptedAndOneByteMoreRefused)
 {
     const std::string value(max_packet_size - packet_header_size - 8 - 1, 'v');
     const packet_bytes largest = encode(1, set_metadata{"n", value});
@@ -291,11 +291,11 @@ TEST(CommProtocol, LargestPacketIsTakenAndOneByteMoreRefused)
     EXPECT_TRUE(encode(1, set_metadata{"nn", value}).empty());
     packet_bytes larger = largest;
     larger.push_back(0);
-    larger[12] = 1; // length 65537
+    larger[12] = 1; // a length of 65537
     EXPECT_FALSE(decode_header(larger.data(), larger.size(), &header));
 }
 
-TEST(CommProtocol, MetadataAndStatusAboveTheirLimitsGiveNoPacket)
+TEST(CommProtocol, MetadataAndStatusBeyondTheirLimitsGiveNoPacket)
 {
     EXPECT_TRUE(encode(1, set_metadata{std::string(max_packet_size + 1, 'n'), ""}).empty());
     EXPECT_TRUE(encode(1, set_metadata{"", std::string(max_packet_size + 1, 'v')}).empty());
@@ -303,7 +303,7 @@ TEST(CommProtocol, MetadataAndStatusAboveTheirLimitsGiveNoPacket)
     EXPECT_TRUE(encode(1, status_part{0, 0, std::string(max_status_part + 1, 's')}).empty());
 }
 
-TEST(CommProtocol, LongTextsAreCutBetweenCharacters)
+TEST(CommProtocol, LongTextsAreTruncatedBetweenCharacters)
 {
     const std::string exact(max_packet_text, 'e');
     const packet_bytes kept = encode(1, error{1, exact});

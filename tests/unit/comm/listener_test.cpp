@@ -30,16 +30,16 @@ class Listener : public testing::Test {
 protected:
     ~Listener() override { close_listener(&listener); }
 
-    // Expects a refusal in one line that names the path and holds the reason.
+    // Expects a refusal on one line that contains the path and the reason.
     static void expect_refused(const std::string& path, const std::string& reason)
     {
         testing::internal::CaptureStderr();
         EXPECT_FALSE(clear_socket_path(path));
-        const std::string told = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(told, "Comm socket '" + path + "': " + reason + "\n");
+        const std::string printed = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(printed, "Comm socket '" + path + "': " + reason + "\n");
     }
 
-    // A socket of another kind, bound to the path.
+    // A socket of another type bound to the path.
     static unique_fd bind_socket(const std::string& path, int type)
     {
         unique_fd made(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
@@ -56,7 +56,7 @@ protected:
     comm_listener listener;
 };
 
-// The present folder, as long as it lives.
+// Changes the working folder until the end of the scope.
 class inside_folder {
 public:
     explicit inside_folder(const std::string& path)
@@ -108,7 +108,7 @@ TEST_F(Listener, StaleSocketIsRemoved)
     EXPECT_FALSE(folder.has("socket"));
 }
 
-TEST_F(Listener, SocketThatADeadProcessDidNotFinishIsRemoved)
+TEST_F(Listener, UnfinishedSocketOfADeadProcessIsRemoved)
 {
     bind_socket(folder.path(".stillimage-socket"), SOCK_SEQPACKET).reset();
     bind_socket(folder.path(".stillimage-other"), SOCK_SEQPACKET).reset();
@@ -119,7 +119,7 @@ TEST_F(Listener, SocketThatADeadProcessDidNotFinishIsRemoved)
     EXPECT_FALSE(folder.has(".stillimage-socket"));
 }
 
-TEST_F(Listener, FileWithTheNameOfAnUnfinishedSocketIsKept)
+TEST_F(Listener, FileNamedLikeAnUnfinishedSocketIsKept)
 {
     folder.write(".stillimage-socket", "text");
     EXPECT_TRUE(clear_socket_path(path));
@@ -137,7 +137,7 @@ TEST_F(Listener, LiveSocketIsRefused)
     EXPECT_TRUE(packet_client(path).connected());
 }
 
-TEST_F(Listener, LiveSocketOfAnotherKindIsRefused)
+TEST_F(Listener, LiveSocketOfAnotherTypeIsRefused)
 {
     const unique_fd stream = bind_socket(path, SOCK_STREAM);
     ASSERT_EQ(listen(stream.get(), 1), 0);
@@ -185,7 +185,7 @@ TEST_F(Listener, StaleSocketOfAnotherUserIsRefused)
     EXPECT_TRUE(folder.has("socket"));
 }
 
-TEST_F(Listener, MissingFolderIsToldWhenListening)
+TEST_F(Listener, MissingFolderIsReportedWhenListening)
 {
     const std::string missing = folder.path("none/socket");
     EXPECT_TRUE(clear_socket_path(missing));
@@ -195,7 +195,7 @@ TEST_F(Listener, MissingFolderIsToldWhenListening)
               "Comm socket '" + missing + "': No such file or directory\n");
 }
 
-TEST_F(Listener, PathOf107BytesIsTakenAndOf108Refused)
+TEST_F(Listener, PathOf107BytesIsAcceptedAndOf108Refused)
 {
     const std::string longest(path + std::string(most_path_bytes - path.size(), 'x'));
     ASSERT_TRUE(clear_socket_path(longest));
@@ -211,9 +211,9 @@ TEST_F(Listener, PathOf107BytesIsTakenAndOf108Refused)
                 HasSubstr("a socket path has 1 to 107 bytes"));
 }
 
-TEST_F(Listener, LongFolderWithAShortNameIsTaken)
+TEST_F(Listener, LongFolderWithAShortNameIsAccepted)
 {
-    // No room in that folder for the longer name under which the socket is made first.
+    // The folder leaves no room for the longer temporary name of the socket.
     std::string deep = folder.path();
     deep += "/" + std::string(most_path_bytes - deep.size() - 3, 'd');
     ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
@@ -226,7 +226,7 @@ TEST_F(Listener, LongFolderWithAShortNameIsTaken)
     EXPECT_EQ(access(at_the_end.c_str(), F_OK), -1);
 }
 
-TEST_F(Listener, NameAsLongAsAWholePathIsTaken)
+TEST_F(Listener, NameAsLongAsAWholePathIsAccepted)
 {
     const inside_folder inside(folder.path());
     const std::string longest(most_path_bytes, 'n');
@@ -252,21 +252,21 @@ TEST_F(Listener, UnfinishedSocketOfALongNameIsRemoved)
     EXPECT_THAT(folder.names(), ElementsAre(unfinished_socket_name(other)));
 }
 
-TEST_F(Listener, ListeningAnewReplacesTheSocketInPlace)
+TEST_F(Listener, ListeningAgainReplacesTheSocketInPlace)
 {
     ASSERT_TRUE(open_listener(path, &listener));
     const packet_client before(path);
     comm_listener second;
     ASSERT_TRUE(open_listener(path, &second));
     EXPECT_TRUE(packet_client(path).connected());
-    close_listener(&listener); // the file is no longer its own
+    close_listener(&listener); // does not own the file any more
     EXPECT_TRUE(folder.has("socket"));
     EXPECT_TRUE(packet_client(path).connected());
     close_listener(&second);
     EXPECT_THAT(folder.names(), IsEmpty());
 }
 
-TEST_F(Listener, FailedListeningAnewLeavesThePath)
+TEST_F(Listener, FailureToListenAgainKeepsThePath)
 {
     ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
     testing::internal::CaptureStderr();
@@ -277,7 +277,7 @@ TEST_F(Listener, FailedListeningAnewLeavesThePath)
     rmdir(path.c_str());
 }
 
-TEST_F(Listener, ForkedChildLeavesTheFileOfItsParent)
+TEST_F(Listener, ForkedChildKeepsTheFileOfItsParent)
 {
     ASSERT_TRUE(open_listener(path, &listener));
     EXPECT_EQ(run_in_child([this] {
@@ -288,7 +288,7 @@ TEST_F(Listener, ForkedChildLeavesTheFileOfItsParent)
     EXPECT_TRUE(packet_client(path).connected());
 }
 
-TEST_F(Listener, FileThatReplacedTheSocketIsLeftAlone)
+TEST_F(Listener, FileThatReplacedTheSocketIsKept)
 {
     ASSERT_TRUE(open_listener(path, &listener));
     ASSERT_EQ(unlink(path.c_str()), 0);
@@ -297,7 +297,7 @@ TEST_F(Listener, FileThatReplacedTheSocketIsLeftAlone)
     EXPECT_EQ(folder.read("socket"), "somebody else's");
 }
 
-TEST_F(Listener, RelativePathIsTaken)
+TEST_F(Listener, RelativePathIsAccepted)
 {
     const inside_folder inside(folder.path());
     EXPECT_TRUE(clear_socket_path("socket"));

@@ -1,4 +1,4 @@
-// The worked exchange of docs/protocol.md, played against the service.
+// Runs the worked exchange of docs/protocol.md against the service.
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -20,8 +20,8 @@ struct packet_line {
     packet_bytes bytes;
 };
 
-// A packet begins with a line "> 53 54 ..." or "< 53 54 ..."; lines that begin with two blanks go
-// on.
+// A packet starts with a line "> 53 54 ..." or "< 53 54 ..."; lines that start with two blanks
+// continue it.
 std::vector<packet_line> read_exchange()
 {
     std::vector<packet_line> packets;
@@ -50,7 +50,7 @@ std::vector<packet_line> read_exchange()
 
 class ProtocolDocument : public comm_fixture {};
 
-TEST_F(ProtocolDocument, WorkedExchangeIsWhatTheServiceDoes)
+TEST_F(ProtocolDocument, WorkedExchangeMatchesTheService)
 {
     plain_item::make_ready(1);
     plain_item::state.percent = 100;
@@ -66,7 +66,7 @@ TEST_F(ProtocolDocument, WorkedExchangeIsWhatTheServiceDoes)
         const auto answer = client.receive();
         ASSERT_TRUE(answer.has_value()) << to_hex(expected.bytes);
         if (answer->header.type == HELLO_ANSWER) {
-            // The one number that differs from run to run.
+            // The process number is the only one that differs between runs.
             const size_t at_pid = packet_header_size + 8;
             std::copy_n(answer->bytes.begin() + at_pid, 4, expected.bytes.begin() + at_pid);
         }

@@ -21,7 +21,7 @@ void expect_refused(const platform::refusal* refused, error_code code, bool drop
 
 } // namespace
 
-TEST(Request, HelloOpensTheConversation)
+TEST(Request, HelloStartsTheConversation)
 {
     const packet_bytes packet = encode(5, hello{});
     common_pkt_parsing request;
@@ -31,7 +31,7 @@ TEST(Request, HelloOpensTheConversation)
     EXPECT_EQ(request.body_size, 4U);
 }
 
-TEST(Request, AnythingElseBeforeHelloIsRefusedAndDropped)
+TEST(Request, OtherRequestsBeforeHelloAreRefusedAndDropped)
 {
     common_pkt_parsing request;
     expect_refused(judge(encode_ping(5, PING, {}), false, &request), NOT_GREETED, true);
@@ -40,7 +40,7 @@ TEST(Request, AnythingElseBeforeHelloIsRefusedAndDropped)
     EXPECT_EQ(request.header.request, 5U);
 }
 
-TEST(Request, AfterHelloEverythingElseGoesOn)
+TEST(Request, AfterHelloOtherRequestsAreAccepted)
 {
     common_pkt_parsing request;
     EXPECT_EQ(judge(encode_ping(5, PING, {}), true, &request), nullptr);
@@ -65,7 +65,7 @@ TEST(Request, OtherMajorVersionIsRefusedUnderItsRequestNumber)
     }
 }
 
-TEST(Request, LaterMinorVersionIsTaken)
+TEST(Request, LaterMinorVersionIsAccepted)
 {
     packet_bytes packet = encode(9, hello{});
     packet[6] = 200;

@@ -1,5 +1,5 @@
-// The packet server alone, without an item: a hello and a ping are answered with a PONG that tells
-// the packet's size, an EXIT throws. Time is what the test says.
+// The packet server alone, without an item. It answers HELLO and PING with a PONG that contains the
+// packet's size; EXIT throws. The test controls the time.
 #pragma once
 
 #include <cstdint>
@@ -20,18 +20,18 @@ protected:
     ~server_fixture() override;
 
     void start(const platform::server_limits& limits = {});
-    void pump(); // rounds until one does nothing
+    void pump(); // runs rounds until one does nothing
     packet_client connect();
     packet_client greeted();
 
-    // Sends pings, without reading, until the server's answers no longer fit into the socket.
+    // Sends pings without reading until the server's answers no longer fit into the socket.
     void stop_reading(const packet_client& client);
 
     static const platform::server_callbacks callbacks;
-    static std::vector<unsigned long> left_ids; // of the clients that left, in their order
+    static std::vector<unsigned long> left_ids; // of clients that have left, in order
 
     temporary_folder folder;
     std::string path = folder.path("socket");
     std::unique_ptr<comm_socket_v4_server> server;
-    uint64_t now_us = monotonic_clock_us(); // a test moves it on by hand
+    uint64_t now_us = monotonic_clock_us(); // advanced by the test
 };

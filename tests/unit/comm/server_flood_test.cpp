@@ -1,4 +1,4 @@
-// Many clients, few descriptors.
+// Many clients and few descriptors.
 #include <cerrno>
 #include <fcntl.h>
 #include <functional>
@@ -20,7 +20,7 @@ class ServerFlood : public comm_fixture {
 protected:
     ServerFlood() { plain_item::make_ready(1); }
 
-    // Connects this many at once, greets them all, asks each for a frame.
+    // Connects this many clients at once, greets them all, and requests a frame for each.
     void serve_many(size_t count)
     {
         pump();
@@ -46,7 +46,7 @@ protected:
     }
 };
 
-// In a process of its own, whose limits it may change.
+// Runs `work` in a child process, whose limits it may change.
 int serve_in_child(const std::function<int()>& work)
 {
     return run_in_child([&work] {
@@ -79,14 +79,14 @@ packet_header wait_for_answer(const packet_client& client)
     return {};
 }
 
-// 0 when each of a hundred clients was either greeted or told that it is too much, and enough
-// greeted.
+// 0 when each of a hundred clients was either greeted or told that there are too many, and enough
+// were greeted.
 int crowd_of_a_hundred(const std::string& path)
 {
     std::vector<packet_client> clients;
     for (int i = 0; i < 100; ++i) {
         clients.push_back(connect_patiently(path));
-        clients.back().send(encode(1, hello())); // fails when it was turned away already
+        clients.back().send(encode(1, hello())); // fails when it was already refused
     }
     int greeted = 0;
     int refused = 0;
@@ -127,7 +127,7 @@ TEST_F(ServerFlood, DescriptorNumbersAbove1023AreServed)
     serve_many(2000);
 }
 
-TEST_F(ServerFlood, ConnectionsThatComeAndGoLeaveNothing)
+TEST_F(ServerFlood, ShortConnectionsLeaveNothingBehind)
 {
     pump();
     const size_t before = open_descriptors();
@@ -143,10 +143,10 @@ TEST_F(ServerFlood, ConnectionsThatComeAndGoLeaveNothing)
     EXPECT_TRUE(vexa_comm_server->clients.empty());
 }
 
-TEST_F(ServerFlood, SixtyFourDescriptorsServeSomeAndTurnTheOthersAway)
+TEST_F(ServerFlood, SixtyFourDescriptorsServeSomeAndRefuseTheOthers)
 {
     const int status = serve_in_child([this] {
-        // The clients live in a process of their own, with a limit of its own.
+        // The clients run in another process with its own limit.
         child_process crowd([this] { return crowd_of_a_hundred(path); });
         const rlimit few = {64, 64};
         if (setrlimit(RLIMIT_NOFILE, &few) != 0 || !platform::open_comm_service()) {
@@ -166,7 +166,7 @@ TEST_F(ServerFlood, SixtyFourDescriptorsServeSomeAndTurnTheOthersAway)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(ServerFlood, WithoutADescriptorAcceptingRestsInsteadOfSpinning)
+TEST_F(ServerFlood, WithoutDescriptorsAcceptingPausesInsteadOfSpinning)
 {
     const int status = serve_in_child([this] {
         pump();
@@ -176,13 +176,13 @@ TEST_F(ServerFlood, WithoutADescriptorAcceptingRestsInsteadOfSpinning)
         waiting.emplace_back(path);
         rlimit limit = {};
         getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = 0; // nothing new at all
+        limit.rlim_cur = 0; // no new descriptors at all
         setrlimit(RLIMIT_NOFILE, &limit);
         pump();
         if (vexa_comm_server->accepting) {
             return 2;
         }
-        // The waiting connections do not keep the loop awake, and the others are served.
+        // Waiting connections do not keep the loop busy, and the other clients are served.
         const uint64_t before_us = monotonic_clock_us();
         comm_socket_v4_server_from_client_readable(vexa_comm_server, before_us + 20'000);
         if (monotonic_clock_us() - before_us < 20'000) {
@@ -202,7 +202,7 @@ TEST_F(ServerFlood, WithoutADescriptorAcceptingRestsInsteadOfSpinning)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(ServerFlood, AcceptingIsTriedAgainAfterASecond)
+TEST_F(ServerFlood, AcceptingIsRetriedAfterASecond)
 {
     const int status = serve_in_child([this] {
         pump();
@@ -227,7 +227,7 @@ TEST_F(ServerFlood, AcceptingIsTriedAgainAfterASecond)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(ServerFlood, FloodOfRequestsIsServedWithoutALossOrAGrowingQueue)
+TEST_F(ServerFlood, FloodOfRequestsIsServedWithoutLossOrAGrowingQueue)
 {
     const packet_client client = greeted();
     uint64_t sent = 0;
@@ -245,7 +245,7 @@ TEST_F(ServerFlood, FloodOfRequestsIsServedWithoutALossOrAGrowingQueue)
     SUCCEED();
 }
 
-TEST_F(ServerFlood, RandomBytesNeverHarmTheOtherClients)
+TEST_F(ServerFlood, RandomBytesDoNotAffectOtherClients)
 {
     const packet_client polite = greeted();
     unsigned seed = 12345;

@@ -1,5 +1,5 @@
-// Rounds after a long step of the decoder, during which more clients have sent or read something than
-// one round looks at.
+// Rounds after a long gap, in which more clients have sent or read something than one round
+// handles.
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@ namespace {
 
 class ServerGap : public server_fixture {};
 
-TEST_F(ServerGap, MoreHellosThanARoundTakesAreHeardAfterALongGap)
+TEST_F(ServerGap, MoreHellosThanOneRoundHandlesAreReadAfterALongGap)
 {
     start();
     std::vector<packet_client> clients;
@@ -30,7 +30,7 @@ TEST_F(ServerGap, MoreHellosThanARoundTakesAreHeardAfterALongGap)
     }
 }
 
-TEST_F(ServerGap, MoreReadersThanARoundTakesAreKeptAfterALongGap)
+TEST_F(ServerGap, MoreReadersThanOneRoundHandlesAreKeptAfterALongGap)
 {
     start();
     std::vector<packet_client> clients;

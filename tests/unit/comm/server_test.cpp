@@ -24,7 +24,7 @@ namespace {
 
 class Server : public server_fixture {
 protected:
-    // A client whose channel is in memory, with `ends` for the test.
+    // A client with an in-memory channel, whose other end is `ends`.
     comm_socket_v4_client* adopt_client()
     {
         return platform::adopt(*server, std::make_unique<memory_channel>(ends), now_us);
@@ -60,7 +60,7 @@ TEST_F(Server, OnePacketOfAClientIsReadInARound)
     EXPECT_EQ(run_round(*server, now_us), 0);
 }
 
-TEST_F(Server, LargestPacketIsTakenWhole)
+TEST_F(Server, LargestPacketIsAccepted)
 {
     start();
     const packet_client client = greeted();
@@ -99,7 +99,7 @@ TEST_F(Server, PacketWithAWrongLengthFieldIsRefused)
     }
 }
 
-TEST_F(Server, RefusalIsReadThoughRequestsWereStillUnderWay)
+TEST_F(Server, RefusalArrivesAlthoughRequestsWereStillUnread)
 {
     start();
     const packet_client client = connect();
@@ -134,7 +134,7 @@ TEST_F(Server, HalfClosedConnectionEndsAfterItsRequests)
     EXPECT_EQ(left_ids.size(), 1U);
 }
 
-TEST_F(Server, ClientThatLeavesIsForgottenWithoutSpinning)
+TEST_F(Server, ClientThatLeavesIsRemovedWithoutSpinning)
 {
     start();
     packet_client client = greeted();
@@ -145,7 +145,7 @@ TEST_F(Server, ClientThatLeavesIsForgottenWithoutSpinning)
     EXPECT_EQ(run_round(*server, now_us), 0);
 }
 
-TEST_F(Server, BlockedClientThatLeavesIsForgotten)
+TEST_F(Server, BlockedClientThatLeavesIsRemoved)
 {
     start();
     packet_client client = greeted();
@@ -156,7 +156,7 @@ TEST_F(Server, BlockedClientThatLeavesIsForgotten)
     EXPECT_TRUE(server->home.blocked.empty());
 }
 
-TEST_F(Server, ClientWithoutHelloIsDroppedInTime)
+TEST_F(Server, ClientWithoutHelloIsDroppedAfterATimeout)
 {
     start();
     const packet_client silent = connect();
@@ -171,7 +171,7 @@ TEST_F(Server, ClientWithoutHelloIsDroppedInTime)
     EXPECT_FALSE(polite.hung_up());
 }
 
-TEST_F(Server, RequestsOfAClientThatReadsNothingAreLeftWaiting)
+TEST_F(Server, RequestsOfAClientThatDoesNotReadAreNotRead)
 {
     start();
     const packet_client client = greeted();
@@ -188,7 +188,7 @@ TEST_F(Server, RequestsOfAClientThatReadsNothingAreLeftWaiting)
     EXPECT_TRUE(server->home.blocked.empty());
 }
 
-TEST_F(Server, ClientThatReadsNothingIsDroppedInTime)
+TEST_F(Server, ClientThatDoesNotReadIsDroppedAfterATimeout)
 {
     start();
     const packet_client client = greeted();
@@ -204,7 +204,7 @@ TEST_F(Server, ClientThatReadsNothingIsDroppedInTime)
     EXPECT_TRUE(client.hung_up());
 }
 
-TEST_F(Server, ClientThatReadAgainTooLateIsToldWhy)
+TEST_F(Server, ClientThatReadsAgainTooLateGetsTheReason)
 {
     start();
     comm_socket_v4_client* client = adopt_client();
@@ -218,7 +218,7 @@ TEST_F(Server, ClientThatReadAgainTooLateIsToldWhy)
     EXPECT_TRUE(ends->destroyed);
 }
 
-TEST_F(Server, ClientWithAFullQueueIsToldWhy)
+TEST_F(Server, ClientWithAFullQueueGetsTheReason)
 {
     start();
     comm_socket_v4_client* client = adopt_client();
@@ -241,7 +241,7 @@ TEST_F(Server, SlowReaderIsKept)
     const packet_client client = greeted();
     stop_reading(client);
     for (int i = 0; i < 5; ++i) {
-        // The kernel reports room only when a good part of the buffer is free.
+        // The kernel reports free space only when a good part of the buffer is free.
         while (client.receive().has_value()) {
         }
         pump();
@@ -252,7 +252,7 @@ TEST_F(Server, SlowReaderIsKept)
     EXPECT_EQ(left_ids.size(), 0U);
 }
 
-TEST_F(Server, OneStalledClientLeavesTheOthersServed)
+TEST_F(Server, StalledClientDoesNotAffectTheOthers)
 {
     start();
     const packet_client stalled = greeted();
@@ -270,7 +270,7 @@ TEST_F(Server, OneStalledClientLeavesTheOthersServed)
     }
 }
 
-TEST_F(Server, ExceptionInARequestCostsTheClientOnly)
+TEST_F(Server, ExceptionInARequestOnlyDropsTheClient)
 {
     start();
     const packet_client unlucky = greeted();
@@ -283,7 +283,7 @@ TEST_F(Server, ExceptionInARequestCostsTheClientOnly)
     EXPECT_EQ(other.receive()->header.request, 3U);
 }
 
-TEST_F(Server, RoundInsideARoundDoesNothing)
+TEST_F(Server, NestedRoundDoesNothing)
 {
     start();
     server->inside_round = true;
@@ -295,7 +295,7 @@ TEST_F(Server, RoundInsideARoundDoesNothing)
     EXPECT_EQ(server->clients.size(), 1U);
 }
 
-TEST_F(Server, QuietRoundClosesTheGateForHalfAMillisecond)
+TEST_F(Server, QuietRoundDelaysTheNextByHalfAMillisecond)
 {
     start();
     EXPECT_EQ(run_round(*server, now_us), 0);
@@ -304,7 +304,7 @@ TEST_F(Server, QuietRoundClosesTheGateForHalfAMillisecond)
     EXPECT_TRUE(platform::round_is_due(*server, now_us + 500));
 }
 
-TEST_F(Server, BusyRoundLeavesTheGateOpen)
+TEST_F(Server, BusyRoundAllowsTheNextAtOnce)
 {
     start();
     const packet_client client(path);
@@ -312,7 +312,7 @@ TEST_F(Server, BusyRoundLeavesTheGateOpen)
     EXPECT_TRUE(platform::round_is_due(*server, now_us));
 }
 
-TEST_F(Server, BusyRoundsWithoutAWaitArePausedForAsLongAsTheyTook)
+TEST_F(Server, BusyRoundsWithoutAWaitPauseForAsLongAsTheyTook)
 {
     start();
     const packet_client client(path);
@@ -333,7 +333,7 @@ TEST_F(Server, WaitEndsThePause)
     EXPECT_TRUE(platform::round_is_due(*server, now_us));
 }
 
-TEST_F(Server, WaitThatReportsAClientOpensTheGate)
+TEST_F(Server, WaitThatReportsAClientAllowsARound)
 {
     start();
     const packet_client client = greeted();
@@ -354,14 +354,14 @@ TEST_F(Server, AdoptedChannelIsServedLikeASocket)
     platform::take_packet(*server, *client, greeting.data(), greeting.size(), now_us);
     ASSERT_EQ(ends->sent.size(), 1U);
     platform::leave(*client);
-    platform::leave(*client); // once is enough
+    platform::leave(*client); // has no effect the second time
     pump();
     EXPECT_TRUE(ends->finished);
     EXPECT_TRUE(ends->destroyed);
     EXPECT_EQ(left_ids.size(), 1U);
 }
 
-TEST_F(Server, AnswerWithoutMemoryForItIsNotCalledUnread)
+TEST_F(Server, LackOfMemoryForAnAnswerIsNotReportedAsUnread)
 {
     start();
     comm_socket_v4_client* client = adopt_client();
@@ -372,7 +372,7 @@ TEST_F(Server, AnswerWithoutMemoryForItIsNotCalledUnread)
     EXPECT_EQ(left_ids.size(), 1U);
 }
 
-TEST_F(Server, QueuedAnswerWithoutMemoryForItIsNotCalledUnread)
+TEST_F(Server, LackOfMemoryForAQueuedAnswerIsNotReportedAsUnread)
 {
     start();
     comm_socket_v4_client* client = adopt_client();
@@ -385,7 +385,7 @@ TEST_F(Server, QueuedAnswerWithoutMemoryForItIsNotCalledUnread)
     pump();
 }
 
-TEST_F(Server, BrokenChannelIsLeftWithoutAWord)
+TEST_F(Server, BrokenChannelIsDroppedSilently)
 {
     start();
     comm_socket_v4_client* client = adopt_client();
@@ -397,7 +397,7 @@ TEST_F(Server, BrokenChannelIsLeftWithoutAWord)
     EXPECT_EQ(left_ids.size(), 1U);
 }
 
-TEST_F(Server, KernelWithoutMemoryIsToldFromAClientThatHasLeft)
+TEST_F(Server, LackOfKernelMemoryDiffersFromAClosedConnection)
 {
     for (const int reason : {ENOBUFS, ENOMEM, ETOOMANYREFS}) {
         EXPECT_EQ(
@@ -422,7 +422,7 @@ TEST_F(Server, KernelWithoutMemoryIsToldFromAClientThatHasLeft)
     }
 }
 
-TEST_F(Server, ClientThatLeftIsSentNothingMore)
+TEST_F(Server, ClientThatLeftGetsNothingMore)
 {
     start();
     comm_socket_v4_client* client = adopt_client();
@@ -435,7 +435,7 @@ TEST_F(Server, ClientThatLeftIsSentNothingMore)
     pump();
 }
 
-TEST_F(Server, ProcessWithoutADescriptorGetsNoServer)
+TEST_F(Server, WithoutADescriptorThereIsNoServer)
 {
     EXPECT_EQ(run_in_child([] {
                   testing::internal::CaptureStderr();
@@ -444,17 +444,17 @@ TEST_F(Server, ProcessWithoutADescriptorGetsNoServer)
                   const rlimit none = {0, 0};
                   setrlimit(RLIMIT_NOFILE, &none);
                   const bool refused = platform::make_server(callbacks) == nullptr;
-                  char told[100] = {};
-                  const ssize_t size = pread(STDERR_FILENO, told, sizeof(told) - 1, 0);
+                  char text[100] = {};
+                  const ssize_t size = pread(STDERR_FILENO, text, sizeof(text) - 1, 0);
                   return refused && size > 0 &&
-                                 std::string(told) == "Comm server 'epoll': Too many open files\n"
+                                 std::string(text) == "Comm server 'epoll': Too many open files\n"
                              ? 0
                              : 1;
               }),
               0);
 }
 
-TEST_F(Server, DescriptorsThatClientsSendAreClosedUnseen)
+TEST_F(Server, DescriptorsSentByClientsAreClosed)
 {
     start();
     const packet_client client = greeted();

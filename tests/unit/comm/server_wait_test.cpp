@@ -1,5 +1,5 @@
-// comm_socket_v4_server_from_client_readable: when it comes back. Lower bounds of time only; that
-// it comes back at all is the other half.
+// When comm_socket_v4_server_from_client_readable returns. The tests check lower bounds of time,
+// and that it returns at all.
 #include <csignal>
 #include <sys/time.h>
 
@@ -16,7 +16,7 @@ class ServerWait : public comm_fixture {
 protected:
     ServerWait() { pump(); }
 
-    // Microseconds that a wait took whose deadline lies `ahead_us` in the future.
+    // The microseconds that a wait took whose deadline was `ahead_us` in the future.
     static uint64_t wait(comm_socket_v4_server* server, uint64_t ahead_us)
     {
         const uint64_t before_us = monotonic_clock_us();
@@ -29,7 +29,7 @@ protected:
 
 } // namespace
 
-TEST_F(ServerWait, DeadlinePassesWithoutClients)
+TEST_F(ServerWait, ReturnsAtTheDeadlineWithoutClients)
 {
     EXPECT_GE(wait(vexa_comm_server, 20'000), 20'000U);
     EXPECT_GE(wait(nullptr, 20'000), 20'000U);
@@ -43,7 +43,7 @@ TEST_F(ServerWait, DeadlineInThePastReturnsAtOnce)
     SUCCEED();
 }
 
-TEST_F(ServerWait, DeadlineBelowAMillisecondIsKept)
+TEST_F(ServerWait, DeadlineBelowAMillisecondIsObserved)
 {
     for (int i = 0; i < 20; ++i) {
         EXPECT_GE(wait(vexa_comm_server, 500), 500U);
@@ -103,7 +103,7 @@ TEST_F(ServerWait, SignalEndsTheWait)
     EXPECT_GT(signals, 0);
 }
 
-TEST_F(ServerWait, IdleClientsWakeNobody)
+TEST_F(ServerWait, IdleClientsDoNotEndTheWait)
 {
     std::vector<packet_client> clients;
     for (int i = 0; i < 100; ++i) {
@@ -112,7 +112,7 @@ TEST_F(ServerWait, IdleClientsWakeNobody)
     EXPECT_GE(wait(vexa_comm_server, 20'000), 20'000U);
 }
 
-TEST_F(ServerWait, ClientThatDoesNotReadWakesNobody)
+TEST_F(ServerWait, ClientThatDoesNotReadDoesNotEndTheWait)
 {
     const packet_client client = greeted();
     plain_item::state.document.assign(1'000'000, 'x');

@@ -88,7 +88,7 @@ size_t open_descriptors()
          std::filesystem::directory_iterator("/proc/self/fd")) {
         ++count;
     }
-    return count - 1; // the folder's own
+    return count - 1; // without the folder's own descriptor
 }
 
 ItemFixture::ItemFixture()

@@ -1,5 +1,5 @@
-// What the tests of the media item share: an item at its values at program start, folders and
-// environment of its own, and ways to see what goes to standard error.
+// Common parts of the item's tests: an item with its initial values, folders and an environment of
+// its own, and access to standard error.
 #pragma once
 
 #include <functional>
@@ -15,7 +15,7 @@
 
 namespace item_test {
 
-// Sets a variable of the environment, or unsets it with null, until the end of its scope.
+// Sets an environment variable, or unsets it with null, until the end of the scope.
 class environment_variable {
 public:
     environment_variable(const char* name, const char* value);
@@ -29,7 +29,7 @@ private:
     bool was_set_;
 };
 
-// Standard error is another descriptor for a while.
+// Redirects standard error to another descriptor until the end of the scope.
 class replaced_stderr {
 public:
     explicit replaced_stderr(int fd);
@@ -46,12 +46,12 @@ struct pipe_pair {
     platform::unique_fd writer;
 };
 pipe_pair make_pipe();
-void fill(const pipe_pair& pipe); // until nothing more goes into it
+void fill(const pipe_pair& pipe); // until the pipe is full
 
-// What can be read from a descriptor without waiting.
+// What can be read from a descriptor without blocking.
 std::string read_waiting(int fd);
 
-// Parts between newlines; a last one without newline is a line, too.
+// The lines of `text`, including a last one without a newline.
 std::vector<std::string> lines_of(std::string_view text);
 
 size_t open_descriptors(); // of this process
@@ -61,13 +61,13 @@ protected:
     ItemFixture();
     ~ItemFixture() override;
 
-    // What `work` writes on standard error.
+    // The standard error output of `work`.
     static std::string messages(const std::function<void()>& work);
 
-    // As the program does with its command line: 0, or what refused it.
+    // Takes a command line as the program does: 0, or the result of the failing step.
     static int take(const std::vector<std::string>& arguments);
 
-    // A picture of the given bytes; vexa_file names it.
+    // Makes a picture with these bytes and sets vexa_file to its path.
     void name_picture(std::string_view file_name = "picture.png",
                       std::string_view bytes = "sixteen bytes ..");
 

@@ -33,11 +33,12 @@ protected:
             GTEST_SKIP() << "sanitizers need more system calls";
         }
         if (run_in_child([] { return platform::restrict_calls() ? 0 : 1; }) != 0) {
-            GTEST_SKIP() << "this kernel has no filter for system calls";
+            GTEST_SKIP() << "this kernel cannot filter system calls";
         }
     }
 
-    // The exit status of `work` in a restricted child; a failed expectation is status 1.
+    // Runs `work` in a restricted child and returns its exit status; a failed expectation gives
+    // status 1.
     static int restricted(const std::function<void()>& work)
     {
         return run_in_child([&] {
@@ -66,7 +67,7 @@ void expect_absent(std::span<const named_call> calls)
     }
 }
 
-TEST_F(ConfinementCalls, WhatNoPictureNeedsIsAbsent)
+TEST_F(ConfinementCalls, CallsThatNoPictureNeedsAreAbsent)
 {
     const named_call calls[] = {
         NAMED(execve),
@@ -120,9 +121,9 @@ TEST_F(ConfinementCalls, WhatNoPictureNeedsIsAbsent)
     EXPECT_EQ(restricted([&] { expect_absent(calls); }), 0);
 }
 
-TEST_F(ConfinementCalls, WhatTheLibraryFallsBackFromIsAbsent)
+TEST_F(ConfinementCalls, CallsThatTheLibraryCanReplaceAreAbsent)
 {
-    // The numbers are those of all architectures; headers may not have the names.
+    // These numbers are the same on all architectures; the headers may lack the names.
     const named_call calls[] = {NAMED(clone3),       NAMED(openat2),
                                 NAMED(futex_waitv),  {"cachestat", 451},
                                 {"fchmodat2", 452},  {"map_shadow_stack", 453},
@@ -131,7 +132,7 @@ TEST_F(ConfinementCalls, WhatTheLibraryFallsBackFromIsAbsent)
     EXPECT_EQ(restricted([&] { expect_absent(calls); }), 0);
 }
 
-TEST_F(ConfinementCalls, SocketsAreLocalAndNoStreams)
+TEST_F(ConfinementCalls, SocketsAreLocalAndNotStreams)
 {
     EXPECT_EQ(
         restricted([] {
@@ -153,7 +154,7 @@ TEST_F(ConfinementCalls, SocketsAreLocalAndNoStreams)
         0);
 }
 
-TEST_F(ConfinementCalls, ArgumentsThatReachBeyondTheProcessAreRefused)
+TEST_F(ConfinementCalls, ArgumentsThatAffectOtherProcessesAreRefused)
 {
     EXPECT_EQ(restricted([] {
                   EXPECT_EQ(ioctl(STDIN_FILENO, TIOCSTI, "x"), -1);
@@ -168,7 +169,7 @@ TEST_F(ConfinementCalls, ArgumentsThatReachBeyondTheProcessAreRefused)
                   isatty(STDIN_FILENO);
                   EXPECT_NE(errno, ENOSYS);
 #ifdef TCGETS2
-                  // How later C libraries ask the same.
+                  // Newer C libraries ask for the same like this.
                   unsigned char answer[256];
                   errno = 0;
                   ioctl(STDIN_FILENO, TCGETS2, answer);
@@ -178,14 +179,14 @@ TEST_F(ConfinementCalls, ArgumentsThatReachBeyondTheProcessAreRefused)
               0);
 }
 
-TEST_F(ConfinementCalls, ChildrenAndThreadsStillStart)
+TEST_F(ConfinementCalls, ChildrenAndThreadsCanStart)
 {
     EXPECT_EQ(restricted([] {
-                  int told = 0;
-                  std::thread([&told] { told = 7; }).join();
-                  EXPECT_EQ(told, 7);
+                  int reported = 0;
+                  std::thread([&reported] { reported = 7; }).join();
+                  EXPECT_EQ(reported, 7);
                   EXPECT_EQ(run_in_child([] { return 5; }), 5);
-                  // Still restricted.
+                  // Children remain restricted.
                   EXPECT_EQ(run_in_child([] {
                                 return socket(AF_INET, SOCK_STREAM, 0) == -1 && errno == ENOSYS ? 6
                                                                                                 : 0;
@@ -195,12 +196,12 @@ TEST_F(ConfinementCalls, ChildrenAndThreadsStillStart)
               0);
 }
 
-TEST_F(ConfinementCalls, DaemonIsStillMade)
+TEST_F(ConfinementCalls, DaemonCanBeMade)
 {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     EXPECT_EQ(restricted([&ends] {
-                  // The child answers in place of the parent, which daemon() ends.
+                  // daemon() ends the parent, so the child reports the result.
                   const bool made = daemon(0, 0) == 0;
                   EXPECT_EQ(write(ends[1], made ? "yes" : "no", 3), 3);
               }),
@@ -212,12 +213,12 @@ TEST_F(ConfinementCalls, DaemonIsStillMade)
     close(ends[1]);
 }
 
-TEST_F(ConfinementCalls, AbortIsStillASignal)
+TEST_F(ConfinementCalls, AbortRaisesItsSignal)
 {
     EXPECT_EQ(restricted([] { abort(); }), -SIGABRT);
 }
 
-TEST_F(ConfinementCalls, MemoryWithoutANameIsStillMadeSealedAndMapped)
+TEST_F(ConfinementCalls, AnonymousMemoryCanBeMadeSealedAndMapped)
 {
     EXPECT_EQ(restricted([] {
                   const int fd = memfd_create("m", MFD_CLOEXEC | MFD_ALLOW_SEALING);
@@ -233,7 +234,7 @@ TEST_F(ConfinementCalls, MemoryWithoutANameIsStillMadeSealedAndMapped)
               0);
 }
 
-TEST_F(ConfinementCalls, FilesAreStillKept)
+TEST_F(ConfinementCalls, FilesCanBeWritten)
 {
     const temporary_folder folder;
     EXPECT_EQ(restricted([&folder] {
@@ -255,7 +256,7 @@ TEST_F(ConfinementCalls, FilesAreStillKept)
               0);
 }
 
-TEST_F(ConfinementCalls, WaitingIsStillPossible)
+TEST_F(ConfinementCalls, WaitingIsPossible)
 {
     EXPECT_EQ(restricted([] {
                   const int waiter = epoll_create1(EPOLL_CLOEXEC);

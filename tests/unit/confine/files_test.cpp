@@ -46,14 +46,14 @@ uint64_t rights_of(const std::vector<file_rule>& rules, const std::string& path)
     return rule == rules.end() ? 0 : rule->rights;
 }
 
-TEST(ConfinementFileRules, PictureIsReadAndNothingElse)
+TEST(ConfinementFileRules, PictureMayOnlyBeRead)
 {
     const std::vector<file_rule> rules = file_rules({.picture = 5});
     EXPECT_EQ(rules[0],
               (file_rule{.fd = 5, .rights = LANDLOCK_ACCESS_FS_READ_FILE, .needed = true}));
 }
 
-TEST(ConfinementFileRules, MetadataFolderKeepsFiles)
+TEST(ConfinementFileRules, MetadataFolderAllowsFiles)
 {
     const std::vector<file_rule> rules = file_rules({.metadata_folder = 6});
     EXPECT_EQ(rules[0],
@@ -64,7 +64,7 @@ TEST(ConfinementFileRules, MetadataFolderKeepsFiles)
                          .needed = true}));
 }
 
-TEST(ConfinementFileRules, SocketFolderOnlyHoldsSockets)
+TEST(ConfinementFileRules, SocketFolderAllowsSocketsOnly)
 {
     const std::vector<file_rule> rules = file_rules({.socket_folder = "/run/s/"});
     EXPECT_EQ(rules[0],
@@ -73,7 +73,7 @@ TEST(ConfinementFileRules, SocketFolderOnlyHoldsSockets)
                          .needed = true}));
 }
 
-TEST(ConfinementFileRules, DomainFolderMayBeMadeAnewAndKeepsItsRegistry)
+TEST(ConfinementFileRules, DomainFolderMayBeRecreatedAndAllowsItsRegistry)
 {
     const std::vector<file_rule> rules = file_rules({.domain_folder = "/run/stillimage/cnb/d"});
     EXPECT_EQ(rights_of(rules, "/run/stillimage/cnb") & to_write_anything,
@@ -83,7 +83,7 @@ TEST(ConfinementFileRules, DomainFolderMayBeMadeAnewAndKeepsItsRegistry)
     EXPECT_EQ(rights_of(rules, "/run"), 0U);
 }
 
-TEST(ConfinementFileRules, WhatBelongsToNoItemIsOnlyRead)
+TEST(ConfinementFileRules, OtherPlacesMayOnlyBeRead)
 {
     const std::vector<file_rule> rules = file_rules({.memory_groups = {"/groups/a", "/groups"}});
     for (const file_rule& rule : rules) {
@@ -115,7 +115,7 @@ TEST(ConfinementFileRules, EachVersionOfTheInterfaceHasItsRights)
     EXPECT_EQ(known_file_rights(99), 0xFFFFU);
 }
 
-TEST(ConfinementCoreFolder, IsWhereTheKernelWouldLeaveTheFile)
+TEST(ConfinementCoreFolder, IsWhereTheKernelWouldWriteTheFile)
 {
     EXPECT_EQ(core_folder("core", 1, "/place"), "/place");
     EXPECT_EQ(core_folder("core.%p", 1, "/place"), "/place");
@@ -171,7 +171,8 @@ protected:
                 .domain_folder = folder.path("run/stillimage/cnb/default")};
     }
 
-    // The exit status of `work` in a restricted child; a failed expectation is status 1.
+    // Runs `work` in a restricted child and returns its exit status; a failed expectation gives
+    // status 1.
     int restricted(const std::function<void()>& work) const
     {
         return run_in_child([&] {
@@ -181,7 +182,7 @@ protected:
         });
     }
 
-    // 0, or the error of opening it.
+    // 0, or the errno of opening the file.
     int error_of_opening(const std::string& path, int flags) const
     {
         const platform::unique_fd fd(open(path.c_str(), flags | O_CLOEXEC, 0600));
@@ -197,7 +198,7 @@ protected:
     platform::unique_fd metadata;
 };
 
-TEST_F(ConfinementFiles, PictureIsOpenedAnewByPathAndByDescriptorAndNotWritten)
+TEST_F(ConfinementFiles, PictureCanBeReopenedByPathAndByDescriptorButNotWritten)
 {
     EXPECT_EQ(restricted([this] {
                   const std::string link = "/proc/self/fd/" + std::to_string(picture.get());
@@ -210,7 +211,7 @@ TEST_F(ConfinementFiles, PictureIsOpenedAnewByPathAndByDescriptorAndNotWritten)
               0);
 }
 
-TEST_F(ConfinementFiles, PictureThatWasReplacedIsStillOpenedByItsDescriptor)
+TEST_F(ConfinementFiles, ReplacedPictureCanBeReopenedByItsDescriptor)
 {
     std::filesystem::rename(folder.path("foreign/file"), folder.path("picture"));
     EXPECT_EQ(restricted([this] {
@@ -221,7 +222,7 @@ TEST_F(ConfinementFiles, PictureThatWasReplacedIsStillOpenedByItsDescriptor)
               0);
 }
 
-TEST_F(ConfinementFiles, ForeignFilesAreNeitherReadNorChanged)
+TEST_F(ConfinementFiles, OtherFilesCanNeitherBeReadNorChanged)
 {
     EXPECT_EQ(restricted([this] {
                   EXPECT_EQ(error_of_opening_ours("foreign/file", O_RDONLY), EACCES);
@@ -241,7 +242,7 @@ TEST_F(ConfinementFiles, ForeignFilesAreNeitherReadNorChanged)
     EXPECT_EQ(folder.read("foreign/file"), "a secret");
 }
 
-TEST_F(ConfinementFiles, MetadataIsWrittenBesideRenamedAndRemoved)
+TEST_F(ConfinementFiles, MetadataCanBeWrittenRenamedAndRemoved)
 {
     EXPECT_EQ(restricted([this] {
                   EXPECT_EQ(error_of_opening_ours("meta/new", O_RDWR | O_CREAT | O_EXCL), 0);
@@ -256,7 +257,7 @@ TEST_F(ConfinementFiles, MetadataIsWrittenBesideRenamedAndRemoved)
     EXPECT_TRUE(folder.has("meta/metadata"));
 }
 
-TEST_F(ConfinementFiles, SocketIsBoundRenamedAndRemovedInItsFolderAlone)
+TEST_F(ConfinementFiles, SocketCanBeBoundRenamedAndRemovedInItsFolderOnly)
 {
     const auto error_of_binding = [this](const char* name) {
         sockaddr_un address = {};
@@ -276,7 +277,7 @@ TEST_F(ConfinementFiles, SocketIsBoundRenamedAndRemovedInItsFolderAlone)
               0);
 }
 
-TEST_F(ConfinementFiles, DomainFolderIsMadeAnew)
+TEST_F(ConfinementFiles, DomainFolderCanBeRecreated)
 {
     EXPECT_EQ(restricted([this] {
                   const std::string domain = folder.path("run/stillimage/cnb/again");
@@ -288,7 +289,7 @@ TEST_F(ConfinementFiles, DomainFolderIsMadeAnew)
               0);
 }
 
-TEST_F(ConfinementFiles, WhatTheKernelTellsAndTheNullDeviceStayAtHand)
+TEST_F(ConfinementFiles, KernelInformationAndTheNullDeviceStayAvailable)
 {
     EXPECT_EQ(restricted([this] {
                   for (const char* path : {"/proc/meminfo", "/proc/self/status", "/dev/urandom"}) {
@@ -301,7 +302,7 @@ TEST_F(ConfinementFiles, WhatTheKernelTellsAndTheNullDeviceStayAtHand)
               0);
 }
 
-TEST_F(ConfinementFiles, MemoryIsOpenedAnewForReading)
+TEST_F(ConfinementFiles, MemoryCanBeReopenedForReading)
 {
     EXPECT_EQ(restricted([this] {
                   const int memory = memfd_create("m", MFD_CLOEXEC);
@@ -311,7 +312,7 @@ TEST_F(ConfinementFiles, MemoryIsOpenedAnewForReading)
               0);
 }
 
-TEST_F(ConfinementFiles, PictureThatIsNoFileOfAnyFolderNeedsNoRule)
+TEST_F(ConfinementFiles, PictureOutsideAllFoldersNeedsNoRule)
 {
     picture.reset(memfd_create("picture", MFD_CLOEXEC));
     EXPECT_EQ(restricted([this] {
@@ -321,7 +322,7 @@ TEST_F(ConfinementFiles, PictureThatIsNoFileOfAnyFolderNeedsNoRule)
               0);
 }
 
-TEST_F(ConfinementFiles, NothingIsInForceWhenARuleThatIsNeededFails)
+TEST_F(ConfinementFiles, NothingIsInForceWhenARequiredRuleFails)
 {
     EXPECT_EQ(run_in_child([this] {
                   platform::item_places broken = places();
@@ -340,7 +341,7 @@ TEST_F(ConfinementFiles, NothingIsInForceWhenARuleThatIsNeededFails)
               0);
 }
 
-// --- beyond files, where the kernel can ---------------------------------------------------------
+// --- other restrictions, if the kernel supports them ---------------------------------------------
 
 TEST_F(ConfinementFiles, TcpIsRefused)
 {
@@ -374,7 +375,7 @@ TEST_F(ConfinementFiles, SignalsReachOnlyTheProcessItselfAndItsChildren)
               0);
 }
 
-TEST_F(ConfinementFiles, AbstractSocketsAreReachedOnlyWhenTheyAreWanted)
+TEST_F(ConfinementFiles, AbstractSocketsAreReachableOnlyWhenNeeded)
 {
     if (interface_version() < 6) {
         GTEST_SKIP() << "this kernel has no rules for abstract sockets";

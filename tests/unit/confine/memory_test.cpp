@@ -15,7 +15,7 @@ namespace {
 constexpr uint64_t mebibyte = uint64_t{1} << 20;
 constexpr uint64_t gibibyte = uint64_t{1} << 30;
 
-TEST(ConfinementMemory, LimitIsTheSumOfWhatIsNeeded)
+TEST(ConfinementMemory, LimitIsTheSumOfAllNeeds)
 {
     EXPECT_EQ(address_space_limit({.mapped = 0, .buffer = 0, .memory = 16 * gibibyte}),
               4 * gibibyte + 256 * mebibyte);
@@ -34,13 +34,13 @@ TEST(ConfinementMemory, CodecsGetHalfOfASmallMemory)
               4 * gibibyte + 256 * mebibyte);
 }
 
-TEST(ConfinementMemory, UnknownMemoryCountsAsEnough)
+TEST(ConfinementMemory, UnknownMemoryCountsAsSufficient)
 {
     EXPECT_EQ(address_space_limit({.mapped = 0, .buffer = gibibyte, .memory = 0}),
               5 * gibibyte + 256 * mebibyte);
 }
 
-TEST(ConfinementMemory, SumBeyondAllNumbersIsTheLargest)
+TEST(ConfinementMemory, OverflowingSumIsTheMaximum)
 {
     EXPECT_EQ(address_space_limit({.mapped = 1, .buffer = UINT64_MAX, .memory = 0}), UINT64_MAX);
     EXPECT_EQ(address_space_limit({.mapped = UINT64_MAX - mebibyte, .buffer = 0, .memory = 0}),
@@ -49,7 +49,7 @@ TEST(ConfinementMemory, SumBeyondAllNumbersIsTheLargest)
 
 class ConfinementMemoryOfThisProcess : public item_test::ItemFixture {};
 
-TEST_F(ConfinementMemoryOfThisProcess, BufferIsTheDomainsLimitUpToTheLargestBuffer)
+TEST_F(ConfinementMemoryOfThisProcess, BufferIsTheDomainsLimitUpToTheMaximum)
 {
     cnb_set_domain("small", 64 * mebibyte);
     ASSERT_EQ(cnb_join_domain(), 0);

@@ -1,4 +1,4 @@
-// All measures together, and each of them where the surroundings refuse another.
+// All restrictions together, and each of them where the system refuses another.
 #include <cerrno>
 #include <fcntl.h>
 #include <functional>
@@ -50,7 +50,7 @@ bool foreign_files_are_refused()
     return !fd && errno == EACCES;
 }
 
-// To be asked before the process is confined.
+// Call this before the process is confined.
 bool kernel_has_file_rules()
 {
     return syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) >= 1;
@@ -61,7 +61,7 @@ protected:
     void SetUp() override
     {
         if (platform::sanitized_build) {
-            GTEST_SKIP() << "only new privileges are given up under a sanitizer";
+            GTEST_SKIP() << "with a sanitizer only new privileges are given up";
         }
         name_picture();
         ASSERT_EQ(take({"--file", vexa_file}), 0);
@@ -71,8 +71,8 @@ protected:
 
     const bool file_rules = kernel_has_file_rules();
 
-    // The exit status of `work` in a child that has called confine_process() where `refused` is
-    // refused; a failed expectation is status 1.
+    // Runs `work` in a child after confine_process(), with the calls in `refused` failing, and
+    // returns its exit status; a failed expectation gives status 1.
     static int confined(std::initializer_list<const char*> refused,
                         const std::function<void()>& work)
     {
@@ -85,10 +85,10 @@ protected:
     }
 };
 
-TEST_F(Confinement, TakesAllMeasuresWithoutAWord)
+TEST_F(Confinement, AppliesAllRestrictionsSilently)
 {
     int status = -1;
-    const std::string told = messages([&] {
+    const std::string printed = messages([&] {
         status = confined({}, [this] {
             EXPECT_TRUE(has_no_new_privileges());
             EXPECT_TRUE(address_space_is_limited());
@@ -97,10 +97,10 @@ TEST_F(Confinement, TakesAllMeasuresWithoutAWord)
         });
     });
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
 }
 
-TEST_F(Confinement, LeavesThePictureItsMetadataAndADumpOfItself)
+TEST_F(Confinement, KeepsThePictureItsMetadataAndCoreDumpsWorking)
 {
     EXPECT_EQ(confined({},
                        [] {
@@ -115,7 +115,7 @@ TEST_F(Confinement, LeavesThePictureItsMetadataAndADumpOfItself)
               0);
 }
 
-TEST_F(Confinement, AddressSpaceIsLimitedWhereTheOthersAreRefused)
+TEST_F(Confinement, AddressSpaceIsLimitedWhenTheOthersAreRefused)
 {
     EXPECT_EQ(
         confined({no_new_privileges_call, set_seccomp_call, "seccomp", "landlock_create_ruleset"},
@@ -127,7 +127,7 @@ TEST_F(Confinement, AddressSpaceIsLimitedWhereTheOthersAreRefused)
         0);
 }
 
-TEST_F(Confinement, FilesAreLimitedWhereTheOthersAreRefused)
+TEST_F(Confinement, FilesAreRestrictedWhenTheOthersAreRefused)
 {
     EXPECT_EQ(
         confined({no_new_privileges_call, set_seccomp_call, "seccomp", "prlimit64", "setrlimit"},
@@ -139,7 +139,7 @@ TEST_F(Confinement, FilesAreLimitedWhereTheOthersAreRefused)
         0);
 }
 
-TEST_F(Confinement, SystemCallsAreLimitedWhereTheOthersAreRefused)
+TEST_F(Confinement, SystemCallsAreRestrictedWhenTheOthersAreRefused)
 {
     for (const char* call :
          {"landlock_create_ruleset", "landlock_add_rule", "landlock_restrict_self"}) {
@@ -154,10 +154,10 @@ TEST_F(Confinement, SystemCallsAreLimitedWhereTheOthersAreRefused)
     }
 }
 
-TEST_F(Confinement, GoesOnSilentlyWhereEverythingIsRefused)
+TEST_F(Confinement, ContinuesSilentlyWhenEverythingIsRefused)
 {
     int status = -1;
-    const std::string told = messages([&] {
+    const std::string printed = messages([&] {
         status = confined({no_new_privileges_call, set_seccomp_call, "seccomp", "prlimit64",
                            "setrlimit", "landlock_create_ruleset"},
                           [] {
@@ -167,7 +167,7 @@ TEST_F(Confinement, GoesOnSilentlyWhereEverythingIsRefused)
                           });
     });
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
 }
 
 TEST(ConfinementWithoutAnItem, StillGivesUpPrivilegesAndCalls)

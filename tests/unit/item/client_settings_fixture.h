@@ -1,4 +1,4 @@
-// An item whose clients set metadata, and the folder in which that is stored.
+// An item whose clients set metadata, and the folder in which the metadata is stored.
 #pragma once
 
 #include <algorithm>
@@ -41,7 +41,7 @@ protected:
         vexa_set_string(&vexa_file_metadir, folder.path("meta").c_str());
     }
 
-    // An item that is being served: its list is closed.
+    // Makes the item a served one: its list is closed.
     void serve()
     {
         ASSERT_EQ(vexa_standard_to_derived_params(), 0);
@@ -69,7 +69,7 @@ protected:
         return names;
     }
 
-    // As the next worker on the item.
+    // Starts again on the item, as its next worker does.
     void start_again()
     {
         ::platform::close_item();
@@ -83,7 +83,7 @@ protected:
     }
     static void use_failing_files() { operations(failing_files::operations); }
 
-    // What the status document says of it; null: nothing.
+    // What the status document reports as not stored; null for nothing.
     static Json not_stored()
     {
         std::string error;

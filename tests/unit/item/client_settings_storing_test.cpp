@@ -1,5 +1,5 @@
-// What a client is promised when it sets metadata: a value that is said to be stored survives the
-// death of the worker at any later moment, and one that cannot be stored is said not to be.
+// Durability of the metadata that clients set: a value reported as stored survives the death of the
+// worker at any later time, and a value that cannot be stored is reported as such.
 
 #include <cerrno>
 #include <csignal>
@@ -22,10 +22,10 @@ using item_test::ClientSettings;
 using json11::Json;
 using platform::list_owner;
 
-// --- what is promised: a stored value survives the death of the process ---------------------------
+// --- durability: a stored value survives the death of the process --------------------------------
 
-// Each round is a worker that is killed as soon as it has said "stored".
-TEST_F(ClientSettings, AThousandKillsRightAfterTheAnswerLoseNothing)
+// In each round the worker is killed as soon as it has reported "stored".
+TEST_F(ClientSettings, KillsRightAfterTheAnswerLoseNothing)
 {
     serve();
     for (int round = 0; round < 1000; ++round) {
@@ -42,14 +42,15 @@ TEST_F(ClientSettings, AThousandKillsRightAfterTheAnswerLoseNothing)
         const metadata_v4_entry* entry = platform::find_item_entry(list.get(), "title");
         ASSERT_NE(entry, nullptr) << round;
         ASSERT_EQ(entry->value, value);
-        if (round % 10 == 9) { // starts that write, between some that do not
+        if (round % 10 == 9) { // some starts write the file, most do not
             ASSERT_EQ(platform::store_metadata(platform::opened_item()->store, list.get()), 0);
         }
     }
 }
 
-// What the command line says is shown, and may not have reached the file: its writing failed.
-TEST_F(ClientSettings, WhatIsShownButNotInTheFileIsStoredWhenAClientSetsIt)
+// A value from the command line takes effect but may be missing in the file, because the write
+// failed.
+TEST_F(ClientSettings, ValueMissingInTheFileIsStoredWhenAClientSetsIt)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     vexa_aspect_ratio = {16, 9};
@@ -58,12 +59,12 @@ TEST_F(ClientSettings, WhatIsShownButNotInTheFileIsStoredWhenAClientSetsIt)
     ASSERT_EQ(shown("aspect ratio"), "16:9");
     EXPECT_EQ(platform::store_client_setting("aspect ratio", "16:9"),
               platform::setting_state::STORED);
-    platform::reset_client_settings(); // as a death does
+    platform::reset_client_settings(); // as when the process dies
     start_again();
     EXPECT_EQ(shown("aspect ratio"), "16:9");
 }
 
-TEST_F(ClientSettings, ShownValueThatCannotBeStoredIsToldSo)
+TEST_F(ClientSettings, ValueThatCannotBeStoredIsReported)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     vexa_aspect_ratio = {16, 9};
@@ -78,8 +79,8 @@ TEST_F(ClientSettings, ShownValueThatCannotBeStoredIsToldSo)
     EXPECT_NE(not_stored(), Json());
 }
 
-// Writing back the list is refused when the file is no longer the one that was read.
-TEST_F(ClientSettings, AreNotWrittenBesideAListThatIsYetToBeWrittenBack)
+// The list is not written back when the file is no longer the one that was read.
+TEST_F(ClientSettings, AreNotWrittenWhileTheListIsNotWrittenBack)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     ASSERT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::STORED);
@@ -94,7 +95,7 @@ TEST_F(ClientSettings, AreNotWrittenBesideAListThatIsYetToBeWrittenBack)
     EXPECT_FALSE(folder.has("meta/metadata.pending-1"));
 }
 
-// With values of all sizes, and kills in the middle of the second's write.
+// With values of all sizes; the second write is killed at any step.
 TEST_F(ClientSettings, KillsDuringTheWriteLoseNothing)
 {
     serve();
@@ -121,7 +122,7 @@ TEST_F(ClientSettings, KillsDuringTheWriteLoseNothing)
 
 // --- what cannot be stored ----------------------------------------------------------------------
 
-TEST_F(ClientSettings, AreNotStoredWhenNothingMayBeWritten)
+TEST_F(ClientSettings, AreNotStoredWithoutMetadataUpdate)
 {
     serve();
     vexa_metadata_may_update = false;
@@ -136,7 +137,7 @@ TEST_F(ClientSettings, AreShownAsNotStoredUntilTheyAre)
     serve();
     EXPECT_EQ(not_stored(), Json());
     use_failing_files();
-    failing_files::arm(1, fate::FAIL, ENOSPC); // making the pending file
+    failing_files::arm(1, fate::FAIL, ENOSPC); // fails to create the pending file
     EXPECT_EQ(messages([&] {
                   EXPECT_EQ(platform::store_client_setting("ti\"tle\xFF", "x"),
                             platform::setting_state::NOT_STORED);
@@ -153,8 +154,8 @@ TEST_F(ClientSettings, AreShownAsNotStoredUntilTheyAre)
     EXPECT_NE(stored().find(" = x\n"), std::string::npos);
 }
 
-// Once there is room, the same value again is an attempt, and takes the others along.
-TEST_F(ClientSettings, AreStoredByTheNextOneThatCanBe)
+// Once there is space, setting the same value again stores it, and the others with it.
+TEST_F(ClientSettings, AreStoredWithTheNextSuccessfulOne)
 {
     serve();
     use_failing_files();
@@ -171,7 +172,7 @@ TEST_F(ClientSettings, AreStoredByTheNextOneThatCanBe)
     EXPECT_EQ(shown("two"), "2");
 }
 
-TEST_F(ClientSettings, EachFailingCallIsToldOrMadeUpFor)
+TEST_F(ClientSettings, EachFailingCallIsReportedOrRetried)
 {
     for (int call = 1; call <= 12; ++call) {
         platform::reset_item();
@@ -192,7 +193,7 @@ TEST_F(ClientSettings, EachFailingCallIsToldOrMadeUpFor)
     }
 }
 
-TEST_F(ClientSettings, WhatWasNowhereAtTheEndIsToldLost)
+TEST_F(ClientSettings, ValueStoredNowhereAtTheEndIsReportedAsLost)
 {
     serve();
     static platform::file_operations full;
@@ -202,15 +203,15 @@ TEST_F(ClientSettings, WhatWasNowhereAtTheEndIsToldLost)
         return -1;
     };
     operations(full);
-    const std::string told = messages([] {
+    const std::string reported = messages([] {
         EXPECT_EQ(platform::store_client_setting("title", "x"),
                   platform::setting_state::NOT_STORED);
         vexa_free_all();
     });
     const std::string attempt =
         "Cannot create metadata file '" + folder.path("meta/metadata") + "'";
-    EXPECT_NE(told.find(attempt), told.rfind(attempt)); // twice
-    EXPECT_TRUE(told.ends_with("What clients have set is lost\n"));
+    EXPECT_NE(reported.find(attempt), reported.rfind(attempt)); // two attempts
+    EXPECT_TRUE(reported.ends_with("What clients have set is lost\n"));
 }
 
 TEST_F(ClientSettings, RemovedFolderIsNoticed)
@@ -225,7 +226,7 @@ TEST_F(ClientSettings, RemovedFolderIsNoticed)
     EXPECT_EQ(platform::why_settings_are_not_stored(), "No such file or directory");
 }
 
-TEST_F(ClientSettings, RemovedPendingFileIsMadeAnew)
+TEST_F(ClientSettings, RemovedPendingFileIsRecreated)
 {
     serve();
     ASSERT_EQ(platform::store_client_setting("one", "1"), platform::setting_state::STORED);
@@ -237,8 +238,8 @@ TEST_F(ClientSettings, RemovedPendingFileIsMadeAnew)
     EXPECT_EQ(shown("two"), "2");
 }
 
-// A real disk that is really full.
-TEST_F(ClientSettings, FullDiskIsToldAndMadeUpForOnceThereIsRoom)
+// Uses a real file system that is full.
+TEST_F(ClientSettings, FullDiskIsReportedAndTheValueStoredOnceThereIsSpace)
 {
     mkdir(folder.path("meta").c_str(), 0700);
     const int result = run_in_child([&] {
@@ -253,12 +254,12 @@ TEST_F(ClientSettings, FullDiskIsToldAndMadeUpForOnceThereIsRoom)
         const std::string page(4096, 'x');
         while (write(file.get(), page.data(), page.size()) > 0) {
         }
-        const std::string told = messages([&] {
+        const std::string reported = messages([&] {
             EXPECT_EQ(platform::store_client_setting("title", "x"),
                       platform::setting_state::NOT_STORED);
             platform::store_waiting_settings(later());
         });
-        EXPECT_NE(told.find("No space left on device"), std::string::npos);
+        EXPECT_NE(reported.find("No space left on device"), std::string::npos);
         EXPECT_EQ(not_stored()["names"][0], Json("title"));
         unlink(filler.c_str());
         EXPECT_EQ(ftruncate(file.get(), 0), 0);
@@ -268,12 +269,12 @@ TEST_F(ClientSettings, FullDiskIsToldAndMadeUpForOnceThereIsRoom)
         return HasFailure() ? 1 : 0;
     });
     if (result == 2) {
-        GTEST_SKIP() << "needs the right to mount";
+        GTEST_SKIP() << "needs the right to mount a file system";
     }
     EXPECT_EQ(result, 0);
 }
 
-TEST_F(ClientSettings, ReadOnlyFolderIsTold)
+TEST_F(ClientSettings, ReadOnlyFolderIsReported)
 {
     mkdir(folder.path("meta").c_str(), 0700);
     folder.write("meta/metadata", "title = old\n");
@@ -299,12 +300,12 @@ TEST_F(ClientSettings, ReadOnlyFolderIsTold)
         return HasFailure() ? 1 : 0;
     });
     if (result == 2) {
-        GTEST_SKIP() << "needs the right to mount";
+        GTEST_SKIP() << "needs the right to mount a file system";
     }
     EXPECT_EQ(result, 0);
 }
 
-// --- who sets without end -------------------------------------------------------------------------
+// --- clients that set values in a loop -----------------------------------------------------------
 
 TEST_F(ClientSettings, SettingInALoopWaitsForTheNextWrite)
 {
@@ -319,7 +320,7 @@ TEST_F(ClientSettings, SettingInALoopWaitsForTheNextWrite)
     EXPECT_LE(std::filesystem::file_size(folder.path("meta/metadata.pending-1")),
               platform::max_pending_file);
     EXPECT_EQ(platform::store_client_setting("other", "x"),
-              platform::setting_state::STORED); // a small one still fits
+              platform::setting_state::STORED); // a small value still fits
     EXPECT_EQ(platform::client_setting_state("title"), platform::setting_state::WAITS);
     EXPECT_EQ(not_stored()["reason"], Json("not written yet"));
     platform::store_waiting_settings(later());
@@ -328,7 +329,7 @@ TEST_F(ClientSettings, SettingInALoopWaitsForTheNextWrite)
     EXPECT_EQ(platform::store_client_setting("title", "short"), platform::setting_state::STORED);
 }
 
-TEST_F(ClientSettings, NobodyWaitsForAWriteThatFails)
+TEST_F(ClientSettings, WaitEndsWhenTheWriteFails)
 {
     serve();
     const platform::unique_fd other(

@@ -10,7 +10,7 @@ namespace {
 
 using item_test::ClientSettings;
 
-TEST_F(ClientSettings, AreShownAndSavedAtOnceAndWrittenAfterASecond)
+TEST_F(ClientSettings, TakeEffectAtOnceAndAreWrittenAfterASecond)
 {
     serve();
     ASSERT_EQ(platform::store_client_setting("title", "A picture"),
@@ -24,7 +24,7 @@ TEST_F(ClientSettings, AreShownAndSavedAtOnceAndWrittenAfterASecond)
     EXPECT_FALSE(folder.has("meta/metadata.pending-1"));
 }
 
-TEST_F(ClientSettings, ManySetsAreOneWrite)
+TEST_F(ClientSettings, ManySettingsAreOneWrite)
 {
     serve();
     for (int i = 0; i < 100'000; ++i) {
@@ -42,7 +42,7 @@ TEST_F(ClientSettings, ManySetsAreOneWrite)
     EXPECT_EQ(before.st_ino, after.st_ino);
 }
 
-TEST_F(ClientSettings, WhatElseIsInTheFileStays)
+TEST_F(ClientSettings, OtherEntriesOfTheFileArePreserved)
 {
     mkdir(folder.path("meta").c_str(), 0700);
     folder.write("meta/metadata", "# mine\none = 1\naspect ratio = 4:3\n");
@@ -54,7 +54,7 @@ TEST_F(ClientSettings, WhatElseIsInTheFileStays)
     EXPECT_EQ(stored(), "# mine\none = 1\naspect ratio = 16:9\nadded = by hand\n");
 }
 
-TEST_F(ClientSettings, EndOfTheProcessWritesWhatWaits)
+TEST_F(ClientSettings, WaitingSettingsAreWrittenAtTheEndOfTheProcess)
 {
     serve();
     ASSERT_EQ(platform::store_client_setting("title", "last words"),
@@ -74,7 +74,7 @@ TEST_F(ClientSettings, WithoutMetadataUpdateNothingIsWritten)
     EXPECT_FALSE(folder.has("meta/metadata"));
 }
 
-TEST_F(ClientSettings, SameValueAgainIsNothingNew)
+TEST_F(ClientSettings, UnchangedValueIsNotWritten)
 {
     mkdir(folder.path("meta").c_str(), 0700);
     folder.write("meta/metadata", "title = x\n");
@@ -100,7 +100,7 @@ TEST_F(ClientSettings, FactsOfTheWorkerAreRefused)
     EXPECT_EQ(platform::store_client_setting("file type ", "1"), platform::setting_state::STORED);
 }
 
-TEST_F(ClientSettings, KnownNamesMustParse)
+TEST_F(ClientSettings, KnownNamesNeedValidValues)
 {
     serve();
     for (const char* value : {"", "wide", "16:0", "-1:1", "16:9:1"}) {
@@ -139,7 +139,7 @@ TEST_F(ClientSettings, NamesAndValuesHaveLimits)
     EXPECT_EQ(platform::store_client_setting("a", ""), platform::setting_state::STORED);
 }
 
-TEST_F(ClientSettings, NewNamesAreCounted)
+TEST_F(ClientSettings, NumberOfNewNamesIsLimited)
 {
     serve();
     for (int i = 0; i < 256; ++i) {
@@ -151,7 +151,7 @@ TEST_F(ClientSettings, NewNamesAreCounted)
     EXPECT_EQ(platform::store_client_setting("name 7", "y"), platform::setting_state::STORED);
 }
 
-TEST_F(ClientSettings, HostileTextForgesNoEntry)
+TEST_F(ClientSettings, HostileTextCannotForgeAnEntry)
 {
     serve();
     ASSERT_EQ(platform::store_client_setting("a\nfile type = b", "c\nGUID = d = \x1B\xFF"),
@@ -166,7 +166,7 @@ TEST_F(ClientSettings, HostileTextForgesNoEntry)
     EXPECT_STREQ(entry->value, "c\nGUID = d = \x1B\xFF");
 }
 
-TEST_F(ClientSettings, FailedWriteIsTriedAgainLessAndLessOften)
+TEST_F(ClientSettings, FailedWriteIsRetriedAtIncreasingIntervals)
 {
     serve();
     const platform::unique_fd other(
@@ -192,8 +192,8 @@ TEST_F(ClientSettings, TerminationDoesNotLoseThem)
     EXPECT_NE(stored().find("title = x\n"), std::string::npos);
 }
 
-// Without the lock there is no write, but the pending file is this process's own.
-TEST_F(ClientSettings, WhatCannotBeWrittenAtTheEndIsLeftToTheNextStart)
+// Without the lock there is no write, but the pending file belongs to this process.
+TEST_F(ClientSettings, SettingsNotWrittenAtTheEndAreMergedByTheNextStart)
 {
     serve();
     const platform::unique_fd other(

@@ -51,7 +51,7 @@ protected:
 
 // --- paths --------------------------------------------------------------------------------------
 
-TEST_F(Derived, DefaultPlacesAreMadeForTheUserAlone)
+TEST_F(Derived, DefaultFoldersAreCreatedForTheUserOnly)
 {
     const mode_t old_mask = umask(0);
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
@@ -68,7 +68,7 @@ TEST_F(Derived, DefaultPlacesAreMadeForTheUserAlone)
     EXPECT_EQ(metadata_v4_metadata_context_entry_count(vexa_metadata), 0U);
 }
 
-TEST_F(Derived, SocketIsWhereClientsLookForIt)
+TEST_F(Derived, SocketIsWhereClientsExpectIt)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     std::string looked_for;
@@ -76,7 +76,7 @@ TEST_F(Derived, SocketIsWhereClientsLookForIt)
     EXPECT_EQ(vexa_sock, looked_for);
 }
 
-TEST_F(Derived, GivenPathsStayAsGiven)
+TEST_F(Derived, GivenPathsAreKept)
 {
     const fs::path before = fs::current_path();
     fs::current_path(folder.path());
@@ -132,7 +132,7 @@ TEST_F(Derived, LinkInThePlaceOfTheSocketFolderIsRefused)
                              "': Not a directory\n");
 }
 
-TEST_F(Derived, SocketFolderOfSomebodyElseIsRefused)
+TEST_F(Derived, SocketFolderOfAnotherUserIsRefused)
 {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs the superuser";
@@ -144,7 +144,7 @@ TEST_F(Derived, SocketFolderOfSomebodyElseIsRefused)
                              "': Operation not permitted\n");
 }
 
-TEST_F(Derived, FoldersThatCannotBeMadeAreNamed)
+TEST_F(Derived, FoldersThatCannotBeCreatedAreNamed)
 {
     rmdir(folder.path("run").c_str());
     folder.write("run", "a file");
@@ -171,7 +171,7 @@ TEST_F(Derived, PictureThatCannotBeOpenedIsNamed)
     EXPECT_EQ(vexa_metadata, nullptr);
 }
 
-TEST_F(Derived, EndlessPictureNameIsRefused)
+TEST_F(Derived, TooLongPictureNameIsRefused)
 {
     const std::string name = "/" + std::string(5000, 'x');
     vexa_set_string(&vexa_file, name.c_str());
@@ -184,7 +184,7 @@ TEST_F(Derived, WithoutAFileItFails)
     EXPECT_NE(vexa_standard_to_derived_params(), 0);
 }
 
-TEST_F(Derived, SocketPathOfExactly107BytesIsTaken)
+TEST_F(Derived, SocketPathOf107BytesIsAccepted)
 {
     const std::string begin = folder.path("s");
     vexa_set_string(&vexa_sock, (begin + std::string(107 - begin.size(), 's')).c_str());
@@ -197,14 +197,14 @@ TEST_F(Derived, SocketPathOfExactly107BytesIsTaken)
               "Socket path '" + std::string(vexa_sock) + "': too long, at most 107 bytes\n");
 }
 
-// --- who serves ---------------------------------------------------------------------------------
+// --- the serving worker -------------------------------------------------------------------------
 
 TEST_F(Derived, SecondWorkerIsRefusedWithoutTouchingTheItem)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     const std::string sock = vexa_sock;
     const std::string holder = std::to_string(getpid());
-    // As the kernel sees it, an open file of its own is another worker.
+    // The child opens the file itself, so the kernel treats it as another worker.
     EXPECT_EQ(run_in_child([&] {
                   const std::string seen = messages([] {
                       platform::close_item();
@@ -219,7 +219,7 @@ TEST_F(Derived, SecondWorkerIsRefusedWithoutTouchingTheItem)
               0);
 }
 
-TEST_F(Derived, ModesThatDoNotServeDisturbNobody)
+TEST_F(Derived, ModesThatDoNotServeLeaveTheWorkerAlone)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     const std::string sock = vexa_sock;
@@ -245,9 +245,9 @@ TEST_F(Derived, ModesThatDoNotServeMakeNoSocketFolder)
     EXPECT_FALSE(fs::exists(runtime_folder()));
 }
 
-// --- what a killed worker left ------------------------------------------------------------------
+// --- files left by a killed worker --------------------------------------------------------------
 
-// A socket at the path; listening while the descriptor lives.
+// A socket at this path. If `listening`, it listens until the descriptor is closed.
 platform::unique_fd socket_at(const std::string& path, bool listening)
 {
     platform::unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
@@ -285,7 +285,7 @@ TEST_F(Leftovers, AreRemovedOnRequest)
     EXPECT_TRUE(folder.has("meta/other"));
 }
 
-TEST_F(Leftovers, OfALiveWorkerAreNone)
+TEST_F(Leftovers, OfARunningWorkerAreKept)
 {
     const platform::unique_fd socket = socket_at(folder.path("s.sock"), true);
     folder.write("s.sock.lock", "4711\n");
@@ -302,13 +302,13 @@ TEST_F(Leftovers, OfALiveWorkerAreNone)
     EXPECT_TRUE(folder.has("meta/metadata.tmp-0123"));
 }
 
-TEST_F(Leftovers, NothingThereIsFine)
+TEST_F(Leftovers, NothingToRemoveIsFine)
 {
     EXPECT_EQ(messages([] { EXPECT_EQ(vexa_standard_to_derived_params(), 0); }), "");
     EXPECT_FALSE(folder.has("s.sock.lock"));
 }
 
-TEST_F(Leftovers, GoWithAStartThatServes)
+TEST_F(Leftovers, AreRemovedByAStartThatServes)
 {
     vexa_temp_clean_only = false;
     socket_at(folder.path("s.sock"), true);
@@ -319,7 +319,7 @@ TEST_F(Leftovers, GoWithAStartThatServes)
     EXPECT_FALSE(folder.has("s.sock"));
 }
 
-TEST_F(Leftovers, GoAlsoWhenTheStartIsRefused)
+TEST_F(Leftovers, AreRemovedByARefusedStart)
 {
     vexa_temp_clean_only = false;
     socket_at(folder.path("s.sock"), true);
@@ -335,7 +335,7 @@ TEST_F(Leftovers, GoAlsoWhenTheStartIsRefused)
     EXPECT_FALSE(folder.has("s.sock.lock"));
 }
 
-TEST_F(Leftovers, OfAPictureThatIsGoneGoToo)
+TEST_F(Leftovers, OfARemovedPictureAreRemoved)
 {
     vexa_temp_clean_only = false;
     for (const bool given : {true, false}) {
@@ -362,7 +362,7 @@ TEST_F(Leftovers, OfAPictureThatIsGoneGoToo)
     }
 }
 
-TEST_F(Leftovers, MakeNoLockInAFolderThatHasNone)
+TEST_F(Leftovers, CreateNoLockInAFolderWithoutOne)
 {
     vexa_temp_clean_only = false;
     unlink(vexa_file);
@@ -370,7 +370,7 @@ TEST_F(Leftovers, MakeNoLockInAFolderThatHasNone)
     EXPECT_FALSE(folder.has("meta/metadata.lock"));
 }
 
-TEST_F(Leftovers, OfAPictureWhoseFolderIsGoneAreNotFound)
+TEST_F(Leftovers, OfAPictureWhoseFolderWasRemovedAreNotFound)
 {
     vexa_temp_clean_only = false;
     vexa_set_string(&vexa_file_metadir, nullptr);
@@ -382,7 +382,7 @@ TEST_F(Leftovers, OfAPictureWhoseFolderIsGoneAreNotFound)
 
 // --- settings -----------------------------------------------------------------------------------
 
-TEST_F(Derived, StoredSettingsAreTaken)
+TEST_F(Derived, StoredSettingsAreApplied)
 {
     vexa_set_string(&vexa_file_metadir, folder.path().c_str());
     folder.write("metadata", "file type = image/png\naspect ratio = 16:9\nbackground music = on\n");
@@ -392,7 +392,7 @@ TEST_F(Derived, StoredSettingsAreTaken)
     EXPECT_EQ(vexa_background_music, 1);
 }
 
-TEST_F(Derived, TypeOfAnotherStateOfThePictureIsStale)
+TEST_F(Derived, TypeFromAnEarlierStateOfThePictureIsStale)
 {
     vexa_set_string(&vexa_file_metadir, folder.path().c_str());
     folder.write("metadata", "file type = image/png\naspect ratio = 16:9\npicture size = 17\n");
@@ -401,7 +401,7 @@ TEST_F(Derived, TypeOfAnotherStateOfThePictureIsStale)
     EXPECT_EQ(vexa_aspect_ratio.numerator, 16);
 }
 
-TEST_F(Derived, FactsOfAnotherStateOfThePictureAreDropped)
+TEST_F(Derived, FactsFromAnEarlierStateOfThePictureAreDropped)
 {
     vexa_set_string(&vexa_file_metadir, folder.path().c_str());
     folder.write("metadata", "image size = 4 x 3\ntitle = t\npicture size = 17\n");
@@ -411,7 +411,7 @@ TEST_F(Derived, FactsOfAnotherStateOfThePictureAreDropped)
     EXPECT_NE(platform::status_document().find("title"), std::string::npos);
 }
 
-TEST_F(Derived, WhatIsWrittenBackIsBelievedUntilThePictureChanges)
+TEST_F(Derived, WrittenFactsAreTrustedUntilThePictureChanges)
 {
     vexa_set_string(&vexa_file_type, "image/png");
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
@@ -428,7 +428,7 @@ TEST_F(Derived, WhatIsWrittenBackIsBelievedUntilThePictureChanges)
     EXPECT_EQ(vexa_file_type, nullptr);
 }
 
-TEST_F(Derived, SwitchesWinOverTheMetadata)
+TEST_F(Derived, SwitchesOverrideTheMetadata)
 {
     folder.write("metadata", "file type = image/png\naspect ratio = 16:9\nbackground music = on\n");
     ASSERT_EQ(take({"--file", vexa_file, "--metadir", folder.path(), "--file-type", "image/gif",
@@ -440,7 +440,7 @@ TEST_F(Derived, SwitchesWinOverTheMetadata)
     EXPECT_EQ(vexa_background_music, 0);
 }
 
-TEST_F(Derived, ClosingTwiceGivesEverythingBack)
+TEST_F(Derived, ClosingReleasesEverythingAndMayRunTwice)
 {
     const size_t before = item_test::open_descriptors();
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);

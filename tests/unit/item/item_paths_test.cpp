@@ -15,7 +15,7 @@ using item_test::environment_variable;
 
 class ItemPaths : public item_test::ItemFixture {};
 
-TEST_F(ItemPaths, NameIsStemAndHashOfThePath)
+TEST_F(ItemPaths, NameIsTheStemAndAHashOfThePath)
 {
     // SHA-256 of "abc" begins with ba7816bf8f01cfea4141.
     EXPECT_EQ(item_paths::name_of_real_path("abc"), "abc-ba7816bf8f01cfea4141");
@@ -26,7 +26,8 @@ TEST_F(ItemPaths, NameIsStemAndHashOfThePath)
     EXPECT_NE(item_paths::name_of_real_path("/a/x.png"), item_paths::name_of_real_path("/a/x.gif"));
 }
 
-// Each length modulo the block of 64 bytes pads in its own way; the figures are those of sha256sum.
+// Each length modulo the block size of 64 bytes is padded differently. The expected values come
+// from sha256sum.
 TEST_F(ItemPaths, HashIsRightAroundTheBlockSize)
 {
     const auto hash = [](size_t length) {
@@ -40,7 +41,7 @@ TEST_F(ItemPaths, HashIsRightAroundTheBlockSize)
     EXPECT_EQ(hash(1000), "41edece42d63e8d9bf51");
 }
 
-TEST_F(ItemPaths, NameIsOneShortComponentWhateverTheFileIsCalled)
+TEST_F(ItemPaths, NameIsOneShortComponentWhateverTheFileName)
 {
     for (const std::string& file :
          {std::string(255, 'x'), std::string("a b\n\x1B%n'\"*"), std::string("."),
@@ -53,7 +54,7 @@ TEST_F(ItemPaths, NameIsOneShortComponentWhateverTheFileIsCalled)
     }
 }
 
-TEST_F(ItemPaths, OnlyPrintableCharactersBeyondAsciiAreKept)
+TEST_F(ItemPaths, OnlyPrintableNonAsciiCharactersAreKept)
 {
     const auto stem = [](const std::string& text) {
         const std::string name = item_paths::name_of_real_path("/" + text);
@@ -71,9 +72,9 @@ TEST_F(ItemPaths, OnlyPrintableCharactersBeyondAsciiAreKept)
     EXPECT_EQ(stem("a\xE3(\xC3\xA4"), "a__\xC3\xA4");
 }
 
-TEST_F(ItemPaths, LongStemIsCutBetweenCharacters)
+TEST_F(ItemPaths, LongStemIsTruncatedBetweenCharacters)
 {
-    // 8 characters of 3 bytes are 24; one more byte in front leaves room for 7 of them.
+    // Eight characters of 3 bytes are 24 bytes; with one more byte in front only seven of them fit.
     std::string eight;
     for (int i = 0; i < 8; ++i) {
         eight += "\xE3\x81\x82";
@@ -145,7 +146,7 @@ TEST_F(ItemPaths, DefaultSocketLiesInTheRuntimeFolder)
     EXPECT_FALSE(item_paths::default_socket(folder.path("none").c_str(), &path));
 }
 
-TEST_F(ItemPaths, DefaultSocketOfExactly107BytesIsTaken)
+TEST_F(ItemPaths, DefaultSocketPathOf107BytesIsAccepted)
 {
     const std::string picture = folder.write("p.png", "x");
     std::string name;

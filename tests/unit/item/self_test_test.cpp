@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(SelfTest, PassesOnASoundSystem)
+TEST(SelfTest, PassesOnAWorkingSystem)
 {
     EXPECT_EQ(vexa_self_test(), 0);
     EXPECT_EQ(vexa_self_test(), 0);

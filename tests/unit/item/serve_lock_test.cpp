@@ -25,7 +25,7 @@ protected:
     const std::string number = std::to_string(getpid());
 };
 
-// A lock on a file, of another process as far as the kernel is concerned.
+// Locks a file through a file description of its own, as another process would.
 platform::unique_fd locked(const std::string& path)
 {
     platform::unique_fd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
@@ -33,7 +33,7 @@ platform::unique_fd locked(const std::string& path)
     return fd;
 }
 
-TEST_F(ServeLock, IsAFileWithTheProcessNumberAndGoneAfterwards)
+TEST_F(ServeLock, IsAFileWithTheProcessNumberThatIsRemovedAfterwards)
 {
     EXPECT_FALSE(platform::holds_serve_lock());
     ASSERT_TRUE(platform::take_serve_lock(socket));
@@ -48,7 +48,7 @@ TEST_F(ServeLock, IsAFileWithTheProcessNumberAndGoneAfterwards)
     platform::release_serve_lock();
 }
 
-TEST_F(ServeLock, TakenLockNamesSocketAndHolder)
+TEST_F(ServeLock, HeldLockIsReportedWithSocketAndHolder)
 {
     folder.write("s.sock.lock", "4711\n");
     const platform::unique_fd other = locked(folder.path("s.sock.lock"));
@@ -60,7 +60,7 @@ TEST_F(ServeLock, TakenLockNamesSocketAndHolder)
     EXPECT_TRUE(folder.has("s.sock.lock"));
 }
 
-TEST_F(ServeLock, HolderThatHasNotWrittenItsNumberIsStillOne)
+TEST_F(ServeLock, HolderWithoutANumberIsReportedAsAnotherProcess)
 {
     const platform::unique_fd other = locked(folder.path("s.sock.lock"));
     for (const char* text : {"", "x", "-3", "0", "99999999999999999999"}) {
@@ -77,11 +77,11 @@ TEST_F(ServeLock, FileLeftByADeadWorkerIsTakenOver)
     EXPECT_EQ(folder.read("s.sock.lock"), number + "\n");
 }
 
-// A holder of the lock that ends while this process waits: a signal's handler ends it, so that it is
-// gone before the last try, however long the process is not given the processor.
+// A holder that releases the lock while this process waits for it. A signal handler releases it, so
+// that this happens before the last attempt however slowly the process is scheduled.
 class ending_holder {
 public:
-    // `removed_path` is removed first; null: the file stays.
+    // Removes `removed_path` first unless it is null.
     ending_holder(platform::unique_fd lock, const char* removed_path)
     {
         held_fd = lock.release();
@@ -113,16 +113,16 @@ private:
     struct sigaction former = {};
 };
 
-TEST_F(ServeLock, WorkerThatIsJustEndingIsWaitedFor)
+TEST_F(ServeLock, EndingWorkerIsWaitedFor)
 {
     const ending_holder holder(locked(folder.path("s.sock.lock")), nullptr);
     EXPECT_TRUE(platform::take_serve_lock(socket));
     EXPECT_TRUE(ending_holder::has_ended());
 }
 
-TEST_F(ServeLock, FileThatTheLastHolderRemovedIsNotTheLock)
+TEST_F(ServeLock, FileRemovedByItsHolderIsNotTheLock)
 {
-    // The loser of the race has the old file open when its holder removes it.
+    // This process has the old file open when its holder removes it.
     const std::string path = folder.path("s.sock.lock");
     const ending_holder holder(locked(path), path.c_str());
     ASSERT_TRUE(platform::take_serve_lock(socket));
@@ -132,7 +132,7 @@ TEST_F(ServeLock, FileThatTheLastHolderRemovedIsNotTheLock)
     EXPECT_EQ(flock(named.get(), LOCK_EX | LOCK_NB), -1);
 }
 
-TEST_F(ServeLock, PathThatCannotBeLockedIsNamed)
+TEST_F(ServeLock, PathThatCannotBeLockedIsReported)
 {
     const std::string lost = folder.path("none/s.sock");
     EXPECT_EQ(messages([&] { EXPECT_FALSE(platform::take_serve_lock(lost)); }),
@@ -147,9 +147,9 @@ TEST_F(ServeLock, KilledHolderLeavesNoLock)
     const item_test::pipe_pair pipe = item_test::make_pipe();
     child_process holder([&] {
         const bool taken = platform::take_serve_lock(socket);
-        const ssize_t told = write(pipe.writer.get(), taken ? "1" : "0", 1);
+        const ssize_t written = write(pipe.writer.get(), taken ? "1" : "0", 1);
         pause();
-        return told == 1 ? 0 : 1;
+        return written == 1 ? 0 : 1;
     });
     char taken = 0;
     ASSERT_EQ(platform::read_fully(pipe.reader.get(), &taken, 1), 1);
@@ -168,11 +168,11 @@ TEST_F(ServeLock, OneOfManyWins)
     for (int i = 0; i < 8; ++i) {
         workers.push_back(std::make_unique<child_process>([&] {
             char byte = 0;
-            const bool begun = platform::read_fully(start.reader.get(), &byte, 1) == 1;
-            const bool taken = begun && platform::take_serve_lock(socket);
-            const bool told = write(results.writer.get(), taken ? "1" : "0", 1) == 1;
+            const bool started = platform::read_fully(start.reader.get(), &byte, 1) == 1;
+            const bool taken = started && platform::take_serve_lock(socket);
+            const bool written = write(results.writer.get(), taken ? "1" : "0", 1) == 1;
             pause();
-            return told ? 0 : 1;
+            return written ? 0 : 1;
         }));
     }
     messages([&] {
@@ -187,11 +187,11 @@ TEST_F(ServeLock, OneOfManyWins)
     });
 }
 
-TEST_F(ServeLock, ChildThatGoesOnAloneOwnsItAfterRefreshing)
+TEST_F(ServeLock, DaemonisedChildOwnsItAfterARefresh)
 {
     ASSERT_TRUE(platform::take_serve_lock(socket));
     EXPECT_EQ(run_in_child([&] {
-                  // Not yet the owner: leaves the file alone.
+                  // Does not own the lock yet, so it leaves the file alone.
                   return platform::holds_serve_lock() && folder.read("s.sock.lock") == number + "\n"
                              ? 0
                              : 1;
@@ -204,7 +204,7 @@ TEST_F(ServeLock, ChildThatGoesOnAloneOwnsItAfterRefreshing)
               0);
 }
 
-TEST_F(ServeLock, ProcessThatIsNotTheOwnerDoesNotRemoveTheFile)
+TEST_F(ServeLock, ProcessThatDoesNotOwnItKeepsTheFile)
 {
     ASSERT_TRUE(platform::take_serve_lock(socket));
     EXPECT_EQ(run_in_child([&] {
@@ -218,7 +218,7 @@ TEST_F(ServeLock, ProcessThatIsNotTheOwnerDoesNotRemoveTheFile)
     EXPECT_EQ(flock(named.get(), LOCK_EX | LOCK_NB), -1);
 }
 
-TEST_F(ServeLock, DescriptorIsNotInherited)
+TEST_F(ServeLock, DescriptorIsNotLeaked)
 {
     const size_t before = item_test::open_descriptors();
     ASSERT_TRUE(platform::take_serve_lock(socket));

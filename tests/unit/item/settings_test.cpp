@@ -10,7 +10,7 @@ namespace {
 
 class Settings : public item_test::ItemFixture {};
 
-TEST_F(Settings, SetStringKeepsACopy)
+TEST_F(Settings, SetStringStoresACopy)
 {
     std::string text = "one";
     vexa_set_string(&vexa_file_type, text.c_str());
@@ -20,7 +20,7 @@ TEST_F(Settings, SetStringKeepsACopy)
     EXPECT_EQ(vexa_file_type, nullptr);
 }
 
-TEST_F(Settings, SetStringTakesItsOwnText)
+TEST_F(Settings, SetStringAcceptsItsOwnText)
 {
     vexa_set_string(&vexa_file_type, "image/png");
     vexa_set_string(&vexa_file_type, vexa_file_type);
@@ -29,7 +29,7 @@ TEST_F(Settings, SetStringTakesItsOwnText)
     EXPECT_STREQ(vexa_file_type, "png");
 }
 
-TEST_F(Settings, ProgramStartValues)
+TEST_F(Settings, HaveTheirInitialValues)
 {
     vexa_oneshot = true;
     vexa_metadata_may_update = false;

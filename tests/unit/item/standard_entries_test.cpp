@@ -22,7 +22,7 @@ protected:
             0);
     }
 
-    // The item's value, "(none)" without one.
+    // The item's value of this name, or "(none)".
     std::string value(const char* name) const
     {
         const metadata_v4_entry* entry = platform::find_item_entry(list.get(), name);
@@ -34,7 +34,7 @@ protected:
     platform::list_owner list{platform::new_metadata_list()};
 };
 
-TEST_F(StandardEntries, AllAreTaken)
+TEST_F(StandardEntries, AllAreRead)
 {
     add("file type", "image/gif");
     add("aspect ratio", "16:9");
@@ -69,7 +69,7 @@ TEST_F(StandardEntries, StaleListKeepsOnlyTheUsersChoices)
     EXPECT_EQ(vexa_background_music, 1);
 }
 
-TEST_F(StandardEntries, TextThatDoesNotParseCountsAsMissing)
+TEST_F(StandardEntries, InvalidTextCountsAsMissing)
 {
     add("file type", "");
     add("aspect ratio", "wide");
@@ -87,14 +87,14 @@ TEST_F(StandardEntries, TextThatDoesNotParseCountsAsMissing)
     EXPECT_EQ(vexa_video_streams, 0);
 }
 
-TEST_F(StandardEntries, EntriesOfAPartOfTheItemDoNotCount)
+TEST_F(StandardEntries, EntriesOfAPartOfTheItemAreIgnored)
 {
     add("file type", "image/gif", 0);
     take();
     EXPECT_EQ(vexa_file_type, nullptr);
 }
 
-TEST_F(StandardEntries, WhatASwitchGaveStays)
+TEST_F(StandardEntries, ValueFromASwitchIsKept)
 {
     add("file type", "image/gif");
     add("aspect ratio", "16:9");
@@ -127,7 +127,7 @@ TEST_F(StandardEntries, AllAreWritten)
     EXPECT_EQ(value("video streams"), "1");
 }
 
-TEST_F(StandardEntries, UnknownOnesAreNotWritten)
+TEST_F(StandardEntries, UnknownValuesAreNotWritten)
 {
     vexa_standard_vars_to_metadata(list.get());
     EXPECT_EQ(value("file type"), "(none)");
@@ -136,7 +136,7 @@ TEST_F(StandardEntries, UnknownOnesAreNotWritten)
     EXPECT_EQ(value("picture size"), "(none)");
 }
 
-TEST_F(StandardEntries, UnknownAspectRatioThatWasGivenIsWritten)
+TEST_F(StandardEntries, UnknownAspectRatioFromASwitchIsWritten)
 {
     add("aspect ratio", "16:9");
     platform::own.aspect_ratio_given = true;
@@ -175,9 +175,9 @@ TEST_F(StandardEntries, SizeAndTimeOfThePictureAreWritten)
     EXPECT_NE(value("picture time"), "(none)");
 }
 
-// The picture may be rewritten while it is examined. What was found out is then believed only until
-// somebody looks again.
-TEST_F(StandardEntries, StampIsThatOfThePictureAsItWasOpened)
+// The picture may be rewritten during the examination. Then the facts found are trusted only until
+// the next start.
+TEST_F(StandardEntries, StampDescribesThePictureAsItWasOpened)
 {
     name_picture("picture.png", "sixteen bytes ..");
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
@@ -186,7 +186,7 @@ TEST_F(StandardEntries, StampIsThatOfThePictureAsItWasOpened)
     EXPECT_EQ(value("picture size"), "16");
 }
 
-TEST_F(StandardEntries, DocumentShowsWhatIsWritten)
+TEST_F(StandardEntries, DocumentShowsTheWrittenValues)
 {
     vexa_time_duration = 12345;
     vexa_standard_vars_to_metadata(list.get());
@@ -195,7 +195,7 @@ TEST_F(StandardEntries, DocumentShowsWhatIsWritten)
               std::string::npos);
 }
 
-TEST_F(StandardEntries, ClosedAndMissingListsAreSurvived)
+TEST_F(StandardEntries, ClosedAndMissingListsAreAccepted)
 {
     vexa_standard_vars_to_metadata(nullptr);
     metadata_v4_metadata_close_file(list.get());

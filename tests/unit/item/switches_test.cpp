@@ -18,7 +18,7 @@ using item_test::make_pipe;
 
 class Switches : public item_test::ItemFixture {
 protected:
-    // The lines that taking a bad command line prints.
+    // The lines printed for an invalid command line.
     static std::vector<std::string> refusal_of(const std::vector<std::string>& arguments)
     {
         int result = 0;
@@ -41,7 +41,7 @@ TEST_F(Switches, EmptyVectorIsRefused)
     EXPECT_EQ(vexa_next_arg(), nullptr);
 }
 
-TEST_F(Switches, ArgumentsComeInTurnAndThenNull)
+TEST_F(Switches, ArgumentsAreReturnedInOrderThenNull)
 {
     char name[] = "stillimage";
     char first[] = "a";
@@ -59,7 +59,7 @@ TEST_F(Switches, NextArgumentBeforeAnyVectorIsNull)
     EXPECT_EQ(vexa_next_arg(), nullptr);
 }
 
-// The word behind the dashes, or "(none)".
+// The word after the dashes, or "(none)".
 std::string word_of(const char* argument)
 {
     std::string text = argument;
@@ -67,7 +67,7 @@ std::string word_of(const char* argument)
     return vexa_argv_is_switch(&word) != 0 ? word : "(none)";
 }
 
-TEST_F(Switches, OneDashOrTwoAreStripped)
+TEST_F(Switches, OneOrTwoDashesAreStripped)
 {
     EXPECT_EQ(word_of("-file"), "file");
     EXPECT_EQ(word_of("--file"), "file");
@@ -91,7 +91,7 @@ TEST_F(Switches, OtherWordsAreLeftToTheProgram)
 
 // --- each switch --------------------------------------------------------------------------------
 
-TEST_F(Switches, WithoutSwitchesTheStandardsHold)
+TEST_F(Switches, WithoutSwitchesTheDefaultsApply)
 {
     ASSERT_EQ(take({}), 0);
     EXPECT_EQ(vexa_file, nullptr);
@@ -107,7 +107,7 @@ TEST_F(Switches, WithoutSwitchesTheStandardsHold)
     EXPECT_EQ(vexa_background_music, 0);
 }
 
-TEST_F(Switches, ValueFollowsOrStandsBehindEquals)
+TEST_F(Switches, ValueFollowsAsAWordOrAfterAnEqualsSign)
 {
     ASSERT_EQ(take({"--file", "a.png"}), 0);
     EXPECT_STREQ(vexa_file, "a.png");
@@ -118,13 +118,13 @@ TEST_F(Switches, ValueFollowsOrStandsBehindEquals)
     EXPECT_FALSE(vexa_oneshot);
 }
 
-TEST_F(Switches, LastOneOfTheSameHolds)
+TEST_F(Switches, LastOccurrenceCounts)
 {
     ASSERT_EQ(take({"--file", "a.png", "--file", "b.png"}), 0);
     EXPECT_STREQ(vexa_file, "b.png");
 }
 
-TEST_F(Switches, TextsAreTaken)
+TEST_F(Switches, TextsAreStored)
 {
     ASSERT_EQ(take({"--file", "f", "--metadir", "m", "--sock", "s", "--file-type", "image/png"}),
               0);
@@ -135,7 +135,7 @@ TEST_F(Switches, TextsAreTaken)
     EXPECT_TRUE(platform::own.file_type_given);
 }
 
-TEST_F(Switches, EachFlagSetsItsOwn)
+TEST_F(Switches, EachFlagSetsItsVariable)
 {
     const struct {
         const char* word;
@@ -176,14 +176,14 @@ TEST_F(Switches, ModesThatEndEarlyDoNotServe)
     }
 }
 
-TEST_F(Switches, DomainAndLimitAreTaken)
+TEST_F(Switches, DomainAndLimitAreStored)
 {
     ASSERT_EQ(take({"--domain", "stage.left", "--domain-limit", "512M"}), 0);
     EXPECT_EQ(platform::own.domain, "stage.left");
     EXPECT_EQ(platform::own.domain_limit, uint64_t{512} << 20);
 }
 
-TEST_F(Switches, AutoShutdownIsTakenAsMicroseconds)
+TEST_F(Switches, AutoShutdownIsStoredInMicroseconds)
 {
     ASSERT_EQ(take({"--auto-shutdown", "0"}), 0);
     EXPECT_EQ(auto_shutdown_delay_initial, 0U);
@@ -193,7 +193,7 @@ TEST_F(Switches, AutoShutdownIsTakenAsMicroseconds)
     EXPECT_EQ(auto_shutdown_delay_initial, UINT64_MAX);
 }
 
-TEST_F(Switches, AspectRatioAndMusicAreTakenAndKnownToBeGiven)
+TEST_F(Switches, AspectRatioAndMusicAreStoredAndMarkedAsGiven)
 {
     ASSERT_EQ(take({"--aspect-ratio", "16:9", "--background-music", "on"}), 0);
     EXPECT_EQ(vexa_aspect_ratio.numerator, 16);
@@ -217,7 +217,7 @@ TEST_F(Switches, StatusDescriptorIsDuplicatedAtOnce)
 
 // --- refusals -----------------------------------------------------------------------------------
 
-TEST_F(Switches, MissingValueIsOneLine)
+TEST_F(Switches, MissingValueIsReportedOnOneLine)
 {
     for (const char* word :
          {"--file", "--metadir", "--sock", "--file-type", "--domain", "--domain-limit",
@@ -226,7 +226,7 @@ TEST_F(Switches, MissingValueIsOneLine)
     }
 }
 
-TEST_F(Switches, BadValueIsOneLineThatSaysWhatIsWanted)
+TEST_F(Switches, InvalidValueIsReportedOnOneLineWithWhatIsExpected)
 {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"--file=", "--file '': not a path"},
@@ -253,7 +253,7 @@ TEST_F(Switches, BadValueIsOneLineThatSaysWhatIsWanted)
     EXPECT_FALSE(vexa_oneshot);
 }
 
-TEST_F(Switches, HostileValueStaysOneLineAndIsNoFormat)
+TEST_F(Switches, HostileValueStaysOnOneLineAndIsNoFormat)
 {
     const std::vector<std::string> lines = refusal_of({"--domain-limit", "%n%s\x1B[2J\n\xFF"});
     ASSERT_EQ(lines.size(), 1U);
@@ -261,7 +261,7 @@ TEST_F(Switches, HostileValueStaysOneLineAndIsNoFormat)
                         "number of bytes");
 }
 
-TEST_F(Switches, DescriptorForReadingIsNoStatusChannel)
+TEST_F(Switches, ReadOnlyDescriptorIsRefusedAsStatusChannel)
 {
     const item_test::pipe_pair pipe = make_pipe();
     const std::string number = std::to_string(pipe.reader.get());
@@ -272,7 +272,7 @@ TEST_F(Switches, DescriptorForReadingIsNoStatusChannel)
 
 // --- help ---------------------------------------------------------------------------------------
 
-TEST_F(Switches, HelpBeginsWithAnExample)
+TEST_F(Switches, HelpStartsWithAnExample)
 {
     const std::vector<std::string> lines = lines_of(messages(vexa_std_help));
     ASSERT_GE(lines.size(), 2U);
@@ -280,7 +280,7 @@ TEST_F(Switches, HelpBeginsWithAnExample)
     EXPECT_EQ(lines[1], "example: stillimage --file photo.jpg --no-autoshutdown");
 }
 
-TEST_F(Switches, HelpShowsEachSwitchWithWhatHoldsWithoutIt)
+TEST_F(Switches, HelpShowsEachSwitchWithItsDefault)
 {
     const std::string help = messages(vexa_std_help);
     const std::vector<std::pair<std::string, std::string>> cases = {

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr uint64_t most = UINT64_MAX;
+constexpr uint64_t max = UINT64_MAX;
 
 uint64_t size_of_text(const char* text)
 {
@@ -27,16 +27,16 @@ TEST(ParseSize, DigitsAreBytesAndSuffixesPowersOf1024)
     EXPECT_EQ(size_of_text("4g"), uint64_t{4} << 30);
 }
 
-TEST(ParseSize, TooLargeIsTheLargest)
+TEST(ParseSize, TooLargeSizeIsTheMaximum)
 {
-    EXPECT_EQ(size_of_text("18446744073709551615"), most);
-    EXPECT_EQ(size_of_text("18446744073709551616"), most);
-    EXPECT_EQ(size_of_text("99999999999999999999999999999"), most);
-    EXPECT_EQ(size_of_text("16777216T"), most);
+    EXPECT_EQ(size_of_text("18446744073709551615"), max);
+    EXPECT_EQ(size_of_text("18446744073709551616"), max);
+    EXPECT_EQ(size_of_text("99999999999999999999999999999"), max);
+    EXPECT_EQ(size_of_text("16777216T"), max);
     EXPECT_EQ(size_of_text("16777215T"), uint64_t{16777215} << 40);
 }
 
-TEST(ParseSize, AnythingElseIsNoSize)
+TEST(ParseSize, OtherTextIsNoSize)
 {
     for (const char* text : {"", "0", "0M", "M", "-1", "+1", " 1", "1 ", "1.5G", "12Q", "1MB",
                              "1KK", "0x10", "1+", "1\x0B"}) {
@@ -59,20 +59,20 @@ TEST(ParseSeconds, FractionsBecomeMicroseconds)
     EXPECT_EQ(us, 1'000'001U);
 }
 
-TEST(ParseSeconds, TooLargeIsTheLargest)
+TEST(ParseSeconds, TooLargeTimeIsTheMaximum)
 {
     uint64_t us = 0;
     EXPECT_TRUE(platform::parse_seconds("18446744073709", &us));
     EXPECT_EQ(us, 18446744073709000000U);
     EXPECT_TRUE(platform::parse_seconds("18446744073710", &us));
-    EXPECT_EQ(us, most);
+    EXPECT_EQ(us, max);
     EXPECT_TRUE(platform::parse_seconds("18446744073709.999999", &us));
-    EXPECT_EQ(us, most);
+    EXPECT_EQ(us, max);
     EXPECT_TRUE(platform::parse_seconds("1000000000000000000000000", &us));
-    EXPECT_EQ(us, most);
+    EXPECT_EQ(us, max);
 }
 
-TEST(ParseSeconds, AnythingElseIsNoTime)
+TEST(ParseSeconds, OtherTextIsNoTime)
 {
     for (const char* text :
          {"", "-1", "+1", ".5", "5.", "1.x", "1e3", "nan", "inf", "1s", " 1", "1 ", "1..2"}) {
@@ -82,7 +82,7 @@ TEST(ParseSeconds, AnythingElseIsNoTime)
     }
 }
 
-TEST(ParseDescriptor, TakesWholeNumbersThatAnIntHolds)
+TEST(ParseDescriptor, AcceptsWholeNumbersThatFitAnInt)
 {
     int number = -1;
     EXPECT_TRUE(platform::parse_descriptor("0", &number));
@@ -94,7 +94,7 @@ TEST(ParseDescriptor, TakesWholeNumbersThatAnIntHolds)
     }
 }
 
-TEST(ParseInteger, TakesSignsAndSaturates)
+TEST(ParseInteger, AcceptsSignsAndSaturates)
 {
     int64_t number = 0;
     EXPECT_TRUE(platform::parse_integer("-5", &number));
@@ -128,7 +128,7 @@ TEST(ParseIntRational, ColonSlashOrOneNumber)
     EXPECT_EQ(ratio_of(" 16 : 9\t"), "16:9");
 }
 
-TEST(ParseIntRational, EndlessDigitsSaturate)
+TEST(ParseIntRational, LongNumbersSaturate)
 {
     const std::string digits(100'000, '9');
     EXPECT_EQ(ratio_of((digits + ":-" + digits).c_str()),
@@ -146,7 +146,7 @@ TEST(ParseIntRational, OtherTextChangesNothing)
     }
 }
 
-TEST(ParseAspectRatio, OnlyPositiveOrUnknown)
+TEST(ParseAspectRatio, OnlyPositiveOrUnknownIsAccepted)
 {
     int_rational ratio = {};
     EXPECT_TRUE(platform::parse_aspect_ratio("16:9", &ratio));
@@ -158,7 +158,7 @@ TEST(ParseAspectRatio, OnlyPositiveOrUnknown)
     }
 }
 
-TEST(ParsePositiveRatio, NoZeroOnEitherSide)
+TEST(ParsePositiveRatio, ZeroIsRefusedOnEitherSide)
 {
     int_rational ratio = {};
     EXPECT_TRUE(platform::parse_positive_ratio("100/1", &ratio));
@@ -168,7 +168,7 @@ TEST(ParsePositiveRatio, NoZeroOnEitherSide)
     }
 }
 
-TEST(ParseBackgroundMusic, WordsOfEitherKindInAnyCase)
+TEST(ParseBackgroundMusic, WordsAreAcceptedInAnyCase)
 {
     vexa_background_music = 0;
     for (const char* text : {"on", "ON", "yes", "True", "1"}) {
@@ -180,7 +180,7 @@ TEST(ParseBackgroundMusic, WordsOfEitherKindInAnyCase)
     }
 }
 
-TEST(ParseBackgroundMusic, AnythingElseIsThePresentSetting)
+TEST(ParseBackgroundMusic, OtherTextKeepsThePresentSetting)
 {
     for (const int present : {0, 1}) {
         vexa_background_music = present;

@@ -1,5 +1,4 @@
-// The comm socket of an item that is being derived: there before the picture is looked at, or a
-// start that fails.
+// The comm socket of an item: it exists before the picture is examined, or the start fails.
 #include <filesystem>
 #include <string>
 #include <unistd.h>
@@ -29,7 +28,7 @@ protected:
         vexa_set_string(&vexa_sock, path.c_str());
     }
 
-    // Refused with this reason, and nothing of the start is left.
+    // Expects a refusal with this reason that leaves nothing behind.
     void expect_obstacle(const std::string& reason)
     {
         EXPECT_EQ(messages([] { EXPECT_NE(vexa_standard_to_derived_params(), 0); }),
@@ -43,7 +42,7 @@ protected:
     const std::string path = folder.path("s.sock");
 };
 
-TEST_F(DerivedSocket, IsThereWithTheItem)
+TEST_F(DerivedSocket, ExistsTogetherWithTheItem)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     EXPECT_TRUE(packet_client(path).connected());
@@ -53,14 +52,14 @@ TEST_F(DerivedSocket, IsThereWithTheItem)
     EXPECT_FALSE(folder.has("s.sock.lock"));
 }
 
-TEST_F(DerivedSocket, IsLeftToTheCallerWhoDoesNotAskForIt)
+TEST_F(DerivedSocket, IsNotMadeUnlessRequested)
 {
     vexa_auto_socket_create = false;
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     EXPECT_FALSE(folder.has("s.sock"));
 }
 
-TEST_F(DerivedSocket, IsNotMadeByModesThatDoNotServe)
+TEST_F(DerivedSocket, IsNotMadeInModesThatDoNotServe)
 {
     for (bool* mode : {&vexa_identify_only, &vexa_create_meta, &vexa_temp_clean_only}) {
         *mode = true;
@@ -71,14 +70,14 @@ TEST_F(DerivedSocket, IsNotMadeByModesThatDoNotServe)
     }
 }
 
-TEST_F(DerivedSocket, IsMadeAnewByASecondDerivation)
+TEST_F(DerivedSocket, IsReplacedByASecondDerivation)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     EXPECT_TRUE(packet_client(path).connected());
 }
 
-TEST_F(DerivedSocket, ObstaclesAtItsPathAreRefusedAndKept)
+TEST_F(DerivedSocket, ObstaclesAtItsPathAreReportedAndKept)
 {
     folder.write("s.sock", "text");
     expect_obstacle("is there and not a socket");
@@ -103,7 +102,7 @@ TEST_F(DerivedSocket, ItemIsClosedWhenTheSocketCannotBeMade)
     expect_obstacle("Address already in use");
 }
 
-TEST_F(DerivedSocket, ProcessThatEndsEarlyLeavesNothing)
+TEST_F(DerivedSocket, ProcessThatEndsEarlyLeavesNothingBehind)
 {
     EXPECT_EXIT(
         {
@@ -115,7 +114,7 @@ TEST_F(DerivedSocket, ProcessThatEndsEarlyLeavesNothing)
     EXPECT_FALSE(folder.has("s.sock.lock"));
 }
 
-TEST_F(DerivedSocket, DaemonHasItsNumberInTheLockAndLeavesNothing)
+TEST_F(DerivedSocket, DaemonWritesItsNumberIntoTheLockAndLeavesNothingBehind)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     EXPECT_EQ(run_in_child([&] {
@@ -129,7 +128,7 @@ TEST_F(DerivedSocket, DaemonHasItsNumberInTheLockAndLeavesNothing)
     EXPECT_FALSE(folder.has("s.sock.lock"));
 }
 
-TEST_F(DerivedSocket, StatusDocumentKnowsTheItemBeforeThePictureIsExamined)
+TEST_F(DerivedSocket, StatusDocumentHasTheItemBeforeTheExamination)
 {
     fs::create_directory(folder.path("meta"));
     folder.write("meta/metadata", "GUID = 1234\ncolour = green\n");
@@ -141,7 +140,7 @@ TEST_F(DerivedSocket, StatusDocumentKnowsTheItemBeforeThePictureIsExamined)
     }
 }
 
-TEST_F(DerivedSocket, ValueSetBeforeTheExaminationOutlivesIt)
+TEST_F(DerivedSocket, ValueSetBeforeTheExaminationIsKept)
 {
     fs::create_directory(folder.path("meta"));
     folder.write("meta/metadata", "colour = green\n");

@@ -44,7 +44,7 @@ TEST_F(LifeCycle, MissingStandardDescriptorsBecomeTheNullDevice)
                               return 1;
                           }
                       }
-                      // The picture gets another number.
+                      // The picture gets another descriptor.
                       return open("/", O_RDONLY | O_CLOEXEC) >= 3 ? 0 : 2;
                   }),
                   0)
@@ -52,7 +52,7 @@ TEST_F(LifeCycle, MissingStandardDescriptorsBecomeTheNullDevice)
     }
 }
 
-TEST_F(LifeCycle, PresentStandardDescriptorsAreLeftAlone)
+TEST_F(LifeCycle, OpenStandardDescriptorsAreUnchanged)
 {
     const size_t before = item_test::open_descriptors();
     open_missing_standard_descriptors();
@@ -61,7 +61,7 @@ TEST_F(LifeCycle, PresentStandardDescriptorsAreLeftAlone)
 
 // --- the domain ---------------------------------------------------------------------------------
 
-TEST_F(LifeCycle, DomainOfTheSwitchesIsJoined)
+TEST_F(LifeCycle, DomainFromTheSwitchesIsJoined)
 {
     ASSERT_EQ(take({"--domain", "stage", "--domain-limit", "64M"}), 0);
     ASSERT_EQ(vexa_join_cnb_domain(), 0);
@@ -71,7 +71,7 @@ TEST_F(LifeCycle, DomainOfTheSwitchesIsJoined)
     EXPECT_EQ(cnb_view_domain().limit, 0U);
 }
 
-TEST_F(LifeCycle, DomainThatCannotBeJoinedIsTold)
+TEST_F(LifeCycle, DomainThatCannotBeJoinedIsReported)
 {
     rmdir(folder.path("run").c_str());
     folder.write("run", "a file");
@@ -82,7 +82,7 @@ TEST_F(LifeCycle, DomainThatCannotBeJoinedIsTold)
 
 // --- housekeeping -------------------------------------------------------------------------------
 
-TEST_F(LifeCycle, HousekeepingTellsASlowHost)
+TEST_F(LifeCycle, HousekeepingFlushesLinesToASlowHost)
 {
     const item_test::pipe_pair pipe = item_test::make_pipe();
     ASSERT_EQ(take({"--status-fd", std::to_string(pipe.writer.get())}), 0);
@@ -94,7 +94,7 @@ TEST_F(LifeCycle, HousekeepingTellsASlowHost)
               "{\"ready\": 1, \"text\": \"Ready to serve data\"}\n");
 }
 
-TEST_F(LifeCycle, HousekeepingPutsTheChildsNumberIntoTheLock)
+TEST_F(LifeCycle, HousekeepingWritesTheChildsNumberIntoTheLock)
 {
     name_picture();
     vexa_set_string(&vexa_sock, folder.path("s.sock").c_str());
@@ -114,14 +114,14 @@ TEST_F(LifeCycle, HousekeepingWithoutAnItemDoesNothing)
 
 // --- the end ------------------------------------------------------------------------------------
 
-TEST_F(LifeCycle, FreeingWithoutAnythingIsFine)
+TEST_F(LifeCycle, FreeingNothingWorks)
 {
     vexa_free_all();
     vexa_free_all();
     EXPECT_EQ(vexa_file, nullptr);
 }
 
-TEST_F(LifeCycle, FreeingGivesEverythingBackAndMayRunTwice)
+TEST_F(LifeCycle, FreeingReleasesEverythingAndMayRunTwice)
 {
     const size_t before = item_test::open_descriptors();
     FILE* const stream = stderr;
@@ -138,7 +138,7 @@ TEST_F(LifeCycle, FreeingGivesEverythingBackAndMayRunTwice)
         vexa_free_all();
         vexa_free_all();
     });
-    EXPECT_EQ(item_test::open_descriptors(), before + 2); // the pipe
+    EXPECT_EQ(item_test::open_descriptors(), before + 2); // of the pipe
     EXPECT_EQ(stderr, stream);
     EXPECT_FALSE(folder.has("s.sock.lock"));
     EXPECT_EQ(vexa_file, nullptr);

@@ -18,7 +18,7 @@ using json11::Json;
 
 class Document : public item_test::ItemFixture {
 protected:
-    // The present document, read again.
+    // The current document, parsed.
     static Json read()
     {
         const std::string& text = platform::status_document();
@@ -62,7 +62,7 @@ TEST_F(Document, HasAllMembersFromTheStart)
     EXPECT_FALSE(json["metadata cut"].is_bool());
 }
 
-TEST_F(Document, ItemsOwnValuesAreTakenWhenAskedTo)
+TEST_F(Document, ItemsOwnValuesAreUsedOnRequest)
 {
     const std::filesystem::path before = std::filesystem::current_path();
     std::filesystem::current_path(folder.path());
@@ -84,7 +84,7 @@ TEST_F(Document, ItemsOwnValuesAreTakenWhenAskedTo)
     std::filesystem::current_path(before);
 }
 
-TEST_F(Document, LivingValuesAreThoseOfTheMoment)
+TEST_F(Document, CurrentValuesAreReadWhenItIsBuilt)
 {
     vexa_set_string(&vexa_file_type, "image/gif");
     vexa_aspect_ratio = {16, 9};
@@ -102,7 +102,7 @@ TEST_F(Document, LivingValuesAreThoseOfTheMoment)
     EXPECT_EQ(json["process"]["progress"]["text"], Json("Provisional image ready"));
 }
 
-TEST_F(Document, NumbersAreClampedToWhatReadersKeepExactly)
+TEST_F(Document, NumbersAreClampedToExactDoubles)
 {
     vexa_time_duration = INT64_MAX;
     vexa_aspect_ratio = {INT64_MIN, 9007199254740993};
@@ -111,7 +111,7 @@ TEST_F(Document, NumbersAreClampedToWhatReadersKeepExactly)
     EXPECT_NE(text.find("[-9007199254740992, 9007199254740992]"), std::string::npos);
 }
 
-TEST_F(Document, EntriesOutliveTheClosedList)
+TEST_F(Document, EntriesAreKeptWhenTheListIsClosed)
 {
     add("one", "1");
     add("two", "2", 7);
@@ -125,7 +125,7 @@ TEST_F(Document, EntriesOutliveTheClosedList)
     meta_to_json(nullptr);
 }
 
-TEST_F(Document, HolesAreLeftOut)
+TEST_F(Document, HolesAreSkipped)
 {
     add("one", "1");
     add("two", "2");
@@ -135,7 +135,7 @@ TEST_F(Document, HolesAreLeftOut)
     EXPECT_EQ(read()["metadata"].array_items().size(), 1U);
 }
 
-TEST_F(Document, HostileBytesAreStillJson)
+TEST_F(Document, HostileBytesGiveValidJson)
 {
     const std::string hostile = "\x1B[2J\n\r\t\"\\%n\x7F\xFF\xC0\x80\xED\xA0\x80\xE2\x80\xA8";
     vexa_set_string(&vexa_file, hostile.c_str());
@@ -149,7 +149,7 @@ TEST_F(Document, HostileBytesAreStillJson)
     EXPECT_EQ(item_test::lines_of(platform::status_document()).size(), 1U);
 }
 
-TEST_F(Document, TooManyEntriesAreCut)
+TEST_F(Document, TooManyEntriesAreTruncated)
 {
     for (int i = 0; i < 100; ++i) {
         add("entry " + std::to_string(i), std::string(16'000, '\x01'));
@@ -161,7 +161,7 @@ TEST_F(Document, TooManyEntriesAreCut)
     EXPECT_LT(json["metadata"].array_items().size(), 100U);
 }
 
-TEST_F(Document, EveryWorstCaseTogetherKeepsTheLimit)
+TEST_F(Document, WorstCaseStaysWithinTheLimit)
 {
     const std::string bad(1 << 20, '\xFF');
     const std::string control(1 << 20, '\x01');
@@ -192,7 +192,7 @@ void count_hook(std::map<std::string, Json>& document, unsigned long context_id)
     document["image info"] = Json::object{{"width", 17}};
 }
 
-TEST_F(Document, ProgramAddsItsPartForNoClientInParticular)
+TEST_F(Document, ProgramAddsItsPartWithoutAClientContext)
 {
     vexa_on_json_build = count_hook;
     hook_calls = 0;
@@ -201,7 +201,7 @@ TEST_F(Document, ProgramAddsItsPartForNoClientInParticular)
     EXPECT_EQ(hook_id, no_context_id);
 }
 
-TEST_F(Document, IsBuiltOnlyWhenSomethingChanged)
+TEST_F(Document, IsRebuiltOnlyAfterAChange)
 {
     vexa_on_json_build = count_hook;
     hook_calls = 0;
@@ -219,7 +219,7 @@ TEST_F(Document, IsBuiltOnlyWhenSomethingChanged)
     EXPECT_FALSE(json_next_xmit_rebuild);
 }
 
-TEST_F(Document, GenerationGrowsOnlyWithTheText)
+TEST_F(Document, GenerationChangesOnlyWithTheText)
 {
     platform::status_document();
     const uint64_t before = platform::status_document_generation();
@@ -230,7 +230,7 @@ TEST_F(Document, GenerationGrowsOnlyWithTheText)
     EXPECT_EQ(platform::status_document_generation(), before + 1);
 }
 
-TEST_F(Document, TransmissionRebuildsWhenAskedFor)
+TEST_F(Document, TransmissionRebuildsOnRequest)
 {
     platform::status_document();
     vexa_on_json_build = count_hook;
@@ -243,7 +243,7 @@ TEST_F(Document, TransmissionRebuildsWhenAskedFor)
     EXPECT_FALSE(json_next_xmit_rebuild);
 }
 
-TEST_F(Document, FloodOfChangesIsOneRebuildInTenMilliseconds)
+TEST_F(Document, ManyChangesCauseOneRebuildInTenMilliseconds)
 {
     platform::status_document();
     vexa_on_json_build = count_hook;
@@ -254,7 +254,7 @@ TEST_F(Document, FloodOfChangesIsOneRebuildInTenMilliseconds)
     }
     EXPECT_EQ(hook_calls, 10);
     json_check_xmit(6'000'000);
-    EXPECT_EQ(hook_calls, 11); // the last change is not forgotten
+    EXPECT_EQ(hook_calls, 11); // for the last change
     json_check_xmit(7'000'000);
     EXPECT_EQ(hook_calls, 11);
 }

@@ -23,8 +23,8 @@ using item_test::read_waiting;
 
 class HostChannel : public item_test::ItemFixture {
 protected:
-    // What the host gets, filler left out.
-    static std::string heard(int fd)
+    // What the host receives, without the filler.
+    static std::string received(int fd)
     {
         const std::string text = read_waiting(fd);
         return text.substr(std::min(text.find_first_not_of('.'), text.size()));
@@ -62,7 +62,7 @@ TEST_F(HostChannel, DescriptorsThatCannotBeWrittenAreRefused)
     EXPECT_FALSE(channel.is_open());
 }
 
-TEST_F(HostChannel, OwnsADuplicateThatNoProgramInherits)
+TEST_F(HostChannel, OwnsADuplicateThatIsClosedOnExec)
 {
     pipe_pair pipe = make_pipe();
     fcntl(pipe.writer.get(), F_SETFD, 0);
@@ -75,10 +75,10 @@ TEST_F(HostChannel, OwnsADuplicateThatNoProgramInherits)
     EXPECT_EQ(read_waiting(pipe.reader.get()), "{\"percent\": 1, \"text\": \"a\"}\n");
     channel.close();
     char byte = 0;
-    EXPECT_EQ(read(pipe.reader.get(), &byte, 1), 0); // the end: nobody writes any more
+    EXPECT_EQ(read(pipe.reader.get(), &byte, 1), 0); // end of file: no writer is left
 }
 
-TEST_F(HostChannel, FlagsOfTheHostsDescriptionStayAsTheyAre)
+TEST_F(HostChannel, FlagsOfTheHostsDescriptionAreUnchanged)
 {
     const pipe_pair pipe = make_pipe();
     const int before = fcntl(pipe.writer.get(), F_GETFL);
@@ -87,7 +87,7 @@ TEST_F(HostChannel, FlagsOfTheHostsDescriptionStayAsTheyAre)
     EXPECT_EQ(fcntl(pipe.writer.get(), F_GETFL), before);
 }
 
-TEST_F(HostChannel, HostThatNeverReadsGetsTheNewestOfEachKindLater)
+TEST_F(HostChannel, SlowHostGetsTheLatestLineOfEachKindLater)
 {
     const pipe_pair pipe = make_pipe();
     ASSERT_TRUE(channel.open(pipe.writer.get()));
@@ -101,12 +101,13 @@ TEST_F(HostChannel, HostThatNeverReadsGetsTheNewestOfEachKindLater)
     channel.tell_progress(100, "", 0);
     channel.tell_ready(1, "Ready to serve data", 0);
     EXPECT_TRUE(channel.has_waiting());
-    EXPECT_EQ(heard(pipe.reader.get()), "");
+    EXPECT_EQ(received(pipe.reader.get()), "");
     channel.flush(0);
-    EXPECT_EQ(heard(pipe.reader.get()), "{\"percent\": -1, \"text\": \"second refusal\"}\n"
-                                        "{\"ready\": -1, \"text\": \"Provisional image ready\"}\n"
-                                        "{\"percent\": 100, \"text\": \"\"}\n"
-                                        "{\"ready\": 1, \"text\": \"Ready to serve data\"}\n");
+    EXPECT_EQ(received(pipe.reader.get()),
+              "{\"percent\": -1, \"text\": \"second refusal\"}\n"
+              "{\"ready\": -1, \"text\": \"Provisional image ready\"}\n"
+              "{\"percent\": 100, \"text\": \"\"}\n"
+              "{\"ready\": 1, \"text\": \"Ready to serve data\"}\n");
     EXPECT_FALSE(channel.has_waiting());
 }
 
@@ -121,12 +122,12 @@ TEST_F(HostChannel, ReadinessSurvivesAnyNumberOfOtherLines)
     }
     read_waiting(pipe.reader.get());
     channel.flush(0);
-    const std::vector<std::string> lines = lines_of(heard(pipe.reader.get()));
+    const std::vector<std::string> lines = lines_of(received(pipe.reader.get()));
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_EQ(lines[0], "{\"ready\": 1, \"text\": \"Ready to serve data\"}");
 }
 
-TEST_F(HostChannel, HostThatIsGoneClosesTheChannel)
+TEST_F(HostChannel, HostThatHungUpClosesTheChannel)
 {
     pipe_pair pipe = make_pipe();
     ASSERT_TRUE(channel.open(pipe.writer.get()));
@@ -138,10 +139,10 @@ TEST_F(HostChannel, HostThatIsGoneClosesTheChannel)
     EXPECT_FALSE(channel.has_waiting());
 }
 
-TEST_F(HostChannel, LargestTextIsOneWholeWrite)
+TEST_F(HostChannel, LongestTextIsOneCompleteWrite)
 {
     int ends[2] = {-1, -1};
-    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0); // keeps writes apart
+    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0); // keeps writes separate
     ASSERT_TRUE(channel.open(ends[1]));
     channel.tell_progress(100, std::string(512, '"'), 0);
     char line[PIPE_BUF + 1] = {};
@@ -155,7 +156,7 @@ TEST_F(HostChannel, LargestTextIsOneWholeWrite)
     close(ends[1]);
 }
 
-TEST_F(HostChannel, SocketThatTakesHalfALineGetsTheRestOfItFirst)
+TEST_F(HostChannel, PartlyWrittenLineIsCompletedFirst)
 {
     int ends[2] = {-1, -1};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
@@ -183,7 +184,7 @@ TEST_F(HostChannel, SocketThatTakesHalfALineGetsTheRestOfItFirst)
     close(ends[1]);
 }
 
-// --- a file that cannot be written for a while --------------------------------------------------
+// --- a file that is temporarily not writable ----------------------------------------------------
 
 constexpr uint64_t second_us = 1'000'000;
 
@@ -204,7 +205,7 @@ private:
     platform::unique_fd file_;
 };
 
-TEST_F(HostChannelToAFile, NewestLineOfEachKindIsWrittenOnceThereIsRoom)
+TEST_F(HostChannelToAFile, LatestLineOfEachKindIsWrittenOnceThereIsSpace)
 {
     ASSERT_TRUE(disk.set_room(0));
     for (int percent = 0; percent < 100; ++percent) {
@@ -222,7 +223,7 @@ TEST_F(HostChannelToAFile, NewestLineOfEachKindIsWrittenOnceThereIsRoom)
     EXPECT_FALSE(channel.has_waiting());
 }
 
-TEST_F(HostChannelToAFile, ChangeIsAnAttemptAtOnce)
+TEST_F(HostChannelToAFile, ChangeIsWrittenAtOnce)
 {
     ASSERT_TRUE(disk.set_room(0));
     channel.tell_ready(-1, "a", 5);
@@ -231,7 +232,7 @@ TEST_F(HostChannelToAFile, ChangeIsAnAttemptAtOnce)
     EXPECT_EQ(written(), "{\"ready\": -1, \"text\": \"a\"}\n{\"percent\": 1, \"text\": \"b\"}\n");
 }
 
-TEST_F(HostChannelToAFile, WithoutAChangeThereIsOneAttemptASecond)
+TEST_F(HostChannelToAFile, WithoutAChangeItRetriesOnceASecond)
 {
     ASSERT_TRUE(disk.set_room(0));
     channel.tell_progress(1, "a", 7);
@@ -240,7 +241,7 @@ TEST_F(HostChannelToAFile, WithoutAChangeThereIsOneAttemptASecond)
     channel.flush(7 + second_us - 1);
     EXPECT_EQ(written(), "");
     ASSERT_TRUE(disk.set_room(0));
-    channel.flush(7 + second_us); // fails, and the next second begins
+    channel.flush(7 + second_us); // fails and starts the next second
     ASSERT_TRUE(disk.make_room());
     channel.flush(7 + 2 * second_us - 1);
     EXPECT_EQ(written(), "");
@@ -248,7 +249,7 @@ TEST_F(HostChannelToAFile, WithoutAChangeThereIsOneAttemptASecond)
     EXPECT_EQ(written(), "{\"percent\": 1, \"text\": \"a\"}\n");
 }
 
-TEST_F(HostChannelToAFile, LineOfWhichAPartWasWrittenIsCompletedFirst)
+TEST_F(HostChannelToAFile, PartlyWrittenLineIsCompletedFirst)
 {
     ASSERT_TRUE(disk.set_room(10));
     channel.tell_progress(1, "a", 0);
@@ -260,7 +261,7 @@ TEST_F(HostChannelToAFile, LineOfWhichAPartWasWrittenIsCompletedFirst)
     EXPECT_EQ(written(), "{\"percent\": 1, \"text\": \"a\"}\n{\"percent\": 3, \"text\": \"c\"}\n");
 }
 
-TEST_F(HostChannelToAFile, EndIsAnAttemptWhateverFailedBefore)
+TEST_F(HostChannelToAFile, ClosingTriesOnceMore)
 {
     ASSERT_TRUE(disk.set_room(0));
     channel.tell_ready(1, "a", 0);
@@ -270,7 +271,7 @@ TEST_F(HostChannelToAFile, EndIsAnAttemptWhateverFailedBefore)
     EXPECT_FALSE(channel.is_open());
 }
 
-TEST_F(HostChannel, FullDeviceIsNoReasonToGiveUp)
+TEST_F(HostChannel, FullDeviceDoesNotCloseTheChannel)
 {
     const platform::unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     ASSERT_TRUE(channel.open(full.get()));
@@ -282,7 +283,7 @@ TEST_F(HostChannel, FullDeviceIsNoReasonToGiveUp)
     EXPECT_FALSE(channel.is_open());
 }
 
-TEST_F(HostChannel, ClosedChannelTakesEverythingSilently)
+TEST_F(HostChannel, ClosedChannelIgnoresEverything)
 {
     channel.tell_progress(1, "a", 0);
     channel.tell_ready(1, "b", 0);
@@ -291,7 +292,7 @@ TEST_F(HostChannel, ClosedChannelTakesEverythingSilently)
     EXPECT_FALSE(channel.has_waiting());
 }
 
-TEST_F(HostChannel, NumberIsNeverThatOfAStandardDescriptor)
+TEST_F(HostChannel, DescriptorIsNeverAStandardDescriptor)
 {
     const pipe_pair pipe = make_pipe();
     const int kept = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);

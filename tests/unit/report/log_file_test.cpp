@@ -42,7 +42,7 @@ protected:
     platform::log_file log;
 };
 
-TEST_F(LogFile, IsMadeForItsUserAlone)
+TEST_F(LogFile, IsCreatedForItsUserOnly)
 {
     const mode_t old_mask = umask(0);
     ASSERT_TRUE(log.open(folder.path().c_str()));
@@ -50,7 +50,7 @@ TEST_F(LogFile, IsMadeForItsUserAlone)
     EXPECT_EQ(mode_of("log"), 0600U);
 }
 
-TEST_F(LogFile, OpenModeOfAnOlderLogIsTightened)
+TEST_F(LogFile, ModeOfAnOlderLogIsTightened)
 {
     folder.write("log", "before\n");
     chmod(folder.path("log").c_str(), 0644);
@@ -58,7 +58,7 @@ TEST_F(LogFile, OpenModeOfAnOlderLogIsTightened)
     EXPECT_EQ(mode_of("log"), 0600U);
 }
 
-TEST_F(LogFile, AppendsToWhatIsThere)
+TEST_F(LogFile, AppendsToAnExistingLog)
 {
     folder.write("log", "before\n");
     ASSERT_TRUE(log.open(folder.path().c_str()));
@@ -76,7 +76,7 @@ TEST_F(LogFile, LinkInItsPlaceIsRefused)
     EXPECT_EQ(folder.read("target"), "mine");
 }
 
-TEST_F(LogFile, FileWithASecondNameIsRefused)
+TEST_F(LogFile, FileWithASecondLinkIsRefused)
 {
     folder.write("target", "mine");
     fs::create_hard_link(folder.path("target"), folder.path("log"));
@@ -84,7 +84,7 @@ TEST_F(LogFile, FileWithASecondNameIsRefused)
     EXPECT_EQ(log.reason(), "it has a second name");
 }
 
-TEST_F(LogFile, FifoOrFolderInItsPlaceIsRefusedAtOnce)
+TEST_F(LogFile, FifoOrFolderInItsPlaceIsRefusedWithoutBlocking)
 {
     ASSERT_EQ(mkfifo(folder.path("log").c_str(), 0600), 0);
     EXPECT_FALSE(log.open(folder.path().c_str()));
@@ -103,7 +103,7 @@ TEST_F(LogFile, FileOfAnotherUserIsRefused)
 {
     folder.write("log", "theirs");
     if (chown(folder.path("log").c_str(), unprivileged_user, unprivileged_user) != 0) {
-        GTEST_SKIP() << "files cannot be given away without the rights of the superuser";
+        GTEST_SKIP() << "only the superuser can give files away";
     }
     EXPECT_FALSE(log.open(folder.path().c_str()));
     EXPECT_EQ(log.reason(), "it belongs to another user");
@@ -116,7 +116,7 @@ TEST_F(LogFile, MissingFolderIsRefused)
     EXPECT_EQ(log.reason(), "No such file or directory");
 }
 
-TEST_F(LogFile, FloodStaysUnderTheLimitAndKeepsTheNewest)
+TEST_F(LogFile, FloodStaysWithinTheLimitAndKeepsTheNewest)
 {
     ASSERT_TRUE(log.open(folder.path().c_str()));
     const std::string line(1000, 'x');
@@ -133,7 +133,7 @@ TEST_F(LogFile, FloodStaysUnderTheLimitAndKeepsTheNewest)
     EXPECT_EQ(folder.names(), (std::vector<std::string>{"log", "log.old", "run"}));
 }
 
-TEST_F(LogFile, LineThatIsLargerThanALogIsLost)
+TEST_F(LogFile, LineLargerThanTheLogIsDropped)
 {
     ASSERT_TRUE(log.open(folder.path().c_str()));
     log.append(std::string(platform::log_limit / 2 + 1, 'x'));
@@ -151,7 +151,7 @@ protected:
     full_disk disk;
 };
 
-TEST_F(LogOnAFullDisk, LossIsNotedWhenThereIsRoomAgain)
+TEST_F(LogOnAFullDisk, LossIsLoggedOnceThereIsSpace)
 {
     log.append("before\n");
     ASSERT_TRUE(disk.set_room(7));
@@ -165,7 +165,7 @@ TEST_F(LogOnAFullDisk, LossIsNotedWhenThereIsRoomAgain)
     EXPECT_EQ(folder.read("log"), "before\n" + loss_note(10'000) + "after\nand more\n");
 }
 
-TEST_F(LogOnAFullDisk, LossIsNotedWithoutAFurtherMessageOnceASecond)
+TEST_F(LogOnAFullDisk, LossIsLoggedWithoutAFurtherMessageWithinASecond)
 {
     ASSERT_TRUE(disk.set_room(0));
     log.append("ten bytes\n");
@@ -179,7 +179,7 @@ TEST_F(LogOnAFullDisk, LossIsNotedWithoutAFurtherMessageOnceASecond)
     EXPECT_EQ(folder.read("log"), loss_note(10));
 }
 
-TEST_F(LogOnAFullDisk, NoteBeginsALineAndCountsWhatIsMissingOfAMessage)
+TEST_F(LogOnAFullDisk, NoteStartsALineAndCountsTheMissingBytes)
 {
     ASSERT_TRUE(disk.set_room(4));
     log.append("ten bytes\n");
@@ -189,7 +189,7 @@ TEST_F(LogOnAFullDisk, NoteBeginsALineAndCountsWhatIsMissingOfAMessage)
     EXPECT_EQ(folder.read("log"), "ten \n" + loss_note(6) + "after\n");
 }
 
-TEST_F(LogOnAFullDisk, NoteThatItselfDoesNotFitIsWrittenLater)
+TEST_F(LogOnAFullDisk, NoteThatDoesNotFitIsWrittenLater)
 {
     ASSERT_TRUE(disk.set_room(0));
     log.append("ten bytes\n");
@@ -201,7 +201,7 @@ TEST_F(LogOnAFullDisk, NoteThatItselfDoesNotFitIsWrittenLater)
     EXPECT_EQ(folder.read("log"), "[10 b\n" + loss_note(20) + "after\n");
 }
 
-TEST_F(LogOnAFullDisk, EndNotesTheLoss)
+TEST_F(LogOnAFullDisk, ClosingLogsTheLoss)
 {
     ASSERT_TRUE(disk.set_room(0));
     log.append("ten bytes\n");
@@ -210,7 +210,7 @@ TEST_F(LogOnAFullDisk, EndNotesTheLoss)
     EXPECT_EQ(folder.read("log"), loss_note(10));
 }
 
-TEST_F(LogOnAFullDisk, NextLogKnowsNothingOfTheLoss)
+TEST_F(LogOnAFullDisk, NextLogDoesNotReportTheLoss)
 {
     ASSERT_TRUE(disk.set_room(0));
     log.append("ten bytes\n");
@@ -221,9 +221,9 @@ TEST_F(LogOnAFullDisk, NextLogKnowsNothingOfTheLoss)
     EXPECT_EQ(folder.read("log"), "after\n");
 }
 
-// --- others at the same file --------------------------------------------------------------------
+// --- other processes that use the file ----------------------------------------------------------
 
-TEST_F(LogFile, LogThatWasRemovedIsBegunAnew)
+TEST_F(LogFile, RemovedLogIsRecreated)
 {
     ASSERT_TRUE(log.open(folder.path().c_str()));
     log.append("lost\n");
@@ -232,7 +232,7 @@ TEST_F(LogFile, LogThatWasRemovedIsBegunAnew)
     EXPECT_EQ(folder.read("log"), "kept\n");
 }
 
-TEST_F(LogFile, LogThatAnotherProcessHasBegunAnewIsNotMovedAway)
+TEST_F(LogFile, LogRecreatedByAnotherProcessIsNotMoved)
 {
     ASSERT_TRUE(log.open(folder.path().c_str()));
     log.append(std::string(platform::log_limit / 2, 'x'));
@@ -255,7 +255,7 @@ TEST_F(LogFile, MirrorFollowsToTheNewFile)
     close(mirror);
 }
 
-TEST_F(LogFile, DescriptorThatIsNoLongerTheMirrorIsLeftAlone)
+TEST_F(LogFile, DescriptorThatIsNoLongerTheMirrorIsUnchanged)
 {
     const int mirror = open("/dev/null", O_WRONLY | O_CLOEXEC);
     ASSERT_TRUE(log.open(folder.path().c_str()));
@@ -271,7 +271,7 @@ TEST_F(LogFile, DescriptorThatIsNoLongerTheMirrorIsLeftAlone)
     close(mirror);
 }
 
-TEST_F(LogFile, GoesOnAfterTheWorkingFolderHasChanged)
+TEST_F(LogFile, ContinuesAfterAChangeOfTheWorkingFolder)
 {
     const fs::path before = fs::current_path();
     fs::current_path(folder.path());
@@ -283,7 +283,7 @@ TEST_F(LogFile, GoesOnAfterTheWorkingFolderHasChanged)
     fs::current_path(before);
 }
 
-TEST_F(LogFile, ClosingTwiceIsFine)
+TEST_F(LogFile, ClosingTwiceWorks)
 {
     const size_t before = item_test::open_descriptors();
     ASSERT_TRUE(log.open(folder.path().c_str()));

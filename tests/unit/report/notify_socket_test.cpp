@@ -12,7 +12,7 @@
 
 namespace {
 
-// A service manager's end: bound to a path, or to an abstract name that begins with '@'.
+// A service manager's socket: bound to a path, or to an abstract name that starts with '@'.
 class service_manager {
 public:
     explicit service_manager(const std::string& address)
@@ -28,7 +28,7 @@ public:
         EXPECT_EQ(bind(fd_.get(), reinterpret_cast<const sockaddr*>(&to), size), 0) << address;
     }
 
-    // One message, "" when there is none.
+    // The next message; "" when there is none.
     std::string next() const
     {
         char text[4096];
@@ -46,7 +46,7 @@ protected:
     const std::string main_pid = "MAINPID=" + std::to_string(getpid()) + "\n";
 };
 
-TEST_F(NotifySocket, TellsReadyStatusAndStopping)
+TEST_F(NotifySocket, SendsReadyStatusAndStopping)
 {
     const service_manager manager(folder.path("notify"));
     ASSERT_TRUE(socket.open(folder.path("notify").c_str()));
@@ -68,7 +68,7 @@ TEST_F(NotifySocket, AbstractNamesWork)
     EXPECT_EQ(manager.next(), "STOPPING=1\n");
 }
 
-TEST_F(NotifySocket, WhatIsNoAddressIsIgnored)
+TEST_F(NotifySocket, InvalidAddressesAreIgnored)
 {
     EXPECT_FALSE(socket.open(nullptr));
     for (const std::string& address :
@@ -81,7 +81,7 @@ TEST_F(NotifySocket, WhatIsNoAddressIsIgnored)
     EXPECT_TRUE(socket.open(("/" + std::string(107, 'x')).c_str()));
 }
 
-TEST_F(NotifySocket, ManagerThatIsNotThereChangesNothing)
+TEST_F(NotifySocket, MissingManagerIsIgnored)
 {
     ASSERT_TRUE(socket.open(folder.path("nobody").c_str()));
     socket.tell_ready("x");
@@ -91,7 +91,7 @@ TEST_F(NotifySocket, ManagerThatIsNotThereChangesNothing)
     EXPECT_EQ(manager.next(), "");
 }
 
-TEST_F(NotifySocket, ManagerThatDoesNotReadGetsTheNewestLater)
+TEST_F(NotifySocket, SlowManagerGetsTheLatestStateLater)
 {
     const service_manager manager(folder.path("notify"));
     ASSERT_TRUE(socket.open(folder.path("notify").c_str()));
@@ -110,7 +110,7 @@ TEST_F(NotifySocket, ManagerThatDoesNotReadGetsTheNewestLater)
     EXPECT_EQ(manager.next(), "");
 }
 
-TEST_F(NotifySocket, EmptyStatusIsNotTold)
+TEST_F(NotifySocket, EmptyStatusIsNotSent)
 {
     const service_manager manager(folder.path("notify"));
     ASSERT_TRUE(socket.open(folder.path("notify").c_str()));
@@ -118,7 +118,7 @@ TEST_F(NotifySocket, EmptyStatusIsNotTold)
     EXPECT_EQ(manager.next(), "");
 }
 
-TEST_F(NotifySocket, ClosedSocketIsSilent)
+TEST_F(NotifySocket, ClosedSocketSendsNothing)
 {
     const service_manager manager(folder.path("notify"));
     ASSERT_TRUE(socket.open(folder.path("notify").c_str()));

@@ -24,7 +24,7 @@ using item_test::replaced_stderr;
 
 class StandardError : public item_test::ItemFixture {};
 
-// A terminal of the test's own, with `columns` columns.
+// A pseudo-terminal with `columns` columns.
 struct terminal {
     explicit terminal(unsigned short columns)
     {
@@ -47,7 +47,7 @@ struct terminal {
 
 // --- messages -----------------------------------------------------------------------------------
 
-TEST_F(StandardError, MessagesArriveByteForByteAndAtOnce)
+TEST_F(StandardError, MessagesArriveUnchangedAndAtOnce)
 {
     const pipe_pair pipe = make_pipe();
     const replaced_stderr replaced(pipe.writer.get());
@@ -62,7 +62,7 @@ TEST_F(StandardError, MessagesArriveByteForByteAndAtOnce)
 
 TEST_F(StandardError, OneMessageIsOneWrite)
 {
-    // A packet pipe keeps writes apart.
+    // A packet pipe keeps writes separate.
     int ends[2] = {-1, -1};
     ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
     const replaced_stderr replaced(ends[1]);
@@ -75,7 +75,7 @@ TEST_F(StandardError, OneMessageIsOneWrite)
     close(ends[1]);
 }
 
-TEST_F(StandardError, ErrorNumberSurvivesAMessage)
+TEST_F(StandardError, ErrnoIsPreserved)
 {
     platform::guard_standard_error();
     const platform::unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
@@ -85,7 +85,7 @@ TEST_F(StandardError, ErrorNumberSurvivesAMessage)
     EXPECT_EQ(errno, ENOTTY);
 }
 
-TEST_F(StandardError, ReaderThatIsGoneChangesNothing)
+TEST_F(StandardError, ReaderThatHungUpIsIgnored)
 {
     pipe_pair pipe = make_pipe();
     pipe.reader.reset();
@@ -97,7 +97,7 @@ TEST_F(StandardError, ReaderThatIsGoneChangesNothing)
     EXPECT_EQ(ferror(stderr), 0);
 }
 
-TEST_F(StandardError, ReaderThatStopsIsWaitedForOnceAndTheLossIsTold)
+TEST_F(StandardError, StoppedReaderIsWaitedForOnceAndTheLossIsReported)
 {
     const pipe_pair pipe = make_pipe();
     const replaced_stderr replaced(pipe.writer.get());
@@ -112,7 +112,7 @@ TEST_F(StandardError, ReaderThatStopsIsWaitedForOnceAndTheLossIsTold)
               "[10000 bytes of messages were not read and are lost]\nheard again\n");
 }
 
-TEST_F(StandardError, FileOnAFullDiskIsToldOfTheLossWhenThereIsRoomAgain)
+TEST_F(StandardError, LossOnAFullDiskIsReportedOnceThereIsSpace)
 {
     const full_disk disk;
     const platform::unique_fd file(
@@ -130,7 +130,7 @@ TEST_F(StandardError, FileOnAFullDiskIsToldOfTheLossWhenThereIsRoomAgain)
               "ten [16 bytes of messages could not be written and are lost]\nafter\n");
 }
 
-TEST_F(StandardError, LongMessageGoesThroughAPipeInPieces)
+TEST_F(StandardError, LongMessageIsWrittenInPieces)
 {
     const pipe_pair pipe = make_pipe();
     const replaced_stderr replaced(pipe.writer.get());
@@ -140,7 +140,7 @@ TEST_F(StandardError, LongMessageGoesThroughAPipeInPieces)
     EXPECT_EQ(read_waiting(pipe.reader.get()), text);
 }
 
-TEST_F(StandardError, NonBlockingDescriptorLosesWhatItDoesNotTake)
+TEST_F(StandardError, NonBlockingDescriptorDropsWhatDoesNotFit)
 {
     const pipe_pair pipe = make_pipe();
     fcntl(pipe.writer.get(), F_SETFL, O_NONBLOCK);
@@ -150,7 +150,7 @@ TEST_F(StandardError, NonBlockingDescriptorLosesWhatItDoesNotTake)
     EXPECT_EQ(read_waiting(pipe.reader.get()), "x\n");
 }
 
-TEST_F(StandardError, StderrIsGivenBack)
+TEST_F(StandardError, StderrIsRestored)
 {
     FILE* const before = stderr;
     platform::guard_standard_error();
@@ -163,7 +163,7 @@ TEST_F(StandardError, StderrIsGivenBack)
 
 // --- the log ------------------------------------------------------------------------------------
 
-TEST_F(StandardError, RedirectionLeadsEverythingToTheLog)
+TEST_F(StandardError, RedirectionSendsEverythingToTheLog)
 {
     vexa_set_string(&vexa_file_metadir, folder.path().c_str());
     const std::string seen = messages([] {
@@ -177,7 +177,7 @@ TEST_F(StandardError, RedirectionLeadsEverythingToTheLog)
     EXPECT_TRUE(log.ends_with(" ===\nthrough stdio\nraw\n")) << log;
 }
 
-TEST_F(StandardError, LogGoesOnWhenTheStandardDescriptorsAreLost)
+TEST_F(StandardError, LogContinuesWithoutTheStandardDescriptors)
 {
     vexa_set_string(&vexa_file_metadir, folder.path().c_str());
     const platform::unique_fd null_device(open("/dev/null", O_WRONLY | O_CLOEXEC));
@@ -188,7 +188,7 @@ TEST_F(StandardError, LogGoesOnWhenTheStandardDescriptorsAreLost)
     EXPECT_TRUE(folder.read("log").ends_with("after\n"));
 }
 
-TEST_F(StandardError, PlantedLinkMakesRedirectionFail)
+TEST_F(StandardError, LinkInThePlaceOfTheLogFailsTheRedirection)
 {
     vexa_set_string(&vexa_file_metadir, folder.path().c_str());
     std::filesystem::create_symlink("/dev/null", folder.path("log"));
@@ -201,7 +201,7 @@ TEST_F(StandardError, PlantedLinkMakesRedirectionFail)
                         "still here\n");
 }
 
-TEST_F(StandardError, FloodThroughStdioStaysUnderTheLogsLimit)
+TEST_F(StandardError, FloodThroughStdioStaysWithinTheLimitOfTheLog)
 {
     vexa_set_string(&vexa_file_metadir, folder.path().c_str());
     messages([] {
@@ -219,7 +219,7 @@ TEST_F(StandardError, FloodThroughStdioStaysUnderTheLogsLimit)
 
 // --- the progress line --------------------------------------------------------------------------
 
-TEST_F(StandardError, ProgressIsRedrawnInPlaceAndGoneAtTheEnd)
+TEST_F(StandardError, ProgressIsRedrawnInPlaceAndErasedAtTheEnd)
 {
     const terminal screen(80);
     const replaced_stderr replaced(screen.slave);
@@ -246,7 +246,7 @@ TEST_F(StandardError, MessageErasesTheProgressLineFirst)
     EXPECT_EQ(read_waiting(screen.master), "\rabcd\r    \r");
 }
 
-TEST_F(StandardError, ProgressIsCutToTheTerminalByCharacters)
+TEST_F(StandardError, ProgressIsTruncatedToTheTerminalBetweenCharacters)
 {
     const terminal screen(5);
     const replaced_stderr replaced(screen.slave);

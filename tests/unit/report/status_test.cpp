@@ -26,12 +26,12 @@ class Status : public item_test::ItemFixture {
 protected:
     Status() { EXPECT_TRUE(platform::open_status_channel(pipe.writer.get())); }
 
-    std::string told() const { return read_waiting(pipe.reader.get()); }
+    std::string received() const { return read_waiting(pipe.reader.get()); }
 
     const pipe_pair pipe = make_pipe();
 };
 
-TEST_F(Status, NothingIsKnownAtProgramStart)
+TEST_F(Status, IsEmptyAtProgramStart)
 {
     EXPECT_EQ(platform::progress_percent(), 0);
     EXPECT_EQ(platform::progress_text(), "");
@@ -45,22 +45,22 @@ TEST_F(Status, OnlyChangesAreWritten)
         vexa_status_write(row / 500, "Decoding PNG");
     }
     vexa_status_write(1, "Decoding GIF");
-    EXPECT_EQ(told(), "{\"percent\": 0, \"text\": \"Decoding PNG\"}\n"
-                      "{\"percent\": 1, \"text\": \"Decoding PNG\"}\n"
-                      "{\"percent\": 1, \"text\": \"Decoding GIF\"}\n");
+    EXPECT_EQ(received(), "{\"percent\": 0, \"text\": \"Decoding PNG\"}\n"
+                          "{\"percent\": 1, \"text\": \"Decoding PNG\"}\n"
+                          "{\"percent\": 1, \"text\": \"Decoding GIF\"}\n");
     EXPECT_EQ(platform::progress_percent(), 1);
     EXPECT_EQ(platform::progress_text(), "Decoding GIF");
 }
 
-TEST_F(Status, TextThatOnlyGrowsIsAChange)
+TEST_F(Status, GrowingTextIsAChange)
 {
     vexa_status_write(5, "a");
     vexa_status_write(5, "ab");
     vexa_status_write(5, "a");
-    EXPECT_EQ(lines_of(told()).size(), 3U);
+    EXPECT_EQ(lines_of(received()).size(), 3U);
 }
 
-TEST_F(Status, SameTextInOtherMemoryIsNoChange)
+TEST_F(Status, EqualTextInOtherMemoryIsNoChange)
 {
     std::string text = "Decoding";
     vexa_status_write(5, text.c_str());
@@ -68,10 +68,10 @@ TEST_F(Status, SameTextInOtherMemoryIsNoChange)
     vexa_status_write(5, copy.c_str());
     text = "Composing";
     vexa_status_write(5, text.c_str());
-    EXPECT_EQ(lines_of(told()).size(), 2U);
+    EXPECT_EQ(lines_of(received()).size(), 2U);
 }
 
-TEST_F(Status, NumbersOutsideAreClamped)
+TEST_F(Status, NumbersOutOfRangeAreClamped)
 {
     vexa_status_write(200, "x");
     EXPECT_EQ(platform::progress_percent(), 100);
@@ -79,11 +79,11 @@ TEST_F(Status, NumbersOutsideAreClamped)
     EXPECT_EQ(platform::progress_percent(), -1);
 }
 
-TEST_F(Status, NoTextIsEmptyText)
+TEST_F(Status, NullTextIsEmpty)
 {
     vexa_status_write(5, nullptr);
     vexa_ready_write(1, nullptr);
-    EXPECT_EQ(told(), "{\"percent\": 5, \"text\": \"\"}\n{\"ready\": 1, \"text\": \"\"}\n");
+    EXPECT_EQ(received(), "{\"percent\": 5, \"text\": \"\"}\n{\"ready\": 1, \"text\": \"\"}\n");
 }
 
 TEST_F(Status, FinalReadinessMakesFramesAvailable)
@@ -93,7 +93,7 @@ TEST_F(Status, FinalReadinessMakesFramesAvailable)
     EXPECT_EQ(platform::ready_state(), 1);
     EXPECT_EQ(platform::progress_percent(), 100);
     EXPECT_EQ(platform::progress_text(), "Ready to serve data");
-    EXPECT_EQ(told(), "{\"ready\": 1, \"text\": \"Ready to serve data\"}\n");
+    EXPECT_EQ(received(), "{\"ready\": 1, \"text\": \"Ready to serve data\"}\n");
 }
 
 TEST_F(Status, ProvisionalReadinessMakesFramesAvailableToo)
@@ -107,17 +107,17 @@ TEST_F(Status, ProvisionalReadinessMakesFramesAvailableToo)
     EXPECT_EQ(platform::ready_state(), 1);
 }
 
-TEST_F(Status, SameReadinessIsToldOnce)
+TEST_F(Status, SameReadinessIsReportedOnce)
 {
     vexa_ready_write(1, "Ready to serve data");
     vexa_ready_write(1, "Ready to serve data");
-    EXPECT_EQ(lines_of(told()).size(), 1U);
+    EXPECT_EQ(lines_of(received()).size(), 1U);
 }
 
 TEST_F(Status, HostileTextIsOneLineOfValidJson)
 {
     vexa_status_write(1, "a\x1B[2J\n\"\\%n\xFF\xE2\x82\xAC");
-    const std::string line = told();
+    const std::string line = received();
     EXPECT_EQ(lines_of(line).size(), 1U);
     std::string error;
     EXPECT_EQ(json11::Json::parse(line, error)["text"].string_value(),
@@ -125,7 +125,7 @@ TEST_F(Status, HostileTextIsOneLineOfValidJson)
     EXPECT_EQ(error, "");
 }
 
-TEST_F(Status, EndlessTextIsCutBetweenCharacters)
+TEST_F(Status, TooLongTextIsTruncatedBetweenCharacters)
 {
     std::string text;
     for (int i = 0; i < 1000; ++i) {
@@ -135,27 +135,27 @@ TEST_F(Status, EndlessTextIsCutBetweenCharacters)
     EXPECT_EQ(platform::progress_text().size(), 510U);
     EXPECT_TRUE(platform::is_utf8(platform::progress_text()));
     vexa_status_write(1, text.c_str());
-    EXPECT_EQ(lines_of(told()).size(), 1U);
+    EXPECT_EQ(lines_of(received()).size(), 1U);
 }
 
-TEST_F(Status, SlowHostGetsReadinessWhenItReadsAgain)
+TEST_F(Status, SlowHostGetsReadinessLater)
 {
     item_test::fill(pipe);
     vexa_status_write(99, "Decoding PNG");
     vexa_ready_write(1, "Ready to serve data");
-    told();
+    received();
     platform::flush_status();
-    EXPECT_EQ(told(), "{\"percent\": 99, \"text\": \"Decoding PNG\"}\n"
-                      "{\"ready\": 1, \"text\": \"Ready to serve data\"}\n");
+    EXPECT_EQ(received(), "{\"percent\": 99, \"text\": \"Decoding PNG\"}\n"
+                          "{\"ready\": 1, \"text\": \"Ready to serve data\"}\n");
 }
 
-TEST_F(Status, CallWithoutNewsWritesWhatWaits)
+TEST_F(Status, UnchangedStatusFlushesWaitingLines)
 {
     item_test::fill(pipe);
     vexa_status_write(50, "Decoding PNG");
-    told();
+    received();
     vexa_status_write(50, "Decoding PNG");
-    EXPECT_EQ(told(), "{\"percent\": 50, \"text\": \"Decoding PNG\"}\n");
+    EXPECT_EQ(received(), "{\"percent\": 50, \"text\": \"Decoding PNG\"}\n");
 }
 
 TEST_F(Status, DocumentChangesWithProgress)
@@ -170,7 +170,7 @@ TEST_F(Status, DocumentChangesWithProgress)
     EXPECT_EQ(platform::status_document_generation(), before + 1);
 }
 
-TEST_F(Status, ServiceManagerHearsOfEverything)
+TEST_F(Status, ServiceManagerGetsEveryChange)
 {
     const std::string path = folder.path("notify");
     const environment_variable manager("NOTIFY_SOCKET", path.c_str());
@@ -216,7 +216,7 @@ TEST_F(Status, TerminalShowsProgressUntilReady)
     close(slave);
 }
 
-TEST_F(Status, ClosingLetsTheHostSeeTheEnd)
+TEST_F(Status, ClosingEndsTheHostsChannel)
 {
     pipe_pair own = make_pipe();
     ASSERT_TRUE(platform::open_status_channel(own.writer.get()));

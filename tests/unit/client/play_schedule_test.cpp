@@ -122,14 +122,14 @@ TEST(PlaySchedule, PaceDoesNotDriftAtAnyRate)
     }
 }
 
-TEST(PlaySchedule, ShortDelaysAreMadeUp)
+TEST(PlaySchedule, ShortDelaysAreCaughtUp)
 {
     play_pace pace({10, 1}, 0);
     pace.advance(second / 10 + second / 2); // half a second after the next frame was due
     EXPECT_EQ(pace.due(), second / 10);
 }
 
-TEST(PlaySchedule, LongDelaysAreNotMadeUp)
+TEST(PlaySchedule, LongDelaysAreNotCaughtUp)
 {
     play_pace pace({10, 1}, 0);
     pace.advance(second / 10 + second / 2 + 1);

@@ -231,7 +231,7 @@ TEST_F(ClientsEvents, DocumentWithoutSubscribersIsNotBuilt)
     EXPECT_EQ(state.documents_built, 0U);
 }
 
-TEST_F(ClientsEvents, DocumentGoesToItsSubscribersOnly)
+TEST_F(ClientsEvents, DocumentIsSentToItsSubscribersOnly)
 {
     const packet_client client = subscriber(change_progress);
     platform::send_document_to_subscribers();

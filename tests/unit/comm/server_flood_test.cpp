@@ -79,8 +79,8 @@ packet_header wait_for_answer(const packet_client& client)
     return {};
 }
 
-// 0 when each of a hundred clients was either greeted or told that there are too many, and enough
-// were greeted.
+// 0 when each of a hundred clients was either greeted or refused as one too many, and enough were
+// greeted.
 int crowd_of_a_hundred(const std::string& path)
 {
     std::vector<packet_client> clients;

@@ -236,7 +236,7 @@ TEST(ColourRows, EveryVersionSkipsAnAbsentAlphaPlane)
 
 // --- the functions of the header ----------------------------------------------------------------
 
-TEST(ColourRows, RgbGoesToThreePlanes)
+TEST(ColourRows, RgbIsWrittenToThreePlanes)
 {
     const samples pixels = random_bytes(77 * 3);
     run_planes made(77, 0);
@@ -245,7 +245,7 @@ TEST(ColourRows, RgbGoesToThreePlanes)
     EXPECT_TRUE(made == expected_planes(kinds[0], pixels.data(), 77, 0));
 }
 
-TEST(ColourRows, RgbaGoesToFourPlanesAndColourIsNotMultipliedByAlpha)
+TEST(ColourRows, RgbaIsWrittenToFourPlanesWithoutPremultiplication)
 {
     samples pixels = random_bytes(77 * 4);
     pixels[3] = 0;
@@ -255,7 +255,7 @@ TEST(ColourRows, RgbaGoesToFourPlanesAndColourIsNotMultipliedByAlpha)
     EXPECT_TRUE(made == expected_planes(kinds[1], pixels.data(), 77, 0));
 }
 
-TEST(ColourRows, GreyAndAlphaGoToTwoPlanes)
+TEST(ColourRows, GreyAndAlphaAreWrittenToTwoPlanes)
 {
     const samples pixels = random_bytes(77 * 2);
     run_planes made(77, 0);

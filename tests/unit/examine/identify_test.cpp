@@ -147,7 +147,7 @@ TEST_F(IdentifyFile, TypesOutsideTheTableAreUnknown)
     }
 }
 
-TEST_F(IdentifyFile, TypesOfTheTableAreFine)
+TEST_F(IdentifyFile, TypesInTheTableAreAccepted)
 {
     for (int type = 1; type <= 5; ++type) {
         EXPECT_EQ(check_identified_type(type), 0);

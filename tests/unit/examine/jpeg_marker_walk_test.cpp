@@ -63,7 +63,7 @@ TEST(JpegMarkerWalk, StopWithinTheLastTwoBytesHolds)
     EXPECT_FALSE(holds(joined({start_of_image, comment, {'x', 'x', 'x'}})));
 }
 
-TEST(JpegMarkerWalk, LengthZeroContinuesBehindTheCode)
+TEST(JpegMarkerWalk, LengthZeroContinuesAfterTheCode)
 {
     EXPECT_FALSE(holds(joined({start_of_image, {0xFF, 0xE0, 0, 0}, garbage})));
     EXPECT_FALSE(holds({0xFF, 0xE0, 0, 2, 'x', 'x', 'x'}));

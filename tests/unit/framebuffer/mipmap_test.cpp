@@ -203,7 +203,7 @@ mipmap_image luma_only(int width, int height, uint64_t stride, uint64_t offset)
     return picture;
 }
 
-TEST_F(MipmapGeneration, ColumnsBehindTheBufferCountAsZero)
+TEST_F(MipmapGeneration, ColumnsBeyondTheBufferCountAsZero)
 {
     for (const int width : {8, 16, 24, 40, 136}) {
         const auto stride = static_cast<uint64_t>(width);

@@ -302,7 +302,7 @@ TEST_F(Leftovers, OfARunningWorkerAreKept)
     EXPECT_TRUE(folder.has("meta/metadata.tmp-0123"));
 }
 
-TEST_F(Leftovers, NothingToRemoveIsFine)
+TEST_F(Leftovers, NothingToRemoveIsNoError)
 {
     EXPECT_EQ(messages([] { EXPECT_EQ(vexa_standard_to_derived_params(), 0); }), "");
     EXPECT_FALSE(folder.has("s.sock.lock"));

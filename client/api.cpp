@@ -271,8 +271,8 @@ stillimage_result stillimage_set_metadata(stillimage_client* client, const char*
 {
     return at_border(client, [&](stillimage_client& c) {
         if (name == nullptr || value == nullptr ||
-            strlen(name) > comm_protocol::max_metadata_name ||
-            strlen(value) > comm_protocol::max_metadata_value) {
+            strlen(name) > comm_protocol::max_set_metadata_name ||
+            strlen(value) > comm_protocol::max_set_metadata_value) {
             return missing(c,
                            "a name of at most 256 bytes and a value of at most 16384 are needed");
         }

@@ -6,7 +6,8 @@
 #include <cstring>
 #include <ctime>
 #include <sys/socket.h>
-#include <sys/un.h>
+
+#include "wire/socket_address.h"
 
 namespace {
 
@@ -19,17 +20,6 @@ std::string with_errno(const std::string& what, int error)
 }
 
 // --- connecting ---------------------------------------------------------------------------------
-
-bool fill_address(const char* path, sockaddr_un* address)
-{
-    address->sun_family = AF_UNIX;
-    const size_t length = strlen(path);
-    if (length == 0 || length >= sizeof address->sun_path) {
-        return false;
-    }
-    memcpy(address->sun_path, path, length + 1);
-    return true;
-}
 
 // A worker binds its socket a moment after its start, and anew when it becomes a daemon.
 bool may_be_starting(int error)
@@ -78,10 +68,10 @@ stillimage_result connect_failure(stillimage_client& client, const char* path, i
     }
 }
 
-stillimage_result connect_until(stillimage_client& client, const char* path,
-                                const sockaddr_un& address, const deadline& start,
-                                const deadline& until)
+stillimage_result connect_until(stillimage_client& client, const std::string& path,
+                                const deadline& start, const deadline& until)
 {
+    const sockaddr_un address = wire::socket_address(path);
     while (true) {
         const int error = connect_once(client, address);
         if (error == 0) {
@@ -89,7 +79,7 @@ stillimage_result connect_until(stillimage_client& client, const char* path,
         }
         const bool waiting = error == EAGAIN || (may_be_starting(error) && !start.passed());
         if (!waiting || until.passed()) {
-            return connect_failure(client, path, error);
+            return connect_failure(client, path.c_str(), error);
         }
         const long left_ms = until.left_ms() < 0 ? retry_ns : until.left_ms() * 1'000'000L;
         const timespec pause = {0, std::min(retry_ns, left_ms)};
@@ -235,12 +225,11 @@ stillimage_result open_connection(stillimage_client& client, const std::string& 
 {
     client.socket_path = path;
     client.greeting = false;
-    sockaddr_un address = {};
-    if (!fill_address(path.c_str(), &address)) {
+    if (!wire::is_socket_path(path)) {
         return fail(client, STILLIMAGE_ERROR_ARGUMENT,
                     "not a socket path of 1 to 107 bytes: " + path);
     }
-    stillimage_result result = connect_until(client, path.c_str(), address, start, until);
+    stillimage_result result = connect_until(client, path, start, until);
     if (result == STILLIMAGE_OK) {
         result = check_owner(client, path.c_str());
     }

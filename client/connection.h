@@ -12,7 +12,7 @@
 #include "client/owned_fd.h"
 #include "client/shared_area.h"
 #include "client/stillimage_client.h"
-#include "platform/comm_protocol.h"
+#include "wire/protocol.h"
 
 // A packet as it came: its head, its body (a view into the connection's buffer, valid until the
 // next packet is taken in) and the descriptor that travelled with it.

@@ -9,7 +9,7 @@
 #include "client/connection.h"
 #include "client/frames.h"
 #include "client/started_worker.h"
-#include "platform/item_paths.h"
+#include "wire/item_paths.h"
 
 namespace {
 

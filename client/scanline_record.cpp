@@ -4,7 +4,7 @@
 #include <cstring>
 #include <optional>
 
-#include "platform/scanline_format.h"
+#include "wire/scanline_format.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "client/stillimage_client.h"
-#include "platform/comm_protocol.h"
+#include "wire/protocol.h"
 
 // Describes the picture in `area` (`message.area_size` bytes) by the record in `copy` (`size`
 // bytes, the scanline area). False with the reason when the two contradict each other or the area:

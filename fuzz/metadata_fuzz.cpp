@@ -6,9 +6,9 @@
 #include <string_view>
 
 #include "fuzz/require.h"
-#include "platform/standalone/base/utf8.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/metadata_text.h"
+#include "wire/utf8.h"
 
 namespace {
 
@@ -64,11 +64,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     platform::text_document document;
     platform::text_fault fault;
     if (!platform::parse_metadata(input, &document, &fault)) {
-        require(platform::is_utf8(fault.reason) && *fault.reason != '\0');
+        require(wire::is_utf8(fault.reason) && *fault.reason != '\0');
         return 0;
     }
     const std::string text = platform::write_metadata(document);
-    require(platform::is_utf8(text));
+    require(wire::is_utf8(text));
     // Escapes may make the text larger than a file may be; it is then not written.
     if (text.size() <= platform::max_metadata_file) {
         check_round_trip(document, text);

@@ -4,7 +4,7 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/invariant.h"
-#include "platform/scanline_format.h"
+#include "wire/scanline_format.h"
 
 uint64_t image_stride_Y = 0, image_stride_U = 0, image_stride_V = 0, image_stride_A = 0;
 uint64_t image_offset_Y = 0, image_offset_U = 0, image_offset_V = 0, image_offset_A = 0;

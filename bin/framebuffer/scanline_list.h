@@ -1,6 +1,6 @@
 // Scanline list: the record in shared memory that tells other processes where one picture's planes
 // are. Byte for byte, with a worked example: docs/scanline-list.md. Offsets:
-// platform/scanline_format.h.
+// wire/scanline_format.h.
 #pragma once
 
 #include "bin/framebuffer/layout.h"

@@ -2,7 +2,7 @@
 
 #include <json11.hpp>
 
-#include "platform/scanline_format.h"
+#include "wire/scanline_format.h"
 
 namespace {
 

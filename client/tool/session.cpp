@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "client/connect_within.h"
-#include "platform/item_paths.h"
+#include "wire/item_paths.h"
 
 namespace {
 

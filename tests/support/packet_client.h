@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/comm_protocol.h"
 #include "platform/standalone/base/unique_fd.h"
+#include "wire/protocol.h"
 
 struct received_packet {
     comm_protocol::packet_bytes bytes;

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <system_error>
 
-#include "platform/standalone/base/utf8.h"
+#include "wire/utf8.h"
 
 namespace platform {
 
@@ -18,9 +18,9 @@ void error_line(std::string_view what, std::string_view path, std::string_view r
     const int kept_errno = errno;
     std::string line(what);
     line += " '";
-    line += printable(path);
+    line += wire::printable(path);
     line += "': ";
-    line += printable(reason);
+    line += wire::printable(reason);
     line += '\n';
     fwrite(line.data(), 1, line.size(), stderr);
     errno = kept_errno;

@@ -13,6 +13,8 @@ namespace platform {
 namespace {
 
 constexpr mode_t folder_mode = 0700;
+constexpr mode_t rights_of_others = 0077;
+constexpr mode_t write_rights_of_others = 0022;
 
 int make_one_folder(const char* path)
 {
@@ -53,18 +55,33 @@ unique_fd open_folder(const char* path)
     return unique_fd(open_file(path, O_RDONLY | O_DIRECTORY));
 }
 
+folder_privacy privacy_of(int folder)
+{
+    struct stat status = {};
+    if (fstat(folder, &status) != 0) {
+        return folder_privacy::UNKNOWN;
+    }
+    if (status.st_uid != geteuid()) {
+        return folder_privacy::FOREIGN;
+    }
+    if ((status.st_mode & write_rights_of_others) != 0) {
+        return folder_privacy::WRITABLE;
+    }
+    return (status.st_mode & rights_of_others) != 0 ? folder_privacy::READABLE
+                                                    : folder_privacy::PRIVATE;
+}
+
 unique_fd open_private_folder(const char* path)
 {
     unique_fd folder(open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
-    struct stat status = {};
-    if (!folder || fstat(folder.get(), &status) != 0) {
-        return {};
+    const folder_privacy privacy = folder ? privacy_of(folder.get()) : folder_privacy::UNKNOWN;
+    if (privacy == folder_privacy::PRIVATE) {
+        return folder;
     }
-    if (status.st_uid != geteuid() || (status.st_mode & 077U) != 0) {
+    if (privacy != folder_privacy::UNKNOWN) {
         errno = EPERM;
-        return {};
     }
-    return folder;
+    return {};
 }
 
 std::vector<std::string> names_in_folder(int folder)

@@ -15,8 +15,18 @@ int make_folders(const char* path);
 // The folder, open for reading. Empty with errno on failure.
 unique_fd open_folder(const char* path);
 
-// The folder when it is private: not a link, owned by this process's user, no rights for others.
-// Empty with errno otherwise (EPERM: it is somebody else's, or open to others).
+// How far an open folder is this user's own.
+enum class folder_privacy {
+    PRIVATE,  // owned by the user of this process, no rights for others
+    READABLE, // others can look into it or use what is in it
+    WRITABLE, // others can change it
+    FOREIGN,  // owned by another user
+    UNKNOWN   // it cannot be examined; errno holds the reason
+};
+folder_privacy privacy_of(int folder);
+
+// The folder when it is private and not a link. Empty with errno otherwise (EPERM: it belongs to
+// another user or is open to others).
 unique_fd open_private_folder(const char* path);
 
 // The names in an open folder, "." and ".." included, in any order. Empty when it cannot be listed.

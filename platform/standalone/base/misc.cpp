@@ -10,7 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "platform/standalone/base/utf8.h"
+#include "wire/utf8.h"
 
 const uint8_t adam7_yo[7] = {0, 0, 4, 0, 2, 0, 1};
 const uint8_t adam7_ystep[7] = {8, 8, 8, 4, 4, 2, 2};
@@ -46,7 +46,7 @@ std::string descriptor_target(int fd)
     if (length < 0) {
         return "?";
     }
-    return platform::printable({target.data(), static_cast<size_t>(length)});
+    return wire::printable({target.data(), static_cast<size_t>(length)});
 }
 
 } // namespace

@@ -143,8 +143,8 @@ const refusal* give_back_frame(const request_call& call)
 bool may_be_metadata(const set_metadata& body)
 {
     constexpr auto none = std::string_view::npos;
-    return !body.name.empty() && body.name.size() <= max_metadata_name &&
-           body.value.size() <= max_metadata_value && body.name.find('\0') == none &&
+    return !body.name.empty() && body.name.size() <= max_set_metadata_name &&
+           body.value.size() <= max_set_metadata_value && body.name.find('\0') == none &&
            body.value.find('\0') == none;
 }
 

@@ -1,7 +1,6 @@
 #include "platform/standalone/cnb/domain_folder.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,21 +8,13 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/base/folders.h"
+#include "wire/item_paths.h"
 
 namespace platform {
 
 namespace {
 
 constexpr mode_t private_mode = 0700;
-constexpr mode_t writable_by_others = 0022;
-constexpr mode_t open_to_others = 0077;
-
-// The variable's value when it is an absolute path, otherwise null.
-const char* absolute_path_in(const char* variable)
-{
-    const char* path = getenv(variable);
-    return path != nullptr && path[0] == '/' ? path : nullptr;
-}
 
 domain_folder failure(std::string path, std::string reason)
 {
@@ -42,23 +33,23 @@ unique_fd open_base(const std::string& path)
     return folder;
 }
 
-// Why an open folder may not be ours, or "" after making sure that it is private.
+// Takes the rights of others away where they can only read. The reason why the open folder cannot
+// be used, or "".
 std::string make_private(int folder)
 {
-    struct stat status = {};
-    if (fstat(folder, &status) != 0) {
-        return error_text(errno);
-    }
-    if (status.st_uid != geteuid()) {
-        return "owned by another user";
-    }
-    if ((status.st_mode & writable_by_others) != 0) {
+    switch (privacy_of(folder)) {
+    case folder_privacy::PRIVATE:
+        return "";
+    case folder_privacy::READABLE:
+        return fchmod(folder, private_mode) == 0 ? "" : error_text(errno);
+    case folder_privacy::WRITABLE:
         return "writable by other users";
+    case folder_privacy::FOREIGN:
+        return "owned by another user";
+    case folder_privacy::UNKNOWN:
+        break;
     }
-    if ((status.st_mode & open_to_others) != 0 && fchmod(folder, private_mode) != 0) {
-        return error_text(errno);
-    }
-    return "";
+    return error_text(errno);
 }
 
 domain_folder step_into(const domain_folder& parent, const std::string& name)
@@ -84,18 +75,15 @@ domain_folder step_into(const domain_folder& parent, const std::string& name)
 
 domain_folder open_domain_folder(const std::string& domain)
 {
-    const char* runtime = absolute_path_in("XDG_RUNTIME_DIR");
-    const char* temporary = absolute_path_in("TMPDIR");
-    std::string base = runtime != nullptr ? runtime : temporary != nullptr ? temporary : "/tmp";
-    const std::string ours =
-        runtime != nullptr ? "stillimage" : "stillimage-" + std::to_string(geteuid());
-
+    const std::string ours = item_paths::runtime_folder();
+    const size_t slash = ours.rfind('/');
+    std::string base = ours.substr(0, slash);
     unique_fd base_folder = open_base(base);
     if (!base_folder) {
         return failure(std::move(base), error_text(errno));
     }
     domain_folder folder = {std::move(base_folder), std::move(base), ""};
-    for (const std::string& name : {ours, std::string("cnb"), domain}) {
+    for (const std::string& name : {ours.substr(slash + 1), std::string("cnb"), domain}) {
         folder = step_into(folder, name);
         if (!folder.folder) {
             break;

@@ -3,16 +3,15 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <utility>
 
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
+#include "wire/socket_address.h"
 
 namespace platform {
 
@@ -47,20 +46,6 @@ bool fail(const std::string& path, int error_number)
     return false;
 }
 
-// The path must fit; see most_path_bytes.
-sockaddr_un address_of(const std::string& path)
-{
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    return address;
-}
-
-bool path_fits(const std::string& path)
-{
-    return !path.empty() && path.size() <= most_path_bytes;
-}
-
 unique_fd new_socket()
 {
     return unique_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -73,7 +58,7 @@ int try_to_connect(const std::string& path)
     if (!probe) {
         return errno;
     }
-    const sockaddr_un address = address_of(path);
+    const sockaddr_un address = wire::socket_address(path);
     const auto* generic = reinterpret_cast<const sockaddr*>(&address);
     return connect(probe.get(), generic, sizeof(address)) == 0 ? 0 : errno;
 }
@@ -99,7 +84,7 @@ bool remove_stale_socket(const std::string& path, uid_t file_owner)
 std::string temporary_path(const split_path& at, const std::string& name, int folder)
 {
     std::string plain = at.folder + "/" + name;
-    if (path_fits(plain)) {
+    if (wire::is_socket_path(plain)) {
         return plain;
     }
     return "/proc/self/fd/" + std::to_string(folder) + "/" + name;
@@ -107,7 +92,7 @@ std::string temporary_path(const split_path& at, const std::string& name, int fo
 
 int bind_private(int socket, const std::string& path)
 {
-    const sockaddr_un address = address_of(path);
+    const sockaddr_un address = wire::socket_address(path);
     const mode_t kept_mask = umask(all_but_owner);
     const int result = bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     umask(kept_mask);
@@ -180,7 +165,7 @@ std::string unfinished_socket_name(const std::string& name)
 
 bool clear_socket_path(const std::string& path)
 {
-    if (!path_fits(path)) {
+    if (!wire::is_socket_path(path)) {
         return fail(path, "a socket path has 1 to 107 bytes");
     }
     const split_path at = split(path);
@@ -202,7 +187,7 @@ bool clear_socket_path(const std::string& path)
 
 bool open_listener(const std::string& path, comm_listener* listener)
 {
-    if (!path_fits(path)) {
+    if (!wire::is_socket_path(path)) {
         return fail(path, "a socket path has 1 to 107 bytes");
     }
     const split_path at = split(path);

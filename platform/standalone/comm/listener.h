@@ -9,8 +9,6 @@
 
 namespace platform {
 
-inline constexpr size_t most_path_bytes = 107; // of a socket path, by the kernel
-
 struct comm_listener {
     unique_fd socket;
     std::string path;

@@ -4,8 +4,8 @@
 #include <cstddef>
 
 #include "platform/comm.h"
-#include "platform/comm_protocol.h"
 #include "platform/standalone/base/unique_fd.h"
+#include "wire/protocol.h"
 
 // A whole packet, header included.
 struct comm_socket_v4_packet {

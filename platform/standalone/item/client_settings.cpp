@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/comm_protocol.h"
 #include "platform/media_item.h"
 #include "platform/standalone/base/checked_math.h"
 #include "platform/standalone/base/error_line.h"
@@ -20,6 +19,7 @@
 #include "platform/standalone/metadata/pending_files.h"
 #include "platform/standalone/report/document.h"
 #include "platform/time.h"
+#include "wire/protocol.h"
 
 namespace platform {
 
@@ -44,8 +44,8 @@ constexpr std::array found_out = {
 
 bool may_be_set(std::string_view name, const std::string& value)
 {
-    if (name.empty() || name.size() > comm_protocol::max_metadata_name ||
-        value.size() > comm_protocol::max_metadata_value ||
+    if (name.empty() || name.size() > comm_protocol::max_set_metadata_name ||
+        value.size() > comm_protocol::max_set_metadata_value ||
         name.find('\0') != std::string_view::npos || value.find('\0') != std::string::npos) {
         return false;
     }

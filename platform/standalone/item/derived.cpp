@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <string>
 
-#include "platform/item_paths.h"
 #include "platform/media_item.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/folders.h"
@@ -17,6 +16,8 @@
 #include "platform/standalone/metadata/picture_file.h"
 #include "platform/standalone/metadata/picture_stamp.h"
 #include "platform/standalone/report/document.h"
+#include "wire/item_paths.h"
+#include "wire/socket_address.h"
 
 namespace platform {
 
@@ -111,10 +112,9 @@ int derive_paths()
 int settle_socket_path()
 {
     absolute_socket = absolute_path(vexa_sock);
-    if (absolute_socket.size() > item_paths::longest_socket_path) {
+    if (absolute_socket.size() > wire::max_socket_path) {
         error_line("Socket path", absolute_socket,
-                   "too long, at most " + std::to_string(item_paths::longest_socket_path) +
-                       " bytes");
+                   "too long, at most " + std::to_string(wire::max_socket_path) + " bytes");
         return -1;
     }
     return 0;

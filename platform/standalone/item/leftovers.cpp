@@ -5,11 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/item_paths.h"
 #include "platform/standalone/base/file_lock.h"
 #include "platform/standalone/base/folders.h"
 #include "platform/standalone/comm/listener.h"
 #include "platform/standalone/item/serve_lock.h"
+#include "wire/item_paths.h"
+#include "wire/socket_address.h"
 
 namespace platform {
 
@@ -29,7 +30,7 @@ struct free_memory {
 
 void remove_dead_socket(const std::string& socket)
 {
-    if (socket.empty() || socket.size() > item_paths::longest_socket_path) {
+    if (!wire::is_socket_path(socket)) {
         return;
     }
     if ((is_ours(socket) || is_ours(socket + lock_suffix)) && take_serve_lock(socket)) {

@@ -4,10 +4,10 @@
 
 #include <json11.hpp>
 
-#include "platform/comm_protocol.h"
 #include "platform/media_item.h"
-#include "platform/standalone/base/utf8.h"
 #include "platform/time.h"
+#include "wire/protocol.h"
+#include "wire/utf8.h"
 
 namespace platform {
 
@@ -21,10 +21,10 @@ bool clock_goes_on()
 
 bool text_survives_json()
 {
-    const std::string text = to_utf8("a\"\\\n\x1B\xFF\xE2\x82\xAC");
+    const std::string text = wire::to_utf8("a\"\\\n\x1B\xFF\xE2\x82\xAC");
     std::string error;
     const json11::Json read = json11::Json::parse(json11::Json(text).dump(), error);
-    return is_utf8(text) && error.empty() && read.string_value() == text;
+    return wire::is_utf8(text) && error.empty() && read.string_value() == text;
 }
 
 bool packets_survive()

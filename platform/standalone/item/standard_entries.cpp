@@ -6,13 +6,13 @@
 
 #include "platform/media_item.h"
 #include "platform/standalone/base/error_line.h"
-#include "platform/standalone/base/utf8.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/values.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/metadata_names.h"
 #include "platform/standalone/metadata/picture_stamp.h"
+#include "wire/utf8.h"
 
 namespace platform {
 
@@ -117,7 +117,8 @@ void vexa_standard_vars_to_metadata(metadata_v4_metadata_context* list)
 
 void vexa_print_standard_metadata_state()
 {
-    const std::string type = vexa_file_type != nullptr ? printable(vexa_file_type) : "unknown";
+    const std::string type =
+        vexa_file_type != nullptr ? wire::printable(vexa_file_type) : "unknown";
     const std::string ratio =
         aspect_ratio_known() ? ratio_text(vexa_aspect_ratio, ':') : "of the picture";
     fputs("Standard metadata:\n", stderr);

@@ -4,15 +4,15 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/item_paths.h"
 #include "platform/media_item.h"
 #include "platform/standalone/base/error_line.h"
-#include "platform/standalone/base/utf8.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/values.h"
 #include "platform/standalone/report/standard_error.h"
 #include "platform/standalone/report/status.h"
+#include "wire/item_paths.h"
+#include "wire/utf8.h"
 
 namespace platform {
 
@@ -141,7 +141,7 @@ void print_switch(const standard_switch& row)
     if (row.value != nullptr) {
         usage = usage + ' ' + row.value;
     }
-    const std::string standard = printable(row.standard_value());
+    const std::string standard = wire::printable(row.standard_value());
     fprintf(stderr, "%-30s %s [%s]\n", usage.c_str(), row.help, standard.c_str());
 }
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "platform/standalone/base/utf8.h"
+#include "wire/utf8.h"
 
 namespace platform {
 
@@ -142,7 +142,7 @@ const char* parse_line(std::string_view line, text_document* document, std::stri
     if (line.find('\0') != std::string_view::npos) {
         return "a NUL byte";
     }
-    if (!is_utf8(line)) {
+    if (!wire::is_utf8(line)) {
         return "not UTF-8";
     }
     if (line.empty() || line.starts_with('#')) {
@@ -161,7 +161,7 @@ const char* parse_line(std::string_view line, text_document* document, std::stri
 // True when a sequence has to be written as an escape wherever it stands.
 bool needs_escape(std::string_view sequence, size_t length)
 {
-    return length == 0 || is_control(sequence);
+    return length == 0 || wire::is_control(sequence);
 }
 
 // Appends `sequence`, whose UTF-8 length is `length` (0: a stray byte), in the form that the file
@@ -176,7 +176,7 @@ void append_sequence(std::string* out, std::string_view sequence, size_t length)
         }
     }
     if (needs_escape(sequence, length)) {
-        append_hex_escapes(out, sequence);
+        wire::append_hex_escapes(out, sequence);
     } else {
         *out += sequence;
     }
@@ -185,7 +185,7 @@ void append_sequence(std::string* out, std::string_view sequence, size_t length)
 void append_escaped(std::string* out, std::string_view text)
 {
     while (!text.empty()) {
-        const size_t length = utf8_sequence(text);
+        const size_t length = wire::utf8_sequence_length(text);
         const std::string_view sequence = text.substr(0, length == 0 ? 1 : length);
         append_sequence(out, sequence, length);
         text.remove_prefix(sequence.size());
@@ -221,7 +221,7 @@ size_t special_start(std::string_view name)
 void append_name(std::string* out, std::string_view name)
 {
     const size_t special = special_start(name);
-    append_hex_escapes(out, name.substr(0, special));
+    wire::append_hex_escapes(out, name.substr(0, special));
     name.remove_prefix(special);
     std::string text;
     append_text(&text, name);

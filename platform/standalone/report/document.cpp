@@ -10,9 +10,9 @@
 #include <json11.hpp>
 
 #include "platform/media_item.h"
-#include "platform/standalone/base/utf8.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/report/status.h"
+#include "wire/utf8.h"
 
 bool json_next_xmit_rebuild = false;
 void (*vexa_on_json_build)(std::map<std::string, json11::Json>& document,
@@ -52,7 +52,7 @@ json11::Json text_or_null(const char* text)
     if (text == nullptr) {
         return nullptr;
     }
-    return to_utf8(std::string_view(text).substr(0, longest_item_text));
+    return wire::to_utf8(std::string_view(text).substr(0, longest_item_text));
 }
 
 // JSON readers keep whole numbers of up to 53 bits.
@@ -134,8 +134,9 @@ void add_entries(json_object* target)
             (*target)["metadata cut"] = true;
             break;
         }
-        shown.push_back(json_object{
-            {"name", to_utf8(entry.name)}, {"tag", entry.tag}, {"value", to_utf8(entry.value)}});
+        shown.push_back(json_object{{"name", wire::to_utf8(entry.name)},
+                                    {"tag", entry.tag},
+                                    {"value", wire::to_utf8(entry.value)}});
     }
     (*target)["metadata"] = std::move(shown);
 }
@@ -151,12 +152,12 @@ void add_unstored(json_object* target)
     }
     json11::Json::array names;
     for (const std::string& name : unstored.names) {
-        names.emplace_back(to_utf8(name));
+        names.emplace_back(wire::to_utf8(name));
     }
     (*target)["metadata not stored"] =
         json_object{{"count", whole_number(static_cast<uint64_t>(unstored.count))},
                     {"names", std::move(names)},
-                    {"reason", to_utf8(unstored.reason)}};
+                    {"reason", wire::to_utf8(unstored.reason)}};
 }
 
 shown_entry* find_entry(std::string_view name)

@@ -15,9 +15,9 @@
 #include "platform/media_item.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/utf8.h"
 #include "platform/standalone/report/log_file.h"
 #include "platform/time.h"
+#include "wire/utf8.h"
 
 namespace platform {
 
@@ -126,7 +126,7 @@ std::string_view cut_to_columns(std::string_view text, size_t columns, size_t* u
 {
     size_t length = 0;
     for (*used = 0; length < text.size() && *used < columns; ++*used) {
-        length += std::max<size_t>(utf8_sequence(text.substr(length)), 1);
+        length += std::max<size_t>(wire::utf8_sequence_length(text.substr(length)), 1);
     }
     return text.substr(0, length);
 }

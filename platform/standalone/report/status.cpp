@@ -5,15 +5,15 @@
 #include <cstring>
 #include <string>
 
-#include "platform/comm_protocol.h"
 #include "platform/media_item.h"
-#include "platform/standalone/base/utf8.h"
 #include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"
 #include "platform/standalone/report/host_channel.h"
 #include "platform/standalone/report/notify_socket.h"
 #include "platform/standalone/report/standard_error.h"
 #include "platform/time.h"
+#include "wire/protocol.h"
+#include "wire/utf8.h"
 
 namespace platform {
 
@@ -37,7 +37,7 @@ struct last_call {
     }
 };
 
-constexpr size_t longest_text = 512;
+constexpr size_t max_text = 512;
 
 host_channel host;
 notify_socket service_manager;
@@ -58,18 +58,9 @@ notify_socket& known_service_manager()
     return service_manager;
 }
 
-// Cut before a character that does not fit whole.
 std::string clean_text(const char* text)
 {
-    std::string clean = printable(text);
-    if (clean.size() > longest_text) {
-        size_t length = longest_text;
-        while ((static_cast<unsigned char>(clean[length]) & 0xC0U) == 0x80U) {
-            --length;
-        }
-        clean.resize(length);
-    }
-    return clean;
+    return std::string(wire::truncate_utf8(wire::printable(text), max_text));
 }
 
 // One line for a person: "40 % Decoding PNG".

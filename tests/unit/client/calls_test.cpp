@@ -7,8 +7,8 @@
 
 #include "client/tool/output.h"
 #include "client/tool/session.h"
-#include "platform/scanline_format.h"
 #include "tests/unit/client/call_outcome.h"
+#include "wire/scanline_format.h"
 
 namespace {
 

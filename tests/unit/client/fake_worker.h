@@ -8,9 +8,9 @@
 #include <sys/types.h>
 #include <thread>
 
-#include "platform/comm_protocol.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/unit/client/frame_sample.h"
+#include "wire/protocol.h"
 
 // One accepted connection.
 class fake_peer {

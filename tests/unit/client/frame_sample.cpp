@@ -3,7 +3,7 @@
 #include <cstring>
 #include <random>
 
-#include "platform/scanline_format.h"
+#include "wire/scanline_format.h"
 
 namespace format = scanline_format;
 

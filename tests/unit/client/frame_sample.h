@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "client/stillimage_client.h"
-#include "platform/comm_protocol.h"
+#include "wire/protocol.h"
 
 struct sample_shape {
     uint32_t full_width = 100;

@@ -10,9 +10,9 @@
 #include <gtest/gtest.h>
 
 #include "client/tool/y4m.h"
-#include "platform/scanline_format.h"
 #include "tests/unit/client/call_outcome.h"
 #include "tests/unit/client/served_picture.h"
+#include "wire/scanline_format.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "client/scanline_record.h"
-#include "platform/scanline_format.h"
 #include "tests/unit/client/frame_sample.h"
+#include "wire/scanline_format.h"
 
 namespace {
 

@@ -310,8 +310,8 @@ TEST_F(ClientsRequests, WaitingMetadataIsWrittenAndAnsweredAtTheEnd)
 
 TEST_F(ClientsRequests, MetadataIsAcceptedUpToItsLimits)
 {
-    const std::string name(max_metadata_name, 'n');
-    const std::string value(max_metadata_value, 'v');
+    const std::string name(max_set_metadata_name, 'n');
+    const std::string value(max_set_metadata_value, 'v');
     expect_done(ask(client(), encode(4, set_metadata{name, value})), 4);
     expect_done(ask(client(), encode(4, set_metadata{"n", ""})), 4);
     EXPECT_EQ(state.stored.size(), 2U);

@@ -12,17 +12,18 @@
 #include "tests/support/child_process.h"
 #include "tests/support/packet_client.h"
 #include "tests/support/temporary_folder.h"
+#include "wire/socket_address.h"
 
 using platform::clear_socket_path;
 using platform::close_listener;
 using platform::comm_listener;
-using platform::most_path_bytes;
 using platform::open_listener;
 using platform::unfinished_socket_name;
 using platform::unique_fd;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using wire::max_socket_path;
 
 namespace {
 
@@ -197,7 +198,7 @@ TEST_F(Listener, MissingFolderIsReportedWhenListening)
 
 TEST_F(Listener, PathOf107BytesIsAcceptedAndOf108Refused)
 {
-    const std::string longest(path + std::string(most_path_bytes - path.size(), 'x'));
+    const std::string longest(path + std::string(max_socket_path - path.size(), 'x'));
     ASSERT_TRUE(clear_socket_path(longest));
     ASSERT_TRUE(open_listener(longest, &listener));
     EXPECT_TRUE(packet_client(longest).connected());
@@ -215,10 +216,10 @@ TEST_F(Listener, LongFolderWithAShortNameIsAccepted)
 {
     // The folder leaves no room for the longer temporary name of the socket.
     std::string deep = folder.path();
-    deep += "/" + std::string(most_path_bytes - deep.size() - 3, 'd');
+    deep += "/" + std::string(max_socket_path - deep.size() - 3, 'd');
     ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
     const std::string at_the_end = deep + "/s";
-    ASSERT_EQ(at_the_end.size(), most_path_bytes);
+    ASSERT_EQ(at_the_end.size(), max_socket_path);
     ASSERT_TRUE(open_listener(at_the_end, &listener));
     EXPECT_TRUE(packet_client(at_the_end).connected());
     EXPECT_THAT(folder.names(), ElementsAre(std::string(deep, folder.path().size() + 1)));
@@ -229,7 +230,7 @@ TEST_F(Listener, LongFolderWithAShortNameIsAccepted)
 TEST_F(Listener, NameAsLongAsAWholePathIsAccepted)
 {
     const inside_folder inside(folder.path());
-    const std::string longest(most_path_bytes, 'n');
+    const std::string longest(max_socket_path, 'n');
     ASSERT_TRUE(clear_socket_path(longest));
     ASSERT_TRUE(open_listener(longest, &listener));
     EXPECT_TRUE(packet_client(longest).connected());
@@ -240,8 +241,8 @@ TEST_F(Listener, NameAsLongAsAWholePathIsAccepted)
 TEST_F(Listener, UnfinishedSocketOfALongNameIsRemoved)
 {
     const inside_folder inside(folder.path());
-    const std::string longest(most_path_bytes, 'n');
-    const std::string other = std::string(most_path_bytes - 1, 'n') + 'o';
+    const std::string longest(max_socket_path, 'n');
+    const std::string other = std::string(max_socket_path - 1, 'n') + 'o';
     ASSERT_TRUE(open_listener(longest, &listener));
     const std::string unfinished = unfinished_socket_name(longest);
     EXPECT_NE(unfinished, unfinished_socket_name(other));

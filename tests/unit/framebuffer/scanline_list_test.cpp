@@ -5,9 +5,9 @@
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/scanline_list.h"
 #include "platform/media_item.h"
-#include "platform/scanline_format.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/unit/framebuffer/picture.h"
+#include "wire/scanline_format.h"
 
 namespace {
 

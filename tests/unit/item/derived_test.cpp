@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/item_paths.h"
 #include "platform/media_item.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/serve_lock.h"
@@ -18,6 +17,7 @@
 #include "platform/standalone/report/document.h"
 #include "tests/support/child_process.h"
 #include "tests/support/item_fixture.h"
+#include "wire/item_paths.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <json11.hpp>
 
 #include "platform/media_item.h"
-#include "platform/standalone/base/utf8.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/report/document.h"
 #include "tests/support/item_fixture.h"
+#include "wire/utf8.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ protected:
     static Json read()
     {
         const std::string& text = platform::status_document();
-        EXPECT_TRUE(platform::is_utf8(text));
+        EXPECT_TRUE(wire::is_utf8(text));
         EXPECT_LE(text.size(), platform::max_status_document);
         std::string error;
         Json json = Json::parse(text, error);
@@ -144,8 +144,8 @@ TEST_F(Document, HostileBytesGiveValidJson)
     meta_to_json(list.get());
     item_to_json_common();
     const Json json = read();
-    EXPECT_EQ(json["item"]["file"].string_value(), platform::to_utf8(hostile));
-    EXPECT_EQ(json["metadata"][0]["value"].string_value(), platform::to_utf8(hostile));
+    EXPECT_EQ(json["item"]["file"].string_value(), wire::to_utf8(hostile));
+    EXPECT_EQ(json["metadata"][0]["value"].string_value(), wire::to_utf8(hostile));
     EXPECT_EQ(item_test::lines_of(platform::status_document()).size(), 1U);
 }
 

@@ -8,10 +8,10 @@
 #include <json11.hpp>
 
 #include "platform/media_item.h"
-#include "platform/standalone/base/utf8.h"
 #include "platform/standalone/report/document.h"
 #include "platform/standalone/report/status.h"
 #include "tests/support/item_fixture.h"
+#include "wire/utf8.h"
 
 namespace {
 
@@ -133,7 +133,7 @@ TEST_F(Status, TooLongTextIsTruncatedBetweenCharacters)
     }
     vexa_status_write(1, text.c_str());
     EXPECT_EQ(platform::progress_text().size(), 510U);
-    EXPECT_TRUE(platform::is_utf8(platform::progress_text()));
+    EXPECT_TRUE(wire::is_utf8(platform::progress_text()));
     vexa_status_write(1, text.c_str());
     EXPECT_EQ(lines_of(received()).size(), 1U);
 }

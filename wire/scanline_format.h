@@ -1,5 +1,5 @@
-// Scanline list: byte offsets of the record that describes one picture to other processes.
-// Packed, little-endian. Field by field with a worked example: docs/scanline-list.md.
+// Scanline list: byte offsets in the record that describes one picture to other processes. The
+// fields are packed and little-endian. Field by field with a worked example: docs/scanline-list.md.
 #pragma once
 
 #include <cstddef>

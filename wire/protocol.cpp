@@ -1,9 +1,11 @@
-#include "platform/comm_protocol.h"
+#include "wire/protocol.h"
 
 #include <array>
 #include <tuple>
 #include <type_traits>
 #include <utility>
+
+#include "wire/utf8.h"
 
 namespace comm_protocol {
 
@@ -41,7 +43,7 @@ public:
 
     void characters(std::string_view text) { bytes.insert(bytes.end(), text.begin(), text.end()); }
 
-    // The whole packet, its length filled in.
+    // The whole packet, with its length.
     packet_bytes finish()
     {
         for (size_t i = 0; i < sizeof(uint32_t); ++i) {
@@ -54,7 +56,7 @@ private:
     packet_bytes bytes;
 };
 
-// Takes fields from the front of a body. Once a field is missing, every later one is, too.
+// Reads fields from the front of a body. After a missing field, every later one counts as missing.
 class packet_reader {
 public:
     packet_reader(const unsigned char* bytes, size_t size) : next(bytes), left(size) {}
@@ -106,23 +108,9 @@ bool fits(size_t text_size)
     return text_size <= max_packet_size;
 }
 
-// The text's first max_packet_text bytes, not ending inside a UTF-8 character.
-std::string_view cut(std::string_view text)
-{
-    if (text.size() <= max_packet_text) {
-        return text;
-    }
-    size_t end = max_packet_text;
-    while (end > max_packet_text - 3 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) {
-        --end;
-    }
-    return text.substr(0, end);
-}
-
 // --- the messages' bodies ------------------------------------------------------------------------
 
-// Members in the order in which they travel: the numbers, then the lengths of the texts, then the
-// texts themselves.
+// The members in the order of their bytes: the numbers, the lengths of the texts, the texts.
 template <typename numbers_type, typename texts_type>
 struct layout {
     packet_type type;
@@ -199,7 +187,7 @@ packet_bytes encode_body(packet_type type, uint64_t request, const message& from
     return packet.finish();
 }
 
-// --- what is sent of a message -------------------------------------------------------------------
+// --- limits of a message -------------------------------------------------------------------------
 
 template <typename message>
 bool is_sendable(const message& /*any*/)
@@ -226,12 +214,13 @@ const message& shortened(const message& whole)
 
 error shortened(const error& whole)
 {
-    return {whole.code, cut(whole.text)};
+    return {whole.code, wire::truncate_utf8(whole.text, max_packet_text)};
 }
 
 event shortened(const event& whole)
 {
-    return {whole.changes, whole.percent, whole.ready, cut(whole.progress)};
+    return {whole.changes, whole.percent, whole.ready,
+            wire::truncate_utf8(whole.progress, max_packet_text)};
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "platform/comm_protocol.h"
 #include "tests/support/packet_client.h"
+#include "wire/protocol.h"
 
 using namespace comm_protocol;
 

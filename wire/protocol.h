@@ -2,8 +2,8 @@
 // Field by field with a worked exchange: docs/protocol.md.
 //
 // Every packet is one SOCK_SEQPACKET message: a header of packet_header_size bytes, then a body.
-// All numbers are little-endian. Encoding appends to a buffer; decoding reads a private copy,
-// checks every length, and leaves *to unspecified when it returns false.
+// All numbers are little-endian. Decoding checks every length and leaves *to unspecified when it
+// returns false; the caller passes bytes that no other process can change.
 #pragma once
 
 #include <cstddef>
@@ -21,17 +21,16 @@ inline constexpr uint16_t version_minor = 1;  // minor versions only add
 inline constexpr size_t packet_header_size = 24;
 inline constexpr size_t max_packet_size = 65536;
 inline constexpr size_t max_status_part = 32768; // bytes of the document in one STATUS packet
-inline constexpr size_t max_packet_text =
-    1024; // bytes of an ERROR's or EVENT's text; the rest is cut
+inline constexpr size_t max_packet_text = 1024;  // bytes; longer texts of ERROR and EVENT are cut
 
-// Limits of one connection and of the server. Beyond them a request is refused with LIMIT or, where
-// stated in docs/protocol.md, the client is dropped.
+// Limits of one connection and of the server. A request beyond them is refused with LIMIT; where
+// docs/protocol.md says so, the client is dropped.
 inline constexpr size_t max_clients = 4096;
 inline constexpr size_t max_pending_requests = 64;
 inline constexpr size_t max_held_references = 1024;
 inline constexpr size_t max_queued_answers = 256;
-inline constexpr size_t max_metadata_name = 256;
-inline constexpr size_t max_metadata_value = 16384;
+inline constexpr size_t max_set_metadata_name = 256; // bytes, both; a metadata file may hold more
+inline constexpr size_t max_set_metadata_value = 16384;
 
 enum packet_type : uint16_t {
     // requests
@@ -46,20 +45,20 @@ enum packet_type : uint16_t {
     PING = 9,
     // answers
     HELLO_ANSWER = 101,
-    DONE = 102,   // empty body: the request was carried out
+    DONE = 102,   // empty body: the request succeeded
     STATUS = 103, // one part of the status document
     FRAME = 105,
     PONG = 109,
     ERROR = 199,
-    // unasked, after SUBSCRIBE, under the request number of the subscription
+    // sent on its own after SUBSCRIBE, with the request number of the subscription
     EVENT = 201,
 };
 
 enum error_code : int32_t {
-    BAD_PACKET = 1,        // malformed; the client is dropped after it
-    VERSION_MISMATCH = 2,  // dropped after it
+    BAD_PACKET = 1,        // malformed; the client is then dropped
+    VERSION_MISMATCH = 2,  // the client is then dropped
     UNSUPPORTED = 3,       // unknown request type
-    NOT_GREETED = 4,       // a request before HELLO; dropped after it
+    NOT_GREETED = 4,       // a request before HELLO; the client is then dropped
     LIMIT = 5,             // too many pending requests or held references
     NO_SUCH_FRAME = 6,     // the frame does not exist
     NO_SUCH_REFERENCE = 7, // not a reference of this connection
@@ -67,9 +66,9 @@ enum error_code : int32_t {
     REFUSED_VALUE = 9, // metadata that may not be set
     NOT_READY = 10,    // GET_FRAME without waiting
     GOING_DOWN = 11,
-    SLOW_CLIENT = 12, // dropped: answers were not read
-    NOT_ALLOWED = 13, // dropped: the process of another user, or of an unknown one
-    NOT_STORED = 14,  // the metadata is set, but would not survive the worker; since 1.1
+    SLOW_CLIENT = 12, // dropped because it did not read its answers
+    NOT_ALLOWED = 13, // dropped because it belongs to another user or to an unknown one
+    NOT_STORED = 14,  // set, but lost when the worker ends; since 1.1
 };
 
 // Bits of SUBSCRIBE's mask and of EVENT's changes.
@@ -79,13 +78,13 @@ inline constexpr uint32_t change_ready = 1U << 2;
 inline constexpr uint32_t change_metadata = 1U << 3;
 inline constexpr uint32_t change_going_down = 1U << 4;
 inline constexpr uint32_t change_clients = 1U << 5;
-// The status document itself, sent as STATUS parts whenever it changed.
+// The status document itself, sent as STATUS parts whenever it changes.
 inline constexpr uint32_t change_document = 1U << 6;
 
-inline constexpr uint32_t get_frame_wait = 1U << 0; // answer when ready instead of NOT_READY
+inline constexpr uint32_t get_frame_wait = 1U << 0; // answer when ready, not with NOT_READY
 
 inline constexpr uint32_t frame_provisional = 1U << 0;
-inline constexpr uint32_t frame_has_descriptor = 1U << 1; // the buffer's descriptor travels with it
+inline constexpr uint32_t frame_has_descriptor = 1U << 1; // comes with the buffer's descriptor
 
 struct packet_header {
     uint32_t magic = comm_protocol::magic;
@@ -169,19 +168,19 @@ struct event {
 
 using packet_bytes = std::vector<unsigned char>;
 
-// Whole packets: header, body, length filled in. Metadata that would pass max_packet_size and a
-// status part above max_status_part give no bytes at all.
+// A whole packet, its length filled in. Empty when metadata would exceed max_packet_size or a status
+// part exceeds max_status_part.
 template <typename message>
-packet_bytes encode(uint64_t request, const message& from); // a ping excepted
+packet_bytes encode(uint64_t request, const message& from); // any message but ping
 packet_bytes encode_ping(uint64_t request, packet_type ping_or_pong, const ping& message);
 packet_bytes encode_empty(uint64_t request, packet_type type); // GET_STATUS, EXIT, DONE
 
-// The header of a received packet. False when it is shorter than a header, longer than
-// max_packet_size, of another magic, or its length field is not `size`. The version is not judged.
+// The header of a received packet. False when the packet is shorter than a header or longer than
+// max_packet_size, has another magic, or its length field is not `size`. The version is not checked.
 bool decode_header(const unsigned char* bytes, size_t size, packet_header* header);
 
-// Bodies: `bytes` and `size` are those of the body. Views point into `bytes`. A body longer than
-// the message is accepted, since minor versions add fields at the end.
+// A body of `size` bytes. Texts of *to point into `bytes`. Bytes after the known fields are ignored,
+// since minor versions add fields at the end.
 template <typename message>
 bool decode(const unsigned char* bytes, size_t size, message* to);
 

@@ -12,56 +12,7 @@
 
 namespace {
 
-constexpr size_t most_entries = 20'000;
-
-// Finds where frames end. `shown_` is what is shown at `low_`; the end lies at `high_` or before it.
-class end_search {
-public:
-    end_search(uint64_t duration, const frame_finder& frame_at)
-        : duration_(duration), frame_at_(frame_at)
-    {
-    }
-
-    // The next frame to be searched for: its number, 0 when it is not to be had.
-    uint64_t take(uint64_t start)
-    {
-        shown_ = frame_at_(start);
-        return shown_;
-    }
-
-    // The end of the frame that starts at `start`, likely `guess` units later.
-    uint64_t end_after(uint64_t start, uint64_t guess)
-    {
-        low_ = start;
-        high_ = std::min(start + guess, duration_);
-        while (high_ < duration_ && same_at(high_)) {
-            low_ = high_;
-            guess *= 2;
-            high_ = std::min(high_ + guess, duration_);
-        }
-        probe(high_ - 1); // a right guess
-        while (high_ - low_ > 1) {
-            probe(low_ + (high_ - low_) / 2);
-        }
-        return high_;
-    }
-
-private:
-    bool same_at(uint64_t moment) const { return frame_at_(moment) == shown_; }
-
-    void probe(uint64_t moment)
-    {
-        if (moment > low_) {
-            (same_at(moment) ? low_ : high_) = moment;
-        }
-    }
-
-    uint64_t duration_;
-    const frame_finder& frame_at_;
-    uint64_t shown_ = 0;
-    uint64_t low_ = 0;
-    uint64_t high_ = 0;
-};
+constexpr size_t max_entries = 20'000;
 
 // The public timeline with what it points to.
 struct owned_timeline : stillimage_timeline {
@@ -80,9 +31,9 @@ stillimage_result take_entries(stillimage_client& client, uint64_t first, const 
         return number;
     };
     const auto take = [&](const stillimage_timeline_entry& entry) {
-        if (result == STILLIMAGE_OK && timeline.store.size() == most_entries) {
+        if (result == STILLIMAGE_OK && timeline.store.size() == max_entries) {
             result = fail(client, STILLIMAGE_ERROR_LIMIT,
-                          "the timeline has more than " + std::to_string(most_entries) + " frames");
+                          "the timeline has more than " + std::to_string(max_entries) + " frames");
         }
         if (result == STILLIMAGE_OK) {
             timeline.store.push_back(entry);
@@ -96,8 +47,8 @@ stillimage_result take_entries(stillimage_client& client, uint64_t first, const 
     return result;
 }
 
-// The first frame is asked for first: it is there once the picture is ready, and then the document
-// is final, too.
+// Requests the first frame first. It is there once the picture is ready, and then the document is
+// final, too.
 stillimage_result take_timeline(stillimage_client& client, const deadline& until,
                                 owned_timeline& timeline)
 {
@@ -141,16 +92,36 @@ timeline_facts read_timeline_facts(std::string_view status_document)
     return facts;
 }
 
+uint64_t end_of_frame(uint64_t start, uint64_t guess, uint64_t duration, const frame_test& same_at)
+{
+    uint64_t low = start; // the frame is shown here; after the first loop it is not shown at `high`
+    uint64_t step = std::max<uint64_t>(guess, 1);
+    uint64_t high = std::min(start + step, duration);
+    while (high < duration && same_at(high)) {
+        low = high;
+        step *= 2;
+        high = std::min(high + step, duration);
+    }
+    uint64_t probe = high - 1; // the frame's last moment when the guess is right
+    while (high - low > 1) {
+        (same_at(probe) ? low : high) = probe;
+        probe = low + (high - low) / 2;
+    }
+    return high;
+}
+
 bool walk_timeline(uint64_t duration, const frame_finder& frame_at, const entry_taker& take)
 {
-    end_search search(duration, frame_at);
-    stillimage_timeline_entry entry = {0, 8, 0}; // a first guess
+    stillimage_timeline_entry entry = {0, 8, 0}; // a first guess at the duration
     for (; entry.start < duration; entry.start += entry.duration) {
-        entry.frame_number = search.take(entry.start);
+        entry.frame_number = frame_at(entry.start);
         if (entry.frame_number == 0) {
             return false;
         }
-        entry.duration = search.end_after(entry.start, entry.duration) - entry.start;
+        const uint64_t end =
+            end_of_frame(entry.start, entry.duration, duration,
+                         [&](uint64_t moment) { return frame_at(moment) == entry.frame_number; });
+        entry.duration = end - entry.start;
         if (!take(entry)) {
             return false;
         }

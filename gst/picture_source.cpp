@@ -161,14 +161,13 @@ bool picture_source::learn_sizes()
 
 bool picture_source::learn_timeline()
 {
-    timeline played;
-    played.loops = settings_.loops;
     std::string document;
     const stillimage_result result = link_->get_status(settings_.timeout_ms, &document);
     if (result != STILLIMAGE_OK) {
         return recover("get the status of", result);
     }
-    read_timeline(document, &played);
+    timeline played(read_timeline_facts(document));
+    played.loops = settings_.loops;
     std::shared_ptr<held_frame> last;
     if (!take(played.duration - 1, 1, 1, &last)) {
         return false;

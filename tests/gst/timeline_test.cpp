@@ -1,8 +1,6 @@
 // The timeline's arithmetic, against times written down one by one.
-#include <map>
-#include <random>
-#include <string>
-#include <vector>
+#include <climits>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -10,34 +8,10 @@
 
 namespace {
 
-TEST(GstTimeline, DocumentTellsDurationAndScale)
-{
-    timeline played;
-    read_timeline(R"({"item": {"time duration": 360, "time scale": [100, 1]}})", &played);
-    EXPECT_EQ(played.duration, 360U);
-    EXPECT_EQ(played.scale_numerator, 100U);
-    EXPECT_EQ(played.scale_denominator, 1U);
-}
-
-TEST(GstTimeline, WhatMakesNoSenseStays)
-{
-    for (const char* text :
-         {"", "{", "{}", R"({"item": {"time duration": 0, "time scale": [0, 0]}})",
-          R"({"item": {"time duration": -5, "time scale": [100, 0]}})",
-          R"({"item": {"time duration": 1e30, "time scale": "100"}})",
-          R"({"item": {"time duration": null, "time scale": [1e9, 1]}})"}) {
-        timeline played;
-        read_timeline(text, &played);
-        EXPECT_EQ(played.duration, 1U) << text;
-        EXPECT_EQ(played.scale_numerator, 1U) << text;
-        EXPECT_EQ(played.scale_denominator, 1U) << text;
-    }
-}
-
 TEST(GstTimeline, UnitsAndTimesAreEachOthersInverse)
 {
     for (const auto& [numerator, denominator] :
-         {std::pair<uint64_t, uint64_t>{100, 1}, {1, 1}, {30, 1}, {30000, 1001}, {7, 3}}) {
+         {std::pair<uint32_t, uint32_t>{100, 1}, {1, 1}, {30, 1}, {30000, 1001}, {7, 3}}) {
         timeline played;
         played.scale_numerator = numerator;
         played.scale_denominator = denominator;
@@ -53,6 +27,21 @@ TEST(GstTimeline, UnitsAndTimesAreEachOthersInverse)
     EXPECT_EQ(hundredths.units_at(359'999'999), 35U);
 }
 
+TEST(GstTimeline, ScaleFinerThanAMicrosecondCountsAsOne)
+{
+    const timeline finest(timeline_facts{7, 1'000'000, 999'999});
+    EXPECT_EQ(finest.duration, 7U);
+    EXPECT_EQ(finest.scale_numerator, 1'000'000U);
+    EXPECT_EQ(finest.scale_denominator, 999'999U);
+    for (const timeline_facts& facts :
+         {timeline_facts{7, 1'000'001, 1}, timeline_facts{7, 1, 1'000'001}}) {
+        const timeline played(facts);
+        EXPECT_EQ(played.duration, 7U);
+        EXPECT_EQ(played.scale_numerator, 1U);
+        EXPECT_EQ(played.scale_denominator, 1U);
+    }
+}
+
 TEST(GstTimeline, EndIsThatOfAllLoops)
 {
     timeline played;
@@ -64,39 +53,9 @@ TEST(GstTimeline, EndIsThatOfAllLoops)
     EXPECT_EQ(played.end(), UINT64_MAX);
     played.loops = -1;
     EXPECT_EQ(played.end(), UINT64_MAX);
-}
-
-TEST(GstTimeline, EveryFramesEndIsFoundFromAnywhereInItWithAnyGuess)
-{
-    std::mt19937 random(1);
-    for (int round = 0; round < 200; ++round) {
-        std::vector<int> shown; // frame at each unit
-        for (int frame = 1; frame <= 12; ++frame) {
-            shown.insert(shown.end(), 1 + random() % 40, frame);
-        }
-        for (size_t start = 0; start < shown.size(); ++start) {
-            size_t end = start;
-            while (end < shown.size() && shown[end] == shown[start]) {
-                ++end;
-            }
-            const auto same = [&](uint64_t at) {
-                EXPECT_LT(at, shown.size());
-                return at < shown.size() && shown[at] == shown[start];
-            };
-            EXPECT_EQ(end_of_frame(start, random() % 50, shown.size(), same), end);
-        }
-    }
-}
-
-TEST(GstTimeline, RightGuessAsksTwice)
-{
-    int asked = 0;
-    const auto same = [&](uint64_t at) {
-        ++asked;
-        return at < 30;
-    };
-    EXPECT_EQ(end_of_frame(20, 10, 100, same), 30U);
-    EXPECT_EQ(asked, 2);
+    played.duration = 1'000'000'000'000'000;
+    played.loops = INT_MAX;
+    EXPECT_EQ(played.end(), UINT64_MAX);
 }
 
 } // namespace

@@ -106,6 +106,39 @@ TEST(ClientTimelineWalk, UnorderedFrameNumbersDoNotStallIt)
     EXPECT_LE(queries, 10'000U * 110);
 }
 
+TEST(ClientTimelineWalk, EveryFramesEndIsFoundFromAnywhereInItWithAnyGuess)
+{
+    std::mt19937 random(1);
+    for (int round = 0; round < 200; ++round) {
+        std::vector<int> shown; // frame at each unit
+        for (int frame = 1; frame <= 12; ++frame) {
+            shown.insert(shown.end(), 1 + random() % 40, frame);
+        }
+        for (size_t start = 0; start < shown.size(); ++start) {
+            size_t end = start;
+            while (end < shown.size() && shown[end] == shown[start]) {
+                ++end;
+            }
+            const auto same = [&](uint64_t at) {
+                EXPECT_LT(at, shown.size());
+                return at < shown.size() && shown[at] == shown[start];
+            };
+            EXPECT_EQ(end_of_frame(start, random() % 50, shown.size(), same), end);
+        }
+    }
+}
+
+TEST(ClientTimelineWalk, RightGuessAsksTwice)
+{
+    int asked = 0;
+    const auto same = [&](uint64_t at) {
+        ++asked;
+        return at < 30;
+    };
+    EXPECT_EQ(end_of_frame(20, 10, 100, same), 30U);
+    EXPECT_EQ(asked, 2);
+}
+
 // --- the status document -------------------------------------------------------------------------
 
 TEST(ClientTimelineFacts, AreFoundAmongOtherValues)
@@ -119,6 +152,17 @@ TEST(ClientTimelineFacts, AreFoundAmongOtherValues)
     EXPECT_EQ(read_timeline_facts(R"({"item": {"time scale": [4294967296, 1]}})"),
               (timeline_facts{1, 1, 1}));
     EXPECT_EQ(read_timeline_facts(R"({"item": {"time duration": 1000000000000001}})").duration, 1U);
+}
+
+TEST(ClientTimelineFacts, InvalidValuesCountAsOne)
+{
+    for (const char* text :
+         {"", "{", "{}", R"({"item": {"time duration": 0, "time scale": [0, 0]}})",
+          R"({"item": {"time duration": -5, "time scale": [100, 0]}})",
+          R"({"item": {"time duration": 1e30, "time scale": "100"}})",
+          R"({"item": {"time duration": null, "time scale": [1e9, 1]}})"}) {
+        EXPECT_EQ(read_timeline_facts(text), timeline_facts()) << text;
+    }
 }
 
 TEST(ClientTimelineFacts, EveryTruncationOfADocumentIsRead)

@@ -1,5 +1,5 @@
-// Animations through the real worker and the real client library: the frame of each moment, the
-// running time at any stage, very many frames.
+// Animations through the real worker and the real client library: the frame at each time position,
+// the reported duration, very many frames.
 #include <csignal>
 #include <fstream>
 #include <iterator>
@@ -34,7 +34,7 @@ protected:
         return home.path("picture.gif");
     }
 
-    // Frames of `width` x `height` in one colour after the other, each shown for 1/10 s.
+    // Frames of `width` x `height`, each in one of four colours in turn and shown for 1/10 s.
     std::string write_frames(unsigned width, unsigned height, size_t frames)
     {
         gif_spec spec = {.width = width, .height = height, .palette = four_colours};
@@ -58,7 +58,7 @@ protected:
     std::string socket_path;
 };
 
-TEST_F(Animation, EachMomentHasItsFrame)
+TEST_F(Animation, EachTimePositionHasItsFrame)
 {
     const worker served(
         home, write({.width = 80,
@@ -73,12 +73,12 @@ TEST_F(Animation, EachMomentHasItsFrame)
         unsigned char luma;
     } moments[] = {
         {0, 1, 81},         {49, 1, 81},        {50, 2, 144}, {59, 2, 144},
-        {60, 3, 40},        {79, 3, 40},        {80, 3, 40}, // the end is not the beginning
+        {60, 3, 40},        {79, 3, 40},        {80, 3, 40}, // past the end: the last frame
         {1'000'000, 3, 40}, {UINT64_MAX, 3, 40}};
     for (const auto& moment : moments) {
         for (const int size : {0, 40}) {
             const held_frame frame = take_frame(client, moment.time, size, size);
-            ASSERT_NE(frame, nullptr) << served.told();
+            ASSERT_NE(frame, nullptr) << served.printed();
             const stillimage_picture* seen = stillimage_frame_picture(frame.get());
             EXPECT_EQ(seen->frame_number, moment.frame) << moment.time;
             EXPECT_EQ(seen->width, size == 0 ? 80U : 40U);
@@ -98,7 +98,7 @@ TEST_F(Animation, StoredAnimationReachesTheClientFrameByFrame)
     const held_client client = connect_to(served.socket());
     for (const auto& [time, index] : gif_reference::timeline(what)) {
         const held_frame frame = take_frame(client, time);
-        ASSERT_NE(frame, nullptr) << served.told();
+        ASSERT_NE(frame, nullptr) << served.printed();
         const stillimage_picture* seen = stillimage_frame_picture(frame.get());
         EXPECT_EQ(seen->frame_number, index + 1);
         for (unsigned y = 0; y < what.height; ++y) {
@@ -112,11 +112,11 @@ TEST_F(Animation, StoredAnimationReachesTheClientFrameByFrame)
     }
 }
 
-TEST_F(Animation, RunningTimeIsKnownBeforeWhileAndAfterItIsDecoded)
+TEST_F(Animation, DurationIsReportedBeforeDuringAndAfterDecoding)
 {
     const worker served(home, write_frames(1, 1, 100), {"--slow-decode"});
     socket_path = served.socket();
-    const held_client early = connect_to(socket_path); // a decode of a second, at least
+    const held_client early = connect_to(socket_path); // decoding takes at least a second
     stillimage_frame* frame = nullptr;
     EXPECT_EQ(stillimage_get_frame(early.get(), 0, 0, 0, 0, &frame), STILLIMAGE_ERROR_NOT_READY);
     EXPECT_THAT(status(), HasSubstr("\"time duration\": 1000,"));
@@ -137,27 +137,29 @@ TEST_F(Animation, VeryManyFramesOfOnePixel)
     const held_client client = connect_to(served.socket());
     for (const size_t i : {size_t{0}, frames / 2 + 1, frames - 1}) {
         const held_frame frame = take_frame(client, i * 10);
-        ASSERT_NE(frame, nullptr) << served.told();
+        ASSERT_NE(frame, nullptr) << served.printed();
         EXPECT_EQ(stillimage_frame_picture(frame.get())->frame_number, i + 1);
         const unsigned char luma[] = {16, 81, 144, 40};
         EXPECT_EQ(stillimage_frame_picture(frame.get())->plane[STILLIMAGE_Y][0], luma[i % 4]);
     }
-    EXPECT_THAT(served.told(), Not(HasSubstr("WARNING")));
+    EXPECT_THAT(served.printed(), Not(HasSubstr("WARNING")));
 }
 
-TEST_F(Animation, SignalEndsAnAnimationInMidDecode)
+TEST_F(Animation, SignalEndsTheDecodingOfAnAnimation)
 {
-    worker served(home, write_frames(8, 8, 10'000), {"--slow-decode"}); // 100 s, at least
+    worker served(home, write_frames(8, 8, 10'000),
+                  {"--slow-decode"}); // decoding takes at least 100 s
     ASSERT_TRUE(served.wait_printed("Using CNB buffer"));
     pause_ms(50);
     served.send(SIGTERM);
     EXPECT_EQ(served.wait_end(30'000), 0);
-    EXPECT_THAT(served.told(), Not(HasSubstr("WARNING")));
+    EXPECT_THAT(served.printed(), Not(HasSubstr("WARNING")));
     EXPECT_TRUE(home.sockets().empty());
 }
 
-// The frames are far larger than the screen: a second of reading each, in a few megabytes of memory.
-TEST_F(Animation, SignalEndsAnAnimationInMidExamination)
+// Each frame is far larger than the screen: reading it takes a second and a few megabytes of
+// memory.
+TEST_F(Animation, SignalEndsTheExaminationOfAnAnimation)
 {
     const gif_frame_spec giant = {.width = 20'000, .height = 20'000, .all_zero = true};
     const std::string picture =
@@ -168,8 +170,8 @@ TEST_F(Animation, SignalEndsAnAnimationInMidExamination)
         ASSERT_TRUE(served.wait_printed("* Identified file"));
         served.send(SIGTERM);
         EXPECT_EQ(served.wait_end(), mode == "--no-autoshutdown" ? 0 : 1);
-        EXPECT_THAT(served.told(), EndsWith("\nGIF examination failed\n"));
-        EXPECT_THAT(served.told(), Not(HasSubstr("GIF: Screen")));
+        EXPECT_THAT(served.printed(), EndsWith("\nGIF examination failed\n"));
+        EXPECT_THAT(served.printed(), Not(HasSubstr("GIF: Screen")));
         EXPECT_NE(access(home.path("meta/metadata").c_str(), F_OK), 0);
         EXPECT_TRUE(home.sockets().empty());
     }
@@ -177,7 +179,7 @@ TEST_F(Animation, SignalEndsAnAnimationInMidExamination)
 
 TEST_F(Animation, FramesThatNoBufferCanHoldTakeNoMemory)
 {
-    // None of four times 16 MB of indices is kept, since a frame's planes take 64 MB.
+    // Four times 16 MB of indices. None is kept, because the planes of one frame take 64 MB.
     const gif_frame_spec large = {.width = 4'000, .height = 4'000, .all_zero = true};
     const std::string picture =
         write(write_gif({.width = 4'000, .height = 4'000, .frames = {large, large, large, large}}));
@@ -185,12 +187,12 @@ TEST_F(Animation, FramesThatNoBufferCanHoldTakeNoMemory)
     how.address_space = address_space_of(60);
     const ended_worker ended = run_worker(home, how);
     EXPECT_EQ(ended.status, 1);
-    EXPECT_THAT(ended.told, HasSubstr("ImageCount=4\n"));
-    EXPECT_THAT(ended.told, Not(HasSubstr("GIF reading error")));
-    EXPECT_THAT(ended.told, EndsWith("CNB allocation failed\n"));
+    EXPECT_THAT(ended.printed, HasSubstr("ImageCount=4\n"));
+    EXPECT_THAT(ended.printed, Not(HasSubstr("GIF reading error")));
+    EXPECT_THAT(ended.printed, EndsWith("CNB allocation failed\n"));
 }
 
-TEST_F(Animation, CutAnimationIsServedAsFarAsItGoes)
+TEST_F(Animation, TruncatedAnimationIsServedUpToTheCut)
 {
     std::vector<unsigned char> file =
         write_gif({.width = 4,
@@ -201,11 +203,11 @@ TEST_F(Animation, CutAnimationIsServedAsFarAsItGoes)
     const worker served(home, write(file));
     const held_client client = connect_to(served.socket());
     const held_frame frame = take_frame(client, 30);
-    ASSERT_NE(frame, nullptr) << served.told();
+    ASSERT_NE(frame, nullptr) << served.printed();
     EXPECT_EQ(stillimage_frame_picture(frame.get())->frame_number, 2U);
     EXPECT_EQ(stillimage_frame_picture(frame.get())->plane[STILLIMAGE_Y][0],
-              16); // unread: the first colour
-    EXPECT_THAT(served.told(), HasSubstr("GIF reading error (?)\n"));
+              16); // was not read: palette entry 0
+    EXPECT_THAT(served.printed(), HasSubstr("GIF reading error (?)\n"));
 }
 
 } // namespace

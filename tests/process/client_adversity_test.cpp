@@ -1,5 +1,5 @@
-// The client library with workers that stop, die, and are gone: each call ends, nothing leaks, what is
-// held stays.
+// The client library with workers that are stopped, killed or restarted: each call returns in time,
+// nothing leaks, and frames that a client holds stay readable.
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -24,7 +24,7 @@ namespace {
 const std::string picture = STILLIMAGE_TEST_DATA "/jpeg/peacock-420.jpg";
 
 constexpr int patience_ms = 30'000; // never reached by a test that passes
-constexpr int short_ms = 50;        // against workers that say nothing
+constexpr int short_ms = 50;        // for workers that do not answer
 
 struct client_call {
     const char* name;
@@ -69,7 +69,7 @@ stillimage_result call_get_status(stillimage_client* client, const std::string& 
 
 void hear_nothing(void* /*user*/, const stillimage_event* /*event*/) {}
 
-// Every call that needs an answer.
+// Every call that waits for an answer of the worker.
 const client_call calls[] = {
     {"connect", call_connect},
     {"get_frame", call_get_frame},
@@ -112,7 +112,7 @@ size_t own_mappings_of_buffers()
 
 class ClientAdversity : public testing::Test {
 protected:
-    // SIGPIPE would end this process.
+    // With the default action, a SIGPIPE that the library lets through ends this process.
     ClientAdversity() : former_(signal(SIGPIPE, SIG_DFL)) {}
     ~ClientAdversity() override { signal(SIGPIPE, former_); }
 
@@ -122,7 +122,7 @@ private:
     sighandler_t former_;
 };
 
-TEST_F(ClientAdversity, EachCallToAStoppedWorkerEndsByItsLimit)
+TEST_F(ClientAdversity, EachCallToAStoppedWorkerTimesOut)
 {
     for (const client_call& call : calls) {
         worker served(home, picture);
@@ -133,7 +133,7 @@ TEST_F(ClientAdversity, EachCallToAStoppedWorkerEndsByItsLimit)
             << call.name;
         served.send(SIGCONT);
         if (std::string(call.name) == "quit") {
-            EXPECT_EQ(served.wait_end(), 0); // it had been asked to
+            EXPECT_EQ(served.wait_end(), 0); // the request arrived before the time limit
             continue;
         }
         EXPECT_EQ(stillimage_reconnect(client.get(), patience_ms), STILLIMAGE_OK) << call.name;
@@ -142,7 +142,7 @@ TEST_F(ClientAdversity, EachCallToAStoppedWorkerEndsByItsLimit)
     }
 }
 
-TEST_F(ClientAdversity, AnswersThatComeAfterTheLimitDoNoHarm)
+TEST_F(ClientAdversity, LateAnswersDoNoHarm)
 {
     worker served(home, picture);
     ASSERT_TRUE(served.wait_ready());
@@ -169,14 +169,14 @@ TEST_F(ClientAdversity, AnswersThatComeAfterTheLimitDoNoHarm)
     }
 }
 
-TEST_F(ClientAdversity, EachCallNoticesThatItsWorkerIsKilled)
+TEST_F(ClientAdversity, EachCallReportsThatItsWorkerIsKilled)
 {
     const size_t descriptors = own_descriptors();
     for (const client_call& call : calls) {
         worker served(home, picture);
         ASSERT_TRUE(served.wait_ready());
         const held_client client = connect_to(served.socket());
-        served.send(SIGSTOP); // so that it is in the midst of the call
+        served.send(SIGSTOP); // so that the call is still waiting when the worker is killed
         std::thread killer([&] {
             pause_ms(20);
             served.send(SIGKILL);
@@ -193,7 +193,7 @@ TEST_F(ClientAdversity, EachCallNoticesThatItsWorkerIsKilled)
     EXPECT_EQ(own_descriptors(), descriptors);
 }
 
-TEST_F(ClientAdversity, DispatchNoticesAtOnceThatTheWorkerIsGone)
+TEST_F(ClientAdversity, DispatchReportsAKilledWorkerAtOnce)
 {
     worker served(home, picture);
     ASSERT_TRUE(served.wait_ready());
@@ -204,7 +204,7 @@ TEST_F(ClientAdversity, DispatchNoticesAtOnceThatTheWorkerIsGone)
     EXPECT_STREQ(stillimage_last_error(client.get()), "the worker has gone");
 }
 
-TEST_F(ClientAdversity, WorkersKilledAtAnyMomentLeaveNothingBehind)
+TEST_F(ClientAdversity, WorkersKilledAtAnyMomentLeakNothing)
 {
     constexpr int rounds = 60;
     const size_t descriptors = own_descriptors();
@@ -264,12 +264,12 @@ TEST_F(ClientAdversity, FramesStayReadableWhenTheWorkerIsKilled)
         }
         EXPECT_TRUE(png_of(whole) == expected);
         EXPECT_TRUE(png_of(level) == expected_level);
-        EXPECT_EQ(own_mappings_of_buffers(), mappings + 1); // one for both
+        EXPECT_EQ(own_mappings_of_buffers(), mappings + 1); // shared by both frames
     }
     EXPECT_EQ(own_mappings_of_buffers(), mappings);
 }
 
-TEST_F(ClientAdversity, RestartedWorkerIsFoundAgainAndOldFramesStay)
+TEST_F(ClientAdversity, ReconnectFindsARestartedWorkerAndOldFramesStay)
 {
     const worker::setting how = {
         {"--file", picture, "--no-autoshutdown", "--sock", home.path("socket")}};
@@ -292,7 +292,7 @@ TEST_F(ClientAdversity, RestartedWorkerIsFoundAgainAndOldFramesStay)
     ASSERT_TRUE(second);
     EXPECT_NE(stillimage_frame_picture(second.get())->plane[STILLIMAGE_Y], luma);
     EXPECT_EQ(luma[0], before);
-    first.reset(); // goes back to nobody
+    first.reset(); // its worker no longer exists
     EXPECT_EQ(stillimage_ping(client.get(), patience_ms), STILLIMAGE_OK);
 }
 

@@ -1,5 +1,5 @@
-// Clients of the real worker, good and bad: bad ones harm nobody else, and what they held comes
-// back.
+// Well-behaved and misbehaving clients of the real worker: a bad client affects no other, and the
+// worker releases what it held.
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -34,7 +34,8 @@ protected:
     {
         served = std::make_unique<worker>(home, picture);
         ASSERT_TRUE(served->wait_ready());
-        // The connection that asked whether it is ready is given back first; each takes one.
+        // Count descriptors only after the worker has closed the connection of wait_ready(): each
+        // connection takes one.
         const held_client only = connect();
         ASSERT_TRUE(eventually([&] { return status_of(only).find("\"clients\": 1,") != npos; }));
         descriptors = served->open_descriptors() - 1;
@@ -68,7 +69,7 @@ protected:
         return frame;
     }
 
-    // A bare socket, connected; the caller closes it.
+    // A connected socket without the client library. The caller closes it.
     int connect_bare() const
     {
         sockaddr_un address = {};
@@ -81,7 +82,7 @@ protected:
                 return fd;
             }
             close(fd);
-            pause_ms(2); // the queue of connections is full
+            pause_ms(2); // the listen queue is full
         }
         return -1;
     }
@@ -139,7 +140,7 @@ TEST_F(Clients, TimePositionsBeyondTheEndShowTheLastFrame)
     stillimage_frame_release(frame);
 }
 
-TEST_F(Clients, FrameStaysReadableAfterTheWorkerHasGone)
+TEST_F(Clients, FrameStaysReadableAfterTheWorkerIsKilled)
 {
     const held_client client = connect();
     stillimage_frame* frame = take(client);
@@ -153,7 +154,7 @@ TEST_F(Clients, FrameStaysReadableAfterTheWorkerHasGone)
     stillimage_frame_release(frame);
 }
 
-TEST_F(Clients, ClientKilledWhileHoldingFramesGivesThemBack)
+TEST_F(Clients, FramesOfAKilledClientAreReleased)
 {
     child_process other([this] {
         const held_client client = connect();
@@ -168,7 +169,7 @@ TEST_F(Clients, ClientKilledWhileHoldingFramesGivesThemBack)
     other.kill_now();
     other.wait();
     expect_everything_given_back();
-    EXPECT_THAT(served->told(), Not(HasSubstr("WARNING: deleting video reference")));
+    EXPECT_THAT(served->printed(), Not(HasSubstr("WARNING: deleting video reference")));
     expect_still_serving();
 }
 
@@ -218,7 +219,7 @@ TEST_F(Clients, ClientThatNeverReadsIsDropped)
     const held_client other = connect();
     const int fd = connect_bare();
     ASSERT_GE(fd, 0);
-    // HELLO, then pings without end: header of 24 bytes, body of 4 or 8.
+    // HELLO, then endless pings. A header has 24 bytes, a body 4 or 8.
     std::string hello("STIL\1\0\0\0\1\0\0\0\x1C\0\0\0\1\0\0\0\0\0\0\0\0\0\0\0", 28);
     std::string ping("STIL\1\0\0\0\x09\0\0\0\x20\0\0\0\2\0\0\0\0\0\0\0\7\0\0\0\0\0\0\0", 32);
     ASSERT_EQ(send(fd, hello.data(), hello.size(), MSG_NOSIGNAL), 28);
@@ -237,7 +238,7 @@ TEST_F(Clients, ClientThatNeverReadsIsDropped)
     expect_still_serving();
 }
 
-TEST_F(Clients, FloodOfConnectionsLeavesNoTrace)
+TEST_F(Clients, FloodOfConnectionsLeaksNothing)
 {
     const size_t memory = served->resident_kilobytes();
     for (int i = 0; i < 3000; ++i) {
@@ -264,7 +265,7 @@ TEST_F(Clients, AnotherUserIsRefused)
               0);
 }
 
-TEST_F(Clients, MetadataSetByAClientIsUsedAndThereAfterARestart)
+TEST_F(Clients, MetadataSetByAClientTakesEffectAndSurvivesARestart)
 {
     const std::string metadir = home.path("meta");
     worker again(home, picture, {"--metadir", metadir});
@@ -279,7 +280,7 @@ TEST_F(Clients, MetadataSetByAClientIsUsedAndThereAfterARestart)
 
     const worker restarted(home, picture, {"--metadir", metadir});
     ASSERT_TRUE(restarted.wait_ready());
-    EXPECT_THAT(restarted.told(), HasSubstr("bg=1\n"));
+    EXPECT_THAT(restarted.printed(), HasSubstr("bg=1\n"));
     std::string status;
     EXPECT_EQ(run_client(home, {restarted.socket(), "status"}, &status), 0);
     EXPECT_THAT(status, HasSubstr("\"aspect ratio\": [16, 9]"));
@@ -294,7 +295,7 @@ TEST_F(Clients, StatusHoldsTheImageInfo)
                                   "\"width\": 1165}"));
 }
 
-TEST_F(Clients, ToolsExitStatusTellsWhatHappened)
+TEST_F(Clients, ToolReportsTheOutcomeInItsExitStatus)
 {
     const std::string socket = served->socket();
     EXPECT_EQ(run_client(home, {socket, "wait", "--timeout", "5"}), 0);

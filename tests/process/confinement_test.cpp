@@ -1,6 +1,5 @@
-// A worker that is confined: what can be seen of it from outside, and that everything it does for
-// its clients, its host and its metadata goes on as before. So it does where nothing can be
-// confined.
+// A confined worker: the kernel reports the confinement, and the worker still serves its clients,
+// reports to its host and writes its metadata. It also works where confinement is not available.
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -37,8 +36,9 @@ std::string text_of(const std::string& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// What stands behind `key` at the beginning of a line of a file of /proc/PID.
-std::string told_by_kernel(pid_t pid, const char* file, const std::string& key)
+// The value after `key` in the first line of /proc/PID/`file` that begins with it; "" when none
+// does.
+std::string kernel_value(pid_t pid, const char* file, const std::string& key)
 {
     std::ifstream lines("/proc/" + std::to_string(pid) + "/" + file);
     for (std::string line; std::getline(lines, line);) {
@@ -52,7 +52,7 @@ std::string told_by_kernel(pid_t pid, const char* file, const std::string& key)
 
 class Confined : public testing::Test {
 protected:
-    // No daemon outlives its test, whatever was expected of it.
+    // No daemon outlives its test, even when an expectation fails.
     void TearDown() override
     {
         for (const std::string& socket : home.sockets()) {
@@ -60,15 +60,15 @@ protected:
         }
     }
 
-    // Serves a frame, takes a metadata value and ends when it is asked to.
+    // The worker serves a frame, accepts a metadata value and ends on request.
     void expect_works(worker& served)
     {
-        ASSERT_TRUE(served.wait_ready()) << served.told();
+        ASSERT_TRUE(served.wait_ready()) << served.printed();
         const held_client client = connect_to(served.socket());
         EXPECT_NE(take_frame(client), nullptr);
         EXPECT_EQ(stillimage_set_metadata(client.get(), "colour", "green", 30'000), STILLIMAGE_OK);
         EXPECT_EQ(stillimage_quit(client.get(), 30'000), STILLIMAGE_OK);
-        EXPECT_EQ(served.wait_end(), 0) << served.told();
+        EXPECT_EQ(served.wait_end(), 0) << served.printed();
         EXPECT_TRUE(home.sockets().empty());
     }
 
@@ -80,16 +80,16 @@ protected:
     worker_home home;
 };
 
-TEST_F(Confined, KernelKnowsOfAServingWorker)
+TEST_F(Confined, KernelReportsTheConfinementOfAServingWorker)
 {
     if (platform::sanitized_build) {
         GTEST_SKIP() << "only new privileges are given up under a sanitizer";
     }
     worker served(home, picture, {"--domain-limit", "256M"});
     ASSERT_TRUE(served.wait_ready());
-    EXPECT_EQ(told_by_kernel(served.pid(), "status", "NoNewPrivs:"), "1");
-    EXPECT_EQ(told_by_kernel(served.pid(), "status", "Seccomp:"), "2");
-    const std::string limit = told_by_kernel(served.pid(), "limits", "Max address space");
+    EXPECT_EQ(kernel_value(served.pid(), "status", "NoNewPrivs:"), "1");
+    EXPECT_EQ(kernel_value(served.pid(), "status", "Seccomp:"), "2");
+    const std::string limit = kernel_value(served.pid(), "limits", "Max address space");
     EXPECT_THAT(limit, EndsWith("bytes     "));
     const uint64_t bytes = std::strtoull(limit.c_str(), nullptr, 10);
     EXPECT_GT(bytes, uint64_t{512} << 20);
@@ -104,25 +104,26 @@ TEST_F(Confined, DaemonStaysConfined)
     }
     worker parent(home, picture, {"--daemon"});
     EXPECT_EQ(parent.wait_end(), 0);
-    ASSERT_EQ(run_client(home, {parent.socket(), "wait", "--timeout", "20"}), 0) << parent.told();
+    ASSERT_EQ(run_client(home, {parent.socket(), "wait", "--timeout", "20"}), 0)
+        << parent.printed();
     const int daemon = std::atoi(text_of(parent.socket() + ".lock").c_str());
     ASSERT_GT(daemon, 0);
-    EXPECT_EQ(told_by_kernel(daemon, "status", "NoNewPrivs:"), "1");
-    EXPECT_EQ(told_by_kernel(daemon, "status", "Seccomp:"), "2");
+    EXPECT_EQ(kernel_value(daemon, "status", "NoNewPrivs:"), "1");
+    EXPECT_EQ(kernel_value(daemon, "status", "Seccomp:"), "2");
     EXPECT_EQ(run_client(home, {parent.socket(), "quit"}), 0);
     EXPECT_TRUE(eventually([this] { return home.sockets().empty(); }));
 }
 
-TEST_F(Confined, LowerLimitOfItsSurroundingsStays)
+TEST_F(Confined, LowerInheritedLimitIsKept)
 {
     if (platform::sanitized_build) {
-        GTEST_SKIP() << "sanitizers take more";
+        GTEST_SKIP() << "sanitizers need more address space";
     }
     worker::setting how = {{"--file", picture, "--sock", home.path("s"), "--no-autoshutdown"}};
     how.address_space = uint64_t{300} << 20;
     worker served(home, how);
     ASSERT_EQ(run_client(home, {home.path("s"), "wait", "--timeout", "20"}), 0);
-    EXPECT_THAT(told_by_kernel(served.pid(), "limits", "Max address space"),
+    EXPECT_THAT(kernel_value(served.pid(), "limits", "Max address space"),
                 StartsWith("314572800 "));
     EXPECT_EQ(run_client(home, {home.path("s"), "quit"}), 0);
     EXPECT_EQ(served.wait_end(), 0);
@@ -151,7 +152,7 @@ TEST_F(Confined, PictureMetadataAndSocketInOneFolderWork)
     EXPECT_EQ(text_of(path), text_of(picture));
 }
 
-TEST_F(Confined, PictureBehindALinkAndReplacedMeanwhileIsServed)
+TEST_F(Confined, PictureBehindALinkIsServedAfterItsRemoval)
 {
     const std::string path = copy_to("first.jpg");
     std::filesystem::create_symlink(path, home.path("link.jpg"));
@@ -161,28 +162,29 @@ TEST_F(Confined, PictureBehindALinkAndReplacedMeanwhileIsServed)
     expect_works(served);
 }
 
-TEST_F(Confined, DomainFolderRemovedUnderAWaitingWorkerIsMadeAnew)
+TEST_F(Confined, DomainFolderRemovedUnderAWaitingWorkerIsRecreated)
 {
     worker first(home, picture, {"--domain-limit", "40K"});
-    ASSERT_TRUE(first.wait_ready()) << first.told();
+    ASSERT_TRUE(first.wait_ready()) << first.printed();
     worker second(home, picture, {"--domain-limit", "40K", "--metadir", home.path("second")});
     ASSERT_TRUE(eventually([&] { return access(second.socket().c_str(), F_OK) == 0; }));
     pause_ms(50);
-    EXPECT_EQ(second.told().find("Using CNB buffer"), std::string::npos);
+    EXPECT_EQ(second.printed().find("Using CNB buffer"), std::string::npos);
     std::filesystem::remove_all(home.path("run/stillimage/cnb/default"));
-    ASSERT_TRUE(second.wait_ready()) << second.told();
+    ASSERT_TRUE(second.wait_ready()) << second.printed();
     EXPECT_TRUE(std::filesystem::exists(home.path("run/stillimage/cnb/default/registry")));
 }
 
-// Without a folder for it, and with a program that receives it, the kernel leaves none.
-TEST_F(Confined, CoreFileIsLeftWhereItWasWanted)
+// The kernel writes a core file into the working folder only when its pattern names no other folder
+// and no program that receives the core.
+TEST_F(Confined, AbortWritesACoreFileWhenTheLimitAllowsIt)
 {
     const std::string pattern = text_of("/proc/sys/kernel/core_pattern");
     rlimit limit = {};
     ASSERT_EQ(getrlimit(RLIMIT_CORE, &limit), 0);
     if (pattern.find_first_of("|@/") != std::string::npos || limit.rlim_max == 0 ||
         platform::sanitized_build) {
-        GTEST_SKIP() << "core files are not left in the working folder here";
+        GTEST_SKIP() << "core files are not written into the working folder here";
     }
     std::filesystem::create_directory(home.path("work"));
     const int status = run_in_child([this, limit] {
@@ -200,22 +202,22 @@ TEST_F(Confined, CoreFileIsLeftWhereItWasWanted)
     EXPECT_FALSE(std::filesystem::is_empty(home.path("work")));
 }
 
-// --- surroundings that allow nothing ------------------------------------------------------------
+// --- confinement is refused ---------------------------------------------------------------------
 
-TEST_F(Confined, WorkerThatMayNotConfineItselfServesAllTheSame)
+TEST_F(Confined, WorkerThatCannotConfineItselfStillServes)
 {
     if (platform::sanitized_build) {
-        GTEST_SKIP() << "a sanitizer ends a program that may not ask for its limits";
+        GTEST_SKIP() << "a sanitizer ends a program that cannot query its limits";
     }
     const int status = run_in_child([this] {
         EXPECT_TRUE(refuse_confinement());
         {
             worker served(home, picture, {"--metadir", home.path("meta")});
             EXPECT_TRUE(served.wait_ready());
-            EXPECT_EQ(told_by_kernel(served.pid(), "status", "Seccomp_filters:"), "1"); // ours
+            EXPECT_EQ(kernel_value(served.pid(), "status", "Seccomp_filters:"), "1"); // the test's
             expect_works(served);
             EXPECT_THAT(home.folder().read("meta/metadata"), HasSubstr("colour = green\n"));
-            EXPECT_EQ(served.told().find("not permitted"), std::string::npos);
+            EXPECT_EQ(served.printed().find("not permitted"), std::string::npos);
         }
         worker parent(home, picture, {"--daemon"});
         EXPECT_EQ(parent.wait_end(), 0);

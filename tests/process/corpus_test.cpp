@@ -1,6 +1,6 @@
-// Every PNG, TIFF, GIF and WebP of tests/data through the real worker: what it ends in, what it
-// says, which planes a client is given, and that nothing it is given depends on what the worker's
-// heap held before.
+// Every PNG, TIFF, GIF and WebP of tests/data through the real worker: its exit status, its
+// messages, the planes that a client receives, and that no byte of the shared area depends on
+// former contents of the worker's heap.
 #include <csignal>
 #include <string>
 #include <vector>
@@ -44,15 +44,15 @@ struct served_picture {
     uint32_t width;
     uint32_t height;
     plane_set planes;
-    uint64_t last_time = 0; // the last unit of the timeline
+    uint64_t last_time = 0; // the last time position of the timeline
     uint64_t frames = 1;
-    const char* told = nullptr; // by the worker; null: no complaint of any kind
+    const char* message = nullptr; // part of its messages; null: no complaint of any kind
 };
 
 struct refused_picture {
     const char* name;
     int status;
-    const char* told; // how its standard error ends
+    const char* message; // the end of its standard error
 };
 
 class Corpus : public testing::Test {
@@ -62,14 +62,14 @@ protected:
         return std::string(STILLIMAGE_TEST_DATA "/") + name;
     }
 
-    static void expect_complaint(const served_picture& wanted, const std::string& told)
+    static void expect_complaint(const served_picture& wanted, const std::string& printed)
     {
-        if (wanted.told != nullptr) {
-            EXPECT_THAT(told, HasSubstr(wanted.told)) << wanted.name;
+        if (wanted.message != nullptr) {
+            EXPECT_THAT(printed, HasSubstr(wanted.message)) << wanted.name;
         }
-        if (wanted.told == nullptr || wanted.told == alpha_dropped) {
+        if (wanted.message == nullptr || wanted.message == alpha_dropped) {
             for (const char* sign : {"WARNING", "ERROR", "rror:", "ailed", "prematurely"}) {
-                EXPECT_THAT(told, Not(HasSubstr(sign))) << wanted.name;
+                EXPECT_THAT(printed, Not(HasSubstr(sign))) << wanted.name;
             }
         }
     }
@@ -94,21 +94,21 @@ protected:
         how.more_environment = {std::string("MALLOC_PERTURB_=") + perturb};
         worker served(home, how);
         const held_client client = connect_to(home.path("s"));
-        // An interlaced picture is given out before it is complete.
+        // An interlaced picture is served before it is complete.
         EXPECT_EQ(stillimage_wait_ready(client.get(), 0, 30'000), STILLIMAGE_OK) << wanted.name;
         const held_frame first = take_frame(client);
         const held_frame last = take_frame(client, wanted.last_time);
         if (first == nullptr || last == nullptr) {
-            ADD_FAILURE() << wanted.name << '\n' << served.told();
+            ADD_FAILURE() << wanted.name << '\n' << served.printed();
             return {};
         }
-        expect_complaint(wanted, served.told());
+        expect_complaint(wanted, served.printed());
         expect_planes(wanted, *stillimage_frame_picture(first.get()));
         EXPECT_EQ(stillimage_frame_picture(last.get())->frame_number, wanted.frames) << wanted.name;
         const stillimage_descriptor_info* info = stillimage_frame_descriptor(first.get());
         std::vector<unsigned char> area(info->area, info->area + info->area_size);
         EXPECT_EQ(stillimage_quit(client.get(), 30'000), STILLIMAGE_OK) << wanted.name;
-        EXPECT_EQ(served.wait_end(), 0) << wanted.name << '\n' << served.told();
+        EXPECT_EQ(served.wait_end(), 0) << wanted.name << '\n' << served.printed();
         return area;
     }
 
@@ -126,7 +126,7 @@ protected:
             const worker_home home;
             expect_refused_in(home, wanted);
             if (wanted.status == -SIGABRT) {
-                expect_refused_in(home, wanted); // what the first one left is in nobody's way
+                expect_refused_in(home, wanted); // leftovers of the first run do not matter
             } else {
                 EXPECT_TRUE(home.sockets().empty()) << wanted.name;
             }
@@ -137,7 +137,7 @@ protected:
     {
         const ended_worker ended = run_worker(home, {{"--file", path(wanted.name)}});
         EXPECT_EQ(ended.status, wanted.status) << wanted.name;
-        EXPECT_THAT(ended.told, EndsWith(wanted.told)) << wanted.name;
+        EXPECT_THAT(ended.printed, EndsWith(wanted.message)) << wanted.name;
     }
 };
 

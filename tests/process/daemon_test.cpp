@@ -1,4 +1,4 @@
-// A worker that goes on alone: what its clients, its host and its terminal notice of it.
+// A worker started with --daemon, as its clients, its host and its terminal see it.
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
@@ -24,7 +24,7 @@ protected:
         return {{"--file", photograph, "--sock", socket, "--daemon", "--no-autoshutdown"}};
     }
 
-    // Ends the daemon through a client and waits until its socket has gone, as its last act.
+    // Ends the daemon through a client and waits until it removes its socket, which it does last.
     void quit()
     {
         stillimage_client* client = nullptr;
@@ -38,7 +38,7 @@ protected:
     std::string socket = home.path("daemon.sock");
 };
 
-// Reads what the other side of a terminal receives until `text` was seen.
+// Reads what is written to the terminal, appending it to `seen`, until `text` appears.
 bool terminal_shows(int master, const std::string& text, std::string* seen)
 {
     return eventually([&] {
@@ -60,17 +60,18 @@ TEST_F(Daemon, OpenDescriptorsAreListedBehindTheirHeading)
     worker parent(home, daemon_setting());
     EXPECT_EQ(parent.wait_end(), 0);
     ASSERT_TRUE(parent.wait_printed("CNB buffer stats [final]:\n"));
-    const std::string told = parent.told();
-    const size_t begin = told.find("Daemonizing\n--------------------- ON CLOSURE OF THIS PROCESS "
-                                   "(DEBUG) ----------------------\n");
-    ASSERT_NE(begin, std::string::npos) << told;
-    EXPECT_LT(told.find("CNB buffer stats:\n"), begin);
-    EXPECT_GT(told.find("Using CNB buffer"), begin);
-    EXPECT_THAT(told.substr(begin), HasSubstr(photograph)); // its reader is open
+    const std::string printed = parent.printed();
+    const size_t begin =
+        printed.find("Daemonizing\n--------------------- ON CLOSURE OF THIS PROCESS "
+                     "(DEBUG) ----------------------\n");
+    ASSERT_NE(begin, std::string::npos) << printed;
+    EXPECT_LT(printed.find("CNB buffer stats:\n"), begin);
+    EXPECT_GT(printed.find("Using CNB buffer"), begin);
+    EXPECT_THAT(printed.substr(begin), HasSubstr(photograph)); // the picture file is open
     quit();
 }
 
-TEST_F(Daemon, ClientsThatComeWhileItLeavesItsParentAreServed)
+TEST_F(Daemon, ClientsThatConnectWhileItDetachesAreServed)
 {
     for (int round = 0; round < 3; ++round) {
         const worker parent(home, daemon_setting());
@@ -78,9 +79,9 @@ TEST_F(Daemon, ClientsThatComeWhileItLeavesItsParentAreServed)
         for (bool ready = false; !ready;) {
             stillimage_client* client = nullptr;
             ASSERT_EQ(stillimage_connect(socket.c_str(), 30'000, &client), STILLIMAGE_OK)
-                << stillimage_last_error(client) << parent.told();
+                << stillimage_last_error(client) << parent.printed();
             ASSERT_EQ(stillimage_ping(client, 30'000), STILLIMAGE_OK)
-                << stillimage_last_error(client) << parent.told();
+                << stillimage_last_error(client) << parent.printed();
             ready = stillimage_wait_ready(client, 0, 0) == STILLIMAGE_OK;
             stillimage_close(client);
         }
@@ -88,7 +89,7 @@ TEST_F(Daemon, ClientsThatComeWhileItLeavesItsParentAreServed)
     }
 }
 
-TEST_F(Daemon, HostOnATerminalHearsOfReadinessAfterTheTerminalIsGivenUp)
+TEST_F(Daemon, ReadinessReachesAHostOnTheTerminalThatItDetachedFrom)
 {
     const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_GE(master, 0);
@@ -107,7 +108,7 @@ TEST_F(Daemon, HostOnATerminalHearsOfReadinessAfterTheTerminalIsGivenUp)
         << seen;
     EXPECT_EQ(parent.wait_end(), 0);
     EXPECT_THAT(seen, HasSubstr("Daemonizing"));
-    EXPECT_THAT(seen, Not(HasSubstr("Using CNB buffer"))); // messages had only the terminal
+    EXPECT_THAT(seen, Not(HasSubstr("Using CNB buffer"))); // messages after detaching are dropped
     quit();
     close(terminal);
     close(master);

@@ -1,6 +1,6 @@
-// Clients that come before the picture has been looked at: the program's stages on the stand-alone
-// platform, with rounds for the clients in between. Every request has its answer, and what was asked
-// or set by then holds when the picture is served.
+// Clients that connect before the picture is examined: the program's stages on the stand-alone
+// platform, with rounds of serving clients in between. Every request is answered, and requests and
+// settings made by then take effect when the picture is served.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -33,8 +33,8 @@ protected:
         unsetenv("NOTIFY_SOCKET");
     }
 
-    // In a process of its own: start-up on `picture`, `early` with the client's connection, then the
-    // rest of the run, one round of serving at most, and `late`. 0 when all went well.
+    // In a child process: starts up on `picture`, calls `early` with the client's connection, does
+    // the rest of the run with at most one round of serving, then calls `late`. 0 on success.
     template <typename Early, typename Late>
     int run(const std::string& picture, Early early, Late late)
     {
@@ -72,7 +72,7 @@ protected:
         }
     }
 
-    // Opens the gate between two rounds.
+    // Lets the server accept connections and requests in the next round.
     static void open_gate() { comm_socket_v4_server_from_client_readable(vexa_comm_server, 0); }
 
     static std::optional<received_packet> ask(const packet_client& client,
@@ -88,7 +88,7 @@ protected:
         return packet.has_value() ? static_cast<packet_type>(packet->header.type) : packet_type{};
     }
 
-    // The answer to this request among those that came.
+    // The answer to this request among the packets received so far; other packets are dropped.
     static std::optional<received_packet> answer_to(const packet_client& client, uint64_t request)
     {
         for (auto packet = client.receive(); packet.has_value(); packet = client.receive()) {
@@ -107,7 +107,7 @@ std::string in_data(const char* name)
     return STILLIMAGE_TEST_DATA + std::string("/") + name;
 }
 
-TEST_F(EarlyClients, EveryRequestHasItsAnswer)
+TEST_F(EarlyClients, EveryRequestIsAnswered)
 {
     const auto ask_everything = [](const packet_client& client) {
         EXPECT_EQ(type_of(ask(client, encode(1, hello()))), HELLO_ANSWER);
@@ -159,7 +159,7 @@ TEST_F(EarlyClients, RequestToExitIsObeyed)
     }
 }
 
-TEST_F(EarlyClients, LearnThatTheWorkerGoesWhenItRefusesItsFile)
+TEST_F(EarlyClients, AreNotifiedWhenTheWorkerRefusesItsFile)
 {
     const std::string file = folder.write("unknown", "no picture of any known kind");
     const auto wait_for_a_frame = [](const packet_client& client) {
@@ -179,7 +179,7 @@ TEST_F(EarlyClients, LearnThatTheWorkerGoesWhenItRefusesItsFile)
               1);
 }
 
-TEST_F(EarlyClients, ComeAndGoWithoutATrace)
+TEST_F(EarlyClients, ConnectAndDisconnectWithoutALeak)
 {
     const auto come_and_go = [this](const packet_client& first) {
         EXPECT_TRUE(first.connected());

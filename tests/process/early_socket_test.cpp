@@ -1,5 +1,5 @@
-// The socket of a worker that has only just started: there before the picture is looked at, or the
-// start fails; and what is left of it when the worker ends early.
+// The socket of a worker that is starting: it exists before the picture is examined, or the start
+// fails. A worker that ends early leaves nothing of it behind.
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -31,7 +31,7 @@ const std::string picture = STILLIMAGE_TEST_DATA "/jpeg/peacock-420.jpg";
 
 class EarlySocket : public testing::Test {
 protected:
-    // No daemon outlives its test, whatever was expected of it.
+    // No daemon outlives its test, even when an expectation fails.
     void TearDown() override
     {
         for (const std::string& left : home.sockets()) {
@@ -39,7 +39,7 @@ protected:
         }
     }
 
-    // Ends with status 1 and its reason, plainly and on the way to the background.
+    // The worker ends with status 1 and prints the path and the reason, with and without --daemon.
     void expect_refused(const std::string& path, const std::string& reason)
     {
         expect_refused(path, path, reason);
@@ -52,8 +52,8 @@ protected:
             const ended_worker ended =
                 run_worker(home, {{"--file", picture, "--sock", path, more}});
             EXPECT_EQ(ended.status, 1) << more;
-            EXPECT_THAT(ended.told, HasSubstr(named)) << more;
-            EXPECT_THAT(ended.told, EndsWith(reason + "\nFailed to obtain derived params\n"));
+            EXPECT_THAT(ended.printed, HasSubstr(named)) << more;
+            EXPECT_THAT(ended.printed, EndsWith(reason + "\nFailed to obtain derived params\n"));
         }
     }
 
@@ -65,7 +65,7 @@ protected:
                                    {reinterpret_cast<const char*>(file.data()), file.size()});
     }
 
-    // Everything in the runtime folders but the list of the domain's members.
+    // Every file in the runtime folders except the list of the domain's members.
     std::vector<std::string> left_behind() const
     {
         std::vector<std::string> found;
@@ -83,7 +83,7 @@ protected:
 
 // --- obstacles ----------------------------------------------------------------------------------
 
-TEST_F(EarlySocket, FileFolderOrLinkInItsPlaceIsAFailedStart)
+TEST_F(EarlySocket, FileFolderOrLinkAtItsPathFailsTheStart)
 {
     home.folder().write("run/s.sock", "text");
     expect_refused(socket, "is there and not a socket");
@@ -99,7 +99,7 @@ TEST_F(EarlySocket, FileFolderOrLinkInItsPlaceIsAFailedStart)
     EXPECT_THAT(left_behind(), IsEmpty());
 }
 
-TEST_F(EarlySocket, SocketOfSomebodyWhoListensIsAFailedStart)
+TEST_F(EarlySocket, SocketWithAListenerFailsTheStart)
 {
     for (const int type : {SOCK_SEQPACKET, SOCK_STREAM}) {
         sockaddr_un address = {};
@@ -115,14 +115,14 @@ TEST_F(EarlySocket, SocketOfSomebodyWhoListensIsAFailedStart)
     }
 }
 
-TEST_F(EarlySocket, FolderThatCannotHoldItIsAFailedStart)
+TEST_F(EarlySocket, UnusableFolderFailsTheStart)
 {
     expect_refused(home.path("none/s.sock"), "No such file or directory");
     expect_refused(home.folder().write("plain", "") + "/s.sock", "Not a directory");
     expect_refused("/proc/s.sock", "No such file or directory");
 }
 
-TEST_F(EarlySocket, EachCallThatTakesItThereMayFail)
+TEST_F(EarlySocket, FailureOfAnyCallThatCreatesItFailsTheStart)
 {
     const std::pair<const char*, std::string> calls[] = {{"epoll_create1", "epoll"},
                                                          {"socket", socket},
@@ -130,11 +130,11 @@ TEST_F(EarlySocket, EachCallThatTakesItThereMayFail)
                                                          {"listen", socket},
                                                          {"epoll_ctl", socket}};
     for (const auto& [call, named] : calls) {
-        EXPECT_EQ(run_in_child([&, name = call, told = named] {
+        EXPECT_EQ(run_in_child([&, name = call, path = named] {
                       if (!refuse_calls({name}, ENOSPC)) {
                           return 2;
                       }
-                      expect_refused(socket, told, "No space left on device");
+                      expect_refused(socket, path, "No space left on device");
                       return HasFailure() ? 1 : 0;
                   }),
                   0)
@@ -143,9 +143,9 @@ TEST_F(EarlySocket, EachCallThatTakesItThereMayFail)
     }
 }
 
-TEST_F(EarlySocket, WhateverDescriptorsAreLeftAWorkerIsReachableOrRefused)
+TEST_F(EarlySocket, WorkerServesOrRefusesAtAnyDescriptorLimit)
 {
-    constexpr int not_loaded = 127; // the loader had too few descriptors for the libraries
+    constexpr int not_loaded = 127; // the loader has too few descriptors for the libraries
     bool was_refused = false;
     bool was_reached = false;
     for (unsigned descriptors = 4; descriptors <= 40; descriptors += was_reached ? 9 : 1) {
@@ -154,7 +154,7 @@ TEST_F(EarlySocket, WhateverDescriptorsAreLeftAWorkerIsReachableOrRefused)
         worker served(home, how);
         ASSERT_TRUE(eventually([&] {
             return !served.is_running() ||
-                   served.told().find("CNB buffer stats [final]") != std::string::npos;
+                   served.printed().find("CNB buffer stats [final]") != std::string::npos;
         })) << descriptors;
         if (served.is_running()) {
             const held_client client = connect_to(socket);
@@ -173,20 +173,20 @@ TEST_F(EarlySocket, WhateverDescriptorsAreLeftAWorkerIsReachableOrRefused)
     EXPECT_TRUE(was_reached);
 }
 
-// --- before the picture is looked at ------------------------------------------------------------
+// --- before the picture is examined -------------------------------------------------------------
 
-TEST_F(EarlySocket, IsThereBeforeThePictureIsExaminedInEveryFormat)
+TEST_F(EarlySocket, ExistsBeforeThePictureIsExaminedInEveryFormat)
 {
     for (const char* name : {"jpeg/peacock-420.jpg", "png/basn2c08.png", "tiff/rgb-lzw.tiff",
                              "gif/still.gif", "webp/lossy-bricks.webp"}) {
-        // Stops between the derivation of the item and the examination of its picture.
+        // STOPPING_START stops the worker before it examines the picture.
         worker::setting how = {
             {"--file", STILLIMAGE_TEST_DATA + std::string("/") + name, "--sock", socket,
              "--no-autoshutdown"},
             {"LD_PRELOAD=" STOPPING_START, "ASAN_OPTIONS=verify_asan_link_order=0"}};
         worker served(home, how);
         ASSERT_TRUE(served.wait_stopped()) << name;
-        EXPECT_THAT(served.told(), Not(HasSubstr("Media item setting"))) << name;
+        EXPECT_THAT(served.printed(), Not(HasSubstr("Media item setting"))) << name;
         started_client waiting(home, {socket, "wait", "--timeout", "20"});
         EXPECT_TRUE(fs::is_socket(socket)) << name;
         served.send(SIGCONT);
@@ -196,7 +196,7 @@ TEST_F(EarlySocket, IsThereBeforeThePictureIsExaminedInEveryFormat)
     }
 }
 
-TEST_F(EarlySocket, ModesThatDoNotServeMakeNone)
+TEST_F(EarlySocket, IsNotCreatedByModesThatDoNotServe)
 {
     for (const char* mode : {"--identify-only", "--create-meta"}) {
         worker::setting how = {
@@ -212,7 +212,7 @@ TEST_F(EarlySocket, ModesThatDoNotServeMakeNone)
 
 // --- ends ---------------------------------------------------------------------------------------
 
-TEST_F(EarlySocket, StartThatRefusesItsFileRemovesWhatADeadWorkerLeft)
+TEST_F(EarlySocket, RefusedStartRemovesTheSocketOfADeadWorker)
 {
     const std::string file = home.path("picture.jpg");
     fs::copy_file(picture, file);
@@ -227,7 +227,7 @@ TEST_F(EarlySocket, StartThatRefusesItsFileRemovesWhatADeadWorkerLeft)
     EXPECT_THAT(left_behind(), IsEmpty());
 }
 
-TEST_F(EarlySocket, DaemonThatWaitsForItsBufferNamesItselfInTheLockAndLeavesNothing)
+TEST_F(EarlySocket, WaitingDaemonIsNamedInTheLockAndLeavesNothing)
 {
     const std::string large = large_picture(8);
     worker first(home, large, {"--domain-limit", "16M"});
@@ -240,7 +240,7 @@ TEST_F(EarlySocket, DaemonThatWaitsForItsBufferNamesItselfInTheLockAndLeavesNoth
     EXPECT_EQ(kill(daemon, 0), 0) << daemon;
     EXPECT_EQ(run_client(home, {socket, "quit"}), 0);
     EXPECT_TRUE(eventually([this] { return left_behind().empty(); }));
-    EXPECT_THAT(parent.told(), HasSubstr("Caller requested to exit\n"));
+    EXPECT_THAT(parent.printed(), HasSubstr("Caller requested to exit\n"));
 }
 
 TEST_F(EarlySocket, DaemonThatEndsBeforeItServesLeavesNothing)
@@ -252,7 +252,7 @@ TEST_F(EarlySocket, DaemonThatEndsBeforeItServesLeavesNothing)
     EXPECT_TRUE(eventually([this] { return left_behind().empty(); }));
 }
 
-TEST_F(EarlySocket, RequestToExitEndsTheWaitForTheBufferAsItEndsServing)
+TEST_F(EarlySocket, RequestToExitEndsTheWaitForTheBuffer)
 {
     const std::string large = large_picture(8);
     worker first(home, large, {"--domain-limit", "16M"});
@@ -260,14 +260,14 @@ TEST_F(EarlySocket, RequestToExitEndsTheWaitForTheBufferAsItEndsServing)
     worker second(home, large, {"--domain-limit", "16M"});
     EXPECT_EQ(run_client(home, {second.socket(), "quit"}), 0);
     EXPECT_EQ(second.wait_end(), 0);
-    EXPECT_THAT(second.told(), Not(HasSubstr("Using CNB buffer")));
-    EXPECT_THAT(second.told(), HasSubstr("Caller requested to exit\n"));
-    EXPECT_THAT(second.told(), HasSubstr("Cleaning up\n"));
+    EXPECT_THAT(second.printed(), Not(HasSubstr("Using CNB buffer")));
+    EXPECT_THAT(second.printed(), HasSubstr("Caller requested to exit\n"));
+    EXPECT_THAT(second.printed(), HasSubstr("Cleaning up\n"));
 }
 
 // --- surroundings -------------------------------------------------------------------------------
 
-TEST_F(EarlySocket, MissingRuntimeFolderIsMadeInEveryMode)
+TEST_F(EarlySocket, MissingRuntimeFolderIsCreatedInEveryMode)
 {
     int count = 0;
     for (const std::vector<std::string>& mode : {std::vector<std::string>{"--identify-only"},
@@ -279,7 +279,7 @@ TEST_F(EarlySocket, MissingRuntimeFolderIsMadeInEveryMode)
         worker::setting how = {{"--file", picture}, {"XDG_RUNTIME_DIR=" + runtime}};
         how.arguments.insert(how.arguments.end(), mode.begin(), mode.end());
         const ended_worker ended = run_worker(home, how);
-        EXPECT_EQ(ended.status, 0) << mode[0] << "\n" << ended.told;
+        EXPECT_EQ(ended.status, 0) << mode[0] << "\n" << ended.printed;
         EXPECT_TRUE(fs::is_directory(runtime + "/stillimage")) << mode[0];
     }
 }

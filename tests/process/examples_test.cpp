@@ -1,4 +1,4 @@
-// The example programs on real workers.
+// The example programs with real workers.
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -33,7 +33,7 @@ protected:
         environment_.set("STILLIMAGE_CLIENT_LIBRARY", STILLIMAGE_CLIENT_LIBRARY);
     }
 
-    // What a child is to do to become the program; everything that it prints goes to "printed".
+    // Work for a child process: runs the program with its output in the file "printed".
     std::function<int()> program(std::vector<std::string> words)
     {
         return [this, words]() mutable {
@@ -61,7 +61,7 @@ private:
     changed_environment environment_;
 };
 
-// The preview as the library makes it from the same worker.
+// The preview that the library makes from the same worker.
 std::string expected_ppm(const std::string& file, uint32_t width, uint32_t height, int wanted_width,
                          int wanted_height)
 {
@@ -80,7 +80,7 @@ std::string expected_ppm(const std::string& file, uint32_t width, uint32_t heigh
 TEST_F(Examples, WatchPrintsChangesSavesAPreviewAndEndsWithItsWorker)
 {
     child_process watch(program({EXAMPLE_WATCH, picture, home.path("preview.ppm")}));
-    ASSERT_TRUE(prints("wrote ")) << printed(); // it has started a worker
+    ASSERT_TRUE(prints("wrote ")) << printed(); // it starts a worker
     EXPECT_THAT(printed(), HasSubstr("(ready)\n"));
     EXPECT_THAT(printed(), HasSubstr("preview.ppm, 320 x "));
     const std::string ppm = home.folder().read("preview.ppm");
@@ -100,7 +100,7 @@ TEST_F(Examples, WatchPrintsChangesSavesAPreviewAndEndsWithItsWorker)
     EXPECT_THAT(printed(), HasSubstr("the worker has gone\n"));
 }
 
-TEST_F(Examples, WatchTellsWhyThereIsNothingToWatch)
+TEST_F(Examples, WatchReportsWhyThereIsNothingToWatch)
 {
     const std::string text = home.folder().write("text.jpg", "no picture");
     EXPECT_EQ(run_in_child(program({EXAMPLE_WATCH, text, home.path("preview.ppm")})), 1);
@@ -137,7 +137,7 @@ TEST_F(Examples, FramesAreWrittenWithTheirTimes)
     }
 }
 
-TEST_F(Examples, FramesTellsWhatFailed)
+TEST_F(Examples, FramesReportsWhatFailed)
 {
     EXPECT_EQ(run_in_child(program({EXAMPLE_FRAMES, home.path("none.gif"), home.path("")})), 1);
     EXPECT_THAT(printed(), HasSubstr("none.gif"));
@@ -158,7 +158,7 @@ protected:
     }
 };
 
-TEST_F(PythonExample, TellsAndSavesThePicture)
+TEST_F(PythonExample, DescribesAndSavesThePicture)
 {
     const worker served(home, {{"--file", picture, "--no-autoshutdown"}});
     ASSERT_EQ(run_in_child(program(
@@ -169,7 +169,7 @@ TEST_F(PythonExample, TellsAndSavesThePicture)
     EXPECT_TRUE(home.folder().read("preview.ppm") == expected_ppm(picture, 100, 70, 100, 70));
 }
 
-TEST_F(PythonExample, TellsWhatFailed)
+TEST_F(PythonExample, ReportsWhatFailed)
 {
     EXPECT_EQ(run_in_child(program(
                   {PYTHON, EXAMPLE_PICTURE, home.path("none.jpg"), home.path("preview.ppm")})),

@@ -1,5 +1,5 @@
-// Pictures that are made to hurt while they are decoded: too large, too costly, or changed under the
-// decoder's hands. Each is served or refused with its message, in bounded time and memory.
+// Pictures that attack the decoder: too large, too costly, or changed while they are decoded. Each
+// is served, or refused with its message, in bounded time and memory.
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
@@ -32,7 +32,7 @@ protected:
         return home.folder().write(name, {reinterpret_cast<const char*>(file.data()), file.size()});
     }
 
-    // A PNG of zeros, which takes a thousandth of its picture's size.
+    // A PNG of zeros: the file is a thousand times smaller than the picture.
     static std::vector<unsigned char> png_bomb(uint32_t side, uint8_t colour_type,
                                                size_t bytes_per_pixel)
     {
@@ -44,7 +44,7 @@ protected:
         return write_png(spec);
     }
 
-    // The same of one bit, interlaced.
+    // The same with one bit per pixel, interlaced.
     static std::vector<unsigned char> interlaced_png_bomb(uint32_t side)
     {
         static constexpr uint32_t rows_and_columns_every[7][2] = {{8, 8}, {8, 8}, {8, 4}, {4, 4},
@@ -101,16 +101,16 @@ TEST_F(HostileDecodes, PictureOfTheLargestSizeIsServedFromASmallFile)
     EXPECT_EQ(served.wait_end(), 0);
 }
 
-// Each of its 30720 rows asks for a mapping.
+// The decoder requests a mapping for each of the 30720 rows of the passes.
 TEST_F(HostileDecodes, InterlacedPictureOfTheLargestSizeIsMappedOnce)
 {
     worker served(home, write("bomb.png", interlaced_png_bomb(16384)));
-    ASSERT_TRUE(served.wait_printed("Generating mipmap")); // the first pass is over
+    ASSERT_TRUE(served.wait_printed("Generating mipmap")); // after the first pass
     EXPECT_EQ(shared_mappings_of(served), 1U);
     ASSERT_TRUE(served.wait_printed("[final]", 120'000));
     EXPECT_EQ(shared_mappings_of(served), 1U);
-    EXPECT_THAT(served.told(), Not(HasSubstr("Failed to memory-map")));
-    EXPECT_THAT(served.told(), Not(HasSubstr("PNG ERROR")));
+    EXPECT_THAT(served.printed(), Not(HasSubstr("Failed to memory-map")));
+    EXPECT_THAT(served.printed(), Not(HasSubstr("PNG ERROR")));
     const held_client client = connect_to(served.socket());
     EXPECT_EQ(stillimage_quit(client.get(), 30'000), STILLIMAGE_OK);
     EXPECT_EQ(served.wait_end(), 0);
@@ -121,11 +121,11 @@ TEST_F(HostileDecodes, PictureThatTheDomainCannotHoldIsRefused)
     const ended_worker ended = run_worker(
         home, {{"--file", write("bomb.png", png_bomb(16384, 0, 1)), "--domain-limit", "256M"}});
     EXPECT_EQ(ended.status, 1);
-    EXPECT_THAT(ended.told, EndsWith("CNB allocation failed\n"));
+    EXPECT_THAT(ended.printed, EndsWith("CNB allocation failed\n"));
     EXPECT_TRUE(home.sockets().empty());
 }
 
-TEST_F(HostileDecodes, SignalIsObeyedInTheMiddleOfALargePng)
+TEST_F(HostileDecodes, SignalEndsTheDecodingOfALargePng)
 {
     worker served(home, write("bomb.png", png_bomb(16384, 0, 1)));
     ASSERT_TRUE(served.wait_printed("Using CNB buffer"));
@@ -134,8 +134,8 @@ TEST_F(HostileDecodes, SignalIsObeyedInTheMiddleOfALargePng)
     EXPECT_TRUE(home.sockets().empty());
 }
 
-// The file gets shorter, and longer again with other bytes, while strips are read from it.
-TEST_F(HostileDecodes, TiffThatChangesWhileItIsDecodedIsServedAllTheSame)
+// The file is truncated, then grown with other bytes, while strips are read from it.
+TEST_F(HostileDecodes, TiffThatChangesDuringDecodingIsStillServed)
 {
     const std::vector<unsigned char> whole = write_tiff(grey_tiff(64, 400, 4));
     const std::string path = write("changing.tif", whole);
@@ -151,10 +151,10 @@ TEST_F(HostileDecodes, TiffThatChangesWhileItIsDecodedIsServedAllTheSame)
     close(fd);
     EXPECT_TRUE(served.wait_ready());
     served.send(SIGTERM);
-    EXPECT_EQ(served.wait_end(), 0) << served.told();
+    EXPECT_EQ(served.wait_end(), 0) << served.printed();
 }
 
-// A megabyte that is the value of thousands of tags: copied for each, it would be gigabytes.
+// Thousands of tags share one megabyte as their value. A copy for each tag would take gigabytes.
 TEST_F(HostileDecodes, ThousandsOfTiffTagsThatShareTheirBytesAreRefused)
 {
     tiff_spec spec = grey_tiff(1024, 1024, 1024);
@@ -166,14 +166,14 @@ TEST_F(HostileDecodes, ThousandsOfTiffTagsThatShareTheirBytesAreRefused)
     how.address_space = address_space_of(256);
     const ended_worker ended = run_worker(home, how);
     EXPECT_EQ(ended.status, 1);
-    EXPECT_THAT(ended.told, EndsWith("TIFF did not open file\nTIFF examination failed\n"));
+    EXPECT_THAT(ended.printed, EndsWith("TIFF did not open file\nTIFF examination failed\n"));
     EXPECT_TRUE(home.sockets().empty());
 }
 
-#ifndef __SANITIZE_ADDRESS__ // which takes terabytes of address space
+#ifndef __SANITIZE_ADDRESS__ // the address sanitizer takes terabytes of address space
 TEST_F(HostileDecodes, LosslessWebpBeyondTheAddressSpaceIsServedBlack)
 {
-    // 24 MB of frame buffer fit, 64 MB of ARGB beside them do not.
+    // 24 MB of frame buffer fit, another 64 MB of ARGB do not.
     const std::string path =
         write("large.webp",
               lossless_webp(4000, 4000, std::vector<unsigned char>(4000UL * 4000 * 4, 255)));
@@ -184,10 +184,10 @@ TEST_F(HostileDecodes, LosslessWebpBeyondTheAddressSpaceIsServedBlack)
         how.address_space = megabytes << 20;
         const ended_worker ended = run_worker(home, how);
         const bool black =
-            ended.told.find("WARNING: Failed to decode WebP image\n") != std::string::npos;
-        EXPECT_TRUE(!black || ended.status == 0) << ended.told;
+            ended.printed.find("WARNING: Failed to decode WebP image\n") != std::string::npos;
+        EXPECT_TRUE(!black || ended.status == 0) << ended.printed;
         failed = failed || black;
-        decoded = ended.told.find("WebP decoded\n") != std::string::npos;
+        decoded = ended.printed.find("WebP decoded\n") != std::string::npos;
     }
     EXPECT_TRUE(failed);
     EXPECT_TRUE(decoded);
@@ -206,8 +206,8 @@ TEST_F(HostileDecodes, GifImageOfGigabytesInAFewBytesIsSkipped)
     screen.frames = {giant};
     const ended_worker ended =
         run_worker(home, {{"--file", write("giant.gif", write_gif(screen)), "--oneshot"}});
-    EXPECT_THAT(ended.status, AnyOf(0, 1)) << ended.told;
-    EXPECT_THAT(ended.told, HasSubstr("GIF reading error (?)\n"));
+    EXPECT_THAT(ended.status, AnyOf(0, 1)) << ended.printed;
+    EXPECT_THAT(ended.printed, HasSubstr("GIF reading error (?)\n"));
     EXPECT_TRUE(home.sockets().empty());
 }
 

@@ -1,4 +1,4 @@
-// Pictures made to hurt: each ends in its message within bounded time and memory.
+// Malicious files: each is served or refused with its message, in bounded time and memory.
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -30,7 +30,7 @@ protected:
         return home.folder().write(name, {reinterpret_cast<const char*>(file.data()), file.size()});
     }
 
-    // A progressive picture of a few bytes that says it is `side` squared.
+    // A progressive picture of a few bytes whose header declares a size of `side` x `side`.
     static jpeg_writer::file_bytes progressive(int side, size_t scans)
     {
         jpeg_writer::picture what = jpeg_writer::grey(64, 64);
@@ -58,29 +58,29 @@ protected:
     worker_home home;
 };
 
-TEST_F(HostileFiles, SignalIsObeyedWhileScansAreRead)
+TEST_F(HostileFiles, SignalEndsTheReadingOfScans)
 {
     constexpr size_t coefficients_kilobytes = 8192 / 1024 * 8192 * 2;
     const std::string path = write("scans.jpg", progressive(8192, 900));
     std::filesystem::resize_file(path, 192 << 20); // long enough for that many scans
     worker served(home, path);
-    // The library has taken its memory: it reads the first of the scans, or a later one.
+    // The library has allocated its coefficients and is reading scans.
     ASSERT_TRUE(eventually([&] { return served.resident_kilobytes() > coefficients_kilobytes; }));
     served.send(SIGTERM);
     EXPECT_EQ(served.wait_end(), 0);
-    EXPECT_THAT(served.told(), HasSubstr(giving_up)); // left the library: it had not finished
+    EXPECT_THAT(served.printed(), HasSubstr(giving_up)); // the library was left before it finished
     EXPECT_TRUE(home.sockets().empty());
 }
 
-TEST_F(HostileFiles, AHundredThousandScansEndWithTheCeiling)
+TEST_F(HostileFiles, AHundredThousandScansStopAtTheLimit)
 {
     worker served(home, write("scans.jpg", progressive(512, 100'000)));
     ASSERT_TRUE(served.wait_ready());
-    EXPECT_THAT(served.told(), HasSubstr(giving_up));
+    EXPECT_THAT(served.printed(), HasSubstr(giving_up));
 }
 
-#ifndef __SANITIZE_ADDRESS__ // which takes terabytes of address space
-TEST_F(HostileFiles, CoefficientsBeyondTheAddressSpaceAreAFailedStart)
+#ifndef __SANITIZE_ADDRESS__ // the address sanitizer takes terabytes of address space
+TEST_F(HostileFiles, CoefficientsBeyondTheAddressSpaceAreReported)
 {
     // 16 MB of picture with its levels fit; 32 MB of coefficients do not.
     worker::setting how = {{"--file", write("large.jpg", progressive(4096, 0)), "--oneshot"}};
@@ -90,8 +90,8 @@ TEST_F(HostileFiles, CoefficientsBeyondTheAddressSpaceAreAFailedStart)
     for (uint64_t megabytes = 40; megabytes <= 200 && !failed; megabytes += 8) {
         how.address_space = megabytes << 20;
         const ended_worker ended = run_worker(home, how);
-        failed = ended.told.find(giving_up) != std::string::npos;
-        EXPECT_TRUE(!failed || ended.status == 0) << ended.told;
+        failed = ended.printed.find(giving_up) != std::string::npos;
+        EXPECT_TRUE(!failed || ended.status == 0) << ended.printed;
     }
     EXPECT_TRUE(failed);
 }
@@ -107,11 +107,11 @@ TEST_F(HostileFiles, ScreenOfTerabytesIsRefused)
     screen.frames = {dot, dot};
     const ended_worker ended = run_worker(home, {{"--file", write("huge.gif", write_gif(screen))}});
     EXPECT_EQ(ended.status, 1);
-    EXPECT_THAT(ended.told, EndsWith("CNB allocation failed\n"));
+    EXPECT_THAT(ended.printed, EndsWith("CNB allocation failed\n"));
     EXPECT_TRUE(home.sockets().empty());
 }
 
-TEST_F(HostileFiles, SizesThatTheRecordCutsReachTheClientWhole)
+TEST_F(HostileFiles, SizesTruncatedInTheRecordReachTheClientInFull)
 {
     gif_spec screen;
     screen.width = 65535; // the stride, 65536, has 17 bits
@@ -138,8 +138,8 @@ TEST_F(HostileFiles, LogOfBadChunksStaysUnderItsLimit)
 {
     std::vector<unsigned char> file = png_signature();
     std::vector<unsigned char> bad;
-    append_png_chunk(bad, {"gaMA", {0, 0, 0, 1}}); // told of, as long as there is no header
-    bad.back() ^= 1;                               // its checksum
+    append_png_chunk(bad, {"gaMA", {0, 0, 0, 1}}); // reported while there is no header
+    bad.back() ^= 1;                               // damages its checksum
     constexpr int chunks = 500'000;
     for (int i = 0; i < chunks; ++i) {
         file.insert(file.end(), bad.begin(), bad.end());
@@ -154,12 +154,12 @@ TEST_F(HostileFiles, LogOfBadChunksStaysUnderItsLimit)
         size += std::filesystem::exists(path) ? std::filesystem::file_size(path) : 0;
     }
     EXPECT_LE(size, uintmax_t{16} << 20);
-    EXPECT_GT(size, uintmax_t{8} << 20); // more was told than one log holds
+    EXPECT_GT(size, uintmax_t{8} << 20); // more messages than one log holds
     EXPECT_THAT(home.folder().read("meta/log"), EndsWith("PNG examination failed\n"));
 }
 
-// A hundred megabytes of texts before and behind the image data, and a thousand that would unpack to
-// eight megabytes each.
+// A hundred megabytes of texts before and after the image data, and a thousand that unpack to eight
+// megabytes each.
 TEST_F(HostileFiles, TextsOfAPngTakeNoMemory)
 {
     std::vector<unsigned char> text(20 << 20, 'v');
@@ -182,12 +182,12 @@ TEST_F(HostileFiles, TextsOfAPngTakeNoMemory)
     worker::setting how = {{"--file", write("texts.png", file), "--oneshot"}};
     how.address_space = address_space_of(64);
     const ended_worker ended = run_worker(home, how);
-    EXPECT_EQ(ended.status, 0) << ended.told;
-    EXPECT_THAT(ended.told, testing::Not(HasSubstr("PNG WARNING")));
-    EXPECT_THAT(ended.told, testing::Not(HasSubstr("PNG ERROR")));
+    EXPECT_EQ(ended.status, 0) << ended.printed;
+    EXPECT_THAT(ended.printed, testing::Not(HasSubstr("PNG WARNING")));
+    EXPECT_THAT(ended.printed, testing::Not(HasSubstr("PNG ERROR")));
 }
 
-TEST_F(HostileFiles, PictureCutWhileItIsIdentifiedIsNoBadSignal)
+TEST_F(HostileFiles, PictureTruncatedDuringIdentificationCausesNoBusError)
 {
     const auto whole = jpeg_writer::write(jpeg_writer::grey(500, 400));
     const std::string path = write("cut.jpg", whole);
@@ -205,25 +205,25 @@ TEST_F(HostileFiles, PictureCutWhileItIsIdentifiedIsNoBadSignal)
             run_worker(home, {{"--file", path, "--identify-only", "--force-update-metadata",
                                "--metadir", home.path("meta" + std::to_string(round))}});
         if (ended.status == -SIGABRT) {
-            EXPECT_THAT(ended.told, HasSubstr("sliding_window_v4_mmap_lazy_lseek"));
+            EXPECT_THAT(ended.printed, HasSubstr("sliding_window_v4_mmap_lazy_lseek"));
         } else {
-            EXPECT_TRUE(ended.status == 0 || ended.status == 1) << ended.status << ended.told;
+            EXPECT_TRUE(ended.status == 0 || ended.status == 1) << ended.status << ended.printed;
         }
     }
     cutter.kill_now();
     cutter.wait();
 }
 
-TEST_F(HostileFiles, RowGroupsOf24And32RowsEndInTheirAssertion)
+TEST_F(HostileFiles, RowGroupsOf24And32RowsFailAnAssertion)
 {
     for (const int rows : {3, 4}) {
         auto file = jpeg_writer::write(jpeg_writer::grey(64, 64));
         jpeg_writer::set_sampling(file, 0, {1, rows});
         const ended_worker ended =
             run_worker(home, {{"--file", write("tall.jpg", file), "--oneshot"}});
-        EXPECT_EQ(ended.status, -SIGABRT) << ended.told;
-        EXPECT_THAT(ended.told, HasSubstr("bin/vexa_stillimage: "));
-        EXPECT_THAT(ended.told, HasSubstr("irem <= 16"));
+        EXPECT_EQ(ended.status, -SIGABRT) << ended.printed;
+        EXPECT_THAT(ended.printed, HasSubstr("bin/vexa_stillimage: "));
+        EXPECT_THAT(ended.printed, HasSubstr("irem <= 16"));
     }
     jpeg_writer::picture ink;
     ink.width = ink.height = 64;
@@ -232,28 +232,28 @@ TEST_F(HostileFiles, RowGroupsOf24And32RowsEndInTheirAssertion)
     ink.separate_scans = true;
     const ended_worker ended =
         run_worker(home, {{"--file", write("ink.jpg", jpeg_writer::write(ink)), "--oneshot"}});
-    EXPECT_EQ(ended.status, -SIGABRT) << ended.told;
-    EXPECT_THAT(ended.told,
+    EXPECT_EQ(ended.status, -SIGABRT) << ended.printed;
+    EXPECT_THAT(ended.printed,
                 EndsWith("full_decode_jpeg_raw_cmyk: Assertion `irem <= 16' failed.\n"));
-    // What such an end leaves is in nobody's way.
+    // The next run is not affected by leftovers of the aborted one.
     const std::string sound = write("tall.jpg", jpeg_writer::write(jpeg_writer::grey(64, 64)));
     EXPECT_EQ(run_worker(home, {{"--file", sound, "--oneshot"}}).status, 0);
 }
 
-TEST_F(HostileFiles, BadTableBehindTheScanEndsTheProcessWithItsLine)
+TEST_F(HostileFiles, BadTableAfterTheScanAbortsWithItsMessage)
 {
     auto file = jpeg_writer::write(jpeg_writer::grey(64, 64));
     jpeg_writer::insert_before_end(file, {0xFF, 0xC4, 0x00, 0x03, 0x00});
     const ended_worker ended = run_worker(home, {{"--file", write("late.jpg", file), "--oneshot"}});
     EXPECT_EQ(ended.status, -SIGABRT);
-    EXPECT_THAT(ended.told, EndsWith("Unexpected longjmp from JPEGLIB error handler\n"));
+    EXPECT_THAT(ended.printed, EndsWith("Unexpected longjmp from JPEGLIB error handler\n"));
 }
 
-TEST_F(HostileFiles, TiffOfJpegStripsMeetsTheLibrarysOwnJpegReader)
+TEST_F(HostileFiles, TiffOfJpegStripsIsReadByTheLibrarysOwnJpegReader)
 {
     const ended_worker ended =
         run_worker(home, {{"--file", STILLIMAGE_TEST_DATA "/tiff/cmyk-jpeg.tif", "--oneshot"}});
-    EXPECT_EQ(ended.status, 0) << ended.told;
+    EXPECT_EQ(ended.status, 0) << ended.printed;
 }
 
 TEST_F(HostileFiles, ListOfAHundredThousandSizesIsReplacedByOne)
@@ -267,7 +267,7 @@ TEST_F(HostileFiles, ListOfAHundredThousandSizesIsReplacedByOne)
     home.folder().write("meta/metadata", list);
     const ended_worker ended =
         run_worker(home, {{"--file", path, "--metadir", home.path("meta"), "--identify-only"}});
-    EXPECT_EQ(ended.status, 0) << ended.told;
+    EXPECT_EQ(ended.status, 0) << ended.printed;
     const std::string written = home.folder().read("meta/metadata");
     EXPECT_THAT(written, HasSubstr("image size = 40 x 30\n"));
     EXPECT_EQ(written.find("1 x 1"), std::string::npos);

@@ -1,4 +1,4 @@
-// What is written into an item's metadata, and when a picture is identified anew.
+// What a run writes into the item's metadata, and when it identifies the picture again.
 #include <filesystem>
 
 #include <gmock/gmock.h>
@@ -39,8 +39,8 @@ TEST_F(Identification, FindingsAreWrittenOnceAndTrustedAfterwards)
     write_jpeg(40, 30);
     const ended_worker first = identify();
     EXPECT_EQ(first.status, 0);
-    EXPECT_THAT(first.told, HasSubstr("* Identified file, updating metadata\n"));
-    EXPECT_THAT(first.told, EndsWith("   Image size: 40 x 30\n* Writing metadata back\n"));
+    EXPECT_THAT(first.printed, HasSubstr("* Identified file, updating metadata\n"));
+    EXPECT_THAT(first.printed, EndsWith("   Image size: 40 x 30\n* Writing metadata back\n"));
     EXPECT_THAT(metadata(), HasSubstr("image/jpeg"));
     EXPECT_THAT(metadata(), HasSubstr("40 x 30"));
     EXPECT_THAT(metadata(), HasSubstr("GUID"));
@@ -48,8 +48,8 @@ TEST_F(Identification, FindingsAreWrittenOnceAndTrustedAfterwards)
 
     const ended_worker second = identify();
     EXPECT_EQ(second.status, 0);
-    EXPECT_THAT(second.told, Not(HasSubstr("* Identified file")));
-    EXPECT_THAT(second.told, Not(HasSubstr("* Writing metadata back")));
+    EXPECT_THAT(second.printed, Not(HasSubstr("* Identified file")));
+    EXPECT_THAT(second.printed, Not(HasSubstr("* Writing metadata back")));
     EXPECT_EQ(metadata(), before);
 }
 
@@ -58,7 +58,7 @@ TEST_F(Identification, ForcedUpdateWritesAgain)
     write_jpeg(40, 30);
     identify();
     const ended_worker forced = identify({"--force-update-metadata"});
-    EXPECT_THAT(forced.told, HasSubstr("* Writing metadata back\n"));
+    EXPECT_THAT(forced.printed, HasSubstr("* Writing metadata back\n"));
 }
 
 TEST_F(Identification, NothingIsWrittenWhenUpdatesAreForbidden)
@@ -66,31 +66,32 @@ TEST_F(Identification, NothingIsWrittenWhenUpdatesAreForbidden)
     write_jpeg(40, 30);
     const ended_worker ended = identify({"--no-metadata-update"});
     EXPECT_EQ(ended.status, 0);
-    EXPECT_THAT(ended.told, Not(HasSubstr("* Writing metadata back")));
+    EXPECT_THAT(ended.printed, Not(HasSubstr("* Writing metadata back")));
     EXPECT_THAT(metadata(), Not(HasSubstr("image/jpeg")));
 }
 
-TEST_F(Identification, ReplacedPictureIsIdentifiedAnew)
+TEST_F(Identification, ReplacedPictureIsIdentifiedAgain)
 {
     write_jpeg(40, 30);
     identify();
     write_jpeg(64, 20);
     const ended_worker second = identify();
     EXPECT_EQ(second.status, 0);
-    EXPECT_THAT(second.told, HasSubstr("* Identified file, updating metadata\n"));
+    EXPECT_THAT(second.printed, HasSubstr("* Identified file, updating metadata\n"));
     EXPECT_THAT(metadata(), HasSubstr("64 x 20"));
     EXPECT_THAT(metadata(), Not(HasSubstr("40 x 30")));
 }
 
-// A named type leaves the size entry to whoever wrote it: that of an older picture has to go.
-TEST_F(Identification, NamedTypeAndForcedUpdateKeepNoSizeOfAnOlderPicture)
+// With a named type the size entry is not rewritten, so an entry of an older picture must be
+// removed.
+TEST_F(Identification, NamedTypeWithForcedUpdateDropsTheSizeOfAnOlderPicture)
 {
     write_jpeg(40, 30);
     identify();
     write_jpeg(64, 20);
     const ended_worker second = identify({"--file-type", "jpeg", "--force-update-metadata"});
     EXPECT_EQ(second.status, 0);
-    EXPECT_THAT(second.told, HasSubstr("* Writing metadata back\n"));
+    EXPECT_THAT(second.printed, HasSubstr("* Writing metadata back\n"));
     EXPECT_THAT(metadata(), Not(HasSubstr("40 x 30")));
     EXPECT_EQ(identify().status, 0);
 }
@@ -100,8 +101,8 @@ TEST_F(Identification, NamedTypeIsTrusted)
     write_jpeg(40, 30);
     const ended_worker ended = identify({"--file-type", "png"});
     EXPECT_EQ(ended.status, 1);
-    EXPECT_THAT(ended.told, EndsWith("PNG examination failed\n"));
-    EXPECT_THAT(identify({"--file-type", "bmp"}).told, EndsWith("Unknown file type field\n"));
+    EXPECT_THAT(ended.printed, EndsWith("PNG examination failed\n"));
+    EXPECT_THAT(identify({"--file-type", "bmp"}).printed, EndsWith("Unknown file type field\n"));
 }
 
 TEST_F(Identification, ShortFilesEndWithoutAMessage)
@@ -109,17 +110,17 @@ TEST_F(Identification, ShortFilesEndWithoutAMessage)
     home.folder().write("picture", "GIF89a 15 bytes");
     const ended_worker ended = identify();
     EXPECT_EQ(ended.status, 1);
-    EXPECT_THAT(ended.told, EndsWith("   Sock: " + home.path("run/stillimage") +
-                                     ended.told.substr(ended.told.rfind('/'))));
+    EXPECT_THAT(ended.printed, EndsWith("   Sock: " + home.path("run/stillimage") +
+                                        ended.printed.substr(ended.printed.rfind('/'))));
 }
 
-TEST_F(Identification, UnknownContentIsTold)
+TEST_F(Identification, UnknownContentIsReported)
 {
     for (const char* content : {"\xFF\xC0 not walked as a JPEG", "RIFF1234AVI LIST12345678"}) {
         home.folder().write("picture", content);
         const ended_worker ended = identify();
         EXPECT_EQ(ended.status, 1);
-        EXPECT_THAT(ended.told, EndsWith("FIXME: Unknown file type id\n"));
+        EXPECT_THAT(ended.printed, EndsWith("FIXME: Unknown file type id\n"));
     }
 }
 
@@ -139,7 +140,7 @@ TEST_F(Identification, DamagedMetadataIsSetAside)
     EXPECT_TRUE(kept);
 }
 
-TEST_F(Identification, RunBesideALiveWorkerDisturbsNobody)
+TEST_F(Identification, RunBesideALiveWorkerDoesNotDisturbIt)
 {
     write_jpeg(40, 30);
     const worker served(home, home.path("picture"), {"--metadir", home.path("meta")});

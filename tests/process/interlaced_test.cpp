@@ -1,5 +1,5 @@
-// An interlaced picture as clients of the real worker see it grow: coarse after the first pass,
-// then finer in place. The worker is stopped for each look at the shared planes.
+// An interlaced picture as clients of the real worker see it: coarse after the first pass, then
+// refined in place. The worker is stopped while a test compares the shared planes.
 #include <algorithm>
 #include <csignal>
 #include <fstream>
@@ -22,10 +22,10 @@ namespace {
 
 using bytes = std::vector<unsigned char>;
 
-// What is drawn after each row of the passes.
+// The planes after a row of a pass.
 struct drawn_state {
-    int pass; // that the row was the last or not the last of; 0 to 6
-    bool pass_complete;
+    int pass;           // of that row, 0 to 6
+    bool pass_complete; // it was the last row of the pass
     adam7_planes planes;
 };
 
@@ -64,7 +64,7 @@ protected:
     static constexpr uint32_t width = 128;
     static constexpr uint32_t height = 64;
 
-    // Starts a worker that takes its time, on `file`.
+    // Starts a worker on `file` with --slow-decode.
     void serve(const bytes& file)
     {
         const std::string path = home.path("interlaced.png");
@@ -103,7 +103,7 @@ protected:
         return count;
     }
 
-    bool is_ready() const { return served->told().find("[final]") != std::string::npos; }
+    bool is_ready() const { return served->printed().find("[final]") != std::string::npos; }
 
     worker_home home;
     std::unique_ptr<worker> served;
@@ -121,7 +121,7 @@ TEST_F(Interlaced, WaitingClientGetsTheCoarsePictureAndSeesItSharpen)
     EXPECT_EQ(picture.width, width);
     EXPECT_EQ(picture.provisional, 1);
     const size_t mappings = shared_mappings();
-    size_t at = height / 8 - 1; // the first pass is over
+    size_t at = height / 8 - 1; // the last row of the first pass
     std::vector<int> passes_seen;
     std::vector<int> complete_passes_seen;
     while (!is_ready() && !HasFatalFailure()) {
@@ -130,7 +130,7 @@ TEST_F(Interlaced, WaitingClientGetsTheCoarsePictureAndSeesItSharpen)
             while (now < states.size() && !shows(picture, states[now])) {
                 ++now;
             }
-            // Stopped in the middle of a row there is no match; the next look has one.
+            // There is no match when the worker stopped in the middle of a row; try again later.
             if (now < states.size()) {
                 at = now;
                 passes_seen.push_back(states[at].pass);
@@ -143,7 +143,7 @@ TEST_F(Interlaced, WaitingClientGetsTheCoarsePictureAndSeesItSharpen)
         pause_ms(15);
     }
     EXPECT_TRUE(shows(picture, states.back()));
-    // The mipmaps that follow these passes take a second.
+    // The mipmaps after these passes take a second each, so these states cannot be missed.
     EXPECT_THAT(complete_passes_seen, testing::IsSupersetOf({0, 2}));
     EXPECT_GT(passes_seen.size(), 7U);
     EXPECT_THAT(passes_seen, testing::Contains(testing::AllOf(testing::Gt(0), testing::Lt(6))));
@@ -153,7 +153,7 @@ TEST_F(Interlaced, WaitingClientGetsTheCoarsePictureAndSeesItSharpen)
     EXPECT_TRUE(shows(*stillimage_frame_picture(last.get()), states.back()));
 }
 
-TEST_F(Interlaced, ReducedPictureIsMadeAnewAfterPassesOneThreeAndSeven)
+TEST_F(Interlaced, LevelsAreRebuiltAfterPassesOneThreeAndSeven)
 {
     const bytes file = write_png(adam7_tests::random_picture(width, height, {2, 8}));
     const std::vector<drawn_state> states = states_of(file);
@@ -162,14 +162,14 @@ TEST_F(Interlaced, ReducedPictureIsMadeAnewAfterPassesOneThreeAndSeven)
     const held_frame frame = take_frame(client);
     ASSERT_NE(frame, nullptr);
     const stillimage_picture& picture = *stillimage_frame_picture(frame.get());
-    // In the middle of the passes that follow a rebuild, and at the end.
+    // The level's samples after the rebuilds that follow passes 1, 3 and 7.
     std::vector<bytes> seen[3];
     held_frame level;
     while (!is_ready() && !HasFatalFailure()) {
         if (level == nullptr) {
             level = take_frame(client, 0, width / 2, height / 2);
             if (stillimage_frame_picture(level.get())->width != width / 2) {
-                level = nullptr; // the levels are not there yet
+                level = nullptr; // the levels do not exist yet
             }
             continue;
         }
@@ -197,7 +197,7 @@ TEST_F(Interlaced, ReducedPictureIsMadeAnewAfterPassesOneThreeAndSeven)
     EXPECT_NE(seen[0].front(), seen[2].front());
 }
 
-TEST_F(Interlaced, AlphaIsDroppedUnderAReadingClient)
+TEST_F(Interlaced, AlphaIsDroppedWhileAClientReads)
 {
     const bytes file = write_png(adam7_tests::rgba_picture(128, 128, 255, 0));
     const std::vector<drawn_state> states = states_of(file);
@@ -217,10 +217,10 @@ TEST_F(Interlaced, AlphaIsDroppedUnderAReadingClient)
         pause_ms(5);
     }
     EXPECT_TRUE(dropped);
-    EXPECT_THAT(served->told(),
+    EXPECT_THAT(served->printed(),
                 HasSubstr("Image has opaque alpha channel. Disabling alpha channel.\n"));
-    // What the first frame holds is drawn to the end; an alpha plane stays as the first pass left
-    // it.
+    // The planes of the first frame are completed all the same; its alpha plane stays as it was
+    // after the first pass.
     EXPECT_TRUE(shows(*stillimage_frame_picture(first.get()), states.back()));
     EXPECT_TRUE(std::ranges::all_of(states.back().planes[STILLIMAGE_A],
                                     [](unsigned char sample) { return sample == 255; }));
@@ -237,7 +237,7 @@ TEST_F(Interlaced, SignalAfterTheFirstPassEndsTheWorkerSoon)
     ASSERT_NE(frame, nullptr);
     served->send(SIGTERM);
     EXPECT_EQ(served->wait_end(), 0);
-    // A hundred rows and more of a hundredth of a second each were to come.
+    // More than a hundred rows of 10 ms each were still to come.
     EXPECT_FALSE(shows(*stillimage_frame_picture(frame.get()), states_of(file).back()));
     EXPECT_TRUE(home.sockets().empty());
 }

@@ -1,4 +1,4 @@
-// Workers beside each other, signals at any time, and what is left when one has gone.
+// Several workers at once, signals at any time, and what a worker that ended leaves behind.
 #include <csignal>
 
 #include <gmock/gmock.h>
@@ -30,7 +30,7 @@ protected:
     {
         EXPECT_EQ(run_client(home, {served.socket(), "quit"}), 0);
         EXPECT_EQ(served.wait_end(), 0);
-        EXPECT_THAT(served.told(), HasSubstr("Caller requested to exit\n"));
+        EXPECT_THAT(served.printed(), HasSubstr("Caller requested to exit\n"));
     }
 
     worker_home home;
@@ -48,21 +48,21 @@ TEST_F(Life, TwoPicturesAreServedAtOnce)
     EXPECT_TRUE(home.sockets().empty());
 }
 
-TEST_F(Life, SecondWorkerOnTheSameItemIsRefusedAndTheFirstGoesOn)
+TEST_F(Life, SecondWorkerOnTheSameItemIsRefusedAndTheFirstContinues)
 {
     worker first(home, {{"--file", picture, "--no-autoshutdown"}});
     ASSERT_TRUE(first.wait_printed("Generating mipmap"));
     const ended_worker second = run_worker(home, {{"--file", picture, "--no-autoshutdown"}});
     EXPECT_EQ(second.status, 1);
-    EXPECT_THAT(second.told, HasSubstr(std::to_string(first.pid())));
-    EXPECT_THAT(second.told, HasSubstr(".sock"));
-    EXPECT_THAT(second.told, EndsWith("Failed to obtain derived params\n"));
+    EXPECT_THAT(second.printed, HasSubstr(std::to_string(first.pid())));
+    EXPECT_THAT(second.printed, HasSubstr(".sock"));
+    EXPECT_THAT(second.printed, EndsWith("Failed to obtain derived params\n"));
     EXPECT_EQ(run_client(home, {picture, "wait", "--timeout", "20"}), 0);
     EXPECT_EQ(run_client(home, {picture, "quit"}), 0);
     EXPECT_EQ(first.wait_end(), 0);
 }
 
-TEST_F(Life, KilledWorkerLeavesNothingInTheWayOfTheNext)
+TEST_F(Life, WorkerStartsAfterAKilledOne)
 {
     const worker::setting how = {{"--file", picture, "--no-autoshutdown"}};
     for (int round = 0; round < 3; ++round) {
@@ -88,20 +88,20 @@ TEST_F(Life, KilledAtAnyMomentTheNextStartWorks)
     EXPECT_EQ(run_worker(home, {{"--file", photograph, "--oneshot"}}).status, 0);
 }
 
-TEST_F(Life, SignalDuringDecodingEndsTheRunInOrder)
+TEST_F(Life, SignalDuringDecodingEndsTheRunCleanly)
 {
     for (const int signal : {SIGTERM, SIGINT, SIGQUIT}) {
         worker served(home, photograph, {"--slow-decode"});
         ASSERT_TRUE(served.wait_printed("Using CNB buffer"));
         served.send(signal);
         EXPECT_EQ(served.wait_end(), 0);
-        EXPECT_THAT(served.told(), Not(HasSubstr("Generating mipmap")));
-        EXPECT_THAT(served.told(), HasSubstr("Cleaning up\n"));
+        EXPECT_THAT(served.printed(), Not(HasSubstr("Generating mipmap")));
+        EXPECT_THAT(served.printed(), HasSubstr("Cleaning up\n"));
         EXPECT_TRUE(home.sockets().empty());
     }
 }
 
-TEST_F(Life, SignalWhileServingEndsTheRunInOrder)
+TEST_F(Life, SignalWhileServingEndsTheRunCleanly)
 {
     worker served(home, picture);
     ASSERT_TRUE(served.wait_ready());
@@ -114,8 +114,8 @@ TEST_F(Life, TwentySignalsAbort)
 {
     worker served(home, photograph, {"--slow-decode"});
     ASSERT_TRUE(served.wait_printed("Using CNB buffer"));
-    served.send(SIGSTOP); // so that nothing but the signals happens to it
-    // Signals of one kind do not queue: one at a time.
+    served.send(SIGSTOP); // so that the signals are pending together
+    // Signals of one kind do not queue, so send them one at a time.
     for (int i = 0; i < 200 && served.wait_end(1) == worker::no_end; ++i) {
         served.send(SIGTERM);
         served.send(SIGINT);
@@ -123,10 +123,10 @@ TEST_F(Life, TwentySignalsAbort)
         served.send(SIGCONT);
     }
     const int end = served.wait_end();
-    EXPECT_TRUE(end == -SIGABRT || end == 0) << end; // 0: it was quicker
+    EXPECT_TRUE(end == -SIGABRT || end == 0) << end; // 0: it ended before the twentieth
 }
 
-TEST_F(Life, DecodingIsWatchedByClients)
+TEST_F(Life, ClientsReceiveTheProgressOfDecoding)
 {
     worker served(home, photograph, {"--slow-decode"});
     stillimage_client* client = nullptr;
@@ -169,10 +169,10 @@ TEST_F(Life, RequestLargerThanTheDomainIsRefusedAtOnce)
     const ended_worker ended =
         run_worker(home, {{"--file", large_picture("large.jpg", 8), "--domain-limit", "4M"}});
     EXPECT_EQ(ended.status, 1);
-    EXPECT_THAT(ended.told, EndsWith("CNB allocation failed\n"));
+    EXPECT_THAT(ended.printed, EndsWith("CNB allocation failed\n"));
 }
 
-TEST_F(Life, WaitingWorkerIsServedAndTakesTheBufferThatBecomesFree)
+TEST_F(Life, WaitingWorkerAnswersClientsAndTakesAFreedBuffer)
 {
     const std::string large = large_picture("large.jpg", 8);
     const std::vector<std::string> limit = {"--domain-limit", "16M"};
@@ -182,7 +182,7 @@ TEST_F(Life, WaitingWorkerIsServedAndTakesTheBufferThatBecomesFree)
     stillimage_client* client = nullptr;
     ASSERT_EQ(stillimage_connect(second.socket().c_str(), 30'000, &client), STILLIMAGE_OK);
     EXPECT_EQ(stillimage_ping(client, 30'000), STILLIMAGE_OK);
-    EXPECT_THAT(second.told(), Not(HasSubstr("Using CNB buffer")));
+    EXPECT_THAT(second.printed(), Not(HasSubstr("Using CNB buffer")));
     expect_quit(first);
     EXPECT_EQ(stillimage_wait_ready(client, 0, 30'000), STILLIMAGE_OK);
     stillimage_close(client);
@@ -201,7 +201,7 @@ TEST_F(Life, SignalEndsTheWaitForTheBuffer)
     stillimage_close(client);
     second.send(SIGTERM);
     EXPECT_EQ(second.wait_end(), 0);
-    EXPECT_THAT(second.told(), HasSubstr("Cleaning up\n"));
+    EXPECT_THAT(second.printed(), HasSubstr("Cleaning up\n"));
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// Workers in control groups with little memory: whatever the picture makes a codec ask for, the kernel
-// never ends the worker. It serves the picture, black perhaps, or ends with its message.
+// Workers in control groups with little memory: however much memory a codec requests, the kernel
+// never kills the worker. It serves the picture, possibly black, or ends with its message.
 #include <cmath>
 #include <fcntl.h>
 #include <filesystem>
@@ -40,7 +40,7 @@ constexpr uint32_t uncompressed = 1;
 constexpr uint32_t lzw = 5;
 constexpr uint32_t tiff_rgb = 2;
 
-// --- pictures of a few bytes, or with a hole where their samples would be -----------------------
+// --- large pictures in small files --------------------------------------------------------------
 
 file_bytes large_jpeg(uint32_t side, J_COLOR_SPACE colour_space)
 {
@@ -79,7 +79,7 @@ file_bytes black_webp(uint32_t side)
     return one_colour_webp(side, side);
 }
 
-// An image as large as the screen, of which there is one pixel.
+// An image as large as the screen, with data for one pixel only.
 file_bytes empty_gif(uint32_t side)
 {
     gif_spec screen;
@@ -117,9 +117,9 @@ file_bytes lzw_tiff_of_one_strip(uint32_t side)
 struct large_picture {
     const char* name;
     file_bytes (*write)(uint32_t side);
-    double buffer_bytes; // of a pixel in the frame buffer, reduced levels included
-    uint64_t hole_bytes; // of a pixel in the file, in a hole at its end
-    bool codec_grows;    // takes more memory than the frame buffer
+    double buffer_bytes; // per pixel in the frame buffer, reduced levels included
+    uint64_t hole_bytes; // per pixel in the file, as a hole at its end
+    bool codec_grows;    // the codec takes more memory than the frame buffer
 };
 
 constexpr large_picture large_pictures[] = {
@@ -132,12 +132,12 @@ constexpr large_picture large_pictures[] = {
     {"lzw.tif", lzw_tiff_of_one_strip, 6, 3, false},
 };
 
-// The largest side of a picture whose frame buffer takes at most this.
+// The largest side of a picture whose frame buffer takes at most `buffer` bytes.
 uint32_t side_for(const large_picture& picture, uint64_t buffer)
 {
-    constexpr double largest = 16383;
+    constexpr double max_side = 16383;
     const double side = std::sqrt(static_cast<double>(buffer) / picture.buffer_bytes) * 0.99;
-    return static_cast<uint32_t>(std::min(side, largest));
+    return static_cast<uint32_t>(std::min(side, max_side));
 }
 
 class MemoryGroup : public testing::Test {
@@ -173,7 +173,7 @@ protected:
         std::ofstream(group.members_file()) << getpid() << std::flush;
     }
 
-    // One run in a group of its own that has `bytes` of memory.
+    // One run in a group of its own with `bytes` of memory.
     ended_worker run(uint64_t bytes, const std::string& path,
                      const std::vector<std::string>& more = {}) const
     {
@@ -196,8 +196,9 @@ protected:
     {
         SCOPED_TRACE(std::string(picture.name) + ", " + std::to_string(side) + " each way");
         const ended_worker ended = run(bytes, write(picture, side), more);
-        EXPECT_THAT(ended.status, AnyOf(0, 1)) << ended.told;
-        EXPECT_THAT(ended.told, AnyOf(HasSubstr("Oneshot\n"), EndsWith("CNB allocation failed\n")));
+        EXPECT_THAT(ended.status, AnyOf(0, 1)) << ended.printed;
+        EXPECT_THAT(ended.printed,
+                    AnyOf(HasSubstr("Oneshot\n"), EndsWith("CNB allocation failed\n")));
     }
 
     worker_home home;
@@ -215,11 +216,11 @@ TEST_P(MemoryGroupOfSize, LargestPictureOfEachFormatIsServedOrRefused)
     }
 }
 
-// With 2 GiB the largest WebP picture fits beside its frame buffer.
+// With 2 GiB the largest WebP picture would fit beside its frame buffer.
 INSTANTIATE_TEST_SUITE_P(Mebibytes, MemoryGroupOfSize, testing::Values(64, 128, 256, 512, 1024),
                          testing::PrintToStringParamName());
 
-// From where everything fits to where the buffer alone is too large.
+// From sizes at which everything fits to sizes at which the frame buffer alone is too large.
 TEST_F(MemoryGroup, PictureOfAnySizeIsServedOrRefused)
 {
     constexpr uint64_t bytes = 64 * mebibyte;
@@ -231,26 +232,26 @@ TEST_F(MemoryGroup, PictureOfAnySizeIsServedOrRefused)
     }
 }
 
-TEST_F(MemoryGroup, LosslessWebpIsDecodedWhereItsPixelsFitAndBlackWhereTheyDoNot)
+TEST_F(MemoryGroup, LosslessWebpIsBlackWhenItsPixelsDoNotFit)
 {
     const large_picture& webp = large_pictures[0];
-    EXPECT_THAT(run(64 * mebibyte, write(webp, 2700)).told, HasSubstr("WebP decoded\n"));
-    EXPECT_THAT(run(64 * mebibyte, write(webp, 3300)).told,
+    EXPECT_THAT(run(64 * mebibyte, write(webp, 2700)).printed, HasSubstr("WebP decoded\n"));
+    EXPECT_THAT(run(64 * mebibyte, write(webp, 3300)).printed,
                 HasSubstr("WARNING: Failed to decode WebP image\n"));
 }
 
-TEST_F(MemoryGroup, LimitOfTheGroupAboveCounts)
+TEST_F(MemoryGroup, LimitOfTheParentGroupApplies)
 {
     const memory_group outer(64 * mebibyte);
     const memory_group inner(1024 * mebibyte, outer);
     ASSERT_EQ(inner.reason(), "");
     const ended_worker ended = run_in(inner, write(large_pictures[0], 3300));
-    EXPECT_EQ(ended.status, 0) << ended.told;
-    EXPECT_THAT(ended.told, HasSubstr("WARNING: Failed to decode WebP image\n"));
+    EXPECT_EQ(ended.status, 0) << ended.printed;
+    EXPECT_THAT(ended.printed, HasSubstr("WARNING: Failed to decode WebP image\n"));
     EXPECT_EQ(outer.kills(), 0U);
 }
 
-TEST_F(MemoryGroup, MemoryOfOthersInTheGroupIsNotThere)
+TEST_F(MemoryGroup, MemoryUsedByOthersInTheGroupIsNotAvailable)
 {
     const memory_group group(128 * mebibyte);
     int ends[2] = {-1, -1};
@@ -265,16 +266,16 @@ TEST_F(MemoryGroup, MemoryOfOthersInTheGroupIsNotThere)
     char byte = 0;
     ASSERT_EQ(read(ends[0], &byte, 1), 1);
     const ended_worker ended = run_in(group, write(large_pictures[0], 3300));
-    EXPECT_EQ(ended.status, 0) << ended.told;
-    EXPECT_THAT(ended.told, HasSubstr("WARNING: Failed to decode WebP image\n"));
+    EXPECT_EQ(ended.status, 0) << ended.printed;
+    EXPECT_THAT(ended.printed, HasSubstr("WARNING: Failed to decode WebP image\n"));
     other.kill_now();
     close(ends[0]);
     close(ends[1]);
 }
 
-// Frames are read into memory when the file is examined, before there is a frame buffer: of each what
-// the screen shows, and nothing of those that no buffer could hold.
-TEST_F(MemoryGroup, GifFramesOfMoreThanThereIsAreNotKept)
+// Examination reads the frames into memory before there is a frame buffer. It keeps the part of
+// each frame that lies on the screen, and drops frames that no frame buffer could hold.
+TEST_F(MemoryGroup, GifFramesLargerThanMemoryAreNotKept)
 {
     gif_spec spec;
     gif_frame_spec frame;
@@ -282,17 +283,18 @@ TEST_F(MemoryGroup, GifFramesOfMoreThanThereIsAreNotKept)
     frame.all_zero = true;
     spec.frames.assign(10, frame);
     const ended_worker small = run(64 * mebibyte, write("beyond_the_screen.gif", write_gif(spec)));
-    EXPECT_EQ(small.status, 0) << small.told;
-    EXPECT_THAT(small.told, Not(HasSubstr("GIF reading error (?)\n")));
+    EXPECT_EQ(small.status, 0) << small.printed;
+    EXPECT_THAT(small.printed, Not(HasSubstr("GIF reading error (?)\n")));
     spec.width = spec.height = 2000;
     const ended_worker large = run(64 * mebibyte, write("on_the_screen.gif", write_gif(spec)));
-    EXPECT_EQ(large.status, 1) << large.told;
-    EXPECT_THAT(large.told, Not(HasSubstr("GIF reading error (?)\n")));
-    EXPECT_THAT(large.told, EndsWith("CNB allocation failed\n"));
+    EXPECT_EQ(large.status, 1) << large.printed;
+    EXPECT_THAT(large.printed, Not(HasSubstr("GIF reading error (?)\n")));
+    EXPECT_THAT(large.printed, EndsWith("CNB allocation failed\n"));
 }
 
-// What tags hold is read then, too: as much as a file of that size may ask for, and more than there is.
-TEST_F(MemoryGroup, TiffTagOfMoreThanThereIsEndsNothing)
+// Examination also reads the values of tags. This one is as long as the file allows, and longer
+// than the memory of the group.
+TEST_F(MemoryGroup, TiffTagLargerThanMemoryDoesNotKillTheWorker)
 {
     constexpr uint16_t first_private_tag = 40000;
     constexpr uint32_t tag_bytes = 60 * mebibyte;
@@ -301,11 +303,11 @@ TEST_F(MemoryGroup, TiffTagOfMoreThanThereIsEndsNothing)
     const std::string path = write("tags.tif", write_tiff(spec));
     std::filesystem::resize_file(path, tag_bytes + mebibyte);
     const ended_worker ended = run(64 * mebibyte, path);
-    EXPECT_THAT(ended.status, AnyOf(0, 1)) << ended.told;
-    EXPECT_THAT(ended.told, AnyOf(HasSubstr("Oneshot\n"), HasSubstr("emory"))) << ended.told;
+    EXPECT_THAT(ended.status, AnyOf(0, 1)) << ended.printed;
+    EXPECT_THAT(ended.printed, AnyOf(HasSubstr("Oneshot\n"), HasSubstr("emory"))) << ended.printed;
 }
 
-TEST_F(MemoryGroup, ClientsAreServedWhenACodecGotNothing)
+TEST_F(MemoryGroup, ClientsAreServedWhenACodecGotNoMemory)
 {
     const memory_group group(64 * mebibyte);
     const std::string path = write(large_pictures[0], 4500);
@@ -317,15 +319,15 @@ TEST_F(MemoryGroup, ClientsAreServedWhenACodecGotNothing)
     for (int i = 0; i < 20; ++i) {
         clients.push_back(connect_to(home.path("s")));
         const held_frame frame = take_frame(clients.back());
-        ASSERT_NE(frame, nullptr) << served.told();
+        ASSERT_NE(frame, nullptr) << served.printed();
         EXPECT_EQ(stillimage_frame_picture(frame.get())->width, 4500U);
         EXPECT_EQ(stillimage_set_metadata(clients.back().get(), "colour",
                                           std::string(10'000, 'x').c_str(), 10'000),
                   STILLIMAGE_OK);
     }
-    EXPECT_THAT(served.told(), HasSubstr("WARNING: Failed to decode WebP image\n"));
+    EXPECT_THAT(served.printed(), HasSubstr("WARNING: Failed to decode WebP image\n"));
     EXPECT_EQ(stillimage_quit(clients.front().get(), 10'000), STILLIMAGE_OK);
-    EXPECT_EQ(served.wait_end(), 0) << served.told();
+    EXPECT_EQ(served.wait_end(), 0) << served.printed();
     EXPECT_EQ(group.kills(), 0U);
 }
 

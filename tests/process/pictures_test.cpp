@@ -1,4 +1,4 @@
-// Real pictures through the real worker: what it ends in, and every byte that clients can see.
+// Real pictures through the real worker: its exit status, and every byte that clients can see.
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -49,8 +49,8 @@ held_client connect_to(const worker& served)
 class Pictures : public jpeg_test {
 protected:
     // Lays the frame buffer out in this process as the worker does, and draws the picture into a
-    // copy by the plain rules. The scanline lists are taken from `served`: they are judged on their
-    // own, and the pyramid's spare rows are made from them.
+    // copy with the literal decoder. The scanline lists are copied from `served`: they have tests
+    // of their own, and the spare rows of the levels are computed from them.
     std::vector<unsigned char> expected_area(const jpeg_writer::file_bytes& file,
                                              const unsigned char* served)
     {
@@ -95,7 +95,7 @@ protected:
         return picture;
     }
 
-    // Takes a frame for an output of this size and compares its description with the record.
+    // Takes a frame for an output of this size and compares its description with `level`.
     static void expect_level(stillimage_client* client, int width, int height,
                              const mipmap_image& level)
     {
@@ -147,12 +147,12 @@ protected:
         }
         stillimage_frame_release(frame);
         EXPECT_EQ(stillimage_quit(connected, 30'000), STILLIMAGE_OK);
-        EXPECT_EQ(served.wait_end(), 0) << path << served.told();
+        EXPECT_EQ(served.wait_end(), 0) << path << served.printed();
         EXPECT_TRUE(home.sockets().empty()) << path;
     }
 };
 
-TEST_F(Pictures, EveryByteOfAServedPictureIsAsTold)
+TEST_F(Pictures, EveryByteOfAServedPictureIsAsExpected)
 {
     for (const char* name : {"arithmetic-420.jpg",
                              "cmyk-32x32.jpg",
@@ -178,14 +178,14 @@ TEST_F(Pictures, EveryByteOfAServedPictureIsAsTold)
     }
 }
 
-TEST_F(Pictures, EveryByteOfAPhotographIsAsTold)
+TEST_F(Pictures, EveryByteOfAPhotographIsAsExpected)
 {
     for (const char* name : {"harvesters-420.jpg", "landscape-420.jpg", "photo-422.jpg"}) {
         expect_served_byte_for_byte(data_path(name));
     }
 }
 
-TEST_F(Pictures, WhatTheHeapHeldBeforeIsNeverSeen)
+TEST_F(Pictures, FormerHeapContentsAreNeverServed)
 {
     for (const char* perturb : {"MALLOC_PERTURB_=85", "MALLOC_PERTURB_=170"}) {
         for (const char* name : {"cmyk-odd-width.jpg", "ycck-440.jpg", "size-17x17.jpg"}) {
@@ -197,7 +197,7 @@ TEST_F(Pictures, WhatTheHeapHeldBeforeIsNeverSeen)
 struct expectation {
     const char* name;
     int status;
-    const char* told; // how its standard error ends
+    const char* message; // the end of its standard error
 };
 
 TEST_F(Pictures, RefusedPicturesEndWithStatusOneAndTheirMessage)
@@ -225,7 +225,7 @@ TEST_F(Pictures, RefusedPicturesEndWithStatusOneAndTheirMessage)
         const worker_home home;
         const ended_worker ended = run_worker(home, {{"--file", data_path(expected.name)}});
         EXPECT_EQ(ended.status, expected.status) << expected.name;
-        EXPECT_THAT(ended.told, EndsWith(expected.told)) << expected.name;
+        EXPECT_THAT(ended.printed, EndsWith(expected.message)) << expected.name;
     }
 }
 
@@ -239,9 +239,10 @@ TEST_F(Pictures, PicturesThatCannotBeStartedAreServedUndecoded)
         const worker_home home;
         const worker served(home, data_path(name));
         ASSERT_TRUE(served.wait_ready()) << name;
-        EXPECT_THAT(served.told(), HasSubstr(std::string(library_line) +
-                                             "jpeg_start_decompress() threw an error. giving up\n"
-                                             "WARNING: Failed to decode JPEG\n"));
+        EXPECT_THAT(served.printed(),
+                    HasSubstr(std::string(library_line) +
+                              "jpeg_start_decompress() threw an error. giving up\n"
+                              "WARNING: Failed to decode JPEG\n"));
         const held_client client = connect_to(served);
         stillimage_frame* frame = nullptr;
         ASSERT_EQ(stillimage_get_frame(client.get(), 0, 0, 0, 30'000, &frame), STILLIMAGE_OK);
@@ -250,13 +251,13 @@ TEST_F(Pictures, PicturesThatCannotBeStartedAreServedUndecoded)
     }
 }
 
-TEST_F(Pictures, SubsampledYcckIsToldOncePerRowGroup)
+TEST_F(Pictures, SubsampledYcckIsReportedOncePerRowGroup)
 {
     const worker_home home;
     const worker served(home, data_path("ycck-420.jpg"));
     ASSERT_TRUE(served.wait_ready());
     const std::string line = "ERROR: YCCK -> YUV: Unsupported chroma subsample\n";
-    const std::string text = served.told();
+    const std::string text = served.printed();
     size_t lines = 0;
     for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) {
         ++lines;

@@ -1,4 +1,4 @@
-// What `play` writes, read back by ffmpeg: every kind of picture, frame for frame.
+// The output of `play`, read back by ffmpeg: every kind of picture, frame by frame.
 #include <array>
 #include <cstdio>
 #include <memory>
@@ -20,7 +20,7 @@ struct frame_releaser {
 };
 using held_frame = std::unique_ptr<stillimage_frame, frame_releaser>;
 
-// Standard output of a command of the shell, and its status as pclose tells it.
+// Standard output of a shell command. `status` receives what pclose returns.
 std::string output_of(const std::string& command, int* status)
 {
     FILE* pipe = popen(command.c_str(), "r");
@@ -56,7 +56,7 @@ std::string read_back(const std::string& path)
     return planes;
 }
 
-// The visible samples of a plane; chroma spread over all pixels when `spread`.
+// Appends the visible samples of a plane. With `spread`, chroma is repeated for every pixel.
 void append_plane(const stillimage_picture& picture, int plane, bool spread, std::string* to)
 {
     const bool chroma = plane == STILLIMAGE_U || plane == STILLIMAGE_V;
@@ -72,7 +72,7 @@ void append_plane(const stillimage_picture& picture, int plane, bool spread, std
     }
 }
 
-// A worker, and what its frames hold.
+// A worker, its client, and the expected contents of its frames.
 class Play : public testing::Test {
 protected:
     void serve(const std::string& picture)
@@ -80,7 +80,7 @@ protected:
         served_.reset();
         client_.reset();
         served_ = std::make_unique<worker>(home_, picture);
-        ASSERT_TRUE(served_->wait_ready()) << served_->told();
+        ASSERT_TRUE(served_->wait_ready()) << served_->printed();
         stillimage_client* client = nullptr;
         ASSERT_EQ(stillimage_connect(served_->socket().c_str(), 30'000, &client), STILLIMAGE_OK);
         client_.reset(client);
@@ -91,7 +91,7 @@ protected:
         serve(home_.path(name));
     }
 
-    // The planes of the frame that is shown then, as ffmpeg has them in this pixel format.
+    // The planes of the frame shown at `moment`, as ffmpeg writes them in this pixel format.
     std::string frame_at(uint64_t moment, const std::string& format)
     {
         stillimage_frame* taken = nullptr;
@@ -111,7 +111,7 @@ protected:
         return planes;
     }
 
-    // Plays into a file and has it read back: the frames shown at these moments.
+    // Plays into a file and reads it back: it holds the frames shown at these moments.
     void expect_played(const std::vector<std::string>& arguments, const std::string& format,
                        const std::string& properties, const std::vector<uint64_t>& moments)
     {
@@ -135,7 +135,7 @@ protected:
                       size + "|1:1|" + format + "|tv|3/1|1.000000|3\n", {0, 0, 0});
     }
 
-    // The call as words for the shell.
+    // The call for the shell.
     std::string play() const { return STILLIMAGE_CLIENT_PROGRAM " " + served_->socket() + " play"; }
 
     worker_home home_;
@@ -148,7 +148,7 @@ std::string data(const char* name)
     return std::string(STILLIMAGE_TEST_DATA "/") + name;
 }
 
-// Pixels that differ, opaque or not.
+// RGBA pixels of varying colours, all opaque or of varying alpha.
 std::vector<unsigned char> colours(int width, int height, bool opaque)
 {
     std::vector<unsigned char> rgba;
@@ -192,7 +192,8 @@ TEST_F(Play, WebPsOfOddSizes)
     expect_still("17|13", "yuva444p");
 }
 
-// Shown for 50, 10 (none is told) and 20 hundredths of a second; transparent in the third.
+// Three frames, shown for 50, 10 (the file has no delay) and 20 hundredths of a second. The third
+// is transparent.
 std::vector<unsigned char> animated_gif()
 {
     gif_spec spec = {.width = 5, .height = 3};
@@ -235,16 +236,16 @@ TEST_F(Play, AnimationThroughAPipe)
     EXPECT_TRUE(planes == expected) << "planes differ";
 }
 
-TEST_F(Play, ReaderThatHasSeenEnoughEndsAnEndlessStreamQuietly)
+TEST_F(Play, ReaderThatStopsEndsAnEndlessStreamQuietly)
 {
     serve("animation.gif", animated_gif());
     int status = 0;
     const std::string first_bytes = output_of("(" + play() + " --no-pace; echo $? >&2) 2>" +
-                                                  home_.path("told") + " | head -c 9",
+                                                  home_.path("status") + " | head -c 9",
                                               &status);
     EXPECT_EQ(first_bytes, "YUV4MPEG2");
-    EXPECT_TRUE(eventually([&] { return home_.folder().read("told") == "0\n"; }))
-        << home_.folder().read("told");
+    EXPECT_TRUE(eventually([&] { return home_.folder().read("status") == "0\n"; }))
+        << home_.folder().read("status");
 }
 
 } // namespace

@@ -1,4 +1,5 @@
-// What a service manager hears from the real program on the socket that NOTIFY_SOCKET names, and when.
+// What the real program reports to a service manager on the socket named by NOTIFY_SOCKET, and
+// when.
 #include <algorithm>
 #include <csignal>
 #include <cstddef>
@@ -24,7 +25,7 @@ namespace {
 
 const std::string picture = STILLIMAGE_TEST_DATA "/jpeg/landscape-420.jpg";
 
-// A manager's end: takes messages, each with its own lines.
+// The manager's end of the socket: collects the messages, each of one or more lines.
 class manager {
 public:
     explicit manager(const std::string& address)
@@ -48,7 +49,7 @@ public:
         return messages_;
     }
 
-    // The message that says so, waited for; npos when it does not come.
+    // Waits for a message with `text` and returns its index; npos when none arrives in time.
     size_t wait_for(const std::string& text)
     {
         size_t found = std::string::npos;
@@ -77,7 +78,7 @@ class ServiceManager : public testing::Test {
 protected:
     std::string address() const { return home.path("notify"); }
 
-    // On socket "s" below the home folder.
+    // Serves on socket "s" in the home folder.
     worker::setting serving(const std::string& file, const std::string& address) const
     {
         return {{"--file", file, "--sock", home.path("s"), "--no-autoshutdown"},
@@ -87,7 +88,7 @@ protected:
     worker_home home;
 };
 
-TEST_F(ServiceManager, HearsProgressThenReadinessThenTheEnd)
+TEST_F(ServiceManager, ReceivesProgressThenReadinessThenTheEnd)
 {
     manager host(address());
     worker served(home, serving(picture, address()));
@@ -104,7 +105,7 @@ TEST_F(ServiceManager, HearsProgressThenReadinessThenTheEnd)
     EXPECT_THAT(host.messages().back(), StartsWith("STOPPING=1\n"));
 }
 
-TEST_F(ServiceManager, ReadinessMeansThatAFrameIsThereAtOnce)
+TEST_F(ServiceManager, FrameIsAvailableOnceReadinessIsReported)
 {
     manager host(address());
     worker served(home, serving(picture, address()));
@@ -132,7 +133,7 @@ TEST_F(ServiceManager, RefusedFileIsNeverReady)
     EXPECT_THAT(host.messages(), Each(Not(HasSubstr("READY"))));
 }
 
-TEST_F(ServiceManager, QuitByAClientIsAnEndInOrder)
+TEST_F(ServiceManager, QuitByAClientIsReportedAsStopping)
 {
     manager host(address());
     worker served(home, serving(picture, address()));
@@ -142,7 +143,7 @@ TEST_F(ServiceManager, QuitByAClientIsAnEndInOrder)
     EXPECT_THAT(host.messages(), Contains(HasSubstr("STOPPING=1\n")));
 }
 
-TEST_F(ServiceManager, DaemonNamesItself)
+TEST_F(ServiceManager, DaemonReportsItsOwnPid)
 {
     manager host(address());
     worker::setting how = serving(picture, address());
@@ -157,18 +158,17 @@ TEST_F(ServiceManager, DaemonNamesItself)
     EXPECT_NE(host.wait_for("STOPPING=1\n"), std::string::npos);
 }
 
-TEST_F(ServiceManager, WhoNeverReadsDoesNotHoldTheWorkerUp)
+TEST_F(ServiceManager, ManagerThatNeverReadsDoesNotBlockTheWorker)
 {
-    manager host(address()); // its queue is full after some messages
+    manager host(address()); // its queue fills up after a few messages
     worker served(home, serving(picture, address()));
     EXPECT_EQ(run_client(home, {home.path("s"), "wait", "--timeout", "30"}), 0);
     served.send(SIGTERM);
     EXPECT_EQ(served.wait_end(), 0);
-    // What was waiting when it ended tells of the end, whatever had no room before.
-    EXPECT_THAT(host.messages(), Not(IsEmpty()));
+    EXPECT_THAT(host.messages(), Not(IsEmpty())); // those that the queue had room for
 }
 
-TEST_F(ServiceManager, ManagerThatIsGoneDoesNotEndTheWorker)
+TEST_F(ServiceManager, MissingManagerDoesNotEndTheWorker)
 {
     worker served(home, serving(picture, home.path("nobody")));
     EXPECT_EQ(run_client(home, {home.path("s"), "wait", "--timeout", "30"}), 0);

@@ -1,5 +1,5 @@
-// What clients set in the item's metadata: where it takes effect, what it survives, and that no
-// text of theirs breaks the status document.
+// Metadata that clients set: what it affects, what it survives, and that no text of a client makes
+// the status document invalid.
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
@@ -46,10 +46,10 @@ protected:
     void quit(worker& served) const
     {
         EXPECT_EQ(run_client(home, {served.socket(), "quit"}), 0);
-        EXPECT_EQ(served.wait_end(), 0) << served.told();
+        EXPECT_EQ(served.wait_end(), 0) << served.printed();
     }
 
-    // The value of the entry in the status document.
+    // The value of a metadata entry in the status document; "(none)" when there is no such entry.
     static std::string shown(const Json& document, const std::string& name)
     {
         for (const Json& entry : document["metadata"].array_items()) {
@@ -64,9 +64,9 @@ protected:
     const std::string metadir = home.path("meta");
 };
 
-// --- where they take effect ---------------------------------------------------------------------
+// --- what they affect ---------------------------------------------------------------------------
 
-TEST_F(SettingsByClients, ReachFramesMadeAfterwardsAndAreThereAfterARestart)
+TEST_F(SettingsByClients, ApplyToLaterFramesAndSurviveARestart)
 {
     auto served = std::make_unique<worker>(
         home, picture, std::vector<std::string>{"--metadir", metadir, "--aspect-ratio", "4:3"});
@@ -77,10 +77,10 @@ TEST_F(SettingsByClients, ReachFramesMadeAfterwardsAndAreThereAfterARestart)
     set(*served, "background music", "on");
     const Json frame = printed_by({served->socket(), "frame"});
     EXPECT_EQ(frame["aspect"], wide);
-    EXPECT_EQ(frame["scanline"]["aspect"], standard); // written before
+    EXPECT_EQ(frame["scanline"]["aspect"], standard); // written before the change
     EXPECT_EQ(stillimage_frame_picture(before.get())->aspect_numerator, 4);
     EXPECT_THAT(home.folder().read("meta/metadata"), Not(HasSubstr("aspect ratio = 16:9\n")));
-    EXPECT_TRUE(eventually([&] { // within a second or so, not only at the end
+    EXPECT_TRUE(eventually([&] { // within a second or so, not only when the worker ends
         const std::string stored = home.folder().read("meta/metadata");
         return stored.find("aspect ratio = 16:9\n") != std::string::npos &&
                stored.find("background music = on\n") != std::string::npos;
@@ -98,15 +98,15 @@ TEST_F(SettingsByClients, ReachFramesMadeAfterwardsAndAreThereAfterARestart)
     quit(restarted);
 }
 
-// A worker that waits for room in its domain has not written its lists yet.
-TEST_F(SettingsByClients, ReachScanlineListsWrittenAfterwards)
+// A worker that waits for room in its domain has not written its scanline lists yet.
+TEST_F(SettingsByClients, ApplyToScanlineListsWrittenLater)
 {
     worker first(home, picture, {"--domain-limit", "40K"});
     ASSERT_TRUE(first.wait_ready());
     worker second(home, picture, {"--domain-limit", "40K", "--metadir", metadir});
     ASSERT_TRUE(second.wait_printed("mipmap[0]: ")); // the last step before the wait
     set(second, "aspect ratio", "16:9");
-    EXPECT_TRUE(eventually([&] { // written within a second or so, though nothing is served yet
+    EXPECT_TRUE(eventually([&] { // within a second or so, although nothing is served yet
         return home.folder().read("meta/metadata").find("ratio = 16:9\n") != std::string::npos;
     }));
     EXPECT_EQ(printed_by({second.socket(), "status"})["buffer"]["number"], Json(0));
@@ -140,7 +140,7 @@ TEST_F(SettingsByClients, AreNotWrittenWhenMetadataMayNotBeUpdated)
               before);
 }
 
-TEST_F(SettingsByClients, NamesThatAlmostMatchAreEntriesAndNothingElse)
+TEST_F(SettingsByClients, NamesThatAlmostMatchAreOrdinaryEntries)
 {
     worker served(home, picture, {"--aspect-ratio", "4:3"});
     ASSERT_TRUE(served.wait_ready());
@@ -160,7 +160,7 @@ TEST_F(SettingsByClients, NamesThatAlmostMatchAreEntriesAndNothingElse)
     EXPECT_EQ(printed_by({served.socket(), "frame"})["aspect"], standard);
 }
 
-// --- what the answer promises -------------------------------------------------------------------
+// --- what an answer guarantees ------------------------------------------------------------------
 
 TEST_F(SettingsByClients, SurviveAKillRightAfterTheAnswer)
 {
@@ -174,12 +174,12 @@ TEST_F(SettingsByClients, SurviveAKillRightAfterTheAnswer)
             served.send(SIGKILL);
         }
         EXPECT_EQ(served.wait_end(), -SIGKILL);
-        // Every other time the next look is that of a run which writes nothing.
+        // In every other round the next run does not write metadata.
         if (round % 2 == 0) {
             const ended_worker looked =
                 run_worker(home, {{"--file", picture, "--metadir", metadir, "--identify-only",
                                    "--no-metadata-update"}});
-            EXPECT_THAT(looked.told, HasSubstr("   Aspect ratio: " + value + "\n"));
+            EXPECT_THAT(looked.printed, HasSubstr("   Aspect ratio: " + value + "\n"));
         }
         worker next(home, picture, {"--metadir", metadir});
         EXPECT_EQ(shown(printed_by({next.socket(), "status"}), "aspect ratio"), value);
@@ -190,8 +190,8 @@ TEST_F(SettingsByClients, SurviveAKillRightAfterTheAnswer)
     }
 }
 
-// The worker's folder is gone: it goes on with the value, and says that it will not last.
-TEST_F(SettingsByClients, SayWhenTheyAreNotStoredAndWhy)
+// Without its folder the worker applies the value, and reports that it is not stored.
+TEST_F(SettingsByClients, FailureToStoreIsReportedWithItsReason)
 {
     worker served(home, picture, {"--metadir", metadir});
     ASSERT_TRUE(served.wait_ready());
@@ -205,12 +205,12 @@ TEST_F(SettingsByClients, SayWhenTheyAreNotStoredAndWhy)
     EXPECT_EQ(printed_by({served.socket(), "frame"})["aspect"], wide);
     EXPECT_EQ(printed_by({served.socket(), "status"})["metadata not stored"]["count"], Json(1));
     quit(served);
-    EXPECT_THAT(served.told(), HasSubstr("What clients have set is lost\n"));
+    EXPECT_THAT(served.printed(), HasSubstr("What clients have set is lost\n"));
 }
 
 // --- hostile texts ------------------------------------------------------------------------------
 
-// Every byte but 0, over and over.
+// All byte values except 0, repeated.
 std::string every_byte(size_t size)
 {
     std::string text;
@@ -250,10 +250,10 @@ TEST_F(SettingsByClients, MegabytesOfHostileTextsLeaveTheDocumentValid)
     EXPECT_EQ(printed_by({served->socket(), "status"})["metadata cut"], Json(true));
     quit(*served);
 
-    // Four megabytes of them in the file: read, kept and cut the same way.
+    // The four megabytes in the file are read, kept, and truncated in the document in the same way.
     EXPECT_GT(home.folder().read("meta/metadata").size(), size_t{4} << 20);
     worker restarted(home, picture, {"--metadir", metadir});
-    ASSERT_TRUE(restarted.wait_ready()) << restarted.told();
+    ASSERT_TRUE(restarted.wait_ready()) << restarted.printed();
     const Json document = printed_by({restarted.socket(), "status"});
     EXPECT_EQ(document["metadata cut"], Json(true));
     EXPECT_EQ(document["image info"]["width"], Json(100));
@@ -273,7 +273,7 @@ TEST_F(SettingsByClients, HostileMetadataFileIsShownAsValidJson)
                         file + "\"q\\\\\" = \"}{\\xFF\\xC0\\x80\\xED\\xA0\\x80\\x1B[2J\n" +
                             "long = " + std::string(1'000'000, '"') + "\n");
     worker served(home, picture, {"--metadir", metadir});
-    ASSERT_TRUE(served.wait_ready()) << served.told();
+    ASSERT_TRUE(served.wait_ready()) << served.printed();
     const Json document = printed_by({served.socket(), "status"});
     EXPECT_EQ(document["metadata cut"], Json(true));
     EXPECT_EQ(shown(document, "image size"), "100 x 75");

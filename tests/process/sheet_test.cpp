@@ -1,5 +1,5 @@
-// The contact sheets of real pictures: what can be seen where. The places are those of the layout's
-// own tests.
+// Contact sheets of real pictures: what they show, and where. The positions are those that the
+// tests of the layout expect.
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -141,7 +141,7 @@ TEST_F(Sheet, StillPictureWithItsLevels)
     expect_grey(sheet, 32 + 172, 112 + 66, text_shade); // the L of L1
 }
 
-TEST_F(Sheet, WhatIsTransparentShowsACheckerboard)
+TEST_F(Sheet, TransparentAreasShowACheckerboard)
 {
     bytes rgba = pixels(160 * 60, {200, 40, 40, 0});
     const bytes opaque = pixels(160 * 60, {200, 40, 40, 255});
@@ -158,7 +158,8 @@ TEST_F(Sheet, FramesOfAnAnimationSideBySide)
     const std::vector<gif_colour> colours = {
         {200, 30, 30}, {30, 160, 30}, {30, 30, 220}, {240, 240, 20}};
     const sheet_image sheet = sheet_of(stored("four.gif", flat_frames(colours, 160, 100, 3)));
-    // Two levels, the second 40 pixels wide: a card is as wide as its picture and "L2 40 x 25".
+    // Two levels, the second 40 pixels wide: a card is as wide as its picture and the label "L2 40
+    // x 25".
     constexpr uint32_t card = 160 + 12 + 118 + 40;
     for (uint32_t i = 0; i < 3; ++i) {
         const colour wanted = {colours[i][0], colours[i][1], colours[i][2]};
@@ -177,7 +178,8 @@ TEST_F(Sheet, ManyFramesGiveABoundedSheetFromTheFirstToTheLast)
     const sheet_image sheet = sheet_of(stored("many.gif", flat_frames(colours, 60, 40, 100)));
     EXPECT_LT(sheet.width, 1700U);
     EXPECT_LT(sheet.height, 2000U);
-    // One line more in the head. Pictures of 60 x 40 are drawn three times as large, a level beside.
+    // The head has one more line. Pictures of 60 x 40 are drawn three times as large, with a level
+    // beside them.
     constexpr uint32_t top = 112 + 24;
     expect_colour(sheet, 32 + 90, top + 60, {200, 30, 30});
     size_t last = 0;

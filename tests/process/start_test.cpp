@@ -1,4 +1,4 @@
-// From entry to the moment before the picture is looked at, and every way in which a run is short.
+// The start of a run until the picture is examined, and every kind of run that ends early.
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -37,16 +37,16 @@ TEST_F(Start, HelpBeginsWithAnExampleAndEndsWithStatusOne)
 {
     const ended_worker ended = run({"--help"});
     EXPECT_EQ(ended.status, 1);
-    EXPECT_THAT(ended.told, HasSubstr("--file"));
-    EXPECT_THAT(ended.told, HasSubstr("--domain-limit"));
-    EXPECT_THAT(ended.told, EndsWith(" --oneshot\n --slow-decode\n"));
+    EXPECT_THAT(ended.printed, HasSubstr("--file"));
+    EXPECT_THAT(ended.printed, HasSubstr("--domain-limit"));
+    EXPECT_THAT(ended.printed, EndsWith(" --oneshot\n --slow-decode\n"));
 }
 
 TEST_F(Start, BadCommandLinesEndWithStatusOneAndSayWhy)
 {
-    EXPECT_THAT(run({}).told, StartsWith("File to play not specified. Use --file parameter\n"));
-    EXPECT_EQ(run({picture}).told, "Non-switch argument '" + picture + "'\n");
-    EXPECT_THAT(run({"--no-such-switch"}).told, StartsWith("Unknown switch 'no-such-switch'\n"));
+    EXPECT_THAT(run({}).printed, StartsWith("File to play not specified. Use --file parameter\n"));
+    EXPECT_EQ(run({picture}).printed, "Non-switch argument '" + picture + "'\n");
+    EXPECT_THAT(run({"--no-such-switch"}).printed, StartsWith("Unknown switch 'no-such-switch'\n"));
     for (const std::vector<std::string>& words : {std::vector<std::string>{"--file"},
                                                   {"--", "x"},
                                                   {"-"},
@@ -68,9 +68,9 @@ TEST_F(Start, MissingPictureIsNamed)
 {
     const ended_worker ended = run({"--file", home.path("missing.jpg")});
     EXPECT_EQ(ended.status, 1);
-    EXPECT_THAT(ended.told, HasSubstr(home.path("missing.jpg")));
-    EXPECT_THAT(ended.told, HasSubstr("No such file"));
-    EXPECT_THAT(ended.told, EndsWith("Failed to obtain derived params\n"));
+    EXPECT_THAT(ended.printed, HasSubstr(home.path("missing.jpg")));
+    EXPECT_THAT(ended.printed, HasSubstr("No such file"));
+    EXPECT_THAT(ended.printed, EndsWith("Failed to obtain derived params\n"));
 }
 
 TEST_F(Start, UnusableFoldersAndSocketsAreNamed)
@@ -78,13 +78,13 @@ TEST_F(Start, UnusableFoldersAndSocketsAreNamed)
     const std::string plain_file = home.folder().write("plain", "text");
     const ended_worker no_metadir = run({"--file", picture, "--metadir", plain_file + "/below"});
     EXPECT_EQ(no_metadir.status, 1);
-    EXPECT_THAT(no_metadir.told, HasSubstr(plain_file));
+    EXPECT_THAT(no_metadir.printed, HasSubstr(plain_file));
     const std::string long_path = home.path(std::string(120, 's'));
     const ended_worker too_long = run({"--file", picture, "--sock", long_path});
     EXPECT_EQ(too_long.status, 1);
-    EXPECT_THAT(too_long.told, HasSubstr(long_path));
+    EXPECT_THAT(too_long.printed, HasSubstr(long_path));
     const ended_worker not_a_socket = run({"--file", picture, "--sock", plain_file});
-    EXPECT_NE(not_a_socket.told.find(plain_file), std::string::npos);
+    EXPECT_NE(not_a_socket.printed.find(plain_file), std::string::npos);
     EXPECT_EQ(home.folder().read("plain"), "text");
 }
 
@@ -107,15 +107,15 @@ TEST_F(Start, TemporaryCleanOnlyStopsAfterTheSettings)
     const ended_worker ended =
         run({"--file", picture, "--sock", home.path("s"), "--temp-clean-only"});
     EXPECT_EQ(ended.status, 0);
-    EXPECT_THAT(ended.told, EndsWith("   Sock: " + home.path("s") + "\n"));
+    EXPECT_THAT(ended.printed, EndsWith("   Sock: " + home.path("s") + "\n"));
     EXPECT_TRUE(home.sockets().empty());
 }
 
-TEST_F(Start, OneshotLeavesAfterOneRound)
+TEST_F(Start, OneshotEndsAfterOneRound)
 {
     const ended_worker ended = run({"--file", picture, "--oneshot"});
     EXPECT_EQ(ended.status, 0);
-    EXPECT_THAT(ended.told, HasSubstr("Oneshot\n"));
+    EXPECT_THAT(ended.printed, HasSubstr("Oneshot\n"));
     EXPECT_TRUE(home.sockets().empty());
 }
 
@@ -124,17 +124,17 @@ TEST_F(Start, AutoShutdownEndsTheRun)
     for (const char* seconds : {"0", "0.05"}) {
         const ended_worker ended = run({"--file", picture, "--auto-shutdown", seconds});
         EXPECT_EQ(ended.status, 0);
-        EXPECT_THAT(ended.told, HasSubstr("Auto terminate: " + picture + "\n"));
+        EXPECT_THAT(ended.printed, HasSubstr("Auto terminate: " + picture + "\n"));
     }
 }
 
-TEST_F(Start, LogTakesWhatStandardErrorWould)
+TEST_F(Start, LogReplacesStandardError)
 {
     const std::string metadir = home.path("meta");
     const ended_worker ended =
         run({"--file", picture, "--metadir", metadir, "--stderr-to-log", "--oneshot"});
     EXPECT_EQ(ended.status, 0);
-    EXPECT_THAT(ended.told, Not(HasSubstr("Oneshot")));
+    EXPECT_THAT(ended.printed, Not(HasSubstr("Oneshot")));
     const std::string log = home.folder().read("meta/log");
     EXPECT_THAT(log, HasSubstr("bg=0\n"));
     EXPECT_THAT(log, HasSubstr("Oneshot\n"));
@@ -148,7 +148,7 @@ TEST_F(Start, LogIsNotWrittenThroughAPlantedLink)
     std::filesystem::create_symlink(victim, metadir + "/log");
     const ended_worker ended = run({"--file", picture, "--metadir", metadir, "--stderr-to-log"});
     EXPECT_EQ(ended.status, 1);
-    EXPECT_THAT(ended.told, HasSubstr("Failed to redirect stderr\n"));
+    EXPECT_THAT(ended.printed, HasSubstr("Failed to redirect stderr\n"));
     EXPECT_EQ(home.folder().read("victim"), "mine");
 }
 
@@ -164,7 +164,7 @@ TEST_F(Start, DiagnosticsAreNotWrittenIntoTheItemsFiles)
     EXPECT_THAT(home.folder().read("meta/metadata"), Not(HasSubstr("Media item setting")));
 }
 
-TEST_F(Start, HostHearsOfProgressAndReadiness)
+TEST_F(Start, HostReceivesProgressAndReadiness)
 {
     int channel[2];
     ASSERT_EQ(pipe(channel), 0);
@@ -180,7 +180,7 @@ TEST_F(Start, HostHearsOfProgressAndReadiness)
     EXPECT_THAT(text, EndsWith("{\"ready\": 1, \"text\": \"Ready to serve data\"}\n"));
 }
 
-TEST_F(Start, HostThatHasGoneDoesNotEndTheWorker)
+TEST_F(Start, ClosedHostChannelDoesNotEndTheWorker)
 {
     int channel[2];
     ASSERT_EQ(pipe(channel), 0);
@@ -227,7 +227,7 @@ TEST_F(Start, NamesWithHostileBytesAreServed)
     EXPECT_EQ(served.wait_end(), 0);
 }
 
-TEST_F(Start, DaemonIsServedOnARelativePath)
+TEST_F(Start, DaemonServesOnRelativePaths)
 {
     std::filesystem::copy_file(picture, home.path("here.jpg"));
     worker::setting how = {{"--file", "here.jpg", "--sock", "here.sock", "--metadir", "meta",
@@ -237,14 +237,14 @@ TEST_F(Start, DaemonIsServedOnARelativePath)
     EXPECT_EQ(parent.status, 0);
     stillimage_client* client = nullptr;
     ASSERT_EQ(stillimage_connect(home.path("here.sock").c_str(), 30'000, &client), STILLIMAGE_OK)
-        << stillimage_last_error(client) << parent.told;
+        << stillimage_last_error(client) << parent.printed;
     EXPECT_EQ(stillimage_wait_ready(client, 0, 30'000), STILLIMAGE_OK);
     // A second worker on the same socket is still refused.
     const ended_worker second = run_worker(home, how);
     EXPECT_EQ(second.status, 1);
     const pid_t daemon_pid = stillimage_worker_pid(client);
-    EXPECT_THAT(second.told, HasSubstr("here.sock': already served by process " +
-                                       std::to_string(daemon_pid) + "\n"));
+    EXPECT_THAT(second.printed, HasSubstr("here.sock': already served by process " +
+                                          std::to_string(daemon_pid) + "\n"));
     EXPECT_EQ(stillimage_quit(client, 30'000), STILLIMAGE_OK);
     stillimage_close(client);
     EXPECT_TRUE(eventually([&] { return kill(daemon_pid, 0) != 0; }));

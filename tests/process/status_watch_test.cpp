@@ -1,5 +1,5 @@
-// `stillimage-client status --watch` on the real worker: the document again whenever it changed, a
-// line of JSON each, whoever changed it.
+// `stillimage-client status --watch` on the real worker: it prints the document as one line of JSON
+// after every change, whatever caused the change.
 #include <csignal>
 #include <set>
 #include <sstream>
@@ -23,7 +23,7 @@ const std::string photograph = STILLIMAGE_TEST_DATA "/jpeg/landscape-420.jpg"; /
 
 class StatusWatch : public testing::Test {
 protected:
-    // The documents that whole lines hold. Each is another one than the one before it.
+    // The documents in complete lines. Each differs from the one before it.
     static std::vector<Json> documents(const started_client& watcher)
     {
         std::vector<Json> all;
@@ -88,7 +88,7 @@ TEST_F(StatusWatch, MetadataSetDuringADecodeIsShownBeforeItsEnd)
     EXPECT_EQ(documents(watcher).back()["process"]["ready"], Json(0));
 }
 
-TEST_F(StatusWatch, ClientsThatComeAndLeaveAreShown)
+TEST_F(StatusWatch, ClientsThatConnectAndDisconnectAreShown)
 {
     const worker served(home, picture);
     ASSERT_TRUE(served.wait_ready());
@@ -134,11 +134,11 @@ TEST_F(StatusWatch, NothingIsShownWhileNothingChanges)
     EXPECT_TRUE(comes_to_show(watcher, [](const Json& document) {
         return clients_in(document) == 1 && document["process"]["ready"] == Json(1);
     }));
-    pause_ms(100); // the connection that asked whether it is ready has been missed by then
+    pause_ms(100); // until the document no longer counts the connection of wait_ready()
     const std::string before = watcher.printed();
     pause_ms(300);
     EXPECT_EQ(watcher.printed(), before);
-    // The value that it has already is nothing new. The client that sets it comes and leaves.
+    // Setting the current value again changes only the number of clients, for a moment.
     const Json item = documents(watcher).back()["item"];
     EXPECT_EQ(run_client(home, {served.socket(), "set", "background music", "off"}), 0);
     pause_ms(100);
@@ -147,7 +147,7 @@ TEST_F(StatusWatch, NothingIsShownWhileNothingChanges)
     }
 }
 
-TEST_F(StatusWatch, EndsWellWhenTheWorkerGoes)
+TEST_F(StatusWatch, EndsWithStatusZeroWhenTheWorkerEnds)
 {
     for (const int signal : {SIGTERM, SIGKILL}) {
         worker served(home, picture);

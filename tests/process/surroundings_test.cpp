@@ -1,5 +1,5 @@
-// A worker among hosts, terminals, clients and limits that do not behave: it goes on, and leaves
-// nothing behind.
+// A worker with misbehaving hosts, terminals and clients, and with tight limits: it continues to
+// serve, and leaves nothing behind.
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -24,8 +24,8 @@ const std::string photograph = STILLIMAGE_TEST_DATA "/jpeg/landscape-420.jpg"; /
 
 class Surroundings : public testing::Test {
 protected:
-    // Everything in the runtime folders that is no folder, but for the list of the domain's
-    // members, which stays, and holds nobody who has gone.
+    // Every file in the runtime folders except the list of the domain's members, which is never
+    // removed.
     std::vector<std::string> left_behind() const
     {
         std::vector<std::string> found;
@@ -43,7 +43,7 @@ protected:
     worker_home home;
 };
 
-// --- how a run can end --------------------------------------------------------------------------
+// --- ends of a run ------------------------------------------------------------------------------
 
 TEST_F(Surroundings, EveryEndLeavesAnEmptyRuntimeFolder)
 {
@@ -70,8 +70,8 @@ TEST_F(Surroundings, EveryEndLeavesAnEmptyRuntimeFolder)
                 {0, {"--file", picture, "--auto-shutdown", "0"}}};
     for (const auto& run : runs) {
         const ended_worker ended = run_worker(home, {run.arguments});
-        EXPECT_EQ(ended.status, run.status) << ended.told;
-        EXPECT_THAT(left_behind(), IsEmpty()) << ended.told;
+        EXPECT_EQ(ended.status, run.status) << ended.printed;
+        EXPECT_THAT(left_behind(), IsEmpty()) << ended.printed;
     }
 }
 
@@ -100,7 +100,7 @@ TEST_F(Surroundings, TimerSignalEveryMillisecondChangesNothing)
     worker served(home, how);
     stillimage_client* client = nullptr;
     ASSERT_EQ(stillimage_connect(home.path("s").c_str(), 30'000, &client), STILLIMAGE_OK);
-    ASSERT_EQ(stillimage_wait_ready(client, 0, 30'000), STILLIMAGE_OK) << served.told();
+    ASSERT_EQ(stillimage_wait_ready(client, 0, 30'000), STILLIMAGE_OK) << served.printed();
     for (int i = 0; i < 200; ++i) {
         ASSERT_EQ(stillimage_ping(client, 30'000), STILLIMAGE_OK);
         pause_ms(1);
@@ -109,7 +109,7 @@ TEST_F(Surroundings, TimerSignalEveryMillisecondChangesNothing)
     EXPECT_EQ(stillimage_quit(client, 30'000), STILLIMAGE_OK);
     stillimage_close(client);
     EXPECT_EQ(served.wait_end(), 0);
-    EXPECT_THAT(served.told(), testing::Not(HasSubstr("Interrupted")));
+    EXPECT_THAT(served.printed(), testing::Not(HasSubstr("Interrupted")));
     EXPECT_THAT(left_behind(), IsEmpty());
 }
 
@@ -124,7 +124,7 @@ TEST_F(Surroundings, IdleWorkerTakesLessThanOnePercentOfAProcessor)
     EXPECT_LT(served.processor_time_us() - before, uint64_t{watched_ms} * 1000 / 100);
 }
 
-TEST_F(Surroundings, PathsAreTakenUpToTheLongestAndNoFurther)
+TEST_F(Surroundings, PathsAreAcceptedUpToTheLimit)
 {
     const auto path_of = [this](size_t length) {
         std::string path = home.path("s");
@@ -135,13 +135,13 @@ TEST_F(Surroundings, PathsAreTakenUpToTheLongestAndNoFurther)
         const ended_worker ended =
             run_worker(home, {{"--file", picture, "--sock", path_of(length)}});
         EXPECT_EQ(ended.status, 1) << length;
-        EXPECT_THAT(ended.told, EndsWith("Failed to obtain derived params\n")) << length;
+        EXPECT_THAT(ended.printed, EndsWith("Failed to obtain derived params\n")) << length;
         EXPECT_THAT(left_behind(), IsEmpty());
         const std::string deep = home.path(std::string(length, 'x') + "/y");
         EXPECT_EQ(run_worker(home, {{"--file", deep, "--identify-only"}}).status, 1) << length;
         const ended_worker folder =
             run_worker(home, {{"--file", picture, "--metadir", deep, "--identify-only"}});
-        EXPECT_EQ(folder.status, length < 256 ? 0 : 1) << length << folder.told;
+        EXPECT_EQ(folder.status, length < 256 ? 0 : 1) << length << folder.printed;
     }
     worker served(home, {{"--file", picture, "--sock", path_of(107), "--no-autoshutdown"}});
     EXPECT_EQ(run_client(home, {path_of(107), "wait", "--timeout", "20"}), 0);
@@ -151,7 +151,7 @@ TEST_F(Surroundings, PathsAreTakenUpToTheLongestAndNoFurther)
 
 // --- the host -----------------------------------------------------------------------------------
 
-TEST_F(Surroundings, HostThatNeverReadsDoesNotHoldTheDecoderAndHearsOfReadinessInTheEnd)
+TEST_F(Surroundings, HostThatNeverReadsDoesNotBlockDecodingAndGetsReadinessLater)
 {
     int channel[2];
     ASSERT_EQ(pipe2(channel, O_CLOEXEC), 0);
@@ -179,8 +179,8 @@ TEST_F(Surroundings, HostThatNeverReadsDoesNotHoldTheDecoderAndHearsOfReadinessI
     EXPECT_EQ(served.wait_end(), 0);
 }
 
-// A limit to the size of files stands for the disk.
-TEST_F(Surroundings, HostsFileThatIsFullForAWhileHearsOfReadiness)
+// A limit on the size of files simulates a full disk.
+TEST_F(Surroundings, StatusFileThatIsFullForAWhileGetsReadinessLater)
 {
     constexpr rlim_t limit = rlim_t{1} << 20; // the frame buffer is smaller
     const std::string path = home.folder().write("channel", std::string(limit, '\n'));
@@ -193,7 +193,7 @@ TEST_F(Surroundings, HostsFileThatIsFullForAWhileHearsOfReadiness)
     worker served(home, picture, {"--status-fd", std::to_string(channel)});
     EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
     close(channel);
-    ASSERT_TRUE(served.wait_ready()) << served.told();
+    ASSERT_TRUE(served.wait_ready()) << served.printed();
     EXPECT_EQ(std::filesystem::file_size(path), limit);
     ASSERT_EQ(prlimit(served.pid(), RLIMIT_FSIZE, &before, nullptr), 0);
     EXPECT_TRUE(eventually([&] { return std::filesystem::file_size(path) > limit; }));
@@ -203,7 +203,7 @@ TEST_F(Surroundings, HostsFileThatIsFullForAWhileHearsOfReadiness)
                 EndsWith("{\"ready\": 1, \"text\": \"Ready to serve data\"}\n"));
 }
 
-TEST_F(Surroundings, ReaderOfItsMessagesThatIsGoneChangesNothing)
+TEST_F(Surroundings, BrokenPipeOfItsMessagesChangesNothing)
 {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
@@ -219,7 +219,7 @@ TEST_F(Surroundings, ReaderOfItsMessagesThatIsGoneChangesNothing)
 
 // --- clients ------------------------------------------------------------------------------------
 
-TEST_F(Surroundings, ClientsComeAskSetAndLeaveThroughoutADecode)
+TEST_F(Surroundings, ClientsConnectQueryAndSetThroughoutADecode)
 {
     worker served(home, photograph, {"--slow-decode"});
     int visits = 0;
@@ -237,15 +237,15 @@ TEST_F(Surroundings, ClientsComeAskSetAndLeaveThroughoutADecode)
         EXPECT_EQ(stillimage_set_metadata(client, "aspect ratio", visits % 2 == 0 ? "4:3" : "16:9",
                                           30'000),
                   STILLIMAGE_OK);
-        stillimage_close(client); // with the answer to nothing outstanding
+        stillimage_close(client); // no request is outstanding
     }
     EXPECT_GT(visits, 5);
     EXPECT_EQ(run_client(home, {served.socket(), "quit"}), 0);
     EXPECT_EQ(served.wait_end(), 0);
-    EXPECT_THAT(served.told(), HasSubstr("Generating mipmap"));
+    EXPECT_THAT(served.printed(), HasSubstr("Generating mipmap"));
 }
 
-TEST_F(Surroundings, FloodOfMetadataIsOneValueInTheEnd)
+TEST_F(Surroundings, FloodOfMetadataStoresTheLastValue)
 {
     worker served(home, picture, {"--metadir", home.path("meta")});
     ASSERT_TRUE(served.wait_ready());

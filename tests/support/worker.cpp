@@ -48,7 +48,7 @@ std::string read_file(const std::string& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Adds what has a name that is not there yet.
+// Adds the variables whose names `environment` does not contain.
 void add_missing(const std::vector<std::string>& more, std::vector<std::string>* environment)
 {
     for (const std::string& text : more) {
@@ -60,7 +60,7 @@ void add_missing(const std::vector<std::string>& more, std::vector<std::string>*
     }
 }
 
-// The environment of the tests, without what would lead a worker to the user's own folders.
+// The environment of the tests, with the folders of `home` instead of the user's own.
 std::vector<std::string> child_environment(const worker_home& home,
                                            const std::vector<std::string>& more)
 {
@@ -223,7 +223,7 @@ bool worker::is_running() const
 
 bool worker::wait_ready(int timeout_ms) const
 {
-    // The library waits a few seconds at most for a worker that is starting.
+    // The library waits only a few seconds for a worker that is starting, so try several times.
     constexpr int connect_ms = 5'000;
     bool connected = false;
     bool ready = false;
@@ -238,7 +238,7 @@ bool worker::wait_ready(int timeout_ms) const
 
 bool worker::wait_printed(std::string_view text, int timeout_ms) const
 {
-    return eventually([&] { return told().find(text) != std::string::npos; }, timeout_ms);
+    return eventually([&] { return printed().find(text) != std::string::npos; }, timeout_ms);
 }
 
 bool worker::wait_stopped(int timeout_ms) const
@@ -266,7 +266,7 @@ void worker::send(int signal) const
     kill(pid_, signal);
 }
 
-std::string worker::told() const
+std::string worker::printed() const
 {
     return read_file(stderr_path_);
 }
@@ -301,10 +301,10 @@ uint64_t worker::processor_time_us() const
 
 ended_worker run_worker(const worker_home& home, const worker::setting& how)
 {
-    constexpr int only_what_hangs_ms = 100'000;
+    constexpr int hang_limit_ms = 100'000;
     worker started(home, how);
-    const int status = started.wait_end(only_what_hangs_ms);
-    return {status, started.told()};
+    const int status = started.wait_end(hang_limit_ms);
+    return {status, started.printed()};
 }
 
 started_client::started_client(const worker_home& home, const std::vector<std::string>& arguments)

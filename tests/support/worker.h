@@ -1,5 +1,5 @@
-// The real program under test: `stillimage` in folders of its own, with its standard error in a
-// file. Waits are bounded; nothing of a worker outlives the object.
+// The real program under test: `stillimage` in its own folders, with standard error in a file.
+// Waits are bounded. The process does not outlive the object.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 #include "tests/support/temporary_folder.h"
 
-// Where workers of one test keep their state: runtime, state and temporary folders.
+// The folders of the workers of one test: runtime, state and temporary folders.
 class worker_home {
 public:
     worker_home();
@@ -18,15 +18,15 @@ public:
     std::string path(std::string_view name) const { return folder_.path(name); }
     std::vector<std::string> environment() const; // NAME=value
 
-    // What is left in the runtime folders: sockets, locks and members of the buffer domain that are
-    // held by a living process or were forgotten. Empty once every worker has gone in order.
+    // Paths of all sockets below the folder. Empty once every worker has ended cleanly.
     std::vector<std::string> sockets() const;
 
 private:
     temporary_folder folder_;
 };
 
-// A worker's limit. None under the address sanitizer, which takes terabytes of address space.
+// The address space limit of a worker in bytes; 0, no limit, under the address sanitizer, which
+// takes terabytes of address space.
 constexpr uint64_t address_space_of([[maybe_unused]] uint64_t mebibytes)
 {
 #ifdef __SANITIZE_ADDRESS__
@@ -41,37 +41,36 @@ public:
     struct setting {
         std::vector<std::string> arguments;
         std::vector<std::string> more_environment = {};
-        bool empty_arguments = false; // an argument vector without even the program's name
+        bool empty_arguments = false; // argc is 0: not even the program's name
         bool stderr_closed = false;   // started with descriptor 2 closed
-        int status_fd = -1;           // inherited under its number
         std::string working_folder = {};
-        int standard_fd = -1;       // becomes descriptors 0, 1 and 2: a terminal, or a broken pipe
+        int standard_fd = -1;       // becomes descriptors 0, 1 and 2
         uint64_t address_space = 0; // limit in bytes, see address_space_of; 0: none
-        std::string group = {};     // members_file() of the control group that it runs in
-        unsigned descriptors = 0;   // limit of their number; 0: that of the test
+        std::string group = {};     // members_file() of its control group
+        unsigned descriptors = 0;   // maximum number of descriptors; 0: as for the test
     };
 
     worker(const worker_home& home, const setting& how);
-    // Serves `picture` on `path()` with these further switches.
+    // Serves `picture` on socket() with these additional switches.
     worker(const worker_home& home, const std::string& picture, std::vector<std::string> more = {});
     worker(const worker&) = delete;
     worker& operator=(const worker&) = delete;
-    ~worker(); // kills it when it still runs
+    ~worker(); // kills the process when it still runs
 
     pid_t pid() const { return pid_; }
     const std::string& socket() const { return socket_; }
 
     bool is_running() const;
-    bool wait_ready(int timeout_ms = 30'000) const; // by its socket
+    bool wait_ready(int timeout_ms = 30'000) const; // connects as a client
     bool wait_printed(std::string_view text, int timeout_ms = 30'000) const;
     bool wait_stopped(int timeout_ms = 30'000) const; // by a signal
 
-    // The exit status, or minus the signal that ended it; no_end when it still runs.
+    // The exit status, or minus the signal that ended it; no_end when it is still running.
     int wait_end(int timeout_ms = 30'000);
     static constexpr int no_end = -1000;
 
     void send(int signal) const;
-    std::string told() const; // standard error so far
+    std::string printed() const; // standard error so far
 
     size_t open_descriptors() const;
     size_t resident_kilobytes() const;
@@ -86,14 +85,14 @@ private:
     std::string stderr_path_;
 };
 
-// Runs the worker to its end on these switches.
 struct ended_worker {
     int status;
-    std::string told;
+    std::string printed; // standard error
 };
+// Runs a worker until it ends.
 ended_worker run_worker(const worker_home& home, const worker::setting& how);
 
-// stillimage-client at work. Killed with the object when it still runs.
+// A running stillimage-client. The destructor kills it when it still runs.
 class started_client {
 public:
     started_client(const worker_home& home, const std::vector<std::string>& arguments);
@@ -110,11 +109,12 @@ private:
     std::string out_path_;
 };
 
-// Runs stillimage-client to its end. `out` receives its standard output.
+// Runs stillimage-client until it ends and returns its exit status. `out` receives its standard
+// output.
 int run_client(const worker_home& home, const std::vector<std::string>& arguments,
                std::string* out = nullptr);
 
-// Calls `condition` until it holds or the time is over.
+// Polls `condition` until it holds or the time is over; returns its last value.
 template <typename Condition>
 bool eventually(Condition condition, int timeout_ms = 30'000);
 

@@ -1,4 +1,4 @@
-// Workers that are not there, cannot be started, or go; states up and down.
+// Workers that are missing, cannot be started, or end; repeated state changes.
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -17,7 +17,7 @@ namespace {
 
 class GstAdversity : public GstFixture {
 protected:
-    // The process that serves the picture at its own socket.
+    // The process that serves the picture at its default socket.
     static pid_t worker_of(const std::string& picture)
     {
         stillimage_client* client = nullptr;
@@ -43,7 +43,7 @@ std::string error_of(const std::string& properties)
     return pipeline("stillimagesrc " + properties + " ! fakesink").run();
 }
 
-// Of the newest buffer that a sink has.
+// The time of the last buffer that the sink received; 0 before the first.
 GstClockTime time_shown(GstElement* sink)
 {
     GstSample* sample = nullptr;
@@ -69,13 +69,13 @@ TEST_F(GstAdversity, NothingToOpenIsAnError)
     EXPECT_EQ(error_of(""), "No picture to open: set \"location\" or \"socket\"");
 }
 
-TEST_F(GstAdversity, MissingFileIsToldWithItsReason)
+TEST_F(GstAdversity, MissingFileIsReportedWithItsReason)
 {
     EXPECT_EQ(error_of("location=/missing/picture.png"),
               "Cannot open \"/missing/picture.png\": No such file or directory");
 }
 
-TEST_F(GstAdversity, WorkerThatCannotBeStartedIsTold)
+TEST_F(GstAdversity, WorkerThatCannotBeStartedIsReported)
 {
     environment.set("STILLIMAGE_PROGRAM", "/missing/program");
     const std::string picture = copy_of("jpeg/peacock-420.jpg");
@@ -84,7 +84,7 @@ TEST_F(GstAdversity, WorkerThatCannotBeStartedIsTold)
                   "\": cannot start '/missing/program': No such file or directory");
 }
 
-TEST_F(GstAdversity, WithoutStartingNobodyServes)
+TEST_F(GstAdversity, WithoutStartWorkerNoWorkerServes)
 {
     const std::string picture = copy_of("jpeg/peacock-420.jpg");
     EXPECT_THAT(error_of("start-worker=false timeout=100 location=" + picture),
@@ -94,7 +94,7 @@ TEST_F(GstAdversity, WithoutStartingNobodyServes)
                 StartsWith("Cannot open \"/missing/socket\": no worker serves at /missing/socket"));
 }
 
-TEST_F(GstAdversity, FileThatIsNoPictureIsTold)
+TEST_F(GstAdversity, FileThatIsNoPictureIsReported)
 {
     const std::string text = home.folder().write("text.png", "no picture");
     EXPECT_EQ(error_of("location=" + text), "Cannot open \"" + text +
@@ -102,7 +102,7 @@ TEST_F(GstAdversity, FileThatIsNoPictureIsTold)
                                                 ": it is no picture of a known type");
 }
 
-TEST_F(GstAdversity, SizeThatNoLevelHasIsToldWithAWayOut)
+TEST_F(GstAdversity, SizeThatNoLevelHasIsReportedWithAWayOut)
 {
     const worker served(home, data("jpeg/harvesters-420.jpg"));
     const pipeline played("stillimagesrc socket=" + served.socket() +
@@ -111,9 +111,9 @@ TEST_F(GstAdversity, SizeThatNoLevelHasIsToldWithAWayOut)
                             "videoscale and videoconvert between");
 }
 
-// --- the worker goes -----------------------------------------------------------------------------
+// --- the worker ends -----------------------------------------------------------------------------
 
-TEST_F(GstAdversity, AnotherWorkerIsStartedInMidStream)
+TEST_F(GstAdversity, AnotherWorkerIsStartedDuringTheStream)
 {
     const std::string picture = copy_of("gif/varying-delays.gif");
     const pipeline played("stillimagesrc loops=-1 is-live=true location=" + picture +
@@ -137,27 +137,27 @@ TEST_F(GstAdversity, AnotherWorkerIsStartedInMidStream)
     EXPECT_EQ(played.wait(GST_MESSAGE_ERROR, 0), nullptr);
 }
 
-// The element asks for frames all the time, so most of them go in the middle of that.
-TEST_F(GstAdversity, WorkersMayGoAtAnyMoment)
+// The element requests frames all the time, so most workers are killed during a request.
+TEST_F(GstAdversity, StreamSurvivesWorkersKilledAtAnyMoment)
 {
     const std::string picture = copy_of("gif/varying-delays.gif");
     const pipeline played("stillimagesrc loops=-1 location=" + picture +
                           " ! fakesink name=sink sync=false");
     played.set_state(GST_STATE_PLAYING);
     const auto sink = played.find("sink");
-    const auto error_told = [&played] {
+    const auto error_text = [&played] {
         const held_message error = played.wait(GST_MESSAGE_ERROR, 0);
         return error != nullptr ? text_of_error(error.get()) : "no error";
     };
     for (int i = 0; i < 12; ++i) {
         const GstClockTime then = time_shown(sink.get());
-        ASSERT_TRUE(eventually([&] { return time_shown(sink.get()) > then; })) << error_told();
+        ASSERT_TRUE(eventually([&] { return time_shown(sink.get()) > then; })) << error_text();
         kill(worker_of(picture), SIGKILL);
     }
     EXPECT_EQ(played.wait(GST_MESSAGE_ERROR, 0), nullptr);
 }
 
-TEST_F(GstAdversity, WorkerThatStaysAwayEndsTheStreamInTime)
+TEST_F(GstAdversity, MissingWorkerEndsTheStreamInTime)
 {
     auto served = std::make_unique<worker>(home, data("jpeg/peacock-420.jpg"));
     ASSERT_TRUE(served->wait_ready());
@@ -177,7 +177,7 @@ TEST_F(GstAdversity, WaitingForAFrozenWorkerCanBeInterrupted)
 {
     const worker served(home, data("jpeg/peacock-420.jpg"));
     ASSERT_TRUE(served.wait_ready());
-    // Longer than the test may take.
+    // The element's time limit is longer than that of the test.
     const pipeline played("stillimagesrc is-live=true timeout=600000 socket=" + served.socket() +
                           " ! fakesink sync=false");
     ASSERT_NE(played.set_state(GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
@@ -191,7 +191,7 @@ TEST_F(GstAdversity, WaitingForAFrozenWorkerCanBeInterrupted)
 
 // --- states --------------------------------------------------------------------------------------
 
-TEST_F(GstAdversity, StatesUpAndDownTwentyTimesLeaveNothing)
+TEST_F(GstAdversity, TwentyStateChangesLeakNothing)
 {
     const worker served(home, data("jpeg/peacock-420.jpg"));
     ASSERT_TRUE(served.wait_ready());

@@ -1,4 +1,4 @@
-// What a picture becomes as raw video: format, size, and the very bytes of the worker's planes.
+// Pictures as raw video: format, size, and the bytes of the worker's planes.
 #include <cinttypes>
 #include <csignal>
 #include <cstring>
@@ -15,7 +15,7 @@ using GstFormats = GstFixture;
 struct sample_picture {
     const char* file;
     GstVideoFormat format;
-    bool shared; // its planes go as they lie there
+    bool shared; // buffers use the worker's memory without a copy
 };
 
 constexpr sample_picture sample_pictures[] = {
@@ -74,7 +74,7 @@ std::string socket_of(const worker& served)
     return "socket=" + served.socket();
 }
 
-TEST_P(GstFormatsOfPictures, PlanesAreTheWorkers)
+TEST_P(GstFormatsOfPictures, PlanesEqualThoseOfTheWorker)
 {
     const worker served(home, data(GetParam().file));
     ASSERT_TRUE(served.wait_ready());
@@ -109,7 +109,7 @@ TEST_P(GstFormatsOfPictures, DownstreamWithoutVideoMetaGetsTheFormatsOwnLayout)
     const held_buffer buffer = source.pull();
     ASSERT_NE(buffer, nullptr);
     const GstVideoInfo info = source.info();
-    // As somebody sees it who knows of no meta.
+    // Read it without the video meta.
     GstMapInfo map;
     ASSERT_TRUE(gst_buffer_map(buffer.get(), &map, GST_MAP_READ));
     ASSERT_EQ(map.size, info.size);
@@ -136,7 +136,7 @@ TEST_F(GstFormats, StillIsCopiedOnceForAllItsBuffers)
     held_buffer second = source.pull();
     const held_buffer third = source.pull();
     EXPECT_EQ(data_of(second.get()), data_of(first.get()));
-    // Who writes has bytes of his own.
+    // A writer gets its own copy.
     second.reset(gst_buffer_make_writable(second.release()));
     GstMapInfo map;
     ASSERT_TRUE(gst_buffer_map(second.get(), &map, GST_MAP_READWRITE));
@@ -156,12 +156,12 @@ TEST_F(GstFormats, SharedMemoryCannotBeWrittenTo)
     EXPECT_TRUE(GST_MEMORY_IS_READONLY(gst_buffer_peek_memory(buffer.get(), 0)));
     buffer.reset(gst_buffer_make_writable(buffer.release()));
     GstMapInfo map;
-    ASSERT_TRUE(gst_buffer_map(buffer.get(), &map, GST_MAP_WRITE)); // a copy
+    ASSERT_TRUE(gst_buffer_map(buffer.get(), &map, GST_MAP_WRITE)); // maps a copy
     EXPECT_NE(map.data, before);
     gst_buffer_unmap(buffer.get(), &map);
 }
 
-TEST_F(GstFormats, BuffersStayReadableAfterElementAndWorkerHaveGone)
+TEST_F(GstFormats, BuffersOutliveElementAndWorker)
 {
     auto served = std::make_unique<worker>(home, data("jpeg/peacock-420.jpg"));
     held_buffer buffer;
@@ -182,7 +182,7 @@ TEST_F(GstFormats, BuffersStayReadableAfterElementAndWorkerHaveGone)
 
 constexpr const char* large = "jpeg/harvesters-420.jpg"; // 1165 x 859
 
-TEST_F(GstFormats, FullSizeAndItsHalvingsAreOffered)
+TEST_F(GstFormats, FullSizeAndItsLevelsAreOffered)
 {
     const worker served(home, data(large));
     const source_harness source(socket_of(served));
@@ -210,7 +210,7 @@ struct size_case {
 
 class GstSizes : public GstFixture, public testing::WithParamInterface<size_case> {};
 
-TEST_P(GstSizes, LevelIsTheOneThatFits)
+TEST_P(GstSizes, LevelFitsTheRequest)
 {
     const worker served(home, data(large));
     const source_harness source(socket_of(served) + " " + GetParam().properties,
@@ -250,8 +250,8 @@ struct odd_level {
 
 class GstOddLevels : public GstFixture, public testing::WithParamInterface<odd_level> {};
 
-// Behind the chroma that a level has there is something else: it must not be shown.
-TEST_P(GstOddLevels, ChromaThatTheLevelLacksIsRepeated)
+// The bytes after the chroma of such a level belong to something else and must not be shown.
+TEST_P(GstOddLevels, MissingChromaOfALevelIsRepeated)
 {
     const odd_level& odd = GetParam();
     const std::string picture = picture_of(
@@ -284,7 +284,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, GstOddLevels,
                                          odd_level{
                                              64, 66, {1, 2}, "video/x-raw,height=33", false}));
 
-TEST_F(GstFormats, AspectRatioIsThePixelsAndANewOneCounts)
+TEST_F(GstFormats, AspectRatioBecomesThatOfThePixelsAndFollowsChanges)
 {
     const worker served(home, data("jpeg/harvesters-420.jpg"));
     const source_harness source(socket_of(served));

@@ -10,8 +10,9 @@
 
 namespace {
 
-// Once for the process, before its first use. The registry is the build's own. A child looks through
-// the machine's plugins when it is not there yet: what they lose would count as lost here.
+// Starts GStreamer once per process, with a registry in the build folder. A child process creates
+// the registry when it is missing: it loads all plugins of the machine, whose leaks would count
+// here.
 void start_gstreamer()
 {
     static const bool started = [] {
@@ -90,7 +91,7 @@ std::string source_harness::caps_field(const char* name) const
 bool source_harness::seek(GstClockTime to, GstClockTime stop, double rate) const
 {
     if (waits_) {
-        ADD_FAILURE() << "a harness that waits would never come back from a seek";
+        ADD_FAILURE() << "a seek would never return in a harness that waits";
         return false;
     }
     const auto flags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
@@ -216,7 +217,7 @@ unsigned sample_at(const stillimage_picture& picture, int plane, uint32_t x, uin
     return picture.plane[plane][size_t{y} * picture.stride[plane] + x];
 }
 
-// Component by component, whatever the format: raw video says where each sample lies.
+// Compares component by component; GStreamer provides the position of each sample in any format.
 void expect_same_planes(GstBuffer* buffer, const GstVideoInfo& info,
                         const stillimage_picture& picture)
 {

@@ -1,4 +1,4 @@
-// The element under test, loaded from the build as any plugin, with real workers.
+// The element under test, loaded from the build folder like any plugin, with real workers.
 #pragma once
 
 #include <functional>
@@ -30,13 +30,13 @@ struct message_unref {
 };
 using held_message = std::unique_ptr<GstMessage, message_unref>;
 
-// The element alone, its buffers taken one by one.
+// The element alone; the test takes its buffers one by one.
 class source_harness {
 public:
     struct downstream {
         const char* caps = nullptr;
         bool video_meta = true;
-        bool waits = true; // takes a buffer when it is pulled; then seek() is not allowed
+        bool waits = true; // the element waits for each pull; then seek() is not allowed
     };
 
     explicit source_harness(const std::string& properties)
@@ -50,13 +50,13 @@ public:
 
     void play() { gst_harness_play(harness_); }
     held_buffer pull() const { return held_buffer(gst_harness_pull(harness_)); }
-    // All up to the end of the stream.
+    // All buffers up to the end of the stream.
     std::vector<held_buffer> pull_all() const;
     GstElement* element() const { return harness_->element; }
-    GstVideoInfo info() const; // of the newest caps
+    GstVideoInfo info() const; // from the current caps
     std::string caps_field(const char* name) const;
-    // Whether the element takes the seek. It waits for the streaming thread, and that one for a pull
-    // when downstream waits, so such a harness refuses.
+    // True when the element accepts the seek. A seek waits for the streaming thread, which waits
+    // for a pull when downstream waits, so in such a harness this fails.
     bool seek(GstClockTime to, GstClockTime stop = GST_CLOCK_TIME_NONE, double rate = 1.0) const;
 
 private:
@@ -64,7 +64,7 @@ private:
     bool waits_;
 };
 
-// A whole pipeline with its messages.
+// A pipeline and its messages.
 class pipeline {
 public:
     explicit pipeline(const std::string& description);
@@ -76,7 +76,7 @@ public:
     held_object<GstElement> find(const char* name) const;
     // The next message of these types; null after the time limit.
     held_message wait(unsigned types, int timeout_ms = 30'000) const;
-    // Plays up to the end of the stream. "" or the error.
+    // Plays up to the end of the stream. Returns "" or the text of the error.
     std::string run() const;
     GstElement* get() const { return pipeline_.get(); }
     void use_clock(GstClock* clock) const
@@ -96,7 +96,7 @@ protected:
     ~GstFixture() override;
 
     static std::string data(const std::string& name);
-    // A picture in a file of its own; a worker that is started for it ends with the test.
+    // Writes a picture into a file. A worker that is started for it is killed with the fixture.
     std::string picture_of(const std::string& name, const std::vector<unsigned char>& bytes);
     std::string copy_of(const std::string& name);
 
@@ -105,9 +105,9 @@ protected:
     std::vector<std::string> pictures;
 };
 
-// Whether the buffer's planes hold what the frame's do. `info` is the caps'.
+// Expects the buffer's planes to equal those of the picture. `info` comes from the caps.
 void expect_same_planes(GstBuffer* buffer, const GstVideoInfo& info,
                         const stillimage_picture& picture);
 
-// Samples of a frame at the full size's places, as a second version of what copying does.
+// The sample of a plane for the pixel at x, y: a simple second version of the element's copying.
 unsigned sample_at(const stillimage_picture& picture, int plane, uint32_t x, uint32_t y);

@@ -1,4 +1,4 @@
-// Whole pipelines, to a file and over the network and back.
+// Whole pipelines: to a file, through converters, and over the network.
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -22,7 +22,7 @@ protected:
     }
     const stillimage_picture& picture() const { return *stillimage_frame_picture(frame.get()); }
 
-    // The picture's planes, one after the other and without gaps.
+    // The picture's planes in order, without padding.
     std::string packed() const
     {
         std::string bytes;
@@ -51,7 +51,7 @@ TEST_F(GstPipelines, FileHoldsThePlanes)
     EXPECT_EQ(home.folder().read("out.yuv"), packed() + packed());
 }
 
-TEST_F(GstPipelines, ScalingAndConversionTakeWhatIsThere)
+TEST_F(GstPipelines, ScalingAndConversionAcceptTheBuffers)
 {
     EXPECT_EQ(pipeline("stillimagesrc num-buffers=2 socket=" + served->socket() +
                        " ! videoscale ! videoconvert ! "
@@ -60,7 +60,7 @@ TEST_F(GstPipelines, ScalingAndConversionTakeWhatIsThere)
               "");
 }
 
-// Converters take a grey picture for full range unless they are told; ours is limited.
+// Converters assume full range for a grey picture unless the caps say otherwise; ours is limited.
 TEST_F(GstPipelines, GreyIsConvertedAsLimitedRange)
 {
     const worker grey(home, data("jpeg/peacock-grey.jpg"));
@@ -114,7 +114,7 @@ void compare(GstElement* /*sink*/, GstBuffer* buffer, GstPad* pad, gpointer user
     wanted->seen = wanted->seen || bytes == wanted->expected;
 }
 
-TEST_F(GstPipelines, PictureComesBackOverRtp)
+TEST_F(GstPipelines, PictureArrivesOverRtp)
 {
     arrivals wanted = {.expected = packed()};
     const pipeline receiver(

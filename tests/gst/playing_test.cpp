@@ -1,4 +1,4 @@
-// Times: stills at a frame rate, animations by their own times, loops, seeks, ends.
+// Timing: stills at a frame rate, animations with their own times, loops, seeks, ends.
 #include <atomic>
 #include <gst/check/gsttestclock.h>
 #include <string>
@@ -35,7 +35,7 @@ void count_buffer(GstElement* /*sink*/, GstBuffer* /*buffer*/, GstPad* /*pad*/, 
 
 class GstPlaying : public GstFixture {
 protected:
-    // Frames of one colour each, shown for so many hundredths.
+    // An animation of one-colour frames with these delays in hundredths of a second.
     std::string animation(const std::vector<unsigned>& delays)
     {
         gif_spec spec = {.width = 4, .height = 4};
@@ -76,7 +76,7 @@ TEST_F(GstPlaying, StillIsRepeatedAtTwentyFiveFramesASecond)
     EXPECT_EQ(source.caps_field("framerate"), "25/1");
 }
 
-TEST_F(GstPlaying, StillTakesTheRateThatDownstreamWants)
+TEST_F(GstPlaying, StillUsesTheRateThatDownstreamRequests)
 {
     serve(data("jpeg/peacock-420.jpg"));
     const source_harness source(socket + " num-buffers=4",
@@ -100,7 +100,7 @@ TEST_F(GstPlaying, StillWithoutARateIsOneBuffer)
     EXPECT_FALSE(GST_BUFFER_DURATION_IS_VALID(buffers[0].get()));
 }
 
-TEST_F(GstPlaying, StillIsSoughtToTheNextFrame)
+TEST_F(GstPlaying, SeekInAStillStartsAtTheNextFrame)
 {
     serve(data("jpeg/peacock-420.jpg"));
     const source_harness source(socket, {.waits = false});
@@ -131,7 +131,7 @@ TEST_F(GstPlaying, AnimationHasItsOwnTimesAndEnds)
     EXPECT_EQ(duration, 700 * GST_MSECOND);
 }
 
-TEST_F(GstPlaying, LoopsGoOnInTime)
+TEST_F(GstPlaying, LoopsContinueTheTimeline)
 {
     serve(animation({10, 5}));
     const source_harness source(socket + " loops=3");
@@ -144,7 +144,7 @@ TEST_F(GstPlaying, LoopsGoOnInTime)
     EXPECT_EQ(duration, 450 * GST_MSECOND);
 }
 
-TEST_F(GstPlaying, LoopsWithoutEndGoOn)
+TEST_F(GstPlaying, EndlessLoopsContinue)
 {
     serve(animation({10, 5}));
     const source_harness source(socket + " loops=-1 num-buffers=101");
@@ -156,7 +156,7 @@ TEST_F(GstPlaying, LoopsWithoutEndGoOn)
     EXPECT_EQ(duration, -1);
 }
 
-TEST_F(GstPlaying, AnimationAtAFixedRateShowsWhatIsOn)
+TEST_F(GstPlaying, AnimationAtAFixedRateShowsTheCurrentFrame)
 {
     serve(animation({10, 3, 7}));
     const source_harness source(socket + " loops=2", {.caps = "video/x-raw,framerate=20/1"});
@@ -170,7 +170,7 @@ TEST_F(GstPlaying, AnimationAtAFixedRateShowsWhatIsOn)
                                                   {2, 350, 50}}));
 }
 
-// The worker drops the alpha plane of the first frame alone when that is opaque.
+// When only the first frame is opaque, the worker drops the alpha plane of that frame only.
 TEST_F(GstPlaying, FrameWithoutAlphaIsOpaqueWhereOthersHaveAlpha)
 {
     serve(animation({10, 3}));
@@ -190,7 +190,7 @@ TEST_F(GstPlaying, FrameWithoutAlphaIsOpaqueWhereOthersHaveAlpha)
     }
 }
 
-TEST_F(GstPlaying, EveryFramesPlanesAreTheWorkers)
+TEST_F(GstPlaying, PlanesOfEveryFrameEqualThoseOfTheWorker)
 {
     serve(animation({10, 3, 50, 7}));
     const source_harness source(socket);
@@ -216,7 +216,7 @@ TEST_F(GstPlaying, SeekLandsInsideAFrame)
                   {1, 250, 150}, {2, 400, 200}, {0, 600, 100}, {1, 700, 300}, {2, 1000, 200}}));
 }
 
-TEST_F(GstPlaying, BackwardsIsRefused)
+TEST_F(GstPlaying, BackwardPlaybackIsRefused)
 {
     serve(animation({10, 30}));
     const source_harness source(socket, {.waits = false});
@@ -224,8 +224,8 @@ TEST_F(GstPlaying, BackwardsIsRefused)
     EXPECT_FALSE(source.seek(0, 100, -1.0));
 }
 
-// A worker gives a client at most 1,024 frames at a time.
-TEST_F(GstPlaying, FramesGoBackWithTheirBuffers)
+// A client can hold at most 1,024 frames of a worker at a time.
+TEST_F(GstPlaying, FramesAreReleasedWithTheirBuffers)
 {
     serve(animation({1, 2, 3}));
     const source_harness source(socket + " loops=-1");
@@ -236,10 +236,10 @@ TEST_F(GstPlaying, FramesGoBackWithTheirBuffers)
     }
 }
 
-TEST_F(GstPlaying, LiveSourceKeepsToTheClock)
+TEST_F(GstPlaying, LiveSourceFollowsTheClock)
 {
     serve(data("jpeg/peacock-420.jpg"));
-    std::atomic<unsigned> arrived = 0; // counted up as long as the pipeline lives
+    std::atomic<unsigned> arrived = 0; // incremented while the pipeline exists
     const pipeline played("stillimagesrc is-live=true num-buffers=10 " + socket +
                           " ! video/x-raw,framerate=50/1 ! "
                           "fakesink name=to signal-handoffs=true sync=false");

@@ -1,4 +1,4 @@
-// The element's connection to a worker that takes its time, in time that the test holds.
+// The element's connection to a slow worker, in time that the test controls.
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -12,8 +12,8 @@ namespace {
 using namespace comm_protocol;
 
 constexpr int short_limit_ms = 100;
-constexpr int least_patience_ms = 5000; // of the subscription, however short the limit
-constexpr int long_limit_ms = 4 * least_patience_ms;
+constexpr int min_patience_ms = 5000; // for the subscription, however short the limit
+constexpr int long_limit_ms = 4 * min_patience_ms;
 
 void greet_and_subscribe(fake_peer& peer)
 {
@@ -24,7 +24,7 @@ void greet_and_subscribe(fake_peer& peer)
 
 class GstWorkerLink : public testing::Test {
 protected:
-    // The worker greets at once and is busy then.
+    // The worker greets at once and is then busy.
     stillimage_result open(int timeout_ms)
     {
         return link->open({worker.path(), "", false}, timeout_ms);
@@ -34,11 +34,11 @@ protected:
     const std::shared_ptr<worker_link> link = std::make_shared<worker_link>();
 };
 
-TEST_F(GstWorkerLink, BusyWorkerIsSubscribedToBeyondAShortLimit)
+TEST_F(GstWorkerLink, SubscriptionWaitsLongerThanAShortLimit)
 {
-    const held_time time({0, least_patience_ms});
+    const held_time time({0, min_patience_ms});
     EXPECT_EQ(open(short_limit_ms), STILLIMAGE_OK) << link->error();
-    EXPECT_EQ(time.passed_ms(), least_patience_ms);
+    EXPECT_EQ(time.passed_ms(), min_patience_ms);
 }
 
 TEST_F(GstWorkerLink, WorkerThatStaysBusyIsGivenUp)
@@ -46,10 +46,10 @@ TEST_F(GstWorkerLink, WorkerThatStaysBusyIsGivenUp)
     const held_time time({0});
     EXPECT_EQ(open(short_limit_ms), STILLIMAGE_ERROR_TIMEOUT);
     EXPECT_EQ(link->error(), "the worker did not answer in time");
-    EXPECT_EQ(time.passed_ms(), least_patience_ms);
+    EXPECT_EQ(time.passed_ms(), min_patience_ms);
 }
 
-TEST_F(GstWorkerLink, LongerLimitGoesForTheSubscriptionToo)
+TEST_F(GstWorkerLink, LongerLimitAppliesToTheSubscriptionToo)
 {
     const held_time time({0, long_limit_ms});
     EXPECT_EQ(open(long_limit_ms), STILLIMAGE_OK) << link->error();
@@ -63,7 +63,7 @@ TEST_F(GstWorkerLink, WorkerThatStaysBusyIsGivenUpAfterALongerLimit)
     EXPECT_EQ(time.passed_ms(), long_limit_ms);
 }
 
-// Patience is for one that is there.
+// The longer wait is only for a worker that has greeted.
 TEST_F(GstWorkerLink, WorkerThatDoesNotGreetIsGivenUpWithinTheLimit)
 {
     const held_time time({});

@@ -1,1 +1,1 @@
-// Nothing but the place where the test framework's headers are compiled once for every suite.
+// The precompiled headers of the test framework, which all suites share, are built with this file.

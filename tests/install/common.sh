@@ -1,4 +1,4 @@
-# Shared by the tests of what is installed.
+# Shared by the install tests.
 # shellcheck shell=bash
 # shellcheck disable=SC2034  # the variables are for the scripts that source this file
 

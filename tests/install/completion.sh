@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What bash proposes for the command lines of the two programs.
+# The completions that bash proposes for the command lines of the two programs.
 set -euo pipefail
 # shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Each component holds its own files and no others, and all together are what a full installation is.
+# Each component installs its own files and no others; together they are a full installation.
 set -euo pipefail
 # shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
@@ -10,7 +10,7 @@ variable() {
 libdir=$(variable CMAKE_INSTALL_LIBDIR)
 build_type=$(variable CMAKE_BUILD_TYPE)
 
-# files_of PREFIX: what is installed there, sorted.
+# files_of PREFIX: the files installed there, sorted.
 files_of() {
     (cd "$1" && find . ! -type d | sed 's,^\./,,' | sort)
 }
@@ -19,7 +19,7 @@ install_component() {
     cmake --install "$BUILD_DIR" --prefix "$scratch/$1" --component "$1" >/dev/null
 }
 
-# expect_component NAME: its files are those on standard input.
+# expect_component NAME: expects the files that standard input lists.
 expect_component() {
     install_component "$1"
     expect_same "files of the component $1" "$(sort)" "$(files_of "$scratch/$1")"
@@ -71,12 +71,12 @@ for file in include/stillimage_client.h "$libdir/libstillimage_client.a" \
     [ -e "$scratch/development/$file" ] || [ -L "$scratch/development/$file" ] \
         || fault "the component development lacks $file"
 done
-strangers=$(files_of "$scratch/development" | grep -Ev "^(include/|$libdir/|share/man/man3/)" || true)
-expect_same "files of development at unusual places" "" "$strangers"
+unexpected=$(files_of "$scratch/development" | grep -Ev "^(include/|$libdir/|share/man/man3/)" || true)
+expect_same "files of development in unexpected places" "" "$unexpected"
 
 # --- all of it --------------------------------------------------------------------------------------
 
-install_component gst # nothing where the plugin is not built
+install_component gst # empty when the plugin is not built
 mkdir -p "$scratch/gst"
 cmake --install "$BUILD_DIR" --prefix "$scratch/all" >/dev/null
 expect_same "a full installation" \

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The manual pages are well-formed, and tell of every switch, call and function there is.
+# The manual pages are well-formed, and document every switch, call and function.
 set -euo pipefail
 # shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
@@ -9,12 +9,12 @@ if ! command -v groff >/dev/null; then
     exit 0
 fi
 
-# The page as plain text on long lines, without the typewriter's bold type.
+# The page as plain text with long lines, without overstriking.
 plain() {
     groff -mdoc -rLL=2000n -Tascii -P-cbou "$1" | tr -s ' '
 }
 
-# expect_words PAGE WHAT WORD...: each stands in the page as a word of its own.
+# expect_words PAGE WHAT WORD...: expects each in the page as a separate word.
 expect_words() {
     local page=$1 what=$2 text word count=0
     shift 2
@@ -22,16 +22,16 @@ expect_words() {
     for word in "$@"; do
         count=$((count + 1))
         grep -Eq -- "(^|[^[:alnum:]_-])$word([^[:alnum:]_-]|$)" <<<"$text" \
-            || fault "$page does not tell of the $what $word"
+            || fault "$page does not mention the $what $word"
     done
-    [ "$count" -gt 5 ] || fault "only $count names were found to be looked for in $page"
+    [ "$count" -gt 5 ] || fault "only $count names to look for in $page"
 }
 
 for page in *.[1-8]; do
     warnings=$(groff -ww -mdoc -Tutf8 -z "$page" 2>&1)
     expect_same "groff warns of $page" "" "$warnings"
     if command -v mandoc >/dev/null; then
-        # Pages that are not installed yet are referenced, and are no fault.
+        # References to pages that are not installed are not a fault.
         warnings=$(mandoc -T lint -W style "$page" 2>/dev/null | grep -v 'referenced manual not found' || true)
         expect_same "mandoc warns of $page" "" "$warnings"
     fi
@@ -50,7 +50,7 @@ done
 mapfile -t switches < <(grep -o -- '--[a-z][a-z-]*' <<<"$help" | sort -u)
 expect_words stillimage-client.1 switch "${switches[@]}"
 
-# Functions of the public header, of which types are no part.
+# The functions of the public header, without types.
 mapfile -t functions < <(grep -o '\bstillimage_[a-z0-9_]*(' "$SOURCE_DIR/client/stillimage_client.h" \
     | tr -d '(' | sort -u)
 expect_words stillimage_client.3 function "${functions[@]}"

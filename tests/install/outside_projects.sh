@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# outside_projects.sh CC CXX: programs outside the tree are built against an installed tree, shared
-# and static, in C, in C++ and by the header for C++20, by pkg-config and by CMake, after the tree has been moved; they
-# take a frame from the installed worker.
+# outside_projects.sh CC CXX: builds programs outside the tree against an installed tree that has
+# been moved: with the shared and the static library, in C, in C++ and with the header for C++20, by
+# pkg-config and by CMake. Each takes a frame from the installed worker.
 set -euo pipefail
 # shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
@@ -34,7 +34,8 @@ expected_size=$("$prefix/bin/stillimage-client" "$scratch/sock" status \
     | sed 's/.*"image info": {[^}]*"height": \([0-9]*\), "width": \([0-9]*\)}.*/\2x\1/')
 
 expected=
-# runs_well PROGRAM: it takes the picture, the same as the programs before it.
+# runs_well PROGRAM: expects that it takes the picture and prints the same as the programs before
+# it.
 runs_well() {
     local printed
     printed=$("$@" "$scratch/sock") || fault "failed: $*"
@@ -57,7 +58,7 @@ warnings=(-Wall -Wextra -Wshadow -Werror)
 "$CXX" "${warnings[@]}" "${flags[@]}" viewer.cpp -o cxx-shared "${libraries[@]}"
 "$CXX" -std=c++20 "${warnings[@]}" -Wconversion "${flags[@]}" viewer_cxx20.cpp -o cxx20-shared \
     "${libraries[@]}"
-# Only this one library is wanted static; the C run-time library stays as it is.
+# Only this library is linked statically; the C run-time library stays shared.
 "$CC" -std=c11 "${warnings[@]}" "${flags[@]}" viewer.c -o c-static \
     "${static_libraries[@]/#-lstillimage_client/-l:libstillimage_client.a}"
 "$CXX" "${warnings[@]}" "${flags[@]}" viewer.cpp -o cxx-static \
@@ -79,7 +80,7 @@ for program in c cxx cxx20; do
     runs_well "by-cmake/$program-stillimage_client_static"
 done
 
-# --- what they are ----------------------------------------------------------------------------------
+# --- which programs need the shared library ---------------------------------------------------------
 
 needs_library() {
     readelf -d "$1" | grep -q 'NEEDED.*libstillimage_client\.so\.1\]'
@@ -93,5 +94,5 @@ done
 expect_same "size that the programs saw" "$expected_size" "${expected% *}"
 
 "$prefix/bin/stillimage-client" "$scratch/sock" quit
-wait "$worker" || fault "the worker's end: $?"
+wait "$worker" || fault "the worker ended with $?"
 finish

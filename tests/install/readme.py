@@ -1,14 +1,13 @@
 #!/usr/bin/env python3
 """Runs the command lines that README.md shows, as a reader would.
 
-Blocks marked "console" are run, each by one shell: a line that begins with "$ " is a command, the
-lines below it are what it prints. All must end with status 0, and what is shown must be printed, in
-that order; numbers other than 0 may differ, and "..." stands for any text. Blocks marked "sh" are
-about the tree itself (setting up, building, installing); of them it is checked that the scripts are
-there.
+Each block marked "console" is run by one shell: a line that begins with "$ " is a command, the lines
+below it are its output. Every command must end with status 0 and print the lines shown, in that
+order; numbers other than 0 may differ, and "..." matches any text. Blocks marked "sh" are about the
+tree itself (setting up, building, installing); for these the test only checks that the scripts exist.
 
-Environment: SOURCE_DIR, PROGRAM_DIRS (joined by ":"), GST_PLUGIN_DIR (empty: there is no plugin, and
-commands that need it are left out).
+Environment: SOURCE_DIR, PROGRAM_DIRS (joined by ":"), GST_PLUGIN_DIR (empty when there is no plugin;
+commands that need it are skipped).
 """
 
 import os
@@ -28,7 +27,7 @@ def blocks(text, mark):
 
 
 def steps(block):
-    """A list of (command, shown lines)."""
+    """Returns a list of (command, shown lines)."""
     result = []
     for line in block.splitlines():
         if line.startswith("$ "):
@@ -42,7 +41,7 @@ def steps(block):
 
 
 def pattern(shown):
-    """Matches the shown lines in order; a number other than 0 stands for any such number."""
+    """Returns a pattern that matches the shown lines in order; numbers other than 0 may differ."""
     lines = []
     for line in shown:
         parts = [re.sub(r"\d*[1-9]\d*", r"\\d*[1-9]\\d*", re.escape(part))
@@ -59,12 +58,12 @@ wait_for_port() { # UDP, on any address
 
 
 def ports_of(command):
-    """The ports that a command receives or listens on."""
+    """Returns the ports that a command receives on or listens on."""
     return re.findall(r"udpsrc port=(\d+)|srt://[^ ']*:(\d+)\?mode=listener", command)
 
 
 def other_ports(commands):
-    """The same commands with ports that nobody uses, so that tests may run side by side."""
+    """Returns the same commands with free ports, so that tests can run in parallel."""
     free = {}
     for port in {number for command in commands for found in ports_of(command) for number in found}:
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
@@ -77,10 +76,10 @@ def other_ports(commands):
 
 
 def script(commands):
-    """Each command's output goes to a file of its own; the first failure ends the block.
+    """Returns a script that writes each command's output to its own file and stops at a failure.
 
-    Readers type slowly, so here, too, whatever runs in the background is listening before the next
-    command is given, and has finished a file before a command reads it.
+    As readers type slowly, a command starts only after those in the background are listening, and
+    after files that it reads are complete.
     """
     lines = ["set -o pipefail", WAIT_FOR_PORT]
     for i, command in enumerate(commands):
@@ -105,7 +104,7 @@ def environment(home):
     player = os.path.join(values["XDG_CONFIG_HOME"], "mpv")
     os.mkdir(player)
     with open(os.path.join(player, "mpv.conf"), "w", encoding="ascii") as settings:
-        settings.write("vo=null\nao=null\n")  # there is no screen here
+        settings.write("vo=null\nao=null\n")  # tests have no screen
     values["HOME"] = home
     values["PATH"] = os.environ["PROGRAM_DIRS"] + ":" + values["PATH"]
     values["SDL_VIDEODRIVER"] = values["SDL_AUDIODRIVER"] = "dummy"
@@ -177,7 +176,7 @@ def main():
     for block in shown:
         wanted = steps(block)
         if "stillimagesrc" in block and not os.environ.get("GST_PLUGIN_DIR"):
-            print("left out, the GStreamer plugin was not built: " + wanted[0][0])
+            print("skipped, the GStreamer plugin was not built: " + wanted[0][0])
             continue
         failures += run_block(wanted)
     if not shown:

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# units.sh FOLDER: the configured units are valid for the service manager, shut in, and say what
-# they are meant to say.
+# units.sh FOLDER: the configured units are valid for the service manager, confine the worker, and
+# contain the expected settings.
 set -euo pipefail
 # shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
 units=$1
-most_exposure=15 # in tenths, as the service manager's own tool counts it: 100 is unprotected
+max_exposure=15 # in tenths of the points of systemd-analyze: 100 is unprotected
 
 if ! command -v systemd-analyze >/dev/null; then
     echo "skipped: systemd-analyze (package systemd) is missing"
@@ -15,7 +15,7 @@ fi
 instance=stillimage@$(systemd-escape --path '/srv/a picture.jpg').service
 for manager in system user; do
     mkdir "$scratch/$manager"
-    # Where the program will be installed, it may not be yet.
+    # The program may not be installed yet at its final path.
     sed "s,^\(ExecStart=:\)[^ ]*,\1$STILLIMAGE," "$units/$manager/stillimage@.service" \
         >"$scratch/$manager/$instance"
     cp "$SOURCE_DIR/packaging/systemd/stillimage.slice" "$scratch/$manager/"
@@ -30,11 +30,11 @@ for manager in system user; do
             || fault "the $manager unit lacks the line $line"
     done
 done
-grep -q '^MemoryMax=' "$SOURCE_DIR/packaging/systemd/stillimage.slice" || fault "no memory limit"
+grep -q '^MemoryMax=' "$SOURCE_DIR/packaging/systemd/stillimage.slice" || fault "the slice has no memory limit"
 
 exposure=$(systemd-analyze security --offline=true --no-pager "$scratch/system/$instance" \
     | sed -n 's/.*exposure level for .*: \([0-9]*\)\.\([0-9]\).*/\1\2/p')
 printf 'exposure of the system unit, in tenths: %s\n' "$exposure"
-[ "$((10#${exposure:-100}))" -le "$most_exposure" ] || fault "it is too exposed"
+[ "$((10#${exposure:-100}))" -le "$max_exposure" ] || fault "it is too exposed"
 
 finish

@@ -1,4 +1,4 @@
-// The same as viewer.c, by the header for C++20.
+// The same program as viewer.c, with the header for C++20.
 #include <cstdio>
 #include <exception>
 #include <numeric>

@@ -1,5 +1,5 @@
-// Command lines: arguments with a NUL behind each, taken as the program takes them. Whatever they
-// hold, what is set afterwards is something that the rest of the program can work with.
+// Command lines: arguments that each end with a NUL, handled as the program handles them. Whatever
+// they contain, the resulting settings are valid for the rest of the program.
 
 #include <cstdint>
 #include <cstdio>
@@ -78,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     vector.push_back(nullptr);
     const bool accepted = vexa_init_argv(static_cast<int>(arguments.size()), vector.data()) == 0;
     require(accepted == !arguments.empty());
-    stderr = null_stream(); // until reset_item gives the real one back
+    stderr = null_stream(); // until reset_item restores the real one
     take_arguments();
     check_settings();
     platform::reset_item();

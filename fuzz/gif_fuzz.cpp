@@ -1,5 +1,6 @@
-// A GIF's whole road: examination, layout, records of every frame, decoding, pyramid, clean-up. A
-// last byte below 32, which no whole GIF has, is the number of the pump in which a signal arrives.
+// The whole run of a GIF: examination, layout, records of every frame, decoding, mipmaps, clean-up.
+// A last byte below 32, which no complete GIF has, is the number of the idle round in which a
+// signal arrives.
 
 #include <cstddef>
 #include <cstdint>
@@ -18,7 +19,7 @@ namespace {
 
 constexpr uint64_t buffer_limit = 8 << 20; // larger ones only cost time
 constexpr int64_t raster_limit = 1 << 22;
-constexpr int last_pump = 32;
+constexpr int signal_rounds = 32;
 
 bool costs_too_much()
 {
@@ -40,7 +41,7 @@ void check_timeline()
     }
 }
 
-void go_the_whole_road()
+void run_picture()
 {
     if (examine_gif_file() != 0) {
         require(gif_image == nullptr);
@@ -51,7 +52,7 @@ void go_the_whole_road()
     if (costs_too_much()) {
         return;
     }
-    make_room();
+    allocate_buffer();
     const uint64_t running_time = image_mapping_total;
     require(full_decode_gif() == 0);
     check_timeline();
@@ -59,7 +60,7 @@ void go_the_whole_road()
         require(image_mapping_points.size() == image_decoded_frames);
         require(image_mapping_total == running_time);
     }
-    reduce();
+    build_mipmaps();
 }
 
 } // namespace
@@ -67,13 +68,13 @@ void go_the_whole_road()
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     reset_gif_canvas();
-    start_anew();
-    take_picture(data, size, last_pump);
-    go_the_whole_road();
+    reset_everything();
+    set_input(data, size, signal_rounds);
+    run_picture();
     free_all_gif();
     free_all_gif();
     require(gif_image == nullptr);
     reset_gif_canvas();
-    start_anew();
+    reset_everything();
     return 0;
 }

@@ -1,5 +1,5 @@
-// The first look at a file: whatever stands there is one of the five types or none, and only what
-// starts like a JPEG is one.
+// Identification by content: every file has one of the five types or none, and only a file with the
+// marker chain of a JPEG is a JPEG.
 
 #include <cstdint>
 #include <vector>
@@ -12,7 +12,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    // A block of its own, so that the sanitizer sees a read past the end.
+    // A copy of exactly this size, so that the sanitizer detects reads past the end.
     const std::vector<unsigned char> file(data, data + size);
     const unsigned char* end = file.data() + file.size();
     const bool chain_holds = jpeg_marker_chain_holds(file.data(), end);

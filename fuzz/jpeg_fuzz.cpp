@@ -1,6 +1,7 @@
-// A JPEG's whole road: examination, layout, decoding, pyramid, clean-up. It ends in a refusal, in a
-// picture, or in one of the two aborts that a file may cause, and nothing stays open. A last byte
-// below 64, which no whole JPEG has, is the number of the pump in which a signal arrives.
+// The whole run of a JPEG: examination, layout, decoding, mipmaps, clean-up. It ends with a
+// refusal, a picture, or one of the two aborts that a file may cause. No file stays open. A last
+// byte below 64, which no complete JPEG has, is the number of the idle round in which a signal
+// arrives.
 
 #include <cstddef>
 #include <cstdint>
@@ -22,7 +23,7 @@
 
 namespace {
 
-constexpr int last_pump = 64;
+constexpr int signal_rounds = 64;
 
 constexpr const char* wanted_aborts[] = {
     "Unexpected longjmp from JPEGLIB error handler\n",
@@ -49,7 +50,7 @@ void decode_by_colour_space()
     }
 }
 
-void go_the_whole_road()
+void run_picture()
 {
     if (examine_jpeg_file() != 0) {
         require(jpeg_fp == nullptr && jpeg_decompress == nullptr && jpeg_error_manager == nullptr);
@@ -57,18 +58,18 @@ void go_the_whole_road()
     }
     require(image_width >= 1 && image_width <= image_size_limit);
     require(image_height >= 1 && image_height <= image_size_limit);
-    if (static_cast<int64_t>(image_width) * image_height > most_pixels) {
+    if (static_cast<int64_t>(image_width) * image_height > max_pixels) {
         return;
     }
     lay_out();
-    make_room();
+    allocate_buffer();
     decode_by_colour_space();
-    reduce();
+    build_mipmaps();
 }
 
 } // namespace
 
-// The fourth component's rows outlive a caught abort; in the program the process would have ended.
+// The rows of the fourth component are leaked by a caught abort; in the program the process ends.
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions()
 {
@@ -78,13 +79,13 @@ extern "C" const char* __lsan_default_suppressions()
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     reset_jpeg_reader();
-    start_anew();
-    take_picture(data, size, last_pump);
-    aborts_as_wanted(go_the_whole_road, wanted_aborts);
+    reset_everything();
+    set_input(data, size, signal_rounds);
+    aborts_as_wanted(run_picture, wanted_aborts);
     free_all_jpeg_fileio();
     free_all_jpeg_fileio();
     require(jpeg_fp == nullptr && jpeg_decompress == nullptr && jpeg_error_manager == nullptr);
     reset_jpeg_reader();
-    start_anew();
+    reset_everything();
     return 0;
 }

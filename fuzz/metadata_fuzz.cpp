@@ -1,5 +1,5 @@
-// The metadata file's text, as a person, a broken disk or another program may have left it:
-// refused, or read and written without any loss, through the plain text and through the entry list.
+// The text of a metadata file, as an editor, a damaged disk or another program may leave it: it is
+// refused, or read and written without loss, both as text and as a list of entries.
 
 #include <cstdint>
 #include <string>
@@ -17,7 +17,7 @@ bool same(const platform::text_entry& a, const platform::text_entry& b)
     return a.leading == b.leading && a.name == b.name && a.value == b.value && a.tag == b.tag;
 }
 
-// Entry by entry what was read first, and from then on the same text for ever.
+// Reading the written text gives the same entries, and writing those gives the same text.
 void check_round_trip(const platform::text_document& document, const std::string& text)
 {
     platform::text_document again;
@@ -31,7 +31,7 @@ void check_round_trip(const platform::text_document& document, const std::string
     require(platform::write_metadata(again) == text);
 }
 
-// Every other entry freed, one changed, one added: what is left is what the file then holds.
+// Frees every other entry and sets one: the text of the list then holds exactly its entries.
 void check_list(platform::text_document&& document, const std::string& text)
 {
     const platform::list_owner owner(platform::new_metadata_list(std::move(document)));
@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     const std::string text = platform::write_metadata(document);
     require(wire::is_utf8(text));
-    // Escapes may make the text larger than a file may be; it is then not written.
+    // Escapes can make the text larger than the limit of a file; it is then not written.
     if (text.size() <= platform::max_metadata_file) {
         check_round_trip(document, text);
         check_list(std::move(document), text);

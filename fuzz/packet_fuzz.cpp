@@ -1,9 +1,9 @@
 // Four clients and a worker without a picture, over channels in memory: whatever the clients send,
-// in whatever order they come, stall and leave, each packet that the worker sends is one of the
-// protocol, and nothing of a client outlives it.
+// and in whatever order they connect, stall and disconnect, each packet of the worker is valid, and
+// the worker keeps nothing of a client that has disconnected.
 //
-// The input is a list of steps. The low two bits of a step's first byte choose the client, the next
-// three what happens; see `steps`.
+// The input is a list of steps. The low two bits of a step's first byte select the client, the next
+// three the action; see `steps`.
 
 #include <algorithm>
 #include <array>
@@ -28,7 +28,7 @@ namespace {
 
 using namespace comm_protocol;
 
-// The rest of the input, eaten from the front; zeros at its end.
+// The rest of the input, consumed from the front. After its end every byte is 0.
 struct input {
     const uint8_t* next;
     size_t left;
@@ -66,11 +66,11 @@ struct fuzzed_client {
 std::array<fuzzed_client, 4> clients;
 uint64_t now_us = 0;
 
-void client_left(comm_socket_v4_client& gone)
+void client_left(comm_socket_v4_client& leaving)
 {
-    my_client_disconnect_handler(&gone);
+    my_client_disconnect_handler(&leaving);
     for (fuzzed_client& client : clients) {
-        if (client.connection == &gone) {
+        if (client.connection == &leaving) {
             client.connection = nullptr;
         }
     }
@@ -122,7 +122,7 @@ void let_time_pass(fuzzed_client& /*client*/, input& rest)
     idle_vexa_client_contexts();
 }
 
-constexpr std::array<platform::setting_state, 4> setting_fates = {
+constexpr std::array<platform::setting_state, 4> setting_results = {
     platform::setting_state::STORED, platform::setting_state::REFUSED,
     platform::setting_state::NOT_STORED, platform::setting_state::WAITS};
 
@@ -132,7 +132,7 @@ void change_readiness(fuzzed_client& /*client*/, input& rest)
     vexa_ready = (choice & 1U) != 0;
     plain_item::state.ready = vexa_ready ? 1 - (choice & 2U) : 0;
     plain_item::state.frames = choice >> 2U;
-    plain_item::state.settings = setting_fates[(choice >> 2U) % setting_fates.size()];
+    plain_item::state.settings = setting_results[(choice >> 2U) % setting_results.size()];
     plain_item::state.frames_fail = (choice & 0xC0U) == 0xC0U;
     plain_item::state.document.assign(size_t{rest.byte()} * 512, 'd');
     platform::mark_document_changed();
@@ -158,7 +158,7 @@ void vanish(fuzzed_client& client, input& /*rest*/)
     }
 }
 
-void tell_changes(fuzzed_client& /*client*/, input& rest)
+void report_changes(fuzzed_client& /*client*/, input& rest)
 {
     platform::note_changes(rest.byte());
     platform::send_document_to_subscribers();
@@ -172,8 +172,9 @@ void go_down(fuzzed_client& /*client*/, input& rest)
 }
 
 using step = void (*)(fuzzed_client& client, input& rest);
-constexpr std::array<step, 8> steps = {send_anything, send_request, let_time_pass, change_readiness,
-                                       change_room,   vanish,       tell_changes,  go_down};
+constexpr std::array<step, 8> steps = {send_anything,    send_request, let_time_pass,
+                                       change_readiness, change_room,  vanish,
+                                       report_changes,   go_down};
 
 // --- what the worker sends -----------------------------------------------------------------------
 
@@ -220,7 +221,7 @@ void check_answers()
     }
 }
 
-// Whatever a body is taken for, reading it stays inside it.
+// Whatever type a body is decoded as, reads stay within its bounds.
 void decode_as_everything(const uint8_t* data, size_t size)
 {
     const packet_bytes body(data, data + std::min<size_t>(size, 4096));

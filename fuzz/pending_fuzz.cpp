@@ -1,5 +1,6 @@
-// A pending file, as a dead writer, a broken disk or another program may have left it. Chance does
-// not find checksums, so the input is read twice: as it is, and with each line's checksum put right.
+// A pending file, as a killed writer, a damaged disk or another program may leave it. Mutation does
+// not find valid checksums, so the input is read twice: unchanged, and with the checksum of each
+// line corrected.
 
 #include <cstdint>
 #include <cstdio>
@@ -12,7 +13,7 @@
 
 namespace {
 
-// Bit by bit, as docs/metadata.md has it.
+// Bit by bit, as docs/metadata.md defines it.
 uint32_t crc32_of(std::string_view text)
 {
     uint32_t value = 0xFFFFFFFF;
@@ -43,7 +44,7 @@ std::string with_checksums(std::string_view text)
     return out += text;
 }
 
-// Temporary files with an even last byte are there.
+// A temporary file exists when the last byte of its name is even.
 bool is_there(const std::string& temporary)
 {
     require(temporary.starts_with("metadata.tmp-"));
@@ -51,7 +52,7 @@ bool is_there(const std::string& temporary)
     return static_cast<unsigned char>(temporary.back()) % 2 == 0;
 }
 
-// What was read is written, read again, and set in a list without any loss.
+// Writes what was read, reads it again, and sets it in a list without loss.
 void check(std::string_view text)
 {
     const platform::pending_text pending = platform::parse_pending(text, is_there);

@@ -1,9 +1,10 @@
-// A PNG's whole road: examination, layout, decoding, pyramid, clean-up. It ends in a refusal or in a
-// picture, and nothing stays open. Without interlacing the planes must be those of the plain rules.
+// The whole run of a PNG: examination, layout, decoding, mipmaps, clean-up. It ends with a refusal
+// or a picture. No file stays open. Without interlacing the planes must equal those of the literal
+// decoder.
 //
-// Chunks have checksums, which chance never meets: inputs that end in an even byte, as whole files
-// do, have theirs set right first. A last byte below 64 is the number of the pump in which a signal
-// arrives.
+// Mutation does not find valid checksums, so those of inputs that end in an even byte, as complete
+// files do, are corrected first. A last byte below 64 is the number of the idle round in which a
+// signal arrives.
 
 #include <algorithm>
 #include <cstddef>
@@ -26,9 +27,9 @@
 namespace {
 
 constexpr int64_t pixel_limit = 1 << 18; // larger pictures only cost time
-constexpr int last_pump = 64;
+constexpr int signal_rounds = 64;
 
-void set_checksums_right(std::vector<uint8_t>* file)
+void correct_checksums(std::vector<uint8_t>* file)
 {
     size_t chunk = 8;
     while (chunk + 12 <= file->size()) {
@@ -72,7 +73,7 @@ void expect_plain_planes(const std::vector<uint8_t>& file)
     require(std::equal(expected.begin(), expected.begin() + area, scripted::buffer()));
 }
 
-void go_the_whole_road(const std::vector<uint8_t>& file)
+void run_picture(const std::vector<uint8_t>& file)
 {
     if (examine_png_file() != 0) {
         require(png_fp == nullptr && png_context == nullptr && png_context_info == nullptr);
@@ -84,7 +85,7 @@ void go_the_whole_road(const std::vector<uint8_t>& file)
         return;
     }
     lay_out();
-    make_room();
+    allocate_buffer();
     const bool is_interlaced = png_interlace_method != 0;
     require(decode_by_form() == 0);
     require(scripted::log.status.back() == scripted::status_line{100, ""});
@@ -94,23 +95,23 @@ void go_the_whole_road(const std::vector<uint8_t>& file)
     if (!is_interlaced) {
         expect_plain_planes(file);
     }
-    reduce();
+    build_mipmaps();
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    start_anew();
+    reset_everything();
     std::vector<uint8_t> file(data, data + size);
     if (size != 0 && data[size - 1] % 2 == 0) {
-        set_checksums_right(&file);
+        correct_checksums(&file);
     }
-    take_picture(file.data(), file.size(), last_pump);
-    go_the_whole_road(file);
+    set_input(file.data(), file.size(), signal_rounds);
+    run_picture(file);
     free_all_png_fileio();
     free_all_png_fileio();
     require(png_fp == nullptr && png_context == nullptr && png_context_info == nullptr);
-    start_anew();
+    reset_everything();
     return 0;
 }

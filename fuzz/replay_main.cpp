@@ -1,5 +1,5 @@
-// Stands in for a fuzzing engine: runs the target once on each of the files, and on the files of
-// each folder, that the command line names.
+// Replaces the fuzzing engine: runs the target once on each file, and on each file in each folder,
+// of the command line.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -45,7 +45,7 @@ bool replay(const std::filesystem::path& path)
     }
     const std::string content((std::istreambuf_iterator<char>(file)),
                               std::istreambuf_iterator<char>());
-    // A block of exactly the input's size, so that a sanitizer sees a read past its end.
+    // A block of exactly the input's size, so that a sanitizer detects reads past its end.
     const auto block = std::make_unique<uint8_t[]>(content.size());
     memcpy(block.get(), content.data(), content.size());
     fprintf(stderr, "replaying %s\n", path.c_str());

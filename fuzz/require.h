@@ -1,9 +1,9 @@
-// How a fuzz target says what must hold.
+// The assertion of fuzz targets.
 #pragma once
 
 #include <cstdlib>
 
-// A condition that does not hold ends the process, which is a finding.
+// Aborts when the condition is false, which the fuzzing engine reports as a finding.
 inline void require(bool condition)
 {
     if (!condition) {

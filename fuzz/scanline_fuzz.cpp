@@ -1,8 +1,8 @@
-// A frame as a client meets it: the worker's message and its record, both from the input. Whatever is
-// accepted can be read sample by sample, and turned into every kind of file.
+// A frame as a client receives it: the worker's message and its record, both from the input. An
+// accepted picture can be read sample by sample, and converted into every kind of file.
 //
-// Input: the body of a FRAME packet (80 bytes), its scanline size and area size cut to what there is;
-// the record's area; then the bytes of the planes.
+// Input: the body of a FRAME packet (80 bytes), with scanline size and area size limited to the
+// rest of the input; then the record, which is at the same time the area with the planes.
 
 #include <algorithm>
 #include <cstdint>
@@ -19,9 +19,9 @@
 namespace {
 
 constexpr size_t body_size = 80;
-constexpr uint64_t most_samples = 1 << 16; // of pictures that are converted
+constexpr uint64_t max_pixels = 1 << 16; // larger pictures are not converted
 
-// Sums up every sample, so that none is left unread.
+// Reads every sample.
 uint32_t read_planes(const stillimage_picture& picture)
 {
     uint32_t sum = 0;
@@ -37,7 +37,7 @@ uint32_t read_planes(const stillimage_picture& picture)
     return sum;
 }
 
-// To a size that hangs on the picture: fewer pixels one way, more the other.
+// Scales to a size that depends on the picture: narrower and, if low enough, higher.
 void scale(const stillimage_picture& picture)
 {
     const uint32_t width = picture.width / 3 + 1;
@@ -49,7 +49,7 @@ void scale(const stillimage_picture& picture)
 
 void convert(const stillimage_picture& picture)
 {
-    if (uint64_t{picture.width} * picture.height <= most_samples) {
+    if (uint64_t{picture.width} * picture.height <= max_pixels) {
         png_file(picture);
         ppm_file(picture);
         y4m_file(picture);
@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     const uint8_t* rest = data + body_size;
     const size_t left = size - body_size;
-    // What a client has checked before it looks at the record.
+    // A client checks these limits before it reads the record.
     message.scanline_size = std::min<uint64_t>(message.scanline_size, left);
     message.area_size = std::min<uint64_t>(message.area_size, left);
     const auto area = std::make_unique<uint8_t[]>(message.area_size);

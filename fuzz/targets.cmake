@@ -1,4 +1,4 @@
-# The road that the targets of the five formats share.
+# The run of a picture that the targets of the five formats share.
 add_library(whole_road STATIC whole_road.cpp)
 target_link_libraries(whole_road PUBLIC stillimage_headers stillimage_decode stillimage_framebuffer stillimage_examine)
 

@@ -1,6 +1,6 @@
-// A TIFF's whole road: examination, layout, decoding, pyramid, clean-up. It ends in a refusal, in a
-// picture, or in the abort that subsampled chroma causes, and nothing stays open. A last byte below
-// 64 is the number of the pump in which a signal arrives.
+// The whole run of a TIFF: examination, layout, decoding, mipmaps, clean-up. It ends with a
+// refusal, a picture, or the abort that subsampled chroma causes. No file stays open. A last byte
+// below 64 is the number of the idle round in which a signal arrives.
 
 #include <cstddef>
 #include <cstdint>
@@ -17,8 +17,8 @@
 
 namespace {
 
-constexpr uint32_t row_limit = 1 << 20; // bytes; samples may have thousands of bits
-constexpr int last_pump = 64;
+constexpr uint32_t row_limit = 1 << 20; // in bytes; a sample may have thousands of bits
+constexpr int signal_rounds = 64;
 
 constexpr const char* wanted_aborts[] = {
     "Assertion `image_chroma_x_shift == 0' failed.\n",
@@ -46,7 +46,7 @@ void decode_by_photometric()
     }
 }
 
-void go_the_whole_road()
+void run_picture()
 {
     if (examine_tiff_file() != 0) {
         require(tiff_image == nullptr);
@@ -54,14 +54,14 @@ void go_the_whole_road()
     }
     require(image_width >= 1 && image_width <= image_size_limit);
     require(image_height >= 1 && image_height <= image_size_limit);
-    if (static_cast<int64_t>(image_width) * image_height > most_pixels ||
+    if (static_cast<int64_t>(image_width) * image_height > max_pixels ||
         tiff_bytes_per_row > row_limit) {
         return;
     }
     lay_out();
-    make_room();
+    allocate_buffer();
     decode_by_photometric();
-    reduce();
+    build_mipmaps();
 }
 
 } // namespace
@@ -69,13 +69,13 @@ void go_the_whole_road()
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     reset_tiff();
-    start_anew();
-    take_picture(data, size, last_pump);
-    aborts_as_wanted(go_the_whole_road, wanted_aborts);
+    reset_everything();
+    set_input(data, size, signal_rounds);
+    aborts_as_wanted(run_picture, wanted_aborts);
     free_all_tiff();
     free_all_tiff();
     require(tiff_image == nullptr);
     reset_tiff();
-    start_anew();
+    reset_everything();
     return 0;
 }

@@ -1,5 +1,5 @@
-// A WebP's whole road: examination, layout, decoding, pyramid, clean-up. It ends in a refusal or in
-// a picture, and nothing stays open. The planes must hold what the library draws on black.
+// The whole run of a WebP: examination, layout, decoding, mipmaps, clean-up. It ends with a refusal
+// or a picture. No file stays open. The planes must equal what the library draws on black.
 
 #include <cstddef>
 #include <cstdint>
@@ -31,7 +31,7 @@ void repeat_row(std::vector<uint8_t>& area, uint64_t offset, uint64_t stride, ui
     }
 }
 
-// The full-size planes by the plain rule: black, drawn over, and the last chroma row repeated.
+// The expected full-size planes: black, drawn over, with the last chroma row repeated.
 std::vector<uint8_t> planes_on_black(const uint8_t* data, size_t size)
 {
     std::vector<uint8_t> area(image_scanline_data_buffer_offset);
@@ -71,23 +71,23 @@ std::vector<uint8_t> planes_on_black(const uint8_t* data, size_t size)
     return area;
 }
 
-void go_the_whole_road(const uint8_t* data, size_t size)
+void run_picture(const uint8_t* data, size_t size)
 {
     if (examine_webp_file() != 0) {
         require(webp_image == nullptr);
         return;
     }
-    if (static_cast<int64_t>(image_width) * image_height > most_pixels) {
+    if (static_cast<int64_t>(image_width) * image_height > max_pixels) {
         return;
     }
     lay_out();
-    make_room();
+    allocate_buffer();
     const std::vector<uint8_t> expected = planes_on_black(data, size);
     require(full_decode_webp_yuv() == 0);
     require(webp_image == nullptr);
     require(scripted::log.status.size() == 1 && scripted::log.status[0].percent == 100);
     require(memcmp(scripted::buffer(), expected.data(), expected.size()) == 0);
-    reduce();
+    build_mipmaps();
 }
 
 } // namespace
@@ -95,13 +95,13 @@ void go_the_whole_road(const uint8_t* data, size_t size)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     reset_webp();
-    start_anew();
-    take_picture(data, size, 0);
-    go_the_whole_road(data, size);
+    reset_everything();
+    set_input(data, size, 0);
+    run_picture(data, size);
     free_all_webp();
     free_all_webp();
     require(webp_image == nullptr && !webp_deccfg_init);
     reset_webp();
-    start_anew();
+    reset_everything();
     return 0;
 }

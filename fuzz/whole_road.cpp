@@ -7,7 +7,7 @@
 #include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 
-void start_anew()
+void reset_everything()
 {
     reset_image_state();
     reset_layout();
@@ -15,9 +15,9 @@ void start_anew()
     scripted::reset();
 }
 
-void take_picture(const uint8_t* data, size_t size, int last_pump)
+void set_input(const uint8_t* data, size_t size, int signal_rounds)
 {
-    if (size != 0 && data[size - 1] < last_pump) {
+    if (size != 0 && data[size - 1] < signal_rounds) {
         scripted::plan.die_after_idle = data[size - 1];
     }
     scripted::set_picture(data, size);
@@ -30,14 +30,14 @@ void lay_out()
     layout_mipmaps();
 }
 
-void make_room()
+void allocate_buffer()
 {
     require(cnb_default_buffer_load() == 0);
     require(cnb_malloc(&image_cnb_alloc, image_decoded_size, "Image"));
     require(build_picture_records() == 0);
 }
 
-void reduce()
+void build_mipmaps()
 {
     if (DIE4 == 0) {
         if (mipmaps_avail == 0) {

@@ -1,5 +1,5 @@
-// What the fuzz targets of the five formats share: a picture's road from examination to the pyramid,
-// on the scripted platform.
+// Shared by the fuzz targets of the five formats: the steps of a picture from examination to its
+// mipmaps, on the scripted platform.
 #pragma once
 
 #include <cstddef>
@@ -7,17 +7,17 @@
 
 #include "fuzz/require.h"
 
-inline constexpr int64_t most_pixels = 1 << 20; // larger pictures only cost time
+inline constexpr int64_t max_pixels = 1 << 20; // larger pictures only cost time
 
-// Everything of the program and the platform as it is at program start, but the format's own reader.
-void start_anew();
+// Resets the program and the platform to the state at program start, except the format's reader.
+void reset_everything();
 
-// Makes the input the picture. With a last byte below `last_pump` that is the number of the pump in
-// which a signal arrives.
-void take_picture(const uint8_t* data, size_t size, int last_pump);
+// Makes the input the picture. A last byte N below `signal_rounds` delivers a signal in the N-th
+// idle round; 0: no signal.
+void set_input(const uint8_t* data, size_t size, int signal_rounds);
 
-void lay_out();   // the frame buffer of the picture that was examined
-void make_room(); // allocates it and builds the records
+void lay_out();         // the frame buffer of the examined picture
+void allocate_buffer(); // allocates the buffer and builds the records
 
-// Builds the pyramid, unless decoding did or a signal came.
-void reduce();
+// Generates the mipmaps, unless decoding did or a signal arrived.
+void build_mipmaps();

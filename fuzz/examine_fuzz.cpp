@@ -1,6 +1,6 @@
-// A whole examination. The first byte says what the metadata names as the type, the rest is the
-// picture. It is refused, or the image state is one that a frame buffer can be laid out from;
-// nothing stays open.
+// A complete examination. The first byte selects the type that the metadata names, the rest is the
+// picture. The picture is refused, or the image state is valid for the layout of a frame buffer. No
+// file stays open.
 
 #include <cstdint>
 #include <vector>
@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr size_t memory_limit = 64U << 20; // for what a GIF frame may claim
+constexpr size_t memory_limit = 64U << 20; // limits the size that a GIF frame can claim
 
 void check_image_state()
 {
@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     scripted::reset();
     reset_image_state();
     failing_calls::plan = {};
-    failing_calls::plan.largest_calloc = memory_limit;
+    failing_calls::plan.max_calloc = memory_limit;
     scripted::set_picture(data + 1, size - 1);
     const picture_format* named = find_format(data[0] % (max_image_type + 1));
     vexa_set_string(&vexa_file_type, named != nullptr ? named->mime : nullptr);

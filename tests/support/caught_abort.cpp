@@ -1,4 +1,4 @@
-// The linker's --wrap sends each call of abort to __wrap_abort; __real_abort is the true one.
+// The linker's --wrap redirects each call of abort to __wrap_abort; __real_abort is the original.
 #include "tests/support/caught_abort.h"
 
 #include <csetjmp>
@@ -16,19 +16,19 @@ namespace {
 jmp_buf caught;
 bool catching = false;
 FILE* true_stderr = nullptr;
-char* told = nullptr;
-size_t told_size = 0;
+char* captured = nullptr;
+size_t captured_size = 0;
 
-void keep_stderr_back()
+void capture_stderr()
 {
     true_stderr = stderr;
-    stderr = open_memstream(&told, &told_size);
+    stderr = open_memstream(&captured, &captured_size);
     if (stderr == nullptr) {
         __real_abort();
     }
 }
 
-void give_stderr_back()
+void restore_stderr()
 {
     fclose(stderr);
     stderr = true_stderr;
@@ -40,18 +40,18 @@ bool ends_with(const char* text, size_t size, const char* end)
     return size >= length && memcmp(text + size - length, end, length) == 0;
 }
 
-void judge_last_words(std::span<const char* const> wanted)
+void require_wanted_end(std::span<const char* const> wanted)
 {
     for (const char* end : wanted) {
-        if (ends_with(told, told_size, end)) {
+        if (ends_with(captured, captured_size, end)) {
             return;
         }
     }
-    fwrite(told, 1, told_size, stderr);
+    fwrite(captured, 1, captured_size, stderr);
     __real_abort();
 }
 
-// A frame of its own: what is read after the jump is not changed in it.
+// A separate function, so that no variable read after the jump changes after setjmp.
 bool run_and_catch(void (*work)())
 {
     if (setjmp(caught) != 0) {
@@ -75,14 +75,14 @@ extern "C" void __wrap_abort()
 
 bool aborts_as_wanted(void (*work)(), std::span<const char* const> wanted)
 {
-    keep_stderr_back();
+    capture_stderr();
     const bool aborted = run_and_catch(work);
     catching = false;
-    give_stderr_back();
+    restore_stderr();
     if (aborted) {
-        judge_last_words(wanted);
+        require_wanted_end(wanted);
     }
-    free(told);
-    told = nullptr;
+    free(captured);
+    captured = nullptr;
     return aborted;
 }

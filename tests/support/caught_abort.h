@@ -1,10 +1,11 @@
-// Aborts that a file may cause, for programs that have to live on: fuzzers. Linking this catches
-// abort() in the whole program while aborts_as_wanted runs; otherwise it works as ever.
+// Catches aborts that a file is allowed to cause, for programs that must continue, such as fuzzers.
+// Linking this replaces abort() in the whole program; it is caught only while aborts_as_wanted
+// runs.
 #pragma once
 
 #include <span>
 
-// Runs `work` with its standard error kept back. True when it aborted with one of `wanted` as its
-// last words. Any other abort prints what was kept back and ends the process. Frames between here
-// and the abort are skipped: nothing in them may need a destructor.
+// Runs `work` with its standard error captured. True when it aborted after printing a text that
+// ends in one of `wanted`. After any other abort the captured text is printed and the process ends.
+// The abort jumps over the frames of `work`: no object in them may need a destructor.
 bool aborts_as_wanted(void (*work)(), std::span<const char* const> wanted);

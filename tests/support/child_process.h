@@ -1,4 +1,4 @@
-// Work in a process of its own, for tests that end it, race with it, or need another user's rights.
+// Runs work in a child process, for tests that kill it, race with it, or need other rights.
 #pragma once
 
 #include <functional>
@@ -10,7 +10,7 @@ public:
     explicit child_process(const std::function<int()>& work);
     child_process(const child_process&) = delete;
     child_process& operator=(const child_process&) = delete;
-    ~child_process(); // kills it when it still runs
+    ~child_process(); // kills the child when it still runs
 
     // The exit status, or minus the signal that ended it.
     int wait();

@@ -1,4 +1,4 @@
-// Variables of the test's own process, put back at its end.
+// Changes environment variables of the test process and restores them at the end of the scope.
 #pragma once
 
 #include <cstdlib>
@@ -10,7 +10,7 @@
 class changed_environment {
 public:
     changed_environment() = default;
-    // NAME=value, as a worker's home gives them.
+    // Each is NAME=value, as from worker_home::environment.
     explicit changed_environment(const std::vector<std::string>& assignments)
     {
         for (const std::string& text : assignments) {
@@ -27,7 +27,7 @@ public:
         }
     }
 
-    // Nothing: the variable is taken away.
+    // Without a value the variable is unset.
     void set(const std::string& name, const std::optional<std::string>& value)
     {
         const char* old = getenv(name.c_str());

@@ -1,4 +1,4 @@
-// The linker's --wrap sends each call of a name to __wrap_name; __real_name is the true one.
+// The linker's --wrap redirects each call of NAME to __wrap_NAME; __real_NAME is the original.
 #include "tests/support/failing_calls.h"
 
 #include <cerrno>
@@ -110,7 +110,7 @@ FILE* __wrap_fdopen(int fd, const char* mode)
 
 void* __wrap_calloc(size_t count, size_t size)
 {
-    if (counts_out(plan.calloc) || (size != 0 && count > plan.largest_calloc / size)) {
+    if (counts_out(plan.calloc) || (size != 0 && count > plan.max_calloc / size)) {
         return nullptr;
     }
     return __real_calloc(count, size);
@@ -128,8 +128,8 @@ ssize_t __wrap_read(int fd, void* buffer, size_t size)
     if (counts_out(plan.read_ends)) {
         return 0;
     }
-    const auto most = static_cast<size_t>(plan.read_most);
-    return __real_read(fd, buffer, most != 0 && most < size ? most : size);
+    const auto max_size = static_cast<size_t>(plan.max_read);
+    return __real_read(fd, buffer, max_size != 0 && max_size < size ? max_size : size);
 }
 
 off_t __wrap_lseek(int fd, off_t offset, int whence)

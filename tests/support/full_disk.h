@@ -1,10 +1,11 @@
-// Stands for a disk that fills up: the limit to the size of the files that this process writes.
+// Simulates a full disk with a limit on the size of the files that this process writes.
 #pragma once
 
 #include <csignal>
 #include <sys/resource.h>
 
-// While it lives a write beyond the limit fails with EFBIG. Children inherit both limit and signal.
+// During its lifetime a write beyond the limit fails with EFBIG. Children inherit the limit and the
+// ignored signal.
 class full_disk {
 public:
     full_disk()
@@ -20,7 +21,7 @@ public:
         signal(SIGXFSZ, former_handler_);
     }
 
-    // Bytes that any file may have from now on. False when that cannot be set.
+    // Limits every file to this size from now on. False when the limit cannot be set.
     bool set_room(rlim_t bytes) const
     {
         const rlimit limit = {bytes, former_limit_.rlim_max};

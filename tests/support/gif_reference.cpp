@@ -6,7 +6,7 @@ namespace gif_reference {
 
 namespace {
 
-// The file, read from front to back. Past its end `ended` is set and everything reads 0.
+// Reads the file from front to back. Past the end every byte is 0 and `ended` is set.
 struct reader {
     const file_bytes& file;
     size_t at = 0;
@@ -57,7 +57,7 @@ struct bit_reader {
     reader& in;
     std::vector<unsigned char> block = {};
     size_t bit = 0;
-    bool over = false; // terminator met
+    bool over = false; // the terminator was read
 
     unsigned code(unsigned bits)
     {
@@ -85,7 +85,7 @@ struct bit_reader {
     }
 };
 
-// False when the data breaks off; what there is of the `wanted` indices is in `out`.
+// False when the data ends early; `out` then holds fewer than the `wanted` indices.
 bool read_indices(reader& in, unsigned first_bits, size_t wanted, std::vector<unsigned char>& out)
 {
     const unsigned clear = 1U << first_bits;
@@ -158,7 +158,7 @@ void read_extension(reader& in, control& pending)
     }
 }
 
-// False when the file is not to be read on.
+// False when reading ends here.
 bool read_frame(reader& in, control& pending, std::vector<frame>& frames)
 {
     frame f;
@@ -180,7 +180,7 @@ bool read_frame(reader& in, control& pending, std::vector<frame>& frames)
         whole = read_indices(in, bits, size_t{f.width} * f.height, f.indices);
         f.indices.resize(size_t{f.width} * f.height, 0);
     }
-    if (whole) { // what stands before a broken frame is not taken for its own
+    if (whole) { // a broken frame does not use the pending extension
         f.disposal = pending.disposal;
         f.delay = pending.delay;
         f.transparent = pending.transparent;
@@ -190,7 +190,7 @@ bool read_frame(reader& in, control& pending, std::vector<frame>& frames)
     return whole;
 }
 
-// The usual four passes: every 8th row from 0, every 8th from 4, every 4th from 2, every 2nd from 1.
+// Four passes: every 8th row from 0, every 8th from 4, every 4th from 2, every 2nd from 1.
 std::vector<unsigned> interlaced_rows(unsigned height)
 {
     std::vector<unsigned> rows;

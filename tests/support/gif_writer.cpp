@@ -1,5 +1,5 @@
-// The image data is LZW without compression: 9-bit codes that each stand for one index, with a
-// clear code before the table would grow and make the codes longer. A frame of zeros is compressed.
+// Image data is LZW without compression: 9-bit codes for one index each, with a clear code before
+// the table grows so far that codes get longer. A frame of zeros is compressed.
 #include "tests/support/gif_writer.h"
 
 #include <algorithm>
@@ -19,7 +19,7 @@ void append_16(std::vector<unsigned char>& file, unsigned value)
     file.push_back(static_cast<unsigned char>(value >> 8));
 }
 
-// The palette's flag and size for a descriptor's packed byte.
+// The palette's flag and size in the packed byte of a descriptor.
 unsigned palette_bits(const std::vector<gif_colour>& palette)
 {
     if (palette.empty()) {
@@ -78,8 +78,8 @@ std::vector<unsigned char> image_codes(const std::vector<unsigned char>& indices
     return packer.bytes;
 }
 
-// Each code is the one that the reader is about to add: one index more than the one before. The
-// last one of a full table is repeated.
+// Each code is the one that the reader adds to its table next, for a run that is one index longer
+// than the previous one. Once the table is full its last code is repeated.
 std::vector<unsigned char> codes_of_zeros(size_t count)
 {
     constexpr unsigned last_code = 4095;

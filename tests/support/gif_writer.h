@@ -1,4 +1,4 @@
-// GIF files, block by block.
+// Writes GIF files block by block.
 #pragma once
 
 #include <array>
@@ -22,9 +22,9 @@ struct gif_frame_spec {
     bool interlaced = false;
     std::optional<gif_control_spec> control = {};
     std::vector<gif_colour> palette = {}; // local; 2 to 256 colours, a power of two; empty: none
-    // In the order of the file; those left out are not written.
+    // In file order. The vector may be shorter than the frame.
     std::vector<unsigned char> indices = {};
-    // Instead of `indices`: all of them are 0, which takes a few thousandths of their size.
+    // Instead of `indices`: all are 0, compressed to a few thousandths of their size.
     bool all_zero = false;
 };
 
@@ -37,12 +37,12 @@ struct gif_spec {
     bool trailer = true;
 };
 
-// Frames with their delay in hundredths of a second: of one index, and of many.
+// Frames of one index, or of varying indices. `delay` is in hundredths of a second.
 gif_frame_spec uniform_gif_frame(unsigned width, unsigned height, unsigned char index,
                                  unsigned delay);
 gif_frame_spec varied_gif_frame(unsigned width, unsigned height, unsigned delay);
 
-// A code block ("graphic control" and the like): introducer, code, data blocks, terminator.
+// An extension such as the graphic control: introducer, code, data blocks, terminator.
 void append_gif_extension(std::vector<unsigned char>& file, unsigned char code,
                           const std::vector<std::vector<unsigned char>>& blocks);
 

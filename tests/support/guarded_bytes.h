@@ -1,4 +1,4 @@
-// Bytes that end exactly where memory ends: reading one more ends the test.
+// Bytes that end at a guard page: a read past the end crashes the test.
 #pragma once
 
 #include <cstddef>

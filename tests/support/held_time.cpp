@@ -1,4 +1,4 @@
-// The linker's --wrap sends each call of a name to __wrap_name; __real_name is the true one.
+// The linker's --wrap redirects each call of NAME to __wrap_NAME; __real_NAME is the original.
 #include "tests/support/held_time.h"
 
 #include <cerrno>
@@ -18,7 +18,7 @@ using std::chrono::steady_clock;
 
 thread_local held_time* held = nullptr;
 
-// Instead of hanging.
+// Ends the test program, which would hang otherwise.
 [[noreturn]] void end_endless(const char* what)
 {
     fprintf(stderr, "held_time: %s without end\n", what);
@@ -44,13 +44,13 @@ int held_time::passed_ms() const
 
 void held_time::count_call()
 {
-    constexpr int most_calls = 100'000;
-    if (++calls_ > most_calls) {
+    constexpr int max_calls = 100'000;
+    if (++calls_ > max_calls) {
         end_endless("a loop of waits");
     }
 }
 
-// What is left of a wait that is cut short is there for the next one.
+// The rest of a wait that ends at its time limit is left for the next call.
 bool held_time::wait(int timeout_ms)
 {
     count_call();
@@ -94,7 +94,7 @@ int __wrap_poll(pollfd* fds, nfds_t count, int timeout_ms)
     if (!held->wait(timeout_ms)) {
         return 0;
     }
-    constexpr int patience_ms = 30'000; // of the test, with a peer that does not answer
+    constexpr int patience_ms = 30'000; // real time to wait for the peer's answer
     const int ready = __real_poll(fds, count, patience_ms);
     if (ready == 0) {
         end_endless("a peer's silence");

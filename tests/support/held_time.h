@@ -1,6 +1,6 @@
-// Time that a test holds: for one thread the steady clock stands still but for what that thread waits
-// for in poll and nanosleep, and its waits are as long as the test says, whatever the machine needs.
-// Linking this replaces the calls for the whole test program; threads that hold no time have the
+// Time that a test controls: for one thread the steady clock advances only while the thread waits
+// in poll or nanosleep, and its waits last as long as the test says, whatever the machine's load.
+// Linking this replaces the calls in the whole test program; threads without a held_time use the
 // system's.
 #pragma once
 
@@ -11,24 +11,24 @@
 
 class held_time {
 public:
-    // Of the calling thread, until the object's end. Whatever the thread polls for arrives after so
-    // many milliseconds, one packet a wait; and nothing once these waits are used up. The peer is to
-    // answer at once: a packet that is there lies unseen until its wait is over.
+    // Holds the time of the calling thread until the object is destroyed. Each element is the time
+    // after which the next polled packet arrives; after the last one nothing arrives. The peer must
+    // answer at once: its packet stays invisible until the wait is over.
     explicit held_time(std::vector<int> waits_ms);
     held_time(const held_time&) = delete;
     held_time& operator=(const held_time&) = delete;
     ~held_time();
 
-    // Runs `action` in the thread, in the sleep that lasts until this time or past it.
+    // Runs `action` in the thread, during the sleep that reaches or passes this time.
     void at(int ms, std::function<void()> action) { actions_.emplace(ms, std::move(action)); }
 
-    // What has passed since the start.
+    // Time since the object was created.
     int passed_ms() const;
 
-    // --- what the replaced calls do in this thread
+    // --- called by the replaced functions in this thread
 
-    bool wait(int timeout_ms); // whether something arrives within the limit, negative for none
-    bool take_arrival();       // whether what has arrived may be read
+    bool wait(int timeout_ms); // true when a packet arrives in time; negative: no limit
+    bool take_arrival();       // true once per arrival: the packet may be read
     void sleep(std::chrono::nanoseconds duration);
     std::chrono::nanoseconds passed() const { return passed_; }
 

@@ -1,5 +1,5 @@
-// Loaded into a program before it starts: a timer signal that interrupts its system calls every
-// millisecond, as a profiler's would. A child that goes on alone has no timer.
+// Preloaded into a program: a timer signal interrupts its system calls every millisecond, like that
+// of a profiler. Forked children have no timer.
 #include <csignal>
 #include <sys/time.h>
 

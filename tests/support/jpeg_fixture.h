@@ -1,4 +1,4 @@
-// A fresh process, as far as the JPEG units can tell, and a JPEG opened in it.
+// Resets the JPEG units to the state of a fresh process, and opens a JPEG in it.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@ std::string told_by(const std::function<void()>& work);
 
 size_t open_descriptors(); // of this process
 
-// Every variable that the JPEG units use, back to the values at program start.
+// Resets every variable that the JPEG units use to its value at program start.
 void reset_for_jpeg();
 
 class jpeg_test : public testing::Test {

@@ -9,10 +9,10 @@
 
 namespace {
 
-constexpr size_t pitch = 16384 + 64; // no row of blocks is wider
-constexpr size_t pointers = 64;      // no row group is higher
+constexpr size_t pitch = 16384 + 64; // at least as wide as any row of blocks
+constexpr size_t pointers = 64;      // at least as many as the rows of any row group
 
-constexpr size_t k_plane = 3; // rows of one group, used anew for each; not in the allocation
+constexpr size_t k_plane = 3; // holds the rows of one group; not in the allocation
 
 struct literal_plane {
     uint64_t offset;
@@ -95,8 +95,9 @@ void rescale_group(std::vector<literal_plane>& planes, size_t row, size_t rows)
     }
 }
 
-// YCCK: stored samples are inverted, then darkened by the K sample at the same place of the group;
-// chroma over the group's full rows, with what the band holds below the decoded ones.
+// YCCK: stored samples are inverted, then darkened by the K sample at the same position of the
+// group. Chroma is converted over all rows of the group, including rows of the band below the
+// decoded ones.
 void fold_k_into_yuv(std::vector<literal_plane>& planes, size_t row, size_t rows)
 {
     for (size_t i = 0; i < k_plane; ++i) {
@@ -156,10 +157,10 @@ void draw(jpeg_decompress_struct& cinfo, std::vector<literal_plane>& planes,
           const literal_options& options)
 {
     const auto buffer_height = static_cast<size_t>(image_buffer_height);
-    const size_t most = image_is_monochrome != 0 ? 64 : 32;
+    const size_t max_band = image_is_monochrome != 0 ? 64 : 32;
     size_t row = 0;
     for (size_t group = 0; row < buffer_height && row < cinfo.output_height; ++group) {
-        const size_t band = std::min(most, buffer_height - row);
+        const size_t band = std::min(max_band, buffer_height - row);
         if (group < options.groups || options.fill_one_more) {
             fill_band(planes, row, band);
         }

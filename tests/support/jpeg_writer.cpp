@@ -47,7 +47,7 @@ void choose_parameters(jpeg_compress_struct& cinfo, const picture& what)
     jpeg_set_colorspace(&cinfo, what.colour_space);
     jpeg_set_quality(&cinfo, what.quality, TRUE);
     if (cinfo.num_components != static_cast<int>(what.sampling.size())) {
-        give_up("one pair of sampling factors for each component, please");
+        give_up("one pair of sampling factors for each component is needed");
     }
     for (size_t i = 0; i < what.sampling.size(); ++i) {
         cinfo.comp_info[i].h_samp_factor = what.sampling[i].h;
@@ -70,7 +70,7 @@ std::vector<jpeg_scan_info> one_scan_each(const picture& what)
     return scans;
 }
 
-// All row groups of one component: whole blocks, whole groups.
+// The samples of one component, padded to whole blocks and whole row groups.
 struct component_plane {
     size_t width = 0;
     size_t group_rows = 0;
@@ -275,7 +275,7 @@ file_bytes empty_scans(size_t count, unsigned char component_id)
 {
     file_bytes scans;
     for (size_t i = 0; i < count; ++i) {
-        // SOS, one component, coefficients 1 to 63, last bit once more
+        // SOS, one component, coefficients 1 to 63, refinement of the last bit
         const std::array<unsigned char, 10> scan = {0xFF,         0xDA, 0, 8,  1,
                                                     component_id, 0,    1, 63, 0x10};
         scans.insert(scans.end(), scan.begin(), scan.end());

@@ -1,5 +1,5 @@
-// JPEG files made in the test: any colour space, sampling, block size and process that the library
-// can write, and ways to damage them afterwards.
+// Writes JPEG files of any colour space, sampling, block size and coding process that the library
+// supports, and damages them.
 #pragma once
 
 #include <cstddef>
@@ -20,7 +20,7 @@ struct factors {
     int v;
 };
 
-// What to write. Samples are those of the stored components, at each component's own resolution.
+// The picture to write. Samples are those of the stored components, at each component's resolution.
 struct picture {
     int width = 16;
     int height = 16;
@@ -32,21 +32,21 @@ struct picture {
     bool arithmetic = false;
     bool separate_scans = false; // sequential, but one scan for each component
     unsigned restart_interval = 0;
-    std::optional<bool> adobe_marker; // not set: as the library does for the colour space
+    std::optional<bool> adobe_marker; // not set: the library's default for the colour space
     std::function<unsigned char(int component, int x, int y)> sample; // not set: waves and noise
 };
 
 file_bytes write(const picture& what);
 
-// Short hands.
+// Pictures of common kinds.
 picture grey(int width, int height);
 picture ycbcr(int width, int height, factors luma);
 picture four(J_COLOR_SPACE colour_space, int width, int height, factors all);
 
 // --- damage -------------------------------------------------------------------------------------
 
-// Where the first marker 0xFF `code` of the header stands, or where the header's SOS stands when
-// there is none before it. Fails the test program when the file holds neither.
+// The position of the first marker 0xFF `code` of the header, or that of the first SOS when the
+// marker does not come before it. Aborts the test program when the file has neither.
 size_t find_marker(const file_bytes& file, unsigned char code);
 size_t find_frame_header(const file_bytes& file); // any SOF
 
@@ -62,7 +62,7 @@ void insert_before_end(file_bytes& file, const file_bytes& what); // before the 
 // An Adobe marker segment with this transform code.
 file_bytes adobe_segment(unsigned char transform);
 
-// `count` scans without any data, each of ten bytes, that refine nothing in a progressive file.
+// `count` scans of a progressive file without entropy-coded data, ten bytes each.
 file_bytes empty_scans(size_t count, unsigned char component_id = 1);
 
 } // namespace jpeg_writer

@@ -1,4 +1,4 @@
-// A packet channel in memory: keeps what is sent, gives what the test puts in.
+// A packet channel in memory: records sent packets, delivers those that the test puts in.
 #pragma once
 
 #include <algorithm>
@@ -10,13 +10,13 @@
 
 #include "platform/standalone/comm/channel.h"
 
-// What a memory_channel shares with the test, which outlives it.
+// The state that a memory_channel shares with the test, which outlives it.
 struct channel_ends {
     std::deque<comm_protocol::packet_bytes> incoming;
     std::vector<comm_protocol::packet_bytes> sent;
-    size_t room = SIZE_MAX; // packets that may still be sent
-    int no_memory = 0;      // the next so many packets find none
-    bool gone = false;
+    size_t room = SIZE_MAX; // packets that can still be sent
+    int no_memory = 0;      // sends that fail for lack of memory
+    bool gone = false;      // the peer has hung up
     bool finished = false;
     bool destroyed = false;
 };

@@ -15,7 +15,8 @@ namespace {
 
 struct group_files {
     const char* limit;
-    std::array<const char*, 2> swap; // the limit of swap, and what it is set to: none to be had
+    // The file of the swap limit, and the value that allows no swap; null: the limit of memory.
+    std::array<const char*, 2> swap;
     const char* events;
 };
 
@@ -93,7 +94,7 @@ bool memory_group::make_below(const platform::memory_cgroup& parent, uint64_t by
 
 memory_group::~memory_group()
 {
-    // A process that has just ended may still count as a member.
+    // A process that has just ended may still be counted as a member.
     for (int tries = 0; !group_.folder.empty() && tries < 200; ++tries) {
         if (rmdir(group_.folder.c_str()) == 0 || errno != EBUSY) {
             return;

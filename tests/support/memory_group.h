@@ -1,5 +1,5 @@
-// A control group of the kernel's that limits the memory of a worker under test. Making one takes the
-// rights to do so and a hierarchy that can be written, which not every machine and container has.
+// A kernel control group that limits the memory of a worker under test. Creating one needs the
+// rights for it and a writable hierarchy, which not every machine or container has.
 #pragma once
 
 #include <cstdint>
@@ -9,22 +9,22 @@
 
 class memory_group {
 public:
-    // Below the group of the test or, where that may have none below it, beside it. Swap does not
-    // make its memory any larger.
+    // Creates the group below that of the test or, where that fails, beside it. Swap is not
+    // available to the group beyond this limit.
     explicit memory_group(uint64_t bytes);
-    // A group below another one.
+    // Creates a group below another one.
     memory_group(uint64_t bytes, const memory_group& parent);
     memory_group(const memory_group&) = delete;
     memory_group& operator=(const memory_group&) = delete;
-    ~memory_group(); // nobody must be in it any more
+    ~memory_group(); // no process may be left in the group
 
-    // Why there is none; empty when there is one.
+    // Why the group could not be created; empty when it exists.
     const std::string& reason() const { return reason_; }
 
-    // The file that takes the number of a process that is to join.
+    // A process joins by writing its number into this file.
     std::string members_file() const { return group_.folder + "/cgroup.procs"; }
 
-    // Processes that the kernel has ended for want of memory.
+    // Number of processes that the kernel has killed for lack of memory.
     uint64_t kills() const;
 
 private:

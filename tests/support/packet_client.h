@@ -1,5 +1,5 @@
-// A client made of single packets, well-formed or not, for tests of the worker's end of the
-// protocol.
+// A client that sends and receives single packets, well-formed or not, for tests of the worker's
+// end of the protocol.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,7 @@ public:
     packet_client() = default;
     // Connects; see connected(). The socket does not block.
     explicit packet_client(const std::string& path);
-    // Takes a connected socket.
+    // Takes over a connected socket.
     explicit packet_client(platform::unique_fd socket) : socket_(std::move(socket)) {}
 
     bool connected() const { return static_cast<bool>(socket_); }
@@ -45,11 +45,11 @@ public:
     bool send_with_descriptors(const comm_protocol::packet_bytes& packet, int fd,
                                size_t count) const;
 
-    // The next packet that is there; none when there is none or the worker has hung up.
+    // The next packet; empty when none is waiting or the worker has hung up.
     std::optional<received_packet> receive() const;
-    bool hung_up() const; // nothing is left to read and nothing will come
+    bool hung_up() const; // nothing is left to read and nothing more will arrive
 
-    void stop_sending() const; // closes this half only
+    void stop_sending() const; // shuts down the sending half only
     void close() { socket_.reset(); }
 
 private:

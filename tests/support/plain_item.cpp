@@ -39,7 +39,7 @@ public:
     ~plain_frame() override { --state.live_frames; }
 };
 
-// Keeps the rules of the program's own reference that the platform relies on.
+// Follows those rules of the program's own reference that the platform relies on.
 class plain_reference final : public vexa_video_frame_reference {
 public:
     ~plain_reference() override
@@ -75,7 +75,7 @@ private:
         const bool sized = client != nullptr && client->requested_width > 0;
         picture->buffer_number = 7;
         picture->area_size = buffer_size;
-        // The level that a requested size chooses shows in the list's place.
+        // A requested size selects another level, visible as another offset of the list.
         picture->scanline_list = {sized ? 5000U : 4096U, sized ? 2245U : 197U};
         picture->scanline_area = picture->scanline_list;
         picture->frame_number = frame_index + 1;

@@ -19,7 +19,7 @@ public:
     {
     }
 
-    // False when the rows end before the batch does.
+    // False when the rows end before the batch is complete.
     bool draw_batch(size_t first, size_t rows)
     {
         if (picture_.colour_type != grey && picture_.colour_type != grey_alpha) {

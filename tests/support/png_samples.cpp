@@ -1,6 +1,6 @@
-// Compressed data comes to the inflater in blocks of at most 8 KiB of one chunk, as the library
-// reads it: in a cut file the rows of a block that is not whole are lost. A chunk's checksum is
-// looked at when the data behind it is needed.
+// The inflater receives the compressed data in blocks of at most 8 KiB of one chunk, as the library
+// reads it: in a truncated file the rows of an incomplete block are lost. A chunk's checksum is
+// verified when the data after it is needed.
 #include "tests/support/png_samples.h"
 
 #include <algorithm>
@@ -13,7 +13,7 @@ namespace {
 
 using bytes = std::vector<unsigned char>;
 
-constexpr size_t largest_block = 8192;
+constexpr size_t max_block = 8192;
 
 uint32_t word_at(const bytes& file, size_t position)
 {
@@ -41,7 +41,7 @@ public:
             }
             enter(next);
         }
-        const size_t size = std::min(left_, largest_block);
+        const size_t size = std::min(left_, max_block);
         if (position_ + size > file_.size()) {
             return false;
         }
@@ -52,7 +52,7 @@ public:
         return true;
     }
 
-    // Of the chunk at hand, its unread rest included.
+    // Of the current chunk, including its unread rest.
     bool checksum_is_right() const
     {
         const size_t end = position_ + left_;
@@ -72,16 +72,16 @@ private:
     }
 
     const bytes& file_;
-    size_t start_ = 0; // of what the checksum covers
+    size_t start_ = 0; // of the bytes that the checksum covers
     size_t position_ = 0;
-    size_t left_ = 0; // bytes of this chunk behind position_
+    size_t left_ = 0; // bytes of this chunk after position_
 };
 
 class inflater {
 public:
     inflater(const bytes& file, size_t first_chunk) : data_(file, first_chunk)
     {
-        if (inflateInit2(&stream_, 0) != Z_OK) { // 0: the window that the data asks for
+        if (inflateInit2(&stream_, 0) != Z_OK) { // 0: the window size in the stream's header
             abort();
         }
     }
@@ -106,8 +106,8 @@ public:
         return true;
     }
 
-    // What the library does behind the last row: it looks for the stream's end, forgives what it
-    // finds instead, and wants the chunk to be sound.
+    // After the last row the library reads up to the end of the stream, ignores damaged data there,
+    // and verifies the checksum of the chunk.
     bool finish()
     {
         bytes surplus(1024);
@@ -240,8 +240,8 @@ png_samples read_header(const bytes& file)
 
 void read_palette(const bytes& file, size_t chunk, png_samples* picture)
 {
-    const size_t most = picture->colour_type == 3 ? size_t{1} << picture->depth : 256;
-    const size_t count = std::min<size_t>(word_at(file, chunk) / 3, most);
+    const size_t max_count = picture->colour_type == 3 ? size_t{1} << picture->depth : 256;
+    const size_t count = std::min<size_t>(word_at(file, chunk) / 3, max_count);
     for (size_t i = 0; i < count; ++i) {
         const unsigned char* entry = file.data() + chunk + 8 + 3 * i;
         picture->palette.push_back({entry[0], entry[1], entry[2]});

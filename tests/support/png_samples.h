@@ -1,6 +1,6 @@
-// A second PNG reader for comparisons, on zlib alone: the rows as the program's reader settings
-// have the library deliver them. 16 bits are scaled to 8; samples below 8 bits are unpacked, not
-// scaled. Damaged image data gives the rows up to the damage.
+// A second PNG reader for comparison, with zlib only: it returns the rows that the library delivers
+// with the program's settings. 16-bit samples are scaled to 8 bits; samples of fewer than 8 bits
+// are unpacked, not scaled. Of damaged image data it returns the rows before the damage.
 #pragma once
 
 #include <array>
@@ -16,17 +16,17 @@ struct png_pass_samples {
 
 struct png_samples {
     uint32_t width, height;
-    unsigned depth; // as the file has it
+    unsigned depth; // in the file
     unsigned colour_type;
     unsigned interlace;
     unsigned channels; // samples of a pixel
     std::vector<std::array<unsigned char, 3>> palette;
     std::vector<png_pass_samples> passes; // one, or the seven of Adam7
 
-    // False after an error. When every row is delivered nevertheless, the error was met behind the
-    // last one: it reached the caller's memory, but the call for it did not return.
+    // False after an error. If every row is delivered nevertheless, the error came after the last
+    // row: the row reached the caller's memory, but the call that read it did not return.
     bool complete;
 };
 
-// The header must be sound.
+// The header must be valid.
 png_samples read_png_samples(const std::vector<unsigned char>& file);

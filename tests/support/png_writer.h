@@ -1,4 +1,4 @@
-// PNG files, chunk by chunk: sound ones and such as no encoder would write.
+// Writes PNG files chunk by chunk, valid or not.
 #pragma once
 
 #include <cstdint>
@@ -19,12 +19,12 @@ struct png_spec {
     uint8_t filter = 0;
     uint8_t interlace = 0;
     std::vector<png_chunk> chunks = {}; // between the header and the image data
-    // The image data before compression: all rows, of all passes, each behind its filter byte.
+    // The image data before compression: all rows of all passes, each after its filter byte.
     std::vector<unsigned char> rows = {};
 };
 
 std::vector<unsigned char> png_signature();
 void append_png_chunk(std::vector<unsigned char>& file,
-                      const png_chunk& chunk);               // with its checksum
+                      const png_chunk& chunk);               // adds the checksum
 std::vector<unsigned char> png_header(const png_spec& spec); // data of IHDR
 std::vector<unsigned char> write_png(const png_spec& spec);

@@ -1,4 +1,4 @@
-// The base classes of clients and frames, as plain as the program's own classes allow.
+// Minimal base classes of clients and frames, enough for the program's derived classes.
 #include "platform/media_item.h"
 #include "tests/support/scripted_state.h"
 

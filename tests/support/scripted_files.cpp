@@ -1,4 +1,4 @@
-// Clock, windows and metadata of the scripted platform.
+// Clock, file windows and metadata of the scripted platform.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

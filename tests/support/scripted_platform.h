@@ -1,6 +1,5 @@
-// The second platform: every declaration of platform/*.h in plain memory, for tests and fuzzers of
-// bin/. It records what the program asks of it and fails on demand. A test calls scripted::reset()
-// first.
+// A platform for tests and fuzzers of bin/: implements every declaration of platform/*.h in plain
+// memory, records the program's calls, and fails on demand. A test calls scripted::reset() first.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +17,8 @@ struct status_line {
     bool operator==(const status_line&) const = default;
 };
 
-// What the platform shall do. Counters count down with each call; 0 means never.
+// What the platform does. A counter counts down with each call and takes effect when it reaches 0;
+// 0 from the start: never.
 struct script {
     // start-up
     bool init_argv_fails = false;
@@ -32,16 +32,16 @@ struct script {
     bool no_metadata = false;
     // the picture and its metadata
     bool file_handle_fails = false;
-    bool window_fails = false; // sliding_window_v4_create_mmap gives null
+    bool window_fails = false; // sliding_window_v4_create_mmap returns null
     bool guid_is_new = false;
     bool metadata_write_fails = false;
     // the buffer
     bool cache_creation_fails = false;
-    int buffer_loads_until_ready = 0; // cnb_default_buffer_load answers "not yet" that often
+    int buffer_loads_until_ready = 0; // cnb_default_buffer_load returns "not yet" that often
     bool allocation_fails = false;
-    bool signal_in_allocation = false;             // arrives in cnb_malloc, which fails
+    bool signal_in_allocation = false;             // cnb_malloc receives a signal and fails
     uint64_t allocation_limit = UINT64_C(1) << 32; // larger requests are refused
-    int fail_mapping = 0;                          // the n-th mapping request from now on fails
+    int fail_mapping = 0;                          // the n-th mapping request fails
     // A range that cannot be mapped: requests that touch [first, first + second).
     std::pair<uint64_t, uint64_t> unmappable = {0, 0};
     // idle work
@@ -51,7 +51,7 @@ struct script {
     int client_work = 0;           // result of idle_vexa_client_contexts()
     std::function<void()> on_idle; // called in each idle_vexa_server_comm()
     std::function<void()> on_client_idle; // called in each idle_vexa_client_contexts()
-    uint64_t clock_step_us = 0;           // the clock goes on by that much with each reading
+    uint64_t clock_step_us = 0;           // each reading advances the clock by this
 };
 
 // What the program did.
@@ -70,16 +70,16 @@ struct record {
 extern script plan;
 extern record log;
 
-void reset(); // everything back to the values at program start, the program's shared variables
-              // included
+// Resets everything to the values at program start, including the program's shared variables.
+void reset();
 
-// Makes `bytes` the picture that vexa_meta hands out, as a memfd.
+// Makes `bytes` the picture that vexa_meta provides, as a memfd.
 void set_picture(const void* bytes, size_t size);
 void set_picture(const std::vector<unsigned char>& bytes);
 void set_picture_descriptor(int fd); // takes the descriptor over
 
 void set_time(uint64_t now_us);
-int open_picture_handles(); // handles given out by get_file_handle so far
+int open_picture_handles(); // number of successful calls of get_file_handle
 
 // The frame buffer: `size` bytes that end at a guard page. Null before cnb_malloc.
 unsigned char* buffer();

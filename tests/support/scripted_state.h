@@ -1,4 +1,4 @@
-// Between the scripted platform's own sources.
+// State that the sources of the scripted platform share.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ struct metadata_v4_metadata_context {
         std::string value;
         metadata_v4_entry head;
     };
-    std::vector<std::unique_ptr<owned_entry>> entries; // null: a hole
+    std::vector<std::unique_ptr<owned_entry>> entries; // null: freed
     bool closed = false;
 };
 
@@ -25,7 +25,7 @@ extern metadata_v4_metadata_context the_list;
 extern uint64_t clock_us;
 extern int handles_given;
 
-// True when a countdown of the script has reached its call.
+// Counts down; true for the call that reaches 0.
 inline bool counts_out(int& countdown)
 {
     return countdown > 0 && --countdown == 0;

@@ -1,5 +1,5 @@
-// Loaded into a worker before it starts: it stops, until SIGCONT comes, where start-up seeds the
-// random generator. The item is derived by then, and nothing of its picture has been looked at.
+// Preloaded into a worker: it stops until SIGCONT when start-up seeds the random generator. At that
+// point the item is derived, and the picture is not yet examined.
 #include <csignal>
 #include <cstdlib>
 

@@ -1,4 +1,5 @@
-// Sound TIFF files, written by the library: any compression, byte order and arrangement that it has.
+// Valid TIFF files written by the library, with any compression, byte order and plane arrangement
+// that it supports.
 #pragma once
 
 #include <cstddef>
@@ -17,11 +18,11 @@ struct encoded_tiff {
     uint32_t rows_per_strip = 16;
     const char* mode = "wl";                // "wb": big-endian, "w8": 64-bit offsets
     unsigned seed = 1;                      // of the samples
-    std::vector<unsigned char> pixels = {}; // rows as stored, instead of the seed's
+    std::vector<unsigned char> pixels = {}; // rows as stored; empty: noise from the seed
 };
 
-// Bytes that look like nothing, the same ones for the same seed.
+// Pseudo-random bytes, the same for the same seed.
 std::vector<unsigned char> noise_bytes(size_t count, unsigned seed);
 
-// The file; empty when the library does not write such files.
+// The file; empty when the library cannot write it.
 std::vector<unsigned char> encode_tiff(const encoded_tiff& picture);

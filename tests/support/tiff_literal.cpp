@@ -17,7 +17,7 @@ namespace {
 using file_bytes = std::vector<unsigned char>;
 
 struct plane {
-    char name; // that the message uses when it cannot be mapped
+    char name; // in the message of a failed mapping
     uint64_t offset;
     uint64_t stride;
     int black; // -1: not filled
@@ -250,7 +250,7 @@ void drawing::draw()
 
 tiff_literal_result draw_tiff_literally(const file_bytes& file, const tiff_literal_options& options)
 {
-    drawing by_the_rules(file, options);
-    by_the_rules.draw();
-    return by_the_rules.result;
+    drawing canvas(file, options);
+    canvas.draw();
+    return canvas.result;
 }

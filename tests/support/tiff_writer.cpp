@@ -1,4 +1,5 @@
-// Header, strips, the directory, then the values that do not fit into their directory entries.
+// The file: header, strips, the directory, then values that do not fit into their directory
+// entries.
 #include "tests/support/tiff_writer.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// TIFF files, tag by tag: sound ones and such as no encoder would write.
+// Writes TIFF files tag by tag, valid or not.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ enum tiff_value_type : uint16_t { TIFF_VALUE_BYTE = 1, TIFF_VALUE_SHORT = 3, TIF
 struct tiff_tag {
     tiff_value_type type = TIFF_VALUE_SHORT;
     std::vector<uint32_t> values;
-    uint32_t shared = 0; // instead of `values`: so many, at the first strip's place
+    uint32_t shared = 0; // instead of `values`: this many, stored at the first strip
 };
 
 struct tiff_spec {
@@ -22,7 +22,7 @@ struct tiff_spec {
     void set_long(uint16_t tag, std::vector<uint32_t> values);
 };
 
-// An uncompressed picture of one zeroed strip, with the tags that every reader wants.
+// An uncompressed picture of one zeroed strip, with the tags that every reader needs.
 tiff_spec plain_tiff(uint32_t width, uint32_t height, uint32_t samples, uint32_t photometric);
 
 std::vector<unsigned char> write_tiff(const tiff_spec& spec);

@@ -50,8 +50,8 @@ std::vector<unsigned char> lossy_webp(int width, int height, const std::vector<u
     return take_output(output, size);
 }
 
-// The size, no alpha, no transform, no cache, no groups; five codes that have a single symbol, 0, and
-// so take no bits.
+// The bit stream: the size, no alpha, no transform, no cache, no groups, and five codes with the
+// single symbol 0, which take no bits per pixel.
 std::vector<unsigned char> one_colour_webp(uint32_t width, uint32_t height)
 {
     constexpr uint64_t five_codes = uint64_t{0x11111} << 35U;

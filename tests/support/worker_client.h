@@ -1,4 +1,4 @@
-// The client library on a worker under test, released by scope.
+// Handles of the client library, released at the end of their scope.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ inline held_client connect_to(const std::string& socket_path)
     return held_client(client);
 }
 
-// Waits for the picture; null after a failed expectation.
+// Waits for the picture. Null, with a failed expectation, on error.
 inline held_frame take_frame(const held_client& client, uint64_t time_position = 0, int width = 0,
                              int height = 0)
 {

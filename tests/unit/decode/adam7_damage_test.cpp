@@ -284,7 +284,7 @@ TEST_F(DecodePngAdam7Damage, RowHoldsTheStrideAndSpareBytes)
                           {{0, 16}, 32 + 64}}) {
         start_anew();
         open(write_png(random_picture(17, 1, n.form)));
-        failing_calls::plan.largest_calloc = n.bytes - 1;
+        failing_calls::plan.max_calloc = n.bytes - 1;
         EXPECT_EQ(decode(), -1);
         EXPECT_EQ(printed, "Unable to allocate RGB row\n");
     }

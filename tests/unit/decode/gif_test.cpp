@@ -301,11 +301,11 @@ TEST_F(FailingGif, CanvasAllocationFails)
 TEST_F(FailingGif, CanvasIsAsLargeAsThePlanesWithSpareBytes)
 {
     constexpr size_t canvas = size_t{20} * 32 * 4 + 256;
-    failing_calls::plan.largest_calloc = canvas;
+    failing_calls::plan.max_calloc = canvas;
     EXPECT_EQ(decode(), 0);
     reset_for_gif();
     open(file);
-    failing_calls::plan.largest_calloc = canvas - 1;
+    failing_calls::plan.max_calloc = canvas - 1;
     EXPECT_EQ(decode(), -1);
 }
 

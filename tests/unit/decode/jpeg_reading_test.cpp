@@ -94,7 +94,7 @@ TEST_F(JpegReading, ShortAndInterruptedReadsAreContinued)
     const file_bytes file = long_file();
     ASSERT_GT(file.size(), 2 * buffer_size);
     const std::vector<unsigned char> expected = decoded(file);
-    failing_calls::plan.read_most = 1000;
+    failing_calls::plan.max_read = 1000;
     failing_calls::plan.read = 60;
     failing_calls::plan.read_errno = EINTR;
     EXPECT_TRUE(decoded(file) == expected);
@@ -108,7 +108,7 @@ TEST_F(JpegReading, DiskErrorEndsTheFile)
         decoded(first_bytes(file, buffer_size + size_t{7} * 1000));
     const std::string told_of_cut = told;
     EXPECT_THAT(told_of_cut, StartsWith("Premature end of JPEG file"));
-    failing_calls::plan.read_most = 1000;
+    failing_calls::plan.max_read = 1000;
     failing_calls::plan.read = 33 + 8;
     failing_calls::plan.read_errno = EIO;
     EXPECT_TRUE(decoded(file) == expected);

@@ -102,7 +102,7 @@ TEST_F(PngReading, InterruptedReadsAreRetried)
 {
     const bytes file = write_png(random_picture(400, 100, 2, 8));
     open(file);
-    failing_calls::plan.read_most = 1000;
+    failing_calls::plan.max_read = 1000;
     failing_calls::plan.read = 3;
     failing_calls::plan.read_errno = EINTR;
     ASSERT_EQ(decode(), 0);
@@ -114,7 +114,7 @@ TEST_F(PngReading, DiskErrorEndsTheFile)
 {
     const bytes whole = write_png(random_picture(400, 200, 2, 8));
     open(whole);
-    failing_calls::plan.read_most = 1000;
+    failing_calls::plan.max_read = 1000;
     failing_calls::plan.read = 70;
     failing_calls::plan.read_errno = EIO;
     // Examination has read one buffer, and the first 33 of the short reads fill another.

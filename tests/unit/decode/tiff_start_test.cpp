@@ -148,9 +148,9 @@ TEST_F(DecodeTiffStart, StripBufferHoldsTheRowsOfAPass)
         made.photometric = static_cast<uint16_t>(photometric);
         made.rows_per_strip = strip;
         ASSERT_TRUE(open(encode_tiff(made)));
-        failing_calls::plan.largest_calloc = rows + size_t{6} * 8 - 1;
+        failing_calls::plan.max_calloc = rows + size_t{6} * 8 - 1;
         EXPECT_NE(decode(), 0);
-        failing_calls::plan.largest_calloc = rows + size_t{6} * 8;
+        failing_calls::plan.max_calloc = rows + size_t{6} * 8;
         failing_calls::plan.tiff_read_strip = [](uint32_t, unsigned char*, int64_t n) { return n; };
         EXPECT_EQ(decode(), 0);
         start_anew();

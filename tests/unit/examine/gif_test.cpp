@@ -208,7 +208,7 @@ TEST_F(GifExamination, FrameOutsideTheScreenHasNoRaster)
 TEST_F(GifExamination, FrameMuchLargerThanTheScreenTakesTheMemoryOfTheScreen)
 {
     gif_frame_spec frame = varied_gif_frame(300, 200, 5);
-    failing_calls::plan.largest_calloc = 40; // less than a row of the frame
+    failing_calls::plan.max_calloc = 40; // less than a row of the frame
     ASSERT_EQ(examine({.width = 4, .height = 10, .frames = {frame}}), 0);
     EXPECT_EQ(printed(), "GIF: Screen is 4 x 10 colorres=8 bgcolor=0 ImageCount=1\n");
     EXPECT_NE(gif_image->SavedImages[0].RasterBits, nullptr);
@@ -338,14 +338,14 @@ TEST_F(GifExamination, InterruptedReadIsRetried)
 
 TEST_F(GifExamination, ShortReadsAreContinued)
 {
-    failing_calls::plan.read_most = 3;
+    failing_calls::plan.max_read = 3;
     ASSERT_EQ(examine({.width = 4, .height = 4, .frames = {varied_gif_frame(4, 4, 5)}}), 0);
     EXPECT_EQ(printed(), "GIF: Screen is 4 x 4 colorres=8 bgcolor=0 ImageCount=1\n");
 }
 
 TEST_F(GifExamination, DiskErrorIsReportedOnceAndEndsTheFile)
 {
-    failing_calls::plan.read_most = 400;
+    failing_calls::plan.max_read = 400;
     failing_calls::plan.read = 2;
     failing_calls::plan.read_errno = EIO;
     ASSERT_EQ(examine({.width = 40, .height = 40, .frames = {varied_gif_frame(40, 40, 5)}}), 0);

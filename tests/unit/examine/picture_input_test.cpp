@@ -63,13 +63,13 @@ TEST_F(PictureInput, ReadsFromTheCurrentPositionToTheEnd)
 
 TEST_F(PictureInput, ShortReadsAreContinued)
 {
-    failing_calls::plan.read_most = 7;
+    failing_calls::plan.max_read = 7;
     expect_bytes(file_size, 0, file_size);
 }
 
 TEST_F(PictureInput, InterruptedReadsAreRetried)
 {
-    failing_calls::plan.read_most = 30;
+    failing_calls::plan.max_read = 30;
     fail_read(2, EINTR);
     expect_bytes(file_size, 0, file_size);
     fail_read(1, EINTR);
@@ -79,7 +79,7 @@ TEST_F(PictureInput, InterruptedReadsAreRetried)
 
 TEST_F(PictureInput, ErrorIsReportedWithItsReasonAndEndsTheFile)
 {
-    failing_calls::plan.read_most = 30;
+    failing_calls::plan.max_read = 30;
     fail_read(3, EIO);
     expect_bytes(file_size, 0, 60);
     EXPECT_EQ(printed(), "Error while reading the picture: Input/output error\n");
@@ -99,7 +99,7 @@ TEST_F(PictureInput, SecondErrorIsNotReported)
     fail_read(1, EIO);
     expect_bytes(1, 0, 0);
     seek(0);
-    failing_calls::plan.read_most = 10;
+    failing_calls::plan.max_read = 10;
     fail_read(3, ESTALE);
     expect_bytes(50, 0, 20);
     EXPECT_EQ(printed(), "Error while reading the picture: Input/output error\n");

@@ -241,7 +241,7 @@ TEST_F(PngInputEnds, InterruptedReadsAreRetried)
 {
     failing_calls::plan.read = 7;
     failing_calls::plan.read_errno = EINTR;
-    failing_calls::plan.read_most = 1000;
+    failing_calls::plan.max_read = 1000;
     ASSERT_EQ(examine(file_of_many_reads()), 0);
     EXPECT_EQ(first_row(3), (bytes{1, 2, 3}));
     EXPECT_EQ(printed().find("rror"), std::string::npos);

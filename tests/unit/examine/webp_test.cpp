@@ -133,7 +133,7 @@ TEST_F(WebpExamination, InterruptedAndShortReadsAreContinued)
     const bytes file = lossy_webp(33, 17, pixels(33, 17, 255), 80);
     failing_calls::plan.read = 2;
     failing_calls::plan.read_errno = EINTR;
-    failing_calls::plan.read_most = 3;
+    failing_calls::plan.max_read = 3;
     ASSERT_EQ(examine(file), 0);
     EXPECT_TRUE(std::equal(file.begin(), file.end(), webp_image));
 }
@@ -141,7 +141,7 @@ TEST_F(WebpExamination, InterruptedAndShortReadsAreContinued)
 TEST_F(WebpExamination, FileThatShrinksIsAReadingFailure)
 {
     scripted::set_picture(lossy_webp(33, 17, pixels(33, 17, 255), 80));
-    failing_calls::plan.read_most = 10;
+    failing_calls::plan.max_read = 10;
     failing_calls::plan.read_ends = 2;
     EXPECT_EQ(examine_webp_file(), 1);
     EXPECT_EQ(printed(), "Failed to read WebP\n");

@@ -8,6 +8,7 @@
 #include "client/border.h"
 #include "client/connection.h"
 #include "client/frames.h"
+#include "client/json_scan.h"
 #include "client/started_worker.h"
 #include "wire/item_paths.h"
 
@@ -50,6 +51,43 @@ stillimage_result tell_early_end(stillimage_client& client, started_worker& work
                : fail(client, STILLIMAGE_ERROR_NO_WORKER, "the worker has gone");
 }
 
+bool is_examined(std::string_view status_document)
+{
+    return json_member(json_member(status_document, "process"), "examined") != "false";
+}
+
+// Another worker's messages say nothing about when to look again.
+void pause_beside(started_worker& worker)
+{
+    worker.listen(step_ms);
+    if (worker.gave_way()) {
+        const timespec pause = {0, step_ms * 1'000'000L};
+        nanosleep(&pause, nullptr);
+    }
+}
+
+// A worker greets before it has examined the picture, which it may still refuse. One that takes longer
+// than the caller's time limit is taken as it is.
+stillimage_result await_examination(stillimage_client& client, started_worker& worker,
+                                    const deadline& until)
+{
+    while (true) {
+        std::string document;
+        const stillimage_result result = collect_status(client, until, &document);
+        if (result == STILLIMAGE_ERROR_NO_WORKER) {
+            client.socket.reset();
+            return tell_early_end(client, worker, until);
+        }
+        if (result == STILLIMAGE_ERROR_TIMEOUT || until.passed()) {
+            return STILLIMAGE_OK;
+        }
+        if (result != STILLIMAGE_OK || is_examined(document)) {
+            return result;
+        }
+        pause_beside(worker);
+    }
+}
+
 // Waits for the socket of a worker that was started. When another one was faster, that one does.
 stillimage_result await_worker(stillimage_client& client, started_worker& worker,
                                const deadline& until)
@@ -59,6 +97,9 @@ stillimage_result await_worker(stillimage_client& client, started_worker& worker
     while (true) {
         const stillimage_result result =
             open_connection(client, client.socket_path, at_once, until);
+        if (result == STILLIMAGE_OK) {
+            return await_examination(client, worker, until);
+        }
         if (result != STILLIMAGE_ERROR_NO_WORKER) {
             return result;
         }
@@ -76,11 +117,7 @@ stillimage_result await_worker(stillimage_client& client, started_worker& worker
                         "the worker that was started for " + client.picture +
                             " did not serve in time");
         }
-        worker.listen(step_ms);
-        if (worker.gave_way()) {
-            const timespec pause = {0, step_ms * 1'000'000L};
-            nanosleep(&pause, nullptr);
-        }
+        pause_beside(worker);
     }
 }
 

@@ -130,7 +130,9 @@ enum {
  * environment, otherwise "stillimage" of PATH. It is no child of the calling process, has a session
  * of its own, inherits no descriptor, and ends by itself some time after its last client left. A
  * file that it does not serve is STILLIMAGE_ERROR_REFUSED with the worker's last words in
- * stillimage_last_error; one that is killed while it starts is STILLIMAGE_ERROR_NO_WORKER. */
+ * stillimage_last_error, so the call returns when the worker has examined the picture, or at the time
+ * limit when that takes longer. A worker that is killed while it starts is
+ * STILLIMAGE_ERROR_NO_WORKER. */
 STILLIMAGE_API stillimage_result stillimage_connect_picture(const char* picture, unsigned flags,
                                                             int timeout_ms,
                                                             stillimage_client** client);

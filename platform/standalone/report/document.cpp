@@ -11,6 +11,7 @@
 
 #include "platform/media_item.h"
 #include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/report/status.h"
 #include "wire/utf8.h"
 
@@ -99,11 +100,18 @@ json_object item_object()
     return object;
 }
 
+// The list of entries is closed once the picture has been examined.
+bool is_examined()
+{
+    return vexa_metadata != nullptr && vexa_metadata->closed;
+}
+
 json_object process_object()
 {
     clients_shown = vexa_client_contexts.tracked.size();
     return {
         {"clients", whole_number(static_cast<uint64_t>(clients_shown))},
+        {"examined", is_examined()},
         {"pid", static_cast<int>(getpid())},
         {"progress",
          json_object{{"percent", progress_percent()}, {"text", std::string(progress_text())}}},

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -347,6 +348,80 @@ TEST_F(OpenPicture, WorkerKilledDuringStartIsNotReportedAsRefusal)
     environment.set("STILLIMAGE_PROGRAM", STILLIMAGE_PROGRAM);
     EXPECT_EQ(stillimage_reconnect(client.get(), start_limit_ms), STILLIMAGE_OK) << error();
     note_worker();
+}
+
+// Worker programs whose socket is that of a fake worker: `status` answers the requests for the status
+// document, null hangs up. The program ends when its file "over" is there.
+class OpenExamined : public OpenPicture {
+protected:
+    stillimage_result connect_to(std::function<const char*(int request)> status,
+                                 int timeout_ms = start_limit_ms)
+    {
+        const fake_worker fake([&](fake_peer& peer) {
+            peer.greet();
+            for (int i = 0;; ++i) {
+                const uint64_t number = peer.next(comm_protocol::GET_STATUS).request;
+                const char* document = number != 0 ? status(i) : nullptr;
+                if (document == nullptr) {
+                    return;
+                }
+                const auto size = static_cast<uint32_t>(strlen(document));
+                peer.send(
+                    comm_protocol::encode(number, comm_protocol::status_part{size, 0, document}));
+            }
+        });
+        char path[108];
+        EXPECT_EQ(stillimage_socket_of(picture.c_str(), path, sizeof path), STILLIMAGE_OK);
+        environment.set("STILLIMAGE_PROGRAM",
+                        program("mkdir -p $(dirname " + std::string(path) + "); ln -s " +
+                                fake.path() + " " + path + "\nwhile ! [ -e " + over +
+                                " ]; do sleep 0.01; done\nrm " + path +
+                                "\necho one >&2; exit 1\n"));
+        const stillimage_result result = connect(picture, STILLIMAGE_START_WORKER, timeout_ms);
+        started.clear(); // it is this process
+        home.folder().write("over", "");
+        if (result == STILLIMAGE_OK) {
+            client.reset(); // the fake worker waits for that
+        }
+        return result;
+    }
+
+    const std::string over = home.folder().path("over");
+};
+
+constexpr const char* examining = R"({"process": {"examined": false}})";
+
+TEST_F(OpenExamined, RefusalAfterTheGreetingIsReported)
+{
+    EXPECT_EQ(connect_to([&](int request) {
+                  if (request == 2) {
+                      home.folder().write("over", "");
+                  }
+                  return request < 2 ? examining : nullptr;
+              }),
+              STILLIMAGE_ERROR_REFUSED);
+    EXPECT_EQ(error(), "the worker does not serve " + picture + ": one");
+}
+
+TEST_F(OpenExamined, ExaminationIsWaitedFor)
+{
+    int requests = 0;
+    EXPECT_EQ(connect_to([&](int request) {
+                  requests = request + 1;
+                  return request < 2 ? examining : R"({"process": {"examined": true}})";
+              }),
+              STILLIMAGE_OK);
+    EXPECT_EQ(requests, 3);
+}
+
+TEST_F(OpenExamined, DocumentThatDoesNotSayItIsTakenForExamined)
+{
+    EXPECT_EQ(connect_to([](int) { return R"({"process": {"pid": 1}})"; }), STILLIMAGE_OK);
+}
+
+TEST_F(OpenExamined, LongExaminationIsNotWaitedForBeyondTheLimit)
+{
+    EXPECT_EQ(connect_to([](int) { return examining; }, 1000), STILLIMAGE_OK);
 }
 
 // --- reconnection --------------------------------------------------------------------------------

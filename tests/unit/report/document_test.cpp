@@ -53,6 +53,7 @@ TEST_F(Document, HasAllMembersFromTheStart)
     EXPECT_EQ(json["process"]["version"], Json(STILLIMAGE_VERSION));
     EXPECT_EQ(json["process"]["ready"], Json(0));
     EXPECT_EQ(json["process"]["clients"], Json(0));
+    EXPECT_EQ(json["process"]["examined"], Json(false));
     EXPECT_EQ(json["process"]["progress"]["percent"], Json(0));
     EXPECT_EQ(json["process"]["progress"]["text"], Json(""));
     EXPECT_EQ(json["buffer"]["domain"], Json("default"));
@@ -100,6 +101,16 @@ TEST_F(Document, CurrentValuesAreReadWhenItIsBuilt)
     EXPECT_EQ(json["item"]["time duration"], Json(250));
     EXPECT_EQ(json["process"]["ready"], Json(-1));
     EXPECT_EQ(json["process"]["progress"]["text"], Json("Provisional image ready"));
+}
+
+TEST_F(Document, PictureIsExaminedOnceTheListIsClosed)
+{
+    vexa_metadata = list.get();
+    EXPECT_EQ(read()["process"]["examined"], Json(false));
+    metadata_v4_metadata_close_file(vexa_metadata);
+    platform::mark_document_changed();
+    EXPECT_EQ(read()["process"]["examined"], Json(true));
+    vexa_metadata = nullptr;
 }
 
 TEST_F(Document, NumbersAreClampedToExactDoubles)

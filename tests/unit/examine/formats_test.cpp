@@ -1,4 +1,4 @@
-// The table of formats is complete, and whatever lists the formats elsewhere lists all of them.
+// The table of formats is complete, and so is every other list of formats in the tree.
 #include <fstream>
 #include <iterator>
 #include <set>
@@ -41,7 +41,7 @@ TEST(Formats, RowsNameTheirOwnFormatInTheRefusal)
     }
 }
 
-TEST(Formats, ReadersThatWereNeverOpenedAreClosedTwice)
+TEST(Formats, UnopenedReadersMayBeClosedTwice)
 {
     free_all_readers();
     free_all_readers();

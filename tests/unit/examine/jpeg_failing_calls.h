@@ -4,8 +4,8 @@
 
 namespace failing {
 
-// Counts calls down: the n-th call after arm() fails, and with `and_all_after` all later calls fail,
-// too. With n = 0 none fails.
+// Counts calls down: the n-th call after arm() fails, and with `and_all_after` all later ones, too.
+// With n = 0 no call fails.
 struct countdown {
     int left = 0;
     bool for_good = false;

@@ -106,11 +106,11 @@ TEST(ClientTimelineWalk, UnorderedFrameNumbersDoNotStallIt)
     EXPECT_LE(queries, 10'000U * 110);
 }
 
-TEST(ClientTimelineWalk, EveryFramesEndIsFoundFromAnywhereInItWithAnyGuess)
+TEST(ClientTimelineWalk, EndOfAFrameIsFoundFromAnyTimeWithAnyGuess)
 {
     std::mt19937 random(1);
     for (int round = 0; round < 200; ++round) {
-        std::vector<int> shown; // frame at each unit
+        std::vector<int> shown; // the frame at each unit
         for (int frame = 1; frame <= 12; ++frame) {
             shown.insert(shown.end(), 1 + random() % 40, frame);
         }
@@ -128,7 +128,7 @@ TEST(ClientTimelineWalk, EveryFramesEndIsFoundFromAnywhereInItWithAnyGuess)
     }
 }
 
-TEST(ClientTimelineWalk, RightGuessAsksTwice)
+TEST(ClientTimelineWalk, CorrectGuessCostsTwoQueries)
 {
     int asked = 0;
     const auto same = [&](uint64_t at) {

@@ -25,7 +25,8 @@ TEST(Sha256, StandardExampleHasItsWholeDigest)
     EXPECT_EQ(wire::sha256("abc"), expected);
 }
 
-// Each length modulo the block of 64 bytes pads in its own way; the figures are those of sha256sum.
+// Each length modulo the block size of 64 bytes is padded differently. The expected values come from
+// sha256sum.
 TEST(Sha256, IsRightAroundTheBlockSize)
 {
     const auto hash = [](size_t length) { return first_ten_bytes(std::string(length, 'a')); };

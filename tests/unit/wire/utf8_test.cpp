@@ -91,7 +91,7 @@ TEST(Utf8, ReplacementOfAnyBytesIsValid)
     }
 }
 
-TEST(Utf8, CutTextEndsWithAWholeCharacter)
+TEST(Utf8, TruncatedTextEndsWithAWholeCharacter)
 {
     const std::string text = "a\xC3\xBC\xE2\x82\xAC\xF0\x9F\x8E\xA8z";
     for (size_t size = 0; size <= text.size() + 1; ++size) {
@@ -102,8 +102,8 @@ TEST(Utf8, CutTextEndsWithAWholeCharacter)
         EXPECT_TRUE(text.starts_with(cut));
     }
     EXPECT_EQ(wire::truncate_utf8(text, text.size()), text);
-    EXPECT_EQ(wire::truncate_utf8("\x80\x80\x80\x80\x80", 4).size(),
-              1U); // bytes that begin nothing
+    // These bytes start no character.
+    EXPECT_EQ(wire::truncate_utf8("\x80\x80\x80\x80\x80", 4).size(), 1U);
 }
 
 TEST(Utf8, ControlsAreTheCharactersThatAffectATerminal)

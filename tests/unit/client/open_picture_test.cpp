@@ -350,8 +350,8 @@ TEST_F(OpenPicture, WorkerKilledDuringStartIsNotReportedAsRefusal)
     note_worker();
 }
 
-// Worker programs whose socket is that of a fake worker: `status` answers the requests for the status
-// document, null hangs up. The program ends when its file "over" is there.
+// A worker program whose socket belongs to a fake worker. `status` returns the status document for
+// each request, or null to hang up. The program ends when the file "over" exists.
 class OpenExamined : public OpenPicture {
 protected:
     stillimage_result connect_to(std::function<const char*(int request)> status,
@@ -378,10 +378,10 @@ protected:
                                 " ]; do sleep 0.01; done\nrm " + path +
                                 "\necho one >&2; exit 1\n"));
         const stillimage_result result = connect(picture, STILLIMAGE_START_WORKER, timeout_ms);
-        started.clear(); // it is this process
+        started.clear(); // the process number is that of the test
         home.folder().write("over", "");
         if (result == STILLIMAGE_OK) {
-            client.reset(); // the fake worker waits for that
+            client.reset(); // ends the fake worker
         }
         return result;
     }
@@ -414,12 +414,12 @@ TEST_F(OpenExamined, ExaminationIsWaitedFor)
     EXPECT_EQ(requests, 3);
 }
 
-TEST_F(OpenExamined, DocumentThatDoesNotSayItIsTakenForExamined)
+TEST_F(OpenExamined, DocumentWithoutTheMemberCountsAsExamined)
 {
     EXPECT_EQ(connect_to([](int) { return R"({"process": {"pid": 1}})"; }), STILLIMAGE_OK);
 }
 
-TEST_F(OpenExamined, LongExaminationIsNotWaitedForBeyondTheLimit)
+TEST_F(OpenExamined, LongExaminationIsWaitedForUpToTheLimit)
 {
     EXPECT_EQ(connect_to([](int) { return examining; }, 1000), STILLIMAGE_OK);
 }

@@ -329,8 +329,7 @@ TEST_F(OpenPicture, ErrorQuotesTheLastTwoLinesOfTheWorker)
     EXPECT_THAT(error(), EndsWith(": it said nothing"));
 }
 
-// The socket of a killed worker stays behind; a worker that refuses its file removes the socket
-// before it ends.
+// A killed worker leaves its socket; one that refuses its file removes the socket before it ends.
 TEST_F(OpenPicture, WorkerKilledDuringStartIsNotReportedAsRefusal)
 {
     char path[108];

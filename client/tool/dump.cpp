@@ -1,6 +1,6 @@
 #include <unistd.h>
 
-#include "client/tool/call.h"
+#include "client/tool/calls.h"
 #include "client/tool/frame_json.h"
 #include "client/tool/output.h"
 #include "client/tool/session.h"
@@ -12,7 +12,7 @@ std::string_view bytes_of(const uint8_t* first, uint64_t size)
     return {reinterpret_cast<const char*>(first), size};
 }
 
-// Stride x visible rows of each plane that is there.
+// Writes whole rows, with their padding, of each plane that the picture has.
 bool write_planes(const std::string& folder, const stillimage_picture& picture)
 {
     const char* const names[STILLIMAGE_PLANES] = {"Y.raw", "U.raw", "V.raw", "A.raw"};
@@ -20,7 +20,8 @@ bool write_planes(const std::string& folder, const stillimage_picture& picture)
         const uint64_t size = uint64_t{picture.stride[p]} * picture.plane_height[p];
         const std::string path = folder + "/" + names[p];
         if (picture.plane[p] == nullptr) {
-            unlink(path.c_str()); // one of an earlier dump would be taken for this picture's
+            unlink(
+                path.c_str()); // the file of an earlier dump would seem to belong to this picture
         } else if (!write_result(path, bytes_of(picture.plane[p], size))) {
             return false;
         }

@@ -9,7 +9,7 @@ namespace {
 namespace format = scanline_format;
 using json11::Json;
 
-// JSON knows one kind of number, exact up to 2^53: more than any offset in a buffer.
+// JSON numbers are exact up to 2^53, which is above any offset in a buffer.
 Json number(uint64_t value)
 {
     return Json(static_cast<double>(value));

@@ -6,7 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "client/tool/call.h"
+#include "client/tool/calls.h"
 #include "client/tool/rate.h"
 #include "client/tool/session.h"
 
@@ -62,11 +62,11 @@ std::string check_time_position(const std::string& text)
 
 std::string check_timeout(const std::string& text)
 {
-    constexpr double most_s = 1e6;
+    constexpr double max_s = 1e6;
     double seconds = 0;
     const char* end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, seconds);
-    if (error != std::errc() || rest != end || !(seconds >= 0 && seconds <= most_s)) {
+    if (error != std::errc() || rest != end || !(seconds >= 0 && seconds <= max_s)) {
         return "a time limit is a number of seconds from 0 to 1000000, not " + text;
     }
     return {};
@@ -195,7 +195,7 @@ int main(int argc, char** argv)
     try {
         return run(argc, argv);
     } catch (const std::exception& error) {
-        tell(error.what());
+        print_error(error.what());
         return STATUS_FAILED;
     }
 }

@@ -25,9 +25,9 @@ bool write_all(int fd, std::string_view bytes)
     return true;
 }
 
-bool told(const std::string& what)
+bool fail_with_errno(const std::string& what)
 {
-    tell(what + ": " + strerror(errno));
+    print_error(what + ": " + strerror(errno));
     return false;
 }
 
@@ -44,19 +44,18 @@ bool replace_file(const std::string& path, std::string_view bytes)
     std::string temporary = path + ".XXXXXX";
     const owned_fd file(mkostemp(temporary.data(), O_CLOEXEC));
     if (!file) {
-        return told("cannot write " + path);
+        return fail_with_errno("cannot write " + path);
     }
     if (!write_all(file.get(), bytes) || fchmod(file.get(), usual_mode()) != 0 ||
         rename(temporary.c_str(), path.c_str()) != 0) {
         const int error = errno;
         unlink(temporary.c_str());
         errno = error;
-        return told("cannot write " + path);
+        return fail_with_errno("cannot write " + path);
     }
     return true;
 }
 
-// Devices and pipes are written to as they are.
 bool is_special(const std::string& path)
 {
     struct stat info = {};
@@ -66,20 +65,20 @@ bool is_special(const std::string& path)
 bool write_special(const std::string& path, std::string_view bytes)
 {
     const owned_fd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    return (file && write_all(file.get(), bytes)) || told("cannot write " + path);
+    return (file && write_all(file.get(), bytes)) || fail_with_errno("cannot write " + path);
 }
 
 } // namespace
 
 bool print_text(std::string_view text)
 {
-    return write_all(STDOUT_FILENO, text) || told("cannot write to standard output");
+    return write_all(STDOUT_FILENO, text) || fail_with_errno("cannot write to standard output");
 }
 
 bool output_takes_bytes()
 {
     if (isatty(STDOUT_FILENO) != 0) {
-        tell("a picture is no text for a terminal (name a file, or send the output on)");
+        print_error("a picture is no text for a terminal (name a file, or send the output on)");
         return false;
     }
     return true;
@@ -100,5 +99,5 @@ bool make_folder(const std::string& path)
         (errno == EEXIST && stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))) {
         return true;
     }
-    return told("cannot make the folder " + path);
+    return fail_with_errno("cannot make the folder " + path);
 }

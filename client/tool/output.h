@@ -1,18 +1,19 @@
-// Where results go: standard output, or files that are there whole or not at all.
+// Results: standard output, and files that are either complete or absent. A function that returns
+// false has printed the reason to standard error.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-// Writes text to standard output. False when it could not be written, which is told.
+// Writes text to standard output.
 bool print_text(std::string_view text);
 
-// Whether standard output is no terminal. When it is one, that is told.
+// Checks that standard output is not a terminal.
 bool output_takes_bytes();
 
-// Writes `bytes` to the file `path` under a temporary name and renames it; "-" is standard output,
-// which is refused when it is a terminal. False when it could not be done, which is told.
+// Writes `bytes` under a temporary name and renames it to `path`. Devices and pipes are written
+// directly; "-" is standard output, unless that is a terminal.
 bool write_result(const std::string& path, std::string_view bytes);
 
-// Makes the folder unless it is there. False when it cannot be, which is told.
+// Creates the folder unless it exists.
 bool make_folder(const std::string& path);

@@ -2,7 +2,8 @@
 
 namespace {
 
-std::string taken_over(uint8_t* file, size_t size)
+// Frees `file`, which is the library's memory.
+std::string copy_and_free(uint8_t* file, size_t size)
 {
     std::string result(reinterpret_cast<const char*>(file), size);
     stillimage_free(file);
@@ -11,12 +12,23 @@ std::string taken_over(uint8_t* file, size_t size)
 
 } // namespace
 
+rgb_picture to_rgb(const stillimage_picture& picture, bool keep_alpha)
+{
+    const bool alpha = keep_alpha && picture.plane[STILLIMAGE_A] != nullptr;
+    rgb_picture rgb = {picture.width, picture.height, alpha ? 4U : 3U, {}};
+    const size_t row_bytes = size_t{rgb.width} * rgb.channels;
+    rgb.samples.resize(row_bytes * rgb.height);
+    stillimage_picture_to_pixels(&picture, alpha ? STILLIMAGE_RGBA32 : STILLIMAGE_RGB24, rgb.width,
+                                 rgb.height, rgb.samples.data(), row_bytes);
+    return rgb;
+}
+
 std::string png_file(const stillimage_picture& picture)
 {
     uint8_t* file = nullptr;
     size_t size = 0;
     stillimage_picture_to_png(&picture, &file, &size);
-    return taken_over(file, size);
+    return copy_and_free(file, size);
 }
 
 std::string png_file(const rgb_picture& rgb)
@@ -26,7 +38,7 @@ std::string png_file(const rgb_picture& rgb)
     stillimage_pixels_to_png(rgb.channels == 4 ? STILLIMAGE_RGBA32 : STILLIMAGE_RGB24, rgb.width,
                              rgb.height, rgb.samples.data(), size_t{rgb.width} * rgb.channels,
                              &file, &size);
-    return taken_over(file, size);
+    return copy_and_free(file, size);
 }
 
 std::string ppm_file(const stillimage_picture& picture)

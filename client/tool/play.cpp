@@ -1,6 +1,6 @@
-// A stream at a constant rate: each of its frames is asked for by its moment on the timeline. One that
-// is still on is sent again as it was.
-#include "client/tool/call.h"
+// The stream has a constant rate. For each of its frames, the worker is asked for the picture at that
+// moment of the timeline. A picture that is still shown is sent again without converting it again.
+#include "client/tool/calls.h"
 #include "client/tool/output.h"
 #include "client/tool/play_output.h"
 #include "client/tool/play_timeline.h"
@@ -9,13 +9,8 @@
 
 namespace {
 
-constexpr int answer_ms = 5000; // of a worker that a stream depends on
+constexpr int answer_ms = 5000; // how long the worker may take for a frame of a running stream
 constexpr rate still_rate = {25, 1};
-
-const stillimage_picture& picture_of(const held_frame& frame)
-{
-    return *stillimage_frame_picture(frame.get());
-}
 
 class player {
 public:
@@ -26,13 +21,13 @@ public:
         held_frame first;
         exit_status status = take(0, &first);
         if (status == STATUS_DONE) {
-            status = find_shape_and_timeline(picture_of(first));
+            status = prepare_stream(picture_of(first));
         }
         if (status != STATUS_DONE) {
             return status;
         }
         const stop_signals signals;
-        const sending header = send_piece(y4m_header(picture_of(first), shape_, rate_));
+        const sending header = send_piece(y4m_header(picture_of(first), stream_, rate_));
         return header == sending::SENT ? send_frames() : status_of(header);
     }
 
@@ -48,50 +43,40 @@ private:
         return worker_.take_frame(options_, frame);
     }
 
-    // A picture without a second frame is on for a second. Of an animation the first frame may be the
-    // only one without alpha.
-    exit_status find_shape_and_timeline(const stillimage_picture& first)
+    // A picture with a single frame lasts one second. In an animation the first frame may be the only
+    // one without alpha, so the last frame decides whether the stream has alpha.
+    exit_status prepare_stream(const stillimage_picture& first)
     {
-        timeline told;
+        std::string document;
         held_frame last;
-        exit_status status = ask_timeline(&told);
+        exit_status status = worker_.take_status(&document);
+        const timeline reported = timeline_of(document);
         if (status == STATUS_DONE) {
-            status = take(told.duration - 1, &last);
+            status = take(reported.duration - 1, &last);
         }
         if (status != STATUS_DONE) {
             return status;
         }
-        const y4m_shape of_last = y4m_shape_of(picture_of(last));
-        shape_ = y4m_fits(first, of_last) ? of_last : y4m_shape_of(first);
+        const stillimage_y4m_stream of_last = y4m_stream_of(picture_of(last));
+        const bool first_fits = stillimage_y4m_fits(&first, &of_last) != 0;
+        stream_ = first_fits ? of_last : y4m_stream_of(first);
         const bool rate_given = parse_frame_rate(options_.frame_rate, &rate_);
         if (picture_of(last).frame_number == first.frame_number) {
             return STATUS_DONE;
         }
-        timeline_ = told;
+        timeline_ = reported;
         return rate_given ? STATUS_DONE : find_rate();
     }
 
-    exit_status ask_timeline(timeline* told) const
-    {
-        char* json = nullptr;
-        const stillimage_result result =
-            stillimage_get_status(worker_.client(), worker_.left_ms(), &json);
-        if (result != STILLIMAGE_OK) {
-            return worker_.failed("get the status", result);
-        }
-        *told = timeline_of(json);
-        stillimage_free(json);
-        return STATUS_DONE;
-    }
-
-    // An animation of too many frames is sampled as finely as the stream may.
+    // An animation with too many frames for a timeline is sampled at every unit, as far as the highest
+    // rate allows.
     exit_status find_rate()
     {
         const stillimage_timeline* shown = nullptr;
         const stillimage_result result =
             stillimage_get_timeline(worker_.client(), worker_.left_ms(), &shown);
         if (result != STILLIMAGE_OK && result != STILLIMAGE_ERROR_LIMIT) {
-            return worker_.failed("get a frame", result);
+            return worker_.report("get a frame", result);
         }
         rate_ = frame_rate_for(timeline_, shown != nullptr ? common_delay(*shown) : 1);
         stillimage_timeline_free(shown);
@@ -114,7 +99,7 @@ private:
             }
             pace.advance(now_ns());
         }
-        wait_for(pace); // the last frame is on for its time, too
+        wait_for(pace); // the last frame stays for its full time, too
         return STATUS_DONE;
     }
 
@@ -125,8 +110,8 @@ private:
         }
     }
 
-    // The worker is asked even when the frame is likely still on: so it is seen when it goes. The
-    // command's time limit was for the start of the stream.
+    // Asks the worker even when the frame has probably not changed: that is how the end of the worker
+    // is noticed. The command's time limit covers only the start of the stream.
     exit_status load(uint64_t moment)
     {
         worker_.limit_to(answer_ms);
@@ -136,13 +121,13 @@ private:
             return status;
         }
         loaded_ = picture_of(frame).frame_number;
-        if (!y4m_fits(picture_of(frame), shape_)) {
-            tell("cannot go on: frame " + std::to_string(loaded_) +
-                 " differs from the others in size or kind");
+        if (stillimage_y4m_fits(&picture_of(frame), &stream_) == 0) {
+            print_error("cannot go on: frame " + std::to_string(loaded_) +
+                        " differs from the others in size or kind");
             return STATUS_FAILED;
         }
         bytes_.clear();
-        add_y4m_frame(picture_of(frame), shape_, &bytes_);
+        add_y4m_frame(picture_of(frame), stream_, &bytes_);
         return STATUS_DONE;
     }
 
@@ -150,7 +135,7 @@ private:
     call_options options_;
     timeline timeline_;
     rate rate_ = still_rate;
-    y4m_shape shape_;
+    stillimage_y4m_stream stream_ = {};
     uint64_t loaded_ = 0; // number of the frame in `bytes_`
     std::string bytes_;
 };
@@ -163,13 +148,11 @@ exit_status call_play(const call_options& options)
         return STATUS_FAILED;
     }
     session worker;
-    const exit_status status = worker.open(options);
+    exit_status status = worker.open(options);
     if (status != STATUS_DONE) {
         return status;
     }
-    const stillimage_result ready = stillimage_wait_ready(worker.client(), 0, worker.left_ms());
-    if (ready != STILLIMAGE_OK) {
-        return worker.failed("wait for the picture", ready);
-    }
-    return player(worker, options).play();
+    status = worker.report("wait for the picture",
+                           stillimage_wait_ready(worker.client(), 0, worker.left_ms()));
+    return status == STATUS_DONE ? player(worker, options).play() : status;
 }

@@ -1,10 +1,11 @@
-// Standard output as a paced stream that a signal or its reader may end.
+// Standard output as a paced stream that a signal or its reader can end.
 #pragma once
 
 #include <cstdint>
 #include <string_view>
 
-// While it lives, the first Ctrl-C or SIGTERM asks the stream to end; a second one ends the program.
+// During its life, the first Ctrl-C or SIGTERM requests the end of the stream; a second one terminates
+// the program.
 class stop_signals {
 public:
     stop_signals();
@@ -15,14 +16,14 @@ public:
 
 enum class sending {
     SENT,
-    ENDED,  // asked to end, or the reader has what it wanted
-    FAILED, // which is told
+    ENDED,  // a signal requested it, or the reader closed the pipe
+    FAILED, // an error message has been printed
 };
 
-// Writes the piece as a whole. When asked to end it does not begin; in the middle it goes on as long as
-// the reader takes something every second.
+// Writes the whole piece. After a request to end, a new piece is not begun; one that is half written
+// is completed as long as the reader accepts some bytes every second.
 sending send_piece(std::string_view bytes);
 
-// Of the monotonic clock, in nanoseconds.
+// Both in nanoseconds of the monotonic clock.
 uint64_t now_ns();
-void sleep_until(uint64_t moment); // or until asked to end
+void sleep_until(uint64_t moment); // returns early when the end is requested

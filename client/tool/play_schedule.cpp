@@ -4,12 +4,11 @@
 
 namespace {
 
-constexpr uint64_t slowest = 2; // frames a second
-constexpr uint64_t fastest = 100;
-constexpr uint64_t second = 1'000'000'000; // in nanoseconds
-constexpr uint64_t most_late = second / 2;
+constexpr uint64_t min_rate = 2; // frames a second
+constexpr uint64_t max_rate = 100;
+constexpr uint64_t max_lag = ns_per_second / 2; // that a reader can catch up with
 
-// 0 when `limit` is.
+// The largest divisor of `number` up to `limit`; 0 when `limit` is 0.
 uint64_t largest_divisor(uint64_t number, uint64_t limit)
 {
     uint64_t divisor = std::min(number, limit);
@@ -24,16 +23,16 @@ uint64_t largest_divisor(uint64_t number, uint64_t limit)
 rate frame_rate_for(const timeline& played, uint64_t delay)
 {
     const rate& scale = played.scale;
-    const uint64_t limit = scale.numerator / (slowest * scale.denominator);
+    const uint64_t limit = scale.numerator / (min_rate * scale.denominator);
     const uint64_t step = largest_divisor(delay, limit);
-    if (step == 0) { // units longer than a frame may last
-        const uint64_t frames = (slowest * scale.denominator - 1) / scale.numerator + 1;
-        rate result = {fastest, 1};
+    if (step == 0) { // a unit is longer than a frame may last
+        const uint64_t frames = (min_rate * scale.denominator - 1) / scale.numerator + 1;
+        rate result = {max_rate, 1};
         make_rate(frames * scale.numerator, scale.denominator, &result);
         return result;
     }
-    rate result = {fastest, 1};
-    if (scale.numerator <= fastest * scale.denominator * step) {
+    rate result = {max_rate, 1};
+    if (scale.numerator <= max_rate * scale.denominator * step) {
         make_rate(scale.numerator, scale.denominator * step, &result);
     }
     return result;
@@ -77,14 +76,15 @@ uint64_t play_position::moment() const
 }
 
 play_pace::play_pace(const rate& frames_a_second, uint64_t start)
-    : start_(start), nanoseconds_(second * frames_a_second.denominator, frames_a_second.numerator)
+    : start_(start),
+      nanoseconds_(ns_per_second * frames_a_second.denominator, frames_a_second.numerator)
 {
 }
 
 void play_pace::advance(uint64_t now)
 {
     nanoseconds_.advance();
-    if (now > due() + most_late) {
+    if (now > due() + max_lag) {
         start_ += now - due();
     }
 }

@@ -1,11 +1,13 @@
-// Which moment of the timeline is shown when. Plain arithmetic, exact for as long as it runs.
+// Which moment of the timeline is shown when. Integer arithmetic without any drift.
 #pragma once
 
 #include <cstdint>
 
 #include "client/tool/rate.h"
 
-// How long a picture plays: `duration` units, `scale` of them a second.
+inline constexpr uint64_t ns_per_second = 1'000'000'000;
+
+// How long a picture plays: `duration` units, `scale` units a second.
 struct timeline {
     uint64_t duration = 1; // at least 1
     rate scale = {};
@@ -14,11 +16,11 @@ struct timeline {
 };
 
 // Frames a second for a timeline whose frames all last multiples of `delay` units: the lowest rate
-// that hits every change of frame, but at least 2, since readers wait for frames. A timeline that
-// would need more than 100 is shown at 100.
+// that hits every change of frame. It is at least 2, so that readers need not wait long for a frame,
+// and at most 100.
 rate frame_rate_for(const timeline& played, uint64_t delay);
 
-// Counts on by numerator / denominator. Both below 1 << 63.
+// Counts in steps of numerator / denominator, both below 1 << 63.
 class fraction_counter {
 public:
     fraction_counter(uint64_t numerator, uint64_t denominator);
@@ -34,11 +36,11 @@ private:
     uint64_t rest_ = 0;
 };
 
-// The moments that the frames of the stream show, one after the other. Where the rate does not hit
-// the timeline's changes, a frame shows what is on at its own start.
+// The moments of the timeline that the frames of the stream show, in order. Each frame shows the
+// picture of the moment at which it starts.
 class play_position {
 public:
-    // `loops` times through the timeline; 0: without end.
+    // `loops`: how often the timeline is played; 0: endlessly.
     play_position(const timeline& played, const rate& frames_a_second, uint64_t loops);
 
     bool over() const;
@@ -51,15 +53,15 @@ private:
     fraction_counter units_;
 };
 
-// When the frames are due, in nanoseconds of the clock that `start` comes from.
+// When the frames are due, in nanoseconds of the clock of `start`.
 class play_pace {
 public:
     play_pace(const rate& frames_a_second, uint64_t start);
 
     uint64_t due() const { return start_ + nanoseconds_.whole(); }
 
-    // The frame was taken at `now`. What a reader is late by is caught up with; but one that held
-    // still for longer than half a second goes on from where it is.
+    // Call when a frame has been written, at `now`. After a delay of up to half a second the next
+    // frames are due earlier to catch up; after a longer one the schedule continues from `now`.
     void advance(uint64_t now);
 
 private:

@@ -1,4 +1,4 @@
-// The timeline as the calls of the tool need it.
+// What play and sheet need of an item's timeline.
 #pragma once
 
 #include <cstdint>
@@ -7,8 +7,8 @@
 #include "client/stillimage_client.h"
 #include "client/tool/play_schedule.h"
 
-// The item's, by the status document. A scale beyond most_rate_term is 1.
+// Reads the timeline from the status document. A scale with a number above max_rate_term becomes 1.
 timeline timeline_of(const std::string& status_document);
 
-// Greatest common divisor of the times that the frames are shown for.
+// Greatest common divisor of the entries' durations.
 uint64_t common_delay(const stillimage_timeline& shown);

@@ -5,16 +5,16 @@
 
 namespace {
 
-constexpr size_t most_digits = 9;
+constexpr size_t max_digits = 9;
 
-// The digits at `*at`, which moves past them; false when there is none, or there are too many.
+// Reads the digits at `*at` and moves `*at` past them. False without a digit, or with too many.
 bool take_number(const std::string& text, size_t* at, uint64_t* number)
 {
     const size_t start = *at;
     *number = 0;
     while (*at < text.size() && isdigit(static_cast<unsigned char>(text[*at])) != 0) {
         *number = *number * 10 + static_cast<uint64_t>(text[*at] - '0');
-        if (++*at - start > most_digits) {
+        if (++*at - start > max_digits) {
             return false;
         }
     }
@@ -57,7 +57,7 @@ bool make_rate(uint64_t numerator, uint64_t denominator, rate* result)
         return false;
     }
     const uint64_t common = std::gcd(numerator, denominator);
-    if (numerator / common > most_rate_term || denominator / common > most_rate_term) {
+    if (numerator / common > max_rate_term || denominator / common > max_rate_term) {
         return false;
     }
     *result = {static_cast<uint32_t>(numerator / common),
@@ -67,10 +67,10 @@ bool make_rate(uint64_t numerator, uint64_t denominator, rate* result)
 
 bool parse_frame_rate(const std::string& text, rate* result)
 {
-    constexpr uint64_t fastest = 1000; // frames a second
-    constexpr uint64_t slowest = 100;  // seconds a frame
+    constexpr uint64_t max_rate = 1000;    // frames a second
+    constexpr uint64_t max_duration = 100; // of a frame, in seconds
     uint64_t numerator = 0;
     uint64_t denominator = 0;
-    return parse_terms(text, &numerator, &denominator) && numerator <= fastest * denominator &&
-           denominator <= slowest * numerator && make_rate(numerator, denominator, result);
+    return parse_terms(text, &numerator, &denominator) && numerator <= max_rate * denominator &&
+           denominator <= max_duration * numerator && make_rate(numerator, denominator, result);
 }

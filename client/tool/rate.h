@@ -1,4 +1,4 @@
-// Rates: so many of something a second.
+// Rates: units or frames a second.
 #pragma once
 
 #include <cstdint>
@@ -11,10 +11,11 @@ struct rate {
     bool operator==(const rate&) const = default;
 };
 
-inline constexpr uint32_t most_rate_term = 1'000'000; // of either number
+inline constexpr uint32_t max_rate_term = 1'000'000; // of either number
 
-// In lowest terms. False when a number is 0, or too large even then; `result` is then unchanged.
+// Reduces to lowest terms. False, with `result` unchanged, when a number is 0, or above max_rate_term
+// even in lowest terms.
 bool make_rate(uint64_t numerator, uint64_t denominator, rate* result);
 
-// "25", "29.97" or "30000/1001"; from one in a hundred seconds to a thousand a second.
+// Parses "25", "29.97" or "30000/1001", from one frame in 100 seconds to 1000 frames a second.
 bool parse_frame_rate(const std::string& text, rate* result);

@@ -1,6 +1,6 @@
 #include <strings.h>
 
-#include "client/tool/call.h"
+#include "client/tool/calls.h"
 #include "client/tool/output.h"
 #include "client/tool/picture_files.h"
 #include "client/tool/session.h"
@@ -21,7 +21,7 @@ bool ends_in(const std::string& path, const char* ending)
     return path.size() >= length && strcasecmp(path.c_str() + path.size() - length, ending) == 0;
 }
 
-// By the file's ending; standard output is PNG.
+// Chosen by the file's ending; standard output is PNG.
 const file_kind* kind_of(const std::string& path)
 {
     if (path == "-") {
@@ -41,8 +41,8 @@ exit_status call_save(const call_options& options)
 {
     const file_kind* kind = kind_of(options.output);
     if (kind == nullptr) {
-        tell("cannot tell the format of " + options.output +
-             " (name it .png, .ppm or .y4m, or - for PNG on standard output)");
+        print_error("cannot tell the format of " + options.output +
+                    " (name it .png, .ppm or .y4m, or - for PNG on standard output)");
         return STATUS_USAGE;
     }
     session worker;
@@ -53,7 +53,7 @@ exit_status call_save(const call_options& options)
     }
     const std::string file = kind->make(*stillimage_frame_picture(frame.get()));
     if (file.empty()) {
-        tell("cannot write " + options.output + ": not enough memory");
+        print_error("cannot write " + options.output + ": not enough memory");
         return STATUS_FAILED;
     }
     return write_result(options.output, file) ? STATUS_DONE : STATUS_FAILED;

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr int start_ms = 2000; // in which a worker that is just starting is there
+constexpr int start_ms = 2000; // how long a worker may take to create its socket
 
 bool is_regular_file(const std::string& path)
 {
@@ -35,7 +35,7 @@ exit_status status_of(stillimage_result result)
     }
 }
 
-// What to try next, or nothing. `picture` is "" where it is not known.
+// What the user can try next, or "". `picture` is "" when it is not known.
 std::string advice(stillimage_result result, const std::string& picture)
 {
     switch (result) {
@@ -54,7 +54,7 @@ std::string advice(stillimage_result result, const std::string& picture)
 
 } // namespace
 
-void tell(const std::string& text)
+void print_error(const std::string& text)
 {
     std::string line = "stillimage-client: " + text;
     for (char& c : line) {
@@ -73,7 +73,7 @@ exit_status session::open(const call_options& options)
     if (is_regular_file(socket_path)) {
         picture = options.socket_or_picture;
         if (!item_paths::default_socket(picture.c_str(), &socket_path)) {
-            tell("cannot work out the socket of " + picture + ": " + strerror(errno));
+            print_error("cannot work out the socket of " + picture + ": " + strerror(errno));
             return STATUS_FAILED;
         }
     }
@@ -83,10 +83,10 @@ exit_status session::open(const call_options& options)
     connection.reset(made);
     if (result == STILLIMAGE_ERROR_NO_WORKER &&
         access(options.socket_or_picture.c_str(), F_OK) != 0) {
-        tell("cannot connect: " + reason_of(result) + " (nor a picture of that name)");
+        print_error("cannot connect: " + reason_of(result) + " (nor a picture of that name)");
         return status_of(result);
     }
-    return result == STILLIMAGE_OK ? STATUS_DONE : failed("connect", result);
+    return report("connect", result);
 }
 
 std::string session::reason_of(stillimage_result result) const
@@ -95,15 +95,17 @@ std::string session::reason_of(stillimage_result result) const
     return reason[0] == '\0' ? stillimage_result_text(result) : reason;
 }
 
-exit_status session::failed(const std::string& doing, stillimage_result result) const
+exit_status session::report(const std::string& doing, stillimage_result result) const
 {
-    tell("cannot " + doing + ": " + reason_of(result) + advice(result, picture));
+    if (result != STILLIMAGE_OK) {
+        print_error("cannot " + doing + ": " + reason_of(result) + advice(result, picture));
+    }
     return status_of(result);
 }
 
 exit_status session::take_frame(const call_options& options, held_frame* frame) const
 {
-    // 0 would ask whether the picture is ready, and not wait for it.
+    // With 0 the library would not wait for the picture to become ready.
     const int left = left_ms();
     const int wait_ms = left == 0 ? 1 : left;
     stillimage_frame* taken = nullptr;
@@ -111,11 +113,22 @@ exit_status session::take_frame(const call_options& options, held_frame* frame) 
         stillimage_get_frame(client(), options.time_position, options.wanted_width,
                              options.wanted_height, options.no_wait ? 0 : wait_ms, &taken);
     frame->reset(taken);
-    return result == STILLIMAGE_OK ? STATUS_DONE : failed("get a frame", result);
+    return report("get a frame", result);
 }
 
 exit_status session::open_with_frame(const call_options& options, held_frame* frame)
 {
     const exit_status status = open(options);
     return status == STATUS_DONE ? take_frame(options, frame) : status;
+}
+
+exit_status session::take_status(std::string* document) const
+{
+    char* json = nullptr;
+    const stillimage_result result = stillimage_get_status(client(), left_ms(), &json);
+    if (result == STILLIMAGE_OK) {
+        *document = json;
+        stillimage_free(json);
+    }
+    return report("get the status", result);
 }

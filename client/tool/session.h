@@ -1,4 +1,4 @@
-// A connection as the calls use it: made from what the user named, failures told in one line.
+// The connection behind a call: opened by socket or by picture, with failures reported in one line.
 #pragma once
 
 #include <memory>
@@ -6,7 +6,7 @@
 
 #include "client/deadline.h"
 #include "client/stillimage_client.h"
-#include "client/tool/call.h"
+#include "client/tool/calls.h"
 
 struct client_closer {
     void operator()(stillimage_client* client) const { stillimage_close(client); }
@@ -16,29 +16,38 @@ struct frame_releaser {
 };
 using held_frame = std::unique_ptr<stillimage_frame, frame_releaser>;
 
-// "stillimage-client: <text>" on standard error, hostile bytes replaced.
-void tell(const std::string& text);
+inline const stillimage_picture& picture_of(const held_frame& frame)
+{
+    return *stillimage_frame_picture(frame.get());
+}
+
+// Prints "stillimage-client: <text>" to standard error, with '?' for every control character.
+void print_error(const std::string& text);
 
 class session {
 public:
-    // Connects to the socket, or to the default socket of the picture, that the options name. Their
-    // time limit begins here, for all that the session is going to do.
+    // Connects to the socket that the options name, or to the default socket of the picture that they
+    // name. Their time limit starts here and covers everything that the session does.
     exit_status open(const call_options& options);
 
-    // For the library's calls: what is left of the limit, -1 when there is none.
+    // The rest of the time limit, for the library's calls; -1 when there is none.
     int left_ms() const { return limit.left_ms(); }
 
-    // From now on this is the limit.
+    // Replaces the limit by one that starts now.
     void limit_to(int timeout_ms) { limit = deadline(timeout_ms); }
 
-    // Tells why `doing` ("get a frame") failed, and the exit status that stands for it.
-    exit_status failed(const std::string& doing, stillimage_result result) const;
+    // Returns the exit status for the result of `doing` ("get a frame"). Prints why it failed, if it
+    // did.
+    exit_status report(const std::string& doing, stillimage_result result) const;
 
-    // The frame that the options ask for, waited for within the limit.
+    // Waits within the limit for the frame that the options ask for.
     exit_status take_frame(const call_options& options, held_frame* frame) const;
 
-    // Both: connects, and takes the frame.
+    // open() and take_frame().
     exit_status open_with_frame(const call_options& options, held_frame* frame);
+
+    // The status document.
+    exit_status take_status(std::string* document) const;
 
     stillimage_client* client() const { return connection.get(); }
 
@@ -48,5 +57,5 @@ private:
     std::unique_ptr<stillimage_client, client_closer> connection;
     deadline limit{-1};
     std::string socket_path;
-    std::string picture; // "" when its socket was named
+    std::string picture; // "" when the user named a socket
 };

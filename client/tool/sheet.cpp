@@ -1,10 +1,10 @@
-// The frames are chosen by asking which one is shown when, and the levels by asking for pictures of
-// half the size again and again, until a smaller one is not to be had. Then each picture is taken,
-// drawn and given back.
+// First the frames are chosen, by asking the worker which one is shown at a moment. Then the levels are
+// found, by asking for half the size until the pictures become no smaller. Last, each picture is
+// requested, drawn and released.
 #include <filesystem>
 #include <strings.h>
 
-#include "client/tool/call.h"
+#include "client/tool/calls.h"
 #include "client/tool/output.h"
 #include "client/tool/picture_files.h"
 #include "client/tool/play_timeline.h"
@@ -16,17 +16,12 @@
 
 namespace {
 
-constexpr size_t most_title = 60; // characters
+constexpr size_t max_title = 60; // characters
 
 constexpr grey background = 0x2B;
 constexpr grey frame_shade = 0x5A;
 constexpr grey title_shade = 0xF0;
 constexpr grey text_shade = 0xB4;
-
-const stillimage_picture& picture_of(const held_frame& frame)
-{
-    return *stillimage_frame_picture(frame.get());
-}
 
 sheet_extent extent_of(const stillimage_picture& picture)
 {
@@ -38,7 +33,7 @@ bool smaller(sheet_extent one, sheet_extent other)
     return one.width < other.width || one.height < other.height;
 }
 
-// The size of a level, as clients that want it ask for it.
+// The size that a client requests to get the level.
 sheet_extent halved(sheet_extent full, size_t times)
 {
     const uint32_t rest = (1U << times) - 1;
@@ -54,9 +49,10 @@ public:
 
     exit_status make(std::string* file)
     {
-        const bool done = take_full_picture() && ask_document() && choose_frames() && find_levels();
+        const bool done =
+            take_full_picture() && read_document() && choose_frames() && find_levels();
         if (!done) {
-            return trouble_;
+            return status_;
         }
         write_texts();
         const sheet_layout layout = lay_out_sheet(content_);
@@ -67,7 +63,7 @@ public:
         }
         for (size_t i = 0; i < frames_.shown.size(); ++i) {
             if (!draw_card(canvas, layout, i)) {
-                return trouble_;
+                return status_;
             }
         }
         *file = png_file(canvas.pixels());
@@ -81,8 +77,8 @@ private:
         options_.time_position = moment;
         options_.wanted_width = static_cast<int32_t>(wanted.width);
         options_.wanted_height = static_cast<int32_t>(wanted.height);
-        trouble_ = worker_.take_frame(options_, frame);
-        return trouble_ == STATUS_DONE;
+        status_ = worker_.take_frame(options_, frame);
+        return status_ == STATUS_DONE;
     }
 
     bool take_full_picture()
@@ -95,43 +91,39 @@ private:
         return true;
     }
 
-    bool ask_document()
+    bool read_document()
     {
-        char* json = nullptr;
-        const stillimage_result result =
-            stillimage_get_status(worker_.client(), worker_.left_ms(), &json);
-        if (result != STILLIMAGE_OK) {
-            trouble_ = worker_.failed("get the status", result);
+        std::string document;
+        status_ = worker_.take_status(&document);
+        if (status_ != STATUS_DONE) {
             return false;
         }
-        const std::string document = json;
-        stillimage_free(json);
         facts_.time = timeline_of(document);
-        content_.head = {drawable(picture_name(document, options_.socket_or_picture), most_title)};
+        content_.head = {drawable(picture_name(document, options_.socket_or_picture), max_title)};
         return true;
     }
 
     bool choose_frames()
     {
-        exit_status first_trouble = STATUS_DONE;
-        frames_ = frames_for_sheet(facts_.time.duration, most_cards, [&](uint64_t moment) {
+        exit_status first_status = STATUS_DONE;
+        frames_ = frames_for_sheet(facts_.time.duration, max_cards, [&](uint64_t moment) {
             held_frame frame;
-            if (first_trouble == STATUS_DONE && !take(moment, {1, 1}, &frame)) {
-                first_trouble = trouble_;
+            if (first_status == STATUS_DONE && !take(moment, {1, 1}, &frame)) {
+                first_status = status_;
             }
             return frame == nullptr ? 0 : picture_of(frame).frame_number;
         });
         if (frames_.shown.empty()) {
             frames_.shown.push_back({facts_.picture.frame_number, 0});
         }
-        trouble_ = first_trouble;
-        return trouble_ == STATUS_DONE;
+        status_ = first_status;
+        return status_ == STATUS_DONE;
     }
 
     bool find_levels()
     {
         const sheet_extent full = content_.pictures[0];
-        for (size_t i = 1; i <= most_levels_on(1); ++i) {
+        for (size_t i = 1; i <= max_levels_on(1); ++i) {
             held_frame level;
             if (!take(0, halved(full, i), &level)) {
                 return false;
@@ -155,10 +147,10 @@ private:
             content_.head.push_back("showing " + std::to_string(frames_.shown.size()) +
                                     " of the frames, at even distances");
         }
-        const size_t most_levels = most_levels_on(content_.cards);
-        if (facts_.levels > most_levels) {
-            content_.pictures.resize(1 + most_levels);
-            content_.head.push_back("showing levels up to L" + std::to_string(most_levels));
+        const size_t max_levels = max_levels_on(content_.cards);
+        if (facts_.levels > max_levels) {
+            content_.pictures.resize(1 + max_levels);
+            content_.head.push_back("showing levels up to L" + std::to_string(max_levels));
         }
         const sheet_frame& last = frames_.shown.back();
         content_.captions = {frame_caption(facts_, last.number, last.start)};
@@ -191,14 +183,14 @@ private:
 
     const session& worker_;
     call_options options_;
-    exit_status trouble_ = STATUS_DONE;
-    held_frame first_; // facts_ points into it
+    exit_status status_ = STATUS_DONE;
+    held_frame first_; // facts_.picture points to its planes
     sheet_facts facts_;
     sheet_frames frames_;
     sheet_content content_;
 };
 
-bool named_as_png(const std::string& path)
+bool is_png_name(const std::string& path)
 {
     return path == "-" || strcasecmp(std::filesystem::path(path).extension().c_str(), ".png") == 0;
 }
@@ -207,9 +199,9 @@ bool named_as_png(const std::string& path)
 
 exit_status call_sheet(const call_options& options)
 {
-    if (!named_as_png(options.output)) {
-        tell("a contact sheet is a PNG, not " + options.output +
-             " (name it .png, or - for standard output)");
+    if (!is_png_name(options.output)) {
+        print_error("a contact sheet is a PNG, not " + options.output +
+                    " (name it .png, or - for standard output)");
         return STATUS_USAGE;
     }
     session worker;
@@ -222,7 +214,7 @@ exit_status call_sheet(const call_options& options)
         return status;
     }
     if (file.empty()) {
-        tell("cannot write " + options.output + ": not enough memory");
+        print_error("cannot write " + options.output + ": not enough memory");
         return STATUS_FAILED;
     }
     return write_result(options.output, file) ? STATUS_DONE : STATUS_FAILED;

@@ -1,5 +1,5 @@
-// Pictures come in at any size and are converted a few rows at a time: only those are in memory as
-// RGB. A drawn row sums up the rows of the picture that fall on it, colour weighted by alpha.
+// A picture of any size is converted to RGB a few rows at a time, so that only these are in memory. A
+// drawn row is the sum of the picture's rows that it covers, with colour weighted by alpha.
 #include "client/tool/sheet_canvas.h"
 
 #include <algorithm>
@@ -24,7 +24,7 @@ public:
         return band_.samples.data() + size_t{y - top} * band_.width * band_.channels;
     }
 
-    uint32_t channels() const { return band_.channels; } // once a row was taken
+    uint32_t channels() const { return band_.channels; } // valid after the first row()
 
 private:
     stillimage_picture band_at(uint32_t top) const
@@ -33,7 +33,7 @@ private:
         band.height = std::min(band_height, picture_.height - top);
         for (int i = 0; i < STILLIMAGE_PLANES; ++i) {
             const bool chroma = i == STILLIMAGE_U || i == STILLIMAGE_V;
-            // Of an odd height the last chroma row may be missing; the one above it stands in.
+            // With an odd height the last chroma row may be missing; the one above replaces it.
             if (band.plane[i] != nullptr) {
                 const uint32_t wanted = top >> (chroma ? picture_.chroma_y_shift : 0);
                 const uint32_t first = std::min(wanted, picture_.plane_height[i] - 1);
@@ -54,7 +54,7 @@ struct samples_range {
     uint32_t end;
 };
 
-// The samples of `from` that fall on one of `to` drawn pixels: at least one.
+// Which of `from` samples one of `to` drawn pixels covers: at least one.
 samples_range samples_under(uint32_t pixel, uint32_t from, uint32_t to)
 {
     const auto first = static_cast<uint32_t>(uint64_t{pixel} * from / to);
@@ -62,7 +62,7 @@ samples_range samples_under(uint32_t pixel, uint32_t from, uint32_t to)
     return {first, std::max(end, first + 1)};
 }
 
-// Weighted by alpha; everything opaque when there is none.
+// Colour is weighted by alpha, which is 255 for a picture without alpha.
 struct pixel_sum {
     uint64_t colour[3] = {};
     uint64_t alpha = 0;

@@ -1,11 +1,11 @@
-// What a contact sheet is drawn on.
+// The canvas of a contact sheet: text, frames and pictures drawn into RGB.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 #include "client/stillimage_client.h"
-#include "client/tool/rgb.h"
+#include "client/tool/picture_files.h"
 #include "client/tool/sheet_font.h"
 
 struct sheet_point {
@@ -14,18 +14,18 @@ struct sheet_point {
     bool operator==(const sheet_point&) const = default;
 };
 
-using grey = uint8_t; // sheets have no colours of their own
+using grey = uint8_t; // of text, frames and background
 
-// Everything is cut at the canvas's edges.
+// Clips everything at its edges.
 class sheet_canvas {
 public:
     sheet_canvas(sheet_extent size, grey background);
 
     void draw_text(sheet_point at, uint32_t scale, const std::string& lines, grey shade);
-    void draw_frame(sheet_point at, sheet_extent size, grey shade); // one pixel outside of it
+    void draw_frame(sheet_point at, sheet_extent size, grey shade); // a line of one pixel around it
 
-    // Fits the picture to `size`: each pixel is the mean of the samples under it. Behind alpha is a
-    // checkerboard.
+    // Draws the picture at `size`: each pixel is the mean of the samples that it covers. A checkerboard
+    // shows through alpha.
     void draw_picture(sheet_point at, sheet_extent size, const stillimage_picture& picture);
 
     const rgb_picture& pixels() const { return pixels_; }
@@ -38,5 +38,5 @@ private:
     rgb_picture pixels_;
 };
 
-// The checkerboard at a pixel of a picture as it is drawn.
+// The checkerboard at a pixel of the drawn picture.
 grey checkerboard_at(uint32_t x, uint32_t y);

@@ -1,5 +1,5 @@
-// Each glyph is eight rows of five pixels, top down, the leftmost pixel in bit 4. Capitals stand on the
-// seventh row; the eighth is for what hangs below.
+// Each glyph is eight rows of five pixels, top down, the leftmost pixel in bit 4. The baseline is below
+// the seventh row; the eighth holds descenders.
 #include "client/tool/sheet_font.h"
 
 #include <algorithm>
@@ -124,7 +124,7 @@ const glyph_rows& glyph_of(char character)
     return byte >= first_drawn && byte <= last_drawn ? glyphs[byte - first_drawn] : box;
 }
 
-std::string drawable(const std::string& text, size_t most)
+std::string drawable(const std::string& text, size_t max_length)
 {
     std::string drawn;
     for (const char c : text) {
@@ -132,8 +132,8 @@ std::string drawable(const std::string& text, size_t most)
             drawn.push_back(c);
         }
     }
-    if (drawn.size() > most) {
-        drawn.resize(most - 3);
+    if (drawn.size() > max_length) {
+        drawn.resize(max_length - 3);
         drawn += "...";
     }
     return drawn;

@@ -1,4 +1,4 @@
-// Letters for the labels of a contact sheet: printable ASCII, everything else is a box.
+// The font of a contact sheet's labels: printable ASCII; any other character is a box.
 #pragma once
 
 #include <array>
@@ -21,9 +21,9 @@ using glyph_rows = std::array<uint8_t, glyph_height>;
 
 const glyph_rows& glyph_of(char character);
 
-// The text with one byte for each of its UTF-8 characters, cut to `most` (at least 3), which "..."
-// tells.
-std::string drawable(const std::string& text, size_t most);
+// The text with one byte for each UTF-8 character. A text of more than `max_length` (at least 3)
+// characters is truncated and ends in "...".
+std::string drawable(const std::string& text, size_t max_length);
 
-// What drawable lines take when each of a glyph's pixels is `scale` wide.
+// The size of drawable lines when each pixel of a glyph is `scale` wide and high.
 sheet_extent text_extent(const std::string& text, uint32_t scale);

@@ -4,7 +4,7 @@
 
 namespace {
 
-// The i-th of `count` numbers from 1 to `total`.
+// The i-th of `count` evenly spaced numbers from 1 to `total`.
 uint64_t evenly(uint64_t total, uint64_t count, uint64_t i)
 {
     const uint64_t steps = count - 1;
@@ -12,7 +12,7 @@ uint64_t evenly(uint64_t total, uint64_t count, uint64_t i)
     return steps == 0 ? 1 : 1 + range / steps * i + range % steps * i / steps;
 }
 
-// The first moment from `low` on that shows frame `number` or a later one; `high` when none does.
+// The first moment from `low` on that shows frame `number` or a later one; `high` when there is none.
 uint64_t first_moment(uint64_t number, uint64_t low, uint64_t high,
                       const std::function<uint64_t(uint64_t)>& number_at)
 {
@@ -29,12 +29,12 @@ uint64_t first_moment(uint64_t number, uint64_t low, uint64_t high,
 
 } // namespace
 
-sheet_frames frames_for_sheet(uint64_t duration, size_t most,
+sheet_frames frames_for_sheet(uint64_t duration, size_t max_frames,
                               const std::function<uint64_t(uint64_t moment)>& number_at)
 {
     sheet_frames frames;
     frames.total = std::max<uint64_t>(number_at(duration - 1), 1);
-    const uint64_t count = std::min<uint64_t>(frames.total, most);
+    const uint64_t count = std::min<uint64_t>(frames.total, max_frames);
     uint64_t start = 0;
     for (uint64_t i = 0; i < count; ++i) {
         const uint64_t number = evenly(frames.total, count, i);

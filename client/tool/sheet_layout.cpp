@@ -11,17 +11,17 @@ constexpr uint32_t card_gap = 40;
 constexpr uint32_t cell_gap = 12;
 constexpr uint32_t caption_gap = 6; // between a picture and its caption
 constexpr uint32_t line_gap = 8;
-constexpr uint32_t widest_rows = 1600; // unless a single card is wider
+constexpr uint32_t max_row_width = 1600; // unless a single card is wider
 constexpr uint32_t small_picture = 128;
-constexpr uint32_t smallest_level = 48; // in its larger direction, unless the level is smaller
+constexpr uint32_t min_level_size = 48; // of the larger side, unless the level itself is smaller
 
-// The fewer there are, the larger they can be.
+// Fewer cards leave more room for each.
 struct box_rule {
     size_t cards;
     sheet_extent box;
 };
 constexpr box_rule box_rules[] = {
-    {1, {800, 600}}, {4, {480, 360}}, {12, {320, 240}}, {most_cards, {240, 180}}};
+    {1, {800, 600}}, {4, {480, 360}}, {12, {320, 240}}, {max_cards, {240, 180}}};
 
 sheet_extent box_for(size_t cards)
 {
@@ -45,13 +45,13 @@ sheet_extent scaled(sheet_extent size, uint32_t shown, uint32_t full)
     return {scaled(size.width, shown, full), scaled(size.height, shown, full)};
 }
 
-// As much reduced as the full picture is, so that the levels look like what they are; but not so
-// much that nothing can be seen of them.
+// Reduced by the same factor as the full picture, so that the levels keep their proportions, but not
+// below min_level_size.
 sheet_extent level_extent(sheet_extent level, sheet_extent full, sheet_extent full_shown)
 {
     const sheet_extent shown = scaled(level, larger_side(full_shown), larger_side(full));
-    const uint32_t least = std::min(larger_side(level), smallest_level);
-    return larger_side(shown) >= least ? shown : scaled(level, least, larger_side(level));
+    const uint32_t min_side = std::min(larger_side(level), min_level_size);
+    return larger_side(shown) >= min_side ? shown : scaled(level, min_side, larger_side(level));
 }
 
 // --- a card -------------------------------------------------------------------------------------
@@ -95,8 +95,8 @@ private:
         for (size_t i = 1; i < content_.pictures.size(); ++i) {
             shown_.push_back(
                 level_extent(content_.pictures[i], content_.pictures[0], cells[0].shown));
-            // Of many levels the last ones have their captions beside them, to save height.
-            const uint32_t beside = i > 2 ? smallest_level + cell_gap : 0;
+            // From the third level on there is room for a caption beside the level, to save height.
+            const uint32_t beside = i > 2 ? min_level_size + cell_gap : 0;
             column_width = std::max({column_width, shown_.back().width, beside + caption_width(i)});
         }
         uint32_t y = 0;
@@ -107,7 +107,7 @@ private:
         size.height = std::max(size.height, y - cell_gap);
     }
 
-    // Its caption stands beside it where there is room, else below. The end of the two.
+    // Puts the caption beside the level if there is room, else below it. Returns the lower end of both.
     uint32_t place_level(size_t picture, uint32_t y, uint32_t column_width)
     {
         const sheet_extent shown = shown_[picture - 1];
@@ -136,7 +136,7 @@ uint32_t scale_of_line(size_t line)
     return line == 0 ? title_scale : caption_scale;
 }
 
-// Sets the places of the head's lines and the sheet's width to hold them. Where the cards begin.
+// Positions the head's lines and widens the sheet to hold them. Returns the top of the cards.
 uint32_t place_head(const std::vector<std::string>& lines, sheet_layout& layout)
 {
     uint32_t y = margin;
@@ -149,18 +149,18 @@ uint32_t place_head(const std::vector<std::string>& lines, sheet_layout& layout)
     return y + margin - line_gap;
 }
 
-// As many as fit, but rows of equal length where that costs no further row.
+// As many as fit; fewer if the rows become more even without a further row.
 uint32_t cards_in_a_row(uint32_t cards, uint32_t card_width)
 {
-    const uint32_t room = widest_rows - 2 * margin + card_gap;
-    const uint32_t most = std::clamp<uint32_t>(room / (card_width + card_gap), 1, cards);
-    const uint32_t rows = (cards + most - 1) / most;
+    const uint32_t room = max_row_width - 2 * margin + card_gap;
+    const uint32_t fitting = std::clamp<uint32_t>(room / (card_width + card_gap), 1, cards);
+    const uint32_t rows = (cards + fitting - 1) / fitting;
     return (cards + rows - 1) / rows;
 }
 
 } // namespace
 
-size_t most_levels_on(size_t cards)
+size_t max_levels_on(size_t cards)
 {
     return cards <= 4 ? 16 : 5;
 }

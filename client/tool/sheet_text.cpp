@@ -18,13 +18,13 @@ std::string counted(uint64_t count, const std::string& thing)
 
 } // namespace
 
-std::string picture_name(const std::string& status_document, const std::string& otherwise)
+std::string picture_name(const std::string& status_document, const std::string& fallback)
 {
     std::string problem;
     const json11::Json document = json11::Json::parse(status_document, problem);
     std::string path = document["item"]["file"].string_value();
     if (path.empty()) {
-        path = otherwise;
+        path = fallback;
     }
     return path.substr(path.find_last_of('/') + 1);
 }

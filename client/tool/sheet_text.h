@@ -1,4 +1,4 @@
-// What a contact sheet says.
+// The texts of a contact sheet.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,8 @@
 #include "client/stillimage_client.h"
 #include "client/tool/play_schedule.h"
 
-// The file's name out of the status document, else out of `otherwise`, a path.
-std::string picture_name(const std::string& status_document, const std::string& otherwise);
+// The file's name from the status document, else from `fallback`, a path.
+std::string picture_name(const std::string& status_document, const std::string& fallback);
 
 struct sheet_facts {
     stillimage_picture picture; // full size
@@ -18,12 +18,12 @@ struct sheet_facts {
     timeline time; // of an animation
 };
 
-// "400 x 301, with alpha, 3 levels", for an animation also its frames and its duration.
+// "400 x 301, with alpha, 3 levels"; for an animation also the number of frames and the duration.
 std::string facts_line(const sheet_facts& facts);
 
 std::string seconds(uint64_t moment, const rate& scale); // "0.12 s"
 
-// "#3  0.12 s" and below it "400 x 301"; of a still picture its size only.
+// "#3  0.12 s" and below it "400 x 301"; for a still picture the size only.
 std::string frame_caption(const sheet_facts& facts, uint64_t number, uint64_t start);
 
 std::string level_caption(size_t level, uint32_t width, uint32_t height); // "L1 200 x 151"

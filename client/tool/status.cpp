@@ -1,6 +1,6 @@
 #include <cstring>
 
-#include "client/tool/call.h"
+#include "client/tool/calls.h"
 #include "client/tool/output.h"
 #include "client/tool/session.h"
 
@@ -20,8 +20,8 @@ void print_document(void* user, const stillimage_event* event)
     }
 }
 
-// Prints the document at once and whenever it changed, until the worker goes. The time limit is for
-// the first one.
+// Prints the document now and after each change, until the worker exits. The time limit covers the
+// first document only.
 exit_status watch(const session& worker)
 {
     watcher state;
@@ -38,7 +38,7 @@ exit_status watch(const session& worker)
         return STATUS_FAILED;
     }
     return result == STILLIMAGE_ERROR_NO_WORKER ? STATUS_DONE
-                                                : worker.failed("watch the status", result);
+                                                : worker.report("watch the status", result);
 }
 
 } // namespace
@@ -46,20 +46,17 @@ exit_status watch(const session& worker)
 exit_status call_status(const call_options& options)
 {
     session worker;
-    const exit_status status = worker.open(options);
+    exit_status status = worker.open(options);
     if (status != STATUS_DONE) {
         return status;
     }
     if (options.watch) {
         return watch(worker);
     }
-    char* json = nullptr;
-    const stillimage_result result =
-        stillimage_get_status(worker.client(), worker.left_ms(), &json);
-    if (result != STILLIMAGE_OK) {
-        return worker.failed("get the status", result);
+    std::string document;
+    status = worker.take_status(&document);
+    if (status != STATUS_DONE) {
+        return status;
     }
-    const std::string text = std::string(json) + "\n";
-    stillimage_free(json);
-    return print_text(text) ? STATUS_DONE : STATUS_FAILED;
+    return print_text(document + "\n") ? STATUS_DONE : STATUS_FAILED;
 }

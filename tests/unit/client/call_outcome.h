@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "client/tool/call.h"
+#include "client/tool/calls.h"
 #include "tests/unit/client/fake_worker.h"
 
 struct outcome {

@@ -283,7 +283,7 @@ TEST(ClientOutput, ReplacesFilesAndWritesToDevices)
 TEST(ClientOutput, ReplacesControlCharactersInMessages)
 {
     CaptureStderr();
-    tell("a\x1b[31m\nb\x7f%n");
+    print_error("a\x1b[31m\nb\x7f%n");
     EXPECT_EQ(GetCapturedStderr(), "stillimage-client: a?[31m?b?%n\n");
 }
 

@@ -93,7 +93,7 @@ TEST(LevelEdges, StreamsHaveOneColour)
 {
     for_each_level([](const served_picture& served) {
         const stillimage_picture& level = served.picture;
-        const y4m_shape shape = y4m_shape_of(level);
+        const stillimage_y4m_stream shape = y4m_stream_of(level);
         std::string frame;
         add_y4m_frame(level, shape, &frame);
         const size_t luma = size_t{level.width} * level.height;

@@ -2,7 +2,6 @@
 #include <png.h>
 
 #include "client/tool/picture_files.h"
-#include "client/tool/rgb.h"
 #include "tests/unit/client/served_picture.h"
 
 namespace {

@@ -143,7 +143,7 @@ TEST(ClientCallPlay, EveryFrameEqualsTheSavedPicture)
     for (const size_t index : {0U, 0U, 2U}) { // shown at 0, 30 and 60
         served_picture served({.full_width = 5, .full_height = 3});
         served.sample.area[0] = static_cast<unsigned char>(index + 1);
-        add_y4m_frame(served.picture, y4m_shape_of(served.picture), &expected);
+        add_y4m_frame(served.picture, y4m_stream_of(served.picture), &expected);
     }
     EXPECT_EQ(result.out.substr(header_of(result.out).size()), expected);
 }

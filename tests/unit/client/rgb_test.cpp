@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "client/scanline_record.h"
-#include "client/tool/rgb.h"
+#include "client/tool/picture_files.h"
 #include "tests/unit/client/frame_sample.h"
 
 namespace {

@@ -130,9 +130,9 @@ TEST(SheetLayout, AnyPictureGivesABoundedSheetWithoutOverlaps)
             return std::max(static_cast<uint32_t>((random() & 0xFFFFFF) >> random() % 25), 1U);
         };
         const sheet_extent full = {side(), side()};
-        const size_t cards = 1 + random() % most_cards;
+        const size_t cards = 1 + random() % max_cards;
         const sheet_content content =
-            content_for(full, random() % (most_levels_on(cards) + 1), cards);
+            content_for(full, random() % (max_levels_on(cards) + 1), cards);
         const sheet_layout layout = lay_out_sheet(content);
         ASSERT_LE(layout.size.width, 2500U);
         ASSERT_LE(layout.size.height, 5000U);
@@ -145,13 +145,13 @@ TEST(SheetLayout, AnyPictureGivesABoundedSheetWithoutOverlaps)
 
 TEST(SheetLayout, MaximumLevelsWithAnyNumberOfFramesStayInBounds)
 {
-    for (size_t cards = 1; cards <= most_cards; ++cards) {
+    for (size_t cards = 1; cards <= max_cards; ++cards) {
         for (const sheet_extent full : {sheet_extent{16777216, 16777216},
                                         {16777216, 12582912},
                                         {12582912, 16777216},
                                         {16777216, 1},
                                         {1, 16777216}}) {
-            const sheet_content content = content_for(full, most_levels_on(cards), cards);
+            const sheet_content content = content_for(full, max_levels_on(cards), cards);
             const sheet_layout layout = lay_out_sheet(content);
             EXPECT_LE(layout.size.width, 2500U);
             EXPECT_LE(layout.size.height, 5000U) << cards;

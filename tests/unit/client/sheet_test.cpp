@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 
 #include "client/scanline_record.h"
-#include "client/tool/call.h"
-#include "client/tool/rgb.h"
+#include "client/tool/calls.h"
+#include "client/tool/picture_files.h"
 #include "client/tool/sheet_canvas.h"
 #include "client/tool/sheet_frames.h"
 #include "client/tool/sheet_text.h"

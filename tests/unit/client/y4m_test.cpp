@@ -82,7 +82,7 @@ TEST(Y4m, EverySmallSizeHasWholePlanes)
         for (uint32_t height = 1; height <= 5; ++height) {
             const served_picture served({.full_width = width, .full_height = height});
             std::string frame;
-            add_y4m_frame(served.picture, y4m_shape_of(served.picture), &frame);
+            add_y4m_frame(served.picture, y4m_stream_of(served.picture), &frame);
             const uint32_t columns = (width + 1) / 2;
             const uint32_t rows = (height + 1) / 2;
             EXPECT_EQ(frame, "FRAME\n" + plane(served, 0, width, height) +
@@ -104,8 +104,8 @@ TEST(Y4m, OpaquePictureFitsAStreamWithAlpha)
 {
     const served_picture clear({.full_width = 5, .full_height = 3, .alpha = true});
     const served_picture opaque({.full_width = 5, .full_height = 3});
-    const y4m_shape shape = y4m_shape_of(clear.picture);
-    ASSERT_TRUE(y4m_fits(opaque.picture, shape));
+    const stillimage_y4m_stream shape = y4m_stream_of(clear.picture);
+    ASSERT_TRUE(stillimage_y4m_fits(&opaque.picture, &shape));
     std::string frame;
     add_y4m_frame(opaque.picture, shape, &frame);
     EXPECT_EQ(frame, "FRAME\n" + plane(opaque, 0, 5, 3) + plane(opaque, 1, 5, 3, 1, 1) +
@@ -117,22 +117,23 @@ TEST(Y4m, PicturesOfAnotherSizeOrKindDoNotFit)
 {
     const sample_shape basis = {.full_width = 5, .full_height = 3};
     const served_picture first(basis);
-    const y4m_shape shape = y4m_shape_of(first.picture);
-    EXPECT_TRUE(y4m_fits(first.picture, shape));
+    const stillimage_y4m_stream shape = y4m_stream_of(first.picture);
+    EXPECT_TRUE(stillimage_y4m_fits(&first.picture, &shape));
     const sample_shape others[] = {{.full_width = 6, .full_height = 3},
                                    {.full_width = 5, .full_height = 4},
                                    {.full_width = 5, .full_height = 3, .y_shift = 0},
                                    {.full_width = 5, .full_height = 3, .chroma = false},
                                    {.full_width = 5, .full_height = 3, .alpha = true}};
     for (const sample_shape& other : others) {
-        EXPECT_FALSE(y4m_fits(served_picture(other).picture, shape));
+        const served_picture differing(other);
+        EXPECT_FALSE(stillimage_y4m_fits(&differing.picture, &shape));
     }
 }
 
 TEST(Y4m, HeaderHasTheRate)
 {
     const served_picture served({.full_width = 5, .full_height = 3, .chroma = false});
-    EXPECT_EQ(y4m_header(served.picture, y4m_shape_of(served.picture), {30000, 1001}),
+    EXPECT_EQ(y4m_header(served.picture, y4m_stream_of(served.picture), {30000, 1001}),
               "YUV4MPEG2 W5 H3 F30000:1001 Ip A16:15 Cmono XCOLORRANGE=LIMITED\n");
 }
 

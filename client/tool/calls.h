@@ -1,4 +1,5 @@
-// The calls of stillimage-client: one function each, one file each.
+// The calls of stillimage-client, one function each. The short ones are in calls.cpp, the others in
+// files of their names.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +14,7 @@ enum exit_status : int {
     STATUS_REFUSED = 5,
 };
 
-// What the command line said. A call reads the fields that its help names.
+// The parsed command line. A call reads the fields that its help names.
 struct call_options {
     std::string socket_or_picture;
     int timeout_ms = -1;
@@ -22,8 +23,8 @@ struct call_options {
     int32_t wanted_height = 0;
     bool no_wait = false;
     bool watch = false;
-    uint64_t loops = 0;     // 0: without end
-    std::string frame_rate; // "": as the timeline needs it
+    uint64_t loops = 0;     // 0: endless
+    std::string frame_rate; // "": the rate that the timeline needs
     bool no_pace = false;
     std::string output; // file or folder
     std::string name;

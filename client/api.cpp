@@ -1,20 +1,19 @@
-// The C border: arguments are checked, time limits begin, no exception passes.
+// The C interface: checks arguments, starts time limits, lets no exception pass.
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
-#include "client/border.h"
-#include "client/connect_within.h"
-#include "client/connection.h"
+#include "client/boundary.h"
 #include "client/frames.h"
+#include "client/requests.h"
 #include "client/stillimage_client.h"
 
 namespace {
 
 constexpr uint32_t library_version = (1U << 16) | 1U;
 
-stillimage_result missing(stillimage_client& client, const char* what)
+stillimage_result bad_argument(stillimage_client& client, const char* what)
 {
     return fail(client, STILLIMAGE_ERROR_ARGUMENT, what);
 }
@@ -36,13 +35,13 @@ stillimage_result ask_for_done(stillimage_client& client,
     return ask(client, request, comm_protocol::DONE, deadline(timeout_ms), &answer);
 }
 
-// Takes in what is there. `wait` decides about the first packet only.
-stillimage_result take_arrived(stillimage_client& client, const deadline& wait)
+// Processes all packets that have arrived. `wait` is the time limit for the first one.
+stillimage_result process_arrived(stillimage_client& client, const deadline& wait)
 {
     received_packet packet;
     stillimage_result result = receive_packet(client, wait, &packet);
     while (result == STILLIMAGE_OK) {
-        result = take_unasked(client, packet);
+        result = process_unsolicited(client, packet);
         packet.descriptor.reset();
         if (result == STILLIMAGE_OK) {
             result = receive_packet(client, deadline(0), &packet);
@@ -101,27 +100,6 @@ const char* stillimage_result_text(stillimage_result result)
     return "unknown result";
 }
 
-stillimage_result connect_within(const char* socket_path, const deadline& start,
-                                 const deadline& until, stillimage_client** client)
-{
-    if (socket_path == nullptr || client == nullptr) {
-        return STILLIMAGE_ERROR_ARGUMENT;
-    }
-    *client = new (std::nothrow) stillimage_client;
-    if (*client == nullptr) {
-        return STILLIMAGE_ERROR_SYSTEM;
-    }
-    return at_border(*client, [&](stillimage_client& c) {
-        return open_connection(c, socket_path, start, until);
-    });
-}
-
-stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
-                                     stillimage_client** client)
-{
-    return connect_within(socket_path, deadline(start_ms), deadline(timeout_ms), client);
-}
-
 void stillimage_close(stillimage_client* client)
 {
     if (client == nullptr || client->in_handler) {
@@ -150,14 +128,14 @@ int32_t stillimage_worker_pid(const stillimage_client* client)
 
 stillimage_result stillimage_dispatch(stillimage_client* client, int timeout_ms)
 {
-    return at_border(client,
-                     [&](stillimage_client& c) { return take_arrived(c, deadline(timeout_ms)); });
+    return at_boundary(
+        client, [&](stillimage_client& c) { return process_arrived(c, deadline(timeout_ms)); });
 }
 
 stillimage_result stillimage_subscribe(stillimage_client* client, uint32_t mask,
                                        stillimage_event_handler handler, void* user, int timeout_ms)
 {
-    return at_border(client, [&](stillimage_client& c) {
+    return at_boundary(client, [&](stillimage_client& c) {
         c.handler = mask != 0 ? handler : nullptr;
         c.handler_data = user;
         c.wanted_changes = mask;
@@ -168,7 +146,7 @@ stillimage_result stillimage_subscribe(stillimage_client* client, uint32_t mask,
 
 stillimage_result stillimage_wait_ready(stillimage_client* client, int provisional, int timeout_ms)
 {
-    return at_border(client, [&](stillimage_client& c) {
+    return at_boundary(client, [&](stillimage_client& c) {
         const deadline until(timeout_ms);
         stillimage_result result = STILLIMAGE_OK;
         if (c.subscription == 0) {
@@ -178,7 +156,7 @@ stillimage_result stillimage_wait_ready(stillimage_client* client, int provision
             received_packet packet;
             result = receive_packet(c, until, &packet);
             if (result == STILLIMAGE_OK) {
-                result = take_unasked(c, packet);
+                result = process_unsolicited(c, packet);
             }
         }
         return result;
@@ -189,12 +167,12 @@ stillimage_result stillimage_get_frame(stillimage_client* client, uint64_t time_
                                        int32_t wanted_width, int32_t wanted_height, int timeout_ms,
                                        stillimage_frame** frame)
 {
-    return at_border(client, [&](stillimage_client& c) {
+    return at_boundary(client, [&](stillimage_client& c) {
         if (frame == nullptr) {
-            return missing(c, "no place for the frame");
+            return bad_argument(c, "no place for the frame");
         }
         *frame = nullptr;
-        // A worker that answers at once still needs a moment to do so.
+        // Without waiting for the picture, an answer still takes a moment.
         constexpr int answer_ms = 1000;
         const deadline until(timeout_ms == 0 ? answer_ms : timeout_ms);
         const uint32_t flags = timeout_ms == 0 ? 0 : comm_protocol::get_frame_wait;
@@ -233,23 +211,23 @@ void stillimage_frame_release(stillimage_frame* frame)
     client.frames.erase(frame);
     try {
         release_reference(client, frame->reference);
-        // Answers to releases would fill the worker's queue if nobody ever took them in.
-        constexpr int most_unread = 64;
-        if (++client.unread_releases >= most_unread && !client.in_handler) {
+        // Unread answers to releases would fill the worker's queue.
+        constexpr int max_unread = 64;
+        if (++client.unread_releases >= max_unread && !client.in_handler) {
             client.late_packets = 0;
-            take_arrived(client, deadline(0));
+            process_arrived(client, deadline(0));
             client.unread_releases = 0;
         }
     } catch (const std::exception&) {
-        client.last_error.clear(); // the worker takes the frame back when the connection ends
+        client.last_error.clear(); // the worker reclaims the frame when the connection ends
     }
 }
 
 stillimage_result stillimage_get_status(stillimage_client* client, int timeout_ms, char** json)
 {
-    return at_border(client, [&](stillimage_client& c) {
+    return at_boundary(client, [&](stillimage_client& c) {
         if (json == nullptr) {
-            return missing(c, "no place for the document");
+            return bad_argument(c, "no place for the document");
         }
         *json = nullptr;
         std::string document;
@@ -269,12 +247,12 @@ void stillimage_free(void* memory)
 stillimage_result stillimage_set_metadata(stillimage_client* client, const char* name,
                                           const char* value, int timeout_ms)
 {
-    return at_border(client, [&](stillimage_client& c) {
+    return at_boundary(client, [&](stillimage_client& c) {
         if (name == nullptr || value == nullptr ||
             strlen(name) > comm_protocol::max_set_metadata_name ||
             strlen(value) > comm_protocol::max_set_metadata_value) {
-            return missing(c,
-                           "a name of at most 256 bytes and a value of at most 16384 are needed");
+            return bad_argument(
+                c, "a name of at most 256 bytes and a value of at most 16384 are needed");
         }
         return ask_for_done(
             c, comm_protocol::encode(++c.last_request, comm_protocol::set_metadata{name, value}),
@@ -284,7 +262,7 @@ stillimage_result stillimage_set_metadata(stillimage_client* client, const char*
 
 stillimage_result stillimage_quit(stillimage_client* client, int timeout_ms)
 {
-    return at_border(client, [&](stillimage_client& c) {
+    return at_boundary(client, [&](stillimage_client& c) {
         return ask_for_done(c, comm_protocol::encode_empty(++c.last_request, comm_protocol::EXIT),
                             timeout_ms);
     });
@@ -292,7 +270,7 @@ stillimage_result stillimage_quit(stillimage_client* client, int timeout_ms)
 
 stillimage_result stillimage_ping(stillimage_client* client, int timeout_ms)
 {
-    return at_border(client, [&](stillimage_client& c) {
+    return at_boundary(client, [&](stillimage_client& c) {
         received_packet answer;
         const auto request = comm_protocol::encode_ping(++c.last_request, comm_protocol::PING,
                                                         comm_protocol::ping{c.last_request});

@@ -1,4 +1,4 @@
-// The end of a call's time limit.
+// When a call's time limit ends.
 #pragma once
 
 #include <chrono>
@@ -7,7 +7,7 @@
 
 class deadline {
 public:
-    // Milliseconds from now: -1 never, 0 at once.
+    // `timeout_ms` from now; -1 is never, 0 at once.
     explicit deadline(int timeout_ms)
     {
         if (timeout_ms >= 0) {
@@ -15,7 +15,7 @@ public:
         }
     }
 
-    // For poll: -1 without end, else the whole milliseconds left, rounded up.
+    // The rest in milliseconds, rounded up, as poll takes it; -1 without a limit.
     int left_ms() const
     {
         if (!end) {

@@ -1,16 +1,17 @@
-// The record in shared memory is copied until two copies in a row agree, since the worker may be
-// writing it anew; then only the copy is looked at.
+// The worker may be rewriting the record in shared memory. So it is copied until two successive copies
+// agree, and only the copy is validated and used.
 #include "client/frames.h"
 
 #include <cstring>
 #include <ctime>
 
+#include "client/requests.h"
 #include "client/scanline_record.h"
 
 namespace {
 
-constexpr size_t most_scanline = 65536; // bytes of a record's area
-constexpr int most_copies = 200;
+constexpr size_t max_scanline_size = 65536; // of a record's area, in bytes
+constexpr int max_copies = 200;
 constexpr long copy_pause_ns = 500'000;
 
 std::vector<unsigned char> copy_range(const shared_area& area, uint64_t offset, uint64_t size)
@@ -27,15 +28,15 @@ bool range_is_inside(const comm_protocol::frame& frame, const shared_area& area)
            frame.scanline_size <= room - frame.base_offset - frame.scanline_offset;
 }
 
-// Empty when the record does not come to rest.
-std::vector<unsigned char> settled_copy(const shared_area& area, const comm_protocol::frame& frame,
-                                        const deadline& until)
+// Empty if no two successive copies agree in time.
+std::vector<unsigned char> stable_copy(const shared_area& area, const comm_protocol::frame& frame,
+                                       const deadline& until)
 {
     const uint64_t offset = frame.base_offset + frame.scanline_offset;
     auto before = copy_range(area, offset, frame.scanline_size);
-    for (int copies = 1; copies < most_copies; ++copies) {
+    for (int copies = 1; copies < max_copies; ++copies) {
         auto after = copy_range(area, offset, frame.scanline_size);
-        if (before == after && record_is_whole(after.data(), after.size())) {
+        if (before == after && record_is_complete(after.data(), after.size())) {
             return after;
         }
         if (until.passed()) {
@@ -75,11 +76,11 @@ stillimage_result bad_record(stillimage_client& client, const std::string& why)
 stillimage_result read_frame(stillimage_client& client, const comm_protocol::frame& message,
                              const deadline& until, stillimage_frame& frame)
 {
-    if (message.scanline_size > most_scanline || !range_is_inside(message, *client.area)) {
+    if (message.scanline_size > max_scanline_size || !range_is_inside(message, *client.area)) {
         return bad_record(client, "it does not lie inside the shared area");
     }
     frame.area = client.area;
-    frame.scanline = settled_copy(*client.area, message, until);
+    frame.scanline = stable_copy(*client.area, message, until);
     if (frame.scanline.empty()) {
         return bad_record(client, "it is not whole");
     }
@@ -92,16 +93,16 @@ stillimage_result read_frame(stillimage_client& client, const comm_protocol::fra
     return STILLIMAGE_OK;
 }
 
-// The reason for giving it back stays the connection's last error.
-stillimage_result give_back(stillimage_client& client, const comm_protocol::frame& message,
-                            stillimage_result result)
+// Releases the frame and returns `result`. The connection's last error is kept.
+stillimage_result return_frame(stillimage_client& client, const comm_protocol::frame& message,
+                               stillimage_result result)
 {
     const std::string reason = client.last_error;
     release_reference(client, message.reference);
     return fail(client, result, reason);
 }
 
-// Asks for a frame and takes the buffer over that may come along.
+// Requests a frame and maps the buffer that may come with it.
 stillimage_result ask_frame(stillimage_client& client, const comm_protocol::get_frame& wanted,
                             const deadline& until, comm_protocol::frame* message)
 {
@@ -118,28 +119,11 @@ stillimage_result ask_frame(stillimage_client& client, const comm_protocol::get_
     if (!comm_protocol::decode(answer.body, answer.size, message)) {
         return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent a malformed frame");
     }
-    result = keep_area(client, answer, *message);
-    return result == STILLIMAGE_OK ? result : give_back(client, *message, result);
+    result = update_mapping(client, answer, *message);
+    return result == STILLIMAGE_OK ? result : return_frame(client, *message, result);
 }
 
 } // namespace
-
-stillimage_result keep_area(stillimage_client& client, const received_packet& packet,
-                            const comm_protocol::frame& frame)
-{
-    if (packet.descriptor) {
-        std::string why;
-        auto area = shared_area::map(packet.descriptor.get(), frame.area_size, &why);
-        if (area == nullptr) {
-            return fail(client, STILLIMAGE_ERROR_RECORD, why);
-        }
-        client.area = std::move(area);
-    }
-    if (client.area == nullptr) {
-        return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent no buffer");
-    }
-    return STILLIMAGE_OK;
-}
 
 stillimage_result set_output_size(stillimage_client& client, int32_t wanted_width,
                                   int32_t wanted_height, const deadline& until)
@@ -154,7 +138,7 @@ stillimage_result set_output_size(stillimage_client& client, int32_t wanted_widt
     const auto request =
         comm_protocol::encode(++client.last_request, comm_protocol::set_output_size{width, height});
     const stillimage_result result = ask(client, request, comm_protocol::DONE, until, &answer);
-    // Without an answer the worker may have taken the size over, or not.
+    // Without an answer it is unknown whether the worker has the new size.
     client.output_width = result == STILLIMAGE_OK ? width : -1;
     client.output_height = result == STILLIMAGE_OK ? height : -1;
     return result;
@@ -184,7 +168,7 @@ stillimage_result get_frame(stillimage_client& client, const comm_protocol::get_
     }
     result = read_frame(client, message, until, *taken);
     if (result != STILLIMAGE_OK) {
-        return give_back(client, message, result);
+        return return_frame(client, message, result);
     }
     taken->reference = message.reference;
     taken->owner = &client;

@@ -1,4 +1,4 @@
-// Frames: asking for one, judging what comes, holding it.
+// Frames: requesting, validating and holding them.
 #pragma once
 
 #include <memory>
@@ -18,11 +18,11 @@ struct stillimage_frame {
 stillimage_result get_frame(stillimage_client& client, const comm_protocol::get_frame& wanted,
                             const deadline& until, std::unique_ptr<stillimage_frame>* frame);
 
-// The number of the frame shown at that moment once the picture is ready. The frame itself is given
-// back at once.
+// Waits until the picture is ready and returns the number of the frame shown at that moment. The frame
+// itself is released at once.
 stillimage_result find_frame_number(stillimage_client& client, uint64_t moment,
                                     const deadline& until, uint64_t* number);
 
-// Tells the worker which output size the next frames are for, unless it knows.
+// Sets the output size of the next frames, unless the worker already has it.
 stillimage_result set_output_size(stillimage_client& client, int32_t width, int32_t height,
                                   const deadline& until);

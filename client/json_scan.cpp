@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::string_view spaces = " \t\r\n";
 
-// Takes pieces off the front of a text.
+// Consumes a text from its front.
 class json_reader {
 public:
     explicit json_reader(std::string_view text) : rest_(text) {}
@@ -22,7 +22,7 @@ public:
         return true;
     }
 
-    // With its quotes, or empty.
+    // Includes the quotes. Empty if the text does not continue with a string.
     std::string_view take_string()
     {
         skip_spaces();
@@ -59,7 +59,7 @@ private:
         return piece;
     }
 
-    // Of the string that begins at `start`, up to the text's end if it has none of its own.
+    // The length of the string that begins at `start`; an unterminated one extends to the text's end.
     size_t string_length(size_t start) const
     {
         size_t at = start + 1;
@@ -124,9 +124,9 @@ std::string_view json_element(std::string_view json, size_t index)
 
 uint64_t json_count(std::string_view text)
 {
-    constexpr uint64_t most = 1'000'000'000'000'000;
+    constexpr uint64_t max_count = 1'000'000'000'000'000;
     uint64_t number = 0;
     const char* end = text.data() + text.size();
     const auto [stopped, error] = std::from_chars(text.data(), end, number);
-    return error == std::errc() && stopped == end && number <= most ? number : 0;
+    return error == std::errc() && stopped == end && number <= max_count ? number : 0;
 }

@@ -1,25 +1,22 @@
-// Connections by picture: its worker's socket, a worker that is started, connecting once more.
+// Connections by picture: finding its worker's socket, starting a worker, connecting again.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <new>
 #include <sys/stat.h>
 
-#include "client/border.h"
-#include "client/connection.h"
+#include "client/boundary.h"
+#include "client/connect.h"
 #include "client/frames.h"
 #include "client/json_scan.h"
+#include "client/requests.h"
 #include "client/started_worker.h"
 #include "wire/item_paths.h"
 
 namespace {
 
-constexpr int step_ms = 10; // between tries to reach a worker that was started
-
-std::string reason_of(int error)
-{
-    return strerror(error);
-}
+constexpr int step_ms = 10; // between attempts to connect to a worker that was started
 
 // A worker that refuses its file removes its socket before it ends; one that was killed does not.
 bool left_its_socket(const std::string& path)
@@ -28,26 +25,26 @@ bool left_its_socket(const std::string& path)
     return lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
-stillimage_result tell_end(stillimage_client& client, const started_worker& worker)
+stillimage_result fail_with_reason(stillimage_client& client, const started_worker& worker)
 {
     if (left_its_socket(client.socket_path)) {
         return fail(client, STILLIMAGE_ERROR_NO_WORKER,
                     "the worker of " + client.picture +
-                        " has gone before it could serve: " + worker.last_words());
+                        " has gone before it could serve: " + worker.reason());
     }
     return fail(client, STILLIMAGE_ERROR_REFUSED,
-                "the worker does not serve " + client.picture + ": " + worker.last_words());
+                "the worker does not serve " + client.picture + ": " + worker.reason());
 }
 
-// The worker has gone before it could greet; what it said says why.
-stillimage_result tell_early_end(stillimage_client& client, started_worker& worker,
-                                 const deadline& until)
+// The worker accepted the connection but ended before its greeting. The reason is in its output.
+stillimage_result fail_on_early_end(stillimage_client& client, started_worker& worker,
+                                    const deadline& until)
 {
     while (!worker.ended() && !until.passed()) {
-        worker.listen(step_ms);
+        worker.read_output(step_ms);
     }
-    return worker.ended() && !worker.gave_way()
-               ? tell_end(client, worker)
+    return worker.ended() && !worker.other_worker_serves()
+               ? fail_with_reason(client, worker)
                : fail(client, STILLIMAGE_ERROR_NO_WORKER, "the worker has gone");
 }
 
@@ -56,18 +53,19 @@ bool is_examined(std::string_view status_document)
     return json_member(json_member(status_document, "process"), "examined") != "false";
 }
 
-// Another worker's messages say nothing about when to look again.
-void pause_beside(started_worker& worker)
+// Waits one step for output of the worker that was started. If another worker serves the picture, there
+// is no output to wait for, so this only sleeps.
+void pause_for_output(started_worker& worker)
 {
-    worker.listen(step_ms);
-    if (worker.gave_way()) {
+    worker.read_output(step_ms);
+    if (worker.other_worker_serves()) {
         const timespec pause = {0, step_ms * 1'000'000L};
         nanosleep(&pause, nullptr);
     }
 }
 
-// A worker greets before it has examined the picture, which it may still refuse. One that takes longer
-// than the caller's time limit is taken as it is.
+// A worker greets before it has examined the picture, and may still refuse it. If the examination takes
+// longer than the time limit, the connection is accepted without knowing its outcome.
 stillimage_result await_examination(stillimage_client& client, started_worker& worker,
                                     const deadline& until)
 {
@@ -76,7 +74,7 @@ stillimage_result await_examination(stillimage_client& client, started_worker& w
         const stillimage_result result = collect_status(client, until, &document);
         if (result == STILLIMAGE_ERROR_NO_WORKER) {
             client.socket.reset();
-            return tell_early_end(client, worker, until);
+            return fail_on_early_end(client, worker, until);
         }
         if (result == STILLIMAGE_ERROR_TIMEOUT || until.passed()) {
             return STILLIMAGE_OK;
@@ -84,16 +82,16 @@ stillimage_result await_examination(stillimage_client& client, started_worker& w
         if (result != STILLIMAGE_OK || is_examined(document)) {
             return result;
         }
-        pause_beside(worker);
+        pause_for_output(worker);
     }
 }
 
-// Waits for the socket of a worker that was started. When another one was faster, that one does.
+// Connects to the worker that was started. If another worker was faster, connects to that one.
 stillimage_result await_worker(stillimage_client& client, started_worker& worker,
                                const deadline& until)
 {
     const deadline at_once(0);
-    const deadline start(start_ms);
+    const deadline start(default_start_ms);
     while (true) {
         const stillimage_result result =
             open_connection(client, client.socket_path, at_once, until);
@@ -103,13 +101,13 @@ stillimage_result await_worker(stillimage_client& client, started_worker& worker
         if (result != STILLIMAGE_ERROR_NO_WORKER) {
             return result;
         }
-        if (client.greeting) {
-            return tell_early_end(client, worker, until);
+        if (client.accepted) {
+            return fail_on_early_end(client, worker, until);
         }
-        if (worker.ended() && !worker.gave_way()) {
-            return tell_end(client, worker);
+        if (worker.ended() && !worker.other_worker_serves()) {
+            return fail_with_reason(client, worker);
         }
-        if (worker.gave_way() && start.passed()) {
+        if (worker.other_worker_serves() && start.passed()) {
             return result;
         }
         if (until.passed()) {
@@ -117,7 +115,7 @@ stillimage_result await_worker(stillimage_client& client, started_worker& worker
                         "the worker that was started for " + client.picture +
                             " did not serve in time");
         }
-        pause_beside(worker);
+        pause_for_output(worker);
     }
 }
 
@@ -126,8 +124,8 @@ stillimage_result start_and_connect(stillimage_client& client, const deadline& u
     started_worker worker;
     const int error = worker.start(client.picture);
     if (error != 0) {
-        return fail(client, STILLIMAGE_ERROR_NO_WORKER,
-                    "cannot start '" + started_worker::program() + "': " + reason_of(error));
+        return fail_with_errno(client, STILLIMAGE_ERROR_NO_WORKER,
+                               "cannot start '" + started_worker::program() + "'", error);
     }
     return await_worker(client, worker, until);
 }
@@ -136,17 +134,17 @@ stillimage_result connect_by_picture(stillimage_client& client, const deadline& 
 {
     std::string path;
     if (!item_paths::default_socket(client.picture.c_str(), &path)) {
-        return fail(client, STILLIMAGE_ERROR_SYSTEM,
-                    "cannot reach the picture " + client.picture + ": " + reason_of(errno));
+        return fail_with_errno(client, STILLIMAGE_ERROR_SYSTEM,
+                               "cannot reach the picture " + client.picture, errno);
     }
     if ((client.flags & STILLIMAGE_START_WORKER) == 0) {
-        return open_connection(client, path, deadline(start_ms), until);
+        return open_connection(client, path, deadline(default_start_ms), until);
     }
     const stillimage_result result = open_connection(client, path, deadline(0), until);
     return result == STILLIMAGE_ERROR_NO_WORKER ? start_and_connect(client, until) : result;
 }
 
-// Everything that belongs to the worker that was connected to. Frames stay, on their own.
+// Resets everything that belongs to the previous worker. Held frames stay readable without an owner.
 void forget_connection(stillimage_client& client)
 {
     for (stillimage_frame* frame : client.frames) {
@@ -170,9 +168,10 @@ void forget_connection(stillimage_client& client)
 stillimage_result connect_again(stillimage_client& client, const deadline& until)
 {
     forget_connection(client);
-    stillimage_result result = client.picture.empty() ? open_connection(client, client.socket_path,
-                                                                        deadline(start_ms), until)
-                                                      : connect_by_picture(client, until);
+    stillimage_result result =
+        client.picture.empty()
+            ? open_connection(client, client.socket_path, deadline(default_start_ms), until)
+            : connect_by_picture(client, until);
     if (result == STILLIMAGE_OK && client.keeps_subscription) {
         result = subscribe(client, client.wanted_changes | readiness, until);
     }
@@ -215,7 +214,7 @@ stillimage_result stillimage_connect_picture(const char* picture, unsigned flags
     if (*client == nullptr) {
         return STILLIMAGE_ERROR_SYSTEM;
     }
-    return at_border(*client, [&](stillimage_client& c) {
+    return at_boundary(*client, [&](stillimage_client& c) {
         if (picture[0] == '\0' || (flags & ~unsigned{STILLIMAGE_START_WORKER}) != 0) {
             return fail(c, STILLIMAGE_ERROR_ARGUMENT, "a picture and known flags are needed");
         }
@@ -227,6 +226,6 @@ stillimage_result stillimage_connect_picture(const char* picture, unsigned flags
 
 stillimage_result stillimage_reconnect(stillimage_client* client, int timeout_ms)
 {
-    return at_border(client,
-                     [&](stillimage_client& c) { return connect_again(c, deadline(timeout_ms)); });
+    return at_boundary(
+        client, [&](stillimage_client& c) { return connect_again(c, deadline(timeout_ms)); });
 }

@@ -1,14 +1,12 @@
-// Requests and their answers, and what comes in between: events, parts of the status document, and
-// frames whose caller has stopped waiting.
+#include "client/requests.h"
+
 #include <algorithm>
 #include <utility>
 
-#include "client/connection.h"
-
 namespace {
 
-// What an ERROR packet means to the caller.
-stillimage_result result_of(int32_t code)
+// The caller's result for the code of an ERROR packet.
+stillimage_result result_for(int32_t code)
 {
     switch (code) {
     case comm_protocol::VERSION_MISMATCH:
@@ -35,17 +33,17 @@ stillimage_result result_of(int32_t code)
     }
 }
 
-stillimage_result take_error(stillimage_client& client, const received_packet& packet)
+stillimage_result report_error_packet(stillimage_client& client, const received_packet& packet)
 {
     comm_protocol::error error;
     if (!comm_protocol::decode(packet.body, packet.size, &error)) {
         return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent a malformed error");
     }
-    return fail(client, result_of(error.code), "the worker says: " + std::string(error.text));
+    return fail(client, result_for(error.code), "the worker says: " + std::string(error.text));
 }
 
-// Changes that only the library itself has asked for stay inside it.
-void tell_handler(stillimage_client& client, uint32_t changes, const char* document)
+// Skips changes that only the library itself has subscribed to.
+void call_handler(stillimage_client& client, uint32_t changes, const char* document)
 {
     const uint32_t wanted = changes & client.wanted_changes;
     if (changes != 0 && wanted == 0) {
@@ -62,52 +60,25 @@ void tell_handler(stillimage_client& client, uint32_t changes, const char* docum
     }
 }
 
-void take_event(stillimage_client& client, const received_packet& packet)
+void process_event(stillimage_client& client, const received_packet& packet)
 {
     comm_protocol::event event;
     if (comm_protocol::decode(packet.body, packet.size, &event)) {
         client.state.percent = std::clamp(event.percent, -1, 100);
         client.state.ready = std::clamp(event.ready, -1, 1);
         client.progress = event.progress;
-        tell_handler(client, event.changes, nullptr);
+        call_handler(client, event.changes, nullptr);
     }
 }
 
-void take_document_part(stillimage_client& client, const received_packet& packet)
-{
-    if (add_document_part(packet, &client.document) == document_progress::WHOLE) {
-        const std::string document = std::move(client.document);
-        client.document.clear();
-        tell_handler(client, comm_protocol::change_document, document.c_str());
-    }
-}
+enum class document_progress { MORE, WHOLE, BROKEN };
 
-// A frame that nobody waits for any more goes back; its descriptor is of use all the same.
-stillimage_result return_frame(stillimage_client& client, const received_packet& packet)
-{
-    comm_protocol::frame frame;
-    if (!comm_protocol::decode(packet.body, packet.size, &frame)) {
-        return STILLIMAGE_OK;
-    }
-    keep_area(client, packet, frame);
-    release_reference(client, frame.reference);
-    return STILLIMAGE_OK;
-}
-
-bool is_unasked(const stillimage_client& client, const comm_protocol::packet_header& header)
-{
-    return header.type == comm_protocol::EVENT ||
-           (header.type == comm_protocol::STATUS && header.request == client.subscription &&
-            client.subscription != 0);
-}
-
-} // namespace
-
+// Appends the next part to *document.
 document_progress add_document_part(const received_packet& packet, std::string* document)
 {
-    constexpr size_t most_document = size_t{16} << 20;
+    constexpr size_t max_document_size = size_t{16} << 20;
     comm_protocol::status_part part;
-    if (!comm_protocol::decode(packet.body, packet.size, &part) || part.total > most_document) {
+    if (!comm_protocol::decode(packet.body, packet.size, &part) || part.total > max_document_size) {
         return document_progress::BROKEN;
     }
     if (part.offset == 0) {
@@ -119,6 +90,52 @@ document_progress add_document_part(const received_packet& packet, std::string* 
     }
     document->append(part.text);
     return document->size() == part.total ? document_progress::WHOLE : document_progress::MORE;
+}
+
+void process_document_part(stillimage_client& client, const received_packet& packet)
+{
+    if (add_document_part(packet, &client.document) == document_progress::WHOLE) {
+        const std::string document = std::move(client.document);
+        client.document.clear();
+        call_handler(client, comm_protocol::change_document, document.c_str());
+    }
+}
+
+// Releases a frame whose caller has stopped waiting. The worker sends the buffer's descriptor only
+// once, so it is used even then.
+void release_late_frame(stillimage_client& client, const received_packet& packet)
+{
+    comm_protocol::frame frame;
+    if (comm_protocol::decode(packet.body, packet.size, &frame)) {
+        update_mapping(client, packet, frame);
+        release_reference(client, frame.reference);
+    }
+}
+
+bool is_unsolicited(const stillimage_client& client, const comm_protocol::packet_header& header)
+{
+    return header.type == comm_protocol::EVENT ||
+           (header.type == comm_protocol::STATUS && header.request == client.subscription &&
+            client.subscription != 0);
+}
+
+} // namespace
+
+stillimage_result update_mapping(stillimage_client& client, const received_packet& packet,
+                                 const comm_protocol::frame& frame)
+{
+    if (packet.descriptor) {
+        std::string why;
+        auto area = shared_area::map(packet.descriptor.get(), frame.area_size, &why);
+        if (area == nullptr) {
+            return fail(client, STILLIMAGE_ERROR_RECORD, why);
+        }
+        client.area = std::move(area);
+    }
+    if (client.area == nullptr) {
+        return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent no buffer");
+    }
+    return STILLIMAGE_OK;
 }
 
 void release_reference(stillimage_client& client, uint64_t reference)
@@ -141,17 +158,17 @@ void send_releases(stillimage_client& client)
     client.last_error = error_before;
 }
 
-stillimage_result take_unasked(stillimage_client& client, received_packet& packet)
+stillimage_result process_unsolicited(stillimage_client& client, received_packet& packet)
 {
     if (packet.header.type == comm_protocol::EVENT) {
-        take_event(client, packet);
-    } else if (is_unasked(client, packet.header)) {
-        take_document_part(client, packet);
+        process_event(client, packet);
+    } else if (is_unsolicited(client, packet.header)) {
+        process_document_part(client, packet);
     } else if (packet.header.type == comm_protocol::ERROR && packet.header.request == 0) {
-        return take_error(client, packet); // why the worker is about to hang up
+        return report_error_packet(client, packet); // the reason why the worker is about to hang up
     } else if (client.abandoned_frames.erase(packet.header.request) != 0 &&
                packet.header.type == comm_protocol::FRAME) {
-        return return_frame(client, packet);
+        release_late_frame(client, packet);
     }
     return STILLIMAGE_OK;
 }
@@ -165,17 +182,17 @@ stillimage_result await_answer(stillimage_client& client, uint64_t number,
         if (result != STILLIMAGE_OK) {
             return result;
         }
-        if (answer->header.request == number && !is_unasked(client, answer->header)) {
+        if (answer->header.request == number && !is_unsolicited(client, answer->header)) {
             break;
         }
-        result = take_unasked(client, *answer);
+        result = process_unsolicited(client, *answer);
         if (result != STILLIMAGE_OK) {
             return result;
         }
     }
-    client.unread_releases = 0; // whatever was answered before has been taken in
+    client.unread_releases = 0; // the answers to earlier releases have been read
     if (answer->header.type == comm_protocol::ERROR) {
-        return take_error(client, *answer);
+        return report_error_packet(client, *answer);
     }
     if (answer->header.type != expected) {
         return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker gave another kind of answer");

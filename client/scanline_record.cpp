@@ -19,8 +19,9 @@ uint64_t load(const unsigned char* bytes, size_t at, size_t count)
     return value;
 }
 
-constexpr int most_levels = 16;
-constexpr uint64_t cut = 0x10000; // what a 16-bit field has lost is a multiple of this
+constexpr int max_levels = 16;
+constexpr uint64_t modulus = 0x10000;    // of the values in 16-bit fields
+constexpr uint32_t full_scale = 0x10000; // 1.0 as a 16.16 number
 
 uint32_t halved(uint32_t size, int times)
 {
@@ -34,8 +35,9 @@ struct extent {
     bool operator==(const extent&) const = default;
 };
 
-// The number of halvings that lead from the full size to the record's (cut) size; none when several
-// sizes could have been cut to that. A full-size picture is known by its area.
+// How many times the full size was halved to give the record's size, which is truncated to 16 bits.
+// Empty if no level matches, or if levels of different sizes do. A full-size picture is recognised by
+// its area.
 std::optional<int> find_level(const unsigned char* copy, extent full)
 {
     const uint64_t wanted_width = load(copy, format::at_source_width, 4) >> 16;
@@ -43,9 +45,9 @@ std::optional<int> find_level(const unsigned char* copy, extent full)
     const bool full_size = load(copy, format::at_area_size, 4) == format::full_size_area;
     std::optional<int> found;
     extent found_size = {};
-    for (int level = 0; level <= most_levels; ++level) {
+    for (int level = 0; level <= max_levels; ++level) {
         const extent size = {halved(full.width, level), halved(full.height, level)};
-        if (size.width % cut != wanted_width || size.height % cut != wanted_height) {
+        if (size.width % modulus != wanted_width || size.height % modulus != wanted_height) {
             continue;
         }
         if (level == 0 && full_size) {
@@ -60,7 +62,7 @@ std::optional<int> find_level(const unsigned char* copy, extent full)
     return found;
 }
 
-// log2 of the subsampling that a sample mask stands for.
+// log2 of the subsampling for a sample mask.
 std::optional<uint8_t> shift_of(uint64_t mask)
 {
     switch (mask) {
@@ -75,7 +77,7 @@ std::optional<uint8_t> shift_of(uint64_t mask)
     }
 }
 
-// Both masks of a chroma plane must agree with the other's, those of Y and A be 0.
+// U and V need equal masks; those of Y and A have to be 0.
 std::optional<uint8_t> read_shift(const unsigned char* copy, size_t at)
 {
     if (copy[at + STILLIMAGE_Y] != 0 || copy[at + STILLIMAGE_A] != 0 ||
@@ -85,16 +87,16 @@ std::optional<uint8_t> read_shift(const unsigned char* copy, size_t at)
     return shift_of(copy[at + STILLIMAGE_U]);
 }
 
-constexpr uint64_t most_padding = 15; // bytes behind a row that can push its stride beyond 16 bits
+constexpr uint64_t max_padding = 15; // bytes after a row, which can push its stride beyond 16 bits
 
-// The stride that has lost its upper bits: the smallest that holds a row. Only the stride of a row
-// that nearly fills 16 bits can have lost any; that of another row comes back as it is.
-uint64_t rebuild_stride(uint64_t stored, uint64_t row)
+// Reconstructs a stride of which only the lower 16 bits are stored: the smallest that holds a row.
+// Where row and padding fit into 16 bits nothing is lost, and the stored stride is returned.
+uint64_t restore_stride(uint64_t stored, uint64_t row)
 {
-    if (stored >= row || row + most_padding < cut) {
+    if (stored >= row || row + max_padding < modulus) {
         return stored;
     }
-    return stored + (row - stored + cut - 1) / cut * cut;
+    return stored + (row - stored + modulus - 1) / modulus * modulus;
 }
 
 class record_reader {
@@ -105,7 +107,7 @@ public:
     {
     }
 
-    // Null, or why the record cannot be believed.
+    // Returns null, or the reason why the record is invalid.
     const char* read()
     {
         if (const char* reason = read_head()) {
@@ -130,7 +132,7 @@ private:
         if (message.width < 1 || message.height < 1) {
             return "the picture has no size";
         }
-        if (load(copy, format::at_buffer_number, 2) != message.buffer % cut) {
+        if (load(copy, format::at_buffer_number, 2) != message.buffer % modulus) {
             return "it is about another buffer";
         }
         if (load(copy, format::at_frame_number, 8) != message.frame_number) {
@@ -138,8 +140,8 @@ private:
         }
         picture->full_width = static_cast<uint32_t>(message.width);
         picture->full_height = static_cast<uint32_t>(message.height);
-        if (load(copy, format::at_full_width, 2) != picture->full_width % cut ||
-            load(copy, format::at_full_height, 2) != picture->full_height % cut) {
+        if (load(copy, format::at_full_width, 2) != picture->full_width % modulus ||
+            load(copy, format::at_full_height, 2) != picture->full_height % modulus) {
             return "it is about a picture of another size";
         }
         return read_geometry();
@@ -159,7 +161,7 @@ private:
         reduced = *level > 0;
         picture->width = halved(picture->full_width, *level);
         picture->height = halved(picture->full_height, *level);
-        picture->scale_x = picture->scale_y = cut >> *level;
+        picture->scale_x = picture->scale_y = full_scale >> *level;
         picture->chroma_x_shift = *x_shift;
         picture->chroma_y_shift = *y_shift;
         return nullptr;
@@ -176,9 +178,9 @@ private:
         const uint8_t x_shift = chroma ? picture->chroma_x_shift : uint8_t{0};
         const uint8_t y_shift = chroma ? picture->chroma_y_shift : uint8_t{0};
         const uint64_t row = std::max(picture->width >> x_shift, 1U);
-        const uint64_t stride = rebuild_stride(load(copy, format::at_strides + 2 * index, 2), row);
+        const uint64_t stride = restore_stride(load(copy, format::at_strides + 2 * index, 2), row);
         if (stride == 0) {
-            return nullptr; // absent, whatever the offset says
+            return nullptr; // absent, whatever its offset is
         }
         if (stride < row) {
             return "a row is longer than its stride";
@@ -188,8 +190,8 @@ private:
         return place_plane(plane, offset, stride, width, rows);
     }
 
-    // A decoder draws every sample of the full size. The rows and columns of a reduced level end where
-    // its record ends them; what lies beyond is no part of the picture.
+    // Decoders write every chroma sample of the full size. A reduced level has only those of its
+    // record; samples beyond these are not part of the picture.
     uint64_t samples_along(uint32_t size, uint8_t shift) const
     {
         return reduced ? std::max(size >> shift, 1U) : halved(size, shift);
@@ -198,7 +200,7 @@ private:
     const char* place_plane(int plane, uint64_t offset, uint64_t stride, uint64_t width,
                             uint64_t rows)
     {
-        // Whole rows, so that readers may copy row by row with the padding.
+        // The last row counts with its padding, so that readers may copy whole rows.
         const uint64_t size = stride * rows;
         if (stride > UINT32_MAX || message.base_offset > message.area_size ||
             offset > message.area_size - message.base_offset ||
@@ -232,7 +234,7 @@ void describe_message(const comm_protocol::frame& message, stillimage_picture* p
 
 } // namespace
 
-bool record_is_whole(const unsigned char* copy, size_t size)
+bool record_is_complete(const unsigned char* copy, size_t size)
 {
     return size >= format::record_size && load(copy, format::at_magic, 4) == format::magic &&
            memcmp(copy + format::at_end_mark, format::end_mark, sizeof format::end_mark) == 0;
@@ -242,7 +244,7 @@ bool describe_picture(const unsigned char* copy, size_t size, const comm_protoco
                       const unsigned char* area, stillimage_picture* picture, std::string* reason)
 {
     *picture = {};
-    if (!record_is_whole(copy, size)) {
+    if (!record_is_complete(copy, size)) {
         *reason = "its marks are missing";
         return false;
     }

@@ -6,7 +6,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-std::shared_ptr<shared_area> shared_area::map(int fd, uint64_t least_size, std::string* reason)
+std::shared_ptr<shared_area> shared_area::map(int fd, uint64_t min_size, std::string* reason)
 {
     struct stat info = {};
     if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
@@ -14,7 +14,7 @@ std::shared_ptr<shared_area> shared_area::map(int fd, uint64_t least_size, std::
         return nullptr;
     }
     const auto size = static_cast<uint64_t>(info.st_size);
-    if (size == 0 || size < least_size) {
+    if (size == 0 || size < min_size) {
         *reason = "the buffer is shorter than the worker says";
         return nullptr;
     }

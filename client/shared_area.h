@@ -1,4 +1,4 @@
-// The worker's buffer in this process: mapped once for a connection, shared by its frames.
+// The worker's buffer, mapped into this process once for each connection and shared by its frames.
 #pragma once
 
 #include <cstdint>
@@ -7,9 +7,9 @@
 
 class shared_area {
 public:
-    // Maps the whole of `fd` for reading. Null with the reason when the descriptor is not what a
-    // worker gives out: a regular file that is long enough and can never shrink under the reader.
-    static std::shared_ptr<shared_area> map(int fd, uint64_t least_size, std::string* reason);
+    // Maps the whole of `fd` for reading. Returns null and the reason if it is not a regular file, is
+    // shorter than `min_size` bytes, or is not sealed against shrinking.
+    static std::shared_ptr<shared_area> map(int fd, uint64_t min_size, std::string* reason);
 
     shared_area(const shared_area&) = delete;
     shared_area& operator=(const shared_area&) = delete;

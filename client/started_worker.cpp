@@ -1,6 +1,6 @@
-// Between the caller and the worker stands a process that starts it and ends at once, so the worker
-// is nobody's child. That process ends without a signal to the caller, and only a wait that names it
-// hears of it: the caller's own children are not touched.
+// An intermediate process starts the worker and exits at once, so that the worker is not a child of the
+// caller. Its end raises no signal in the caller, and only a wait for its process id reports it, so the
+// caller's handling of its own children is not disturbed.
 #include "client/started_worker.h"
 
 #include <algorithm>
@@ -18,9 +18,10 @@
 
 namespace {
 
-constexpr size_t most_said = 16384; // bytes of the worker's words that are kept
+constexpr size_t max_output = 16384; // bytes of the worker's output that are kept
 
-// How the worker is to be started. Made before the process in between, which may not use memory.
+// The parameters of the worker's start. Prepared in the caller, since the intermediate process must not
+// allocate memory.
 class spawn_plan {
 public:
     explicit spawn_plan(int standard_error)
@@ -59,8 +60,8 @@ private:
     posix_spawnattr_t attributes_ = {};
 };
 
-// A fork whose end raises no signal. No memory is shared, all other arguments are 0, so their order
-// (which differs between machines) does not matter.
+// A fork whose child raises no signal when it ends. All arguments are 0 (no memory is shared), so their
+// order, which differs between architectures, does not matter.
 pid_t fork_quietly()
 {
     return static_cast<pid_t>(syscall(SYS_clone, 0UL, 0UL, 0UL, 0UL, 0UL));
@@ -87,11 +88,11 @@ int spawn_detached(const std::string& program, const std::string& picture, int s
     }
     arguments.push_back(nullptr);
     const spawn_plan plan(standard_error);
-    const pid_t between = fork_quietly();
-    if (between == 0) {
+    const pid_t intermediate = fork_quietly();
+    if (intermediate == 0) {
         _exit(plan.run(program.c_str(), arguments.data()));
     }
-    return between > 0 ? exit_status_of(between) : errno;
+    return intermediate > 0 ? exit_status_of(intermediate) : errno;
 }
 
 std::string_view without_line_end(std::string_view text)
@@ -102,7 +103,7 @@ std::string_view without_line_end(std::string_view text)
     return text;
 }
 
-// Takes the last line off `text`.
+// Removes the last line from `text` and returns it.
 std::string_view take_last_line(std::string_view& text)
 {
     text = without_line_end(text);
@@ -127,43 +128,43 @@ int started_worker::start(const std::string& picture)
     if (pipe2(ends, O_CLOEXEC) != 0) {
         return errno;
     }
-    words_ = owned_fd(ends[0]);
-    const owned_fd writing(ends[1]);
-    fcntl(words_.get(), F_SETFL, O_NONBLOCK);
-    said_.clear();
+    pipe_ = unique_fd(ends[0]);
+    const unique_fd writing(ends[1]);
+    fcntl(pipe_.get(), F_SETFL, O_NONBLOCK);
+    output_.clear();
     ended_ = false;
     return spawn_detached(program(), picture, writing.get());
 }
 
-void started_worker::listen(int wait_ms)
+void started_worker::read_output(int wait_ms)
 {
-    pollfd waiting = {words_.get(), POLLIN, 0};
+    pollfd waiting = {pipe_.get(), POLLIN, 0};
     if (ended_ || poll(&waiting, 1, wait_ms) <= 0) {
         return;
     }
     char piece[4096];
     ssize_t got = 0;
-    while ((got = read(words_.get(), piece, sizeof piece)) > 0) {
-        said_.append(piece, static_cast<size_t>(got));
-        if (said_.size() > most_said) {
-            said_.erase(0, said_.size() - most_said);
+    while ((got = read(pipe_.get(), piece, sizeof piece)) > 0) {
+        output_.append(piece, static_cast<size_t>(got));
+        if (output_.size() > max_output) {
+            output_.erase(0, output_.size() - max_output);
         }
     }
     ended_ = got == 0;
 }
 
-bool started_worker::gave_way() const
+bool started_worker::other_worker_serves() const
 {
-    return ended_ && said_.find("already served by process") != std::string::npos;
+    return ended_ && output_.find("already served by process") != std::string::npos;
 }
 
-// The last line names the step that failed, the one before it mostly says why. A worker that does not
-// know the type of the file says so in words of its own, or nothing after its settings.
-std::string started_worker::last_words() const
+// The last line names the step that failed, and the line before it usually has the reason. For a file
+// of an unknown type the output ends in a line of its own, or with the worker's settings.
+std::string started_worker::reason() const
 {
     constexpr std::string_view last_setting = "   Sock: ";
     constexpr std::string_view unknown_type = "FIXME: Unknown file type id";
-    std::string_view rest = said_;
+    std::string_view rest = output_;
     const std::string_view last = take_last_line(rest);
     if (last.empty()) {
         return "it said nothing";
@@ -171,7 +172,8 @@ std::string started_worker::last_words() const
     if (last.starts_with(last_setting) || last == unknown_type) {
         return "it is no picture of a known type";
     }
-    const std::string_view reason = take_last_line(rest);
-    const bool beside = !reason.empty() && !reason.starts_with(last_setting) && reason[0] != '*';
-    return (beside ? std::string(reason) + "; " : std::string()) + std::string(last);
+    const std::string_view before = take_last_line(rest);
+    const bool has_reason =
+        !before.empty() && !before.starts_with(last_setting) && before[0] != '*';
+    return (has_reason ? std::string(before) + "; " : std::string()) + std::string(last);
 }

@@ -1,32 +1,32 @@
-// A worker that this process starts: no child of it, in a session of its own, watched by what it has
-// to say on standard error until it serves.
+// Starts a worker that is not a child of this process and has its own session. Its standard error is
+// read until it serves.
 #pragma once
 
 #include <string>
 
-#include "client/owned_fd.h"
+#include "client/unique_fd.h"
 
 class started_worker {
 public:
-    // 0, or the reason as an errno: the program cannot be found or run.
+    // Returns 0, or an errno if the program cannot be found or run.
     int start(const std::string& picture);
 
-    // Takes in what the worker has said, for up to `wait_ms`.
-    void listen(int wait_ms);
+    // Reads the worker's output; waits up to `wait_ms` for some.
+    void read_output(int wait_ms);
 
-    // Whether listen() has found that the worker has ended.
+    // Whether read_output() has noticed the worker's end.
     bool ended() const { return ended_; }
 
-    // Another worker serves the picture already.
-    bool gave_way() const;
+    // Whether it ended because another worker already serves the picture.
+    bool other_worker_serves() const;
 
-    // The worker's last words, in one line.
-    std::string last_words() const;
+    // The reason why it ended, in one line, from its last lines of output.
+    std::string reason() const;
 
-    static std::string program(); // what is started
+    static std::string program(); // the program that start() runs
 
 private:
-    owned_fd words_; // read end of the worker's standard error
-    std::string said_;
+    unique_fd pipe_; // read end of the worker's standard error
+    std::string output_;
     bool ended_ = false;
 };

@@ -1,5 +1,5 @@
-// The client library for C++20: the same calls with owners, exceptions, spans and chrono. Header only,
-// over stillimage_client.h, whose comments say what each call does.
+// The client library for C++20, with owners, exceptions, spans and chrono. Header only; the calls are
+// documented in stillimage_client.h.
 //
 //     auto client = stillimage::client::connect_picture("photo.jpg");
 //     const stillimage::frame frame = client.get_frame({.width = 1280, .height = 720});
@@ -7,9 +7,9 @@
 //         show(frame.plane(STILLIMAGE_Y).row(y));
 //     }
 //
-// Whatever fails throws stillimage::error; what a program has to expect comes back as a value instead:
-// try_get_frame has no frame, wait_ready is false. A frame may outlive its client. A client and its
-// frames belong to one thread at a time; conversions may run in any.
+// A failure throws stillimage::error. Outcomes that a program has to expect are values instead:
+// try_get_frame returns an empty optional, wait_ready false. A frame may outlive its client. A client
+// and its frames belong to one thread at a time; conversions may run in any thread.
 #ifndef STILLIMAGE_CLIENT_HPP
 #define STILLIMAGE_CLIENT_HPP
 
@@ -33,26 +33,26 @@
 
 namespace stillimage {
 
-// A call that failed: which way, and why in words for a person.
+// A failed call: its result, and in what() the reason for a person to read.
 class error : public std::runtime_error {
 public:
-    error(stillimage_result way, const std::string& reason)
-        : std::runtime_error(reason.empty() ? stillimage_result_text(way) : reason), way_(way)
+    error(stillimage_result code, const std::string& reason)
+        : std::runtime_error(reason.empty() ? stillimage_result_text(code) : reason), code_(code)
     {
     }
-    stillimage_result result() const noexcept { return way_; }
+    stillimage_result result() const noexcept { return code_; }
 
 private:
-    stillimage_result way_;
+    stillimage_result code_;
 };
 
-// Time limits: any duration of whole milliseconds; zero does not wait.
+// Time limits in whole milliseconds; zero does not wait.
 using time_limit = std::chrono::milliseconds;
 inline constexpr time_limit forever{-1};
 
 namespace detail {
 
-// Anything negative is for ever; what an int cannot hold is 24 days.
+// A negative limit becomes -1, without limit; one that an int cannot hold becomes the largest, 24 days.
 inline int limit_ms(time_limit limit)
 {
     return limit.count() < 0 ? -1 : static_cast<int>(std::min<int64_t>(limit.count(), INT_MAX));
@@ -90,7 +90,7 @@ struct extent {
     uint32_t height = 0;
 };
 
-// One plane of a picture, valid as long as the frame. Empty when the picture has none.
+// One plane of a picture, valid as long as the frame. Empty if the picture has no such plane.
 class plane_view {
 public:
     plane_view(const stillimage_picture& picture, int plane)
@@ -104,7 +104,7 @@ public:
     uint32_t height() const noexcept { return height_; }
     uint32_t stride() const noexcept { return stride_; } // bytes from row to row
 
-    // Row `y`, below height(), without what follows its samples.
+    // Row `y`, below height(), without padding.
     std::span<const uint8_t> row(uint32_t y) const
     {
         return {first_ + size_t{y} * stride_, width_};
@@ -119,7 +119,7 @@ private:
     uint32_t height_;
 };
 
-// Packed rows of `format`, without gaps; stillimage_picture_to_pixels.
+// Packed rows of `format` without gaps, by stillimage_picture_to_pixels.
 inline std::vector<uint8_t> to_pixels(const stillimage_picture& picture, uint32_t format,
                                       extent size = {})
 {
@@ -142,7 +142,7 @@ inline std::vector<uint8_t> to_png(const stillimage_picture& picture)
     return {file, file + size};
 }
 
-// Of packed rows of `format` without gaps, such as to_pixels() makes.
+// A PNG file of packed rows of `format` without gaps, such as those of to_pixels().
 inline std::vector<uint8_t> to_png(std::span<const uint8_t> pixels, uint32_t format, extent size)
 {
     const size_t stride = size_t{size.width} * (format == STILLIMAGE_RGBA32 ? 4 : 3);
@@ -162,7 +162,7 @@ inline void write_png(const stillimage_picture& picture, int descriptor)
     detail::check(stillimage_picture_write_png(&picture, descriptor));
 }
 
-// A stream of frames of one size and kind.
+// A YUV4MPEG2 stream: frames of one size and kind.
 class y4m_stream {
 public:
     explicit y4m_stream(const stillimage_picture& first)
@@ -193,7 +193,7 @@ private:
     stillimage_y4m_stream stream_ = {};
 };
 
-// A held frame, given back at its end.
+// A held frame; the destructor releases it.
 class frame {
 public:
     explicit frame(stillimage_frame* held) : held_(held) {}
@@ -216,7 +216,7 @@ private:
     std::unique_ptr<stillimage_frame, detail::frame_releaser> held_;
 };
 
-// When which frame is shown: a range of entries.
+// When each frame is shown: a range of entries.
 class timeline {
 public:
     explicit timeline(const stillimage_timeline* owned) : owned_(owned) {}
@@ -237,7 +237,7 @@ public:
     uint32_t scale_numerator() const noexcept { return owned_->scale_numerator; }
     uint32_t scale_denominator() const noexcept { return owned_->scale_denominator; }
 
-    // How long so many units are.
+    // Converts units to seconds.
     std::chrono::duration<double> time_of(uint64_t units) const
     {
         return std::chrono::duration<double>(static_cast<double>(units) *
@@ -250,7 +250,7 @@ private:
 
 // --- the connection ---------------------------------------------------------------------------------
 
-// The socket where the picture's worker serves by default.
+// The picture's default socket.
 inline std::string socket_of(std::string_view picture)
 {
     char path[108];
@@ -267,10 +267,10 @@ public:
         stillimage_client* made = nullptr;
         const stillimage_result result =
             stillimage_connect(std::string(socket_path).c_str(), detail::limit_ms(limit), &made);
-        return taken_over(made, result);
+        return adopt(made, result);
     }
 
-    // Starts a worker when there is none, unless `flags` is 0.
+    // Starts a worker if there is none, unless `flags` is 0.
     static client connect_picture(std::string_view picture,
                                   time_limit limit = std::chrono::seconds(10),
                                   unsigned flags = STILLIMAGE_START_WORKER)
@@ -278,7 +278,7 @@ public:
         stillimage_client* made = nullptr;
         const stillimage_result result = stillimage_connect_picture(
             std::string(picture).c_str(), flags, detail::limit_ms(limit), &made);
-        return taken_over(made, result);
+        return adopt(made, result);
     }
 
     void reconnect(time_limit limit = std::chrono::seconds(10))
@@ -286,7 +286,7 @@ public:
         finish(stillimage_reconnect(get(), detail::limit_ms(limit)));
     }
 
-    // For what this wrapper lacks. Stays the client's.
+    // For calls that this wrapper lacks. The client keeps ownership.
     stillimage_client* get() const noexcept { return held_.get(); }
 
     int descriptor() const noexcept { return stillimage_descriptor(get()); }
@@ -294,15 +294,15 @@ public:
 
     // --- changes
 
-    // The handler is called from dispatch() and whatever waits; it may not call back. What it throws
-    // is thrown by that call once it has ended, the first time only.
+    // The handler is called from dispatch() and other calls that wait; it must not call back. If it
+    // throws, the call that it ran in throws the first of its exceptions at its end.
     void subscribe(uint32_t mask, change_handler handler, time_limit limit = forever)
     {
         auto wanted = std::make_unique<handler_state>();
         wanted->handler = std::move(handler);
         const stillimage_result result =
             stillimage_subscribe(get(), mask, call_handler, wanted.get(), detail::limit_ms(limit));
-        if (result != STILLIMAGE_ERROR_ARGUMENT) { // the former one is called no longer
+        if (result != STILLIMAGE_ERROR_ARGUMENT) { // the previous handler is no longer called
             state_.swap(wanted);
         }
         finish(result);
@@ -316,7 +316,7 @@ public:
         finish(stillimage_dispatch(get(), detail::limit_ms(limit)));
     }
 
-    // False when the time limit passed first.
+    // False if the time limit passed first.
     bool wait_ready(time_limit limit = forever, bool provisional = false)
     {
         const stillimage_result result =
@@ -335,7 +335,7 @@ public:
         return owned;
     }
 
-    // Does not wait: nothing when the picture is not ready, or has no such frame.
+    // Does not wait: empty if the picture is not ready or has no such frame.
     std::optional<frame> try_get_frame(extent wanted = {}, uint64_t time_position = 0)
     {
         stillimage_frame* held = nullptr;
@@ -392,14 +392,14 @@ private:
 
     explicit client(stillimage_client* made) : held_(made) {}
 
-    static client taken_over(stillimage_client* made, stillimage_result result)
+    static client adopt(stillimage_client* made, stillimage_result result)
     {
         client owned(made);
         detail::check(result, stillimage_last_error(made));
         return owned;
     }
 
-    // No exception may pass the library, which is called in between.
+    // Exceptions must not pass through the C library, which calls this.
     static void call_handler(void* user, const stillimage_event* event) noexcept
     {
         auto* state = static_cast<handler_state*>(user);
@@ -432,7 +432,7 @@ private:
         detail::check(result, stillimage_last_error(get()));
     }
 
-    // False for the one result that is none to be surprised at.
+    // False for the expected result; throws any other failure.
     bool finish_unless(stillimage_result result, stillimage_result expected)
     {
         finish(result == expected ? STILLIMAGE_OK : result);

@@ -6,9 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "client/border.h"
+#include "client/boundary.h"
 #include "client/frames.h"
 #include "client/json_scan.h"
+#include "client/requests.h"
 
 namespace {
 
@@ -132,7 +133,7 @@ bool walk_timeline(uint64_t duration, const frame_finder& frame_at, const entry_
 stillimage_result stillimage_get_timeline(stillimage_client* client, int timeout_ms,
                                           const stillimage_timeline** timeline)
 {
-    return at_border(client, [&](stillimage_client& c) {
+    return at_boundary(client, [&](stillimage_client& c) {
         if (timeline == nullptr) {
             return fail(c, STILLIMAGE_ERROR_ARGUMENT, "no place for the timeline");
         }

@@ -18,7 +18,7 @@ void axis_filter::add(uint32_t first, uint32_t count)
     ranges_.push_back({first, count, weights_.size()});
 }
 
-// In units of 1 / to of a sample: samples are `to` long, results `from`.
+// In units of 1 / `to` of a sample: a sample is `to` units long, a result `from` units.
 void axis_filter::reduce(uint32_t from, uint32_t to)
 {
     for (uint64_t i = 0; i < to; ++i) {
@@ -35,7 +35,7 @@ void axis_filter::reduce(uint32_t from, uint32_t to)
     }
 }
 
-// In units of 1 / (2 to) of a sample, from the first sample's centre.
+// In units of 1 / (2 * `to`) of a sample, counted from the first sample's centre.
 void axis_filter::enlarge(uint32_t from, uint32_t to)
 {
     const int64_t sample = int64_t{2} * to;

@@ -1,19 +1,19 @@
-// How the samples along one axis become more or fewer of them.
+// Weights for resampling along one axis.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-// Fewer: each one is the mean of the samples that it covers, parts of samples counted as such. More:
-// linear between the two nearest centres, the outermost samples going on to the edges. As many: each
-// is itself.
+// Reducing: each result is the mean of the samples that it covers, with partly covered samples weighted
+// by their covered part. Enlarging: linear interpolation between the two nearest centres; the outermost
+// samples extend to the edges. Same size: each sample is copied.
 class axis_filter {
 public:
     struct tap_range {
         uint32_t first; // sample
         uint32_t count; // of samples, at least 1
-        size_t weights; // where the first one's is
+        size_t weights; // index of the first sample's weight
     };
 
     axis_filter(uint32_t from, uint32_t to); // both from 1 to INT32_MAX
@@ -27,5 +27,5 @@ private:
     void enlarge(uint32_t from, uint32_t to);
 
     std::vector<tap_range> ranges_; // one for each result
-    std::vector<float> weights_;    // those of a result sum up to 1
+    std::vector<float> weights_;    // the weights of a result add up to 1
 };

@@ -11,40 +11,40 @@
 
 namespace {
 
-// While it lives, SIGPIPE does not reach this thread; one that came up meanwhile is taken away again.
-class no_pipe_signal {
+// Blocks SIGPIPE for this thread during its life and discards one that was raised meanwhile.
+class block_sigpipe {
 public:
-    no_pipe_signal()
+    block_sigpipe()
     {
         sigset_t pending;
         sigemptyset(&only_);
         sigaddset(&only_, SIGPIPE);
         sigpending(&pending);
         was_pending_ = sigismember(&pending, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &only_, &former_);
+        pthread_sigmask(SIG_BLOCK, &only_, &previous_);
     }
-    no_pipe_signal(const no_pipe_signal&) = delete;
-    no_pipe_signal& operator=(const no_pipe_signal&) = delete;
-    ~no_pipe_signal()
+    block_sigpipe(const block_sigpipe&) = delete;
+    block_sigpipe& operator=(const block_sigpipe&) = delete;
+    ~block_sigpipe()
     {
         const int error = errno;
         const timespec at_once = {};
         if (!was_pending_) {
             sigtimedwait(&only_, nullptr, &at_once);
         }
-        pthread_sigmask(SIG_SETMASK, &former_, nullptr);
+        pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
         errno = error;
     }
 
 private:
     sigset_t only_;
-    sigset_t former_;
+    sigset_t previous_;
     bool was_pending_;
 };
 
 bool write_all(int fd, const uint8_t* bytes, size_t size)
 {
-    const no_pipe_signal quiet;
+    const block_sigpipe blocked;
     while (size > 0) {
         const ssize_t written = write(fd, bytes, size);
         if (written > 0) {
@@ -65,11 +65,11 @@ bool make_room(byte_sink& sink, size_t more)
     if (more <= sink.room - sink.size) {
         return true;
     }
-    constexpr size_t least = 65536;
+    constexpr size_t min_room = 65536;
     if (more > SIZE_MAX / 4 || sink.size > SIZE_MAX / 4) {
         return false;
     }
-    const size_t room = std::max({least, 2 * sink.room, sink.size + more});
+    const size_t room = std::max({min_room, 2 * sink.room, sink.size + more});
     void* moved = realloc(sink.bytes, room);
     if (moved == nullptr) {
         return false;

@@ -1,18 +1,19 @@
-// Where a file goes that is made piece by piece. Plain data: it is used below a codec that jumps.
+// The destination of a file that is written piece by piece. Plain data, since it is used below libpng,
+// which reports errors by longjmp.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 struct byte_sink {
-    int fd = -1; // -1: into memory
+    int fd = -1; // -1: write to memory
 
     uint8_t* bytes = nullptr; // from malloc
     size_t size = 0;
     size_t room = 0;
-    int error = 0; // errno of what failed
+    int error = 0; // errno of a failure
 };
 
-// Takes the piece in. False when that is not possible; `error` says why. A pipe without a reader is an
-// error and no signal.
+// Appends the bytes. On failure returns false and sets `error`. A pipe without a reader is a failure
+// and raises no signal.
 bool put_bytes(byte_sink& sink, const uint8_t* bytes, size_t size);

@@ -1,8 +1,8 @@
-// Before a function of plain loops: one copy for each kind of processor, chosen when the library is
-// loaded. The results are the same.
+// FOR_EACH_PROCESSOR before a function of plain loops compiles it once for each kind of processor; the
+// loader chooses. All copies give the same results.
 #pragma once
 
-// clang 14 gives the copies names that do not link.
+// The copies that clang 14 makes do not link.
 #if defined(__x86_64__) && !defined(__clang__)
 #define FOR_EACH_PROCESSOR __attribute__((target_clones("avx2", "default")))
 #else

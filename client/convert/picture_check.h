@@ -1,15 +1,17 @@
-// What every conversion needs of a picture, which may come from anywhere.
+// Checks of the conversions' arguments, which callers may have made up themselves.
 #pragma once
 
 #include <cstdint>
 
 #include "client/stillimage_client.h"
 
-// The largest width and height of anything that is converted.
-inline constexpr uint32_t most_extent = INT32_MAX;
+inline constexpr uint32_t max_extent = INT32_MAX; // of any width and height
 
 bool is_extent(uint32_t width, uint32_t height);
 
-// Whether the picture has a size, whole Y and A planes, two chroma planes or none, and a known
-// subsampling. Not null.
+// Whether the picture is not null and has a size, complete Y and A planes, two chroma planes or none,
+// and a known subsampling.
 bool can_convert(const stillimage_picture* picture);
+
+// Bytes of a packed pixel; 0 for an unknown format.
+uint32_t channels_of(uint32_t format);

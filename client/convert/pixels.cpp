@@ -1,22 +1,21 @@
-// Pictures as packed pixels, at their own size or another. Scaled rows are four floats a pixel, colour
-// weighted by alpha, so that what cannot be seen does not shine through.
+// Pictures as packed pixels, at their own size or another. Scaled rows have four floats a pixel. Colour
+// is weighted by alpha, so that the colour of transparent pixels has no effect.
 #include <algorithm>
 #include <array>
 #include <vector>
 
-#include "client/border.h"
+#include "client/boundary.h"
 #include "client/convert/axis_filter.h"
 #include "client/convert/for_each_processor.h"
 #include "client/convert/picture_check.h"
-#include "client/convert/pixel_format.h"
 #include "client/convert/rgb_rows.h"
 
 namespace {
 
-constexpr size_t parts = 4; // of a pixel: red, green, blue, alpha
+constexpr size_t parts = 4; // of a pixel: red, green, blue and alpha
 constexpr float whole = 255;
 
-// Colour times alpha; alpha itself stays.
+// Multiplies colour by alpha; alpha itself is copied.
 FOR_EACH_PROCESSOR
 void weight_by_alpha(const uint8_t* rgba, size_t width, float* __restrict to)
 {
@@ -42,7 +41,7 @@ uint8_t to_byte(float value)
     return static_cast<uint8_t>(std::min(value + 0.5F, whole));
 }
 
-// Back to straight alpha. Where nothing can be seen it is black.
+// Converts back to straight alpha. Transparent pixels become black.
 FOR_EACH_PROCESSOR
 void put_pixels(const float* row, size_t width, uint32_t channels, uint8_t* __restrict to)
 {
@@ -87,7 +86,7 @@ private:
         std::vector<float> pixels;
     };
 
-    // Row of the picture, scaled across. The newest two are kept: neighbours share them.
+    // A row of the picture, scaled horizontally. The newest two are kept, since neighbours share them.
     const float* row(uint32_t number)
     {
         scaled_row& kept = scaled_[number % scaled_.size()];
@@ -141,7 +140,7 @@ stillimage_result stillimage_picture_to_pixels(const stillimage_picture* picture
                                                uint32_t width, uint32_t height, uint8_t* pixels,
                                                size_t stride)
 {
-    return at_border([&] {
+    return at_boundary([&] {
         const uint32_t channels = channels_of(format);
         if (!can_convert(picture) || pixels == nullptr || channels == 0 ||
             !is_extent(width, height) || stride / channels < width) {

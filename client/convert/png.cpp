@@ -1,5 +1,5 @@
-// PNG files. libpng reports errors by jumping: below encode() there is nothing with a destructor that
-// a jump could skip, and the file's end and the encoder's belong to encode()'s caller.
+// PNG files. libpng reports errors by longjmp, so no frame between encode() and libpng has an object
+// with a destructor. The caller of encode() destroys the encoder and owns the sink.
 #include <cerrno>
 #include <csetjmp>
 #include <cstdlib>
@@ -8,20 +8,19 @@
 
 #include <png.h>
 
-#include "client/border.h"
+#include "client/boundary.h"
 #include "client/convert/byte_sink.h"
 #include "client/convert/picture_check.h"
-#include "client/convert/pixel_format.h"
 #include "client/convert/rgb_rows.h"
 
 namespace {
 
-// Where the rows come from: those of a picture, converted into `scratch`, or pixels at hand.
+// The rows to be written: those of a picture, converted into `scratch`, or packed pixels.
 struct row_source {
     uint32_t width;
     uint32_t height;
     uint32_t channels;
-    rgb_rows* picture;
+    rgb_rows* picture; // null: packed pixels
     uint8_t* scratch;
     const uint8_t* pixels;
     size_t stride;
@@ -38,14 +37,14 @@ static_assert(std::is_trivially_destructible_v<row_source> &&
 
 extern "C" {
 
-void stay_silent(png_structp /*png*/, png_const_charp /*message*/) {}
+void ignore_warning(png_structp /*png*/, png_const_charp /*message*/) {}
 
 void jump_back(png_structp png, png_const_charp /*message*/)
 {
     png_longjmp(png, 1);
 }
 
-void take_bytes(png_structp png, png_bytep bytes, size_t size)
+void write_bytes(png_structp png, png_bytep bytes, size_t size)
 {
     if (!put_bytes(*static_cast<byte_sink*>(png_get_io_ptr(png)), bytes, size)) {
         png_error(png, "");
@@ -66,10 +65,10 @@ const uint8_t* row_of(const row_source& rows, uint32_t y)
 
 void write_file(png_work& work, const row_source& rows)
 {
-    constexpr int quick = 3; // compression level
-    png_set_write_fn(work.png, &work.sink, take_bytes, flush_nothing);
-    png_set_user_limits(work.png, most_extent, most_extent);
-    png_set_compression_level(work.png, quick);
+    constexpr int fast_compression = 3;
+    png_set_write_fn(work.png, &work.sink, write_bytes, flush_nothing);
+    png_set_user_limits(work.png, max_extent, max_extent);
+    png_set_compression_level(work.png, fast_compression);
     png_set_filter(work.png, PNG_FILTER_TYPE_BASE, PNG_FILTER_SUB);
     png_set_IHDR(work.png, work.info, rows.width, rows.height, 8,
                  rows.channels == 4 ? PNG_COLOR_TYPE_RGB_ALPHA : PNG_COLOR_TYPE_RGB,
@@ -82,7 +81,7 @@ void write_file(png_work& work, const row_source& rows)
     png_write_end(work.png, work.info);
 }
 
-// False after an error of the library or the sink.
+// False after an error of libpng or of the sink.
 bool encode(png_work& work, const row_source& rows)
 {
     if (setjmp(png_jmpbuf(work.png)) != 0) {
@@ -92,12 +91,12 @@ bool encode(png_work& work, const row_source& rows)
     return true;
 }
 
-// STILLIMAGE_OK, or STILLIMAGE_ERROR_SYSTEM with errno. The sink's memory stays the caller's.
+// STILLIMAGE_OK, or STILLIMAGE_ERROR_SYSTEM with errno set. The caller owns the sink's memory.
 stillimage_result make_png(const row_source& rows, byte_sink* sink)
 {
     png_work work = {};
     work.sink = *sink;
-    work.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, jump_back, stay_silent);
+    work.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, jump_back, ignore_warning);
     work.info = work.png == nullptr ? nullptr : png_create_info_struct(work.png);
     const bool done = work.info != nullptr && encode(work, rows);
     png_destroy_write_struct(&work.png, &work.info);
@@ -129,7 +128,7 @@ stillimage_result hand_over(stillimage_result result, const byte_sink& sink, uin
     return STILLIMAGE_OK;
 }
 
-bool take_places(uint8_t** file, size_t* size)
+bool clear_results(uint8_t** file, size_t* size)
 {
     if (file == nullptr || size == nullptr) {
         return false;
@@ -144,8 +143,8 @@ bool take_places(uint8_t** file, size_t* size)
 stillimage_result stillimage_picture_to_png(const stillimage_picture* picture, uint8_t** file,
                                             size_t* size)
 {
-    return at_border([&] {
-        if (!take_places(file, size) || !can_convert(picture)) {
+    return at_boundary([&] {
+        if (!clear_results(file, size) || !can_convert(picture)) {
             return STILLIMAGE_ERROR_ARGUMENT;
         }
         byte_sink sink;
@@ -156,7 +155,7 @@ stillimage_result stillimage_picture_to_png(const stillimage_picture* picture, u
 
 stillimage_result stillimage_picture_write_png(const stillimage_picture* picture, int fd)
 {
-    return at_border([&] {
+    return at_boundary([&] {
         if (fd < 0 || !can_convert(picture)) {
             return STILLIMAGE_ERROR_ARGUMENT;
         }
@@ -170,9 +169,9 @@ stillimage_result stillimage_pixels_to_png(uint32_t format, uint32_t width, uint
                                            const uint8_t* pixels, size_t stride, uint8_t** file,
                                            size_t* size)
 {
-    return at_border([&] {
+    return at_boundary([&] {
         const uint32_t channels = channels_of(format);
-        if (!take_places(file, size) || channels == 0 || pixels == nullptr ||
+        if (!clear_results(file, size) || channels == 0 || pixels == nullptr ||
             !is_extent(width, height) || stride / channels < width) {
             return STILLIMAGE_ERROR_ARGUMENT;
         }

@@ -1,4 +1,4 @@
-// Rows of a served picture as packed RGB or RGBA, full range.
+// Rows of a picture as packed RGB or RGBA, full range.
 #pragma once
 
 #include <cstdint>
@@ -6,15 +6,15 @@
 
 #include "client/stillimage_client.h"
 
-// BT.601, limited to full range, to the nearest; each chroma sample stands for all the pixels that
-// share it.
+// Converts by BT.601 from limited to full range, rounded to the nearest. A chroma sample applies to all
+// pixels that share it.
 class rgb_rows {
 public:
-    // The picture passes can_convert() and outlives this.
+    // The picture has passed can_convert() and outlives this object.
     explicit rgb_rows(const stillimage_picture& picture);
 
-    // Row `row` of the picture as `channels` (3 or 4) bytes a pixel; the fourth is straight alpha, 255
-    // when the picture has none. No memory is asked for.
+    // Writes row `row` of the picture to `to`, with `channels` (3 or 4) bytes a pixel. The fourth is
+    // straight alpha, 255 if the picture has none. Allocates no memory.
     void put(uint32_t row, uint32_t channels, uint8_t* to);
 
 private:
@@ -26,5 +26,5 @@ private:
     std::vector<uint8_t> red_;
     std::vector<uint8_t> green_;
     std::vector<uint8_t> blue_;
-    std::vector<uint8_t> opaque_; // a row of alpha for a picture without
+    std::vector<uint8_t> opaque_; // a row of alpha for a picture without alpha
 };

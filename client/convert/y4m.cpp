@@ -62,20 +62,21 @@ struct pixel_shape {
     int64_t down = 1;
 };
 
-// Pixel aspect ratio that gives the picture its display aspect ratio; readers take 31 bits.
+// The pixel aspect ratio that gives the picture its display aspect ratio. Readers accept 31 bits; a
+// ratio beyond that becomes 1:1.
 pixel_shape pixel_aspect(const stillimage_picture& picture)
 {
-    constexpr int64_t most = INT32_MAX;
+    constexpr int64_t max_term = INT32_MAX;
     const int64_t numerator = picture.aspect_numerator;
     const int64_t denominator = picture.aspect_denominator;
-    if (numerator < 1 || denominator < 1 || numerator > most || denominator > most ||
+    if (numerator < 1 || denominator < 1 || numerator > max_term || denominator > max_term ||
         !is_extent(picture.full_width, picture.full_height)) {
         return {};
     }
     const int64_t across = numerator * picture.full_height;
     const int64_t down = denominator * picture.full_width;
     const int64_t common = std::gcd(across, down);
-    if (across / common > most || down / common > most) {
+    if (across / common > max_term || down / common > max_term) {
         return {};
     }
     return {across / common, down / common};
@@ -100,8 +101,8 @@ size_t frame_size(const stillimage_y4m_stream& stream, const y4m_kind& kind)
            (kind.chroma ? 2 * chroma_size(stream, kind).bytes() : 0);
 }
 
-// One row of `width` samples, each sample of the picture repeated 1 << repeat times. A row that ends
-// early goes on with its last sample.
+// Writes a row of `width` samples, with each sample of the picture repeated 1 << `repeat` times. The
+// last sample of a short row is repeated.
 void put_row(const uint8_t* row, size_t samples, size_t width, unsigned repeat, uint8_t* to)
 {
     const size_t whole = std::min(width, samples << repeat);
@@ -119,7 +120,8 @@ struct repetition {
     unsigned down = 0;
 };
 
-// Behind the plane. An absent one is neutral: gray without chroma, opaque without alpha.
+// Returns the end of the written plane. An absent plane is filled with a neutral value: grey for chroma,
+// opaque for alpha.
 uint8_t* put_plane(const stillimage_picture& picture, int plane, plane_size size, repetition repeat,
                    uint8_t* to)
 {

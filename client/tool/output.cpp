@@ -8,8 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "client/owned_fd.h"
 #include "client/tool/session.h"
+#include "client/unique_fd.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ mode_t usual_mode()
 bool replace_file(const std::string& path, std::string_view bytes)
 {
     std::string temporary = path + ".XXXXXX";
-    const owned_fd file(mkostemp(temporary.data(), O_CLOEXEC));
+    const unique_fd file(mkostemp(temporary.data(), O_CLOEXEC));
     if (!file) {
         return fail_with_errno("cannot write " + path);
     }
@@ -64,7 +64,7 @@ bool is_special(const std::string& path)
 
 bool write_special(const std::string& path, std::string_view bytes)
 {
-    const owned_fd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    const unique_fd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
     return (file && write_all(file.get(), bytes)) || fail_with_errno("cannot write " + path);
 }
 

@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "client/connect_within.h"
+#include "client/connect.h"
 #include "wire/item_paths.h"
 
 namespace {

@@ -340,9 +340,9 @@ TEST(ScanlineRecord, InconsistentMessageIsRefused)
 TEST(ScanlineRecord, TruncatedRecordIsIncomplete)
 {
     const frame_sample sample;
-    EXPECT_TRUE(record_is_whole(sample.record(), format::record_size));
-    EXPECT_FALSE(record_is_whole(sample.record(), format::record_size - 1));
-    EXPECT_FALSE(record_is_whole(sample.record(), 0));
+    EXPECT_TRUE(record_is_complete(sample.record(), format::record_size));
+    EXPECT_FALSE(record_is_complete(sample.record(), format::record_size - 1));
+    EXPECT_FALSE(record_is_complete(sample.record(), 0));
 }
 
 } // namespace

@@ -1,14 +1,15 @@
-// The C border: what every call of the interface is wrapped in.
+// The boundary to C, which every call of the interface crosses.
 #pragma once
 
 #include <exception>
 
 #include "client/connection.h"
 
-// Runs `work` and turns what it throws (memory alone can) into a result. A handler that calls back
-// into its own connection is refused: it would take packets away from the call that is waiting.
+// Runs `work` and turns an exception, which only a lack of memory can throw, into a result. A change
+// handler that calls back into its own connection is refused: it would read packets that the waiting
+// call needs.
 template <typename Work>
-stillimage_result at_border(stillimage_client* client, Work work) noexcept
+stillimage_result at_boundary(stillimage_client* client, Work work) noexcept
 {
     if (client == nullptr) {
         return STILLIMAGE_ERROR_ARGUMENT;
@@ -29,7 +30,7 @@ stillimage_result at_border(stillimage_client* client, Work work) noexcept
 
 // The same for calls without a connection.
 template <typename Work>
-stillimage_result at_border(Work work) noexcept
+stillimage_result at_boundary(Work work) noexcept
 {
     try {
         return work();

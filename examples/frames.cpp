@@ -1,5 +1,5 @@
-// Writes each frame of a picture to a folder as PNG, no larger than 400 x 300, with a list of when
-// which one is shown.
+// Writes each frame of a picture to a folder as PNG, no larger than 400 x 300, and prints when each is
+// shown.
 //
 //     frames PICTURE FOLDER
 #include <algorithm>
@@ -14,12 +14,12 @@
 
 namespace {
 
-constexpr stillimage::extent most = {400, 300};
+constexpr stillimage::extent max_size = {400, 300};
 
 stillimage::extent fitting(const stillimage_picture& picture)
 {
-    const double scale = std::min(
-        {1.0, double{most.width} / picture.full_width, double{most.height} / picture.full_height});
+    const double scale = std::min({1.0, double{max_size.width} / picture.full_width,
+                                   double{max_size.height} / picture.full_height});
     return {std::max(1U, static_cast<uint32_t>(picture.full_width * scale)),
             std::max(1U, static_cast<uint32_t>(picture.full_height * scale))};
 }
@@ -52,7 +52,7 @@ void write_frames(const std::string& picture, const std::string& folder)
     const stillimage::timeline timeline = client.get_timeline();
     for (const stillimage_timeline_entry& entry : timeline) {
         const std::string name = file_name(entry.frame_number);
-        save(client.get_frame(most, entry.start).picture(),
+        save(client.get_frame(max_size, entry.start).picture(),
              std::string(folder).append("/").append(name));
         std::cout << name << " from " << timeline.time_of(entry.start).count() << " s for "
                   << timeline.time_of(entry.duration).count() << " s\n";

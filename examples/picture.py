@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Tells what a picture is like and saves a preview of it, by the C library through ctypes.
+"""Prints the properties of a picture and saves a preview, through the C library and ctypes.
 
     picture.py PICTURE PREVIEW.ppm [WIDTH HEIGHT]
 
-STILLIMAGE_CLIENT_LIBRARY names the library if it is not where libraries are looked for.
+STILLIMAGE_CLIENT_LIBRARY is the path of the library if the loader does not find it.
 """
 import ctypes
 import json
@@ -13,7 +13,7 @@ import sys
 OK = 0
 START_WORKER = 1
 RGB24 = 1
-PATIENCE_MS = 30000
+TIMEOUT_MS = 30000
 
 
 class Picture(ctypes.Structure):
@@ -42,11 +42,11 @@ class Picture(ctypes.Structure):
 
 
 class Failure(Exception):
-    """A call of the library that failed."""
+    """A failed call of the library."""
 
 
 def load_library():
-    """The library with the types of the calls that are made here."""
+    """Loads the library and declares the types of the calls used here."""
     library = ctypes.CDLL(os.environ.get("STILLIMAGE_CLIENT_LIBRARY", "libstillimage_client.so.1"))
     handle = ctypes.c_void_p
     place = ctypes.POINTER(ctypes.c_void_p)
@@ -82,14 +82,14 @@ def load_library():
 
 
 class Client:
-    """A connection to a picture's worker; one is started if need be."""
+    """A connection to a picture's worker, which is started if there is none."""
 
     def __init__(self, library, path):
         self.library = library
         self.handle = ctypes.c_void_p()
         self.check(
             library.stillimage_connect_picture(
-                os.fsencode(path), START_WORKER, PATIENCE_MS, ctypes.byref(self.handle)
+                os.fsencode(path), START_WORKER, TIMEOUT_MS, ctypes.byref(self.handle)
             )
         )
 
@@ -100,25 +100,25 @@ class Client:
         self.library.stillimage_close(self.handle)
 
     def check(self, result):
-        """Raises what went wrong."""
+        """Raises Failure with the reason if the result is an error."""
         if result != OK:
             raise Failure(self.library.stillimage_last_error(self.handle).decode(errors="replace"))
 
     def status(self):
-        """The status document."""
+        """Returns the status document."""
         text = ctypes.c_void_p()
-        self.check(self.library.stillimage_get_status(self.handle, PATIENCE_MS, ctypes.byref(text)))
+        self.check(self.library.stillimage_get_status(self.handle, TIMEOUT_MS, ctypes.byref(text)))
         try:
             return json.loads(ctypes.string_at(text.value))
         finally:
             self.library.stillimage_free(text)
 
     def pixels(self, width, height):
-        """The picture and its RGB bytes at that size."""
+        """Returns width, height and RGB bytes at that size; 0 x 0 is the full size."""
         frame = ctypes.c_void_p()
         self.check(
             self.library.stillimage_get_frame(
-                self.handle, 0, width, height, PATIENCE_MS, ctypes.byref(frame)
+                self.handle, 0, width, height, TIMEOUT_MS, ctypes.byref(frame)
             )
         )
         try:
@@ -137,7 +137,7 @@ class Client:
 
 
 def main(arguments):
-    """Runs on the command line's words; the exit status."""
+    """Runs with these arguments and returns the exit status."""
     if len(arguments) not in (2, 4):
         print(__doc__, file=sys.stderr)
         return 2

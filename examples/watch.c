@@ -1,8 +1,8 @@
-/* Watches a picture in an event loop: prints what changes and keeps a preview of it as a file.
+/* Watches a picture in an event loop: prints its changes and keeps a preview file up to date.
  *
  *     watch PICTURE PREVIEW.ppm
  *
- * A worker is started when none serves the picture. Ends when the worker does, or on Ctrl-C.
+ * Starts a worker if none serves the picture. Ends with the worker, or on Ctrl-C.
  */
 #include <poll.h>
 #include <stdio.h>
@@ -10,14 +10,14 @@
 
 #include "stillimage_client.h"
 
-enum { preview_width = 320, preview_height = 240, patience_ms = 30000 };
+enum { preview_width = 320, preview_height = 240, timeout_ms = 30000 };
 
 struct news {
-    uint32_t changes; /* since the preview was made */
+    uint32_t changes; /* since the preview was written */
     int ready;
 };
 
-/* Called from within the library: it notes what has happened, and the loop acts on it. */
+/* The library calls this; it only records the change, and the loop acts on it. */
 static void note_change(void* user, const stillimage_event* event)
 {
     struct news* news = user;
@@ -48,7 +48,7 @@ static int write_ppm(const char* path, const uint8_t* rgb, uint32_t width, uint3
     return 0;
 }
 
-/* The largest size of the picture's shape that fits the preview. */
+/* The largest size with the picture's proportions that fits the preview. */
 static void fit(const stillimage_picture* picture, uint32_t* width, uint32_t* height)
 {
     const uint64_t across = (uint64_t)picture->full_width * preview_height;
@@ -77,7 +77,7 @@ static int save_preview(const stillimage_picture* picture, const char* path)
 static int update_preview(stillimage_client* client, const char* path)
 {
     stillimage_frame* frame = NULL;
-    if (stillimage_get_frame(client, 0, preview_width, preview_height, patience_ms, &frame) !=
+    if (stillimage_get_frame(client, 0, preview_width, preview_height, timeout_ms, &frame) !=
         STILLIMAGE_OK) {
         return -1;
     }
@@ -86,13 +86,13 @@ static int update_preview(stillimage_client* client, const char* path)
     return saved;
 }
 
-/* A program with a loop of its own adds the descriptor to what it waits for. */
+/* A program with its own event loop adds the descriptor to the others that it polls. */
 static stillimage_result watch(stillimage_client* client, const char* path)
 {
     struct news news = {0, 0};
     stillimage_result result = stillimage_subscribe(
         client, STILLIMAGE_CHANGE_PROGRESS | STILLIMAGE_CHANGE_READY | STILLIMAGE_CHANGE_METADATA,
-        note_change, &news, patience_ms);
+        note_change, &news, timeout_ms);
     int made = 0;
     while (result == STILLIMAGE_OK) {
         if (news.ready == 1 && (!made || (news.changes & STILLIMAGE_CHANGE_METADATA) != 0)) {
@@ -114,7 +114,7 @@ int main(int count, char** arguments)
     }
     stillimage_client* client = NULL;
     stillimage_result result =
-        stillimage_connect_picture(arguments[1], STILLIMAGE_START_WORKER, patience_ms, &client);
+        stillimage_connect_picture(arguments[1], STILLIMAGE_START_WORKER, timeout_ms, &client);
     const int connected = result == STILLIMAGE_OK;
     if (connected) {
         result = watch(client, arguments[2]);

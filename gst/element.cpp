@@ -1,5 +1,5 @@
-// Everything that GObject and the base class ask for, and no more: properties, pad template, and
-// virtual functions that hand on to picture_source.
+// What GObject and the base class require: properties, the pad template, and virtual functions that
+// forward to picture_source.
 #include "gst/element.h"
 
 #include <gst/base/gstpushsrc.h>
@@ -17,7 +17,7 @@ namespace {
 struct stillimage_src {
     GstPushSrc parent;
     picture_source* source;
-    source_settings* settings; // under the object's lock
+    source_settings* settings; // guarded by the object lock
 };
 
 struct stillimage_src_class {
@@ -131,10 +131,10 @@ constexpr auto changed_in_ready =
     static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
 
 void install_number(GObjectClass* object, property id, const char* name, const char* nick,
-                    const char* blurb, int least, int usual)
+                    const char* blurb, int min, int usual)
 {
     g_object_class_install_property(
-        object, id, g_param_spec_int(name, nick, blurb, least, G_MAXINT, usual, changed_in_ready));
+        object, id, g_param_spec_int(name, nick, blurb, min, G_MAXINT, usual, changed_in_ready));
 }
 
 void install_properties(GObjectClass* object)
@@ -230,7 +230,7 @@ GstCaps* get_caps(GstBaseSrc* base, GstCaps* filter)
     return both;
 }
 
-// Where the picture is waited for, since its sizes are what is negotiated about.
+// Negotiation is about the picture's sizes, so this waits for the picture.
 gboolean negotiate(GstBaseSrc* base)
 {
     if (!source_of(base).prepare()) {
@@ -267,7 +267,7 @@ gboolean set_caps(GstBaseSrc* base, GstCaps* caps)
     return TRUE;
 }
 
-// Buffers bring their own memory, so a pool is of no use.
+// Buffers have their own memory, so no pool is used.
 gboolean decide_allocation(GstBaseSrc* base, GstQuery* query)
 {
     source_of(base).set_video_meta(
@@ -306,10 +306,11 @@ void get_times(GstBaseSrc* base, GstBuffer* buffer, GstClockTime* from, GstClock
 
 GstFlowReturn create(GstPushSrc* push, GstBuffer** buffer)
 {
-    constexpr int most_tries = 3; // a picture does not change its shape more often than that
+    constexpr int max_tries =
+        3; // negotiations, should the picture change its shape again and again
     bool renegotiate = true;
     GstFlowReturn flow = GST_FLOW_OK;
-    for (int tries = 0; tries < most_tries && renegotiate && flow == GST_FLOW_OK; ++tries) {
+    for (int tries = 0; tries < max_tries && renegotiate && flow == GST_FLOW_OK; ++tries) {
         flow = source_of(push).next(buffer, &renegotiate);
         if (flow == GST_FLOW_OK && renegotiate && !gst_base_src_negotiate(GST_BASE_SRC(push))) {
             flow = GST_FLOW_NOT_NEGOTIATED;

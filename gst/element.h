@@ -1,4 +1,4 @@
-// The element `stillimagesrc`: its GObject side.
+// The GObject side of the element `stillimagesrc`.
 #pragma once
 
 #include <gst/gst.h>

@@ -9,7 +9,7 @@
 
 namespace {
 
-// Where the planes of a picture lie, counted from the first byte of any of them.
+// The memory that holds all planes of a picture. Offsets are relative to its first byte.
 struct plane_span {
     const uint8_t* first = nullptr;
     size_t size = 0;
@@ -46,7 +46,7 @@ bool is_default_layout(const plane_span& span, const GstVideoInfo& info)
            std::equal(span.stride, span.stride + span.planes, info.stride);
 }
 
-void let_go(gpointer holder)
+void release_frame(gpointer holder)
 {
     delete static_cast<std::shared_ptr<held_frame>*>(holder);
 }
@@ -56,7 +56,7 @@ uint8_t value_of_absent(int plane)
     return plane == STILLIMAGE_A ? 255 : 128;
 }
 
-// The sample of a plane at a place of the full picture; chroma that is missing repeats its neighbour.
+// The sample of a plane for the pixel at x, y; missing chroma repeats its neighbour.
 uint8_t sample(const stillimage_picture& picture, int plane, uint32_t x, uint32_t y)
 {
     if (picture.plane[plane] == nullptr) {
@@ -76,8 +76,7 @@ uint8_t* row_of(GstVideoFrame& out, guint plane, size_t row)
            row * static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&out, plane));
 }
 
-// Rows that are shorter than the format's repeat their last sample, and the last row stands in for
-// one that is missing.
+// A row that is shorter than the format's repeats its last sample; a missing row repeats the last one.
 void copy_plane(const stillimage_picture& picture, int plane, GstVideoFrame& out)
 {
     const auto component = static_cast<guint>(plane);
@@ -103,7 +102,7 @@ void repeat_plane(const stillimage_picture& picture, int plane, GstVideoFrame& o
     }
 }
 
-// Plane by plane: each is every fourth byte.
+// Interleaves the planes, one after the other: each fills every fourth byte.
 void pack_planes(const stillimage_picture& picture, GstVideoFrame& out)
 {
     constexpr int order[] = {STILLIMAGE_A, STILLIMAGE_Y, STILLIMAGE_U, STILLIMAGE_V};
@@ -128,8 +127,8 @@ void pack_planes(const stillimage_picture& picture, GstVideoFrame& out)
     }
 }
 
-// Whether the plane is there, and its samples lie where the format has them.
-bool is_alike(const stillimage_picture& picture, const GstVideoInfo& info, int plane)
+// Whether the picture has the plane, subsampled as in the format.
+bool matches_format(const stillimage_picture& picture, const GstVideoInfo& info, int plane)
 {
     const auto component = static_cast<guint>(plane);
     const bool chroma = plane == STILLIMAGE_U || plane == STILLIMAGE_V;
@@ -142,7 +141,7 @@ bool is_alike(const stillimage_picture& picture, const GstVideoInfo& info, int p
 void copy_planes(const stillimage_picture& picture, GstVideoFrame& out)
 {
     for (int plane = 0; plane < static_cast<int>(GST_VIDEO_FRAME_N_PLANES(&out)); ++plane) {
-        if (is_alike(picture, out.info, plane)) {
+        if (matches_format(picture, out.info, plane)) {
             copy_plane(picture, plane, out);
         } else {
             repeat_plane(picture, plane, out);
@@ -162,12 +161,12 @@ bool can_share(const held_frame& frame, const GstVideoInfo& info, bool video_met
 GstBuffer* share_frame(const std::shared_ptr<held_frame>& frame, const GstVideoInfo& info)
 {
     const stillimage_picture& picture = frame->picture();
-    plane_span span = span_of(picture); // the meta is not told that it may not write
-    const bool by_itself = is_default_layout(span, info);
-    // The flag keeps everybody from writing there.
+    plane_span span = span_of(picture); // not const: the video meta takes plain pointers
+    const bool is_default = is_default_layout(span, info);
+    // GST_MEMORY_FLAG_READONLY protects the worker's memory, in spite of the cast.
     GstBuffer* buffer = gst_buffer_new_wrapped_full(
         GST_MEMORY_FLAG_READONLY, const_cast<uint8_t*>(span.first), span.size, 0,
-        by_itself ? info.size : span.size, new std::shared_ptr<held_frame>(frame), let_go);
+        is_default ? info.size : span.size, new std::shared_ptr<held_frame>(frame), release_frame);
     gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_INFO_FORMAT(&info),
                                    picture.width, picture.height, span.planes, span.offset,
                                    span.stride);
@@ -181,7 +180,7 @@ GstBuffer* copy_frame(const held_frame& frame, const GstVideoInfo& info)
     if (buffer == nullptr) {
         return nullptr;
     }
-    gst_buffer_memset(buffer, 0, 0, info.size); // what lies between rows and planes, too
+    gst_buffer_memset(buffer, 0, 0, info.size); // for the padding of rows and planes
     if (!gst_video_frame_map(&out, &info, buffer, GST_MAP_WRITE)) {
         gst_buffer_unref(buffer);
         return nullptr;

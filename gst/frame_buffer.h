@@ -1,4 +1,4 @@
-// A held frame as a GstBuffer: its planes shared, or copied where they cannot be.
+// A held frame as a GstBuffer, with its planes shared if possible, else copied.
 #pragma once
 
 #include <gst/video/video.h>
@@ -6,15 +6,15 @@
 
 #include "gst/worker_link.h"
 
-// `info` is the stream's, and the frame's picture fits it.
+// In all functions `info` describes the stream, and the frame's picture fits it.
 
-// Whether `frame` can be handed on as it lies in the worker's memory. Without GstVideoMeta
-// downstream, only when it lies there just as the format's own layout would have it.
+// Whether `frame` can be passed downstream in the worker's memory. If downstream does not support
+// GstVideoMeta, its planes have to have the default layout of the format.
 bool can_share(const held_frame& frame, const GstVideoInfo& info, bool video_meta);
 
-// A buffer of the frame's planes as they are, read-only. The frame is held until the last user of the
-// memory has let go, in whichever thread that is.
+// A read-only buffer over the frame's own planes. The frame is released with the last reference to the
+// memory, in any thread.
 GstBuffer* share_frame(const std::shared_ptr<held_frame>& frame, const GstVideoInfo& info);
 
-// A buffer of its own in the layout of `info`. Null when memory is short.
+// A copy in the layout of `info`. Null if memory is short.
 GstBuffer* copy_frame(const held_frame& frame, const GstVideoInfo& info);

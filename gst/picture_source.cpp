@@ -13,10 +13,10 @@ GST_DEBUG_CATEGORY_EXTERN(stillimage_src_debug);
 
 namespace {
 
-constexpr int pause_us = 100'000;  // between tries to reach a worker that has gone
-constexpr int step_ms = 1000;      // of such a try
-constexpr int most_recoveries = 3; // of workers that go before a buffer came of them
-constexpr int still_rate = 25;     // frames a second of a still, when downstream leaves it open
+constexpr int pause_us = 100'000; // between attempts to reconnect
+constexpr int step_ms = 1000;     // time limit of one attempt
+constexpr int max_recoveries = 3; // without a buffer in between
+constexpr int still_rate = 25;    // frames a second of a still, unless downstream chooses
 
 } // namespace
 
@@ -27,7 +27,7 @@ std::string picture_source::name() const
     return settings_.where.socket.empty() ? settings_.where.picture : settings_.where.socket;
 }
 
-bool picture_source::tell_failure(const char* doing, stillimage_result result)
+bool picture_source::report_failure(const char* doing, stillimage_result result)
 {
     if (link_->interrupted()) {
         return false;
@@ -61,13 +61,13 @@ bool picture_source::start(const source_settings& settings)
     }
     link_ = std::make_shared<worker_link>();
     const stillimage_result result = link_->open(settings_.where, settings_.timeout_ms);
-    return result == STILLIMAGE_OK || tell_failure("open", result);
+    return result == STILLIMAGE_OK || report_failure("open", result);
 }
 
 void picture_source::stop()
 {
     show(nullptr);
-    link_.reset(); // frames that are still shown somewhere keep the connection
+    link_.reset(); // frames that are still in use downstream keep the connection open
     prepared_ = false;
     recoveries_ = 0;
     position_ = 0;
@@ -85,12 +85,13 @@ void picture_source::interrupt(bool set)
     }
 }
 
-// The worker has gone: looks for another one as long as the time limit allows.
+// After the worker's end, retries within the time limit to connect to another one. True if the picture
+// is prepared again; otherwise posts the error.
 bool picture_source::recover(const char* doing, stillimage_result result)
 {
     if (result != STILLIMAGE_ERROR_NO_WORKER || link_->interrupted() ||
-        ++recoveries_ > most_recoveries) {
-        return tell_failure(doing, result);
+        ++recoveries_ > max_recoveries) {
+        return report_failure(doing, result);
     }
     GST_ELEMENT_WARNING(element_, RESOURCE, READ,
                         ("The worker of \"%s\" has gone, looking for another one", name().c_str()),
@@ -111,12 +112,13 @@ bool picture_source::recover(const char* doing, stillimage_result result)
         }
         g_usleep(pause_us);
     } while (g_get_monotonic_time() < end && !link_->interrupted());
-    return tell_failure("go on with", result);
+    return report_failure("go on with", result);
 }
 
 // --- the picture's shape -------------------------------------------------------------------------
 
-// Of another worker when the first one has gone; what is shown is that one's then, too, or nothing yet.
+// Gets a frame. If the worker has ended, the frame may come from another one; shown_ is then null or
+// from that worker, too.
 bool picture_source::take(uint64_t units, int width, int height, std::shared_ptr<held_frame>* frame)
 {
     stillimage_result result = STILLIMAGE_OK;
@@ -139,19 +141,20 @@ bool picture_source::prepare()
     return prepared_;
 }
 
-// The smallest level tells how many there are.
+// The number of levels follows from the scale of the smallest one.
 bool picture_source::learn_sizes()
 {
     std::shared_ptr<held_frame> full;
-    std::shared_ptr<held_frame> least;
-    if (!take(0, 0, 0, &full) || !take(0, 1, 1, &least)) {
+    std::shared_ptr<held_frame> smallest;
+    if (!take(0, 0, 0, &full) || !take(0, 1, 1, &smallest)) {
         return false;
     }
     const std::lock_guard<std::mutex> guard(shape_);
     const stillimage_picture& picture = full->picture();
     base_ = video_info_of(picture, alpha_);
     levels_.clear();
-    for (unsigned halved = 0; (UINT32_C(65536) >> halved) >= least->picture().scale_x; ++halved) {
+    for (unsigned halved = 0; (UINT32_C(65536) >> halved) >= smallest->picture().scale_x;
+         ++halved) {
         const uint64_t round_up = (UINT64_C(1) << halved) - 1;
         levels_.push_back({static_cast<int>((picture.width + round_up) >> halved),
                            static_cast<int>((picture.height + round_up) >> halved)});
@@ -173,7 +176,7 @@ bool picture_source::learn_timeline()
         return false;
     }
     played.animated = last->picture().frame_number > 1;
-    // Of all frames or of all but the first.
+    // Either all frames have alpha, or all but the first, or none.
     alpha_ = last->picture().plane[STILLIMAGE_A] != nullptr;
     const std::lock_guard<std::mutex> guard(shape_);
     played_ = played;
@@ -198,7 +201,7 @@ GstCaps* picture_source::caps() const
     return caps;
 }
 
-// With an output size, the level that the worker would choose for it; otherwise the largest.
+// With a wanted size, the level that the worker chooses for it; otherwise the largest that is allowed.
 void picture_source::choose_level(GstCaps* allowed, GstStructure** chosen)
 {
     *chosen = gst_caps_get_structure(allowed, 0);
@@ -226,7 +229,7 @@ GstCaps* picture_source::fixate(GstCaps* allowed)
     choose_level(allowed, &chosen);
     GstCaps* caps = gst_caps_new_full(gst_structure_copy(chosen), nullptr);
     gst_caps_unref(allowed);
-    // An animation has its own times, a still is repeated.
+    // An animation keeps its own times (rate 0), a still is repeated.
     gst_structure_fixate_field_nearest_fraction(gst_caps_get_structure(caps, 0), "framerate",
                                                 played_.animated ? 0 : still_rate, 1);
     return gst_caps_fixate(caps);
@@ -256,7 +259,7 @@ bool picture_source::is_over() const
     return played_.units_at(position_) >= played_.end();
 }
 
-// False when the frame could not be had.
+// False also if the frame is not available.
 bool picture_source::same_frame(uint64_t units, uint64_t number)
 {
     std::shared_ptr<held_frame> frame;
@@ -273,7 +276,7 @@ uint64_t picture_source::end_of_shown(uint64_t units)
     return end;
 }
 
-// A worker that goes meanwhile takes with it what was shown; so it is looked for once more.
+// If the worker ends meanwhile, the frame shown is lost, and the search starts again.
 bool picture_source::next_moment(shown_moment* moment)
 {
     do {
@@ -284,8 +287,8 @@ bool picture_source::next_moment(shown_moment* moment)
     return true;
 }
 
-// With a frame rate, the frame that is on at the start of each of its periods; without, each frame as
-// long as the timeline says.
+// With a frame rate, each period shows the frame of the moment at which it starts. Without one, each
+// frame lasts as long as on the timeline.
 bool picture_source::find_moment(shown_moment* moment)
 {
     moment->start = position_;
@@ -302,7 +305,7 @@ bool picture_source::find_moment(shown_moment* moment)
     if (!show_frame_at(moment->units)) {
         return false;
     }
-    if (moment->units >= played_.duration) { // another worker, with a shorter timeline
+    if (moment->units >= played_.duration) { // there is another worker, with a shorter timeline
         show(nullptr);
         return true;
     }
@@ -333,7 +336,7 @@ void picture_source::show(std::shared_ptr<held_frame> frame)
     gst_buffer_replace(&made_, nullptr);
 }
 
-// A frame is made a buffer of once; what follows as long as it is shown has the same memory.
+// The memory of a buffer is made once for each frame; further buffers of the frame share it.
 GstBuffer* picture_source::next_buffer()
 {
     if (made_ == nullptr) {
@@ -355,8 +358,8 @@ void picture_source::set_video_meta(bool understood)
     gst_buffer_replace(&made_, nullptr);
 }
 
-// A new aspect ratio is that of frames taken from now on.
-bool picture_source::look_for_changes()
+// After a change of metadata the frame is requested again, since its aspect ratio may be new.
+bool picture_source::check_for_changes()
 {
     bool metadata = false;
     const stillimage_result result = link_->take_changes(&metadata);
@@ -370,7 +373,7 @@ GstFlowReturn picture_source::next(GstBuffer** buffer, bool* renegotiate)
 {
     *renegotiate = false;
     shown_moment moment = {};
-    if (!look_for_changes() || (!is_over() && !next_moment(&moment))) {
+    if (!check_for_changes() || (!is_over() && !next_moment(&moment))) {
         return link_->interrupted() ? GST_FLOW_FLUSHING : GST_FLOW_ERROR;
     }
     if (is_over()) {

@@ -1,5 +1,5 @@
-// What the element does, apart from being one: opening the picture, choosing a level, the buffers of
-// the stream one after the other. Waiting calls are the streaming thread's.
+// The work of the element, without GObject: it opens the picture, chooses a level and produces the
+// buffers of the stream. Calls that wait belong to the streaming thread.
 #pragma once
 
 #include <cstdint>
@@ -14,40 +14,41 @@
 
 struct source_settings {
     worker_link::address where;
-    int timeout_ms = 10'000; // for the worker to answer, to start, and to come back
+    int timeout_ms = 10'000; // for the worker to start, to answer, and to come back after its end
     int loops = 1;
-    int wanted_width = 0; // of the output; 0: not known
+    int wanted_width = 0; // of the output; 0: unknown
     int wanted_height = 0;
 };
 
 class picture_source {
 public:
-    // Messages are posted on `element`, which outlives the object.
+    // Posts messages on `element`, which outlives this object.
     explicit picture_source(GstElement* element) : element_(element) {}
     picture_source(const picture_source&) = delete;
     picture_source& operator=(const picture_source&) = delete;
     ~picture_source() { show(nullptr); }
 
-    // False with an error message when the picture cannot be opened.
+    // Returns false and posts an error if the picture cannot be opened.
     bool start(const source_settings& settings);
     void stop();
     void interrupt(bool set);
 
-    // Waits for the picture and learns its sizes. False with a message, or when interrupted.
+    // Waits for the picture and reads its sizes. Returns false if interrupted, or after an error that it
+    // posts.
     bool prepare();
 
-    // What can be delivered, full size first. Null before prepare(). From any thread.
+    // The formats on offer, full size first. Null before prepare(). For any thread.
     GstCaps* caps() const;
-    // The one to take of what downstream allows. Takes `allowed` over.
+    // Chooses one of the caps that downstream allows. Takes ownership of `allowed`.
     GstCaps* fixate(GstCaps* allowed);
     void set_format(const GstVideoInfo& info);
     void set_video_meta(bool understood);
 
     void seek(GstClockTime to);
-    // Of the whole stream; GST_CLOCK_TIME_NONE when it has no end.
+    // Of the whole stream; GST_CLOCK_TIME_NONE if it has no end.
     GstClockTime duration() const;
 
-    // The next buffer. *renegotiate instead, without one, when the picture has changed its shape.
+    // Produces the next buffer. If size, format or aspect ratio have changed, sets *renegotiate instead.
     GstFlowReturn next(GstBuffer** buffer, bool* renegotiate);
 
 private:
@@ -55,7 +56,7 @@ private:
         int width;
         int height;
     };
-    // What is shown from `position_` on: the moment of the timeline, and the times of the buffer.
+    // The moment of the timeline that is shown at `position_`, and the times of its buffer.
     struct shown_moment {
         uint64_t units; // within the duration
         GstClockTime start;
@@ -63,12 +64,12 @@ private:
     };
 
     std::string name() const;
-    bool tell_failure(const char* doing, stillimage_result result);
+    bool report_failure(const char* doing, stillimage_result result);
     bool recover(const char* doing, stillimage_result result);
     bool take(uint64_t units, int width, int height, std::shared_ptr<held_frame>* frame);
     bool learn_sizes();
     bool learn_timeline();
-    bool look_for_changes();
+    bool check_for_changes();
     bool show_frame_at(uint64_t units);
     void show(std::shared_ptr<held_frame> frame);
     GstBuffer* next_buffer();
@@ -85,21 +86,21 @@ private:
     bool prepared_ = false;
     int recoveries_ = 0; // since the last buffer
 
-    mutable std::mutex shape_; // over base_, levels_ and played_
+    mutable std::mutex shape_; // guards base_, levels_ and played_
     GstVideoInfo base_ = {};   // of the full picture
     std::vector<size> levels_; // full size first
     timeline played_;
 
-    bool alpha_ = false;     // the stream has it
+    bool alpha_ = false;     // whether the stream has alpha
     GstVideoInfo info_ = {}; // as negotiated
     bool video_meta_ = false;
 
     GstClockTime position_ = 0; // of the next buffer
-    bool still_shown_ = false;  // the one buffer of a still without a frame rate
+    bool still_shown_ = false;  // a still without a frame rate has only one buffer
     bool discontinuity_ = true;
-    uint64_t delay_ = 8; // a guess at how long the next frame is shown, in units
+    uint64_t delay_ = 8; // estimated duration of the next frame, in units
 
     std::shared_ptr<held_frame> shown_; // at shown_units_
     uint64_t shown_units_ = 0;
-    GstBuffer* made_ = nullptr; // of shown_
+    GstBuffer* made_ = nullptr; // from shown_
 };

@@ -13,33 +13,33 @@ struct planar_format {
     GstVideoFormat format;
 };
 
-// What raw video has as planes of 8 bits.
+// The planar 8-bit formats of raw video.
 constexpr planar_format planar_formats[] = {
     {0, 0, false, GST_VIDEO_FORMAT_Y444}, {1, 0, false, GST_VIDEO_FORMAT_Y42B},
     {1, 1, false, GST_VIDEO_FORMAT_I420}, {1, 1, true, GST_VIDEO_FORMAT_A420},
     {2, 0, false, GST_VIDEO_FORMAT_Y41B}, {2, 2, false, GST_VIDEO_FORMAT_YUV9},
 };
 
-// Raw video rounds up.
-bool holds(uint32_t samples, uint32_t pixels, uint8_t shift)
+// Raw video rounds the size of chroma up.
+bool covers(uint32_t samples, uint32_t pixels, uint8_t shift)
 {
     return uint64_t{samples} << shift >= pixels;
 }
 
-bool is_whole(const stillimage_picture& picture, int plane)
+bool is_complete(const stillimage_picture& picture, int plane)
 {
-    return holds(picture.plane_width[plane], picture.width, picture.chroma_x_shift) &&
-           holds(picture.plane_height[plane], picture.height, picture.chroma_y_shift);
+    return covers(picture.plane_width[plane], picture.width, picture.chroma_x_shift) &&
+           covers(picture.plane_height[plane], picture.height, picture.chroma_y_shift);
 }
 
-// The worker states no more than range and matrix.
+// Only range and matrix are known.
 GstVideoColorimetry colorimetry()
 {
     return {GST_VIDEO_COLOR_RANGE_16_235, GST_VIDEO_COLOR_MATRIX_BT601, GST_VIDEO_TRANSFER_UNKNOWN,
             GST_VIDEO_COLOR_PRIMARIES_UNKNOWN};
 }
 
-// In lowest terms; beyond what an int holds, the nearest below.
+// In lowest terms. A ratio that ints cannot hold is approximated.
 void set_pixel_aspect(const stillimage_picture& picture, GstVideoInfo* info)
 {
     using wide = unsigned __int128;
@@ -65,16 +65,16 @@ void set_pixel_aspect(const stillimage_picture& picture, GstVideoInfo* info)
 frame_format format_of(const stillimage_picture& picture, bool alpha)
 {
     const bool chroma = picture.plane[STILLIMAGE_U] != nullptr;
-    const bool complete = !alpha || picture.plane[STILLIMAGE_A] != nullptr;
+    const bool has_needed_alpha = !alpha || picture.plane[STILLIMAGE_A] != nullptr;
     if (!chroma && !alpha) {
         return {GST_VIDEO_FORMAT_GRAY8, plane_layout::SHARED};
     }
     for (const planar_format& row : planar_formats) {
         if (chroma && row.alpha == alpha && row.chroma_x_shift == picture.chroma_x_shift &&
             row.chroma_y_shift == picture.chroma_y_shift) {
-            const bool whole =
-                complete && is_whole(picture, STILLIMAGE_U) && is_whole(picture, STILLIMAGE_V);
-            return {row.format, whole ? plane_layout::SHARED : plane_layout::REPEATED};
+            const bool shared = has_needed_alpha && is_complete(picture, STILLIMAGE_U) &&
+                                is_complete(picture, STILLIMAGE_V);
+            return {row.format, shared ? plane_layout::SHARED : plane_layout::REPEATED};
         }
     }
     return alpha ? frame_format{GST_VIDEO_FORMAT_AYUV, plane_layout::PACKED}

@@ -1,12 +1,13 @@
-// Which raw video format stands for a picture, and how its planes get there.
+// The raw video format of a picture, and how its planes are converted to it.
 #pragma once
 
 #include <gst/video/video.h>
 
 #include "client/stillimage_client.h"
 
-// Planes go as they are wherever a format has them so. The others are copied: chroma that no format
-// subsamples alike is repeated to full size; alpha over chroma that is not 4:2:0 is packed.
+// SHARED: the format has the same planes, so they need no copy. REPEATED: they are copied, and missing
+// samples repeat their neighbours; chroma with a subsampling that no format has becomes 4:4:4. PACKED:
+// alpha with chroma that is not 4:2:0 is interleaved with it.
 enum class plane_layout { SHARED, REPEATED, PACKED };
 
 struct frame_format {
@@ -14,12 +15,12 @@ struct frame_format {
     plane_layout layout = plane_layout::SHARED;
 };
 
-// `alpha`: of the stream. A frame of an animation may come without an alpha plane where others have
-// one; it is opaque then.
+// `alpha`: whether the stream has alpha. A frame of an animation may have no alpha plane although others
+// do; it is then opaque.
 frame_format format_of(const stillimage_picture& picture, bool alpha);
 
-// Format, size, pixel aspect ratio, colorimetry and chroma site of the picture; the frame rate is 0.
+// Format, size, pixel aspect ratio, colorimetry and chroma site of the picture. The frame rate is 0/1.
 GstVideoInfo video_info_of(const stillimage_picture& picture, bool alpha);
 
-// Whether the two differ in anything but the frame rate.
+// Whether format, size and pixel aspect ratio are the same.
 bool same_video(const GstVideoInfo& one, const GstVideoInfo& other);

@@ -1,5 +1,5 @@
-// A frame that is given back while another thread waits for the worker goes to a list, and that thread
-// takes care of it: nobody waits for the worker in order to free a buffer.
+// A frame that is returned while another thread uses the connection is put into a list, and that thread
+// releases it. So no thread waits for the worker in order to free a buffer.
 #include "gst/worker_link.h"
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr int step_ms = 200; // after which a waiting call looks whether it is to go on
+constexpr int step_ms = 200; // after which a waiting call checks for an interruption
 
 } // namespace
 
@@ -50,8 +50,8 @@ stillimage_result worker_link::in_steps(int timeout_ms, Call call)
     return STILLIMAGE_ERROR_TIMEOUT;
 }
 
-// Whoever comes while the connection is in use leaves a frame in the list and goes; so it is looked
-// at once more when the connection is free.
+// Another thread may have added a frame to the list after it was emptied but before the connection was
+// unlocked. So the list is checked again after unlocking.
 void worker_link::unlock_and_release()
 {
     bool more = true;
@@ -78,7 +78,7 @@ void worker_link::release_returned()
     }
 }
 
-void worker_link::give_back(stillimage_frame* frame)
+void worker_link::return_frame(stillimage_frame* frame)
 {
     {
         const std::lock_guard<std::mutex> guard(list_);
@@ -91,17 +91,17 @@ void worker_link::give_back(stillimage_frame* frame)
 
 // --- calls ---------------------------------------------------------------------------------------
 
-// A worker that is busy with a large picture has greeted, and answers when it comes to it.
+// A worker that is busy with a large picture may have greeted but take longer to answer requests.
 stillimage_result worker_link::subscribe(int timeout_ms)
 {
-    constexpr int least_patience_ms = 5000;
-    const int patience_ms = std::max(timeout_ms, least_patience_ms);
+    constexpr int min_timeout_ms = 5000;
     const auto note = [](void* user, const stillimage_event* event) {
         if ((event->changes & STILLIMAGE_CHANGE_METADATA) != 0) {
             static_cast<worker_link*>(user)->metadata_changed_ = true;
         }
     };
-    return stillimage_subscribe(client_, STILLIMAGE_CHANGE_METADATA, note, this, patience_ms);
+    return stillimage_subscribe(client_, STILLIMAGE_CHANGE_METADATA, note, this,
+                                std::max(timeout_ms, min_timeout_ms));
 }
 
 stillimage_result worker_link::open(const address& where, int timeout_ms)
@@ -170,5 +170,5 @@ held_frame::held_frame(std::shared_ptr<worker_link> link, stillimage_frame* fram
 
 held_frame::~held_frame()
 {
-    link_->give_back(frame_);
+    link_->return_frame(frame_);
 }

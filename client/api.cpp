@@ -188,14 +188,14 @@ stillimage_result stillimage_get_frame(stillimage_client* client, uint64_t time_
 
 const stillimage_picture* stillimage_frame_picture(const stillimage_frame* frame)
 {
-    static const stillimage_picture nothing = {};
-    return frame == nullptr ? &nothing : &frame->picture;
+    static const stillimage_picture empty = {};
+    return frame == nullptr ? &empty : &frame->picture;
 }
 
 const stillimage_descriptor_info* stillimage_frame_descriptor(const stillimage_frame* frame)
 {
-    static const stillimage_descriptor_info nothing = {};
-    return frame == nullptr ? &nothing : &frame->descriptor;
+    static const stillimage_descriptor_info empty = {};
+    return frame == nullptr ? &empty : &frame->descriptor;
 }
 
 void stillimage_frame_release(stillimage_frame* frame)

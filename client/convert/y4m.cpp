@@ -94,13 +94,6 @@ plane_size chroma_size(const stillimage_y4m_stream& stream, const y4m_kind& kind
             (size_t{stream.height} + (1U << kind.y_shift) - 1) >> kind.y_shift};
 }
 
-size_t frame_size(const stillimage_y4m_stream& stream, const y4m_kind& kind)
-{
-    const size_t luma = size_t{stream.width} * stream.height;
-    return frame_start_size + luma * (kind.alpha ? 2 : 1) +
-           (kind.chroma ? 2 * chroma_size(stream, kind).bytes() : 0);
-}
-
 // Writes a row of `width` samples, with each sample of the picture repeated 1 << `repeat` times. The
 // last sample of a short row is repeated.
 void put_row(const uint8_t* row, size_t samples, size_t width, unsigned repeat, uint8_t* to)
@@ -200,7 +193,12 @@ stillimage_result stillimage_y4m_header(const stillimage_picture* picture,
 size_t stillimage_y4m_frame_size(const stillimage_y4m_stream* stream)
 {
     const y4m_kind* kind = kind_of_stream(stream);
-    return kind == nullptr ? 0 : frame_size(*stream, *kind);
+    if (kind == nullptr) {
+        return 0;
+    }
+    const size_t luma = size_t{stream->width} * stream->height;
+    return frame_start_size + luma * (kind->alpha ? 2 : 1) +
+           (kind->chroma ? 2 * chroma_size(*stream, *kind).bytes() : 0);
 }
 
 stillimage_result stillimage_y4m_frame(const stillimage_picture* picture,

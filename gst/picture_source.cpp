@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <unistd.h>
 
+#include "client/deadline.h"
 #include "gst/element.h"
 #include "gst/frame_buffer.h"
 #include "gst/video_format.h"
@@ -96,10 +97,9 @@ bool picture_source::recover(const char* doing, stillimage_result result)
     GST_ELEMENT_WARNING(element_, RESOURCE, READ,
                         ("The worker of \"%s\" has gone, looking for another one", name().c_str()),
                         ("%s", link_->error().c_str()));
-    const gint64 end = g_get_monotonic_time() + gint64{settings_.timeout_ms} * 1000;
+    const deadline until(settings_.timeout_ms);
     do {
-        const gint64 left_ms = std::max<gint64>(0, (end - g_get_monotonic_time()) / 1000);
-        result = link_->open_again(static_cast<int>(std::min<gint64>(left_ms, step_ms)));
+        result = link_->open_again(std::min(until.left_ms(), step_ms));
         if (result == STILLIMAGE_OK) {
             show(nullptr);
             prepared_ = false;
@@ -111,7 +111,7 @@ bool picture_source::recover(const char* doing, stillimage_result result)
             break;
         }
         g_usleep(pause_us);
-    } while (g_get_monotonic_time() < end && !link_->interrupted());
+    } while (!until.passed() && !link_->interrupted());
     return report_failure("go on with", result);
 }
 

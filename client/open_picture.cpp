@@ -36,7 +36,7 @@ stillimage_result fail_with_reason(stillimage_client& client, const started_work
                 "the worker does not serve " + client.picture + ": " + worker.reason());
 }
 
-// The worker accepted the connection but ended before its greeting. The reason is in its output.
+// The worker accepted the connection but ended before it could serve. The reason is in its output.
 stillimage_result fail_on_early_end(stillimage_client& client, started_worker& worker,
                                     const deadline& until)
 {

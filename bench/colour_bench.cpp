@@ -1,7 +1,7 @@
 // Interleaved pixels to planes: bytes of pixels per second of each version, with data in the cache, a
 // band of rows at a time, and with data in memory, compared with a copy of the same bytes. The input
-// is that of the unit test: random bytes with a fixed seed. The version "plain" is the scalar rule;
-// `ratio` is a version's speed divided by that of "plain", measured alternately.
+// is that of the unit test: random bytes with a fixed seed. The version "portable" is the scalar rule;
+// `ratio` is a version's speed divided by that of "portable", measured alternately.
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
@@ -13,7 +13,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "bin/decode/colour_kernels.h"
+#include "bin/decode/colour_rows.h"
 
 namespace {
 
@@ -97,7 +97,7 @@ int main(int argc, char** argv)
 {
     for (const pixel_kind& kind : kinds) {
         for (const colour_kernel& kernel : colour_kernels()) {
-            if (!kernel.runs_here()) {
+            if (!runs_here(kernel.needs)) {
                 continue;
             }
             const std::string name = std::string(kind.name) + "_" + kernel.name;

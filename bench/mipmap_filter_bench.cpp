@@ -24,7 +24,7 @@ std::vector<unsigned char> random_plane(size_t width, size_t height)
     return plane;
 }
 
-void halve(benchmark::State& state, mipmap_kernel kernel)
+void halve(benchmark::State& state, row_halver kernel)
 {
     const auto width = static_cast<size_t>(state.range(0));
     const auto height = static_cast<size_t>(state.range(1));
@@ -65,8 +65,8 @@ void sizes(benchmark::internal::Benchmark* bench)
 
 int main(int argc, char** argv)
 {
-    for (const mipmap_kernel_variant& variant : mipmap_kernels()) {
-        if (variant.runs_here) {
+    for (const mipmap_kernel& variant : mipmap_kernels()) {
+        if (runs_here(variant.needs)) {
             benchmark::RegisterBenchmark(std::string("halve/").append(variant.name).c_str(), halve,
                                          variant.halve_row)
                 ->Apply(sizes);

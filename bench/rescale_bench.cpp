@@ -11,7 +11,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "bin/decode/rescale_kernels.h"
+#include "bin/decode/rescale.h"
 
 namespace {
 
@@ -59,7 +59,7 @@ void sizes(benchmark::internal::Benchmark* bench)
 int main(int argc, char** argv)
 {
     for (const rescale_kernel& kernel : rescale_kernels()) {
-        if (kernel.runs_here()) {
+        if (runs_here(kernel.needs)) {
             const std::string name = kernel.name;
             sizes(benchmark::RegisterBenchmark(("luma_" + name).c_str(), run, kernel.luma));
             sizes(benchmark::RegisterBenchmark(("chroma_" + name).c_str(), run, kernel.chroma));

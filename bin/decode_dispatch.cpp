@@ -7,8 +7,7 @@
 #include <png.h>
 
 #include "bin/decode/gif.h"
-#include "bin/decode/jpeg_four.h"
-#include "bin/decode/jpeg_raw.h"
+#include "bin/decode/jpeg.h"
 #include "bin/decode/png.h"
 #include "bin/decode/png_adam7.h"
 #include "bin/decode/tiff.h"

@@ -10,8 +10,7 @@
 
 #include <jpeglib.h>
 
-#include "bin/decode/jpeg_four.h"
-#include "bin/decode/jpeg_raw.h"
+#include "bin/decode/jpeg.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg.h"
 #include "bin/examine/jpeg_reader.h"

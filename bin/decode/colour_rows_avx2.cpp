@@ -1,22 +1,20 @@
-// The arithmetic of the SSSE3 versions on 32 pixels. The lower half of every register holds pixels
-// of the first sixteen and the upper half of the last sixteen, so that packing, which goes by
-// halves, leaves the samples in their order.
-#include "bin/decode/colour_kernels.h"
+// The arithmetic of the SSSE3 version on 32 pixels. The lower half of every register holds pixels of
+// the first sixteen and the upper half pixels of the last sixteen. Packing works on each half, so
+// the samples stay in order.
+#include "bin/decode/colour_rows.h"
 
-#if defined(__x86_64__)
+#ifdef __x86_64__
 
 #include <algorithm>
 #include <immintrin.h>
 
-#include "bin/decode/rescale_kernels.h"
-
-#define TARGET_AVX2 __attribute__((target("avx2")))
+#include "bin/decode/colour_rules.h"
 
 namespace {
 
 constexpr size_t block = 32;
 
-// 32 pixels; b has alpha or zero beside each sample.
+// 32 pixels. Beside each B sample there is alpha or zero.
 struct colour_pairs {
     __m256i low_rg, low_b;
     __m256i high_rg, high_b;
@@ -27,13 +25,13 @@ TARGET_AVX2 inline __m128i load(const unsigned char* from)
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
 }
 
-// From `from` to the lower half, from `distance` bytes on to the upper.
+// Loads the lower half from `from` and the upper half from `distance` bytes behind it.
 TARGET_AVX2 inline __m256i load_halves(const unsigned char* from, size_t distance)
 {
     return _mm256_inserti128_si256(_mm256_castsi128_si256(load(from)), load(from + distance), 1);
 }
 
-// The same in both halves.
+// The same 16 bytes in both halves.
 TARGET_AVX2 inline __m256i both(__m128i half)
 {
     return _mm256_broadcastsi128_si256(half);
@@ -44,20 +42,20 @@ TARGET_AVX2 inline void store(unsigned char* to, __m256i bytes)
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), bytes);
 }
 
-// Two 8-bit factors to every 16 bits, the first in the low byte.
+// Two 8-bit factors in every 16 bits, the first one in the low byte.
 TARGET_AVX2 inline __m256i factors(int first, int second)
 {
     return _mm256_set1_epi16(static_cast<short>((first & 0xFF) | (second & 0xFF) << 8));
 }
 
-// Four registers of twice four pixels, each half taken apart into R G R G ... B x B x ...
+// From four registers of twice four pixels, each half ordered as R G R G ... B x B x ...
 TARGET_AVX2 inline colour_pairs join(__m256i first, __m256i second, __m256i third, __m256i fourth)
 {
     return {_mm256_unpacklo_epi64(first, second), _mm256_unpackhi_epi64(first, second),
             _mm256_unpacklo_epi64(third, fourth), _mm256_unpackhi_epi64(third, fourth)};
 }
 
-// The high bytes of the 16-bit sums, and `offset` more.
+// The high bytes of the 16-bit sums, plus `offset`.
 TARGET_AVX2 inline __m256i high_bytes(__m256i low, __m256i high, int offset)
 {
     return _mm256_add_epi8(
@@ -99,27 +97,27 @@ TARGET_AVX2 inline void store_colours(const colour_pairs& pixels, const sample_p
 TARGET_AVX2 inline void rgb_block(const unsigned char* pixels, const sample_planes& to, size_t at)
 {
     constexpr size_t half = size_t{16} * 3;
-    const __m256i apart = both(_mm_setr_epi8(0, 1, 3, 4, 6, 7, 9, 10, 2, -1, 5, -1, 8, -1, 11, -1));
-    // The last four pixels are in the upper part of their half: nothing behind them is read.
-    const __m256i last_apart =
+    const __m256i order = both(_mm_setr_epi8(0, 1, 3, 4, 6, 7, 9, 10, 2, -1, 5, -1, 8, -1, 11, -1));
+    // The last load ends with the last pixel, so its four pixels are in the upper part of each half.
+    const __m256i last_order =
         both(_mm_setr_epi8(4, 5, 7, 8, 10, 11, 13, 14, 6, -1, 9, -1, 12, -1, 15, -1));
     const unsigned char* from = pixels + 3 * at;
-    store_colours(join(_mm256_shuffle_epi8(load_halves(from, half), apart),
-                       _mm256_shuffle_epi8(load_halves(from + 12, half), apart),
-                       _mm256_shuffle_epi8(load_halves(from + 24, half), apart),
-                       _mm256_shuffle_epi8(load_halves(from + 32, half), last_apart)),
+    store_colours(join(_mm256_shuffle_epi8(load_halves(from, half), order),
+                       _mm256_shuffle_epi8(load_halves(from + 12, half), order),
+                       _mm256_shuffle_epi8(load_halves(from + 24, half), order),
+                       _mm256_shuffle_epi8(load_halves(from + 32, half), last_order)),
                   to, at);
 }
 
 TARGET_AVX2 inline void rgba_block(const unsigned char* pixels, const sample_planes& to, size_t at)
 {
     constexpr size_t half = size_t{16} * 4;
-    const __m256i apart = both(_mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15));
+    const __m256i order = both(_mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15));
     const unsigned char* from = pixels + 4 * at;
-    const colour_pairs pairs = join(_mm256_shuffle_epi8(load_halves(from, half), apart),
-                                    _mm256_shuffle_epi8(load_halves(from + 16, half), apart),
-                                    _mm256_shuffle_epi8(load_halves(from + 32, half), apart),
-                                    _mm256_shuffle_epi8(load_halves(from + 48, half), apart));
+    const colour_pairs pairs = join(_mm256_shuffle_epi8(load_halves(from, half), order),
+                                    _mm256_shuffle_epi8(load_halves(from + 16, half), order),
+                                    _mm256_shuffle_epi8(load_halves(from + 32, half), order),
+                                    _mm256_shuffle_epi8(load_halves(from + 48, half), order));
     store_colours(pairs, to, at);
     store(to.a + at, _mm256_packus_epi16(_mm256_srli_epi16(pairs.low_b, 8),
                                          _mm256_srli_epi16(pairs.high_b, 8)));
@@ -143,12 +141,12 @@ TARGET_AVX2 inline void grey_alpha_block(const unsigned char* pixels, const samp
 TARGET_AVX2 inline void yuva_block(const unsigned char* pixels, const sample_planes& to, size_t at)
 {
     constexpr size_t half = size_t{16} * 4;
-    const __m256i apart = both(_mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15));
+    const __m256i order = both(_mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15));
     const unsigned char* from = pixels + 4 * at;
-    const __m256i first = _mm256_shuffle_epi8(load_halves(from, half), apart);
-    const __m256i second = _mm256_shuffle_epi8(load_halves(from + 16, half), apart);
-    const __m256i third = _mm256_shuffle_epi8(load_halves(from + 32, half), apart);
-    const __m256i fourth = _mm256_shuffle_epi8(load_halves(from + 48, half), apart);
+    const __m256i first = _mm256_shuffle_epi8(load_halves(from, half), order);
+    const __m256i second = _mm256_shuffle_epi8(load_halves(from + 16, half), order);
+    const __m256i third = _mm256_shuffle_epi8(load_halves(from + 32, half), order);
+    const __m256i fourth = _mm256_shuffle_epi8(load_halves(from + 48, half), order);
     const __m256i low_yu = _mm256_unpacklo_epi32(first, second);
     const __m256i high_yu = _mm256_unpacklo_epi32(third, fourth);
     const __m256i low_va = _mm256_unpackhi_epi32(first, second);

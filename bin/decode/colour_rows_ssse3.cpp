@@ -1,25 +1,24 @@
-// Sixteen pixels a block; a last block that would not be full is moved left over finished pixels.
+// Sixteen pixels a block. The last block, when it would not be full, is moved left over pixels that
+// are already done.
 //
 // R and G of each pixel lie side by side in one register, B and a fourth byte in another; a
-// multiply-add of neighbouring bytes gives 16-bit sums. One side of it is signed: for chroma that
-// is the factors, for luma the samples, less 128. With the offsets left out no sum leaves
-// -32768 .. 32767, and the offsets, whole multiples of 256, can be added after the shift.
-#include "bin/decode/colour_kernels.h"
+// multiply-add of neighbouring bytes gives 16-bit sums. One operand is signed: for chroma the
+// factors, for luma the samples less 128. Without the offsets every sum stays in -32768..32767. The
+// offsets are multiples of 256, so they can be added after the shift.
+#include "bin/decode/colour_rows.h"
 
-#if defined(__x86_64__)
+#ifdef __x86_64__
 
 #include <algorithm>
 #include <tmmintrin.h>
 
-#include "bin/decode/rescale_kernels.h"
-
-#define TARGET_SSSE3 __attribute__((target("ssse3")))
+#include "bin/decode/colour_rules.h"
 
 namespace {
 
 constexpr size_t block = 16;
 
-// Sixteen pixels; b has alpha or zero beside each sample.
+// Sixteen pixels. Beside each B sample there is alpha or zero.
 struct colour_pairs {
     __m128i low_rg, low_b;
     __m128i high_rg, high_b;
@@ -35,20 +34,20 @@ TARGET_SSSE3 inline void store(unsigned char* to, __m128i bytes)
     _mm_storeu_si128(reinterpret_cast<__m128i*>(to), bytes);
 }
 
-// Two 8-bit factors to every 16 bits, the first in the low byte.
+// Two 8-bit factors in every 16 bits, the first one in the low byte.
 TARGET_SSSE3 inline __m128i factors(int first, int second)
 {
     return _mm_set1_epi16(static_cast<short>((first & 0xFF) | (second & 0xFF) << 8));
 }
 
-// Four registers of four pixels, each taken apart into R G R G ... B x B x ...
+// From four registers of four pixels, each ordered as R G R G ... B x B x ...
 TARGET_SSSE3 inline colour_pairs join(__m128i first, __m128i second, __m128i third, __m128i fourth)
 {
     return {_mm_unpacklo_epi64(first, second), _mm_unpackhi_epi64(first, second),
             _mm_unpacklo_epi64(third, fourth), _mm_unpackhi_epi64(third, fourth)};
 }
 
-// The high bytes of the 16-bit sums, and `offset` more.
+// The high bytes of the 16-bit sums, plus `offset`.
 TARGET_SSSE3 inline __m128i high_bytes(__m128i low, __m128i high, int offset)
 {
     return _mm_add_epi8(_mm_packs_epi16(_mm_srai_epi16(low, 8), _mm_srai_epi16(high, 8)),
@@ -88,25 +87,25 @@ TARGET_SSSE3 inline void store_colours(const colour_pairs& pixels, const sample_
 
 TARGET_SSSE3 inline void rgb_block(const unsigned char* pixels, const sample_planes& to, size_t at)
 {
-    const __m128i apart = _mm_setr_epi8(0, 1, 3, 4, 6, 7, 9, 10, 2, -1, 5, -1, 8, -1, 11, -1);
-    // The last four pixels are in the upper part of their register: nothing behind them is read.
-    const __m128i last_apart =
+    const __m128i order = _mm_setr_epi8(0, 1, 3, 4, 6, 7, 9, 10, 2, -1, 5, -1, 8, -1, 11, -1);
+    // The last load ends with the last pixel, so its four pixels are in the upper part.
+    const __m128i last_order =
         _mm_setr_epi8(4, 5, 7, 8, 10, 11, 13, 14, 6, -1, 9, -1, 12, -1, 15, -1);
     const unsigned char* from = pixels + 3 * at;
-    store_colours(join(_mm_shuffle_epi8(load(from), apart),
-                       _mm_shuffle_epi8(load(from + 12), apart),
-                       _mm_shuffle_epi8(load(from + 24), apart),
-                       _mm_shuffle_epi8(load(from + 32), last_apart)),
+    store_colours(join(_mm_shuffle_epi8(load(from), order),
+                       _mm_shuffle_epi8(load(from + 12), order),
+                       _mm_shuffle_epi8(load(from + 24), order),
+                       _mm_shuffle_epi8(load(from + 32), last_order)),
                   to, at);
 }
 
 TARGET_SSSE3 inline void rgba_block(const unsigned char* pixels, const sample_planes& to, size_t at)
 {
-    const __m128i apart = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
+    const __m128i order = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
     const unsigned char* from = pixels + 4 * at;
     const colour_pairs pairs =
-        join(_mm_shuffle_epi8(load(from), apart), _mm_shuffle_epi8(load(from + 16), apart),
-             _mm_shuffle_epi8(load(from + 32), apart), _mm_shuffle_epi8(load(from + 48), apart));
+        join(_mm_shuffle_epi8(load(from), order), _mm_shuffle_epi8(load(from + 16), order),
+             _mm_shuffle_epi8(load(from + 32), order), _mm_shuffle_epi8(load(from + 48), order));
     store_colours(pairs, to, at);
     store(to.a + at,
           _mm_packus_epi16(_mm_srli_epi16(pairs.low_b, 8), _mm_srli_epi16(pairs.high_b, 8)));
@@ -127,12 +126,12 @@ TARGET_SSSE3 inline void grey_alpha_block(const unsigned char* pixels, const sam
 
 TARGET_SSSE3 inline void yuva_block(const unsigned char* pixels, const sample_planes& to, size_t at)
 {
-    const __m128i apart = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    const __m128i order = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
     const unsigned char* from = pixels + 4 * at;
-    const __m128i first = _mm_shuffle_epi8(load(from), apart);
-    const __m128i second = _mm_shuffle_epi8(load(from + 16), apart);
-    const __m128i third = _mm_shuffle_epi8(load(from + 32), apart);
-    const __m128i fourth = _mm_shuffle_epi8(load(from + 48), apart);
+    const __m128i first = _mm_shuffle_epi8(load(from), order);
+    const __m128i second = _mm_shuffle_epi8(load(from + 16), order);
+    const __m128i third = _mm_shuffle_epi8(load(from + 32), order);
+    const __m128i fourth = _mm_shuffle_epi8(load(from + 48), order);
     const __m128i low_yu = _mm_unpacklo_epi32(first, second);
     const __m128i high_yu = _mm_unpacklo_epi32(third, fourth);
     const __m128i low_va = _mm_unpackhi_epi32(first, second);
@@ -147,11 +146,11 @@ TARGET_SSSE3 inline void yuva_block(const unsigned char* pixels, const sample_pl
 
 using block_function = void (*)(const unsigned char*, const sample_planes&, size_t);
 
-template <block_function convert, colour_run plain>
+template <block_function convert, colour_run shorter>
 TARGET_SSSE3 void in_blocks(const unsigned char* pixels, size_t count, const sample_planes& to)
 {
     if (count < block) {
-        plain(pixels, count, to);
+        shorter(pixels, count, to);
         return;
     }
     const sample_planes planes = to; // a copy that no store through a plane can change
@@ -164,23 +163,23 @@ TARGET_SSSE3 void in_blocks(const unsigned char* pixels, size_t count, const sam
 
 TARGET_SSSE3 void rgb_run_ssse3(const unsigned char* pixels, size_t count, const sample_planes& to)
 {
-    in_blocks<rgb_block, rgb_run_plain>(pixels, count, to);
+    in_blocks<rgb_block, rgb_run_portable>(pixels, count, to);
 }
 
 TARGET_SSSE3 void rgba_run_ssse3(const unsigned char* pixels, size_t count, const sample_planes& to)
 {
-    in_blocks<rgba_block, rgba_run_plain>(pixels, count, to);
+    in_blocks<rgba_block, rgba_run_portable>(pixels, count, to);
 }
 
 TARGET_SSSE3 void grey_alpha_run_ssse3(const unsigned char* pixels, size_t count,
                                        const sample_planes& to)
 {
-    in_blocks<grey_alpha_block, grey_alpha_run_plain>(pixels, count, to);
+    in_blocks<grey_alpha_block, grey_alpha_run_portable>(pixels, count, to);
 }
 
 TARGET_SSSE3 void yuva_run_ssse3(const unsigned char* pixels, size_t count, const sample_planes& to)
 {
-    in_blocks<yuva_block, yuva_run_plain>(pixels, count, to);
+    in_blocks<yuva_block, yuva_run_portable>(pixels, count, to);
 }
 
 #endif

@@ -1,5 +1,5 @@
-// The canvas lives on from frame to frame. Each unit is written whole, whatever little of the canvas
-// has changed. The canvas has the planes' stride, so its padding columns are converted along.
+// The canvas persists from frame to frame. Each unit is written completely, however little of the canvas
+// has changed. The canvas has the planes' stride, so its padding columns are converted too.
 #include "bin/decode/gif.h"
 
 #include <algorithm>
@@ -30,7 +30,7 @@ enum disposal : unsigned { TO_BACKGROUND = 2, TO_PREVIOUS = 3 };
 
 struct composition {
     gif_canvas canvas;
-    unsigned char* saved; // the canvas as it was before a frame; made when first needed
+    unsigned char* saved; // copy of the canvas before a frame; allocated when first needed
 };
 
 uint64_t canvas_size()
@@ -38,12 +38,7 @@ uint64_t canvas_size()
     return static_cast<uint64_t>(image_height) * image_stride_Y * sizeof(gif_pixel);
 }
 
-unsigned char* allocate(uint64_t size)
-{
-    return static_cast<unsigned char*>(calloc(1, size));
-}
-
-bool enter_into_timeline(uint64_t start_time, uint64_t frame)
+bool add_to_timeline(uint64_t start_time, uint64_t frame)
 {
     try {
         image_mapping_points.insert_or_assign(image_mapping_points.end(), start_time, frame);
@@ -56,7 +51,7 @@ bool enter_into_timeline(uint64_t start_time, uint64_t frame)
 bool save_canvas(composition* work)
 {
     if (work->saved == nullptr) {
-        work->saved = allocate(canvas_size() + saved_slack);
+        work->saved = static_cast<unsigned char*>(calloc(1, canvas_size() + saved_slack));
     }
     if (work->saved == nullptr) {
         return false;
@@ -75,35 +70,29 @@ void dispose(composition* work, const SavedImage& frame, unsigned how)
     }
 }
 
-// Y, U, V and A, or a printed failure.
-bool map_planes(uint64_t row, uint64_t rows, uint32_t unit, unsigned char* planes[4])
+bool map_rows(uint64_t row, uint64_t rows, uint32_t unit_start, plane_band* band)
 {
-    for (int i = 0; i < 4; ++i) {
-        planes[i] = map_plane_rows(frame_planes[i], row, rows, unit);
-        if (planes[i] == nullptr) {
-            return false;
-        }
-    }
-    return true;
+    return map_band(
+        {.planes = planes_yuv | planes_a, .first_row = row, .rows = rows, .unit_start = unit_start},
+        band);
 }
 
-// All planes are mapped whole before the first sample is written; the bands are asked for once more
-// only to have their pages ready.
-bool convert_canvas(const gif_canvas& canvas, uint32_t unit)
+// All planes are mapped completely before the first sample is written. Mapping the bands again only
+// makes their pages present in time.
+bool convert_canvas(const gif_canvas& canvas, uint32_t unit_start)
 {
     const auto height = static_cast<uint64_t>(image_height);
-    unsigned char* planes[4] = {};
-    if (!map_planes(0, height, unit, planes)) {
+    plane_band band = {};
+    if (!map_rows(0, height, unit_start, &band)) {
         return false;
     }
     for (uint64_t row = 0; row < height; row += band_rows) {
         const uint64_t rows = std::min(band_rows, height - row);
-        if (!map_planes(row, rows, unit, planes)) {
+        if (!map_rows(row, rows, unit_start, &band)) {
             return false;
         }
-        split_yuva(reinterpret_cast<const packed_yuva*>(canvas.pixels + row * canvas.pitch),
-                   rows * image_stride_Y, planes[PLANE_Y], planes[PLANE_U], planes[PLANE_V],
-                   planes[PLANE_A]);
+        yuva_to_planes(canvas.pixels + row * canvas.pitch, rows * image_stride_Y,
+                       samples_at(band, 0));
         if (!go_on_after_gif_row(row + rows - 1)) {
             return true;
         }
@@ -111,12 +100,12 @@ bool convert_canvas(const gif_canvas& canvas, uint32_t unit)
     return true;
 }
 
-// False when the frame could not be done. A signal leaves it half done.
+// False when the frame could not be drawn. A signal leaves it unfinished.
 bool decode_frame(composition* work, uint64_t i, uint64_t* time)
 {
     const SavedImage& frame = gif_image->SavedImages[i];
     const gif_frame_control control = read_gif_frame_control(frame);
-    if (!enter_into_timeline(*time, i)) {
+    if (!add_to_timeline(*time, i)) {
         return false;
     }
     if (control.disposal == TO_PREVIOUS && !save_canvas(work)) {
@@ -162,16 +151,14 @@ uint32_t gif_unit_offset(uint64_t frame, uint64_t unit_size)
 int full_decode_gif()
 {
     composition work = {};
-    work.canvas = {allocate(canvas_size() + canvas_slack), image_stride_Y * sizeof(gif_pixel),
-                   &gif_yuva_form};
+    work.canvas = {static_cast<unsigned char*>(calloc(1, canvas_size() + canvas_slack)),
+                   image_stride_Y * sizeof(gif_pixel), &gif_yuva_form};
     if (work.canvas.pixels == nullptr) {
         fputs("Unable to allocate RGBA frame\n", stderr);
         free_all_gif();
         return -1;
     }
-    INVARIANT(image_cnb_buffer_fd >= 0, "image_cnb_buffer_fd >= 0");
-    INVARIANT(image_chroma_x_shift == 0, "image_chroma_x_shift == 0");
-    INVARIANT(image_chroma_y_shift == 0, "image_chroma_y_shift == 0");
+    check_full_size_chroma(__func__);
     INVARIANT(image_has_alpha_channel != 0, "image_has_alpha_channel");
     INVARIANT(gif_image->ImageCount > 0, "gif_image->ImageCount > 0");
     clear_gif_rows(work.canvas, static_cast<size_t>(image_height));

@@ -1,14 +1,13 @@
-// A frame's colours are put into a table of 256 pixels first: indices past the colour map have its
-// first colour there, and a transparent index that an earlier frame left behind has the cleared
-// pixel. After that a row is one look-up a pixel, or a look-up and a test when the frame has a
-// transparent index of its own.
+// First a table of 256 pixels is made from the frame's colours. Indices beyond the colour map get its
+// first colour; a transparent index that an earlier frame declared gets the cleared pixel. Drawing then
+// takes one look-up per pixel, and a comparison when the frame declares a transparent index itself.
 #include "bin/decode/gif_canvas.h"
 
 #include <algorithm>
 #include <cstring>
 #include <optional>
 
-#include "bin/decode/rgb_to_yuv.h"
+#include "bin/decode/colour_rules.h"
 #include "bin/examine/gif.h"
 #include "bin/examine/gif_interlacing.h"
 #include "bin/quickidle.h"
@@ -19,7 +18,7 @@ unsigned char gif_last_transparent_color = 255;
 
 namespace {
 
-constexpr int indices = 256;
+constexpr int index_count = 256;
 constexpr int control_bytes = 4;
 constexpr unsigned char opaque_alpha = 255;
 constexpr size_t rows_between_pumps = 64;
@@ -36,7 +35,7 @@ gif_pixel opaque_yuva(const GifColorType& colour)
 }
 
 struct pixel_table {
-    gif_pixel of_index[indices];
+    gif_pixel of_index[index_count];
 };
 
 // A rectangle inside the screen.
@@ -66,9 +65,9 @@ void fill_area(const gif_canvas& canvas, const screen_area& area, gif_pixel pixe
     }
 }
 
-// --- what a frame says --------------------------------------------------------------------------
+// --- properties of a frame ----------------------------------------------------------------------
 
-// The frame's own colours, else the picture's; null when those are empty.
+// The frame's own colour map, otherwise the picture's; null when it is empty.
 const ColorMapObject* colours_of(const SavedImage& frame)
 {
     const ColorMapObject* map =
@@ -94,7 +93,7 @@ std::optional<unsigned char> transparent_index(const SavedImage& frame)
     return found;
 }
 
-// The part of the frame that lies on the screen; none when it begins outside or is empty.
+// The part of the frame that lies on the screen; none when the frame begins outside or is empty.
 std::optional<screen_area> visible_area(const GifImageDesc& frame)
 {
     if (frame.Left < 0 || frame.Top < 0 || frame.Left >= gif_image->SWidth ||
@@ -108,8 +107,8 @@ std::optional<screen_area> visible_area(const GifImageDesc& frame)
 
 // --- drawing ------------------------------------------------------------------------------------
 
-// Kept as is: a screen that does not start in the background colour is cleared for the rows that the
-// first frame is high, wherever it lies.
+// Kept as is: when the screen does not start in the background colour, as many of its first rows are
+// cleared as the first frame is high, wherever that frame lies.
 void prepare_screen(const gif_canvas& canvas, const SavedImage& frame, const ColorMapObject& map,
                     bool transparent)
 {
@@ -128,7 +127,7 @@ pixel_table make_pixel_table(const gif_pixel_form& form, const ColorMapObject& m
                              bool declares_transparent)
 {
     pixel_table table;
-    for (int index = 0; index < indices; ++index) {
+    for (int index = 0; index < index_count; ++index) {
         table.of_index[index] = form.opaque(colour_at(map, index));
     }
     if (!declares_transparent && gif_last_transparency) {

@@ -1,8 +1,8 @@
 // Composing an animation: frames drawn onto a canvas of the screen's size, in four-byte pixels.
 //
-// What is drawn does not depend on what the four bytes mean. The decoder keeps its canvas in
-// converted pixels (Y, U, V, A), so that a colour is converted once a frame and not once a pixel;
-// the functions named after RGBA draw R, G, B, A. Both are one algorithm.
+// Drawing does not depend on what the four bytes mean. The decoder's canvas holds converted pixels (Y,
+// U, V, A), so a colour is converted once per frame and not once per pixel. The functions named after
+// RGBA draw R, G, B, A with the same algorithm.
 //
 // The screen, its background and the global colours are those of gif_image.
 #pragma once
@@ -31,21 +31,21 @@ struct gif_canvas {
     const gif_pixel_form* form;
 };
 
-// The transparent index that a frame declared last, of this picture or of one before it: it stays
+// The transparent index that a frame declared last, in this picture or an earlier one. It stays
 // transparent in frames that declare none. Written by draw_gif_frame.
 extern bool gif_last_transparency;
 extern unsigned char gif_last_transparent_color;
 
-// Draws a frame, clipped to the screen; with `first` the screen is prepared before. A frame without
-// colours leaves the canvas as it is, one without a raster adds no pixels. Serves the comm socket
-// now and then; DIE4 cuts it short.
+// Draws a frame, clipped to the screen; with `first` it prepares the screen before. A frame without
+// colours leaves the canvas as it is; a frame without a raster adds no pixels. Serves the comm socket
+// every 64 rows; DIE4 ends it early.
 void draw_gif_frame(const gif_canvas& canvas, const SavedImage& frame, bool first);
 
-// Gives the frame's rectangle back to the background: cleared when the frame declares a transparent
-// index, else the background colour.
+// Restores the frame's rectangle to the background: cleared when the frame declares a transparent
+// index, otherwise the background colour.
 void restore_gif_background(const gif_canvas& canvas, const SavedImage& frame);
 
-// Makes `rows` rows of the canvas, padding included, cleared pixels.
+// Fills the first `rows` rows of the canvas, padding included, with cleared pixels.
 void clear_gif_rows(const gif_canvas& canvas, size_t rows);
 
 // The same on a canvas of R, G, B, A.
@@ -54,8 +54,8 @@ void gif_to_RGBA(unsigned char* rgba, unsigned long pitch, SavedImage* image, bo
 void gif_RGBA_bgcolor(unsigned char* rgba, unsigned long pitch, SavedImage* image);
 // NOLINTEND(readability-identifier-naming)
 
-// To be asked after each row of long work: every 64 rows the comm socket is served. False once the
-// process is to end.
+// To be called after each row of long work: serves the comm socket every 64 rows. False once a signal
+// has asked the process to end.
 bool go_on_after_gif_row(size_t row);
 
 void reset_gif_canvas(); // back to the values at program start

@@ -13,17 +13,18 @@
 namespace {
 
 jpeg_progress_mgr progress; // the library keeps a pointer to it while it starts
-uint64_t work_left = 0;     // for scans to come
+uint64_t work_left = 0;     // for the scans that follow
 
 uint64_t work_allowed()
 {
     struct stat info = {};
     const bool is_known = fstat(fileno(jpeg_fp), &info) == 0 && info.st_size > 0;
     const uint64_t file_size = is_known ? static_cast<uint64_t>(info.st_size) : 0;
-    return most_scan_work + file_size * scan_work_a_byte;
+    return max_scan_work + file_size * scan_work_per_byte;
 }
 
-// The marker that ends a scan's data is met while its last rows are decoded, or long before.
+// The library finds the marker that ends a scan's data while it decodes the last rows, or long before
+// when the data is short.
 uint64_t work_of_coefficient()
 {
     const jpeg_decompress_struct& cinfo = *jpeg_decompress;
@@ -44,11 +45,11 @@ uint64_t work_of_block()
     const bool is_part = cinfo.progressive_mode != 0 && cinfo.Ss >= 0 && cinfo.Ss <= cinfo.Se;
     const int part = cinfo.Se - cinfo.Ss + 1;
     const uint64_t coefficients = is_part ? static_cast<uint64_t>(part) : whole_block;
-    return work_of_visit + coefficients * work_of_coefficient();
+    return work_per_visit + coefficients * work_of_coefficient();
 }
 
-// In one step of the scan at hand: a row of its interleaved units, or the block rows that a lone
-// component has in such a row.
+// One step of the current scan: a row of its interleaved units, or, when the scan has a single
+// component, that component's block rows in such a row.
 uint64_t work_of_step()
 {
     const jpeg_decompress_struct& cinfo = *jpeg_decompress;
@@ -60,15 +61,15 @@ uint64_t work_of_step()
            work_of_block();
 }
 
-// Called by the library for each row of blocks of each scan. Serving clients from inside the
-// library is safe as long as nothing they can ask for calls it. An empty scan costs ten bytes of
-// file and a walk over all coefficients, and arithmetic coding has full ones for hardly more, hence
-// the ceilings.
+// Called by the library for each row of blocks of each scan. Serving clients from inside the library
+// is safe because nothing that they can request calls it. The limits are needed because an empty scan
+// takes ten bytes of file and a walk over all coefficients, and with arithmetic coding a full scan
+// takes hardly more.
 void watch_start(j_common_ptr /*cinfo*/)
 {
     quickidle_comm();
     const uint64_t work = work_of_step();
-    if (DIE4 != 0 || jpeg_decompress->input_scan_number > most_jpeg_scans || work > work_left) {
+    if (DIE4 != 0 || jpeg_decompress->input_scan_number > max_jpeg_scans || work > work_left) {
         jump_to_jpeg_call_site();
     }
     work_left -= work;

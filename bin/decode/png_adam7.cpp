@@ -1,6 +1,7 @@
-// A row of a pass is converted to samples at once. Its blocks are painted into one row of each plane
-// and that row is copied down to the rest of the blocks, with what earlier passes left between them:
-// there the rows are equal, since those passes painted larger blocks on the same grid.
+// A row of a pass is converted to samples in one go. Its blocks are painted into one row of each
+// plane, and that row is copied down to the other rows of the blocks. The copy includes what earlier
+// passes left between the blocks: there the rows are equal, because those passes painted larger
+// blocks on the same grid.
 #include "bin/decode/png_adam7.h"
 
 #include <algorithm>
@@ -13,7 +14,6 @@
 #include "bin/decode/planes.h"
 #include "bin/decode/png_adam7_blocks.h"
 #include "bin/decode/png_palette.h"
-#include "bin/decode/rescale.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
 #include "bin/examine/png_input.h"
@@ -28,18 +28,17 @@ namespace {
 
 constexpr int pass_count = 7;
 constexpr uint64_t band_rows = 8;
-constexpr int plane_count = 4;
 constexpr uint64_t spare_bytes = 64; // behind the row that the library writes
 
-constexpr unsigned char prefill[plane_count] = {16, 128, 128, 0}; // alpha: transparent, not opaque
+constexpr plane_samples transparent_black = {16, 128, 128, 0};
 
-// Rows of a pass are those of adam7_yo and adam7_ystep.
+// The rows of a pass are those of adam7_yo and adam7_ystep.
 struct adam7_pass {
     uint64_t first_column;
     uint64_t column_step; // also the size of the groups that `paint` draws
     uint64_t block_rows;
     uint64_t rows_above; // of the mapped band, above the pass row
-    block_painter paint; // null: pixel by pixel
+    block_painter paint; // null: single pixels
     bool mipmaps_follow;
 };
 
@@ -50,64 +49,18 @@ constexpr adam7_pass passes[pass_count] = {
     {0, 1, 1, 0, nullptr, true},
 };
 
-// Where samples go, a pointer for each plane.
-struct plane_pointers {
-    unsigned char* at[plane_count];
-};
-static_assert(std::is_trivially_destructible_v<plane_pointers>);
-
-// --- colour types -------------------------------------------------------------------------------
-
-// Writes `count` samples to each plane that the colour type has; the pointers of others may be null.
-using pixel_converter = void (*)(const unsigned char* pixels, size_t count,
-                                 const plane_pointers& out);
-
-packed_yuva palette_colours[256];
-packed_yuva packed_row[image_size_limit];
-unsigned char sample_rows[plane_count][image_size_limit];
-
-void convert_grey(const unsigned char* pixels, size_t count, const plane_pointers& out)
-{
-    memcpy(out.at[PLANE_Y], pixels, count);
-    jpeg_rescale_luma_to_16_235(out.at[PLANE_Y], count);
-}
-
-void convert_rgb(const unsigned char* pixels, size_t count, const plane_pointers& out)
-{
-    rgb_to_planes(pixels, count, out.at[PLANE_Y], out.at[PLANE_U], out.at[PLANE_V]);
-}
-
-void convert_palette(const unsigned char* pixels, size_t count, const plane_pointers& out)
-{
-    for (size_t i = 0; i < count; ++i) {
-        packed_row[i] = palette_colours[pixels[i]];
-    }
-    split_yuva(packed_row, count, out.at[PLANE_Y], out.at[PLANE_U], out.at[PLANE_V], nullptr);
-}
-
-void convert_grey_alpha(const unsigned char* pixels, size_t count, const plane_pointers& out)
-{
-    grey_alpha_to_planes(pixels, count, out.at[PLANE_Y], out.at[PLANE_A]);
-}
-
-void convert_rgba(const unsigned char* pixels, size_t count, const plane_pointers& out)
-{
-    rgba_to_planes(pixels, count, out.at[PLANE_Y], out.at[PLANE_U], out.at[PLANE_V],
-                   out.at[PLANE_A]);
-}
-
 struct colour_model {
     int colour_type;
     uint64_t bytes_per_pixel;
-    pixel_converter convert;
+    colour_run convert;
 };
 
 constexpr colour_model colour_models[] = {
-    {PNG_COLOR_TYPE_GRAY, 1, convert_grey},
-    {PNG_COLOR_TYPE_RGB, 3, convert_rgb},
-    {PNG_COLOR_TYPE_PALETTE, 1, convert_palette},
-    {PNG_COLOR_TYPE_GRAY_ALPHA, 2, convert_grey_alpha},
-    {PNG_COLOR_TYPE_RGB_ALPHA, 4, convert_rgba},
+    {PNG_COLOR_TYPE_GRAY, 1, grey_to_planes},
+    {PNG_COLOR_TYPE_RGB, 3, rgb_to_planes},
+    {PNG_COLOR_TYPE_PALETTE, 1, palette_to_planes},
+    {PNG_COLOR_TYPE_GRAY_ALPHA, 2, grey_alpha_to_planes},
+    {PNG_COLOR_TYPE_RGB_ALPHA, 4, rgba_to_planes},
 };
 
 const colour_model& model_of_picture()
@@ -122,45 +75,21 @@ const colour_model& model_of_picture()
 
 // --- one row of a pass --------------------------------------------------------------------------
 
-// The mapped rows round a pass row; null for planes that are not drawn.
-struct mapped_band {
-    unsigned char* base[plane_count];
-    uint64_t rows;
-};
-static_assert(std::is_trivially_destructible_v<mapped_band>);
+// Samples of a pass row that are not written straight into the planes.
+unsigned char sample_rows[plane_count][image_size_limit];
 
-// Asked for each row: the first mipmaps may have dropped the alpha plane.
-bool is_drawn(int plane)
+// Evaluated for each row, because the first mipmaps may drop the alpha plane.
+unsigned drawn_planes()
 {
-    if (plane == PLANE_A) {
-        return image_has_alpha_channel != 0;
-    }
-    return plane == PLANE_Y || image_is_monochrome == 0;
+    return (image_is_monochrome == 0 ? planes_yuv : planes_y) |
+           (image_has_alpha_channel != 0 ? planes_a : 0);
 }
 
-bool map_band(const adam7_pass& pass, uint64_t row, mapped_band* band)
+bool map_rows_around(const adam7_pass& pass, uint64_t row, plane_band* band)
 {
     const uint64_t first = row - pass.rows_above;
-    band->rows = std::min(band_rows, static_cast<uint64_t>(image_buffer_height) - first);
-    for (int i = 0; i < plane_count; ++i) {
-        band->base[i] = nullptr;
-        if (is_drawn(i)) {
-            band->base[i] = map_plane_rows(frame_planes[i], first, band->rows);
-            if (band->base[i] == nullptr) {
-                return false;
-            }
-        }
-    }
-    return true;
-}
-
-void fill_band(const mapped_band& band)
-{
-    for (int i = 0; i < plane_count; ++i) {
-        if (band.base[i] != nullptr) {
-            memset(band.base[i], prefill[i], band.rows * *frame_planes[i].stride);
-        }
-    }
+    const uint64_t rows = std::min(band_rows, static_cast<uint64_t>(image_buffer_height) - first);
+    return map_band({.planes = drawn_planes(), .first_row = first, .rows = rows}, band);
 }
 
 uint64_t columns_of(const adam7_pass& pass)
@@ -169,32 +98,29 @@ uint64_t columns_of(const adam7_pass& pass)
     return (width + pass.column_step - 1 - pass.first_column) / pass.column_step;
 }
 
-// Where the pass row lies in a plane of the band.
-unsigned char* pass_row(const adam7_pass& pass, const mapped_band& band, int plane)
+// The pass row in a plane of the band; null when the plane is not mapped.
+unsigned char* pass_row(const adam7_pass& pass, const plane_band& band, int plane)
 {
-    return band.base[plane] + pass.rows_above * *frame_planes[plane].stride;
+    unsigned char* base = band.base[plane];
+    return base == nullptr ? nullptr : base + pass.rows_above * *frame_planes[plane].stride;
 }
 
-// Single pixels are converted in their place, blocks beside the planes. So is what a pixel has and
-// the picture has no plane for.
-plane_pointers places_for_samples(const adam7_pass& pass, const mapped_band& band)
+// Single pixels are converted into the plane. Pixels of blocks, and samples that the picture has no
+// plane for, are converted into a row of their own.
+unsigned char* sample_row(const adam7_pass& pass, const plane_band& band, int plane)
 {
-    plane_pointers places = {};
-    for (int i = 0; i < plane_count; ++i) {
-        const bool in_place = pass.paint == nullptr && band.base[i] != nullptr;
-        places.at[i] = in_place ? pass_row(pass, band, i) : sample_rows[i];
-    }
-    return places;
+    unsigned char* in_place = pass.paint == nullptr ? pass_row(pass, band, plane) : nullptr;
+    return in_place != nullptr ? in_place : sample_rows[plane];
 }
 
-void paint_blocks(const adam7_pass& pass, const mapped_band& band, uint64_t columns)
+void paint_blocks(const adam7_pass& pass, const plane_band& band, uint64_t columns)
 {
     const uint64_t rows = std::min(pass.block_rows, band.rows - pass.rows_above);
     for (int i = 0; i < plane_count; ++i) {
-        if (band.base[i] == nullptr) {
+        unsigned char* const first = pass_row(pass, band, i);
+        if (first == nullptr) {
             continue;
         }
-        unsigned char* const first = pass_row(pass, band, i);
         pass.paint(first, sample_rows[i], columns);
         for (uint64_t row = 1; row < rows; ++row) {
             memcpy(first + row * *frame_planes[i].stride, first, columns * pass.column_step);
@@ -202,8 +128,8 @@ void paint_blocks(const adam7_pass& pass, const mapped_band& band, uint64_t colu
     }
 }
 
-// The library has no rows for a pass without columns.
-void draw_row(const adam7_pass& pass, const colour_model& model, const mapped_band& band,
+// Does nothing for a pass without columns: the library has no rows for it.
+void draw_row(const adam7_pass& pass, const colour_model& model, const plane_band& band,
               unsigned char* pixels)
 {
     const uint64_t columns = columns_of(pass);
@@ -212,7 +138,9 @@ void draw_row(const adam7_pass& pass, const colour_model& model, const mapped_ba
     }
     png_bytep rows[1] = {pixels};
     png_read_rows(png_context, rows, nullptr, 1);
-    model.convert(pixels, columns, places_for_samples(pass, band));
+    model.convert(pixels, columns,
+                  {sample_row(pass, band, PLANE_Y), sample_row(pass, band, PLANE_U),
+                   sample_row(pass, band, PLANE_V), sample_row(pass, band, PLANE_A)});
     if (pass.paint != nullptr) {
         paint_blocks(pass, band, columns);
     }
@@ -220,7 +148,7 @@ void draw_row(const adam7_pass& pass, const colour_model& model, const mapped_ba
 
 // --- the passes ---------------------------------------------------------------------------------
 
-// Rows of all passes together, those without columns included.
+// Rows of all passes together, including those of passes without columns.
 struct row_count {
     uint64_t read;
     uint64_t total;
@@ -237,8 +165,8 @@ uint64_t count_rows()
     return total;
 }
 
-// Stops early with DIE4 and where a band cannot be mapped; the library's rows that are left then go
-// to the passes that follow.
+// Stops early with DIE4, and when a band cannot be mapped; the following passes then read the rows
+// that are left in the library.
 void draw_pass(int number, const colour_model& model, unsigned char* pixels, row_count* counted)
 {
     const adam7_pass& pass = passes[number];
@@ -246,19 +174,19 @@ void draw_pass(int number, const colour_model& model, unsigned char* pixels, row
     for (uint64_t row = adam7_yo[number]; row < height && DIE4 == 0; row += adam7_ystep[number]) {
         vexa_status_write(static_cast<int>(counted->read * 100 / counted->total), "Decoding PNG");
         quickidle_comm();
-        mapped_band band = {};
-        if (!map_band(pass, row, &band)) {
+        plane_band band = {};
+        if (!map_rows_around(pass, row, &band)) {
             return;
         }
         if (number == 0) {
-            fill_band(band);
+            blacken_undrawn(band, transparent_black);
         }
         draw_row(pass, model, band, pixels);
         ++counted->read;
     }
 }
 
-// Done after every pass, however it ended.
+// Runs after every pass, however it ended.
 void end_pass(int number)
 {
     if (number == 0) {
@@ -270,7 +198,7 @@ void end_pass(int number)
     vexa_global_access_cache_cleanup_idle(vexa_acc_cache);
 }
 
-// *number is the pass at hand, also after a jump.
+// *number is the current pass, also after a jump.
 void draw_passes(const colour_model& model, unsigned char* pixels, int* number)
 {
     row_count counted = {0, count_rows()};
@@ -280,6 +208,7 @@ void draw_passes(const colour_model& model, unsigned char* pixels, int* number)
     }
 }
 
+// False when the library jumped.
 bool draw_passes_armed(const colour_model& model, unsigned char* pixels, int* number)
 {
     if (setjmp(png_jmpbuf(png_context)) != 0) {
@@ -291,7 +220,8 @@ bool draw_passes_armed(const colour_model& model, unsigned char* pixels, int* nu
     return true;
 }
 
-// A termination signal cuts every pass short, wherever it is noticed; an error skips them.
+// A termination signal ends every remaining pass at once, with what follows it; a library error skips
+// them.
 void draw_picture(const colour_model& model, unsigned char* pixels)
 {
     int number = 0;
@@ -307,23 +237,13 @@ void draw_picture(const colour_model& model, unsigned char* pixels)
     }
 }
 
-int prepare_palette(const char* decoder)
-{
-    png_palette palette = {};
-    if (fetch_png_palette(decoder, &palette) != 0) {
-        return -1;
-    }
-    convert_png_palette(palette, palette_colours);
-    return 0;
-}
-
 } // namespace
 
 int full_decode_png_rgb_adam7()
 {
     static unsigned char* RGB = nullptr; // NOLINT(readability-identifier-naming): given name
     INVARIANT(png_interlace_method == 1, "png_interlace_method == 1");
-    if (png_color_type == PNG_COLOR_TYPE_PALETTE && prepare_palette(__func__) != 0) {
+    if (png_color_type == PNG_COLOR_TYPE_PALETTE && prepare_png_palette(__func__) != 0) {
         return -1;
     }
     const colour_model& model = model_of_picture();
@@ -334,9 +254,7 @@ int full_decode_png_rgb_adam7()
         free_all_png_fileio();
         return -1;
     }
-    INVARIANT(image_cnb_buffer_fd >= 0, "image_cnb_buffer_fd >= 0");
-    INVARIANT(image_chroma_x_shift == 0, "image_chroma_x_shift == 0");
-    INVARIANT(image_chroma_y_shift == 0, "image_chroma_y_shift == 0");
+    check_full_size_chroma(__func__);
     draw_picture(model, RGB);
     vexa_status_write(100, "");
     free(RGB);

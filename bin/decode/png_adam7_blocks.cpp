@@ -1,5 +1,5 @@
-// A group is a word: the sample times 0x0101.. fills it, a mask in memory order keeps the earlier
-// half. Compilers make vector code of the loops.
+// A group is a word. The sample times 0x0101.. fills it; a mask in memory order keeps the earlier
+// half. Compilers vectorise the loops.
 #include "bin/decode/png_adam7_blocks.h"
 
 #include <array>

@@ -2,9 +2,27 @@
 
 #include <cstdio>
 
-#include "bin/decode/png_colour.h"
+#include "bin/decode/colour_rules.h"
 #include "bin/examine/png.h"
 #include "bin/invariant.h"
+
+void png_rgb2yuv(unsigned char r, unsigned char g, unsigned char b, int* yuv)
+{
+    const yuv_sample pixel = rgb_to_yuv(r, g, b);
+    yuv[0] = pixel.y;
+    yuv[1] = pixel.u;
+    yuv[2] = pixel.v;
+}
+
+void png_pal2yuv(unsigned char index, png_color_struct* palette, int num_palette, int* yuv)
+{
+    if (index >= num_palette) {
+        png_rgb2yuv(0, 0, 0, yuv);
+        return;
+    }
+    const png_color_struct& colour = palette[index];
+    png_rgb2yuv(colour.red, colour.green, colour.blue, yuv);
+}
 
 int fetch_png_palette(const char* decoder, png_palette* palette)
 {
@@ -14,9 +32,7 @@ int fetch_png_palette(const char* decoder, png_palette* palette)
         free_all_png_fileio();
         return -1;
     }
-    if (palette->colours == nullptr) {
-        invariant_failed(decoder, "palette != __null");
-    }
+    check_invariant(decoder, palette->colours != nullptr, "palette != __null");
     return 0;
 }
 
@@ -28,4 +44,14 @@ void convert_png_palette(const png_palette& palette, packed_yuva colours[256])
         colours[i] = {static_cast<unsigned char>(yuv[0]), static_cast<unsigned char>(yuv[1]),
                       static_cast<unsigned char>(yuv[2]), 255};
     }
+}
+
+int prepare_png_palette(const char* decoder)
+{
+    png_palette palette = {};
+    if (fetch_png_palette(decoder, &palette) != 0) {
+        return -1;
+    }
+    convert_png_palette(palette, palette_colours);
+    return 0;
 }

@@ -1,10 +1,12 @@
-// Even and odd samples are widened separately, by mask and shift: no shuffles, which are what
-// limits such code on most processors.
-#include "bin/decode/rescale_kernels.h"
+// Even and odd samples are widened separately, by mask and shift. This avoids shuffles, which limit
+// such code on most processors.
+#include "bin/decode/rescale.h"
 
-#if defined(__x86_64__)
+#ifdef __x86_64__
 
 #include <immintrin.h>
+
+#include "bin/decode/colour_rules.h"
 
 namespace {
 
@@ -24,8 +26,8 @@ void chroma_rest(unsigned char* p, size_t count)
 
 // --- AVX2: 32 samples ---------------------------------------------------------------------------
 
-// Every byte times the 16-bit factor, its high half as a byte again.
-__attribute__((target("avx2"))) inline __m256i scale(__m256i bytes, __m256i factor)
+// Multiplies every byte by the 16-bit factor and returns the high halves of the products as bytes.
+TARGET_AVX2 inline __m256i scale(__m256i bytes, __m256i factor)
 {
     const __m256i even = _mm256_and_si256(bytes, _mm256_set1_epi16(0xFF));
     const __m256i odd = _mm256_srli_epi16(bytes, 8);
@@ -33,13 +35,13 @@ __attribute__((target("avx2"))) inline __m256i scale(__m256i bytes, __m256i fact
                            _mm256_slli_epi16(_mm256_mulhi_epu16(odd, factor), 8));
 }
 
-__attribute__((target("avx2"))) inline __m256i luma(__m256i y)
+TARGET_AVX2 inline __m256i luma(__m256i y)
 {
     const __m256i factor = _mm256_set1_epi16(static_cast<short>(luma_multiplier));
     return _mm256_add_epi8(scale(y, factor), _mm256_set1_epi8(16));
 }
 
-__attribute__((target("avx2"))) inline __m256i chroma(__m256i c)
+TARGET_AVX2 inline __m256i chroma(__m256i c)
 {
     const __m256i factor = _mm256_set1_epi16(static_cast<short>(chroma_multiplier));
     const __m256i middle = _mm256_set1_epi8(-128);
@@ -87,7 +89,7 @@ __m128i* narrow(unsigned char* p)
 
 } // namespace
 
-__attribute__((target("avx2"))) void rescale_luma_avx2(unsigned char* p, size_t count)
+TARGET_AVX2 void rescale_luma_avx2(unsigned char* p, size_t count)
 {
     for (; count >= 64; p += 64, count -= 64) {
         const __m256i first = _mm256_loadu_si256(wide(p));
@@ -98,7 +100,7 @@ __attribute__((target("avx2"))) void rescale_luma_avx2(unsigned char* p, size_t 
     luma_rest(p, count);
 }
 
-__attribute__((target("avx2"))) void rescale_chroma_avx2(unsigned char* p, size_t count)
+TARGET_AVX2 void rescale_chroma_avx2(unsigned char* p, size_t count)
 {
     for (; count >= 64; p += 64, count -= 64) {
         const __m256i first = _mm256_loadu_si256(wide(p));

@@ -6,7 +6,7 @@
 
 namespace {
 
-// The header's fields, most significant byte first.
+// Offsets of the header's fields, which have their most significant byte first.
 constexpr tmsize_t header_bytes = 20;
 constexpr size_t planes_at = 2;
 constexpr size_t width_at = 4;
@@ -19,8 +19,8 @@ bool is_jbig()
            compression == COMPRESSION_JBIG;
 }
 
-// In the order that the JBIG library sees: libtiff turns the bits of each byte round, but those that
-// are stored least significant bit first.
+// Reads the header with the bit order that the JBIG library gets: libtiff reverses the bits of each
+// byte, except when they are stored least significant bit first.
 bool read_header(uint32_t strip, unsigned char* header)
 {
     if (TIFFReadRawStrip(tiff_image, strip, header, header_bytes) != header_bytes) {

@@ -1,8 +1,8 @@
-// The library is asked for no byte of the strip first: it then reads the strip's data and gets the
-// codec ready, as for the whole strip and with the same messages. Then come the rows. Whatever is not
-// as it should be with them, be it a mere warning, leads to the strip being decoded once more in one
-// call, whose outcome alone counts: the library speaks of the place in the strip, and some codecs go
-// on after an error where the row ends.
+// The first call requests zero bytes of the strip. The library then reads the strip's data and sets up
+// the codec, as for the whole strip and with the same messages. The rows follow. When anything about
+// them is unusual, even a warning, the whole strip is decoded again in one call, and only that result
+// counts: the library's messages name the position in the strip, and some codecs resume at the end of
+// the row after an error.
 #include "bin/decode/tiff_large_strip.h"
 
 #include <cstring>
@@ -14,14 +14,14 @@
 
 namespace {
 
-// Codecs whose state goes on from row to row as if the strip was decoded in one call. Not those that
-// decode a strip at once whatever they are asked for (JBIG, LERC, WebP), nor Deflate, for which the
-// library has a faster way with whole strips, nor LZMA, whose strips are that slow. (A ZSTD strip of
-// several frames, which no encoder writes, ends in one call with the first of them.)
+// Codecs that decode row by row exactly as in one call. Not in the list: codecs that always decode a
+// whole strip (JBIG, LERC, WebP); Deflate, which the library decodes faster in whole strips; and LZMA,
+// whose strips are that slow. (A ZSTD strip of several frames, which no encoder writes, ends after the
+// first frame when it is decoded in one call.)
 struct row_codec {
     uint16_t compression;
-    bool may_keep_rows; // false: rows behind a strip's early end would differ
-    bool counts_rows;   // in one call, too
+    bool may_keep_rows; // false: rows after a strip's early end would differ
+    bool counts_rows;   // also when it decodes in one call
     uint64_t piece;     // bytes that take some milliseconds
 };
 
@@ -40,7 +40,7 @@ constexpr row_codec row_codecs[] = {
     {COMPRESSION_CCITTFAX4, false, false, bytes_of_bits},
 };
 
-// Null for codecs that are not read by rows.
+// Null for codecs that are not read row by row.
 const row_codec* find_row_codec(bool keeps_rows)
 {
     uint16_t compression = 0;
@@ -55,7 +55,7 @@ const row_codec* find_row_codec(bool keeps_rows)
 
 enum class outcome { DONE, ENDED_BY_SIGNAL, DOUBTFUL };
 
-// Reads the rows behind the codec's present place. When they are doubtful `to` is zero again.
+// Reads rows from the codec's current position. When the result is doubtful, `to` is zeroed again.
 outcome read_rows(unsigned char* to, uint64_t rows, bool keeps_rows)
 {
     work_pace pace = {find_row_codec(keeps_rows)->piece};
@@ -73,11 +73,11 @@ outcome read_rows(unsigned char* to, uint64_t rows, bool keeps_rows)
     return outcome::DONE;
 }
 
-// The library's place is where one call leaves it: its words about a next strip that cannot be read
-// name that row.
-void go_back(uint32_t strip)
+// Moves the library to the row where a single call would leave it. When it cannot read the next strip,
+// its message names that row.
+void restore_position(uint32_t strip)
 {
-    unsigned char no_data[2] = {0x80, 0}; // not how an LZW strip of the old kind begins
+    unsigned char no_data[2] = {0x80, 0}; // not the start of an old-style LZW strip
     TIFFReadFromUserBuffer(tiff_image, strip, no_data, sizeof no_data, no_data, 0);
 }
 
@@ -88,7 +88,7 @@ outcome try_rows(uint32_t strip, unsigned char* to, uint64_t rows, bool keeps_ro
     set_tiff_message_fate(TIFF_MESSAGES_COUNTED);
     const outcome result = opened == 0 ? read_rows(to, rows, keeps_rows) : outcome::DOUBTFUL;
     if (result == outcome::DONE && !find_row_codec(keeps_rows)->counts_rows) {
-        go_back(strip);
+        restore_position(strip);
     }
     return result;
 }

@@ -15,12 +15,12 @@ namespace {
 
 constexpr uint64_t no_strip = UINT64_MAX;
 
-// Rows of separate planes hold one sample a pixel, and the converters read several: so much lies
-// behind the last row.
+// Rows of separate planes hold one sample per pixel, but the converters read several. So this many bytes
+// per pixel follow the last row.
 constexpr uint64_t spare_pixel_bytes = 6;
-static_assert(spare_pixel_bytes >= most_tiff_pixel_bytes);
+static_assert(spare_pixel_bytes >= max_tiff_pixel_bytes);
 
-// Bytes read, or the library's error, -1, which becomes more than was asked for.
+// Bytes read. The library's error, -1, becomes UINT64_MAX, which is more than was requested.
 uint64_t read_some(const strip_buffer& buffer, uint32_t strip, uint64_t done, uint64_t wanted)
 {
     if (!jbig_strip_fits(strip, wanted)) {
@@ -34,7 +34,7 @@ uint64_t read_some(const strip_buffer& buffer, uint32_t strip, uint64_t done, ui
     return tiff_reading_was_stopped(tiff_image) ? UINT64_MAX : static_cast<uint64_t>(n);
 }
 
-// Appends what the library gives of the strip, call by call. Bytes read.
+// Appends what the library gives of the strip, call by call. Returns the bytes read.
 uint64_t read_encoded_strip(const strip_buffer& buffer, uint64_t strip, uint64_t wanted)
 {
     uint64_t got = 0;
@@ -46,7 +46,7 @@ uint64_t read_encoded_strip(const strip_buffer& buffer, uint64_t strip, uint64_t
             break;
         }
         if (n > left) {
-            if (DIE4 == 0) { // else it may be the signal that ended the reading
+            if (DIE4 == 0) { // otherwise the signal may have ended the reading
                 fputs("TIFFReadEncodedStrip() returned too many bytes\n", stderr);
             }
             break;
@@ -56,8 +56,8 @@ uint64_t read_encoded_strip(const strip_buffer& buffer, uint64_t strip, uint64_t
     return got;
 }
 
-// Leaves the first `kept` bytes. Samples that nobody looks at may lie on: clearing them would make
-// memory present that was never written.
+// Keeps the first `kept` bytes and clears the rest. Unused samples are not cleared: that would touch
+// memory that was never written.
 void clear(strip_buffer* buffer, uint64_t kept)
 {
     if (buffer->keeps_rows) {
@@ -80,7 +80,7 @@ bool allocate_strip_buffer(strip_buffer* buffer, uint64_t rows, bool keeps_rows)
 
 uint64_t read_strip(strip_buffer* buffer, uint64_t strip, uint64_t wanted)
 {
-    // The library is not asked again for bytes that are still there.
+    // Bytes that are still in the buffer need not be read again.
     if (buffer->strip == strip && wanted <= buffer->held) {
         clear(buffer, wanted);
         return wanted;

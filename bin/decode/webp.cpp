@@ -1,10 +1,10 @@
-// By rule the visible rows are black before the library draws over them. Of a good picture the
-// library leaves nothing but the stride padding untouched, so that is all that is painted then, and
-// afterwards. Only a picture that fails gets the black in full, and is drawn once more on top: the
-// library draws the same rows again.
+// By rule the visible rows are black before the library writes over them. Of a good picture the library
+// leaves only the stride padding unwritten, so only the padding is painted, and afterwards. A picture
+// that fails gets all of the black and is decoded once more on top of it: the library writes the same
+// rows again.
 //
-// Chroma rows below the picture repeat its last one, since the filter that makes the reduced levels
-// reads them: whatever else lay there would tint the bottom of each level.
+// Chroma rows below the picture repeat its last one. The filter that makes the reduced levels reads them,
+// and any other content would tint the bottom of each level.
 #include "bin/decode/webp.h"
 
 #include <cstdio>
@@ -19,79 +19,62 @@
 
 namespace {
 
-// Kept as is: alpha starts with the byte of black luma, and its failure is told as V's.
-const frame_plane alpha_plane = {&image_offset_A, &image_stride_A, nullptr, 16,
-                                 "Failed to memory-map V plane\n"};
+// Kept as is: A starts with the byte of black luma, and V is named when A cannot be mapped.
+constexpr plane_samples black = {16, 128, 128, 16};
 
-const frame_plane* const drawn_planes[] = {&frame_planes[PLANE_Y], &frame_planes[PLANE_U],
-                                           &frame_planes[PLANE_V], &alpha_plane};
-
-struct picture_planes {
-    int count; // 4 with alpha
-    unsigned char* base[4];
-};
-
-bool map_planes(picture_planes* planes)
+bool map_picture(plane_band* planes)
 {
-    planes->count = image_has_alpha_channel != 0 ? 4 : 3;
-    for (int i = 0; i < planes->count; ++i) {
-        planes->base[i] =
-            map_plane_rows(*drawn_planes[i], 0, static_cast<uint64_t>(image_buffer_height));
-        if (planes->base[i] == nullptr) {
-            return false;
-        }
-    }
-    return true;
+    return map_band({.planes = planes_yuv | (image_has_alpha_channel != 0 ? planes_a : 0),
+                     .first_row = 0,
+                     .rows = static_cast<uint64_t>(image_buffer_height),
+                     .named_for_a = PLANE_V},
+                    planes);
 }
 
-size_t plane_size(const frame_plane& plane)
-{
-    return plane_rows(plane, static_cast<uint64_t>(image_buffer_height)) * *plane.stride;
-}
-
-// Samples that the library draws of so many pixels.
-uint64_t drawn_samples(const frame_plane& plane, int pixels)
+// Samples that the library writes for so many pixels.
+uint64_t written_samples(int plane, int pixels)
 {
     const auto count = static_cast<uint64_t>(pixels);
-    return plane.row_shift == nullptr ? count : (count + 1) / 2;
+    return plane == PLANE_U || plane == PLANE_V ? (count + 1) / 2 : count;
 }
 
-void fill_padding(const picture_planes& planes)
+void blacken_padding(const plane_band& planes)
 {
-    for (int i = 0; i < planes.count; ++i) {
-        const frame_plane& plane = *drawn_planes[i];
-        const uint64_t drawn = drawn_samples(plane, image_width);
-        const uint64_t padding = *plane.stride - drawn;
-        const uint64_t rows = padding != 0 ? drawn_samples(plane, image_height) : 0;
-        for (uint64_t y = 0; y < rows; ++y) {
-            memset(planes.base[i] + y * *plane.stride + drawn, plane.black, padding);
-        }
+    for (int i = 0; i < plane_count; ++i) {
+        const plane_area padding = {0, written_samples(i, image_height),
+                                    written_samples(i, image_width)};
+        blacken_plane(planes, i, padding, black);
     }
 }
 
-void fill_visible_rows(const picture_planes& planes)
+void blacken_visible_rows(const plane_band& planes)
 {
-    for (int i = 0; i < planes.count; ++i) {
-        const frame_plane& plane = *drawn_planes[i];
-        memset(planes.base[i], plane.black, drawn_samples(plane, image_height) * *plane.stride);
+    for (int i = 0; i < plane_count; ++i) {
+        blacken_plane(planes, i, {0, written_samples(i, image_height)}, black);
     }
 }
 
-void repeat_last_chroma_row(const picture_planes& planes)
+void repeat_last_chroma_row(const plane_band& planes)
 {
     for (const int i : {PLANE_U, PLANE_V}) {
-        const frame_plane& plane = *drawn_planes[i];
-        const uint64_t stride = *plane.stride;
-        const uint64_t below = drawn_samples(plane, image_height);
+        const uint64_t stride = *frame_planes[i].stride;
+        const uint64_t below = written_samples(i, image_height);
         const unsigned char* last = planes.base[i] + (below - 1) * stride;
-        const uint64_t rows = plane_rows(plane, static_cast<uint64_t>(image_buffer_height));
+        const uint64_t rows = plane_rows(i, planes.rows);
         for (uint64_t y = below; y < rows; ++y) {
             memcpy(planes.base[i] + y * stride, last, stride);
         }
     }
 }
 
-void direct_output(const picture_planes& planes, WebPDecBuffer* output)
+// Bytes of a plane in the buffer; 0 when it is absent.
+size_t plane_size(int plane)
+{
+    return plane_rows(plane, static_cast<uint64_t>(image_buffer_height)) *
+           *frame_planes[plane].stride;
+}
+
+void direct_output(const plane_band& planes, WebPDecBuffer* output)
 {
     output->colorspace = image_has_alpha_channel != 0 ? MODE_YUVA : MODE_YUV;
     output->width = image_width;
@@ -106,28 +89,28 @@ void direct_output(const picture_planes& planes, WebPDecBuffer* output)
     yuva.u_stride = static_cast<int>(image_stride_U);
     yuva.v_stride = static_cast<int>(image_stride_V);
     yuva.a_stride = static_cast<int>(image_stride_A);
-    yuva.y_size = plane_size(frame_planes[PLANE_Y]);
-    yuva.u_size = plane_size(frame_planes[PLANE_U]);
-    yuva.v_size = plane_size(frame_planes[PLANE_V]);
-    yuva.a_size = plane_size(alpha_plane);
+    yuva.y_size = plane_size(PLANE_Y);
+    yuva.u_size = plane_size(PLANE_U);
+    yuva.v_size = plane_size(PLANE_V);
+    yuva.a_size = plane_size(PLANE_A);
 }
 
-VP8StatusCode draw(const picture_planes& planes)
+VP8StatusCode decode(const plane_band& planes)
 {
     webp_deccfg.input = webp_bf_features;
     direct_output(planes, &webp_deccfg.output);
     return WebPDecode(webp_image, webp_size, &webp_deccfg);
 }
 
-VP8StatusCode draw_on_black(const picture_planes& planes)
+VP8StatusCode decode_on_black(const plane_band& planes)
 {
-    const VP8StatusCode status = draw(planes);
+    const VP8StatusCode status = decode(planes);
     if (status == VP8_STATUS_OK) {
-        fill_padding(planes);
+        blacken_padding(planes);
         return status;
     }
-    fill_visible_rows(planes);
-    return DIE4 == 0 ? draw(planes) : status;
+    blacken_visible_rows(planes);
+    return DIE4 == 0 ? decode(planes) : status;
 }
 
 int give_up()
@@ -148,11 +131,11 @@ int full_decode_webp_yuv()
         return give_up();
     }
     webp_deccfg_init = true;
-    picture_planes planes = {};
-    if (!map_planes(&planes)) {
+    plane_band planes = {};
+    if (!map_picture(&planes)) {
         return give_up();
     }
-    if (draw_on_black(planes) == VP8_STATUS_OK) {
+    if (decode_on_black(planes) == VP8_STATUS_OK) {
         fputs("WebP decoded\n", stderr);
     } else {
         fputs("WARNING: Failed to decode WebP image\n", stderr);

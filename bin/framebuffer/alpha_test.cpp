@@ -8,16 +8,16 @@
 namespace {
 
 constexpr int rows_between_pumps = 64;
-constexpr size_t block = 64; // samples reduced to their least one without looking in between
+constexpr size_t block = 64; // samples whose minimum is taken without an early exit
 
-// A loop of fixed length without an exit, which the compilers turn into vector minima.
-unsigned char least_of_block(const unsigned char* samples)
+// A loop of fixed length without an early exit, which compilers vectorise.
+unsigned char min_of_block(const unsigned char* samples)
 {
-    unsigned char least = 255;
+    unsigned char min = 255;
     for (size_t i = 0; i < block; ++i) {
-        least = samples[i] < least ? samples[i] : least;
+        min = samples[i] < min ? samples[i] : min;
     }
-    return least;
+    return min;
 }
 
 } // namespace
@@ -29,11 +29,11 @@ bool any_transparent(const unsigned char* samples, size_t count)
                            [](unsigned char sample) { return sample < opaque_from; });
     }
     for (size_t i = 0; i + block <= count; i += block) {
-        if (least_of_block(samples + i) < opaque_from) {
+        if (min_of_block(samples + i) < opaque_from) {
             return true;
         }
     }
-    return least_of_block(samples + count - block) < opaque_from;
+    return min_of_block(samples + count - block) < opaque_from;
 }
 
 alpha_verdict test_alpha_plane(const mipmap_image& picture)

@@ -14,10 +14,10 @@ uint64_t image_decoded_unit_size = 0;
 uint64_t image_decoded_size = 0;
 int mipmaps = 0;
 
-mipmap_image mipmap[most_mipmaps] = {};
+mipmap_image mipmap[max_mipmaps] = {};
 mipmap_image main_image_mipmap = {};
 std::vector<mipmap_image> secondary_image_mipmap_main;
-std::vector<mipmap_image> secondary_image_mipmap[most_mipmaps];
+std::vector<mipmap_image> secondary_image_mipmap[max_mipmaps];
 
 cnb_allocation image_cnb_alloc;
 
@@ -26,7 +26,7 @@ namespace {
 constexpr uint64_t full_stride_multiple = 16;
 constexpr uint64_t level_stride_multiple = 8;
 constexpr uint64_t level_gap = 16;       // bytes between a level's last plane and its scanline data
-constexpr int smallest_side = 32;        // no level when both sides would fall below
+constexpr int min_side = 32;             // no level when both sides would be smaller
 constexpr uint32_t full_scale = 0x10000; // 1.0 in 16.16
 
 uint64_t round_up(uint64_t value, uint64_t multiple)
@@ -51,17 +51,17 @@ uint64_t chroma_bytes(uint64_t stride, int luma_rows)
 
 bool level_wanted(unsigned shift)
 {
-    return (image_width >> shift) >= smallest_side || (image_height >> shift) >= smallest_side;
+    return (image_width >> shift) >= min_side || (image_height >> shift) >= min_side;
 }
 
-// Everything about a level but its place.
+// A level without its offsets.
 mipmap_image level_shape(unsigned shift)
 {
     mipmap_image level = {};
     level.width = static_cast<int32_t>(halved_rounding_up(image_width, shift));
     level.height = static_cast<int32_t>(halved_rounding_up(image_height, shift));
-    // Full-size rows whatever the level's own height, and two more: the pyramid's chroma planes are
-    // written over the luma's rows.
+    // As many rows as the full size, whatever the level's own height, and two more: the pyramid also
+    // writes its chroma planes over the luma's number of rows.
     level.buffer_height = image_buffer_height + 2;
     const auto width = static_cast<uint64_t>(level.width);
     const uint64_t luma_stride = round_up(width, level_stride_multiple);
@@ -77,14 +77,14 @@ mipmap_image level_shape(unsigned shift)
     return level;
 }
 
-// Kept as is: the budget counts the picture's rows, full ones for chroma, not the level's two more.
+// Kept as is: the budget counts the full-size rows, for chroma too, without the level's two more.
 bool within_budget(const mipmap_image& level, uint64_t size)
 {
     const uint64_t row = level.stride_Y + level.stride_U + level.stride_V + level.stride_A;
     return size + luma_bytes(row, image_buffer_height) + level.scanline_data_size <= unit_budget;
 }
 
-// Gives the level its place from `size` on and returns the size with it.
+// Places the level at `size` and returns the new size.
 uint64_t place_level(mipmap_image& level, uint64_t size)
 {
     level.offset_Y = size;
@@ -137,6 +137,16 @@ void set_total()
 
 } // namespace
 
+std::array<plane_place, 4> planes_of(const mipmap_image& picture)
+{
+    const uint8_t x = picture.chroma_x_shift;
+    const uint8_t y = picture.chroma_y_shift;
+    return {{{picture.offset_Y, picture.stride_Y, 0, 0},
+             {picture.offset_U, picture.stride_U, x, y},
+             {picture.offset_V, picture.stride_V, x, y},
+             {picture.offset_A, picture.stride_A, 0, 0}}};
+}
+
 void layout_full_size()
 {
     INVARIANT(image_width > 0, "image_width > 0");
@@ -166,7 +176,7 @@ void layout_full_size()
 void layout_mipmaps()
 {
     mipmaps = 0;
-    while (mipmaps < most_mipmaps) {
+    while (mipmaps < max_mipmaps) {
         const unsigned shift = static_cast<unsigned>(mipmaps) + 1;
         if (!level_wanted(shift)) {
             break;
@@ -200,7 +210,7 @@ void reset_layout()
     mipmaps = 0;
     main_image_mipmap = {};
     secondary_image_mipmap_main.clear();
-    for (int i = 0; i < most_mipmaps; ++i) {
+    for (int i = 0; i < max_mipmaps; ++i) {
         mipmap[i] = {};
         secondary_image_mipmap[i].clear();
     }

@@ -1,6 +1,6 @@
-// A row of a level is filtered straight from three rows of the level above into the shared mapping.
-// The chroma planes run over the luma's rows by rule: a subsampled plane's surplus comes from what
-// lies behind it and goes into the spare rows of the level's own plane, which nobody shows.
+// A row of a level is filtered straight from three rows of the level above into the shared mapping. By
+// rule the chroma planes cover the luma's number of rows: the surplus rows of a subsampled plane come from
+// what lies behind it, and go into the spare rows of the level's own plane, which nobody shows.
 #include "bin/framebuffer/mipmap.h"
 
 #include <algorithm>
@@ -23,32 +23,20 @@ bool checked_main_alpha = false;
 
 namespace {
 
-constexpr uint64_t row_slack = 32; // bytes asked for behind a destination row
+constexpr uint64_t row_slack = 32; // bytes requested after a destination row
 
-struct plane {
-    uint64_t offset;
-    uint64_t stride; // 0: absent
-};
+// --- one plane of a level -----------------------------------------------------------------------
 
-std::array<plane, 4> planes_of(const mipmap_image& picture)
-{
-    return {{{picture.offset_Y, picture.stride_Y},
-             {picture.offset_U, picture.stride_U},
-             {picture.offset_V, picture.stride_V},
-             {picture.offset_A, picture.stride_A}}};
-}
-
-// One plane on its way from a level to the next.
+// The reduction of one plane from a level to the next.
 struct plane_pass {
-    plane source;
-    plane destination;
+    plane_place source;
+    plane_place destination;
     int64_t source_rows;
     int64_t destination_rows; // allocated
     size_t samples;           // per destination row
-    mipmap_kernel halve_row;
 };
 
-// Source rows that end too near the end of the buffer for the filter, copied with zeros behind.
+// Copies, followed by zeros, of source rows that end too near the end of the buffer for the filter.
 using spare_rows = std::array<std::unique_ptr<unsigned char[]>, 3>;
 
 const unsigned char* copy_with_zeros(const unsigned char* row, size_t readable, size_t columns,
@@ -65,7 +53,7 @@ const unsigned char* copy_with_zeros(const unsigned char* row, size_t readable, 
 }
 
 struct source_row {
-    const unsigned char* data; // null when it cannot be had
+    const unsigned char* data; // null when it cannot be mapped
     size_t readable;
 };
 
@@ -117,31 +105,23 @@ unsigned char* fetch_destination_row(const plane_pass& pass, int64_t row)
     return data;
 }
 
-// Destination row `row`; it keeps its content when its middle source row or it itself cannot be
-// had.
-void fill_row(const plane_pass& pass, int64_t row, spare_rows& spare)
-{
-    const source_rows rows = rows_around(pass, 2 * row, spare);
-    if (rows.middle == nullptr) {
-        return;
-    }
-    unsigned char* out = fetch_destination_row(pass, row);
-    if (out != nullptr) {
-        filter_row(out, rows, pass.samples, pass.destination.stride, pass.halve_row);
-    }
-}
-
+// A destination row keeps its content when its middle source row or the row itself cannot be mapped.
 void fill_plane(const plane_pass& pass)
 {
-    // The rows that the layout gave the plane are enough for full and for halved chroma; with
-    // quartered chroma the surplus would run over the scanline list behind the planes.
+    // The layout's rows are enough for full and for halved chroma; with quartered chroma the surplus
+    // would overwrite the scanline list after the planes.
     const int64_t rows = std::min((pass.source_rows + 1) / 2, pass.destination_rows);
+    const row_halver halve_row = best_version(mipmap_kernels()).halve_row;
     spare_rows spare;
     for (int64_t row = 0; row < rows && DIE4 == 0; ++row) {
         if ((row & 0xF0) == 0) {
             quickidle_comm();
         }
-        fill_row(pass, row, spare);
+        const source_rows source = rows_around(pass, 2 * row, spare);
+        unsigned char* out = source.middle != nullptr ? fetch_destination_row(pass, row) : nullptr;
+        if (out != nullptr) {
+            filter_row(out, source, pass.samples, pass.destination.stride, halve_row);
+        }
     }
 }
 
@@ -155,22 +135,7 @@ void warn_about_sizes(const mipmap_image& destination, const mipmap_image& sourc
     }
 }
 
-void fill_level(const mipmap_image& destination, const mipmap_image& source)
-{
-    const auto to = planes_of(destination);
-    const auto from = planes_of(source);
-    const mipmap_kernel halve_row = fastest_mipmap_kernel();
-    for (size_t p = 0; p < to.size(); ++p) {
-        const bool chroma = p == 1 || p == 2;
-        if (to[p].stride != 0 && from[p].stride != 0) {
-            fill_plane({from[p], to[p], source.height,
-                        destination.buffer_height >> (chroma ? destination.chroma_y_shift : 0),
-                        static_cast<size_t>(destination.width) >>
-                            (chroma ? destination.chroma_x_shift : 0),
-                        halve_row});
-        }
-    }
-}
+// --- the alpha plane ----------------------------------------------------------------------------
 
 void drop_alpha_plane(mipmap_image& picture)
 {
@@ -209,30 +174,27 @@ void check_main_alpha()
     checked_main_alpha = true;
 }
 
-void generate_first_frame()
-{
-    for (int i = 0; i < mipmaps; ++i) {
-        gen_mipmap(&mipmap[i], i == 0 ? &main_image_mipmap : &mipmap[i - 1]);
-    }
-}
+// --- the levels of a frame ----------------------------------------------------------------------
 
-mipmap_image* further_main(size_t i)
+// The full-size picture of the frame.
+mipmap_image* full_size_of(uint64_t frame)
 {
+    if (frame == 0) {
+        return &main_image_mipmap;
+    }
+    const uint64_t i = frame - 1;
     INVARIANT(i < secondary_image_mipmap_main.size(), "i < secondary_image_mipmap_main.size()");
     return &secondary_image_mipmap_main[i];
 }
 
-mipmap_image* further_level(int t, size_t i)
+mipmap_image* level_of(uint64_t frame, int t)
 {
+    if (frame == 0) {
+        return &mipmap[t];
+    }
+    const uint64_t i = frame - 1;
     INVARIANT(i < secondary_image_mipmap[t].size(), "i < secondary_image_mipmap[t].size()");
     return &secondary_image_mipmap[t][i];
-}
-
-void generate_further_frame(size_t j)
-{
-    for (int i = 0; i < mipmaps; ++i) {
-        gen_mipmap(further_level(i, j), i == 0 ? further_main(j) : further_level(i - 1, j));
-    }
 }
 
 } // namespace
@@ -242,8 +204,16 @@ void gen_mipmap(mipmap_image* destination, mipmap_image* source)
     dac8_gamma22_init_do();
     fprintf(stderr, "Generating mipmap %d x %d\n", destination->width, destination->height);
     warn_about_sizes(*destination, *source);
-    if (destination->stride_Y != 0 && source->stride_Y != 0) {
-        fill_level(*destination, *source);
+    if (destination->stride_Y == 0 || source->stride_Y == 0) {
+        return;
+    }
+    const auto to = planes_of(*destination);
+    const auto from = planes_of(*source);
+    for (size_t p = 0; p < to.size(); ++p) {
+        if (to[p].stride != 0 && from[p].stride != 0) {
+            fill_plane({from[p], to[p], source->height, destination->buffer_height >> to[p].y_shift,
+                        static_cast<size_t>(destination->width) >> to[p].x_shift});
+        }
     }
 }
 
@@ -252,9 +222,12 @@ void generate_all_mipmaps()
     if (image_has_alpha_channel != 0 && !checked_main_alpha) {
         check_main_alpha();
     }
-    generate_first_frame();
-    for (uint64_t frame = 1; frame < image_decoded_frames; ++frame) {
-        generate_further_frame(frame - 1);
+    const uint64_t frames = std::max<uint64_t>(image_decoded_frames, 1);
+    for (uint64_t frame = 0; frame < frames; ++frame) {
+        for (int i = 0; i < mipmaps; ++i) {
+            mipmap_image* above = i == 0 ? full_size_of(frame) : level_of(frame, i - 1);
+            gen_mipmap(level_of(frame, i), above);
+        }
     }
     mipmaps_avail = mipmaps;
 }

@@ -15,38 +15,25 @@ unsigned char vertical_only(const source_rows& rows, size_t column)
     return static_cast<unsigned char>(column_sum(rows, column) >> 2);
 }
 
-// The last sample of the 3 x 3 filter that has room in the row.
+// The last sample of the 3 x 3 filter for which the row has room.
 size_t last_filtered(size_t samples, size_t stride)
 {
     return std::min(samples, stride - 1);
 }
 
+constexpr mipmap_kernel kernels[] = {
 #ifdef __x86_64__
-const mipmap_kernel_variant kernels[] = {
-    {"portable", halve_row_portable, true},
-    {"sse2", halve_row_sse2, true}, // part of the architecture
-    {"avx2", halve_row_avx2, __builtin_cpu_supports("avx2") != 0},
-};
-#else
-const mipmap_kernel_variant kernels[] = {{"portable", halve_row_portable, true}};
+    {"avx2", processor_feature::AVX2, halve_row_avx2},
+    {"sse2", processor_feature::NONE, halve_row_sse2}, // on every x86-64
 #endif
+    {"portable", processor_feature::NONE, halve_row_portable},
+};
 
 } // namespace
 
-std::span<const mipmap_kernel_variant> mipmap_kernels()
+std::span<const mipmap_kernel> mipmap_kernels()
 {
     return kernels;
-}
-
-mipmap_kernel fastest_mipmap_kernel()
-{
-    mipmap_kernel fastest = halve_row_portable;
-    for (const mipmap_kernel_variant& variant : kernels) {
-        if (variant.runs_here) {
-            fastest = variant.halve_row;
-        }
-    }
-    return fastest;
 }
 
 void halve_row_portable(unsigned char* out, const source_rows& rows, size_t last)
@@ -66,7 +53,7 @@ size_t filter_columns(size_t samples, size_t stride)
 }
 
 void filter_row(unsigned char* out, const source_rows& rows, size_t samples, size_t stride,
-                mipmap_kernel halve_row)
+                row_halver halve_row)
 {
     out[0] = vertical_only(rows, 0);
     halve_row(out, rows, last_filtered(samples, stride));

@@ -1,23 +1,19 @@
-// Sixteen samples to a register. A multiply-add of neighbouring bytes with ones, from column 2k - 1
-// and once more from column 2k, sums to row(2k-1) + 2 row(2k) + row(2k+1); with twos it is the
-// middle row's share. No sum passes 4088. A last block that would not be full is moved left over
-// finished samples.
+// Sixteen samples per register. A multiply-add of neighbouring bytes with ones, from column 2k - 1 and
+// again from column 2k, sums to row(2k-1) + 2 row(2k) + row(2k+1); with twos it gives the middle row's
+// part. No sum exceeds 4088. The last block, when it would not be full, is moved left over samples that
+// are already done.
 #include "bin/framebuffer/mipmap_filter.h"
 
 #ifdef __x86_64__
 
 #include <immintrin.h>
 
-// Not a compiler option for the whole file: functions of a header would be compiled for that
-// processor, too, and the linker might choose those for the whole program.
-#define TARGET_AVX2 __attribute__((target("avx2")))
-
 namespace {
 
 constexpr size_t half_block = 16;
 constexpr size_t block = 32;
 
-TARGET_AVX2 inline __m256i row_share(const unsigned char* row, size_t k, __m256i weights)
+TARGET_AVX2 inline __m256i row_part(const unsigned char* row, size_t k, __m256i weights)
 {
     const auto* from = reinterpret_cast<const __m256i*>(row + 2 * k - 1);
     const auto* one_on = reinterpret_cast<const __m256i*>(row + 2 * k);
@@ -31,8 +27,8 @@ TARGET_AVX2 inline __m256i filtered(const source_rows& rows, size_t k)
     const __m256i ones = _mm256_set1_epi8(1);
     const __m256i twos = _mm256_set1_epi8(2);
     const __m256i outer =
-        _mm256_add_epi16(row_share(rows.above, k, ones), row_share(rows.below, k, ones));
-    const __m256i total = _mm256_add_epi16(outer, row_share(rows.middle, k, twos));
+        _mm256_add_epi16(row_part(rows.above, k, ones), row_part(rows.below, k, ones));
+    const __m256i total = _mm256_add_epi16(outer, row_part(rows.middle, k, twos));
     return _mm256_srli_epi16(_mm256_add_epi16(total, _mm256_set1_epi16(8)), 4);
 }
 
@@ -46,7 +42,7 @@ TARGET_AVX2 inline void halve_half_block(unsigned char* out, const source_rows& 
 
 TARGET_AVX2 inline void halve_block(unsigned char* out, const source_rows& rows, size_t k)
 {
-    // The packing goes by 128-bit halves, hence the reordering of quarters.
+    // Packing works on each 128-bit half, so the quarters have to be reordered.
     const __m256i mixed = _mm256_packus_epi16(filtered(rows, k), filtered(rows, k + half_block));
     const __m256i bytes = _mm256_permute4x64_epi64(mixed, _MM_SHUFFLE(3, 1, 2, 0));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + k), bytes);

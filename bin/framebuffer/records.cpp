@@ -40,17 +40,17 @@ mipmap_image full_size_record(uint64_t unit_offset)
     return picture;
 }
 
-uint64_t moved(uint64_t plane_offset, uint64_t unit_offset)
+uint64_t shifted(uint64_t plane_offset, uint64_t unit_offset)
 {
     return plane_offset != absent_plane ? plane_offset + unit_offset : absent_plane;
 }
 
 mipmap_image level_record(mipmap_image level, uint64_t unit_offset)
 {
-    level.offset_Y = moved(level.offset_Y, unit_offset);
-    level.offset_U = moved(level.offset_U, unit_offset);
-    level.offset_V = moved(level.offset_V, unit_offset);
-    level.offset_A = moved(level.offset_A, unit_offset);
+    level.offset_Y = shifted(level.offset_Y, unit_offset);
+    level.offset_U = shifted(level.offset_U, unit_offset);
+    level.offset_V = shifted(level.offset_V, unit_offset);
+    level.offset_A = shifted(level.offset_A, unit_offset);
     level.scanline_data_offset += unit_offset;
     return level;
 }
@@ -64,18 +64,18 @@ void build_first_frame()
     }
 }
 
-// Room for the records, not yet touched: that takes as long as building them.
+// Reserves room for the records without touching it, which would take as long as building them.
 int reserve_further_frames()
 {
     const uint64_t further = image_decoded_frames > 1 ? image_decoded_frames - 1 : 0;
     try {
         secondary_image_mipmap_main.clear();
         secondary_image_mipmap_main.reserve(further);
-        for (int i = 0; i < most_mipmaps; ++i) {
+        for (int i = 0; i < max_mipmaps; ++i) {
             secondary_image_mipmap[i].clear();
             secondary_image_mipmap[i].reserve(i < mipmaps ? further : 0);
         }
-    } catch (const std::exception&) { // no memory, or more records than a vector can ever hold
+    } catch (const std::exception&) { // no memory, or more records than a vector can hold
         fputs("CNB allocation failed\n", stderr);
         return -1;
     }

@@ -1,6 +1,5 @@
-// The record is built aside and copied, so that a reader never meets a half-made one under a valid
-// magic: the magic's first byte is cleared before anything else changes and set again as the very
-// last.
+// The record is built separately and then copied. The magic's first byte is cleared before anything else
+// changes and set last, so a reader never sees a partial record with a valid magic.
 #include "bin/framebuffer/scanline_list.h"
 
 #include <array>
@@ -63,39 +62,22 @@ void put_placement(unsigned char* record, const mipmap_image& picture)
     put(record, at_destination_height, fixed_point(image_height));
 }
 
-struct plane_fields {
-    uint64_t stride;
-    uint64_t offset;
-    uint8_t x_shift;
-    uint8_t y_shift;
-};
-
-void put_plane(unsigned char* record, size_t plane, const plane_fields& fields, int height)
+void put_plane(unsigned char* record, size_t plane, const plane_place& place, int height)
 {
-    put_16(record, at_strides + 2 * plane, fields.stride);
+    const bool is_absent = plane != 0 && place.stride == 0;
+    const uint64_t offset = is_absent ? scanline_format::absent_plane : place.offset;
+    put_16(record, at_strides + 2 * plane, place.stride);
     put(record, at_plane_markers + plane, plane_marker);
-    put(record, at_horizontal_masks + plane, static_cast<uint8_t>((1U << fields.x_shift) - 1));
-    put(record, at_vertical_masks + plane, static_cast<uint8_t>((1U << fields.y_shift) - 1));
-    put(record, at_plane_offsets + 4 * plane, static_cast<uint32_t>(fields.offset));
-    put_16(record, at_last_rows + 2 * plane, static_cast<uint64_t>((height >> fields.y_shift) - 1));
-}
-
-uint64_t offset_unless_absent(uint64_t stride, uint64_t offset)
-{
-    return stride != 0 ? offset : scanline_format::absent_plane;
+    put(record, at_horizontal_masks + plane, static_cast<uint8_t>((1U << place.x_shift) - 1));
+    put(record, at_vertical_masks + plane, static_cast<uint8_t>((1U << place.y_shift) - 1));
+    put(record, at_plane_offsets + 4 * plane, static_cast<uint32_t>(offset));
+    put_16(record, at_last_rows + 2 * plane, static_cast<uint64_t>((height >> place.y_shift) - 1));
 }
 
 void put_shortcut(unsigned char* record, const mipmap_image& picture)
 {
-    const uint8_t x = picture.chroma_x_shift;
-    const uint8_t y = picture.chroma_y_shift;
-    const plane_fields planes[] = {
-        {picture.stride_Y, picture.offset_Y, 0, 0},
-        {picture.stride_U, offset_unless_absent(picture.stride_U, picture.offset_U), x, y},
-        {picture.stride_V, offset_unless_absent(picture.stride_V, picture.offset_V), x, y},
-        {picture.stride_A, offset_unless_absent(picture.stride_A, picture.offset_A), 0, 0},
-    };
-    for (size_t plane = 0; plane < std::size(planes); ++plane) {
+    const auto planes = planes_of(picture);
+    for (size_t plane = 0; plane < planes.size(); ++plane) {
         put_plane(record, plane, planes[plane], picture.height);
     }
     put(record, at_shortcut_constants, uint8_t{1});
@@ -104,7 +86,7 @@ void put_shortcut(unsigned char* record, const mipmap_image& picture)
     put_placement(record, picture);
 }
 
-// Each piece is begun only when it ends before the area does.
+// A part is only begun when the area has room for it.
 record_bytes build_record(const mipmap_image& picture, uint64_t frame_number)
 {
     const uint64_t fence = picture.scanline_data_size;
@@ -120,7 +102,8 @@ record_bytes build_record(const mipmap_image& picture, uint64_t frame_number)
     return record;
 }
 
-// One byte, because an area may begin at any address and only a byte is never torn.
+// The flag is a single byte, because an area may begin at any address and only byte accesses are always
+// atomic.
 void publish(unsigned char* area, const mipmap_image& picture, const record_bytes& record)
 {
     std::atomic_ref<unsigned char> first(area[0]);

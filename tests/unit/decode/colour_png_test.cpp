@@ -4,9 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "bin/decode/png_colour.h"
+#include "bin/decode/colour_rules.h"
 #include "bin/decode/png_palette.h"
-#include "bin/decode/rescale_kernels.h"
 #include "tests/support/guarded_bytes.h"
 
 namespace {

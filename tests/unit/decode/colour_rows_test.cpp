@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "bin/decode/colour_kernels.h"
 #include "bin/decode/colour_rows.h"
 #include "tests/support/guarded_bytes.h"
 
@@ -118,7 +117,7 @@ std::vector<const colour_kernel*> kernels_here()
 {
     std::vector<const colour_kernel*> here;
     for (const colour_kernel& kernel : colour_kernels()) {
-        if (kernel.runs_here()) {
+        if (runs_here(kernel.needs)) {
             here.push_back(&kernel);
         }
     }
@@ -128,7 +127,7 @@ std::vector<const colour_kernel*> kernels_here()
 TEST(ColourRows, BestKernelIsTheFirstSupportedAndTheLastIsAlwaysSupported)
 {
     ASSERT_FALSE(kernels_here().empty());
-    EXPECT_EQ(&best_colour_kernel(), kernels_here().front());
+    EXPECT_EQ(&best_version(colour_kernels()), kernels_here().front());
     EXPECT_EQ(kernels_here().back(), &colour_kernels().back());
 }
 
@@ -240,8 +239,7 @@ TEST(ColourRows, RgbIsWrittenToThreePlanes)
 {
     const samples pixels = random_bytes(77 * 3);
     run_planes made(77, 0);
-    const sample_planes to = made.target();
-    rgb_to_planes(pixels.data(), 77, to.y, to.u, to.v);
+    rgb_to_planes(pixels.data(), 77, made.target());
     EXPECT_TRUE(made == expected_planes(kinds[0], pixels.data(), 77, 0));
 }
 
@@ -250,8 +248,7 @@ TEST(ColourRows, RgbaIsWrittenToFourPlanesWithoutPremultiplication)
     samples pixels = random_bytes(77 * 4);
     pixels[3] = 0;
     run_planes made(77, 0);
-    const sample_planes to = made.target();
-    rgba_to_planes(pixels.data(), 77, to.y, to.u, to.v, to.a);
+    rgba_to_planes(pixels.data(), 77, made.target());
     EXPECT_TRUE(made == expected_planes(kinds[1], pixels.data(), 77, 0));
 }
 
@@ -259,24 +256,22 @@ TEST(ColourRows, GreyAndAlphaAreWrittenToTwoPlanes)
 {
     const samples pixels = random_bytes(77 * 2);
     run_planes made(77, 0);
-    const sample_planes to = made.target();
-    grey_alpha_to_planes(pixels.data(), 77, to.y, to.a);
+    grey_alpha_to_planes(pixels.data(), 77, made.target());
     EXPECT_TRUE(made == expected_planes(kinds[2], pixels.data(), 77, 0));
 }
 
 TEST(ColourRows, YuvaPixelsAreDeinterleavedWithOrWithoutAlpha)
 {
-    const samples bytes = random_bytes(77 * 4);
-    std::vector<packed_yuva> pixels(77);
-    memcpy(pixels.data(), bytes.data(), bytes.size());
-    run_planes expected = expected_planes(kinds[3], bytes.data(), 77, 0);
+    const samples pixels = random_bytes(77 * 4);
+    run_planes expected = expected_planes(kinds[3], pixels.data(), 77, 0);
     run_planes with_alpha(77, 0);
     sample_planes to = with_alpha.target();
-    split_yuva(pixels.data(), 77, to.y, to.u, to.v, to.a);
+    yuva_to_planes(pixels.data(), 77, to);
     EXPECT_TRUE(with_alpha == expected);
     run_planes without(77, 0);
     to = without.target();
-    split_yuva(pixels.data(), 77, to.y, to.u, to.v, nullptr);
+    to.a = nullptr;
+    yuva_to_planes(pixels.data(), 77, to);
     std::fill(expected.a.begin(), expected.a.end(), untouched);
     EXPECT_TRUE(without == expected);
 }

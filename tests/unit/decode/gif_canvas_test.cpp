@@ -5,8 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "bin/decode/colour_rules.h"
 #include "bin/decode/gif_canvas.h"
-#include "bin/decode/rgb_to_yuv.h"
 #include "bin/examine/gif.h"
 #include "bin/examine/gif_interlacing.h"
 #include "platform/media_item.h"

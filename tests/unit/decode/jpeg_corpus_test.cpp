@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "bin/decode/jpeg_raw.h"
+#include "bin/decode/jpeg.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg.h"
 #include "bin/examine/jpeg_reader.h"

@@ -6,7 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "bin/decode/jpeg_raw.h"
+#include "bin/decode/jpeg.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
 #include "bin/framebuffer/layout.h"

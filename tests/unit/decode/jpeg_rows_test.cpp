@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "bin/decode/jpeg_raw.h"
+#include "bin/decode/jpeg.h"
 #include "bin/decode/jpeg_rows.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
@@ -148,7 +148,7 @@ TEST_F(JpegRows, BlocksOfEverySizeStayInsideTheirPlane)
             for (const int width : {1, 16, 17, 33, 48}) {
                 picture what = ycbcr(width, 16, luma);
                 what.block_size = block;
-                if (luma.v * block <= most_jpeg_group_rows && groups_fit(what)) {
+                if (luma.v * block <= max_jpeg_group_rows && groups_fit(what)) {
                     expect_drawn_by_rules(what);
                 }
             }

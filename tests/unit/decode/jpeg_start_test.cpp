@@ -113,7 +113,7 @@ TEST_F(JpegStart, TooManyScansAreAFailure)
     EXPECT_EQ(start(), -1);
     EXPECT_THAT(told, EndsWith(gave_up));
     EXPECT_THAT(told, testing::Not(HasSubstr("JPEGLIB")));
-    EXPECT_EQ(scripted::log.idle_rounds, 1U + 2U * most_jpeg_scans);
+    EXPECT_EQ(scripted::log.idle_rounds, 1U + 2U * max_jpeg_scans);
     expect_idle();
 }
 
@@ -127,10 +127,10 @@ TEST_F(JpegStart, ScansUpToTheLimitAreRead)
         reset_for_jpeg();
         return scans;
     }();
-    insert_before_end(file, empty_scans(static_cast<size_t>(most_jpeg_scans - own_scans)));
+    insert_before_end(file, empty_scans(static_cast<size_t>(max_jpeg_scans - own_scans)));
     open(file);
     EXPECT_EQ(start(), 0);
-    EXPECT_EQ(jpeg_decompress->input_scan_number, most_jpeg_scans);
+    EXPECT_EQ(jpeg_decompress->input_scan_number, max_jpeg_scans);
 }
 
 // The budget of a large picture allows 129 full walks over its 262144 blocks.

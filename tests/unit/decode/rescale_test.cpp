@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include "bin/decode/rescale.h"
-#include "bin/decode/rescale_kernels.h"
 
 namespace {
 
@@ -70,8 +69,8 @@ TEST(Rescale, EmptyRangeBreaksAnInvariant)
 TEST(Rescale, BestKernelIsTheFirstSupported)
 {
     for (const rescale_kernel& kernel : rescale_kernels()) {
-        if (kernel.runs_here()) {
-            EXPECT_EQ(&best_rescale_kernel(), &kernel);
+        if (runs_here(kernel.needs)) {
+            EXPECT_EQ(&best_version(rescale_kernels()), &kernel);
             return;
         }
     }
@@ -82,7 +81,7 @@ TEST(Rescale, BestKernelIsTheFirstSupported)
 TEST(Rescale, EveryKernelIsExactForEverySampleAtEveryPosition)
 {
     for (const rescale_kernel& kernel : rescale_kernels()) {
-        if (!kernel.runs_here()) {
+        if (!runs_here(kernel.needs)) {
             continue;
         }
         for (size_t shift = 0; shift < 64; ++shift) {
@@ -110,7 +109,7 @@ TEST(Rescale, EveryKernelChangesExactlyTheGivenSamples)
     std::generate(input.begin(), input.end(),
                   [&random] { return static_cast<unsigned char>(random()); });
     for (const rescale_kernel& kernel : rescale_kernels()) {
-        if (!kernel.runs_here()) {
+        if (!runs_here(kernel.needs)) {
             continue;
         }
         for (size_t start = 0; start < 64; start += 7) {

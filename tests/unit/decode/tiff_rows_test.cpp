@@ -28,7 +28,7 @@ int red_difference(int r, int g, int b)
 
 struct four_rows {
     explicit four_rows(size_t size) : y(size, 1), u(size, 2), v(size, 3), a(size, 4) {}
-    tiff_row row() { return {y.data(), u.data(), v.data(), a.data()}; }
+    sample_planes row() { return {y.data(), u.data(), v.data(), a.data()}; }
     bool operator==(const four_rows&) const = default;
     bytes y, u, v, a;
 };

@@ -1,5 +1,5 @@
-// Per-sample rules of the four-component JPEG decoders, over runs of samples. Products of two
-// samples are divided by 255 truncating toward zero.
+// Applying K to the samples of YCCK and CMYK pictures, over runs of samples. Products of two samples
+// are divided by 255, truncating toward zero.
 #pragma once
 
 #include <cstddef>
@@ -13,6 +13,6 @@ void invert_and_darken_chroma(unsigned char* samples, const unsigned char* k, si
 // samples[i] = 255 - samples[i]
 void invert(unsigned char* samples, size_t count);
 
-// c, m, y with k, each a share of white, to Y, U, V in their place.
+// Replaces c, m and y, which together with k are shares of white, by Y, U and V.
 void cmyk_to_yuv(unsigned char* c, unsigned char* m, unsigned char* y, const unsigned char* k,
                  size_t count);

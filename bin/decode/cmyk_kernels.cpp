@@ -1,13 +1,11 @@
-// Plain loops that compilers make vector code of; the function for the processor at hand is chosen
-// when the program is loaded. t / 255 = (t + 1 + (t >> 8)) >> 8 for t in 0 .. 255 * 255, and all
-// sums of the RGB rule fit 16 bits, so that every step is 16-bit arithmetic.
-#include "bin/decode/jpeg_four_kernels.h"
+// Plain loops that compilers vectorise. All products and all sums of the RGB rule fit 16 bits, so
+// every step is 16-bit arithmetic.
+#include "bin/decode/cmyk_kernels.h"
 
 #include <cstdint>
 
-#include "bin/decode/divided_by_255.h"
-#include "bin/decode/rgb_to_yuv.h"
-#include "bin/decode/vector_clones.h"
+#include "bin/decode/colour_rules.h"
+#include "bin/framebuffer/kernel_choice.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "bin/decode/jpeg_four.h"
-#include "bin/decode/jpeg_four_kernels.h"
-#include "bin/decode/rgb_to_yuv.h"
+#include "bin/decode/cmyk_kernels.h"
+#include "bin/decode/colour_rules.h"
+#include "bin/decode/jpeg.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
 #include "bin/framebuffer/layout.h"
@@ -45,7 +45,7 @@ struct all_pairs {
     std::vector<unsigned char> ks;
 };
 
-TEST(JpegFourKernels, LumaIsInvertedAndDarkenedForEveryPair)
+TEST(CmykKernels, LumaIsInvertedAndDarkenedForEveryPair)
 {
     all_pairs pairs;
     invert_and_darken_luma(pairs.samples.data(), pairs.ks.data(), pairs.ks.size());
@@ -55,7 +55,7 @@ TEST(JpegFourKernels, LumaIsInvertedAndDarkenedForEveryPair)
     }
 }
 
-TEST(JpegFourKernels, ChromaIsInvertedAndDrawnToTheMiddleForEveryPair)
+TEST(CmykKernels, ChromaIsInvertedAndDrawnToTheMiddleForEveryPair)
 {
     all_pairs pairs;
     invert_and_darken_chroma(pairs.samples.data(), pairs.ks.data(), pairs.ks.size());
@@ -65,7 +65,7 @@ TEST(JpegFourKernels, ChromaIsInvertedAndDrawnToTheMiddleForEveryPair)
     }
 }
 
-TEST(JpegFourKernels, InvertTurnsEverySampleRound)
+TEST(CmykKernels, InvertTurnsEverySampleRound)
 {
     all_pairs pairs;
     invert(pairs.samples.data(), 256);
@@ -74,7 +74,7 @@ TEST(JpegFourKernels, InvertTurnsEverySampleRound)
     }
 }
 
-TEST(JpegFourKernels, InkBecomesYuvForEveryPairInEachChannel)
+TEST(CmykKernels, InkBecomesYuvForEveryPairInEachChannel)
 {
     for (int channel = 0; channel < 3; ++channel) {
         const all_pairs pairs;
@@ -96,7 +96,7 @@ TEST(JpegFourKernels, InkBecomesYuvForEveryPairInEachChannel)
     }
 }
 
-TEST(JpegFourKernels, EveryCountLeavesWhatIsBehindAlone)
+TEST(CmykKernels, EveryCountLeavesWhatIsBehindAlone)
 {
     for (size_t count = 0; count <= 100; ++count) {
         const all_pairs pairs;
@@ -139,7 +139,7 @@ TEST(RgbToYuv, EveryColourIsCutNotRounded)
 
 constexpr unsigned char sentinel = 0xA5;
 
-class JpegFour : public jpeg_test {
+class JpegCmyk : public jpeg_test {
 protected:
     static picture flat(picture what, const std::vector<unsigned char>& samples)
     {
@@ -187,21 +187,21 @@ protected:
 
 using yuv = std::vector<int>;
 
-TEST_F(JpegFour, CmykExamples)
+TEST_F(JpegCmyk, CmykExamples)
 {
     EXPECT_EQ(drawn(JCS_CMYK, {255, 255, 255, 255}), (yuv{235, 128, 128}));
     EXPECT_EQ(drawn(JCS_CMYK, {10, 200, 90, 0}), (yuv{16, 128, 128}));
     EXPECT_EQ(drawn(JCS_CMYK, {255, 0, 0, 255}), (yuv{81, 90, 239}));
 }
 
-TEST_F(JpegFour, YcckExamples)
+TEST_F(JpegCmyk, YcckExamples)
 {
     EXPECT_EQ(drawn(JCS_YCCK, {0, 128, 128, 255})[0], 235);
     EXPECT_EQ(drawn(JCS_YCCK, {77, 30, 220, 0}), (yuv{16, 128, 128}));
     EXPECT_EQ(drawn(JCS_YCCK, {0, 255, 0, 255}), (yuv{235, 16, 239}));
 }
 
-TEST_F(JpegFour, EverySizeIsDrawnByTheRules)
+TEST_F(JpegCmyk, EverySizeIsDrawnByTheRules)
 {
     for (const int width : {1, 8, 15, 16, 17, 33}) {
         for (const int height : {1, 15, 17, 32, 33}) {
@@ -214,7 +214,7 @@ TEST_F(JpegFour, EverySizeIsDrawnByTheRules)
     }
 }
 
-TEST_F(JpegFour, BlocksOfEverySizeStayInsideTheirPlane)
+TEST_F(JpegCmyk, BlocksOfEverySizeStayInsideTheirPlane)
 {
     for (int block = 1; block <= 16; ++block) {
         for (const int width : {16, 33, 48}) {
@@ -233,7 +233,7 @@ TEST_F(JpegFour, BlocksOfEverySizeStayInsideTheirPlane)
     }
 }
 
-TEST_F(JpegFour, GroupsOfMoreThan16RowsBreakAnInvariant)
+TEST_F(JpegCmyk, GroupsOfMoreThan16RowsBreakAnInvariant)
 {
     picture ink = four(JCS_CMYK, 40, 40, {4, 4});
     ink.separate_scans = true; // too many blocks for one
@@ -254,7 +254,7 @@ TEST_F(JpegFour, GroupsOfMoreThan16RowsBreakAnInvariant)
 }
 
 // K's rows that such a file does not have are not what the heap held before.
-TEST_F(JpegFour, UnequalInkFactorsGiveTheSamePictureEachTime)
+TEST_F(JpegCmyk, UnequalInkFactorsGiveTheSamePictureEachTime)
 {
     picture what = four(JCS_CMYK, 40, 40, {1, 1});
     what.sampling = {{2, 2}, {1, 1}, {1, 1}, {1, 1}};
@@ -265,7 +265,7 @@ TEST_F(JpegFour, UnequalInkFactorsGiveTheSamePictureEachTime)
     mallopt(M_PERTURB, 0);
 }
 
-TEST_F(JpegFour, SubsampledYcckIsToldForEachRowGroupAndChromaIsInvertedOnly)
+TEST_F(JpegCmyk, SubsampledYcckIsToldForEachRowGroupAndChromaIsInvertedOnly)
 {
     picture what = flat(four(JCS_YCCK, 48, 40, {2, 2}), {0, 255, 0, 0});
     open(write(what));
@@ -275,14 +275,14 @@ TEST_F(JpegFour, SubsampledYcckIsToldForEachRowGroupAndChromaIsInvertedOnly)
     EXPECT_EQ(pixel(0, 0), (yuv{16, 16, 239}));
 }
 
-TEST_F(JpegFour, VerticallySubsampledYcckKeepsTheNextPlane)
+TEST_F(JpegCmyk, VerticallySubsampledYcckKeepsTheNextPlane)
 {
     expect_drawn_literally(write(four(JCS_YCCK, 16, 32, {1, 2})), "1x2");
     EXPECT_EQ(scripted::buffer()[image_scanline_data_buffer_offset], sentinel);
     EXPECT_EQ(told, "");
 }
 
-TEST_F(JpegFour, MissingMemoryForKIsToldBeforeAnyLibraryCall)
+TEST_F(JpegCmyk, MissingMemoryForKIsToldBeforeAnyLibraryCall)
 {
     open(write(four(JCS_CMYK, 16, 16, {1, 1})));
     failing_calls::plan.calloc = 1;
@@ -295,7 +295,7 @@ TEST_F(JpegFour, MissingMemoryForKIsToldBeforeAnyLibraryCall)
     EXPECT_EQ(jpeg_decompress->global_state, 202); // header read, nothing started
 }
 
-TEST_F(JpegFour, FailedStartGivesMinusOne)
+TEST_F(JpegCmyk, FailedStartGivesMinusOne)
 {
     for (const J_COLOR_SPACE space : {JCS_CMYK, JCS_YCCK}) {
         reset_for_jpeg();
@@ -307,7 +307,7 @@ TEST_F(JpegFour, FailedStartGivesMinusOne)
     }
 }
 
-TEST_F(JpegFour, SignalStopsAtTheTopOfTheNextPassOnly)
+TEST_F(JpegCmyk, SignalStopsAtTheTopOfTheNextPassOnly)
 {
     open(write(four(JCS_YCCK, 16, 64, {1, 1})), sentinel);
     scripted::plan.die_after_idle = 2; // in the second row group's pump
@@ -318,7 +318,7 @@ TEST_F(JpegFour, SignalStopsAtTheTopOfTheNextPassOnly)
     EXPECT_EQ(allocation(), draw_literally(write(four(JCS_YCCK, 16, 64, {1, 1})), options));
 }
 
-TEST_F(JpegFour, EachPlaneThatCannotBeMappedStopsTheLoop)
+TEST_F(JpegCmyk, EachPlaneThatCannotBeMappedStopsTheLoop)
 {
     const std::string lines[] = {"Failed to memory-map Y plane\n", "Failed to memory-map U plane\n",
                                  "Failed to memory-map V plane\n"};
@@ -339,7 +339,7 @@ TEST_F(JpegFour, EachPlaneThatCannotBeMappedStopsTheLoop)
     }
 }
 
-TEST_F(JpegFour, ProgressIsReportedForEachRowGroup)
+TEST_F(JpegCmyk, ProgressIsReportedForEachRowGroup)
 {
     open(write(four(JCS_CMYK, 16, 20, {1, 1})));
     EXPECT_EQ(decode(full_decode_jpeg_raw_cmyk), 0);
@@ -349,7 +349,7 @@ TEST_F(JpegFour, ProgressIsReportedForEachRowGroup)
     EXPECT_EQ(scripted::log.idle_rounds, 3U);
 }
 
-TEST_F(JpegFour, RowCounterThatDisagreesIsToldBeforeASignalIsSeen)
+TEST_F(JpegCmyk, RowCounterThatDisagreesIsToldBeforeASignalIsSeen)
 {
     for (const J_COLOR_SPACE space : {JCS_CMYK, JCS_YCCK}) {
         reset_for_jpeg();
@@ -366,7 +366,7 @@ TEST_F(JpegFour, RowCounterThatDisagreesIsToldBeforeASignalIsSeen)
     }
 }
 
-TEST_F(JpegFour, InvariantsNameTheDecoder)
+TEST_F(JpegCmyk, InvariantsNameTheDecoder)
 {
     open(write(four(JCS_CMYK, 16, 16, {1, 1})));
     image_chroma_x_shift = 1;
@@ -396,7 +396,7 @@ TEST_F(JpegFour, InvariantsNameTheDecoder)
                 "i != 0");
 }
 
-TEST_F(JpegFour, RealFilesAreDrawnByTheRules)
+TEST_F(JpegCmyk, RealFilesAreDrawnByTheRules)
 {
     for (const char* name : {"cmyk-odd-width.jpg", "cmyk-32x32.jpg", "ycck-444.jpg", "ycck-420.jpg",
                              "ycck-422.jpg", "ycck-440.jpg"}) {

@@ -1,0 +1,41 @@
+// Which version of a kernel runs on this machine.
+//
+// A kernel with versions for several processors has a table of them, best first: rows of a name,
+// what the version needs, and its functions. All rows give the same bytes. The last row needs
+// nothing.
+//
+// A plain loop that compilers vectorise well is marked FOR_EACH_PROCESSOR instead. The compiler
+// makes the versions and the dynamic loader chooses one.
+#pragma once
+
+#include <span>
+
+enum class processor_feature { NONE, SSSE3, AVX2 };
+
+bool runs_here(processor_feature needed);
+
+// The first version that runs on this machine. `version` has a member `needs`.
+template <typename version>
+const version& best_version(std::span<const version> versions)
+{
+    for (const version& candidate : versions) {
+        if (runs_here(candidate.needs)) {
+            return candidate;
+        }
+    }
+    return versions.back();
+}
+
+// Attributes, not compiler options for a whole file: inline functions from headers would be compiled
+// for that processor too, and the linker might keep those copies for the whole program.
+#ifdef __x86_64__
+#define TARGET_SSSE3 __attribute__((target("ssse3")))
+#define TARGET_AVX2 __attribute__((target("avx2")))
+#endif
+
+// clang 14 gives the clones a name that other translation units do not find.
+#if defined(__x86_64__) && !defined(__clang__)
+#define FOR_EACH_PROCESSOR __attribute__((target_clones("avx2", "default")))
+#else
+#define FOR_EACH_PROCESSOR
+#endif

@@ -28,7 +28,7 @@ yuv of_palette(unsigned char index, png_color_struct* palette, int size)
     return {result[0], result[1], result[2]};
 }
 
-TEST(PngColour, CornersOfTheColourCubeAndMiddleGrey)
+TEST(PngPalette, CornersOfTheColourCubeAndMiddleGrey)
 {
     EXPECT_EQ(of_rgb(0, 0, 0), (yuv{16, 128, 128}));
     EXPECT_EQ(of_rgb(255, 255, 255), (yuv{235, 128, 128}));
@@ -38,7 +38,7 @@ TEST(PngColour, CornersOfTheColourCubeAndMiddleGrey)
     EXPECT_EQ(of_rgb(128, 128, 128), (yuv{126, 128, 128}));
 }
 
-TEST(PngColour, EveryColourFollowsTheRuleWithinItsRange)
+TEST(PngPalette, EveryColourFollowsTheRuleWithinItsRange)
 {
     yuv least = {255, 255, 255};
     yuv most = {0, 0, 0};
@@ -61,7 +61,7 @@ TEST(PngColour, EveryColourFollowsTheRuleWithinItsRange)
     EXPECT_EQ(most, (yuv{235, 239, 239}));
 }
 
-TEST(PngColour, PaletteEntryIsConverted)
+TEST(PngPalette, PaletteEntryIsConverted)
 {
     std::array<png_color_struct, 3> palette = {{{255, 0, 0}, {0, 0, 255}, {0, 255, 0}}};
     EXPECT_EQ(of_palette(0, palette.data(), 3), (yuv{81, 90, 239}));
@@ -69,7 +69,7 @@ TEST(PngColour, PaletteEntryIsConverted)
     EXPECT_EQ(of_palette(2, palette.data(), 3), (yuv{144, 54, 34}));
 }
 
-TEST(PngColour, LastEntryOfAFullPaletteIsReached)
+TEST(PngPalette, LastEntryOfAFullPaletteIsReached)
 {
     std::array<png_color_struct, 256> palette = {};
     palette[255] = {255, 255, 255};
@@ -77,7 +77,7 @@ TEST(PngColour, LastEntryOfAFullPaletteIsReached)
 }
 
 // Memory ends with the palette.
-TEST(PngColour, IndexBehindThePaletteIsBlackAndReadsNothing)
+TEST(PngPalette, IndexBehindThePaletteIsBlackAndReadsNothing)
 {
     const GuardedBytes bytes(std::vector<unsigned char>(2 * sizeof(png_color_struct), 255));
     auto* palette = reinterpret_cast<png_color_struct*>(const_cast<unsigned char*>(bytes.begin()));
@@ -86,14 +86,14 @@ TEST(PngColour, IndexBehindThePaletteIsBlackAndReadsNothing)
     EXPECT_EQ(of_palette(255, palette, 2), (yuv{16, 128, 128}));
 }
 
-TEST(PngColour, EmptyPaletteIsBlackThroughout)
+TEST(PngPalette, EmptyPaletteIsBlackThroughout)
 {
     EXPECT_EQ(of_palette(0, nullptr, 0), (yuv{16, 128, 128}));
     EXPECT_EQ(of_palette(7, nullptr, -1), (yuv{16, 128, 128}));
 }
 
 // Memory ends with the palette here, too.
-TEST(PngColour, PaletteIsConvertedForEveryIndexAndOpaque)
+TEST(PngPalette, PaletteIsConvertedForEveryIndexAndOpaque)
 {
     const GuardedBytes bytes({255, 0, 0, 0, 0, 255});
     auto* entries = reinterpret_cast<png_color_struct*>(const_cast<unsigned char*>(bytes.begin()));
@@ -107,7 +107,7 @@ TEST(PngColour, PaletteIsConvertedForEveryIndexAndOpaque)
     }
 }
 
-TEST(PngColour, GreyIsRescaledByTheLumaRule)
+TEST(PngPalette, GreyIsRescaledByTheLumaRule)
 {
     for (int grey = 0; grey < 256; ++grey) {
         EXPECT_EQ(rescale_luma_sample(static_cast<unsigned char>(grey)), grey * 219 / 255 + 16);

@@ -91,11 +91,11 @@ void write_rows(benchmark::State& state)
 
 bool load_buffer(cnb_allocation* allocation)
 {
-    cnb_set_domain("bench", buffer_size);
+    platform::cnb_set_domain("bench", buffer_size);
     cnb_static_alloc = 1;
     cnb_total = buffer_size;
     cache = vexa_global_access_cache_create();
-    return cnb_join_domain() == 0 && cnb_default_buffer_load() == 0 &&
+    return platform::cnb_join_domain() == 0 && cnb_default_buffer_load() == 0 &&
            cnb_malloc(allocation, buffer_size, "bench");
 }
 
@@ -120,6 +120,6 @@ int main(int argc, char** argv)
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     cnb_alloc_freeall();
-    cnb_leave_domain();
+    platform::cnb_leave_domain();
     return 0;
 }

@@ -156,8 +156,8 @@ void print_line(const char* name, const std::vector<cost>& costs, const std::vec
 int main(int argc, char** argv)
 {
     const uint64_t size = strtoull(argc > 1 ? argv[1] : "256", nullptr, 10) << 20;
-    cnb_set_domain("bench", size);
-    if (size == 0 || cnb_join_domain() != 0) {
+    platform::cnb_set_domain("bench", size);
+    if (size == 0 || platform::cnb_join_domain() != 0) {
         return 1;
     }
     std::vector<std::vector<cost>> costs(std::size(ways) + 1);
@@ -178,6 +178,6 @@ int main(int argc, char** argv)
         print_line(i < std::size(ways) ? ways[i].name : "the platform's buffer and cache", costs[i],
                    costs[0]);
     }
-    cnb_leave_domain();
+    platform::cnb_leave_domain();
     return 0;
 }

@@ -56,7 +56,7 @@ void check_settings()
     const bool unknown = vexa_aspect_ratio.numerator == 0 && vexa_aspect_ratio.denominator == 0;
     require(unknown || (vexa_aspect_ratio.numerator > 0 && vexa_aspect_ratio.denominator > 0));
     require(vexa_background_music == 0 || vexa_background_music == 1);
-    require(cnb_domain_name_valid(platform::own.domain));
+    require(platform::cnb_domain_name_valid(platform::own.domain));
 }
 
 FILE* null_stream()

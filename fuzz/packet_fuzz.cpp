@@ -17,6 +17,7 @@
 #include "platform/standalone/clients/requests.h"
 #include "platform/standalone/clients/service.h"
 #include "platform/standalone/clients/settings.h"
+#include "platform/standalone/comm/acceptor.h"
 #include "platform/standalone/comm/server.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/report/changes.h"

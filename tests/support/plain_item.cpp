@@ -6,7 +6,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/serve_lock.h"
@@ -230,7 +230,7 @@ void platform::refresh_serve_lock()
     ++state.lock_refreshed;
 }
 
-int cnb_open_read_only_descriptor()
+int platform::cnb_open_read_only_descriptor()
 {
     if (state.descriptor_fails) {
         return -1;

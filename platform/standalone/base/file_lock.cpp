@@ -33,7 +33,7 @@ int open_lock_file(int folder, const char* name)
     return fd.release();
 }
 
-bool is_named(int fd, int folder, const char* name)
+bool names_file(int folder, const char* name, int fd)
 {
     struct stat held = {};
     struct stat named = {};
@@ -52,7 +52,7 @@ lock_result try_lock(int folder, const char* name, unique_fd* held)
     if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
         return errno == EWOULDBLOCK || errno == EINTR ? lock_result::BUSY : lock_result::FAILED;
     }
-    if (!is_named(fd.get(), folder, name)) {
+    if (!names_file(folder, name, fd.get())) {
         return lock_result::BUSY;
     }
     *held = std::move(fd);
@@ -77,6 +77,11 @@ lock_result file_lock::take(int folder, const char* name, uint64_t limit_us,
         }
         nanosleep(&pause_between_tries, nullptr);
     }
+}
+
+bool file_lock::is_named(int folder, const char* name) const
+{
+    return names_file(folder, name, fd_.get());
 }
 
 void file_lock::release()

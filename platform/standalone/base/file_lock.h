@@ -24,6 +24,9 @@ public:
     lock_result take(int folder, const char* name, uint64_t limit_us,
                      const std::atomic<int>* stop = nullptr);
 
+    // True while `name` in the folder is the locked file.
+    bool is_named(int folder, const char* name) const;
+
     bool held() const { return static_cast<bool>(fd_); }
     int fd() const { return fd_.get(); }
 

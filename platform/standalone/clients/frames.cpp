@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/comm/connection.h"
 #include "platform/standalone/report/status.h"
 #include "platform/time.h"

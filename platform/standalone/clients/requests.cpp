@@ -140,22 +140,11 @@ const refusal* give_back_frame(const request_call& call)
     return done(call);
 }
 
-bool may_be_metadata(const set_metadata& body)
-{
-    constexpr auto none = std::string_view::npos;
-    return !body.name.empty() && body.name.size() <= max_set_metadata_name &&
-           body.value.size() <= max_set_metadata_value && body.name.find('\0') == none &&
-           body.value.find('\0') == none;
-}
-
 const refusal* change_metadata_value(const request_call& call)
 {
     set_metadata body;
     if (!read_body(call, &body)) {
         return &malformed_packet;
-    }
-    if (!may_be_metadata(body)) {
-        return &refused_value;
     }
     const setting_state state = store_client_setting(body.name, body.value);
     if (state == setting_state::REFUSED) {

@@ -11,7 +11,7 @@
 #include <sys/mman.h>
 
 #include "platform/standalone/cnb/default_buffer.h"
-#include "platform/standalone/cnb/domain_membership.h"
+#include "platform/standalone/cnb/domain.h"
 
 #ifndef MADV_POPULATE_WRITE
 #define MADV_POPULATE_WRITE 23 // Linux 5.14

@@ -7,7 +7,6 @@
 #include "platform/cnb.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/cnb/domain.h"
-#include "platform/standalone/cnb/domain_membership.h"
 #include "platform/standalone/cnb/memory_bound.h"
 #include "platform/standalone/cnb/shared_buffer.h"
 
@@ -113,6 +112,11 @@ std::string map_default_buffer()
     return default_mapping.base != nullptr ? "" : reserve_memory();
 }
 
+int cnb_open_read_only_descriptor()
+{
+    return state().memory.open_read_only();
+}
+
 } // namespace platform
 
 using namespace platform;
@@ -165,9 +169,4 @@ void cnb_default_buffer_drop()
     state().told_waiting = false;
     // Last: until its memory is gone a buffer counts.
     release_in_domain();
-}
-
-int cnb_open_read_only_descriptor()
-{
-    return state().memory.open_read_only();
 }

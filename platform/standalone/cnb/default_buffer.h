@@ -21,4 +21,9 @@ uint64_t default_buffer_size();
 // Reserves and maps the loaded buffer, unless that is done. Empty on success, else why not.
 std::string map_default_buffer();
 
+// A description of the default buffer of its own, for a client: it cannot write, resize or remap
+// the buffer for writing, and its file offset is nobody else's. The caller closes it. -1 with errno
+// while nothing is allocated in the buffer.
+int cnb_open_read_only_descriptor();
+
 } // namespace platform

@@ -10,13 +10,13 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/cnb/domain_folder.h"
-#include "platform/standalone/cnb/domain_membership.h"
 #include "platform/standalone/cnb/memory_bound.h"
+#include "platform/standalone/cnb/memory_room.h"
 #include "platform/standalone/cnb/shared_buffer.h"
 
-bool (*cnb_reserve_pump)() = nullptr;
-
 namespace platform {
+
+bool (*cnb_reserve_pump)() = nullptr;
 
 cnb_machine the_machine;
 
@@ -139,10 +139,6 @@ void reset_cnb()
     the_machine = {};
 }
 
-} // namespace platform
-
-using namespace platform;
-
 bool cnb_domain_name_valid(std::string_view name)
 {
     return !name.empty() && name.size() <= longest_name && name.front() != '.' &&
@@ -203,3 +199,5 @@ void cnb_leave_domain()
     cnb_default_buffer_drop();
     state().joined.reset();
 }
+
+} // namespace platform

@@ -10,7 +10,8 @@
 #include <unistd.h>
 
 #include "platform/standalone/base/checked_math.h"
-#include "platform/standalone/cnb/domain_membership.h"
+#include "platform/standalone/cnb/cgroup_memory.h"
+#include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/cnb/small_file.h"
 
 namespace platform {

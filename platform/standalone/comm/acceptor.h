@@ -2,10 +2,19 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <string>
 
 #include "platform/standalone/comm/server.h"
 
 namespace platform {
+
+// Binds and listens; a stale socket file is replaced. False with one line on failure.
+bool start_listening(comm_socket_v4_server& server, const std::string& path);
+
+// Takes a connection. Null when it is refused; it was told why.
+comm_socket_v4_client* adopt(comm_socket_v4_server& server, std::unique_ptr<packet_channel> channel,
+                             uint64_t now_us);
 
 // Accepts what waits at the listening socket, a bounded number. Returns how many there were. When
 // the process or the machine has no descriptor left, accepting pauses until a client leaves or a

@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <sys/epoll.h>
 #include <vector>
 
@@ -68,13 +67,6 @@ namespace platform {
 // has no descriptor for it.
 std::unique_ptr<comm_socket_v4_server> make_server(const server_callbacks& callbacks,
                                                    const server_limits& limits = {});
-
-// Binds and listens; a stale socket file is replaced. False with one line on failure.
-bool start_listening(comm_socket_v4_server& server, const std::string& path);
-
-// Takes a connection. Null when it is refused; it was told why.
-comm_socket_v4_client* adopt(comm_socket_v4_server& server, std::unique_ptr<packet_channel> channel,
-                             uint64_t now_us);
 
 // False when the last round was idle and is less than a round gap ago, and nothing was reported
 // since.

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "platform/standalone/base/checked_math.h"
-#include "platform/standalone/cnb/domain_membership.h"
+#include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/cnb/memory_room.h"
 #include "platform/standalone/cnb/small_file.h"
 

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/media_item.h"
@@ -33,27 +32,6 @@ bool forks_are_noted()
     return noted;
 }
 
-// The last holder may have removed the file between our opening and our locking it; then the lock
-// is on a file that nobody else will find.
-bool is_still_named(int fd, const char* path)
-{
-    struct stat held = {};
-    struct stat named = {};
-    return fstat(fd, &held) == 0 && lstat(path, &named) == 0 && held.st_dev == named.st_dev &&
-           held.st_ino == named.st_ino;
-}
-
-lock_result take_named_lock(const std::string& path)
-{
-    for (;;) {
-        const lock_result result = lock.take(AT_FDCWD, path.c_str(), patience_us, &DIE4);
-        if (result != lock_result::TAKEN || is_still_named(lock.fd(), path.c_str())) {
-            return result;
-        }
-        lock.release();
-    }
-}
-
 // The number in the lock file of another worker, 0 when it has not written it yet.
 int holder_of(const std::string& path)
 {
@@ -76,7 +54,7 @@ std::string served_by(int holder)
 bool take_serve_lock(const std::string& socket_path)
 {
     const std::string path = socket_path + lock_suffix;
-    switch (take_named_lock(path)) {
+    switch (lock.take(AT_FDCWD, path.c_str(), patience_us, &DIE4)) {
     case lock_result::TAKEN:
         break;
     case lock_result::BUSY:
@@ -117,7 +95,7 @@ void release_serve_lock()
         return;
     }
     if (owner == getpid()) {
-        if (is_still_named(lock.fd(), lock_path.c_str())) {
+        if (lock.is_named(AT_FDCWD, lock_path.c_str())) {
             unlink(lock_path.c_str());
         }
         lock.release();

@@ -50,8 +50,7 @@ void append_slot(metadata_v4_metadata_context* list, text_entry&& text, size_t s
 
 bool acceptable(std::string_view name, std::string_view value)
 {
-    return name.size() <= platform::max_metadata_name &&
-           value.size() <= platform::max_metadata_value &&
+    return name.size() <= platform::max_entry_name && value.size() <= platform::max_entry_value &&
            name.find('\0') == std::string_view::npos && value.find('\0') == std::string_view::npos;
 }
 

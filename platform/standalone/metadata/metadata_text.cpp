@@ -126,10 +126,10 @@ const char* parse_entry(std::string_view line, text_entry* entry)
         !unescape(trimmed(line.substr(separator + 1)), &entry->value)) {
         return "unknown escape after a backslash";
     }
-    if (entry->name.size() > max_metadata_name) {
+    if (entry->name.size() > max_entry_name) {
         return "the name is too long";
     }
-    if (entry->value.size() > max_metadata_value) {
+    if (entry->value.size() > max_entry_value) {
         return "the value is too long";
     }
     return nullptr;
@@ -271,17 +271,6 @@ void append_entry_line(std::string* out, std::string_view name, std::string_view
     *out += " = ";
     append_text(out, value);
     *out += '\n';
-}
-
-std::string write_metadata(const text_document& document)
-{
-    std::string out;
-    for (const text_entry& entry : document.entries) {
-        out += entry.leading;
-        append_entry_line(&out, entry.name, entry.value, entry.tag);
-    }
-    out += document.trailing;
-    return out;
 }
 
 } // namespace platform

@@ -10,8 +10,8 @@ namespace platform {
 
 inline constexpr size_t max_metadata_file = size_t{16} << 20; // bytes
 inline constexpr size_t max_metadata_entries = 131072;
-inline constexpr size_t max_metadata_name = 4096;             // bytes, before escaping
-inline constexpr size_t max_metadata_value = size_t{1} << 20; // bytes, before escaping
+inline constexpr size_t max_entry_name = 4096;             // bytes, before escaping
+inline constexpr size_t max_entry_value = size_t{1} << 20; // bytes, before escaping
 
 inline constexpr int item_tag = -1; // the tag of entries that speak of the item as a whole
 
@@ -38,8 +38,5 @@ bool parse_metadata(std::string_view text, text_document* document, text_fault* 
 
 // Appends the line of one entry, newline included. No text may hold a NUL.
 void append_entry_line(std::string* out, std::string_view name, std::string_view value, int tag);
-
-// The whole text. Parsing it gives `document` again.
-std::string write_metadata(const text_document& document);
 
 } // namespace platform

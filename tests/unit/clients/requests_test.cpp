@@ -308,32 +308,6 @@ TEST_F(ClientsRequests, WaitingMetadataIsWrittenAndAnsweredAtTheEnd)
     EXPECT_TRUE(setter.hung_up());
 }
 
-TEST_F(ClientsRequests, MetadataIsAcceptedUpToItsLimits)
-{
-    const std::string name(max_set_metadata_name, 'n');
-    const std::string value(max_set_metadata_value, 'v');
-    expect_done(ask(client(), encode(4, set_metadata{name, value})), 4);
-    expect_done(ask(client(), encode(4, set_metadata{"n", ""})), 4);
-    EXPECT_EQ(state.stored.size(), 2U);
-    expect_error(ask(client(), encode(5, set_metadata{name + "n", "v"})), REFUSED_VALUE, 5,
-                 "this metadata may not be set so");
-    expect_error(ask(client(), encode(5, set_metadata{"n", value + "v"})), REFUSED_VALUE, 5,
-                 "this metadata may not be set so");
-    expect_error(ask(client(), encode(5, set_metadata{"", "v"})), REFUSED_VALUE, 5,
-                 "this metadata may not be set so");
-    EXPECT_EQ(state.stored.size(), 2U);
-}
-
-TEST_F(ClientsRequests, MetadataWithANulIsRefused)
-{
-    const std::string_view nul("a\0b", 3);
-    expect_error(ask(client(), encode(5, set_metadata{nul, "v"})), REFUSED_VALUE, 5,
-                 "this metadata may not be set so");
-    expect_error(ask(client(), encode(5, set_metadata{"n", nul})), REFUSED_VALUE, 5,
-                 "this metadata may not be set so");
-    EXPECT_THAT(state.stored, IsEmpty());
-}
-
 TEST_F(ClientsRequests, MetadataIsStoredWithoutAHook)
 {
     vexa_on_metadata_set = nullptr;

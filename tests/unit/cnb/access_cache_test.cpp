@@ -26,7 +26,7 @@ class AccessCache : public cnb_test::cnb {
 protected:
     AccessCache() : cache(vexa_global_access_cache_create())
     {
-        cnb_set_domain("default", uint64_t{1} << 30);
+        platform::cnb_set_domain("default", uint64_t{1} << 30);
     }
 
     ~AccessCache() override

@@ -16,7 +16,7 @@ class Allocations : public cnb_test::cnb {
 protected:
     Allocations()
     {
-        cnb_set_domain("default", 1'000'000);
+        platform::cnb_set_domain("default", 1'000'000);
         cnb_total = size_of_buffer;
         cnb_static_alloc = 1;
         EXPECT_EQ(cnb_default_buffer_load(), 0);

@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/standalone/cnb/domain_membership.h"
+#include "platform/standalone/cnb/domain.h"
 
 namespace cnb_test {
 

@@ -11,7 +11,6 @@
 #include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/cnb/domain.h"
-#include "platform/standalone/cnb/domain_membership.h"
 #include "tests/support/child_process.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
@@ -23,7 +22,7 @@ namespace {
 
 class DefaultBuffer : public cnb_test::cnb {
 protected:
-    DefaultBuffer() { cnb_set_domain("default", limit); }
+    DefaultBuffer() { platform::cnb_set_domain("default", limit); }
 
     ~DefaultBuffer() override { cnb_alloc_freeall(); } // before the record is destroyed
 
@@ -114,7 +113,7 @@ TEST_F(DefaultBuffer, LoadingAgainChangesNothing)
     ASSERT_EQ(load(2000), 0);
     EXPECT_EQ(image_cnb_buffer_fd, fd);
     EXPECT_EQ(image_cnb_buffer, 1U);
-    EXPECT_EQ(cnb_view_domain().buffer_size, 1000U);
+    EXPECT_EQ(platform::cnb_view_domain().buffer_size, 1000U);
 }
 
 TEST_F(DefaultBuffer, WholeLimitIsAvailable)
@@ -130,7 +129,7 @@ TEST_F(DefaultBuffer, MoreThanTheLimitIsRefusedAtOnce)
 
 TEST_F(DefaultBuffer, MoreThanFourGigabytesLessAPageIsRefusedWhateverTheLimit)
 {
-    cnb_set_domain("default", UINT64_MAX);
+    platform::cnb_set_domain("default", UINT64_MAX);
     const uint64_t largest = (uint64_t{1} << 32) - static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     expect_refusal(largest + 1, "a buffer has at most " + std::to_string(largest) + " bytes");
     cnb_default_buffer_drop();
@@ -141,7 +140,7 @@ TEST_F(DefaultBuffer, MoreThanFourGigabytesLessAPageIsRefusedWhateverTheLimit)
 
 TEST_F(DefaultBuffer, SizesOfTheLargestPicturesAreRefusedAtOnce)
 {
-    cnb_set_domain("default", UINT64_MAX);
+    platform::cnb_set_domain("default", UINT64_MAX);
     const std::string reason =
         "a buffer has at most " + std::to_string(platform::largest_buffer()) + " bytes";
     for (const uint64_t size :
@@ -160,7 +159,7 @@ TEST_F(DefaultBuffer, RefusedRequestReservesNothing)
 {
     ASSERT_EQ(load(UINT64_MAX), 0);
     child_process other([] {
-        cnb_leave_domain();
+        platform::cnb_leave_domain();
         return load(limit) == 0 && image_cnb_buffer == 1 ? 0 : 1;
     });
     EXPECT_EQ(other.wait(), 0);
@@ -192,8 +191,8 @@ TEST_F(DefaultBuffer, RoomBesideOtherBuffersIsUsedToTheLastByte)
 TEST_F(DefaultBuffer, DomainsAreIndependent)
 {
     const std::unique_ptr<child_process> other = neighbour(limit);
-    cnb_leave_domain();
-    cnb_set_domain("another", limit);
+    platform::cnb_leave_domain();
+    platform::cnb_set_domain("another", limit);
     EXPECT_EQ(load(limit), 0);
     EXPECT_EQ(image_cnb_buffer, 1U);
     leave.give();
@@ -282,7 +281,7 @@ TEST_F(DefaultBuffer, FailedReservationNamesStepAndReason)
 
 TEST_F(DefaultBuffer, LackOfDescriptorsIsWaitedForAndReportedOnce)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     failing.create_errno = EMFILE;
     testing::internal::CaptureStderr();
     EXPECT_NE(load(1000), 0);
@@ -295,7 +294,7 @@ TEST_F(DefaultBuffer, LackOfDescriptorsIsWaitedForAndReportedOnce)
 
 TEST_F(DefaultBuffer, DomainThatCannotBeJoinedIsARefusal)
 {
-    cnb_set_domain("..", limit);
+    platform::cnb_set_domain("..", limit);
     testing::internal::CaptureStderr();
     ASSERT_EQ(load(1000), 0);
     EXPECT_GE(image_cnb_buffer_fd, 0);
@@ -306,14 +305,14 @@ TEST_F(DefaultBuffer, DomainThatCannotBeJoinedIsARefusal)
 
 TEST_F(DefaultBuffer, DamagedRegistryIsRefusedByName)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     cnb_test::write_file(domain_path() + "/registry", "something else, longer than a header");
     expect_refusal(1000, "registry in '" + domain_path() + "': not a registry of this version");
 }
 
 TEST_F(DefaultBuffer, RemovedFolderIsRecreated)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     std::filesystem::remove_all(runtime.path("stillimage"));
     ASSERT_EQ(load(1000), 0);
     EXPECT_EQ(image_cnb_buffer, 1U);
@@ -323,9 +322,9 @@ TEST_F(DefaultBuffer, RemovedFolderIsRecreated)
 TEST_F(DefaultBuffer, ClientsGetAReadOnlyDescriptorOnceSomethingIsAllocated)
 {
     ASSERT_EQ(load(1000), 0);
-    EXPECT_EQ(cnb_open_read_only_descriptor(), -1);
+    EXPECT_EQ(platform::cnb_open_read_only_descriptor(), -1);
     ASSERT_TRUE(cnb_malloc(&allocation, 1000, "Image"));
-    const platform::unique_fd client(cnb_open_read_only_descriptor());
+    const platform::unique_fd client(platform::cnb_open_read_only_descriptor());
     ASSERT_TRUE(client);
     struct stat ours = {};
     struct stat theirs = {};
@@ -340,8 +339,8 @@ TEST_F(DefaultBuffer, SocketIsServedDuringALargeReservation)
 {
     static int rounds = 0;
     rounds = 0;
-    cnb_set_domain("default", uint64_t{1} << 30);
-    cnb_reserve_pump = [] {
+    platform::cnb_set_domain("default", uint64_t{1} << 30);
+    platform::cnb_reserve_pump = [] {
         ++rounds;
         return true;
     };

@@ -12,7 +12,6 @@
 #include "platform/cnb.h"
 #include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/cnb/domain.h"
-#include "platform/standalone/cnb/domain_membership.h"
 #include "tests/support/child_process.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
@@ -26,7 +25,7 @@ protected:
     static std::string join_and_tell(int expected)
     {
         testing::internal::CaptureStderr();
-        EXPECT_EQ(cnb_join_domain(), expected);
+        EXPECT_EQ(platform::cnb_join_domain(), expected);
         return testing::internal::GetCapturedStderr();
     }
 
@@ -101,48 +100,48 @@ TEST_F(Domain, JoiningTwiceIsAllowed)
 
 TEST_F(Domain, LeavingWithoutJoiningAndTwiceIsAllowed)
 {
-    cnb_leave_domain();
+    platform::cnb_leave_domain();
     EXPECT_EQ(join_and_tell(0), "");
-    cnb_leave_domain();
-    cnb_leave_domain();
-    EXPECT_EQ(cnb_view_domain().limit, 0U);
+    platform::cnb_leave_domain();
+    platform::cnb_leave_domain();
+    EXPECT_EQ(platform::cnb_view_domain().limit, 0U);
 }
 
 TEST_F(Domain, NamesThatCouldLeaveTheFolderAreInvalid)
 {
     for (const char* name : {"", ".", "..", ".hidden", "a/b", "/", "../default"}) {
-        EXPECT_FALSE(cnb_domain_name_valid(name)) << name;
+        EXPECT_FALSE(platform::cnb_domain_name_valid(name)) << name;
     }
-    EXPECT_FALSE(cnb_domain_name_valid(std::string(65, 'x')));
-    EXPECT_FALSE(cnb_domain_name_valid(std::string_view("a\0b", 3)));
-    EXPECT_TRUE(cnb_domain_name_valid(std::string(64, 'x')));
+    EXPECT_FALSE(platform::cnb_domain_name_valid(std::string(65, 'x')));
+    EXPECT_FALSE(platform::cnb_domain_name_valid(std::string_view("a\0b", 3)));
+    EXPECT_TRUE(platform::cnb_domain_name_valid(std::string(64, 'x')));
     for (const char* name : {"default", "studio 1", "%s%n", "a..b", "\xC3\xBC"}) {
-        EXPECT_TRUE(cnb_domain_name_valid(name)) << name;
+        EXPECT_TRUE(platform::cnb_domain_name_valid(name)) << name;
     }
 }
 
 TEST_F(Domain, InvalidNameIsReportedOnOneLine)
 {
-    cnb_set_domain("a/b\nc", 0);
+    platform::cnb_set_domain("a/b\nc", 0);
     EXPECT_EQ(join_and_tell(-1), "cannot use the CNB domain 'a/b\\x0Ac': a name has 1 to 64 bytes, "
                                  "no '/', and no '.' at its beginning\n");
 }
 
 TEST_F(Domain, NameIsNoFormat)
 {
-    cnb_set_domain("%s%n", 0);
+    platform::cnb_set_domain("%s%n", 0);
     EXPECT_EQ(join_and_tell(0), "");
     EXPECT_EQ(access(domain_path("%s%n").c_str(), F_OK), 0);
-    EXPECT_STREQ(cnb_view_domain().name, "%s%n");
+    EXPECT_STREQ(platform::cnb_view_domain().name, "%s%n");
 }
 
 TEST_F(Domain, SettingsApplyToTheNextJoin)
 {
-    cnb_set_domain("one", 1000);
+    platform::cnb_set_domain("one", 1000);
     EXPECT_EQ(join_and_tell(0), "");
-    cnb_set_domain("two", 2000);
-    EXPECT_STREQ(cnb_view_domain().name, "one");
-    EXPECT_EQ(cnb_view_domain().limit, 1000U);
+    platform::cnb_set_domain("two", 2000);
+    EXPECT_STREQ(platform::cnb_view_domain().name, "one");
+    EXPECT_EQ(platform::cnb_view_domain().limit, 1000U);
 }
 
 TEST_F(Domain, DefaultLimitIsHalfOfTheMemory)
@@ -151,7 +150,7 @@ TEST_F(Domain, DefaultLimitIsHalfOfTheMemory)
     cnb_test::write_file(machine.path("proc/meminfo"), "MemTotal: 1000 kB\nMemAvailable: 900 kB\n");
     platform::the_machine.root = machine.path();
     EXPECT_EQ(join_and_tell(0), "");
-    EXPECT_EQ(cnb_view_domain().limit, 512'000U);
+    EXPECT_EQ(platform::cnb_view_domain().limit, 512'000U);
 }
 
 TEST_F(Domain, DefaultLimitIsHalfOfTheControlGroup)
@@ -164,15 +163,15 @@ TEST_F(Domain, DefaultLimitIsHalfOfTheControlGroup)
     cnb_test::write_file(machine.path("g/memory.limit_in_bytes"), "300000\n");
     platform::the_machine.root = machine.path();
     EXPECT_EQ(join_and_tell(0), "");
-    EXPECT_EQ(cnb_view_domain().limit, 150'000U);
+    EXPECT_EQ(platform::cnb_view_domain().limit, 150'000U);
 }
 
 TEST_F(Domain, ViewDescribesTheBuffer)
 {
-    cnb_set_domain("studio", 5000);
+    platform::cnb_set_domain("studio", 5000);
     cnb_total = 1234;
     ASSERT_EQ(cnb_default_buffer_load(), 0);
-    const cnb_domain_view view = cnb_view_domain();
+    const platform::cnb_domain_view view = platform::cnb_view_domain();
     EXPECT_STREQ(view.name, "studio");
     EXPECT_EQ(view.limit, 5000U);
     EXPECT_EQ(view.buffer, 1U);
@@ -271,7 +270,7 @@ TEST_F(Domain, FullFileSystemIsRefusedWithItsReason)
             mount("none", runtime.path().c_str(), "tmpfs", 0, "size=16k") != 0) {
             return 77;
         }
-        if (cnb_join_domain() != 0) {
+        if (platform::cnb_join_domain() != 0) {
             return 1;
         }
         cnb_test::write_file(runtime.path("filler"), std::string(1 << 20, 'x'));

@@ -11,7 +11,6 @@
 
 #include "platform/cnb.h"
 #include "platform/standalone/cnb/domain.h"
-#include "platform/standalone/cnb/domain_membership.h"
 #include "platform/standalone/cnb/memory_bound.h"
 #include "platform/standalone/cnb/small_file.h"
 #include "platform/standalone/confine/sanitized_build.h"
@@ -99,7 +98,7 @@ protected:
 
 TEST_F(MemoryBound, CodecsMayHaveHalfOfTheReserveAndTheWorkersObjectsAQuarter)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     EXPECT_EQ(memory_beside_buffers().codecs, 600 * mebibyte - reserve / 2);
     EXPECT_EQ(memory_beside_buffers().own_objects, reserve / 4);
     EXPECT_EQ(platform::memory_for_buffers(), 600 * mebibyte - reserve);
@@ -119,7 +118,7 @@ TEST_F(MemoryBound, TightestGroupCounts)
     write_file(machine.path("groups/outer/memory.usage_in_bytes"), std::to_string(10 * mebibyte));
     write_file(machine.path("groups/outer/inner/memory.limit_in_bytes"), std::to_string(total / 2));
     write_file(machine.path("groups/outer/inner/memory.usage_in_bytes"), "0");
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     // 54, less half of a sixteenth of 64.
     EXPECT_EQ(memory_beside_buffers().codecs, 52 * mebibyte);
     EXPECT_EQ(memory_beside_buffers().own_objects, mebibyte);
@@ -127,7 +126,7 @@ TEST_F(MemoryBound, TightestGroupCounts)
 
 TEST_F(MemoryBound, NoMoreIsMappedThanMemoryHasRoomFor)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     expect_in_child([] {
         start_memory_bound();
         renew_memory_bound();
@@ -139,7 +138,7 @@ TEST_F(MemoryBound, NoMoreIsMappedThanMemoryHasRoomFor)
 
 TEST_F(MemoryBound, HalfIsLeftForTheFrameBufferAtFirst)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     expect_in_child([] {
         start_memory_bound();
         expect_room((600 * mebibyte - reserve / 2) / 2);
@@ -148,7 +147,7 @@ TEST_F(MemoryBound, HalfIsLeftForTheFrameBufferAtFirst)
 
 TEST_F(MemoryBound, RoomIsMeasuredAgain)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     expect_in_child([this] {
         start_memory_bound();
         set_available(200 * mebibyte);
@@ -163,7 +162,7 @@ TEST_F(MemoryBound, RoomIsMeasuredAgain)
 
 TEST_F(MemoryBound, ExistingMappingsCountInAddition)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     expect_in_child([] {
         void* taken =
             mmap(nullptr, total, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -177,7 +176,7 @@ TEST_F(MemoryBound, ExistingMappingsCountInAddition)
 
 TEST_F(MemoryBound, InitialLimitIsNeverExceeded)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     expect_in_child([] {
         const uint64_t ceiling = mapped() + 100 * mebibyte;
         const rlimit limit = {ceiling, RLIM_INFINITY};
@@ -193,8 +192,8 @@ TEST_F(MemoryBound, InitialLimitIsNeverExceeded)
 
 TEST_F(MemoryBound, FrameBufferIsReservedUnderTheInitialLimit)
 {
-    cnb_set_domain("default", total);
-    ASSERT_EQ(cnb_join_domain(), 0);
+    platform::cnb_set_domain("default", total);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     expect_in_child([this] {
         set_available(10 * mebibyte);
         const uint64_t before = soft_limit();
@@ -213,7 +212,7 @@ TEST_F(MemoryBound, FrameBufferIsReservedUnderTheInitialLimit)
 
 TEST_F(MemoryBound, WorkersOwnObjectsHaveAShareBesideTheCodecs)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     expect_in_child([this] {
         set_available(0);
         start_memory_bound();
@@ -231,7 +230,7 @@ TEST_F(MemoryBound, WorkersOwnObjectsHaveAShareBesideTheCodecs)
 
 TEST_F(MemoryBound, RequestThatIsTooLargeTakesNothingFromTheShare)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     expect_in_child([this] {
         set_available(0);
         start_memory_bound();
@@ -247,7 +246,7 @@ TEST_F(MemoryBound, RequestThatIsTooLargeTakesNothingFromTheShare)
 
 TEST_F(MemoryBound, NothingHappensBeforeTheStart)
 {
-    ASSERT_EQ(cnb_join_domain(), 0);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     expect_in_child([this] {
         set_available(0);
         const uint64_t before = soft_limit();

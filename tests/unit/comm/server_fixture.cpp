@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "platform/standalone/comm/acceptor.h"
+
 using namespace comm_protocol;
 
 namespace {

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/standalone/comm/acceptor.h"
 #include "platform/standalone/comm/server.h"
 #include "platform/standalone/comm/socket_channel.h"
 #include "platform/time.h"

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/standalone/cnb/domain.h"
-#include "platform/standalone/cnb/domain_membership.h"
+#include "platform/standalone/cnb/memory_room.h"
 #include "platform/standalone/confine/memory.h"
 #include "tests/support/child_process.h"
 #include "tests/support/item_fixture.h"
@@ -51,15 +51,15 @@ class ConfinementMemoryOfThisProcess : public item_test::ItemFixture {};
 
 TEST_F(ConfinementMemoryOfThisProcess, BufferIsTheDomainsLimitUpToTheMaximum)
 {
-    cnb_set_domain("small", 64 * mebibyte);
-    ASSERT_EQ(cnb_join_domain(), 0);
+    platform::cnb_set_domain("small", 64 * mebibyte);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     const platform::memory_need need = platform::present_memory_need();
     EXPECT_EQ(need.buffer, 64 * mebibyte);
     EXPECT_GT(need.mapped, mebibyte);
     EXPECT_EQ(need.memory, platform::memory_room().total());
-    cnb_leave_domain();
-    cnb_set_domain("large", 64 * gibibyte);
-    ASSERT_EQ(cnb_join_domain(), 0);
+    platform::cnb_leave_domain();
+    platform::cnb_set_domain("large", 64 * gibibyte);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
     EXPECT_EQ(platform::present_memory_need().buffer, platform::largest_buffer());
 }
 

@@ -65,10 +65,10 @@ TEST_F(LifeCycle, DomainFromTheSwitchesIsJoined)
 {
     ASSERT_EQ(take({"--domain", "stage", "--domain-limit", "64M"}), 0);
     ASSERT_EQ(vexa_join_cnb_domain(), 0);
-    EXPECT_STREQ(cnb_view_domain().name, "stage");
-    EXPECT_EQ(cnb_view_domain().limit, uint64_t{64} << 20);
+    EXPECT_STREQ(platform::cnb_view_domain().name, "stage");
+    EXPECT_EQ(platform::cnb_view_domain().limit, uint64_t{64} << 20);
     vexa_free_all();
-    EXPECT_EQ(cnb_view_domain().limit, 0U);
+    EXPECT_EQ(platform::cnb_view_domain().limit, 0U);
 }
 
 TEST_F(LifeCycle, DomainThatCannotBeJoinedIsReported)

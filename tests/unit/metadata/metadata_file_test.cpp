@@ -379,7 +379,7 @@ TEST_F(MetadataFile, LeftoversOfAKilledWriterAreRemoved)
 TEST_F(MetadataFile, ListThatWouldBecomeTooLargeIsNotWritten)
 {
     // Bytes that a file may contain unescaped, but that are written as escapes.
-    const std::string controls(platform::max_metadata_value - 1, '\x01');
+    const std::string controls(platform::max_entry_value - 1, '\x01');
     std::string text;
     for (int i = 0; i < 8; ++i) {
         text += "a = " + controls + "\n";

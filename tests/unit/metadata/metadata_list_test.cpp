@@ -160,8 +160,8 @@ TEST(MetadataList, HundredThousandEntriesAreFreedAndAddedAgain)
 TEST(MetadataList, AddedEntriesAreLimited)
 {
     const list_owner list = list_from("");
-    const std::string long_name(platform::max_metadata_name + 1, 'n');
-    const std::string long_value(platform::max_metadata_value + 1, 'v');
+    const std::string long_name(platform::max_entry_name + 1, 'n');
+    const std::string long_value(platform::max_entry_value + 1, 'v');
     EXPECT_EQ(add(list, long_name.c_str(), "v"), -1);
     EXPECT_EQ(add(list, long_name.c_str() + 1, "v"), 0);
     EXPECT_EQ(add(list, "n", long_value.c_str()), -1);
@@ -195,7 +195,7 @@ TEST(MetadataList, HolesCountTowardsTheLimit)
 TEST(MetadataList, TextNeverExceedsTheLimitOfAFileThatIsRead)
 {
     const list_owner list = list_from("");
-    const std::string megabyte(platform::max_metadata_value,
+    const std::string megabyte(platform::max_entry_value,
                                '\x01'); // escaped, each is four bytes
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(add(list, "a", megabyte.c_str()), 0);

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/metadata_text.h"
 
 namespace {
@@ -10,6 +11,13 @@ namespace {
 using platform::text_document;
 using platform::text_entry;
 using platform::text_fault;
+
+// The text that a list of these entries has in its file.
+std::string written(text_document document)
+{
+    const platform::list_owner list(platform::new_metadata_list(std::move(document)));
+    return platform::metadata_list_text(*list);
+}
 
 text_document parsed(std::string_view text)
 {
@@ -162,14 +170,13 @@ TEST(MetadataText, CommentsAndEmptyLinesBelongToTheNextEntry)
     EXPECT_EQ(document.entries[0].leading, "# one\n\n# two\n");
     EXPECT_EQ(document.entries[1].leading, "#three\n");
     EXPECT_EQ(document.trailing, "\n#four\n");
-    EXPECT_EQ(platform::write_metadata(document),
-              "# one\n\n# two\na = b\n#three\nc = d\n\n#four\n");
+    EXPECT_EQ(written(document), "# one\n\n# two\na = b\n#three\nc = d\n\n#four\n");
 }
 
 TEST(MetadataText, EqualNamesAndTheirOrderAreKept)
 {
     constexpr const char* text = "b = 1\na = 2\nb = 3\n[7] b = 4\n";
-    EXPECT_EQ(platform::write_metadata(parsed(text)), text);
+    EXPECT_EQ(written(parsed(text)), text);
 }
 
 // Parses the example of docs/metadata.md.
@@ -188,7 +195,7 @@ TEST(MetadataText, DocumentedExampleIsParsedAsDescribed)
                                          "e\tof the ");
     EXPECT_EQ(document.entries[4].tag, 3);
     EXPECT_EQ(document.entries[4].name, "language");
-    EXPECT_EQ(platform::write_metadata(document), text);
+    EXPECT_EQ(written(document), text);
 }
 
 TEST(MetadataText, EntryIsWrittenReadably)
@@ -248,8 +255,8 @@ TEST(MetadataText, RandomBytesSurvive)
 
 TEST(MetadataText, NameAndValueAreAcceptedUpToTheLimit)
 {
-    const std::string name(platform::max_metadata_name, 'n');
-    const std::string value(platform::max_metadata_value, 'v');
+    const std::string name(platform::max_entry_name, 'n');
+    const std::string value(platform::max_entry_value, 'v');
     EXPECT_EQ(only_entry(name + " = " + value).value, value);
     EXPECT_EQ(refusal(name + "n = v"), "1: the name is too long");
     EXPECT_EQ(refusal("n = v" + value), "1: the value is too long");

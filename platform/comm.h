@@ -9,10 +9,10 @@ struct comm_socket_v4_packet; // one packet, received or to be sent
 struct common_pkt_parsing;    // the parsed head of a client's request
 
 // Waits until a client is readable or `deadline_us` (monotonic) has passed; a deadline in the past
-// returns at once. A signal or a null server ends the wait early or late, never an error.
+// returns at once. A signal or a null server may end the wait early or late, but is never an error.
 void comm_socket_v4_server_from_client_readable(comm_socket_v4_server* server,
                                                 uint64_t deadline_us);
 
-// Creates the socket anew in a daemonised child: bound under a temporary name and renamed over the
-// old one, so that no client meets a missing socket; accepted connections are kept. 0 or -1.
+// Creates the socket again in a daemonised child: bound under a temporary name and renamed over the
+// old one, so that the socket is never missing for clients; accepted connections are kept. 0 or -1.
 int comm_socket_v4_reopen_server(comm_socket_v4_server* server);

@@ -1,11 +1,11 @@
-// What the process gives up once it has everything that serving one picture takes.
+// Rights that the process gives up once it has everything that it needs to serve one picture.
 #pragma once
 
-// To be called once, when start-up is over and before a byte of the picture is looked at: from here
-// on the process can gain no privileges, has a limit to its address space, may make only the system
-// calls and reach only the files that its work needs. A fault in a codec then harms its own picture
-// and little else. docs/item.md says what is left.
+// To be called once, at the end of start-up and before a byte of the picture is read. From then on
+// the process cannot gain privileges, has a limited address space, and may use only the system
+// calls and files that its work needs. A fault in a codec then affects little more than its own
+// picture. docs/item.md lists what remains possible.
 //
-// Each measure is taken for itself, as far as the kernel and what surrounds the process allow it.
-// Nothing is printed, and nothing that fails is a reason not to serve. Goes on in forked children.
+// Each measure is applied separately, as far as the kernel and the environment permit. Nothing is
+// printed, and no failure prevents serving. Forked children inherit the limits.
 void confine_process();

@@ -4,13 +4,13 @@
 #include <cstdint>
 #include <cstdio>
 
-// A ratio as two signed numbers; neither its sign nor a zero denominator is forbidden.
+// A ratio of two signed numbers; negative numbers and a zero denominator are permitted.
 struct int_rational {
     int64_t numerator;
     int64_t denominator;
 };
 
-// Writes one line for each open descriptor of this process: its number and what it refers to.
+// Writes one line per open descriptor of this process: its number and what it refers to.
 void fd_debug_dump_open_files(FILE* out);
 
 // Prepares the platform's 8-bit gamma 2.2 table. May be called any number of times.

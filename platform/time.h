@@ -3,5 +3,5 @@
 
 #include <cstdint>
 
-// Monotonic time in microseconds. Never goes back, unaffected by wall-clock changes.
+// Monotonic time in microseconds. Never goes back and is unaffected by changes of the wall clock.
 uint64_t monotonic_clock_us();

@@ -22,7 +22,7 @@ namespace platform {
 
 namespace {
 
-// Reserving gigabytes takes a noticeable part of a second; clients are served meanwhile.
+// Reserving gigabytes takes a noticeable part of a second, so clients are served meanwhile.
 bool serve_while_reserving()
 {
     if (idle_vexa_server_comm() >= 0) {
@@ -31,7 +31,7 @@ bool serve_while_reserving()
     return DIE4 == 0;
 }
 
-// Clients may come while the picture is examined, and are told what is known of it by then.
+// Clients may connect while the picture is examined and get what is known of it by then.
 int open_service()
 {
     if (!mode_serves() || !vexa_auto_socket_create) {
@@ -42,7 +42,7 @@ int open_service()
     return open_comm_service() ? 0 : -1;
 }
 
-// The socket goes before the lock under which it was made.
+// Removes the socket before the lock that protects it is released.
 void give_item_back()
 {
     close_comm_service();
@@ -67,13 +67,14 @@ void reset_item()
 
 using namespace platform;
 
-// The lowest free number is given, so a descriptor opened here is the missing one. Not
-// close-on-exec, as standard descriptors are.
+// The kernel assigns the lowest free number, so a descriptor opened here is the missing one. Like
+// standard descriptors it is not close-on-exec.
 void open_missing_standard_descriptors()
 {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(fd, F_GETFD) == -1 && errno == EBADF && open("/dev/null", O_RDWR) == -1) {
-            // Without a null device any descriptor keeps the number from being used for a file.
+            // Without a null device any descriptor will do: it only keeps the number from being
+            // used for a file.
             open("/", O_PATH | O_DIRECTORY);
         }
     }
@@ -106,7 +107,7 @@ void vexa_idle_housekeeping()
     answer_waiting_settings(now_us);
 }
 
-// The socket goes before the lock under which it was made, the log last of all.
+// Removes the socket before the lock that protects it is released; closes the log last.
 void vexa_free_all()
 {
     close_status();

@@ -1,4 +1,4 @@
-// What the platform tells on standard error: one line an event, whatever bytes a path holds.
+// Messages of the platform on standard error: one line per event, whatever bytes a path contains.
 #pragma once
 
 #include <string>

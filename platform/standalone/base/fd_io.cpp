@@ -19,7 +19,7 @@ auto retried(const call& system_call)
     return result;
 }
 
-// Repeats `transfer(done)` until `size` bytes are through, nothing more comes, or an error shows.
+// Repeats `transfer(done)` until `size` bytes are transferred, the input ends, or an error occurs.
 template <typename call>
 ssize_t transfer_fully(size_t size, const call& transfer)
 {
@@ -37,7 +37,7 @@ ssize_t transfer_fully(size_t size, const call& transfer)
     return static_cast<ssize_t>(done);
 }
 
-// The result of a whole write: a device that takes nothing is full.
+// A write that transfers nothing means that the device is full.
 int written(ssize_t done, size_t size)
 {
     if (done < 0) {

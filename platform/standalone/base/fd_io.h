@@ -1,6 +1,6 @@
-// Reads and writes that see a signal or a short transfer through to the end.
-// For files and other blocking descriptors; a non-blocking one that is not ready is an error
-// (EAGAIN).
+// Reads and writes that continue after a signal or a short transfer.
+// They are for files and other blocking descriptors; a non-blocking descriptor that is not ready is
+// an error (EAGAIN).
 #pragma once
 
 #include <cstddef>
@@ -18,8 +18,8 @@ ssize_t read_some(int fd, void* data, size_t size);
 ssize_t pread_some(int fd, void* data, size_t size, uint64_t offset);
 ssize_t write_some(int fd, const void* data, size_t size);
 
-// The number of bytes read: `size`, or less when the file ends before. -1 with errno on any error,
-// bytes read before it included.
+// The number of bytes read: `size`, or fewer at the end of the file. -1 with errno on any error,
+// even when some bytes had been read.
 ssize_t read_fully(int fd, void* data, size_t size);
 ssize_t pread_fully(int fd, void* data, size_t size, uint64_t offset);
 

@@ -16,7 +16,7 @@ namespace {
 
 constexpr timespec pause_between_tries = {0, 5'000'000};
 
-// O_NONBLOCK for a FIFO in the place of the file: opening it must not wait.
+// O_NONBLOCK: opening must not wait when a FIFO has the name of the file.
 constexpr int lock_file_flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
 int open_lock_file(int folder, const char* name)
@@ -41,8 +41,8 @@ bool names_file(int folder, const char* name, int fd)
            held.st_dev == named.st_dev && held.st_ino == named.st_ino;
 }
 
-// Opened anew for each try: whoever held the lock may have removed its file since, and a lock on a
-// file without a name keeps nobody away.
+// Each try opens the file again: its last holder may have removed it meanwhile, and a lock on a
+// file without a name excludes nobody.
 lock_result try_lock(int folder, const char* name, unique_fd* held)
 {
     unique_fd fd(open_lock_file(folder, name));
@@ -61,14 +61,14 @@ lock_result try_lock(int folder, const char* name, unique_fd* held)
 
 } // namespace
 
-// Tries in turn instead of waiting in the kernel: a blocked flock has no time limit.
+// Polls instead of waiting in the kernel, because a blocking flock has no time limit.
 lock_result file_lock::take(int folder, const char* name, uint64_t limit_us,
                             const std::atomic<int>* stop)
 {
     const uint64_t deadline = saturating_add(monotonic_clock_us(), limit_us);
     for (;;) {
-        // Asked before the try, so that a process that was not given the processor until the limit
-        // was over still tries once more.
+        // Determined before the try, so that a process that was not scheduled until the limit had
+        // passed still tries once more.
         const bool is_last_try =
             monotonic_clock_us() >= deadline || (stop != nullptr && stop->load() != 0);
         const lock_result result = try_lock(folder, name, &fd_);

@@ -1,5 +1,5 @@
-// A lock between processes, held through an open file: it survives a fork and goes with its last
-// holder.
+// A lock between processes, held through an open file. It is inherited by a forked child and
+// released when the last holder ends.
 #pragma once
 
 #include <atomic>
@@ -17,20 +17,20 @@ enum class lock_result {
 
 class file_lock {
 public:
-    // Locks the file `name` in the open folder (AT_FDCWD: the working one), made with mode 0600 and
-    // not removed by release. A file that its last holder has removed is not taken for the lock.
-    // Waits up to `limit_us`, 0 tries once. `stop`, when given, ends the wait early as soon as it
-    // is not 0.
+    // Locks the file `name` in the open folder (AT_FDCWD: the working folder). The file is created
+    // with mode 0600 and is not removed by release. A file that its last holder has removed does
+    // not count as the lock. Waits up to `limit_us`; 0 tries once. `stop`, when given, ends the
+    // wait early as soon as it is not 0.
     lock_result take(int folder, const char* name, uint64_t limit_us,
                      const std::atomic<int>* stop = nullptr);
 
-    // True while `name` in the folder is the locked file.
+    // True while `name` in the folder refers to the locked file.
     bool is_named(int folder, const char* name) const;
 
     bool held() const { return static_cast<bool>(fd_); }
     int fd() const { return fd_.get(); }
 
-    // Lets go of the lock, for every process that has inherited it.
+    // Releases the lock, also for every process that has inherited it.
     void release();
 
 private:

@@ -26,7 +26,7 @@ int rename_file(int folder, const char* from, const char* to)
     return renameat(folder, from, folder, to);
 }
 
-// A second name, then the first one taken away: for file systems whose rename knows no flags.
+// For file systems whose rename accepts no flags: adds the new name, then removes the old one.
 int link_and_unlink(int folder, const char* from, const char* to)
 {
     if (linkat(folder, from, folder, to, 0) != 0) {

@@ -1,5 +1,5 @@
-// The system calls that change files, as a table: a test hands in one that fails or stops on
-// purpose.
+// The system calls that change files, as a table, so that a test can substitute one that fails or
+// stops on purpose.
 #pragma once
 
 #include <cstddef>

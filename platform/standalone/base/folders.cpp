@@ -21,8 +21,8 @@ int make_one_folder(const char* path)
     if (mkdir(path, folder_mode) == 0) {
         return 0;
     }
-    // A parent such as "/" or a read-only mount answers with an error of its own though it is
-    // there. When the name is taken, the reason is what keeps us from looking at it.
+    // For an existing parent such as "/" or a read-only mount mkdir may fail with an error of its
+    // own. When the name exists, the error of looking at it is the one that matters.
     const int mkdir_errno = errno;
     struct stat status = {};
     if (stat(path, &status) != 0) {

@@ -8,8 +8,8 @@
 
 namespace platform {
 
-// Makes the folder and the ones above it that are missing, each with mode 0700. 0 when it is there
-// afterwards; -1 with errno otherwise (ENOTDIR when something else has its name).
+// Creates the folder and its missing parents, each with mode 0700. 0 when the folder exists
+// afterwards; -1 with errno otherwise (ENOTDIR when the name belongs to something else).
 int make_folders(const char* path);
 
 // The folder, open for reading. Empty with errno on failure.

@@ -1,5 +1,5 @@
 // A window is filled with pread into private memory. A mapping would show later changes of the file
-// and raise SIGBUS once the file is cut.
+// and raise SIGBUS when the file is truncated.
 
 #include "platform/io.h"
 
@@ -11,13 +11,13 @@
 
 namespace {
 
-// What stands behind the public part: the memory that bytes are read into.
+// The private part: the memory that bytes are read into.
 struct window_with_memory : sliding_window_v4 {
     unsigned char* memory;
 };
 
-// Bytes read from `offset` on, up to `size`, the end of the file or the first error, which an
-// impossible offset is.
+// The number of bytes read from `offset`: up to `size`, the end of the file or the first error. An
+// impossible offset is an error.
 size_t read_what_is_there(int fd, unsigned char* memory, size_t size, uint64_t offset)
 {
     size_t done = 0;
@@ -35,7 +35,8 @@ size_t read_what_is_there(int fd, unsigned char* memory, size_t size, uint64_t o
 
 sliding_window_v4* sliding_window_v4_create_mmap(size_t window_size, int fd)
 {
-    // Not touched before it is needed: a small file costs as many pages as it has.
+    // The memory is not touched before it is needed, so a small file uses only as many pages as it
+    // has.
     auto* memory = static_cast<unsigned char*>(malloc(std::max<size_t>(window_size, 1)));
     if (memory == nullptr) {
         return nullptr;

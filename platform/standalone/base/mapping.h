@@ -24,8 +24,8 @@ public:
     ~mapping() { reset(); }
 
     // Maps `size` bytes of `fd` from `offset` (a multiple of the page size), shared. `protection`
-    // is that of mmap. Empty when the kernel refuses, errno then says why. The descriptor may be
-    // closed after it.
+    // is that of mmap. Empty with errno when the kernel refuses. The descriptor may be closed
+    // afterwards.
     static mapping shared(int fd, uint64_t offset, size_t size, int protection);
 
     unsigned char* data() const { return data_; }

@@ -19,7 +19,7 @@ namespace {
 
 constexpr const char* descriptor_folder = "/proc/self/fd";
 
-// The open descriptors in rising order, that of the listing itself left out.
+// The open descriptors in ascending order, without the one that is used for listing them.
 std::vector<int> open_descriptors()
 {
     std::vector<int> numbers;

@@ -13,7 +13,7 @@ namespace platform {
 
 namespace {
 
-// For kernels and containers that refuse the system call.
+// A fallback for kernels and containers that refuse the system call.
 int read_random_device(void* data, size_t size)
 {
     const unique_fd device(open_file("/dev/urandom", O_RDONLY));

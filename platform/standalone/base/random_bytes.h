@@ -6,11 +6,11 @@
 
 namespace platform {
 
-// 0, or -1 when the kernel gives none.
+// 0, or -1 when the kernel provides none.
 int random_bytes(void* data, size_t size);
 
-// `bytes` random bytes as lower-case hexadecimal digits, for names that nobody can guess. Empty
-// when the kernel gives none.
+// `bytes` random bytes as lower-case hexadecimal digits, for names that cannot be guessed. Empty
+// when the kernel provides none.
 std::string random_hex(size_t bytes);
 
 } // namespace platform

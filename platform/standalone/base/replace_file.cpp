@@ -38,7 +38,7 @@ int write_all(int fd, std::string_view contents, const file_operations& operatio
     return 0;
 }
 
-// Mode and owner of the file that is to be replaced, given to the new one before it is visible.
+// Gives the new file the mode and owner of the one it replaces, before it becomes visible.
 int take_over_attributes(int folder, const char* name, int fd, const file_operations& operations)
 {
     struct stat old = {};
@@ -50,7 +50,8 @@ int take_over_attributes(int folder, const char* name, int fd, const file_operat
         return -1;
     }
     if (old.st_uid != fresh.st_uid || old.st_gid != fresh.st_gid) {
-        // Only a privileged process may give files away; for others the file becomes their own.
+        // Only a privileged process can change the owner; otherwise the new file belongs to this
+        // process's user.
         (void)operations.change_owner(fd, old.st_uid, old.st_gid);
     }
     return operations.change_mode(fd, old.st_mode & 0777U);

@@ -1,4 +1,5 @@
-// Atomic replacement of a file: at any crash the old or the new file is there, whole.
+// Atomic replacement of a file: after a crash at any moment either the old or the new file is
+// there, complete.
 #pragma once
 
 #include <span>
@@ -11,22 +12,23 @@
 namespace platform {
 
 struct replace_failure {
-    const char* step = nullptr; // "create", "write", ...: what could not be done, for a message
+    const char* step = nullptr; // "create", "write", ...: the step that failed, for a message
     int error_number = 0;
     bool replaced =
-        false; // the new file is in its place nevertheless, whole, but perhaps not for good
+        false; // the new file is in place and complete, but may not survive a power failure
 };
 
-// Replaces `name` in the open folder by `contents`: temporary file beside it, write, sync, rename,
-// sync of the folder. The mode of an existing file is kept, its owner where that is allowed; a new
-// file gets `mode`. 0, or -1 with *failure filled in and the old file untouched. When only the sync
-// of the folder failed, failure->replaced is set: a power cut may still bring the old file back.
+// Replaces `name` in the open folder by `contents`: writes a temporary file beside it, syncs it,
+// renames it and syncs the folder. The mode of an existing file is kept, and its owner where that
+// is permitted; a new file gets `mode`. 0, or -1 with *failure filled in and the old file
+// unchanged. When only the sync of the folder fails, failure->replaced is set: a power failure may
+// still bring the old file back.
 int replace_file(int folder, const char* name, std::string_view contents, mode_t mode,
                  replace_failure* failure,
                  const file_operations& operations = system_file_operations);
 
-// The two halves of replace_file, for a caller that has something to do in between. The first gives
-// the name of the synced temporary file; the second renames it, and leaves it where it is on
+// The two halves of replace_file, for a caller with work to do in between. The first returns the
+// name of the synced temporary file; the second renames that file, and leaves it in place on
 // failure.
 int write_temporary(int folder, const char* name, std::string_view contents, mode_t mode,
                     std::string* temporary, replace_failure* failure,
@@ -34,11 +36,12 @@ int write_temporary(int folder, const char* name, std::string_view contents, mod
 int put_in_place(int folder, const char* temporary, const char* name, replace_failure* failure,
                  const file_operations& operations = system_file_operations);
 
-// What names of temporary files begin with: `name` and this. A process that died leaves one behind.
+// Names of temporary files are `name`, this mark and random digits. A process that dies may leave
+// one behind.
 inline constexpr std::string_view temporary_mark = ".tmp-";
 
-// Removes what dead writers of `name` left behind, except the files in `kept`. Only for a caller
-// that keeps other writers away.
+// Removes the temporary files of `name` that dead writers left, except those in `kept`. The caller
+// must exclude other writers.
 void remove_temporary_files(int folder, std::string_view name,
                             const file_operations& operations = system_file_operations,
                             std::span<const std::string> kept = {});

@@ -23,10 +23,11 @@ public:
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
 
-    // Hands the descriptor to the caller.
+    // Returns the descriptor, which the caller now owns.
     [[nodiscard]] int release() { return std::exchange(fd_, -1); }
 
-    // Closes what is held. errno is kept, so that a failure can be told after the clean-up.
+    // Closes the present descriptor. Keeps errno, so that the caller can still report an earlier
+    // failure.
     void reset(int fd = -1);
 
 private:

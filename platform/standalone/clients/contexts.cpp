@@ -1,8 +1,8 @@
 // The base class of client contexts, on top of the platform's records of clients.
 //
-// Contexts and references are the program's objects: its factories make them, the records here own
-// them. A reference is deleted through its context, which first takes back the hold on its frame,
-// so that the program's warning about frames in use is heard only when somebody else holds one.
+// Contexts and references are objects of the program: its factories create them, the records here
+// own them. A reference is deleted through its context, which first releases its hold on the frame,
+// so that the program warns about a frame in use only when somebody else holds it.
 #include "platform/standalone/clients/contexts.h"
 
 #include <algorithm>
@@ -125,7 +125,7 @@ void vexa_client_context::free_resources()
     expire_all_references();
 }
 
-// Each request reads the client's settings when it is answered: nothing is kept aside.
+// Each request reads the client's settings when it is answered, so nothing needs to be locked in.
 void vexa_client_context::lockin_settings() {}
 
 void vexa_client_context::expire_all_references()
@@ -134,7 +134,7 @@ void vexa_client_context::expire_all_references()
     expire_old_video_references(0);
 }
 
-// Stills have no sound: no audio reference is ever made.
+// Stills have no sound, so there are no audio references.
 void vexa_client_context::expire_old_audio_references(unsigned long /*age_us*/) {}
 
 void vexa_client_context::expire_old_video_references(unsigned long age_us)
@@ -244,7 +244,7 @@ vexa_video_frame_reference* vexa_client_context::get_video_reference(unsigned lo
     return found != client->references.end() ? found->second.reference.get() : nullptr;
 }
 
-// 0: any position may be asked for at any time.
+// 0: any position may be requested at any time.
 int vexa_client_context::realtime_frame_range(unsigned long long& /*first*/,
                                               unsigned long long& /*last*/, long long& /*offset*/,
                                               unsigned long long& /*scale_numerator*/,

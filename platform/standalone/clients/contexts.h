@@ -1,5 +1,5 @@
-// The greeted clients: their contexts, the frames they hold, the frame requests they wait for.
-// Everything of a client is found by its context's id and goes when its connection does.
+// The greeted clients: their contexts, the frames they hold, and their pending frame requests. All
+// state of a client is found by the id of its context and is freed with its connection.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@
 struct vexa_video_pending_request {
     uint64_t request = 0; // number to answer under
     uint64_t time_position = 0;
-    bool wait = false; // for the picture to be ready
+    bool wait = false; // until the picture is ready
 };
 
 namespace platform {
@@ -31,16 +31,16 @@ struct client_record {
     std::map<unsigned long, held_reference> references;
 };
 
-// All clients' references together; beyond it GET_FRAME is refused.
+// Limit of all clients' references together; above it GET_FRAME is refused.
 inline constexpr size_t max_references_of_all = 131072;
 
 // Clients that have been greeted and have not left.
 size_t connected_clients();
 
-// Makes the context of a client that said hello. Null when the factory gives none.
+// Creates the context of a client that sent HELLO. Null when the factory returns none.
 vexa_client_context* create_context(comm_socket_v4_client& connection);
 
-// Gives back everything of the connection's client. Fine for one without a context.
+// Frees all state of the connection's client. Fine for one without a context.
 void forget_client(comm_socket_v4_client& connection);
 
 // Null when there is no such context.
@@ -49,7 +49,7 @@ client_record* find_client(unsigned long context_id);
 // True when the client may hold one more frame.
 bool may_hold_another(const client_record& client);
 
-// Numbers begin anew at 1; only while there are no clients.
+// Restarts the numbers at 1; only while there are no clients.
 void reset_client_numbers();
 
 } // namespace platform

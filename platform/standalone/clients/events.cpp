@@ -57,7 +57,7 @@ const document_text& present_document()
     return document;
 }
 
-// As one that has just subscribed has it.
+// True when the client has been sent the present document.
 bool has_present_document(const comm_socket_v4_client& client)
 {
     present_document();

@@ -1,5 +1,5 @@
-// From a frame request to a FRAME packet: a reference is made, finds its picture, and stays with
-// the client. No pixel is touched.
+// From a frame request to a FRAME packet: a reference is created, finds its picture, and stays with
+// the client. No pixel is read.
 #include "platform/standalone/clients/frames.h"
 
 #include <utility>
@@ -39,7 +39,7 @@ frame describe(const vexa_video_frame& picture, unsigned long reference_id)
     return message;
 }
 
-// Null when the frame is there and held; otherwise what to tell the client.
+// Loads and holds the frame. Null, or the refusal for the client.
 const refusal* load(vexa_video_frame_reference& reference, held_reference& held,
                     vexa_video_pending_request& request, unsigned long connection_id)
 {
@@ -146,7 +146,7 @@ int vexa_video_frame_reference::addref_frame(unsigned long /*connection_id*/, lo
     return 0;
 }
 
-// Only after a successful addref_frame. The number of holders left.
+// Only after a successful addref_frame. Returns the remaining number of holders.
 int vexa_video_frame_reference::release_frame()
 {
     long long error = 0;
@@ -169,15 +169,14 @@ unsigned long long vexa_video_frame_reference::map_frame(long long* /*error*/)
     return time_position;
 }
 
-// A descriptor of the buffer that the frame lies in, the caller's to close; -1 when there is no
-// frame.
+// A descriptor of the frame's buffer, which the caller closes; -1 when there is no frame.
 int vexa_video_frame_reference::load_video_and_return_descriptor(long long* error)
 {
     frame_index = map_frame(error);
     return get_frame(error) != nullptr ? cnb_open_read_only_descriptor() : -1;
 }
 
-// 0: the request can be served. One that must not be is refused as a frame that does not exist.
+// 0: the request is permitted. Otherwise it is refused as a frame that does not exist.
 int vexa_video_frame_reference::examine_request(vexa_video_pending_request* /*request*/)
 {
     return 0;

@@ -1,4 +1,4 @@
-// Answering frame requests.
+// Answers frame requests.
 #pragma once
 
 #include "platform/standalone/clients/contexts.h"

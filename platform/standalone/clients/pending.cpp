@@ -15,9 +15,10 @@ const refusal going_down = {comm_protocol::GOING_DOWN, false, "the worker is goi
 const refusal out_of_memory = {comm_protocol::NO_MEMORY, true, "out of memory"};
 
 std::vector<unsigned long> unanswered; // contexts with pending requests, each once
-bool new_requests = false;             // among them some that were never looked at
+bool new_requests = false;             // some of them have not been examined yet
 
-// The amount of work done for one client; one that the memory does not suffice for has to go.
+// Answers one client's requests and returns the amount of work done. A client for which memory does
+// not suffice is dropped.
 int idle_context(const client_context_tracking& tracked)
 {
     try {

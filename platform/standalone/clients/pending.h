@@ -1,4 +1,4 @@
-// The frame requests of all clients that are not answered yet.
+// The unanswered frame requests of all clients.
 #pragma once
 
 #include <cstdint>
@@ -7,20 +7,21 @@
 
 namespace platform {
 
-// Adds a request to its client's. Fine for a context that does not exist.
+// Adds a request to its client's. Does nothing for a context that does not exist.
 void add_pending_request(unsigned long context_id, const vexa_video_pending_request& request);
 
-// False while no request can be answered: there is none, or none is new and the picture is not
+// False while no request can be answered: there are none, or none is new and the picture is not
 // ready.
 bool pending_requests_are_due();
 
-// Answers what can be answered, through the clients' contexts. The amount of work done.
+// Answers as many requests as possible, through the clients' contexts. Returns the amount of work
+// done.
 int answer_pending_requests();
 
 // Answers all of them with GOING_DOWN.
 void refuse_pending_requests(uint64_t now_us);
 
-// Forgets all of them, unanswered.
+// Discards all of them, unanswered.
 void reset_pending_requests();
 
 } // namespace platform

@@ -42,7 +42,7 @@ struct request_call {
     }
 };
 
-// Each row's function gives null when it carried out the request, or the refusal to be told.
+// Each row's function returns null when it carried out the request, otherwise the refusal to send.
 using request_function = const refusal* (*)(const request_call& call);
 
 template <typename message>

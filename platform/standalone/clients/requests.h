@@ -1,4 +1,4 @@
-// What each request does. Wire format: docs/protocol.md.
+// Carries out each type of request. Wire format: docs/protocol.md.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@
 
 namespace platform {
 
-// The server's callback for a request that may be carried out.
+// The server's callback for a valid request.
 void carry_out_request(comm_socket_v4_client& client, common_pkt_parsing& request,
                        const unsigned char* packet, size_t size, uint64_t now_us);
 

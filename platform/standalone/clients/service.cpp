@@ -1,8 +1,8 @@
-// The comm service of the item: makes the socket while the item is derived, runs a round of it for
-// each idle call, and gives everything back at the end.
+// The comm service of the item: creates the socket, runs a round for each idle call, and releases
+// everything at the end.
 //
 // Idle calls come from the serving loop and from the middle of decoding, between two calls of a
-// codec. Nothing thrown leaves them, and a call from inside a client's callback does nothing.
+// codec. They throw nothing, and a call from inside a client's callback does nothing.
 #include "platform/standalone/clients/service.h"
 
 #include <algorithm>
@@ -38,8 +38,8 @@ namespace platform {
 
 namespace {
 
-// What a worker needs after its socket is there: the domain, the buffer, the picture's reader, a
-// client. With fewer it would serve a picture that nobody can fetch.
+// Descriptors that a worker needs after it has its socket: the domain, the buffer, the picture's
+// reader, a client. With fewer it would serve a picture that nobody can fetch.
 constexpr int descriptors_needed = 16;
 
 bool inside_idle = false;
@@ -60,7 +60,7 @@ void client_left(comm_socket_v4_client& client)
     forget_client(client);
 }
 
-// abort() skips this; the file it leaves is found stale by the next start.
+// abort() skips this; the next start recognises the remaining file as stale.
 void remove_socket_file_at_exit()
 {
     if (vexa_comm_server != nullptr) {
@@ -95,7 +95,7 @@ std::unique_ptr<comm_socket_v4_server> listening_server()
     return server;
 }
 
-// As long as a client is here, the process does not end itself.
+// The process does not end itself while a client is connected.
 void put_off_auto_shutdown(uint64_t now_us)
 {
     if (mono_auto_shutdown != 0 && connected_clients() > 0) {
@@ -112,7 +112,8 @@ int one_round(comm_socket_v4_server& server)
     }
     begin_document_round();
     int work = run_round(server, now_us);
-    // Decoding, and waiting for the buffer, take long; who waits for a write waits no longer for it.
+    // Decoding and waiting for the buffer take long, so settings are also written here: their
+    // clients wait for it.
     store_waiting_settings(now_us);
     flush_status();
     work += answer_waiting_settings(now_us);
@@ -163,7 +164,7 @@ int idle_vexa_server_comm()
     try {
         return one_round(*vexa_comm_server);
     } catch (const std::exception&) {
-        return 0; // out of memory in the middle of a round; what was not done is done in the next
+        return 0; // out of memory in the middle of a round; the next one continues
     }
 }
 

@@ -1,7 +1,7 @@
-// The whole default buffer is mapped once, when it is allocated, so that a range of it is a bounds
-// check and a sum. What is left to do here is to spare a writer the page faults: the kernel makes a
-// piece of the buffer present in one call for half of what as many single faults cost, and the
-// cache remembers for which pieces it has done so.
+// The whole default buffer is mapped once, when it is allocated, so looking up a range is a bounds
+// check and an addition. The remaining task is to spare a writer page faults: making a piece of the
+// buffer present with one call costs half as much as the separate faults. The cache remembers the
+// pieces for which that was done.
 #include "platform/standalone/cnb/access_cache.h"
 
 #include <algorithm>
@@ -27,9 +27,9 @@ constexpr uint64_t bits_per_word = 64;
 } // namespace
 
 struct vexa_global_access_cache {
-    uint64_t serial = 0; // of the mapping that `present` is about
+    uint64_t serial = 0; // of the mapping that `present` describes
     bool kernel_refuses = false;
-    std::array<uint64_t, most_pieces / bits_per_word> present = {}; // a bit for each piece
+    std::array<uint64_t, most_pieces / bits_per_word> present = {}; // one bit per piece
 };
 
 namespace {
@@ -45,7 +45,7 @@ void forget(vexa_global_access_cache* cache)
     cache->present = {};
 }
 
-// Asked once for each piece, whatever the answer: a fault does the same, only slower.
+// Tried once per piece, whatever the result: a page fault does the same, only more slowly.
 void make_piece_present(vexa_global_access_cache* cache, uint64_t piece)
 {
     const uint64_t offset = piece * present_piece;
@@ -53,7 +53,7 @@ void make_piece_present(vexa_global_access_cache* cache, uint64_t piece)
     cache->present[piece / bits_per_word] |= uint64_t{1} << piece % bits_per_word;
     if (the_machine.kernel->advise(default_mapping.base + offset, length, MADV_POPULATE_WRITE) !=
         0) {
-        // Older kernels do not know the call, and a sandbox may forbid it.
+        // Older kernels lack this call, and a sandbox may forbid it.
         cache->kernel_refuses = errno == EINVAL || errno == EPERM || errno == ENOSYS;
     }
 }
@@ -84,7 +84,7 @@ void prepare_writing(vexa_global_access_cache* cache, uint64_t offset, uint64_t 
     }
 }
 
-// Without a buffer everything is zero, and so an empty range of buffer 0 lies at the null pointer.
+// Without a buffer everything is zero, so an empty range of buffer 0 is at the null pointer.
 bool lies_inside(uint32_t buffer, uint64_t offset, uint64_t length)
 {
     const mapped_buffer& mapped = default_mapping;

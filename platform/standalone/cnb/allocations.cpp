@@ -1,5 +1,5 @@
-// Allocations in the default buffer, in order of their offsets. The program makes one that fills
-// the buffer (cnb_static_alloc); without that, the first gap that is large enough is given.
+// Allocations in the default buffer, ordered by offset. The program makes one allocation that fills
+// the buffer (cnb_static_alloc); otherwise the first gap that is large enough is used.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -16,11 +16,11 @@ namespace {
 
 constexpr uint64_t alignment = 64;
 
-// Never destroyed: what runs at exit may still come here.
+// Never destroyed, because exit handlers may still use it.
 struct allocation_list {
     std::vector<cnb_allocation*> live; // owned by the callers
-    uint64_t touched = 0;              // end of what has been handed out before ...
-    uint64_t serial = 0;               // ... of this mapping
+    uint64_t touched = 0;              // end of the bytes that were allocated before ...
+    uint64_t serial = 0;               // ... in this mapping
 };
 
 allocation_list& state()
@@ -51,7 +51,7 @@ uint64_t find_gap(uint64_t size)
     return fits ? offset : UINT64_MAX;
 }
 
-// Fresh memory is zero by itself; only what an earlier allocation had is cleared.
+// Fresh memory is zero already; only bytes of an earlier allocation are cleared.
 void clear_what_was_touched(uint64_t offset, uint64_t size)
 {
     allocation_list& list = state();
@@ -82,7 +82,7 @@ void insert(cnb_allocation* allocation)
     live.insert(std::upper_bound(live.begin(), live.end(), allocation, behind), allocation);
 }
 
-// Empty on success, else why not.
+// Empty on success, otherwise the reason.
 std::string allocate(cnb_allocation* allocation, uint64_t size, const char* name)
 {
     if (!is_empty(*allocation)) {
@@ -118,7 +118,7 @@ bool cnb_malloc(cnb_allocation* allocation, unsigned long size, const char* name
 {
     const std::string reason = allocate(allocation, size, name);
     if (!reason.empty()) {
-        // The caller says that the allocation failed, not why.
+        // The caller reports that the allocation failed, but not why.
         fprintf(stderr, "CNB allocation of %lu bytes: %s\n", size, reason.c_str());
     }
     return reason.empty();

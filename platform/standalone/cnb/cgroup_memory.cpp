@@ -1,6 +1,6 @@
-// A process names its groups relative to the root of each hierarchy; where that root is seen, and
-// which part of the hierarchy is mounted there, the mount table tells. The limit of every group on
-// the way up applies.
+// A process names its groups relative to the root of each hierarchy. The mount table says where
+// that root is visible and which part of the hierarchy is mounted there. The limit of every group
+// up to the root applies.
 #include "platform/standalone/cnb/cgroup_memory.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@ namespace platform {
 
 namespace {
 
-// A limit, and what counts towards it.
+// A limit and the usage that counts towards it.
 struct limit_files {
     const char* limit;
     const char* usage;
@@ -19,10 +19,10 @@ struct limit_files {
 
 struct version_files {
     limit_files limits[2];
-    const char* reclaimable; // the line of memory.stat that counts bytes the kernel would take back
+    const char* reclaimable; // line of memory.stat with the bytes that the kernel can reclaim
 };
 
-// Beyond memory.high a process is not ended, but slowed down until it does nothing any more.
+// Above memory.high a process is not killed, but throttled until it makes no progress.
 constexpr version_files files_of_version[] = {
     {{{"/memory.limit_in_bytes", "/memory.usage_in_bytes"},
       {"/memory.memsw.limit_in_bytes", "/memory.memsw.usage_in_bytes"}},
@@ -30,7 +30,7 @@ constexpr version_files files_of_version[] = {
     {{{"/memory.max", "/memory.current"}, {"/memory.high", "/memory.current"}}, "inactive_file"},
 };
 
-// Version 1 writes "none" as the largest multiple of the page size.
+// Version 1 reports "no limit" as the largest multiple of the page size.
 constexpr uint64_t smallest_absurd_limit = uint64_t{1} << 62;
 
 const version_files& files_of(const memory_cgroup& group)
@@ -38,7 +38,7 @@ const version_files& files_of(const memory_cgroup& group)
     return files_of_version[group.version - 1];
 }
 
-// no_memory_limit for a file that is missing or does not hold a number: "max" is none.
+// no_memory_limit for a file that is missing or does not contain a number, such as "max".
 uint64_t read_limit(const std::string& path)
 {
     const uint64_t limit = leading_number(read_small_file(path), no_memory_limit);
@@ -57,7 +57,7 @@ uint64_t room_under(uint64_t limit, uint64_t usage, uint64_t reclaimable)
     return taken < limit ? limit - taken : 0;
 }
 
-// Cuts the part of `rest` before `separator` off, the separator with it.
+// Removes and returns the part of `rest` before `separator`; the separator is removed, too.
 std::string_view take_until(std::string_view* rest, char separator)
 {
     const std::string_view part = rest->substr(0, rest->find(separator));
@@ -75,7 +75,7 @@ bool list_has(std::string_view list, std::string_view word)
     return false;
 }
 
-// The mount table writes blanks and backslashes as \ooo.
+// The mount table escapes blanks and backslashes as \ooo.
 std::string unescaped(std::string_view text)
 {
     std::string plain;
@@ -99,7 +99,7 @@ struct hierarchy_mount {
     std::string folder;
 };
 
-// A line reads: id parent device ROOT FOLDER options [tags...] - TYPE source SUPER_OPTIONS
+// A line is: id parent device ROOT FOLDER options [tags...] - TYPE source SUPER_OPTIONS
 hierarchy_mount parse_mount(std::string_view line)
 {
     hierarchy_mount mount;
@@ -120,7 +120,7 @@ hierarchy_mount parse_mount(std::string_view line)
     return mount;
 }
 
-// A line reads: number:controllers:path, the controllers being empty for version 2.
+// A line is: number:controllers:path. For version 2 the controllers are empty.
 bool path_of_membership(std::string_view membership, int version, std::string_view* path)
 {
     while (!membership.empty()) {

@@ -22,11 +22,11 @@ mapped_buffer default_mapping = {};
 
 namespace {
 
-// Never destroyed: what runs at exit may still come here.
+// Never destroyed, because exit handlers may still use it.
 struct loaded_buffer {
     shared_buffer memory;
     uint64_t size = 0;
-    std::string refusal; // why it can never be had; empty when it can
+    std::string refusal; // why it can never be allocated; empty when it can
     uint64_t serials = 0;
     bool told_waiting = false;
 };
@@ -42,7 +42,7 @@ std::string bytes_text(uint64_t bytes)
     return std::to_string(bytes) + " bytes";
 }
 
-// Why a buffer of this size can never be had, or "".
+// Why a buffer of this size can never be allocated, or "".
 std::string reason_against(uint64_t bytes)
 {
     if (bytes == 0) {
@@ -57,7 +57,7 @@ std::string reason_against(uint64_t bytes)
     return "";
 }
 
-// The program goes on to cnb_malloc, which is where it looks for a failure.
+// Failures are reported by cnb_malloc, which the program calls next.
 int loaded(uint64_t size, uint32_t number, std::string refusal)
 {
     state().size = size;
@@ -67,7 +67,7 @@ int loaded(uint64_t size, uint32_t number, std::string refusal)
     return 0;
 }
 
-// Out of descriptors, or nearly out of memory: both may pass.
+// Without free descriptors or memory: both conditions may pass.
 int wait_for_descriptor()
 {
     if (!std::exchange(state().told_waiting, true)) {
@@ -167,6 +167,6 @@ void cnb_default_buffer_drop()
     state().size = 0;
     state().refusal.clear();
     state().told_waiting = false;
-    // Last: until its memory is gone a buffer counts.
+    // Last, because a buffer counts until its memory is released.
     release_in_domain();
 }

@@ -1,4 +1,4 @@
-// The process's default buffer: where it is mapped.
+// The process's default buffer: where it is mapped, and the descriptor that clients get.
 #pragma once
 
 #include <cstdint>
@@ -11,19 +11,20 @@ struct mapped_buffer {
     uint32_t number;
     unsigned char* base;
     uint64_t size;
-    uint64_t serial; // another one for each buffer that is mapped, never 0
+    uint64_t serial; // different for each mapped buffer, never 0
 };
 extern mapped_buffer default_mapping;
 
-// Bytes asked for when the buffer was loaded; 0 while none is.
+// Bytes requested when the buffer was loaded; 0 while none is loaded.
 uint64_t default_buffer_size();
 
-// Reserves and maps the loaded buffer, unless that is done. Empty on success, else why not.
+// Reserves and maps the loaded buffer, unless that has been done. Empty on success, otherwise the
+// reason.
 std::string map_default_buffer();
 
-// A description of the default buffer of its own, for a client: it cannot write, resize or remap
-// the buffer for writing, and its file offset is nobody else's. The caller closes it. -1 with errno
-// while nothing is allocated in the buffer.
+// Opens the default buffer for a client, as a description of its own: the client cannot write to
+// the buffer, resize it or map it for writing, and shares no file offset. The caller closes the
+// descriptor. -1 with errno while nothing is allocated in the buffer.
 int cnb_open_read_only_descriptor();
 
 } // namespace platform

@@ -28,11 +28,11 @@ struct joined_domain {
     domain_folder place;
     buffer_registry registry;
     memory_room room;
-    uint64_t reserve; // bytes of memory that are left to others
+    uint64_t reserve; // bytes of memory that are left for others
     uint64_t limit;
 };
 
-// Never destroyed: what runs at exit may still come here.
+// Never destroyed, because exit handlers may still use it.
 struct membership {
     std::string name = default_cnb_domain;
     uint64_t limit = default_cnb_limit;
@@ -51,7 +51,7 @@ int refuse(std::string_view what, std::string_view reason)
     return -1;
 }
 
-// Found out here, where it can be told, and not when the picture waits for its buffer.
+// Checked here, where it can be reported, and not when the picture waits for its buffer.
 bool memory_files_work()
 {
     shared_buffer probe(the_machine.kernel);
@@ -166,7 +166,7 @@ int cnb_join_domain()
     if (!place.folder) {
         return refuse(place.path, place.reason);
     }
-    // Programs that tidy up temporary folders leave those alone that somebody has locked.
+    // Programs that clean up temporary folders skip folders that are locked.
     flock(place.folder.get(), LOCK_SH | LOCK_NB);
     buffer_registry registry;
     if (registry.open(place.folder.get()) != 0) {

@@ -14,15 +14,15 @@ namespace platform {
 inline constexpr const char* default_cnb_domain = "default";
 inline constexpr uint64_t default_cnb_limit = 0; // half of the memory that this process may use
 
-// A name is 1 to 64 bytes, without '/' and not beginning with '.'.
+// A name has 1 to 64 bytes, contains no '/' and does not begin with '.'.
 bool cnb_domain_name_valid(std::string_view name);
 
-// Chooses the domain and the bytes that its buffers may take together; without effect once a domain
-// is joined. The name is checked when it is joined.
+// Selects the domain and the total size of its buffers in bytes. Has no effect after a domain is
+// joined. The name is checked when the domain is joined.
 void cnb_set_domain(const char* name, uint64_t limit);
 
-// Joins the chosen domain, making its folder when it is the first one there. 0, also when it is
-// joined already; -1 after one line on standard error that names path and reason.
+// Joins the selected domain and creates its folder if necessary. 0, also when it is already joined;
+// -1 after one line on standard error with path and reason.
 int cnb_join_domain();
 
 // Path of the joined domain's folder; empty before one is joined.
@@ -31,7 +31,7 @@ std::string cnb_domain_folder();
 // Drops the default buffer and leaves the domain. May be called without one and more than once.
 void cnb_leave_domain();
 
-// What the status document tells. The name is valid until the next cnb_set_domain.
+// What the status document shows. The name is valid until the next cnb_set_domain.
 struct cnb_domain_view {
     const char* name;
     uint64_t limit;       // 0 before the domain is joined
@@ -40,38 +40,38 @@ struct cnb_domain_view {
 };
 cnb_domain_view cnb_view_domain();
 
-// Called again and again while cnb_malloc reserves a large buffer, so that the comm socket is
-// served meanwhile (a gigabyte takes about a fifth of a second). False ends that: cnb_malloc fails.
-// May be null; must not call anything of this module. Set by the item.
+// Called repeatedly while cnb_malloc reserves a large buffer, so that the comm socket is served
+// meanwhile (a gigabyte takes about a fifth of a second). Returning false makes cnb_malloc fail.
+// May be null; must not call anything of this module. Set by the life cycle.
 extern bool (*cnb_reserve_pump)();
 
 // --- for the other units of this room -----------------------------------------------------------
 
-// A buffer's offsets are told to clients in 32 bits.
+// Limited by the 32-bit offsets that clients receive.
 uint64_t largest_buffer();
 
 // 0 while no domain is joined.
 uint64_t domain_limit();
 
-// Claims a buffer number of the domain, joining it first when that has not been done, or when its
-// files have been removed meanwhile. `*number` is set when one is TAKEN. FAILED comes with a
-// reason.
+// Claims a buffer number of the domain. Joins the domain first when that has not been done or when
+// its files have been removed meanwhile. `*number` is set when the result is TAKEN; FAILED comes
+// with a reason.
 claim_result claim_in_domain(uint64_t bytes, uint32_t* number, std::string* reason);
 void release_in_domain(); // may be called without a claim
 void note_domain_owner(); // after a fork the claim is the child's
 
-// What the domain takes from the machine; tests put other things in its place before they join.
+// What the domain uses of the machine; tests replace it before they join.
 struct cnb_machine {
     const kernel_calls* kernel = &system_kernel_calls;
     std::string root; // before /proc and the control groups' folders
 };
 extern cnb_machine the_machine;
 
-// Bytes of memory that a buffer may take now.
+// Bytes of memory that a buffer may use now.
 uint64_t memory_for_buffers();
 
-// Bytes of memory that may be taken now beside the buffers. A buffer leaves the whole reserve
-// untaken: of that, codecs may have a half, and the worker's own objects a quarter more when
+// Bytes of memory that may be used now beside the buffers. A buffer leaves the whole reserve free.
+// Of the reserve codecs may use one half; the worker's own objects may use a further quarter when
 // nothing else is left for them.
 struct memory_shares {
     uint64_t codecs;
@@ -79,7 +79,7 @@ struct memory_shares {
 };
 memory_shares memory_beside_buffers();
 
-// Everything of this module back to the values at program start; for tests.
+// Resets this module to its values at program start; for tests.
 void reset_cnb();
 
 } // namespace platform

@@ -1,4 +1,5 @@
-// The system calls behind shared memory, as a table: a test puts one in that fails on purpose.
+// The system calls behind shared memory, as a table, so that a test can substitute one that fails
+// on purpose.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,6 @@
-// Codecs are written in C and deal with an allocation that fails. The worker's own objects come from
-// operator new, and a failure there would end it. So a further piece of address space, small beside
-// the reserve that is left of the memory, is kept for them alone.
+// Codecs are written in C and handle a failed allocation. The worker's own objects come from
+// operator new, where a failure would end the worker. So a further part of the address space, small
+// compared with the memory reserve, is set aside for them.
 #include "platform/standalone/cnb/memory_bound.h"
 
 #include <algorithm>
@@ -23,8 +23,8 @@ constexpr uint64_t own_step = uint64_t{256} << 10;
 struct memory_bound {
     bool started = false;
     rlim_t ceiling = RLIM_INFINITY; // the soft limit at the start
-    uint64_t own_share = 0;         // bytes that are kept for the worker's own objects ...
-    uint64_t own_left = 0;          // ... and have not been given to them
+    uint64_t own_share = 0;         // bytes set aside for the worker's own objects ...
+    uint64_t own_left = 0;          // ... and not yet used by them
 };
 
 memory_bound bound;
@@ -60,7 +60,7 @@ void bind(const memory_shares& shares, uint64_t divisor)
     set_limit(known ? saturating_add(mapped_now(), shares.codecs / divisor) : no_memory_limit);
 }
 
-// What a request that was too large all the same has left of the share stays for later ones.
+// After a request that is too large even so, the rest of the share is kept for later requests.
 void take_back_share()
 {
     const uint64_t limit = limit_now();

@@ -13,15 +13,15 @@ namespace {
 constexpr uint64_t largest_reserve = uint64_t{256} << 20;
 constexpr uint64_t kibibyte = 1024;
 
-// Where /proc cannot be read.
+// Used where /proc cannot be read.
 uint64_t total_by_sysinfo()
 {
     struct sysinfo info = {};
     return sysinfo(&info) == 0 ? uint64_t{info.totalram} * info.mem_unit : 0;
 }
 
-// The kernel does not say here how much of what is taken is file cache: at least half counts as
-// available.
+// This interface does not say how much of the used memory is file cache, so at least half of the
+// memory counts as available.
 uint64_t available_by_sysinfo()
 {
     struct sysinfo info = {};

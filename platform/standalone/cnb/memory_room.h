@@ -1,4 +1,4 @@
-// How much memory there is for this process, by the machine and by its control groups.
+// How much memory there is for this process, limited by the machine and by its control groups.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +11,14 @@ namespace platform {
 
 class memory_room {
 public:
-    // Finds the control groups. `root` is put before every path that is read: "" but for tests.
+    // Finds the control groups. `root` is put in front of every path that is read; "" except in
+    // tests.
     explicit memory_room(std::string root = "");
 
     // Bytes of memory, of the machine or of the tightest control group.
     uint64_t total() const;
 
-    // Bytes that can be taken now without swapping anything out or calling for the OOM killer.
+    // Bytes that can be used now without swapping and without waking the OOM killer.
     uint64_t available() const;
 
 private:
@@ -25,7 +26,7 @@ private:
     std::vector<memory_cgroup> groups_; // with `root_` before their folders
 };
 
-// What is left untaken by large requests, for everything else: a 16th of the memory, at most 256
+// The memory that large requests leave free for everything else: 1/16 of the total, at most 256
 // MiB.
 uint64_t memory_reserve(uint64_t total);
 

@@ -1,9 +1,8 @@
-// The file is a table of records, one for each buffer number; record 0 is the header. A number is
-// taken as long as somebody has a lock on the bytes of its record, and the kernel lets go of a lock
-// with the last descriptor of its owner, so that nothing needs to be cleaned up after a crash: a
-// record that nobody has locked is free, whatever it says. The lock on the header is held while the
-// table is surveyed and changed. All locks belong to the open file, not to the process, and so pass
-// to a forked child.
+// The file is a table of records, one per buffer number; record 0 is the header. A number is taken
+// while the bytes of its record are locked. The kernel releases a lock with the last descriptor of
+// its owner, so a crash needs no clean-up: an unlocked record is free, whatever it contains. The
+// lock on the header is held while the table is read and changed. All locks belong to the open
+// file, not to the process, and so are inherited by a forked child.
 #include "platform/standalone/cnb/registry.h"
 
 #include <algorithm>
@@ -25,7 +24,7 @@ namespace {
 
 struct record {
     uint64_t bytes;
-    uint32_t owner; // process id, for people who look; 0 when given back
+    uint32_t owner; // process id, for people; 0 after a release
     uint32_t reserved;
 };
 static_assert(sizeof(record) == 16, "the size of a record is file format");
@@ -37,7 +36,7 @@ constexpr uint32_t records_at_once = 256;
 constexpr int lock_tries = 10;
 constexpr timespec pause_between_tries = {0, 100'000};
 
-// A survey may take this part of a waiting process's time: 1 / (1 + rest_factor). Room that is made
+// Limits the share of a waiting process's time that surveys use: 1 / (1 + rest_factor). Freed room
 // is noticed after the longest rest at the latest.
 constexpr uint64_t rest_factor = 10;
 constexpr uint64_t longest_rest_us = 250'000;
@@ -63,7 +62,8 @@ int set_lock(int file, uint32_t number, short type)
     return fcntl(file, F_OFD_SETLK, &lock);
 }
 
-// Whether another open file has the record. When the kernel does not say, it has.
+// Whether another open file has locked the record. When the kernel gives no answer, it counts as
+// locked.
 bool is_held(int file, uint32_t number)
 {
     struct flock lock = lock_of(number, F_WRLCK);
@@ -81,7 +81,7 @@ int lock_header(int file)
     return 0;
 }
 
-// 0 when the header is there, being written when the file is new. -1 with errno otherwise.
+// Checks the header, and writes it when the file is new. 0, or -1 with errno.
 int check_header(int file)
 {
     char found[sizeof header] = {};
@@ -106,8 +106,7 @@ struct survey {
 
 void add_to_survey(int file, uint32_t number, const record& entry, survey* result)
 {
-    // Asking about a lock costs a system call; a cleared record is asked about only when it is
-    // wanted.
+    // Querying a lock costs a system call, so a cleared record is queried only when it is wanted.
     const bool may_be_held = entry.owner != 0 || result->lowest_free == 0;
     if (may_be_held && is_held(file, number)) {
         result->bytes = saturating_add(result->bytes, entry.bytes);
@@ -116,7 +115,7 @@ void add_to_survey(int file, uint32_t number, const record& entry, survey* resul
     }
 }
 
-// Goes through every record before the end of the file; the first one behind it is free, too.
+// Reads every record up to the end of the file; the first one after it is free, too.
 int take_survey(int file, survey* result)
 {
     std::array<record, records_at_once> records;
@@ -152,7 +151,7 @@ bool has_name(int file)
 int buffer_registry::open(int folder)
 {
     close();
-    // O_NONBLOCK for a FIFO in the place of the file: opening it must not wait.
+    // O_NONBLOCK: opening must not wait when a FIFO has the name of the file.
     unique_fd file(open_file_at(folder, "registry",
                                 O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
     struct stat status = {};
@@ -203,7 +202,7 @@ claim_result buffer_registry::claim_locked(uint64_t bytes, uint64_t limit)
     if (found.lowest_free == 0 || !checked_add(found.bytes, bytes, &sum) || sum > limit) {
         return claim_result::NO_ROOM;
     }
-    // An owner that gives its number back clears the record before it lets go of the lock.
+    // An owner that releases its number clears the record before it unlocks it.
     if (set_lock(file_.get(), found.lowest_free, F_WRLCK) != 0) {
         return errno == EAGAIN || errno == EACCES ? claim_result::NO_ROOM : claim_result::FAILED;
     }
@@ -223,7 +222,7 @@ void buffer_registry::release()
     if (number_ == 0) {
         return;
     }
-    // When the record cannot be cleared it is free all the same: its lock goes.
+    // A record that cannot be cleared is free nevertheless, because it is unlocked.
     write_record(number_, 0, 0);
     set_lock(file_.get(), number_, F_UNLCK);
     number_ = 0;

@@ -1,6 +1,6 @@
-// The registry of a domain: one file that hands out buffer numbers and keeps the sum of the
-// buffers' sizes under a limit, between any number of processes. What a process holds comes back by
-// itself when it ends, in whatever way. File format and locking: docs/cnb-domain.md.
+// The registry of a domain: a file that assigns buffer numbers and keeps the total size of the
+// buffers under a limit, among any number of processes. When a process ends, however it ends, its
+// number and bytes become free by themselves. File format and locking: docs/cnb-domain.md.
 #pragma once
 
 #include <cstdint>
@@ -14,33 +14,33 @@ inline constexpr uint32_t most_buffers = 65535; // numbers 1 to 65535
 
 enum class claim_result {
     TAKEN,
-    NO_ROOM, // of bytes or numbers, or another process is busy with the registry: try again
-    GONE,    // the file has been removed: open the registry anew
+    NO_ROOM, // of bytes or numbers, or the registry is in use by another process: try again
+    GONE,    // the file has been removed: open the registry again
     FAILED,  // errno; EPROTO: not a registry
 };
 
 class buffer_registry {
 public:
-    // Opens the registry in a domain's folder, making the file. 0, or -1 with errno.
+    // Opens the registry in a domain's folder and creates the file if necessary. 0, or -1 with
+    // errno.
     int open(int folder);
     explicit operator bool() const { return static_cast<bool>(file_); }
 
-    // Takes the lowest free number for a buffer of `bytes` bytes, when all buffers then have at
-    // most `limit` bytes together. Never waits longer than a few milliseconds; after NO_ROOM the
-    // next calls may answer the same without looking, so that asking in a loop costs little
-    // whatever the number of buffers. Holds one number at a time; asking for a second one is an
-    // error (EBUSY).
+    // Takes the lowest free number for a buffer of `bytes` bytes, if all buffers together then have
+    // at most `limit` bytes. Never waits longer than a few milliseconds. After NO_ROOM the next
+    // calls may return the same without looking, so that polling is cheap whatever the number of
+    // buffers. Only one number can be held at a time; claiming a second one is an error (EBUSY).
     claim_result claim(uint64_t bytes, uint64_t limit);
 
     uint32_t number() const { return number_; } // 0 while nothing is held
 
-    // Gives the number and the bytes back. May be called without any.
+    // Releases the number and the bytes. May be called without any.
     void release();
 
-    // Closes the file, which gives back what is held unless a forked process has it open, too.
+    // Closes the file. That releases what is held, unless a forked process also has the file open.
     void close();
 
-    // Writes the present process id into the record: after a fork the number is the child's.
+    // Writes the present process id into the record: after a fork the child owns the number.
     void note_owner();
 
 private:

@@ -18,11 +18,11 @@ namespace {
 
 constexpr uint64_t largest_piece = uint64_t{64} << 20;
 
-// A file of memory is made with all rights for everybody, and whoever has it open for reading could
-// open it anew for writing.
+// A memory file is created with all rights for everybody, and any process that has it open for
+// reading could reopen it for writing.
 constexpr mode_t read_only_mode = 0400;
 
-// Past this limit the kernel sends a signal that ends the process.
+// Above this limit the kernel sends a signal that ends the process.
 bool exceeds_file_size_limit(uint64_t size)
 {
     rlimit limit = {};
@@ -49,7 +49,7 @@ reserve_failure shared_buffer::reserve(uint64_t size, bool (*between_pieces)())
     const auto failed = [this](const char* step) {
         const reserve_failure failure = {step, errno};
         memory_.reset();
-        // Gives the pages back; the descriptor stays, its number is known to others.
+        // Releases the pages but keeps the descriptor, whose number others know.
         const int cut = ftruncate(file_.get(), 0);
         static_cast<void>(cut);
         return failure;
@@ -65,7 +65,7 @@ reserve_failure shared_buffer::reserve(uint64_t size, bool (*between_pieces)())
         return failed("mapping");
     }
     memory_ = mapping(address, size);
-    // The process may abort on purpose, and gigabytes of picture explain nothing.
+    // The process may abort on purpose, and gigabytes of picture in a core file explain nothing.
     kernel_->advise(address, size, MADV_DONTDUMP);
     if (kernel_->change_mode(file_.get(), read_only_mode) != 0) {
         return failed("changing the mode");
@@ -76,8 +76,8 @@ reserve_failure shared_buffer::reserve(uint64_t size, bool (*between_pieces)())
     return {};
 }
 
-// An interrupted call gives back what it has taken. A timer that fires faster than a piece is taken
-// would keep it from ever ending, and so the pieces become smaller.
+// An interrupted call releases what it had reserved. A timer that fires faster than one piece takes
+// would prevent progress for ever, so the pieces become smaller.
 int shared_buffer::reserve_pages(uint64_t size, bool (*between_pieces)())
 {
     const uint64_t smallest_piece = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
@@ -100,7 +100,7 @@ int shared_buffer::reserve_pages(uint64_t size, bool (*between_pieces)())
     return 0;
 }
 
-// The mapping that is there goes on: only new ones for writing are refused.
+// The existing mapping stays writable: only new mappings for writing are refused.
 int shared_buffer::seal()
 {
     constexpr int seals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
@@ -108,7 +108,7 @@ int shared_buffer::seal()
         sealed_against_writing_ = true;
         return 0;
     }
-    // Linux before 5.1: the read-only descriptor and the mode have to do.
+    // Before Linux 5.1 the read-only descriptor and the mode have to suffice.
     return errno == EINVAL ? kernel_->add_seals(file_.get(), seals) : -1;
 }
 

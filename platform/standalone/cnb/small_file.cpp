@@ -19,7 +19,7 @@ std::string read_small_file(const std::string& path)
 {
     const unique_fd fd(open_file(path.c_str(), O_RDONLY));
     std::string text;
-    // Files of the kernel have no size to go by.
+    // The sizes of files in /proc and /sys mean nothing.
     for (size_t wanted = first_read; fd && text.size() < most_bytes; wanted = text.size()) {
         const size_t before = text.size();
         text.resize(before + wanted);

@@ -49,7 +49,7 @@ void pause_accepting(comm_socket_v4_server& server, uint64_t now_us)
     watch_listeners(server, 0);
 }
 
-// Null when the process at the other end may be served.
+// Null when the process at the other end may be served, otherwise the refusal.
 const refusal* judge_peer(int socket)
 {
     ucred peer = {};
@@ -142,7 +142,7 @@ void resume_accepting(comm_socket_v4_server& server)
 
 bool replace_listener(comm_socket_v4_server& server, uint64_t now_us)
 {
-    // Whatever comes of it, the file now is this process's to remove.
+    // Whatever the result, this process now has to remove the file.
     server.listener.owner = getpid();
     comm_listener fresh;
     if (!open_listener(server.listener.path, &fresh)) {
@@ -151,7 +151,7 @@ bool replace_listener(comm_socket_v4_server& server, uint64_t now_us)
     server.old_listener = std::move(server.listener);
     server.listener = std::move(fresh);
     server.old_listener_until_us = now_us + server.limits.old_listener_us;
-    // The kernel still reports the old socket under the new one's name.
+    // The kernel would still report the old socket under the new one's name.
     const uint32_t events = server.accepting ? static_cast<uint32_t>(EPOLLIN) : 0;
     watch_listener(server, server.old_listener, EPOLL_CTL_MOD, events);
     return watch_listener(server, server.listener, EPOLL_CTL_ADD, events);
@@ -162,7 +162,7 @@ void tend_listeners(comm_socket_v4_server& server, uint64_t now_us)
     if (!server.accepting && now_us >= server.accept_again_us) {
         resume_accepting(server);
     }
-    // After a long stretch without rounds more may wait there than one round takes.
+    // After a long time without rounds more connections may wait there than one round accepts.
     if (server.old_listener.socket && now_us >= server.old_listener_until_us &&
         accept_clients(server, server.old_listener.socket.get(), now_us) == 0 && server.accepting) {
         unwatch(server, server.old_listener.socket.get());

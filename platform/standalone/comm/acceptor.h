@@ -1,4 +1,4 @@
-// The server's front door: listening, accepting, and what to do when descriptors run out.
+// Listening and accepting, also when descriptors run out.
 #pragma once
 
 #include <cstdint>
@@ -12,22 +12,23 @@ namespace platform {
 // Binds and listens; a stale socket file is replaced. False with one line on failure.
 bool start_listening(comm_socket_v4_server& server, const std::string& path);
 
-// Takes a connection. Null when it is refused; it was told why.
+// Adopts a connection. Null when it is refused; the client has then been sent the reason.
 comm_socket_v4_client* adopt(comm_socket_v4_server& server, std::unique_ptr<packet_channel> channel,
                              uint64_t now_us);
 
-// Accepts what waits at the listening socket, a bounded number. Returns how many there were. When
-// the process or the machine has no descriptor left, accepting pauses until a client leaves or a
-// second has passed: a listening socket that stays readable would keep the loop awake for nothing.
+// Accepts waiting connections, a bounded number of them, and returns how many there were. When the
+// process or the machine has no free descriptor, accepting pauses until a client leaves or a second
+// has passed: a listening socket that stays readable would keep the loop awake for nothing.
 int accept_clients(comm_socket_v4_server& server, int listening_socket, uint64_t now_us);
 
 void resume_accepting(comm_socket_v4_server& server);
 
-// Listens anew at the same path. Connections that are on their way to the old socket are still
-// accepted for a while. False with one line on failure: the old socket goes on.
+// Creates a new listening socket at the same path. Connections that are on their way to the old
+// socket are still accepted for a while. False with one line on failure; the old socket then stays
+// in use.
 bool replace_listener(comm_socket_v4_server& server, uint64_t now_us);
 
-// What time asks for: accepting again, closing a replaced socket.
+// Work that depends on time: accepting again, closing a replaced socket.
 void tend_listeners(comm_socket_v4_server& server, uint64_t now_us);
 
 } // namespace platform

@@ -10,7 +10,7 @@ using namespace comm_protocol;
 
 bool answer_queue::send(packet_channel& channel, comm_socket_v4_packet packet, uint64_t now_us)
 {
-    // The common case takes no memory for the queue.
+    // The common case allocates nothing for the queue.
     if (entries_.empty()) {
         const channel_result result = channel.send(packet);
         if (result != channel_result::AGAIN) {
@@ -97,7 +97,7 @@ bool answer_queue::flush(packet_channel& channel, uint64_t now_us)
     return true;
 }
 
-// One packet of the first entry; the entry goes with its last one.
+// Sends one packet of the first entry; the entry is removed after its last packet.
 channel_result answer_queue::send_front(packet_channel& channel)
 {
     entry& front = entries_.front();

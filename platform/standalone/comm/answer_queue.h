@@ -1,5 +1,6 @@
-// What a client is still to be sent. Bounded: a client that reads nothing costs a few kilobytes
-// until it is dropped, because unasked packets replace each other here instead of adding up.
+// The packets that wait to be sent to a client. Bounded: a client that reads nothing costs a few
+// kilobytes until it is dropped, because unsolicited packets replace each other here instead of
+// accumulating.
 #pragma once
 
 #include <cstddef>
@@ -12,10 +13,10 @@
 
 namespace platform {
 
-// A status document at one moment, shared by all who are being sent it.
+// A status document at one moment, shared by all clients to which it is being sent.
 using document_text = std::shared_ptr<const std::string>;
 
-// The state that the newest EVENT tells; its text is kept beside it.
+// The state in the newest EVENT.
 struct event_state {
     int32_t percent = 0;
     int32_t ready = 0;
@@ -26,29 +27,29 @@ enum class undelivered { CHANNEL_GONE, QUEUE_FULL, NO_MEMORY };
 
 class answer_queue {
 public:
-    // Each sends what the channel takes at once and keeps the rest. False when the client has to
-    // go, reason() says why. `now_us` is any monotonic time.
+    // Each call sends what the channel accepts at once and queues the rest. False when the client
+    // must be dropped; reason() says why. `now_us` is any monotonic time.
     bool send(packet_channel& channel, comm_socket_v4_packet packet, uint64_t now_us);
 
-    // The document as STATUS packets. `asked`: the answer to a request; otherwise it belongs to the
-    // subscription and replaces an older document of which nothing was sent.
+    // Sends the document as STATUS packets. `asked`: it answers a request; otherwise it belongs to
+    // the subscription and replaces an older document of which nothing has been sent.
     bool send_document(packet_channel& channel, document_text text, uint64_t request, bool asked,
                        uint64_t now_us);
 
-    // Adds the changes to an EVENT that still waits, or makes a new one.
+    // Adds the changes to an EVENT that is still queued, or queues a new one.
     bool send_event(packet_channel& channel, uint64_t request, uint32_t changes,
                     const event_state& state, uint64_t now_us);
 
-    // Sends on. False as above.
+    // Sends queued packets. Returns as above.
     bool flush(packet_channel& channel, uint64_t now_us);
 
-    // Why the last call that gave false did so.
+    // Why the last call returned false.
     undelivered reason() const { return reason_; }
 
     bool empty() const { return entries_.empty(); }
 
-    // Since when the client has taken nothing, though something waits for it. Meaningless when
-    // empty.
+    // The time since which the client has accepted nothing although packets are queued. Meaningless
+    // when the queue is empty.
     uint64_t stalled_since_us() const { return stalled_since_us_; }
 
 private:
@@ -59,7 +60,7 @@ private:
         uint64_t request = 0;
         comm_socket_v4_packet packet = {}; // PACKET
         document_text text = {};           // DOCUMENT
-        size_t offset = 0;                 // of what is still to be sent of it
+        size_t offset = 0;                 // of the first byte that has not been sent
         bool asked = false;
         uint32_t changes = 0; // EVENT
         event_state state = {};

@@ -1,4 +1,4 @@
-// The way packets take between two ends. A socket in the worker; memory in tests and fuzzers.
+// Transports packets between two ends: a socket in the worker, memory in tests and fuzzers.
 #pragma once
 
 #include <cstddef>
@@ -9,9 +9,9 @@ namespace platform {
 
 enum class channel_result {
     DONE,
-    AGAIN,     // nothing there, or no room, for now
+    AGAIN,     // nothing to receive, or no room, for now
     GONE,      // the other end has left, or the channel is broken
-    NO_MEMORY, // the kernel has none for this packet; the other end is not to blame
+    NO_MEMORY, // the kernel has none for this packet; not the fault of the other end
 };
 
 class packet_channel {
@@ -21,13 +21,13 @@ public:
     packet_channel& operator=(const packet_channel&) = delete;
     virtual ~packet_channel() = default;
 
-    // Takes one packet. *size is its true size; when that is above `capacity`, the rest of the
-    // packet is lost. Descriptors that came with it are closed unseen.
+    // Receives one packet. *size is its true size; when that exceeds `capacity`, the rest of the
+    // packet is lost. Descriptors that came with it are closed.
     virtual channel_result receive(unsigned char* buffer, size_t capacity, size_t* size) = 0;
 
     virtual channel_result send(const comm_socket_v4_packet& packet) = 0;
 
-    // Ends the conversation such that the other end can still read what was sent to it.
+    // Ends the connection such that the other end can still read what was sent to it.
     virtual void finish() = 0;
 
     // For the kernel's readiness calls; negative when there is none.

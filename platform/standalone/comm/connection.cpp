@@ -17,8 +17,8 @@ comm_socket_v4_packet error_packet(uint64_t request, const refusal& reason)
     return {comm_protocol::encode(request, comm_protocol::error{reason.code, reason.text}), {}};
 }
 
-// A client with unread answers is asked for nothing more: neither its requests nor their answers
-// pile up.
+// No requests are read from a client with unread answers, so that neither requests nor answers
+// accumulate.
 void block(comm_socket_v4_client& client)
 {
     client.blocked = true;
@@ -55,7 +55,7 @@ void give_up(comm_socket_v4_client& client)
     }
 }
 
-// After each attempt to send: `delivered` as the queue said.
+// Called after each attempt to send; `delivered` is the queue's result.
 void settle(comm_socket_v4_client& client, bool delivered)
 {
     if (!delivered) {

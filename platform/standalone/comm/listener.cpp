@@ -51,7 +51,7 @@ unique_fd new_socket()
     return unique_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
-// 0 when somebody listens there, or the error number of the attempt.
+// 0 when a process listens there, otherwise the error number of the attempt to connect.
 int try_to_connect(const std::string& path)
 {
     const unique_fd probe = new_socket();
@@ -63,7 +63,8 @@ int try_to_connect(const std::string& path)
     return connect(probe.get(), generic, sizeof(address)) == 0 ? 0 : errno;
 }
 
-// A socket file is there: true when it is a dead one of this user, now removed.
+// Handles an existing socket file: true when it was a dead socket of this user and has been
+// removed.
 bool remove_stale_socket(const std::string& path, uid_t file_owner)
 {
     const int answer = try_to_connect(path);
@@ -99,7 +100,8 @@ int bind_private(int socket, const std::string& path)
     return result;
 }
 
-// The same in each run, so that the next start finds what a dead process has left. FNV-1a.
+// A hash (FNV-1a) that is the same in each run, so that the next start finds what a dead process
+// left.
 uint64_t hash_of(const std::string& text)
 {
     uint64_t hash = 0xCBF29CE484222325;
@@ -109,7 +111,7 @@ uint64_t hash_of(const std::string& text)
     return hash;
 }
 
-// Left by a process that died while it made its socket.
+// Removes the file of a process that died while it created its socket.
 void remove_unfinished(int folder, const std::string& name)
 {
     const std::string unfinished = unfinished_socket_name(name);
@@ -132,7 +134,7 @@ bool note_file(int folder, const std::string& name, comm_listener* listener)
     return true;
 }
 
-// False with errno. The temporary name is gone afterwards, one way or the other.
+// False with errno. In either case the temporary name no longer exists afterwards.
 bool bind_and_rename(const split_path& at, int folder, comm_listener* listener)
 {
     const std::string temporary = unfinished_socket_name(at.name);
@@ -153,8 +155,8 @@ bool bind_and_rename(const split_path& at, int folder, comm_listener* listener)
 
 } // namespace
 
-// The lock that goes with the path goes with this name, too. One that is too long to be bound to
-// through the folder's descriptor is shortened.
+// The lock of the path covers this name, too. A name that is too long to be bound through the
+// folder's descriptor is shortened.
 std::string unfinished_socket_name(const std::string& name)
 {
     constexpr size_t longest = 64;

@@ -1,5 +1,5 @@
-// The listening socket and its file. The caller holds the lock that goes with the path: one process
-// at a time does any of this for one path.
+// The listening socket and its file. The caller holds the lock that belongs to the path: only one
+// process at a time does this for one path.
 #pragma once
 
 #include <string>
@@ -14,23 +14,25 @@ struct comm_listener {
     std::string path;
     dev_t device = 0; // of the socket file
     ino_t inode = 0;
-    pid_t owner = 0; // the process that removes the file
+    pid_t owner = 0; // the process that has to remove the file
 };
 
-// The name, in the same folder, under which the socket `name` is made. Other names have others.
+// The temporary name, in the same folder, under which the socket `name` is created. Different names
+// have different temporary names.
 std::string unfinished_socket_name(const std::string& name);
 
-// True when a socket may be made at the path: nothing is there, or a socket of this user that
-// nobody listens on any more, which is removed, as is what a process has left that died while it
-// made its socket for this path. Otherwise false, told in one line that names the path.
+// True when a socket may be created at the path: nothing is there, or only a socket of this user on
+// which nobody listens any more, which is removed. A file left by a process that died while it
+// created its socket for this path is removed as well. Otherwise false, after one line that names
+// the path.
 bool clear_socket_path(const std::string& path);
 
-// Makes the socket under another name, mode 0600, listens and renames it to `path`, whatever socket
-// is there; so the path never names a socket that refuses. False with one line on failure, the path
-// then untouched.
+// Creates the socket under a temporary name with mode 0600, listens, and renames it to `path`,
+// replacing an existing socket; so the path never names a socket that refuses connections. False
+// with one line on failure; the path is then unchanged.
 bool open_listener(const std::string& path, comm_listener* listener);
 
-// Removes the socket file when it still is this listener's and this process its owner. Closes the
+// Removes the socket file if it is still this listener's and this process is its owner. Closes the
 // socket. May run twice.
 void close_listener(comm_listener* listener);
 

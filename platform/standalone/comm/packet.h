@@ -1,4 +1,4 @@
-// What the platform's opaque packet types hold.
+// The contents of the platform's opaque packet types.
 #pragma once
 
 #include <cstddef>
@@ -10,10 +10,10 @@
 // A whole packet, header included.
 struct comm_socket_v4_packet {
     comm_protocol::packet_bytes bytes;
-    platform::unique_fd descriptor; // travels with it, when there is one
+    platform::unique_fd descriptor; // sent with it, if there is one
 };
 
-// A received request. `body` points into the packet that it came in.
+// A received request. `body` points into the packet that contained it.
 struct common_pkt_parsing {
     comm_protocol::packet_header header;
     const unsigned char* body = nullptr;

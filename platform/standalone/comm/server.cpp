@@ -19,7 +19,7 @@ namespace platform {
 namespace {
 
 constexpr rlim_t descriptors_for_others =
-    32; // files, the frame buffer, one more for each passing of it
+    32; // files, the frame buffer, one more for each time it is sent
 
 const refusal no_memory = {comm_protocol::NO_MEMORY, true, "out of memory"};
 const refusal no_greeting = {comm_protocol::NOT_GREETED, true, "no hello in time"};
@@ -42,7 +42,7 @@ size_t clients_that_fit(size_t wanted)
     return static_cast<size_t>(std::min<rlim_t>(wanted, all - descriptors_for_others));
 }
 
-// Set for as long as it lives.
+// Sets the flag during its lifetime.
 class round_mark {
 public:
     explicit round_mark(bool& mark) : mark_(mark) { mark_ = true; }
@@ -56,8 +56,8 @@ private:
 
 void receive_packet(comm_socket_v4_server& server, comm_socket_v4_client& client, uint64_t now_us)
 {
-    // One for all: a packet is used up before the next is read. The byte more tells a packet of the
-    // largest size from one above it.
+    // One buffer for all: a packet is consumed before the next is read. The extra byte
+    // distinguishes a packet of the maximum size from a larger one.
     static unsigned char buffer[comm_protocol::max_packet_size + 1];
     size_t size = 0;
     const channel_result result = client.channel->receive(buffer, sizeof(buffer), &size);
@@ -121,8 +121,8 @@ int look_at_events(comm_socket_v4_server& server, uint64_t now_us)
     return work;
 }
 
-// After a long stretch without rounds more may have come from clients than one round takes. So what
-// has come is looked at before a client is found to have said nothing, or to have read nothing.
+// After a long time without rounds clients may have sent more than one round reads. So pending
+// input is handled before a client is considered silent, or is found not to have read anything.
 void take_what_has_come(comm_socket_v4_server& server, comm_socket_v4_client& client, short wanted,
                         uint64_t now_us)
 {
@@ -151,7 +151,7 @@ bool has_stalled(const comm_socket_v4_server& server, const comm_socket_v4_clien
     return client.blocked && client.answers.stalled_since_us() + server.limits.unread_us < now_us;
 }
 
-// On a copy: who has read leaves the original.
+// Iterates over a copy, because clients that have read are removed from the original.
 void drop_stalled(comm_socket_v4_server& server, uint64_t now_us)
 {
     const std::vector<comm_socket_v4_client*> blocked = server.home.blocked;
@@ -176,7 +176,7 @@ void tend_connections(comm_socket_v4_server& server, uint64_t now_us)
     tend_listeners(server, now_us);
 }
 
-// The one place where a connection ends.
+// The only place where a connection ends.
 void remove_client(comm_socket_v4_server& server, comm_socket_v4_client& client)
 {
     server.callbacks.left(client);
@@ -259,13 +259,13 @@ void take_packet(comm_socket_v4_server& server, comm_socket_v4_client& client,
 int remove_leaving(comm_socket_v4_server& server)
 {
     int removed = 0;
-    // By index: whoever hears of one that left may let go of others.
+    // By index, because the callback may disconnect other clients.
     for (size_t i = 0; i < server.home.leaving.size(); ++i) {
         remove_client(server, *server.home.leaving[i]);
         ++removed;
     }
     server.home.leaving.clear();
-    server.events_ready = 0; // may name one of them
+    server.events_ready = 0; // they may refer to removed clients
     if (removed > 0) {
         resume_accepting(server);
     }
@@ -294,7 +294,7 @@ void comm_socket_v4_server_from_client_readable(comm_socket_v4_server* server, u
         nanosleep(&left, nullptr);
         return;
     }
-    // Who waits has nothing else to do: no gate is closed any more.
+    // While waiting there is no other work, so the next round is due at once.
     server->busy_us = 0;
     server->next_look_us = 0;
     if ((left.tv_sec == 0 && left.tv_nsec == 0) || server->events_ready > 0) {
@@ -303,7 +303,7 @@ void comm_socket_v4_server_from_client_readable(comm_socket_v4_server* server, u
     int ready = epoll_pwait2(server->epoll.get(), server->events.data(),
                              static_cast<int>(server->events.size()), &left, nullptr);
     if (ready < 0 && errno != EINTR) {
-        // Kernels without that call: wait only, the next round asks what for.
+        // On kernels without that call only wait; the next round polls for the events.
         pollfd any = {server->epoll.get(), POLLIN, 0};
         ppoll(&any, 1, &left, nullptr);
         ready = 0;

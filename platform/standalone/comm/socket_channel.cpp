@@ -9,7 +9,7 @@ namespace platform {
 
 namespace {
 
-constexpr int most_unread_packets = 1024; // that finish() throws away
+constexpr int most_unread_packets = 1024; // that finish() discards
 
 channel_result from_errno()
 {
@@ -18,7 +18,7 @@ channel_result from_errno()
         return channel_result::AGAIN;
     case ENOBUFS:
     case ENOMEM:
-    case ETOOMANYREFS: // descriptors on their way
+    case ETOOMANYREFS: // descriptors in transit
         return channel_result::NO_MEMORY;
     default:
         return channel_result::GONE;
@@ -49,7 +49,7 @@ public:
 
     channel_result receive(unsigned char* buffer, size_t capacity, size_t* size) override
     {
-        // Without room for control data the kernel itself closes descriptors that nobody asked for.
+        // Without a buffer for control data the kernel itself closes unwanted descriptors.
         ssize_t got = 0;
         do {
             got = recv(socket_.get(), buffer, capacity, MSG_DONTWAIT | MSG_TRUNC);
@@ -58,7 +58,7 @@ public:
             return from_errno();
         }
         *size = static_cast<size_t>(got);
-        // An empty packet and the end look alike, and both end the conversation.
+        // An empty packet cannot be distinguished from the end of the connection; both end it.
         return got == 0 ? channel_result::GONE : channel_result::DONE;
     }
 
@@ -75,7 +75,7 @@ public:
 
     void finish() override
     {
-        // Requests left unread when the socket closes would turn the last answers into a reset.
+        // If requests are unread when the socket closes, the last answers are lost to a reset.
         shutdown(socket_.get(), SHUT_RDWR);
         unsigned char byte = 0;
         int left = most_unread_packets;

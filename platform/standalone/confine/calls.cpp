@@ -1,5 +1,5 @@
-// The calls are named here for all architectures and all C libraries: a name that is unknown where
-// this is built or run is passed over.
+// The calls are listed by name for all architectures and C libraries. A name that is unknown where
+// this is built or run is skipped.
 #include "platform/standalone/confine/calls.h"
 
 #include <asm/termbits.h>
@@ -16,8 +16,8 @@ namespace platform {
 
 namespace {
 
-// Not among them are calls whose arguments lie in memory, where a filter cannot see them (clone3,
-// openat2): a C library that finds them absent takes the older ones.
+// Excluded are calls whose arguments are in memory, where a filter cannot see them (clone3,
+// openat2): a C library that does not find them uses the older ones.
 constexpr const char* allowed_calls[] = {
     // memory
     "brk",
@@ -66,8 +66,8 @@ constexpr const char* allowed_calls[] = {
     "sync_file_range2",
     "write",
     "writev",
-    // files by name, which the rules for files limit further; they know none for a file's mode,
-    // owner and times
+    // files by name, which the rules for files limit further; those rules do not cover a file's
+    // mode, owner and times
     "access",
     "chdir",
     "faccessat",
@@ -107,7 +107,7 @@ constexpr const char* allowed_calls[] = {
     "umask",
     "unlink",
     "unlinkat",
-    // sockets, once they are there
+    // existing sockets
     "accept",
     "accept4",
     "bind",
@@ -151,7 +151,7 @@ constexpr const char* allowed_calls[] = {
     "setitimer",
     "time",
     "times",
-    // signals, which the rules for files keep inside the process where the kernel can
+    // signals, which the rules for files keep inside the process where the kernel supports that
     "restart_syscall",
     "rt_sigaction",
     "rt_sigpending",
@@ -163,7 +163,7 @@ constexpr const char* allowed_calls[] = {
     "sigaltstack",
     "sigreturn",
     "tgkill",
-    // threads, children, and what they know of themselves
+    // threads, children, and their properties
     "exit",
     "exit_group",
     "fork",
@@ -213,14 +213,14 @@ constexpr const char* allowed_calls[] = {
     "uname",
 };
 
-// What an argument, cut to the bits of the mask, has to be.
+// The required value of an argument under a mask.
 struct argument_bits {
     unsigned argument;
     uint64_t mask;
     uint64_t value;
 };
 
-// Allowed when both are so; a mask of 0 asks for nothing.
+// The call is allowed when both conditions hold; a mask of 0 is no condition.
 struct argument_rule {
     const char* name;
     argument_bits first;
@@ -243,11 +243,12 @@ constexpr argument_bits nothing = {0, 0, 0};
 constexpr argument_rule argument_rules[] = {
     {"clone", {flags_of_clone, new_namespaces, 0}, nothing},
     {"prlimit64", {0, all_of_an_int, 0}, nothing}, // its own limits
-    // Streams lead to those who start programs for their user: message buses, agents, displays.
+    // No stream sockets: they lead to services that start programs for their user, such as message
+    // buses, agents and displays.
     {"socket", local, {1, kind_of_socket, SOCK_SEQPACKET}},
     {"socket", local, {1, kind_of_socket, SOCK_DGRAM}},
     {"socketpair", local, nothing},
-    // Questions to a terminal. Others put words into its user's mouth.
+    // Only queries of a terminal. Other requests can simulate its user's input.
     {"ioctl", {1, all_of_an_int, TCGETS}, nothing},
 #ifdef TCGETS2
     {"ioctl", {1, all_of_an_int, TCGETS2}, nothing},
@@ -289,14 +290,13 @@ bool add_allowed_calls(scmp_filter_ctx filter)
 
 bool set_attributes(scmp_filter_ctx filter)
 {
-    // Giving up new privileges is a measure of its own.
+    // The process disables new privileges itself.
     return seccomp_attr_set(filter, SCMP_FLTATR_CTL_NNP, 0) == 0 &&
            seccomp_attr_set(filter, SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_ERRNO(ENOSYS)) == 0;
 }
 
-// What later versions of the library offer for speed: to find the rule by the number of the call, and
-// not to have the processor slowed down by precautions that are meant for programs which run the code
-// of others.
+// Speed options of later library versions: find the rule by the number of the call, and disable
+// mitigations that slow the processor down and are meant for programs that run untrusted code.
 void ask_for_speed(scmp_filter_ctx filter)
 {
 #if SCMP_VER_MAJOR > 2 || (SCMP_VER_MAJOR == 2 && SCMP_VER_MINOR >= 5)

@@ -1,11 +1,12 @@
-// Which system calls a worker can still make.
+// The system calls that a worker may make.
 #pragma once
 
 namespace platform {
 
-// From now on this process and its children may make the calls that serving a picture takes. All
-// others fail with ENOSYS, as if the kernel did not have them, so that a newer C library falls back
-// on older ones. False when the kernel cannot or may not; nothing is changed then.
+// Restricts this process and its children to the calls that serving a picture needs. All others
+// fail with ENOSYS, as if the kernel did not have them, so that a newer C library falls back on
+// older calls. False when the kernel cannot do this or does not permit it; nothing has changed
+// then.
 bool restrict_calls();
 
 } // namespace platform

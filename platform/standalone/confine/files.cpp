@@ -17,7 +17,7 @@ namespace {
 
 // --- the kernel's interface ---------------------------------------------------------------------
 
-// Rights and attributes that came after the first version; a header may not have them yet.
+// Rights and attributes of later versions, which a header may not define yet.
 constexpr uint64_t first_rights = (uint64_t{1} << 13) - 1;
 constexpr uint64_t right_to_refer = uint64_t{1} << 13;    // 2
 constexpr uint64_t right_to_truncate = uint64_t{1} << 14; // 3
@@ -28,14 +28,15 @@ constexpr int version_with_scopes = 6;
 constexpr uint64_t scope_abstract_sockets = 1;
 constexpr uint64_t scope_signals = 2;
 
-// An older kernel takes the longer form as long as what it does not know is zero.
+// An older kernel accepts the longer structure as long as the fields that it does not know are
+// zero.
 struct ruleset_attributes {
     uint64_t files;
     uint64_t network;
     uint64_t scoped;
 };
 
-// 0 and less: not there.
+// 0 or less: not supported.
 int interface_version()
 {
     return static_cast<int>(
@@ -65,8 +66,8 @@ constexpr uint64_t to_keep_files =
 constexpr uint64_t rights_of_a_file =
     LANDLOCK_ACCESS_FS_EXECUTE | to_read_and_write | right_to_truncate | right_to_ioctl;
 
-// What the C library may look for, whoever uses it: time zones, texts, character sets and what is
-// loaded for them.
+// Files that the C library may open by itself: time zones, translations, character sets and the
+// modules for them.
 constexpr const char* library_places[] = {"/etc/ld.so.cache",  "/etc/localtime",
                                           "/usr/lib",          "/usr/lib64",
                                           "/usr/share/locale", "/usr/share/zoneinfo"};
@@ -90,7 +91,7 @@ std::string folder_of(const std::string& path)
     return path.substr(0, path.rfind('/'));
 }
 
-// The folder of a domain is made anew when it has been removed under a worker that waits.
+// The folder of a domain is created again when it has been removed while a worker waits.
 void append_domain(std::vector<file_rule>* rules, const std::string& folder)
 {
     const std::string all_domains = folder_of(folder);
@@ -116,7 +117,7 @@ bool add_rule(int ruleset, int version, const file_rule& rule)
         beneath.allowed_access &= rights_of_a_file;
     }
     beneath.parent_fd = fd;
-    // A pipe, a socket or memory is in no folder, and needs no rule.
+    // A pipe, a socket or memory is in no folder and needs no rule.
     return syscall(SYS_landlock_add_rule, ruleset, LANDLOCK_RULE_PATH_BENEATH, &beneath, 0) == 0 ||
            errno == EBADFD;
 }
@@ -162,7 +163,7 @@ std::string core_folder(std::string_view pattern, uint64_t size_limit,
     if (size_limit == 0 || pattern.empty() || to_a_program) {
         return "";
     }
-    // What stands for the process's number or name is only known when it has died.
+    // The parts of the pattern for process id and name are only known when the process dies.
     const std::string_view fixed = pattern.substr(0, pattern.find('%'));
     std::string folder = fixed.starts_with('/') ? "" : working_folder + '/';
     folder += fixed;

@@ -1,5 +1,6 @@
-// Which files and folders a worker can still reach: rules of the kernel's Landlock, which looks at
-// what is opened from now on. What is open already stays usable, and so does memory without a name.
+// The files and folders that a worker can still reach: rules of the kernel's Landlock, which checks
+// files when they are opened. Files that are open already stay usable, and so does anonymous
+// memory.
 #pragma once
 
 #include <cstdint>
@@ -9,40 +10,40 @@
 
 namespace platform {
 
-// Rights are the kernel's LANDLOCK_ACCESS_FS_ bits. They hold for a file, or for a folder and all
-// that is below it; of those that only a folder can have, a file gets none.
+// Rights are the kernel's LANDLOCK_ACCESS_FS_ bits. They apply to a file, or to a folder and
+// everything below it; rights that only a folder can have are ignored for a file.
 struct file_rule {
-    int fd = -1; // open, and borrowed; -1: the path counts
+    int fd = -1; // open, borrowed; -1: use the path
     std::string path = {};
     uint64_t rights = 0;
-    bool needed = false; // without it the worker could not do its work
+    bool needed = false; // the worker cannot work without it
     bool operator==(const file_rule&) const = default;
 };
 
-// An item's places. Empty paths and descriptors of -1 are left out.
+// The places of an item. Empty paths and descriptors of -1 are skipped.
 struct item_places {
     int picture = -1;
     int metadata_folder = -1;
     std::string socket_folder = {};
-    std::string domain_folder = {}; // may be made anew, and its registry with it
+    std::string domain_folder = {}; // may be created again, together with its registry
     std::string core_folder = {};
     std::vector<std::string> memory_groups = {};
 };
 std::vector<file_rule> file_rules(const item_places& places);
 
-// The rights that a kernel of this version of the interface knows. None of them is left without a
-// rule.
+// The rights that this version of the kernel's interface knows. All of them are restricted.
 uint64_t known_file_rights(int version);
 
-// Where the kernel would leave a core file, which it does with the rights of the process: by the
-// text of core_pattern, the limit to a core file's size, and the working folder. Empty where it
-// leaves none or would leave it in the root folder, and when a program receives it.
+// The folder where the kernel would write a core file, which it does with the rights of the
+// process: determined by the text of core_pattern, the size limit of core files, and the working
+// folder. Empty when it writes none, when the folder is the root folder, and when a program
+// receives the core file.
 std::string core_folder(std::string_view pattern, uint64_t size_limit,
                         const std::string& working_folder);
 
-// Puts the rules into force for this process and its children, and with them, where the kernel can,
-// no TCP, no signals to others, and no abstract sockets of others unless they are `abstract_sockets`
-// to be reached. False when the kernel cannot or may not, and when a rule that is needed fails:
+// Applies the rules to this process and its children. Where the kernel supports it, TCP, signals to
+// other processes and, unless `abstract_sockets` is set, abstract sockets of others are forbidden,
+// too. False when the kernel cannot do this or does not permit it, and when a required rule fails;
 // nothing is in force then.
 bool restrict_files(const std::vector<file_rule>& rules, bool abstract_sockets);
 

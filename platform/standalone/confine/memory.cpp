@@ -14,7 +14,7 @@ namespace platform {
 
 namespace {
 
-// Most that a codec has for itself beside the frame buffer. The largest honest demands are the
+// Limit of what a codec needs beside the frame buffer. The largest legitimate demands are the
 // coefficients of a progressive CMYK JPEG (2 GiB), the rasters of an animation that fills a frame
 // buffer (below 3 GiB) and the pixels of a lossless WebP (1 GiB).
 constexpr uint64_t most_for_codecs = uint64_t{4} << 30;

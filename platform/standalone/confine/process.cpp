@@ -85,6 +85,6 @@ void confine_process()
     if (opened_item() != nullptr) {
         restrict_files(file_rules(present_places(*opened_item())), manager_has_abstract_socket());
     }
-    restrict_calls(); // the last of the three: it refuses the calls of the others
+    restrict_calls(); // last, because it forbids the calls that the others need
     start_memory_bound();
 }

@@ -1,6 +1,6 @@
-// Whether this is a build with a sanitizer. Sanitizers take terabytes of address space, start a
-// symbolizer, trace their own threads and read the program's file, so that a process cannot be
-// confined with one in it.
+// Whether this is a build with a sanitizer. Sanitizers use terabytes of address space, start a
+// symbolizer, trace their own threads and read the program's file, so a process with one cannot be
+// confined.
 #pragma once
 
 namespace platform {

@@ -29,14 +29,14 @@ namespace names = metadata_name;
 
 constexpr uint64_t write_delay_us = 1'000'000;
 constexpr uint64_t longest_delay_us = 600'000'000;
-// Serving goes on while the lock of the metadata file is waited for, so the wait is short.
+// Serving stops while the worker waits for the lock of the metadata file, so the wait is short.
 constexpr uint64_t lock_wait_us = 20'000;
-constexpr uint64_t last_lock_wait_us = 200'000; // at the end, whatever ended the worker
-constexpr size_t most_new_names = 256;          // that clients of one run may add
+constexpr uint64_t last_lock_wait_us = 200'000; // at the end of the worker
+constexpr size_t most_new_names = 256;          // limit of names that clients may add in one run
 
 size_t new_names = 0;
 
-// What the worker finds out itself; a client cannot know better.
+// Determined by the worker itself; clients may not change it.
 constexpr std::array found_out = {
     names::file_type,    names::guid,          names::image_size, names::picture_size,
     names::picture_time, names::time_duration, names::time_scale, names::video_streams,
@@ -58,7 +58,7 @@ bool may_be_set(std::string_view name, const std::string& value)
            (name != names::background_music || parse_on_off(value.c_str(), &on));
 }
 
-// False when clients have added as many names as they may.
+// False when clients have added the maximum number of names.
 bool take_into_document(std::string_view name, const std::string& value)
 {
     if (document_entry(name) == nullptr) {
@@ -71,7 +71,7 @@ bool take_into_document(std::string_view name, const std::string& value)
     return true;
 }
 
-// A list that is still open is yet to be written back, and shown in the document once more.
+// An open list will still be written back and shown in the document again.
 void take_into_open_list(std::string_view name, const std::string& value)
 {
     if (vexa_metadata != nullptr) {
@@ -81,11 +81,11 @@ void take_into_open_list(std::string_view name, const std::string& value)
 
 // --- storing --------------------------------------------------------------------------------------
 
-// Where a setting is that is not in the metadata file yet.
+// Where a setting is stored that is not in the metadata file yet.
 enum class place {
     PENDING_FILE, // survives this process
-    NEXT_WRITE,   // the pending file is full: here alone until the next write, which decides
-    NOWHERE,      // here alone; it could not be stored
+    NEXT_WRITE,   // the pending file is full: only in memory until the next write, which decides
+    NOWHERE,      // only in memory; it could not be stored
 };
 
 struct waiting_setting {
@@ -96,7 +96,7 @@ struct waiting_setting {
 std::map<std::string, waiting_setting, std::less<>> waiting; // by name, not yet in the file
 size_t waiting_bytes = 0;                                    // of their names and values
 pending_file own_pending;
-std::string last_failure; // why something could not be stored; empty: the last write went well
+std::string last_failure; // why something could not be stored; empty: the last write succeeded
 uint64_t due_us = 0;      // when to write; meaningful while something waits
 uint64_t delay_us = write_delay_us;
 
@@ -111,7 +111,7 @@ bool may_store()
     return vexa_metadata_may_update && opened_item() != nullptr;
 }
 
-// The list is yet to be written back, which is refused when the file has changed meanwhile.
+// An open list is still to be written back, which is refused when the file has changed meanwhile.
 bool list_is_open()
 {
     return vexa_metadata != nullptr && !vexa_metadata->closed;
@@ -125,7 +125,7 @@ void note_failure(const std::string& reason)
     }
 }
 
-// Into the pending file. False when there is no use in trying others.
+// Appends a setting to the pending file. False when there is no point in trying others.
 bool save(const std::string& name, waiting_setting* setting)
 {
     std::string record;
@@ -136,7 +136,7 @@ bool save(const std::string& name, waiting_setting* setting)
         setting->where = place::PENDING_FILE;
         return true;
     case append_result::FULL:
-        // After a failed write the next one is far, and as likely to fail.
+        // After a failed write the next one is far away and as likely to fail.
         setting->where = last_failure.empty() ? place::NEXT_WRITE : place::NOWHERE;
         return false;
     case append_result::FAILED:
@@ -147,7 +147,7 @@ bool save(const std::string& name, waiting_setting* setting)
     return false;
 }
 
-// Those that could not be saved before may be saved now.
+// Settings that could not be saved before may be saved now.
 void save_others()
 {
     for (auto& [name, setting] : waiting) {
@@ -180,8 +180,8 @@ setting_state state_of(const waiting_setting& setting)
     return setting_state::NOT_STORED;
 }
 
-// True when there is nothing left to do for it. What is shown need not be in the metadata file, since
-// writing that may have failed, or somebody may have changed it.
+// True when nothing remains to be done for the setting. A value that is shown need not be in the
+// metadata file, because a write may have failed or the file may have been changed.
 bool is_stored(std::string_view name, const std::string& value)
 {
     const auto found = waiting.find(name);
@@ -193,7 +193,7 @@ bool is_stored(std::string_view name, const std::string& value)
     return !vexa_metadata_may_update && shown != nullptr && *shown == value;
 }
 
-// More than a metadata file holds need not wait for being written to it.
+// Limits the waiting settings to what a metadata file can hold.
 bool may_wait(std::string_view name, const std::string& value)
 {
     const auto former = waiting.find(name);
@@ -238,7 +238,7 @@ setting_state keep(std::string_view name, const std::string& value)
     return state_of(kept->second);
 }
 
-// 0 when nothing waits any more.
+// 0 when nothing waits any longer.
 int write_waiting(uint64_t lock_limit_us)
 {
     item_settings settings;
@@ -267,7 +267,7 @@ int write_waiting(uint64_t lock_limit_us)
     return -1;
 }
 
-// One that was done with, but could not be removed then.
+// Removes a pending file that was merged but could not be removed then.
 void remove_own_pending()
 {
     if (own_pending) {
@@ -335,7 +335,7 @@ std::string why_settings_are_not_stored()
     return last_failure.empty() ? "not written yet" : last_failure;
 }
 
-// Twice, since what fails may do so once only.
+// Tries twice, because a failure may be temporary.
 void store_client_settings_now()
 {
     if (!may_store()) {

@@ -1,5 +1,5 @@
-// Metadata that clients set while the item is served: shown at once, appended to this worker's
-// pending file at once, and put into the item's metadata file now and then.
+// Metadata that clients set while the item is served: visible at once, appended to this worker's
+// pending file at once, and written to the item's metadata file from time to time.
 #pragma once
 
 #include <cstdint>
@@ -10,33 +10,33 @@ namespace platform {
 
 enum class setting_state {
     REFUSED,    // nothing has changed
-    STORED,     // it survives the death of this process
-    NOT_STORED, // it is set, but is lost with this process
+    STORED,     // it survives a crash of this process
+    NOT_STORED, // it is set, but lost when this process ends
     WAITS,      // it is set; the next write of the item's file decides whether it is stored
 };
 
-// Takes a client's metadata value: into the document and into the pending file at once, into the
-// item's file within about a second, whatever the number of calls. To be called before
-// vexa_on_metadata_set. REFUSED when the name or the value may not be set: facts that the worker
-// itself finds out, values of a known name that do not parse, texts with a NUL, or more than
+// Accepts a client's metadata value: it is put into the document and the pending file at once, and
+// into the item's file within about a second, however many calls there are. To be called before
+// vexa_on_metadata_set. REFUSED when the name or the value is not permitted: facts that the worker
+// determines itself, values of a known name that do not parse, texts with a NUL, or more than
 // docs/metadata.md allows.
 setting_state store_client_setting(std::string_view name, std::string_view value);
 
-// What has become of the last value that was taken for this name; never REFUSED.
+// The state of the last value that was accepted for this name; never REFUSED.
 setting_state client_setting_state(std::string_view name);
 
-// Writes now what the item's file does not hold yet, and tries once more when that fails; after it
-// nothing WAITS. For the end of the process, or of the service.
+// Writes now what is not in the item's file yet, and retries once after a failure; afterwards
+// nothing WAITS. For the end of the process or of the service.
 void store_client_settings_now();
 
 // For people: why settings are NOT_STORED.
 std::string why_settings_are_not_stored();
 
-// Writes what is waiting when it has waited for a second; after a failure less and less often.
-// Without anything waiting it costs nothing.
+// Writes settings that have waited for a second; after failures the retries become rarer. Costs
+// nothing while nothing waits.
 void store_waiting_settings(uint64_t now_us);
 
-// Forgets what is waiting, unwritten. The pending file stays for the next start.
+// Discards waiting settings without writing them. The pending file stays for the next start.
 void reset_client_settings();
 
 } // namespace platform

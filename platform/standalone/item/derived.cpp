@@ -44,7 +44,7 @@ int derive_metadir(const std::string& name)
     return 0;
 }
 
-// The folder of the sockets is only needed by a worker that serves.
+// Only a worker that serves needs the folder of the sockets.
 int derive_socket(const std::string& name)
 {
     const std::string folder = item_paths::runtime_folder();
@@ -66,8 +66,8 @@ bool removes_leftovers()
     return mode_serves() || vexa_temp_clean_only;
 }
 
-// The places that the command line leaves open follow from the name. Those of a picture that is gone
-// are only looked at for what a worker has left there.
+// Places that the command line does not specify follow from the name. Those of a missing picture
+// are only searched for the remains of a worker.
 void remove_what_is_left_of(const std::string& name)
 {
     std::string folder;
@@ -83,7 +83,7 @@ void remove_what_is_left_of(const std::string& name)
     }
 }
 
-// The worker that served it may have gone, too.
+// A worker that served it may have crashed, so its remains are removed.
 int refuse_missing_picture(int error_number)
 {
     if (removes_leftovers()) {
@@ -92,7 +92,7 @@ int refuse_missing_picture(int error_number)
     return refuse("Cannot open file", vexa_file, error_number);
 }
 
-// What the command line left open.
+// Derives the paths that the command line does not specify.
 int derive_paths()
 {
     if (vexa_file_metadir != nullptr && vexa_sock != nullptr) {
@@ -108,7 +108,7 @@ int derive_paths()
     return vexa_sock == nullptr ? derive_socket(name) : 0;
 }
 
-// A path that the kernel cuts would be another socket's.
+// If the kernel truncated the path, it would name another socket.
 int settle_socket_path()
 {
     absolute_socket = absolute_path(vexa_sock);
@@ -154,8 +154,8 @@ int open_list()
 
 // --- stages, in their order ---------------------------------------------------------------------
 
-// The path is cleared before the picture is looked at: whatever becomes of this start, no dead
-// socket stays.
+// The path is cleared before the picture is read, so no dead socket remains however this start
+// ends.
 int take_socket_path()
 {
     if (!mode_serves()) {

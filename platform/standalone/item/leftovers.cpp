@@ -50,8 +50,8 @@ void remove_half_written_metadata(const metadata_store& store)
 void remove_half_written_metadata(const std::string& folder)
 {
     const unique_fd opened = open_folder(folder.c_str());
-    // Who writes makes the lock's file first. Without it nothing is left, and it is not to be made in
-    // a folder that may be anybody's.
+    // Writers create the lock file first. Without it there are no remains; and it must not be
+    // created in a folder that may belong to anybody.
     if (opened && faccessat(opened.get(), metadata_lock_name, F_OK, 0) == 0) {
         metadata_store store;
         store.folder = opened.get();
@@ -60,7 +60,8 @@ void remove_half_written_metadata(const std::string& folder)
     }
 }
 
-// Its real path cannot be asked for any more; without a link in its own place it is its folder's.
+// The real path of a missing file cannot be resolved; unless the file was a link, it is the real
+// path of its folder.
 std::string name_of_missing_picture(const std::string& picture)
 {
     const size_t slash = picture.rfind('/');

@@ -1,5 +1,5 @@
-// What a worker that was killed has left. Nothing of a live one is touched: each kind of file is only
-// removed under the lock of those who write it.
+// The remains of a worker that was killed. Nothing of a live worker is touched: each kind of file
+// is only removed under the lock of its writers.
 #pragma once
 
 #include <string>
@@ -8,18 +8,18 @@
 
 namespace platform {
 
-// The dead socket at this absolute path, and its lock file. When a live worker serves there, that is
-// one line on standard error. Not to be called by who holds the serve lock.
+// Removes the dead socket at this absolute path and its lock file. When a live worker serves there,
+// prints one line on standard error. Must not be called by the holder of the serve lock.
 void remove_dead_socket(const std::string& socket);
 
-// Half-written metadata in the item's folder.
+// Removes partly written metadata in the item's folder.
 void remove_half_written_metadata(const metadata_store& store);
 
-// The same in the folder at this path. One that is not there is not made.
+// The same in the folder at this path. A missing folder is not created.
 void remove_half_written_metadata(const std::string& folder);
 
-// The name that the default places of a picture had that is no longer there; "" when nobody can tell,
-// since its folder is gone, too.
+// The name in the default places of a picture that no longer exists; "" when it cannot be
+// determined because the folder is missing, too.
 std::string name_of_missing_picture(const std::string& picture);
 
 } // namespace platform

@@ -1,4 +1,4 @@
-// The platform's self-test: what everything else rests on, tried once at start-up.
+// The platform's self-test: basic functions, tested once at start-up.
 #include <cstring>
 #include <string>
 

@@ -20,9 +20,9 @@ constexpr uint64_t patience_us = 300'000;
 
 file_lock lock;
 std::string lock_path;
-pid_t owner = 0; // the process whose number stands in the file
-// Noted by the C library's fork(), also within daemon(), since asking the kernel for the process's
-// number in every idle round costs as much as the rest of the round.
+pid_t owner = 0; // the process whose id is in the file
+// Set by a handler of the C library's fork(), also within daemon(), because asking the kernel for
+// the process id in every idle round costs as much as the rest of the round.
 bool maybe_another_process = true;
 
 bool forks_are_noted()
@@ -32,7 +32,7 @@ bool forks_are_noted()
     return noted;
 }
 
-// The number in the lock file of another worker, 0 when it has not written it yet.
+// The process id in the lock file of another worker, 0 when it has not been written yet.
 int holder_of(const std::string& path)
 {
     char text[16] = "";
@@ -83,7 +83,7 @@ void refresh_serve_lock()
     }
     owner = getpid();
     const std::string text = std::to_string(owner) + '\n';
-    // Only a help for people: without it the lock is as good.
+    // The id is only for information: the lock works without it.
     if (ftruncate(lock.fd(), 0) == 0) {
         pwrite_fully(lock.fd(), text.data(), text.size(), 0);
     }

@@ -1,5 +1,5 @@
-// What was asked of this process: the shared settings of platform/media_item.h, defined in this
-// unit, and the ones that only the media item itself needs.
+// The settings of this process: the shared ones of platform/media_item.h, defined in this unit, and
+// those that only the media item itself needs.
 #pragma once
 
 #include <cstdint>
@@ -9,11 +9,11 @@
 
 namespace platform {
 
-// Beside the shared variables. Written by the switches alone.
+// In addition to the shared variables. Written only by the switches.
 struct own_settings {
     std::string domain = default_cnb_domain;
     uint64_t domain_limit = default_cnb_limit; // bytes
-    // What a switch has set is not taken from the metadata.
+    // Settings from a switch are not overridden by the metadata.
     bool file_type_given = false;
     bool aspect_ratio_given = false;
     bool background_music_given = false;
@@ -21,10 +21,10 @@ struct own_settings {
 
 extern own_settings own;
 
-// True unless the mode ends before anything is served.
+// False in the modes that end without serving.
 bool mode_serves();
 
-// All settings and run state as at program start. For vexa_free_all's texts, tests and fuzzers.
+// Resets all settings and the run state to the values at program start, for tests and fuzzers.
 void reset_settings();
 
 // Frees the texts among the shared settings; they are null afterwards.

@@ -29,7 +29,7 @@ uint64_t saturating_multiply(uint64_t a, uint64_t b)
     return checked_multiply(a, b, &product) ? product : UINT64_MAX;
 }
 
-// One digit or more. False without moving *at when there is none.
+// Reads one or more digits. False without moving *at when there is none.
 bool take_digits(const char** at, uint64_t* number)
 {
     if (!is_digit(**at)) {
@@ -62,7 +62,7 @@ bool take_integer(const char** at, int64_t* number)
     return true;
 }
 
-// The factor of a size's suffix, 0 when it is none.
+// The factor of a size's suffix, 0 when it is invalid.
 uint64_t suffix_factor(const char* suffix)
 {
     constexpr char suffixes[] = "KMGT";
@@ -76,7 +76,7 @@ uint64_t suffix_factor(const char* suffix)
     return uint64_t{1} << (10 * (found - suffixes + 1));
 }
 
-// Up to six digits after the point as microseconds. False when something else is there.
+// Up to six digits after the point as microseconds. False when something else follows.
 bool take_fraction(const char** at, uint64_t* microseconds)
 {
     if (!is_digit(**at)) {

@@ -1,4 +1,4 @@
-// Which state of which file: tells whether somebody has changed or replaced a file meanwhile.
+// Identifies a file and its state, to detect that it has been changed or replaced meanwhile.
 #pragma once
 
 #include <cstdint>
@@ -16,14 +16,14 @@ struct file_identity {
 
     bool operator==(const file_identity&) const = default;
 
-    // Size and time of writing agree; a rename meanwhile changes neither.
+    // Compares size and modification time, which a rename does not change.
     bool same_contents(const file_identity& other) const;
 };
 
 file_identity identity_of(const struct stat& status);
 
-// The identity of `name` in the open folder, links not followed. One that does not exist when there
-// is no such file, or when it cannot be looked at.
+// The identity of `name` in the open folder, without following links. `exists` is false when there
+// is no such file or it cannot be inspected.
 file_identity identity_at(int folder, const char* name);
 
 } // namespace platform

@@ -26,7 +26,7 @@ unique_fd make_and_open_folder(const char* path)
     return folder;
 }
 
-// The public part points into the private one.
+// The public fields point into the private ones.
 void publish(open_item* item)
 {
     item->file_fd = item->picture.get();

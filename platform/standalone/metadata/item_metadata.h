@@ -1,5 +1,5 @@
-// An open item: its picture and its metadata folder. Stands behind the context calls of
-// platform/metadata.h; made and kept by the media item.
+// An open item: its picture and its metadata folder. Implements the context calls of
+// platform/metadata.h; created and owned by the media item.
 #pragma once
 
 #include <optional>
@@ -17,22 +17,23 @@ struct open_item : metadata_v4_context {
     std::string picture_path;     // as given
     std::string picture_absolute; // from the root
     unique_fd picture;
-    // Of the picture when it was opened: what is learnt from it later may be of a newer state, and
-    // is then looked at again by the next start. None when the picture could not be looked at.
+    // The state of the picture when it was opened. What is learnt from the picture later may belong
+    // to a newer state; the next start then examines it again. None when the picture could not be
+    // inspected.
     std::optional<picture_stamp> stamp;
     unique_fd folder;
-    metadata_store store; // its limits may be changed
+    metadata_store store; // callers may change its limits
 };
 
-// Opens the picture and the metadata folder; the folder is made, with mode 0700, when it is
-// missing. Null after one message that names the path and the reason. Neither depends on the
-// working folder afterwards.
+// Opens the picture and the metadata folder, which is created with mode 0700 if it is missing. Null
+// after one message with path and reason. Later changes of the working folder have no effect on
+// either.
 open_item* open_media_item(const char* picture, const char* metadata_folder);
 
-// Closes both; null is fine. The entry list is freed by its own call.
+// Closes both; null is fine. The entry list is freed separately.
 void close_media_item(open_item* item);
 
-// The item's stored entries, see load_metadata. To be freed with free_metadata_list
+// The item's stored entries, see load_metadata. The caller frees them with free_metadata_list
 // (metadata_list.h).
 metadata_v4_metadata_context* load_item_metadata(const open_item& item);
 

@@ -41,7 +41,7 @@ metadata_v4_metadata_context* list_or_report(const metadata_store& store, stored
     return list_of(std::move(file));
 }
 
-// False after a message when the lock cannot be had.
+// False, after a message, when the lock is not available.
 bool take_lock(const metadata_store& store, file_lock* lock, std::string_view what,
                std::string* reason = nullptr)
 {
@@ -70,8 +70,8 @@ metadata_v4_metadata_context* list_not_to_be_written()
     return list;
 }
 
-// Under the lock the file is read once more: another process may have set it aside and written a
-// good one meanwhile.
+// Reads the file once more under the lock: another process may have set it aside and written a good
+// one meanwhile.
 metadata_v4_metadata_context* replace_damaged(const metadata_store& store, file_lock* lock)
 {
     if (!lock->held() && !take_lock(store, lock, "Cannot set aside metadata file")) {
@@ -105,7 +105,8 @@ bool was_replayed(const metadata_v4_metadata_context& list, const found_pending&
     });
 }
 
-// Sets what dead processes left, file by file, and notes what has been done with.
+// Merges the settings that dead processes left, file by file, and collects the files that are then
+// done.
 bool take_abandoned(const metadata_store& store, metadata_v4_metadata_context* list,
                     std::vector<found_pending>* all, pending_work* work)
 {
@@ -132,7 +133,8 @@ metadata_v4_metadata_context* load_metadata(const metadata_store& store)
 {
     file_lock lock;
     if (has_pending_files(store)) {
-        // Keeps away whoever takes them in. A folder that gives no lock is read all the same.
+        // Excludes processes that merge them. If the folder does not allow a lock, the file is read
+        // without it.
         (void)lock.take(store.folder, metadata_lock_name, store.lock_limit_us, store.stop);
     }
     stored_file file = read_stored(store);

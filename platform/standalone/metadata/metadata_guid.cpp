@@ -16,8 +16,8 @@ std::string random_guid()
     constexpr size_t version_digit = 12;
     constexpr size_t variant_digit = 16;
     guid[version_digit] = '4';
-    // The variant is the two top bits 10: one of 8, 9, a, b, chosen by the random digit that was
-    // here.
+    // The variant is the two top bits 10, so the digit here becomes 8, 9, a or b, selected by its
+    // random value.
     guid[variant_digit] = "89ab89ab89ab89ab"[std::stoi(guid.substr(variant_digit, 1), nullptr, 16)];
     for (const size_t dash : {8U, 13U, 18U, 23U}) {
         guid.insert(dash, 1, '-');

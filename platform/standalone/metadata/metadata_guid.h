@@ -5,7 +5,7 @@
 
 namespace platform {
 
-// A random UUID (version 4) in its usual form of 36 characters. Empty when the kernel gives no
+// A random UUID (version 4) in its usual form of 36 characters. Empty when the kernel provides no
 // random bytes.
 std::string random_guid();
 

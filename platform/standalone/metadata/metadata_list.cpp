@@ -11,11 +11,11 @@ namespace {
 constexpr std::string_view new_file_header =
     "# Metadata of one media item. One entry a line: name = value\n";
 
-// Holes count here: a list that is filled and emptied for ever ends as well.
+// Holes are counted: a list that is filled and emptied for ever reaches a limit, too.
 constexpr size_t max_slots = 4 * platform::max_metadata_entries;
 
-// Whether a file of `others` bytes may take a line of `size` more. Escapes can make a file larger
-// than it was when it was read, so `others` alone may be too much.
+// Whether a line of `size` bytes fits into a file of `others` bytes. Escapes can make a file larger
+// than it was when it was read, so `others` alone may exceed the limit.
 bool fits(size_t others, size_t size)
 {
     return others <= platform::max_metadata_file && size <= platform::max_metadata_file - others;
@@ -28,7 +28,7 @@ size_t line_size(const text_entry& text)
     return line.size();
 }
 
-// Lets the entry that callers see point to the texts of its slot.
+// Points the entry that callers see to the texts of its slot.
 void publish(metadata_slot* slot)
 {
     slot->name = slot->text.name.c_str();
@@ -71,7 +71,7 @@ int append_entry(metadata_v4_metadata_context* list, std::string_view name, std:
     return 0;
 }
 
-// Gives a slot another value. -1 when the file would become too large.
+// Sets the value of a slot. -1 when the file would become too large.
 int change_value(metadata_v4_metadata_context* list, metadata_slot* slot, std::string_view value)
 {
     text_entry changed = {
@@ -135,7 +135,7 @@ metadata_v4_entry* metadata_v4_metadata_context_read_entry(metadata_v4_metadata_
 void metadata_v4_metadata_context_free_metadata_entry(metadata_v4_metadata_context* list,
                                                       metadata_v4_entry* entry)
 {
-    // A closed list has let go of its entries: the pointer is not to be looked at.
+    // A closed list has freed its entries, so the pointer must not be dereferenced.
     if (list != nullptr && !list->closed && entry != nullptr) {
         free_slot(list, static_cast<metadata_slot*>(entry));
     }
@@ -177,7 +177,7 @@ metadata_v4_metadata_context* new_metadata_list(text_document&& document)
         const size_t size = line_size(text);
         append_slot(list, std::move(text), size);
     }
-    // A file of comments alone: what is added later goes below them.
+    // A file of comments alone: entries that are added later go below them.
     std::string& comments = list->slots.empty() ? list->header : list->trailing;
     comments = std::move(document.trailing);
     list->text_size += comments.size();

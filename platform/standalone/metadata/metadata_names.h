@@ -1,4 +1,4 @@
-// Names of the standard entries of an item. What each holds: docs/metadata.md.
+// Names of the standard entries of an item. Their contents: docs/metadata.md.
 #pragma once
 
 #include <string_view>

@@ -1,4 +1,4 @@
-// Where an item's metadata lies, and how its files are reached.
+// Where an item's metadata is, and how its files are accessed.
 #pragma once
 
 #include <atomic>
@@ -16,7 +16,7 @@ struct metadata_store {
     int folder = -1;  // the open metadata folder, borrowed
     std::string path; // of the metadata file, for messages
     uint64_t lock_limit_us = 2'000'000;
-    const std::atomic<int>* stop = nullptr; // not 0: waiting for the lock ends
+    const std::atomic<int>* stop = nullptr; // when it is not 0, waiting for the lock ends
     const file_operations* operations = &system_file_operations;
 };
 

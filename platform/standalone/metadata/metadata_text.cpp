@@ -1,5 +1,5 @@
-// One line is looked at at a time. Ends of lines and of texts are trimmed before escapes are read,
-// so a blank that belongs to a text is always written as an escape.
+// The text is parsed line by line. The ends of lines and of texts are trimmed before escapes are
+// decoded, so a blank that belongs to a text is always written as an escape.
 
 #include "platform/standalone/metadata/metadata_text.h"
 
@@ -33,7 +33,7 @@ std::string_view trimmed(std::string_view text)
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-// "\xHH" at the start of `text` as its byte; -1 when there is none. No text may hold a NUL.
+// The byte of an "\xHH" at the start of `text`; -1 when there is none. The texts contain no NUL.
 int hex_escape(std::string_view text)
 {
     unsigned byte = 0;
@@ -45,7 +45,7 @@ int hex_escape(std::string_view text)
     return result.ec == std::errc() && result.ptr == end && byte != 0 ? static_cast<int>(byte) : -1;
 }
 
-// "\n" and its like at the start of `text` as its byte; -1 when there is none.
+// The byte of a "\n" or a similar escape at the start of `text`; -1 when there is none.
 int short_escape(std::string_view text)
 {
     for (const letter_escape& escape : letter_escapes) {
@@ -56,7 +56,7 @@ int short_escape(std::string_view text)
     return -1;
 }
 
-// False when an escape is none of the known ones.
+// False when an escape is unknown.
 bool unescape(std::string_view text, std::string* out)
 {
     out->clear();
@@ -81,7 +81,7 @@ bool unescape(std::string_view text, std::string* out)
     return true;
 }
 
-// Where the '=' between name and value stands; npos when there is none.
+// The position of the '=' between name and value; npos when there is none.
 size_t find_separator(std::string_view line)
 {
     for (size_t i = 0; i < line.size(); ++i) {
@@ -94,8 +94,7 @@ size_t find_separator(std::string_view line)
     return std::string_view::npos;
 }
 
-// Takes "[tag]" away from the start of the line. False when a bracket is opened and holds no
-// number.
+// Removes "[tag]" from the start of the line. False when there is a bracket without a number.
 bool take_tag(std::string_view* line, int* tag)
 {
     *tag = item_tag;
@@ -112,7 +111,7 @@ bool take_tag(std::string_view* line, int* tag)
     return result.ec == std::errc() && result.ptr == end;
 }
 
-// Null when the line is an entry, else what is wrong with it.
+// Parses an entry. Null on success, otherwise what is wrong with the line.
 const char* parse_entry(std::string_view line, text_entry* entry)
 {
     if (!take_tag(&line, &entry->tag)) {
@@ -135,8 +134,8 @@ const char* parse_entry(std::string_view line, text_entry* entry)
     return nullptr;
 }
 
-// One line, blanks at its ends gone. Null or what is wrong with it. `leading` collects what stands
-// before the next entry.
+// Parses one trimmed line. Null, or what is wrong with it. `leading` collects the lines before the
+// next entry.
 const char* parse_line(std::string_view line, text_document* document, std::string* leading)
 {
     if (line.find('\0') != std::string_view::npos) {
@@ -158,14 +157,14 @@ const char* parse_line(std::string_view line, text_document* document, std::stri
     return parse_entry(line, &entry);
 }
 
-// True when a sequence has to be written as an escape wherever it stands.
+// True when a sequence must be escaped wherever it occurs.
 bool needs_escape(std::string_view sequence, size_t length)
 {
     return length == 0 || wire::is_control(sequence);
 }
 
-// Appends `sequence`, whose UTF-8 length is `length` (0: a stray byte), in the form that the file
-// has.
+// Appends `sequence`, whose UTF-8 length is `length` (0: an invalid byte), in the form used in the
+// file.
 void append_sequence(std::string* out, std::string_view sequence, size_t length)
 {
     for (const letter_escape& escape : letter_escapes) {
@@ -192,7 +191,7 @@ void append_escaped(std::string* out, std::string_view text)
     }
 }
 
-// A text whose blanks at the ends survive trimming.
+// Appends a text such that blanks at its ends survive trimming.
 void append_text(std::string* out, std::string_view text)
 {
     constexpr std::string_view blank_escape = "\\x20";
@@ -207,8 +206,8 @@ void append_text(std::string* out, std::string_view text)
     }
 }
 
-// Bytes at the start of a name that would give its line another meaning: a comment, a tag, or the
-// mark that a file may begin with.
+// The length of a prefix of a name that would change the meaning of its line: a comment, a tag, or
+// a byte order mark.
 size_t special_start(std::string_view name)
 {
     if (name.starts_with('#') || name.starts_with('[')) {
@@ -217,7 +216,7 @@ size_t special_start(std::string_view name)
     return name.starts_with(byte_order_mark) ? byte_order_mark.size() : 0;
 }
 
-// A name: the separator inside and a special start are escaped as well.
+// Appends a name: a separator inside it and a special start are escaped as well.
 void append_name(std::string* out, std::string_view name)
 {
     const size_t special = special_start(name);

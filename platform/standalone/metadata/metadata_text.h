@@ -1,4 +1,4 @@
-// The text of a metadata file, to entries and back. Format and limits: docs/metadata.md.
+// Converts the text of a metadata file to entries and back. Format and limits: docs/metadata.md.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ inline constexpr size_t max_metadata_entries = 131072;
 inline constexpr size_t max_entry_name = 4096;             // bytes, before escaping
 inline constexpr size_t max_entry_value = size_t{1} << 20; // bytes, before escaping
 
-inline constexpr int item_tag = -1; // the tag of entries that speak of the item as a whole
+inline constexpr int item_tag = -1; // tag of entries about the item as a whole
 
 struct text_entry {
     std::string leading; // comments and empty lines before the entry, each with its newline
@@ -32,11 +32,11 @@ struct text_fault {
     const char* reason = "";
 };
 
-// False when the text is not a metadata file, *fault then says where and why; *document is then
-// unspecified and not to be used in part.
+// False when the text is not a metadata file; *fault then says where and why, and *document is
+// unspecified and must not be used.
 bool parse_metadata(std::string_view text, text_document* document, text_fault* fault);
 
-// Appends the line of one entry, newline included. No text may hold a NUL.
+// Appends the line of one entry, including the newline. The texts contain no NUL.
 void append_entry_line(std::string* out, std::string_view name, std::string_view value, int tag);
 
 } // namespace platform

@@ -18,13 +18,13 @@ namespace platform {
 namespace {
 
 constexpr int read_flags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-// All files together; more is not read.
+// Limit of all files together; the excess is not read.
 constexpr uint64_t max_pending_bytes = 2 * uint64_t{max_pending_file};
 
 constexpr size_t max_digits = 9;
 constexpr uint32_t max_number = 999'999'999;
 
-// The number in a pending file's name, 0 when it is no such name.
+// The number in a pending file's name, 0 for other names.
 uint32_t number_of(std::string_view name)
 {
     const std::string_view begin = pending_name;
@@ -56,8 +56,7 @@ bool lock_pending(int fd)
 
 // --- the owner's side ---------------------------------------------------------------------------
 
-// One that another process looks at, or has removed, in the moment between its making and its
-// locking is not taken.
+// False when another process inspected or removed the file between its creation and its locking.
 bool make_pending_numbered(const metadata_store& store, pending_file* own, uint32_t number)
 {
     own->name = pending_name + std::to_string(number);
@@ -96,7 +95,7 @@ bool make_pending(const metadata_store& store, pending_file* own, std::string* r
     return false;
 }
 
-// A metadata file that took all records would not become too large.
+// Leaves enough room that a metadata file with all the records would not become too large.
 uint64_t room_for_records(const metadata_store& store)
 {
     const file_identity stored = identity_at(store.folder, metadata_file_name);
@@ -106,7 +105,7 @@ uint64_t room_for_records(const metadata_store& store)
                               max_metadata_file - std::min<uint64_t>(taken, max_metadata_file));
 }
 
-// By one write, or not at all.
+// Appends with a single write, or not at all.
 bool append_whole(const metadata_store& store, const pending_file& file, off_t size,
                   std::string_view record)
 {
@@ -122,14 +121,14 @@ bool append_whole(const metadata_store& store, const pending_file& file, off_t s
     return false;
 }
 
-// What a failed write left without a newline must not be the beginning of the next record.
+// A fragment that a failed write left must not become the start of the next record.
 bool ends_torn(int fd, off_t size)
 {
     char last = '\n';
     return size > 0 && pread(fd, &last, 1, size - 1) == 1 && last != '\n';
 }
 
-// Appends a line. *size becomes that of the file before it.
+// Appends a line. *size becomes the size of the file before it.
 bool append_line(const metadata_store& store, const pending_file& file, std::string_view line,
                  off_t* size)
 {
@@ -151,7 +150,7 @@ void report_unusable(const std::string& name, std::string_view reason)
     error_line("Cannot read pending metadata", name, reason);
 }
 
-// One that may not be written to can be read, but never be done with.
+// A file without write permission can be read, but never removed after merging.
 bool open_pending(const metadata_store& store, found_pending* found)
 {
     const char* name = found->file.name.c_str();
@@ -161,7 +160,7 @@ bool open_pending(const metadata_store& store, found_pending* found)
         found->file.fd.reset(open_file_at(store.folder, name, O_RDONLY | read_flags));
     }
     if (!found->file.fd) {
-        if (errno != ENOENT) { // its owner has just done with it
+        if (errno != ENOENT) { // its owner has just finished with it
             report_unusable(found->file.name, error_text(errno));
         }
         return false;

@@ -1,7 +1,7 @@
-// Pending files: what a process was asked to store and has not put into the metadata file yet. Each
-// process that takes settings has one of its own beside the metadata file, which it alone appends
-// to, so that no lock has to be waited for. The next write of the metadata file takes it in; after
-// a death the next start does. Format and rules: docs/metadata.md.
+// Pending files contain settings that a process has accepted but not yet written to the metadata
+// file. Each process that accepts settings has one of its own beside the metadata file; it alone
+// appends to it, so it never waits for a lock. The next write of the metadata file merges the
+// pending file; after a crash the next start does. Format and rules: docs/metadata.md.
 #pragma once
 
 #include <cstdint>
@@ -20,14 +20,14 @@ inline constexpr const char* pending_name = "metadata.pending-"; // and a number
 inline constexpr size_t max_pending_files = 16;
 inline constexpr size_t max_pending_file = size_t{16} << 20; // bytes
 
-// An open pending file. Its owner holds the kernel's lock on it as long as it is open, so whoever
-// gets that lock knows the owner to be dead, and owns it from then on.
+// An open pending file. Its owner holds the kernel's lock on it as long as it is open; a process
+// that gets the lock therefore knows that the owner is dead, and becomes the owner.
 struct pending_file {
     unique_fd fd;                         // none: there is no file
     std::string name;                     // in the metadata folder
     int64_t unmarked_size = 0;            // bytes before its last stored record
     bool damaged = false;                 // to be set aside rather than removed
-    std::vector<std::string> temporaries; // of stored records that count for nothing
+    std::vector<std::string> temporaries; // named by stored records that are not valid
 
     explicit operator bool() const { return static_cast<bool>(fd); }
 };
@@ -36,35 +36,36 @@ struct pending_file {
 
 enum class append_result {
     APPENDED, // survives the process
-    FULL,     // the next write of the metadata file has to come first
-    FAILED,   // for the reason given; nothing was appended
+    FULL,     // the metadata file must be written first
+    FAILED,   // nothing was appended; the reason is given
 };
 
-// Appends a record by one write, not synced. The file is made, with mode 0600, when there is none.
+// Appends a record with a single write, without a sync. The file is created with mode 0600 if there
+// is none.
 append_result append_pending(const metadata_store& store, pending_file* own,
                              std::string_view record, std::string* reason);
 
-// True when somebody has removed the open file: what was appended to it is lost.
+// True when the open file has been removed, so that its records are lost.
 bool pending_file_is_lost(const pending_file& own);
 
 // --- taking settings into the metadata file; under its lock ---------------------------------------
 
-// Says in the file that all it holds is part of `temporary`, which is about to be renamed. False
-// with errno on failure; the file is then as before.
+// Records in the file that its settings are part of `temporary`, which is about to be renamed.
+// False with errno on failure; the file is then unchanged.
 bool mark_stored(const metadata_store& store, pending_file* file, const std::string& temporary);
 
-// Takes that back. False when it cannot be: then `temporary` has to stay where it is, since it is
-// what makes the record count for nothing.
+// Reverts that. False on failure: `temporary` then has to stay in place, because its existence is
+// what makes the record invalid.
 bool unmark_stored(const metadata_store& store, pending_file* file, const std::string& temporary);
 
-// Removes the file, which is then closed, and after it the temporary files that had to stay for
-// its sake. One that cannot be removed is emptied and stays open.
+// Closes and removes the file, then the temporary files that had to be kept for it. A file that
+// cannot be removed is truncated to zero and stays open.
 void remove_pending(const metadata_store& store, pending_file* file);
 
 // --- readers ------------------------------------------------------------------------------------
 
 struct found_pending {
-    pending_file file;      // owned, or only read
+    pending_file file;      // owned, or open for reading only
     bool abandoned = false; // owned: its process is dead
     file_identity state;
     pending_text text;
@@ -72,8 +73,8 @@ struct found_pending {
 
 bool has_pending_files(const metadata_store& store);
 
-// All of them in the order in which they were made, but for the one named `except`. What cannot be
-// read is reported and left out.
+// All pending files in the order of their creation, except the one named `except`. Files that
+// cannot be read are reported and left out.
 std::vector<found_pending> find_pending(const metadata_store& store, std::string_view except = {});
 
 } // namespace platform

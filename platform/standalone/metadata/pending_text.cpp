@@ -1,5 +1,5 @@
-// A record is "CHECKSUM KIND REST", the checksum being the CRC-32 of "KIND REST". Entries are
-// written as in the metadata file, so no record holds a newline.
+// A record is "CHECKSUM KIND REST"; the checksum is the CRC-32 of "KIND REST". Entries are written
+// as in the metadata file, so no record contains a newline.
 
 #include "platform/standalone/metadata/pending_text.h"
 
@@ -54,7 +54,7 @@ void append_record(std::string* out, std::string_view body)
     *out += '\n';
 }
 
-// The record without its checksum; empty when that is not right.
+// The record without its checksum; empty when the checksum is wrong.
 std::string_view checked_body(std::string_view line)
 {
     if (line.size() <= checksum_digits || line[checksum_digits] != ' ') {

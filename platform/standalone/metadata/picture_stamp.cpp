@@ -13,7 +13,7 @@ namespace platform {
 
 namespace {
 
-// A year beyond what a calendar date can hold is written as seconds.
+// A year that a calendar date cannot represent is written in seconds.
 std::string time_text(const timespec& time)
 {
     std::array<char, 64> text = {};

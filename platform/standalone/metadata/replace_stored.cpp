@@ -14,7 +14,7 @@ namespace {
 
 constexpr mode_t new_file_mode = 0600;
 
-// True when the records no longer count for anything, so that `temporary` may go.
+// True when the records are no longer valid, so that `temporary` may be removed.
 bool unmark_all(const metadata_store& store, const std::vector<pending_file*>& files,
                 const std::string& temporary)
 {
@@ -25,8 +25,8 @@ bool unmark_all(const metadata_store& store, const std::vector<pending_file*>& f
     return all;
 }
 
-// From here until the temporary file is renamed or gone, a crash leaves either the old file and all
-// settings pending, or the new file and none.
+// From here until the temporary file is renamed or removed, a crash leaves either the old file and
+// all settings pending, or the new file and none.
 bool mark_all(const metadata_store& store, const std::vector<pending_file*>& files,
               const std::string& temporary)
 {
@@ -45,7 +45,7 @@ bool mark_all(const metadata_store& store, const std::vector<pending_file*>& fil
     return true;
 }
 
-// *failure says what went wrong.
+// *failure is set on failure.
 int write_text(const metadata_store& store, const std::string& text, const pending_work& work,
                replace_failure* failure)
 {

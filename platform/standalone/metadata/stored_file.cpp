@@ -31,7 +31,7 @@ stored_file unavailable(std::string reason)
             .identity = {}};
 }
 
-// A failing open or read, told apart by whose fault it is.
+// Classifies a failed open or read: is the file itself bad?
 stored_file unreadable(int error_number)
 {
     switch (error_number) {
@@ -62,8 +62,8 @@ stored_file parsed(std::string_view text, const file_identity& identity)
     return file;
 }
 
-// The size is looked at before a byte is read. *steady becomes false when the file was written to
-// meanwhile: a part of a file is never taken for a whole.
+// Checks the size before reading. *steady becomes false when the file was written to meanwhile: a
+// part of a file is never taken for the whole.
 stored_file read_open(int fd, bool* steady)
 {
     struct stat before = {};

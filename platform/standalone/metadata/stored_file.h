@@ -1,4 +1,4 @@
-// Reading the metadata file as a whole, and telling apart why it cannot be read.
+// Reads the metadata file as a whole and classifies failures.
 #pragma once
 
 #include <string>
@@ -12,8 +12,8 @@ namespace platform {
 enum class read_result {
     READ,
     ABSENT,
-    DAMAGED,     // the file's own fault: it is to be set aside
-    UNAVAILABLE, // not the file's fault
+    DAMAGED,     // the file itself is bad and is to be set aside
+    UNAVAILABLE, // the file may be intact
 };
 
 struct stored_file {
@@ -23,8 +23,8 @@ struct stored_file {
     file_identity identity;
 };
 
-// A part of a file is never taken for a whole: a file that changes while it is read is read again, a
-// few times. Nothing is printed.
+// Reads the file again, a few times, when it changes while it is read, so that a part is never
+// taken for the whole. Prints nothing.
 stored_file read_stored(const metadata_store& store);
 
 } // namespace platform

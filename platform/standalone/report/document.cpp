@@ -31,8 +31,8 @@ struct shown_entry {
     int tag;
 };
 
-constexpr size_t longest_item_text = 8192; // bytes of a path or name, before it is made UTF-8
-// What the entries may take of the document. The other members stay far below the rest.
+constexpr size_t longest_item_text = 8192; // bytes of a path or name, before conversion to UTF-8
+// The part of the document that the entries may use. The other members stay far below the rest.
 constexpr size_t entries_limit = max_status_document / 2;
 constexpr uint64_t shortest_rebuild_interval_us = 10'000;
 
@@ -56,7 +56,7 @@ json11::Json text_or_null(const char* text)
     return wire::to_utf8(std::string_view(text).substr(0, longest_item_text));
 }
 
-// JSON readers keep whole numbers of up to 53 bits.
+// JSON readers represent whole numbers of up to 53 bits exactly.
 json11::Json whole_number(int64_t number)
 {
     constexpr int64_t exact = int64_t{1} << 53;
@@ -73,13 +73,14 @@ json11::Json ratio(const int_rational& value)
     return json11::Json::array{whole_number(value.numerator), whole_number(value.denominator)};
 }
 
-// Bytes that a JSON text of `text` takes, quotes included.
+// Size of `text` as a JSON string in bytes, including the quotes.
 size_t json_size(std::string_view text)
 {
     size_t size = 2;
     for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
-        // Controls as \u00XX; a byte of U+2028 or U+2029, or one that is replaced, counts as much.
+        // Control characters become \u00XX; a byte of U+2028 or U+2029, or one that is replaced,
+        // counts the same.
         const bool may_grow = byte < 0x20 || byte >= 0x80;
         size += may_grow ? 6 : (c == '"' || c == '\\' ? 2 : 1);
     }
@@ -233,7 +234,7 @@ void mark_document_changed()
     changed = true;
 }
 
-// A flood of changes costs one rebuild in ten milliseconds, not one each.
+// Many changes in a row cost one rebuild in ten milliseconds, not one each.
 bool refresh_document(uint64_t now_us)
 {
     const bool due = now_us < last_check_rebuild_us ||
@@ -266,7 +267,7 @@ void set_unstored_source(unstored_settings (*source)())
 
 using namespace platform;
 
-// The list is closed when the metadata has been written back; the document outlives it.
+// The entries are copied, because the list is closed when the metadata has been written back.
 void meta_to_json(metadata_v4_metadata_context* list)
 {
     entries.clear();

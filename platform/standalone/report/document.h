@@ -11,24 +11,25 @@
 
 namespace platform {
 
-// The document as JSON text on one line, valid UTF-8, at most max_status_document bytes. Built anew
-// first when something that it shows has been marked as changed, so that asking is always right and
-// costs nothing while nothing changes. Valid until the next call of any function here.
+// The document as JSON text on one line, valid UTF-8, at most max_status_document bytes. It is
+// rebuilt first when it is out of date, so the result is always current and costs nothing while
+// nothing changes. Valid until the next call of any function here.
 const std::string& status_document();
 inline constexpr size_t max_status_document = 1U << 20;
 
-// Counts the texts that the document has had: it grows exactly when a rebuild gave another text.
-// The subscribers have the present one when they were sent it at this number.
+// Incremented whenever a rebuild produces a different text. A subscriber has the present document
+// if it was sent it at this number.
 uint64_t status_document_generation();
 
-// The document is out of date. Costs a store; the rebuild waits for refresh_document or a reader.
+// Marks the document as out of date. Costs a store; the rebuild waits for refresh_document or a
+// reader.
 void mark_document_changed();
 
-// Rebuilds a document that is out of date, at most once in ten milliseconds. True when the text is
-// another one than at the last call that returned true. `now_us` is the monotonic time.
+// Rebuilds a document that is out of date, at most once in ten milliseconds. True when the text
+// differs from that at the last call that returned true. `now_us` is the monotonic time.
 bool refresh_document(uint64_t now_us);
 
-// The item's own texts, of any bytes; a null is shown as null. They are copied.
+// The item's own texts, of any bytes; a null becomes a JSON null. They are copied.
 struct document_item {
     const char* guid;
     const char* file;      // the picture, as given
@@ -38,7 +39,7 @@ struct document_item {
 };
 void set_document_item(const document_item& item);
 
-// Metadata that would be lost if the process died now.
+// Metadata that would be lost if the process ended now.
 struct unstored_settings {
     static constexpr size_t max_names = 100;
     size_t count = 0;
@@ -46,16 +47,16 @@ struct unstored_settings {
     std::string reason;
 };
 
-// Each rebuild asks this function for the unstored metadata; null: there is none.
+// Each rebuild calls this function for the unstored metadata. Null: there is none.
 void set_unstored_source(unstored_settings (*source)());
 
-// The value of the item's entry `name` in the document, null when it shows none.
+// The value of the item's entry `name` in the document, or null when it has none.
 const std::string* document_entry(std::string_view name);
 
-// Shows another value of an entry of the item from now on, or one more entry.
+// Changes the value of an entry of the item in the document, or adds the entry.
 void set_document_entry(std::string_view name, std::string_view value);
 
-// Everything as at program start.
+// Resets everything to the values at program start.
 void reset_document();
 
 } // namespace platform

@@ -35,7 +35,7 @@ bool open_for_writing(int fd)
     return true;
 }
 
-// Whoever was to read is gone for good. Anything else may pass: a full disk, a lost file server.
+// True when the reader is gone for good. Other errors may pass: a full disk, a lost file server.
 bool means_nobody_is_there(int error_number)
 {
     constexpr int errors[] = {EBADF, ECONNREFUSED, ECONNRESET, EDESTADDRREQ, ENOTCONN, EPIPE};
@@ -94,7 +94,7 @@ void host_channel::tell_ready(int state, std::string_view text, uint64_t now_us)
           now_us);
 }
 
-// At most one line of a kind waits behind the one that the host has a part of: the newest.
+// Behind a partly written line at most one line of each kind is queued: the newest.
 void host_channel::queue(std::string line, line_kind kind, uint64_t now_us)
 {
     if (!is_open()) {
@@ -130,9 +130,9 @@ void host_channel::write_waiting(uint64_t now_us)
     }
 }
 
-// One line at most PIPE_BUF long goes whole into a pipe that has room for anything. The flags of
-// the descriptor are the host's and stay as they are, so a socket is asked not to block call by
-// call.
+// A line is at most PIPE_BUF long, so it is written as a whole to a pipe that is writable. The
+// flags of the descriptor belong to the host and are not changed, so each write to a socket asks
+// not to block.
 bool host_channel::write_first()
 {
     const std::string_view rest = std::string_view(waiting_.front().text).substr(written_);
@@ -150,7 +150,7 @@ bool host_channel::write_first()
     return true;
 }
 
-// Always false. A file on a full disk takes the lines when there is room again.
+// Always false. A file on a full disk gets the lines when there is room again.
 bool host_channel::write_failed()
 {
     if (means_nobody_is_there(errno)) {

@@ -1,4 +1,4 @@
-// The host's status channel: one JSON object a line, on a descriptor that the host has opened.
+// The host's status channel: one JSON object per line, on a descriptor that the host has opened.
 // Lines and their order: docs/status.md.
 #pragma once
 
@@ -19,19 +19,19 @@ public:
     void close();
     bool is_open() const { return static_cast<bool>(fd_); }
 
-    // Queue a line and write what can be written; `now_us` is the monotonic time. Texts are
+    // Queue a line and write as much as possible; `now_us` is the monotonic time. Texts are
     // printable, at most 512 bytes. While the host does not read, or its disk is full, the newest
-    // line of each kind waits: progress, refusal (percent -1), provisional, ready.
+    // line of each kind stays queued: progress, refusal (percent -1), provisional, ready.
     void tell_progress(int percent, std::string_view text, uint64_t now_us);
     void tell_ready(int state, std::string_view text, uint64_t now_us);
 
     bool has_waiting() const { return !waiting_.empty(); }
 
-    // Writes waiting lines as far as the host takes them, but not within a second of a write that
-    // failed. Never blocks; a host that is gone closes the channel.
+    // Writes queued lines as far as the host accepts them, but not within a second after a failed
+    // write. Never blocks. When the host has closed its end, the channel is closed.
     void flush(uint64_t now_us);
 
-    // The last attempt, whatever has failed before; then closes the channel.
+    // Makes a last attempt, regardless of earlier failures, then closes the channel.
     void finish();
 
 private:
@@ -49,9 +49,9 @@ private:
 
     unique_fd fd_;
     bool is_socket_ = false;
-    size_t written_ = 0; // bytes of the first waiting line that the host has already got
+    size_t written_ = 0; // bytes of the first queued line that are already written
     std::list<waiting_line> waiting_;
-    bool failed_ = false;      // the last attempt, by an error that may pass
+    bool failed_ = false;      // the last attempt failed with an error that may pass
     uint64_t next_try_us_ = 0; // after it
 };
 

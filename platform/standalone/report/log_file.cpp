@@ -19,7 +19,7 @@ namespace {
 constexpr const char* log_name = "log";
 constexpr const char* old_log_name = "log.old";
 
-// O_NONBLOCK for a FIFO in the place of the file: opening it must not wait.
+// O_NONBLOCK: opening must not wait when a FIFO has the name of the file.
 constexpr int log_flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
 bool is_same_file(const struct stat& a, const struct stat& b)
@@ -27,7 +27,7 @@ bool is_same_file(const struct stat& a, const struct stat& b)
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// Why open() failed. The system's texts for some of the numbers speak of other cases.
+// Why open() failed. The system's texts for some of the numbers describe other cases.
 std::string reason_of(int error_number)
 {
     switch (error_number) {
@@ -40,8 +40,8 @@ std::string reason_of(int error_number)
     }
 }
 
-// Why what is open cannot be the log, or "". A second name could be anybody's file that happens to
-// be ours to write.
+// Why the open file cannot be the log, or "". With a second name it could be any file that this
+// user may write.
 const char* reason_against(const struct stat& status)
 {
     if (!S_ISREG(status.st_mode)) {
@@ -107,7 +107,7 @@ bool log_file::open_in_folder()
     return true;
 }
 
-// Asks the file, not a counter: an identify-only run may write to the same log.
+// Asks the kernel for the size instead of counting: an identify-only run may write to the same log.
 bool log_file::has_room(uint64_t size) const
 {
     struct stat status = {};
@@ -139,7 +139,7 @@ bool log_file::begin_new_file()
     return true;
 }
 
-// Takes what could be written off the beginning of the text. True when that was all of it.
+// Removes what was written from the beginning of the text. True when that was all of it.
 bool log_file::write_rest(std::string_view* text)
 {
     if (!has_room(text->size()) && (!begin_new_file() || !has_room(text->size()))) {
@@ -156,7 +156,7 @@ bool log_file::write_rest(std::string_view* text)
     return true;
 }
 
-// True when nothing is missing, or the log says so.
+// True when nothing is missing, or when the loss is recorded.
 bool log_file::note_loss()
 {
     if (lost_ == 0) {

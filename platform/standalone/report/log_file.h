@@ -1,5 +1,5 @@
-// The item's log: the file "log" in its metadata folder, and "log.old" with what came before it.
-// Together they never take more than log_limit, whatever is written.
+// The item's log: the file "log" in its metadata folder, and "log.old" with the earlier messages.
+// Together they never exceed log_limit, whatever is written.
 #pragma once
 
 #include <cstdint>
@@ -14,25 +14,26 @@ inline constexpr uint64_t log_limit = uint64_t{16} << 20; // bytes of both files
 
 class log_file {
 public:
-    // Opens the log for appending, mode 0600. False with a reason() when the folder cannot be opened
-    // or something else than a file of this user's, with one name only, is in the log's place.
+    // Opens the log for appending, mode 0600. False with a reason() when the folder cannot be
+    // opened, or when the log's name belongs to something other than a regular file of this user
+    // with only one name.
     bool open(const char* folder);
     const std::string& reason() const { return reason_; } // of the last failure, for people
-    void close(); // what is missing is noted once more, if there is room by now
+    void close(); // records a loss that is not recorded yet, if there is room by now
 
-    // Makes `fd` refer to the log, now and, as long as nobody has put something else there,
-    // whenever a new file is begun: for writers that know only the descriptor. False with a reason()
-    // on failure.
+    // Makes `fd` refer to the log, now and whenever a new file is begun, unless `fd` has been
+    // redirected meanwhile. For writers that know only the descriptor. False with a reason() on
+    // failure.
     bool mirror_on(int fd);
 
     bool is_open() const { return static_cast<bool>(fd_); }
 
-    // Appends, after beginning a new file when this one is half of log_limit long or has been
-    // removed. What cannot be written is lost; how many bytes that were is noted in the log, on a
-    // line of its own, as soon as it takes anything again.
+    // Appends; begins a new file first when this one has reached half of log_limit or has been
+    // removed. Text that cannot be written is lost. The number of lost bytes is recorded in the
+    // log, on a line of its own, as soon as writing works again.
     void append(std::string_view text);
 
-    // Tries to note what is missing without waiting for the next message. At most once a second.
+    // Tries to record a loss without waiting for the next message. At most once a second.
     void look_for_room(uint64_t now_us);
 
 private:
@@ -47,9 +48,9 @@ private:
     unique_fd fd_;
     std::string reason_;
     int mirror_ = -1;
-    uint64_t lost_ = 0; // bytes, not yet noted
+    uint64_t lost_ = 0; // bytes, not yet recorded
     uint64_t next_look_us_ = 0;
-    bool mid_line_ = false; // what was written last does not end a line
+    bool mid_line_ = false; // the last write did not end a line
 };
 
 } // namespace platform

@@ -53,8 +53,7 @@ void notify_socket::tell_stopping()
     flush();
 }
 
-// After going into the background the process has another number than the one that the manager
-// started.
+// After daemon() the process has a different id from the one that the manager started.
 std::string notify_socket::message() const
 {
     std::string text;

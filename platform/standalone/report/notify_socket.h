@@ -1,5 +1,5 @@
 // The service manager's socket, named by NOTIFY_SOCKET in the environment: READY, STATUS and
-// STOPPING. What is sent when: docs/status.md.
+// STOPPING. When each is sent: docs/status.md.
 #pragma once
 
 #include <string>
@@ -11,15 +11,15 @@ namespace platform {
 
 class notify_socket {
 public:
-    // Takes the address: a path, or '@' and an abstract name. False when there is none or it is no
-    // address; everything else then does nothing.
+    // Sets the address: a path, or '@' and an abstract name. False when there is none or it is
+    // invalid; all other calls then do nothing.
     bool open(const char* address);
     void close();
     bool is_open() const { return static_cast<bool>(fd_); }
 
-    // What is told next; texts are printable. Nothing blocks: what the manager cannot take waits
-    // for the next flush, the newest status in the place of older ones. Whether the manager is
-    // there at all makes no difference.
+    // Queue the next notification; texts are printable. Nothing blocks: what the manager cannot
+    // receive waits for the next flush, and a newer status replaces an older one. Whether the
+    // manager exists makes no difference.
     void tell_status(std::string_view text);
     void tell_ready(std::string_view text);
     void tell_stopping();

@@ -29,11 +29,11 @@ constexpr uint64_t patience_us = 1'000'000;
 FILE* inherited_stream = nullptr; // stderr as the C library made it
 FILE* guarded_stream = nullptr;
 uint64_t waited_us = 0;      // for readers, in this process's life
-uint64_t lost_bytes = 0;     // not yet told
-bool lost_by_error = false;  // and not for want of a reader
+uint64_t lost_bytes = 0;     // not yet reported
+bool lost_by_error = false;  // and not because nobody reads
 size_t progress_columns = 0; // of the progress line on the screen
 
-// Messages may still come when static objects are gone, so this one stays.
+// Never destroyed, because messages may be printed after static objects are destroyed.
 log_file& the_log()
 {
     static auto& log = *new log_file;
@@ -42,8 +42,8 @@ log_file& the_log()
 
 // --- the inherited descriptor -------------------------------------------------------------------
 
-// Waits for room while there is patience left. True also for a reader that is gone: the write
-// tells.
+// Waits for room until the patience is used up. True also when the reader has closed its end; the
+// write then reports that.
 bool wait_for_room()
 {
     pollfd waiting = {error_fd, POLLOUT, 0};
@@ -58,8 +58,8 @@ bool wait_for_room()
     }
 }
 
-// A pipe that has room for anything takes PIPE_BUF bytes without blocking. The bytes that are done
-// with, or -1 when the text is lost.
+// A writable pipe accepts PIPE_BUF bytes without blocking. Returns the bytes that are finished, or
+// -1 when the text is lost.
 ssize_t write_piece(std::string_view piece)
 {
     lost_by_error = false;
@@ -68,7 +68,7 @@ ssize_t write_piece(std::string_view piece)
     }
     const ssize_t written = write_some(error_fd, piece.data(), piece.size());
     if (written < 0 && errno == EPIPE) {
-        return static_cast<ssize_t>(piece.size()); // there is nobody to lose it for
+        return static_cast<ssize_t>(piece.size()); // nobody is left to read it
     }
     lost_by_error = written < 0 && errno != EAGAIN;
     return written;
@@ -104,7 +104,7 @@ void write_inherited(std::string_view text)
 
 // --- the progress line --------------------------------------------------------------------------
 
-// A job in the background leaves the terminal to the one in front.
+// A background job leaves the terminal to the foreground job.
 bool may_draw_progress()
 {
     if (the_log().is_open() || isatty(error_fd) == 0) {
@@ -121,7 +121,7 @@ size_t terminal_columns()
     return known ? size.ws_col : 80;
 }
 
-// The longest beginning of `text` with at most `columns` characters; *used is their number.
+// The longest prefix of `text` with at most `columns` characters; *used is their number.
 std::string_view cut_to_columns(std::string_view text, size_t columns, size_t* used)
 {
     size_t length = 0;

@@ -19,8 +19,8 @@ namespace platform {
 
 namespace {
 
-// A decoder calls for every row. What it said last is kept as it said it, so that the many calls
-// that bring nothing new end after one comparison.
+// A decoder calls this for every row. The last call is stored unchanged, so that a repeated call
+// ends after one comparison.
 struct last_call {
     int number = 0;
     char text[512] = {};
@@ -41,7 +41,7 @@ constexpr size_t max_text = 512;
 
 host_channel host;
 notify_socket service_manager;
-bool service_manager_known = false; // looked for in the environment
+bool service_manager_known = false; // whether the environment has been read
 
 last_call last_status;
 last_call last_ready;

@@ -30,18 +30,18 @@ event_state present_state()
     return {progress_percent(), ready_state(), std::string(progress_text())};
 }
 
-int tell_subscribers(comm_socket_v4_server& server, uint32_t changes, uint64_t now_us)
+int send_to_subscribers(comm_socket_v4_server& server, uint32_t changes, uint64_t now_us)
 {
     const event_state state = present_state();
-    int told = 0;
+    int sent = 0;
     for (const auto& client : server.clients) {
         const uint32_t news = client->subscribed & changes;
         if (news != 0) {
             send_event(*client, news, state, now_us);
-            ++told;
+            ++sent;
         }
     }
-    return told;
+    return sent;
 }
 
 const document_text& present_document()
@@ -74,12 +74,12 @@ int send_changes(comm_socket_v4_server& server, uint64_t now_us)
     }
     take_noted_changes();
     next_event_us = now_us + event_gap_us;
-    return tell_subscribers(server, changes, now_us);
+    return send_to_subscribers(server, changes, now_us);
 }
 
 void send_going_down(comm_socket_v4_server& server, uint64_t now_us)
 {
-    tell_subscribers(server, take_noted_changes() | change_going_down, now_us);
+    send_to_subscribers(server, take_noted_changes() | change_going_down, now_us);
 }
 
 void greet_subscriber(comm_socket_v4_client& client, uint64_t now_us)

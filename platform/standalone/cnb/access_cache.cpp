@@ -21,7 +21,7 @@ using namespace platform;
 
 namespace {
 
-constexpr uint64_t most_pieces = (uint64_t{1} << 32) / present_piece;
+constexpr uint64_t max_pieces = (uint64_t{1} << 32) / present_piece;
 constexpr uint64_t bits_per_word = 64;
 
 } // namespace
@@ -29,7 +29,7 @@ constexpr uint64_t bits_per_word = 64;
 struct vexa_global_access_cache {
     uint64_t serial = 0; // of the mapping that `present` describes
     bool kernel_refuses = false;
-    std::array<uint64_t, most_pieces / bits_per_word> present = {}; // one bit per piece
+    std::array<uint64_t, max_pieces / bits_per_word> present = {}; // one bit per piece
 };
 
 namespace {

@@ -22,7 +22,7 @@ cnb_machine the_machine;
 
 namespace {
 
-constexpr size_t longest_name = 64;
+constexpr size_t max_name = 64;
 
 struct joined_domain {
     domain_folder place;
@@ -141,7 +141,7 @@ void reset_cnb()
 
 bool cnb_domain_name_valid(std::string_view name)
 {
-    return !name.empty() && name.size() <= longest_name && name.front() != '.' &&
+    return !name.empty() && name.size() <= max_name && name.front() != '.' &&
            name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
 }
 

@@ -10,7 +10,7 @@ namespace platform {
 
 namespace {
 
-constexpr uint64_t largest_reserve = uint64_t{256} << 20;
+constexpr uint64_t max_reserve = uint64_t{256} << 20;
 constexpr uint64_t kibibyte = 1024;
 
 // Used where /proc cannot be read.
@@ -67,7 +67,7 @@ uint64_t memory_room::available() const
 
 uint64_t memory_reserve(uint64_t total)
 {
-    return std::min(total / 16, largest_reserve);
+    return std::min(total / 16, max_reserve);
 }
 
 } // namespace platform

@@ -39,7 +39,7 @@ constexpr timespec pause_between_tries = {0, 100'000};
 // Limits the share of a waiting process's time that surveys use: 1 / (1 + rest_factor). Freed room
 // is noticed after the longest rest at the latest.
 constexpr uint64_t rest_factor = 10;
-constexpr uint64_t longest_rest_us = 250'000;
+constexpr uint64_t max_rest_us = 250'000;
 
 uint64_t offset_of(uint32_t number)
 {
@@ -119,19 +119,19 @@ void add_to_survey(int file, uint32_t number, const record& entry, survey* resul
 int take_survey(int file, survey* result)
 {
     std::array<record, records_at_once> records;
-    for (uint32_t number = 1; number <= most_buffers; number += records_at_once) {
+    for (uint32_t number = 1; number <= max_buffers; number += records_at_once) {
         const ssize_t got = pread_fully(file, records.data(), sizeof records, offset_of(number));
         if (got < 0) {
             return -1;
         }
         const uint32_t count = std::min(static_cast<uint32_t>(got / ssize_t{sizeof(record)}),
-                                        most_buffers + 1 - number);
+                                        max_buffers + 1 - number);
         for (uint32_t i = 0; i < count; ++i) {
             add_to_survey(file, number + i, records[i], result);
         }
         if (count < records_at_once) {
             const uint32_t end = number + count;
-            if (result->lowest_free == 0 && end <= most_buffers) {
+            if (result->lowest_free == 0 && end <= max_buffers) {
                 result->lowest_free = end;
             }
             break;
@@ -183,7 +183,7 @@ claim_result buffer_registry::claim(uint64_t bytes, uint64_t limit)
     const int claim_errno = errno;
     set_lock(file_.get(), header_number, F_UNLCK);
     const uint64_t now = monotonic_clock_us();
-    const uint64_t rest = std::min((now - begin) * rest_factor, longest_rest_us);
+    const uint64_t rest = std::min((now - begin) * rest_factor, max_rest_us);
     look_again_us_ = result == claim_result::NO_ROOM ? now + rest : 0;
     errno = claim_errno;
     return result;

@@ -10,7 +10,7 @@
 
 namespace platform {
 
-inline constexpr uint32_t most_buffers = 65535; // numbers 1 to 65535
+inline constexpr uint32_t max_buffers = 65535; // numbers 1 to 65535
 
 enum class claim_result {
     TAKEN,

@@ -16,7 +16,7 @@ namespace platform {
 
 namespace {
 
-constexpr uint64_t largest_piece = uint64_t{64} << 20;
+constexpr uint64_t max_piece = uint64_t{64} << 20;
 
 // A memory file is created with all rights for everybody, and any process that has it open for
 // reading could reopen it for writing.
@@ -80,8 +80,8 @@ reserve_failure shared_buffer::reserve(uint64_t size, bool (*between_pieces)())
 // would prevent progress for ever, so the pieces become smaller.
 int shared_buffer::reserve_pages(uint64_t size, bool (*between_pieces)())
 {
-    const uint64_t smallest_piece = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-    uint64_t piece = largest_piece;
+    const uint64_t min_piece = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    uint64_t piece = max_piece;
     for (uint64_t done = 0; done < size;) {
         if (done > 0 && between_pieces != nullptr && !between_pieces()) {
             errno = EINTR;
@@ -92,7 +92,7 @@ int shared_buffer::reserve_pages(uint64_t size, bool (*between_pieces)())
             0) {
             done += length;
         } else if (errno == EINTR) {
-            piece = std::max(piece / 2, smallest_piece);
+            piece = std::max(piece / 2, min_piece);
         } else {
             return -1;
         }

@@ -10,7 +10,7 @@ namespace platform {
 
 namespace {
 
-constexpr size_t most_bytes = size_t{1} << 20;
+constexpr size_t max_bytes = size_t{1} << 20;
 constexpr size_t first_read = 4096;
 
 } // namespace
@@ -20,7 +20,7 @@ std::string read_small_file(const std::string& path)
     const unique_fd fd(open_file(path.c_str(), O_RDONLY));
     std::string text;
     // The sizes of files in /proc and /sys mean nothing.
-    for (size_t wanted = first_read; fd && text.size() < most_bytes; wanted = text.size()) {
+    for (size_t wanted = first_read; fd && text.size() < max_bytes; wanted = text.size()) {
         const size_t before = text.size();
         text.resize(before + wanted);
         const ssize_t got = read_fully(fd.get(), text.data() + before, wanted);

@@ -12,7 +12,7 @@ namespace platform {
 
 namespace {
 
-constexpr int most_accepted_a_round = 64;
+constexpr int max_accepted_per_round = 64;
 constexpr uint64_t accept_pause_us = 1'000'000;
 
 const refusal too_many_clients = {comm_protocol::LIMIT, true, "too many clients"};
@@ -112,7 +112,7 @@ comm_socket_v4_client* adopt(comm_socket_v4_server& server, std::unique_ptr<pack
 int accept_clients(comm_socket_v4_server& server, int listening_socket, uint64_t now_us)
 {
     int accepted = 0;
-    while (accepted < most_accepted_a_round) {
+    while (accepted < max_accepted_per_round) {
         unique_fd socket(accept4(listening_socket, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!socket) {
             if (out_of_descriptors(errno)) {

@@ -9,7 +9,7 @@ namespace platform {
 
 namespace {
 
-constexpr int most_unread_packets = 1024; // that finish() discards
+constexpr int max_unread_packets = 1024; // that finish() discards
 
 channel_result from_errno()
 {
@@ -78,7 +78,7 @@ public:
         // If requests are unread when the socket closes, the last answers are lost to a reset.
         shutdown(socket_.get(), SHUT_RDWR);
         unsigned char byte = 0;
-        int left = most_unread_packets;
+        int left = max_unread_packets;
         while (left-- > 0 && recv(socket_.get(), &byte, 1, MSG_DONTWAIT) > 0) {
         }
     }

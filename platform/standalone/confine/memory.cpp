@@ -17,7 +17,7 @@ namespace {
 // Limit of what a codec needs beside the frame buffer. The largest legitimate demands are the
 // coefficients of a progressive CMYK JPEG (2 GiB), the rasters of an animation that fills a frame
 // buffer (below 3 GiB) and the pixels of a lossless WebP (1 GiB).
-constexpr uint64_t most_for_codecs = uint64_t{4} << 30;
+constexpr uint64_t max_for_codecs = uint64_t{4} << 30;
 
 // Clients, their queues, the document, the metadata, messages.
 constexpr uint64_t everything_else = uint64_t{256} << 20;
@@ -33,7 +33,7 @@ uint64_t mapped_now()
 uint64_t address_space_limit(const memory_need& need)
 {
     const uint64_t codecs =
-        need.memory == 0 ? most_for_codecs : std::min(most_for_codecs, need.memory / 2);
+        need.memory == 0 ? max_for_codecs : std::min(max_for_codecs, need.memory / 2);
     uint64_t sum = saturating_add(need.mapped, everything_else);
     sum = saturating_add(sum, need.buffer);
     return saturating_add(sum, codecs);

@@ -28,11 +28,11 @@ namespace {
 namespace names = metadata_name;
 
 constexpr uint64_t write_delay_us = 1'000'000;
-constexpr uint64_t longest_delay_us = 600'000'000;
+constexpr uint64_t max_delay_us = 600'000'000;
 // Serving stops while the worker waits for the lock of the metadata file, so the wait is short.
 constexpr uint64_t lock_wait_us = 20'000;
 constexpr uint64_t last_lock_wait_us = 200'000; // at the end of the worker
-constexpr size_t most_new_names = 256;          // limit of names that clients may add in one run
+constexpr size_t max_new_names = 256;           // limit of names that clients may add in one run
 
 size_t new_names = 0;
 
@@ -62,7 +62,7 @@ bool may_be_set(std::string_view name, const std::string& value)
 bool take_into_document(std::string_view name, const std::string& value)
 {
     if (document_entry(name) == nullptr) {
-        if (new_names >= most_new_names) {
+        if (new_names >= max_new_names) {
             return false;
         }
         ++new_names;
@@ -292,7 +292,7 @@ void store_waiting_settings(uint64_t now_us)
         delay_us = write_delay_us;
         return;
     }
-    delay_us = std::min(2 * delay_us, longest_delay_us);
+    delay_us = std::min(2 * delay_us, max_delay_us);
     due_us = saturating_add(now_us, delay_us);
 }
 

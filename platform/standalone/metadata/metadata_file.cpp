@@ -45,20 +45,20 @@ metadata_v4_metadata_context* list_or_report(const metadata_store& store, stored
 bool take_lock(const metadata_store& store, file_lock* lock, std::string_view what,
                std::string* reason = nullptr)
 {
-    std::string told;
+    std::string problem;
     switch (lock->take(store.folder, metadata_lock_name, store.lock_limit_us, store.stop)) {
     case lock_result::TAKEN:
         return true;
     case lock_result::BUSY:
-        told = "another process holds its lock";
+        problem = "another process holds its lock";
         break;
     case lock_result::FAILED:
-        told = "its lock cannot be taken: " + error_text(errno);
+        problem = "its lock cannot be taken: " + error_text(errno);
         break;
     }
-    report(store, what, told);
+    report(store, what, problem);
     if (reason != nullptr) {
-        *reason = told;
+        *reason = problem;
     }
     return false;
 }

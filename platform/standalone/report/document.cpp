@@ -31,10 +31,10 @@ struct shown_entry {
     int tag;
 };
 
-constexpr size_t longest_item_text = 8192; // bytes of a path or name, before conversion to UTF-8
+constexpr size_t max_item_text = 8192; // bytes of a path or name, before conversion to UTF-8
 // The part of the document that the entries may use. The other members stay far below the rest.
 constexpr size_t entries_limit = max_status_document / 2;
-constexpr uint64_t shortest_rebuild_interval_us = 10'000;
+constexpr uint64_t min_rebuild_interval_us = 10'000;
 
 std::vector<shown_entry> entries;
 json_object item_common;
@@ -53,7 +53,7 @@ json11::Json text_or_null(const char* text)
     if (text == nullptr) {
         return nullptr;
     }
-    return wire::to_utf8(std::string_view(text).substr(0, longest_item_text));
+    return wire::to_utf8(std::string_view(text).substr(0, max_item_text));
 }
 
 // JSON readers represent whole numbers of up to 53 bits exactly.
@@ -237,8 +237,8 @@ void mark_document_changed()
 // Many changes in a row cost one rebuild in ten milliseconds, not one each.
 bool refresh_document(uint64_t now_us)
 {
-    const bool due = now_us < last_check_rebuild_us ||
-                     now_us - last_check_rebuild_us >= shortest_rebuild_interval_us;
+    const bool due =
+        now_us < last_check_rebuild_us || now_us - last_check_rebuild_us >= min_rebuild_interval_us;
     if (out_of_date() && due) {
         last_check_rebuild_us = now_us;
         rebuild_json();

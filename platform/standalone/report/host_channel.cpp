@@ -82,13 +82,13 @@ void host_channel::finish()
     close();
 }
 
-void host_channel::tell_progress(int percent, std::string_view text, uint64_t now_us)
+void host_channel::report_progress(int percent, std::string_view text, uint64_t now_us)
 {
     queue(json_line("percent", percent, text),
           percent < 0 ? line_kind::REFUSAL : line_kind::PROGRESS, now_us);
 }
 
-void host_channel::tell_ready(int state, std::string_view text, uint64_t now_us)
+void host_channel::report_ready(int state, std::string_view text, uint64_t now_us)
 {
     queue(json_line("ready", state, text), state < 0 ? line_kind::PROVISIONAL : line_kind::FINAL,
           now_us);

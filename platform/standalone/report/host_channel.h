@@ -22,8 +22,8 @@ public:
     // Queue a line and write as much as possible; `now_us` is the monotonic time. Texts are
     // printable, at most 512 bytes. While the host does not read, or its disk is full, the newest
     // line of each kind stays queued: progress, refusal (percent -1), provisional, ready.
-    void tell_progress(int percent, std::string_view text, uint64_t now_us);
-    void tell_ready(int state, std::string_view text, uint64_t now_us);
+    void report_progress(int percent, std::string_view text, uint64_t now_us);
+    void report_ready(int state, std::string_view text, uint64_t now_us);
 
     bool has_waiting() const { return !waiting_.empty(); }
 

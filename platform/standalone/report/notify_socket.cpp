@@ -35,19 +35,19 @@ void notify_socket::close()
     *this = notify_socket();
 }
 
-void notify_socket::tell_status(std::string_view text)
+void notify_socket::queue_status(std::string_view text)
 {
     status_ = text;
     flush();
 }
 
-void notify_socket::tell_ready(std::string_view text)
+void notify_socket::queue_ready(std::string_view text)
 {
     ready_ = true;
-    tell_status(text);
+    queue_status(text);
 }
 
-void notify_socket::tell_stopping()
+void notify_socket::queue_stopping()
 {
     stopping_ = true;
     flush();

@@ -20,9 +20,9 @@ public:
     // Queue the next notification; texts are printable. Nothing blocks: what the manager cannot
     // receive waits for the next flush, and a newer status replaces an older one. Whether the
     // manager exists makes no difference.
-    void tell_status(std::string_view text);
-    void tell_ready(std::string_view text);
-    void tell_stopping();
+    void queue_status(std::string_view text);
+    void queue_ready(std::string_view text);
+    void queue_stopping();
     void flush();
 
 private:

@@ -90,12 +90,12 @@ bool write_pieces(std::string_view text)
 void write_inherited(std::string_view text)
 {
     if (lost_bytes > 0) {
-        const uint64_t told = std::exchange(lost_bytes, 0);
-        const std::string note = "[" + std::to_string(told) + " bytes of messages " +
+        const uint64_t reported = std::exchange(lost_bytes, 0);
+        const std::string note = "[" + std::to_string(reported) + " bytes of messages " +
                                  (lost_by_error ? "could not be written" : "were not read") +
                                  " and are lost]\n";
         if (!write_pieces(note)) {
-            lost_bytes = told + text.size();
+            lost_bytes = reported + text.size();
             return;
         }
     }

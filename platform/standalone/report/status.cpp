@@ -89,7 +89,7 @@ void close_status()
 {
     draw_progress_line("");
     if (service_manager.is_open()) {
-        service_manager.tell_stopping();
+        service_manager.queue_stopping();
         service_manager.close();
     }
     host.finish();
@@ -139,8 +139,8 @@ void vexa_status_write(int percent, const char* text)
     last_status.set(percent, said);
     percent_now = std::clamp(percent, -1, 100);
     text_now = clean_text(said);
-    host.tell_progress(percent_now, text_now, monotonic_clock_us());
-    known_service_manager().tell_status(progress_line());
+    host.report_progress(percent_now, text_now, monotonic_clock_us());
+    known_service_manager().queue_status(progress_line());
     draw_progress_line(progress_line());
     mark_document_changed();
     note_changes(comm_protocol::change_progress);
@@ -160,8 +160,8 @@ void vexa_ready_write(int state, const char* text)
     if (ready_now == 1) {
         percent_now = 100;
     }
-    host.tell_ready(ready_now, text_now, monotonic_clock_us());
-    known_service_manager().tell_ready(text_now);
+    host.report_ready(ready_now, text_now, monotonic_clock_us());
+    known_service_manager().queue_ready(text_now);
     draw_progress_line("");
     mark_document_changed();
     note_changes(ready_now == 1 ? comm_protocol::change_ready : comm_protocol::change_provisional);

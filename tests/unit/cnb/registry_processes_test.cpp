@@ -53,7 +53,7 @@ protected:
 // Memory in which racing processes record what they hold.
 struct shared_board {
     std::atomic<uint64_t> bytes;
-    std::atomic<uint32_t> holders_of[platform::most_buffers + 1];
+    std::atomic<uint32_t> holders_of[platform::max_buffers + 1];
 };
 
 shared_board* make_board()

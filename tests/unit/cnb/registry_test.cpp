@@ -149,7 +149,7 @@ TEST_F(Registry, SecondClaimByAnOwnerIsRefused)
 
 TEST_F(Registry, LastNumberIs65535AndThenThereIsNoRoom)
 {
-    constexpr uint64_t last = platform::most_buffers;
+    constexpr uint64_t last = platform::max_buffers;
     const unique_fd others = file();
     ASSERT_EQ(platform::pwrite_fully(others.get(), "cnb registry 1\n", 16, 0), 0);
     const struct {

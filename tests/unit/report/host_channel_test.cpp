@@ -37,11 +37,11 @@ TEST_F(HostChannel, LinesHaveTheDocumentedForm)
 {
     const pipe_pair pipe = make_pipe();
     ASSERT_TRUE(channel.open(pipe.writer.get()));
-    channel.tell_progress(40, "Decoding PNG", 0);
-    channel.tell_progress(100, "", 0);
-    channel.tell_progress(-1, "ADAM7 interlace not supported [pal]", 0);
-    channel.tell_ready(-1, "Provisional image ready", 0);
-    channel.tell_ready(1, "Ready to serve data", 0);
+    channel.report_progress(40, "Decoding PNG", 0);
+    channel.report_progress(100, "", 0);
+    channel.report_progress(-1, "ADAM7 interlace not supported [pal]", 0);
+    channel.report_ready(-1, "Provisional image ready", 0);
+    channel.report_ready(1, "Ready to serve data", 0);
     EXPECT_EQ(read_waiting(pipe.reader.get()),
               "{\"percent\": 40, \"text\": \"Decoding PNG\"}\n"
               "{\"percent\": 100, \"text\": \"\"}\n"
@@ -71,7 +71,7 @@ TEST_F(HostChannel, OwnsADuplicateThatIsClosedOnExec)
     EXPECT_EQ(item_test::open_descriptors(), before + 1);
     EXPECT_NE(fcntl(pipe.writer.get(), F_GETFD) & FD_CLOEXEC, 0);
     pipe.writer.reset();
-    channel.tell_progress(1, "a", 0);
+    channel.report_progress(1, "a", 0);
     EXPECT_EQ(read_waiting(pipe.reader.get()), "{\"percent\": 1, \"text\": \"a\"}\n");
     channel.close();
     char byte = 0;
@@ -83,7 +83,7 @@ TEST_F(HostChannel, FlagsOfTheHostsDescriptionAreUnchanged)
     const pipe_pair pipe = make_pipe();
     const int before = fcntl(pipe.writer.get(), F_GETFL);
     ASSERT_TRUE(channel.open(pipe.writer.get()));
-    channel.tell_progress(1, "a", 0);
+    channel.report_progress(1, "a", 0);
     EXPECT_EQ(fcntl(pipe.writer.get(), F_GETFL), before);
 }
 
@@ -93,13 +93,13 @@ TEST_F(HostChannel, SlowHostGetsTheLatestLineOfEachKindLater)
     ASSERT_TRUE(channel.open(pipe.writer.get()));
     fill(pipe);
     for (int percent = 0; percent < 100; ++percent) {
-        channel.tell_progress(percent, "Decoding PNG", 0);
+        channel.report_progress(percent, "Decoding PNG", 0);
     }
-    channel.tell_progress(-1, "first refusal", 0);
-    channel.tell_progress(-1, "second refusal", 0);
-    channel.tell_ready(-1, "Provisional image ready", 0);
-    channel.tell_progress(100, "", 0);
-    channel.tell_ready(1, "Ready to serve data", 0);
+    channel.report_progress(-1, "first refusal", 0);
+    channel.report_progress(-1, "second refusal", 0);
+    channel.report_ready(-1, "Provisional image ready", 0);
+    channel.report_progress(100, "", 0);
+    channel.report_ready(1, "Ready to serve data", 0);
     EXPECT_TRUE(channel.has_waiting());
     EXPECT_EQ(received(pipe.reader.get()), "");
     channel.flush(0);
@@ -116,9 +116,9 @@ TEST_F(HostChannel, ReadinessSurvivesAnyNumberOfOtherLines)
     const pipe_pair pipe = make_pipe();
     ASSERT_TRUE(channel.open(pipe.writer.get()));
     fill(pipe);
-    channel.tell_ready(1, "Ready to serve data", 0);
+    channel.report_ready(1, "Ready to serve data", 0);
     for (int i = 0; i < 10'000; ++i) {
-        channel.tell_progress(i % 2 == 0 ? -1 : i % 100, std::to_string(i), 0);
+        channel.report_progress(i % 2 == 0 ? -1 : i % 100, std::to_string(i), 0);
     }
     read_waiting(pipe.reader.get());
     channel.flush(0);
@@ -132,9 +132,9 @@ TEST_F(HostChannel, HostThatHungUpClosesTheChannel)
     pipe_pair pipe = make_pipe();
     ASSERT_TRUE(channel.open(pipe.writer.get()));
     pipe.reader.reset();
-    channel.tell_progress(1, "a", 0);
+    channel.report_progress(1, "a", 0);
     EXPECT_FALSE(channel.is_open());
-    channel.tell_ready(1, "Ready to serve data", 0);
+    channel.report_ready(1, "Ready to serve data", 0);
     channel.flush(0);
     EXPECT_FALSE(channel.has_waiting());
 }
@@ -144,7 +144,7 @@ TEST_F(HostChannel, LongestTextIsOneCompleteWrite)
     int ends[2] = {-1, -1};
     ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0); // keeps writes separate
     ASSERT_TRUE(channel.open(ends[1]));
-    channel.tell_progress(100, std::string(512, '"'), 0);
+    channel.report_progress(100, std::string(512, '"'), 0);
     char line[PIPE_BUF + 1] = {};
     const ssize_t size = read(ends[0], line, sizeof line);
     ASSERT_GT(size, 1024);
@@ -163,11 +163,11 @@ TEST_F(HostChannel, PartlyWrittenLineIsCompletedFirst)
     ASSERT_TRUE(channel.open(ends[1]));
     const std::string text(512, 't');
     for (int i = 0; i < 100'000 && !channel.has_waiting(); ++i) {
-        channel.tell_progress(i % 100, text, 0);
+        channel.report_progress(i % 100, text, 0);
     }
     ASSERT_TRUE(channel.has_waiting());
-    channel.tell_progress(7, "last", 0);
-    channel.tell_ready(1, "Ready to serve data", 0);
+    channel.report_progress(7, "last", 0);
+    channel.report_ready(1, "Ready to serve data", 0);
     std::string all;
     for (std::string piece = read_waiting(ends[0]); !piece.empty(); piece = read_waiting(ends[0])) {
         all += piece;
@@ -209,10 +209,10 @@ TEST_F(HostChannelToAFile, LatestLineOfEachKindIsWrittenOnceThereIsSpace)
 {
     ASSERT_TRUE(disk.set_room(0));
     for (int percent = 0; percent < 100; ++percent) {
-        channel.tell_progress(percent, "Decoding PNG", 0);
+        channel.report_progress(percent, "Decoding PNG", 0);
     }
-    channel.tell_ready(-1, "Provisional image ready", 0);
-    channel.tell_ready(1, "Ready to serve data", 0);
+    channel.report_ready(-1, "Provisional image ready", 0);
+    channel.report_ready(1, "Ready to serve data", 0);
     EXPECT_TRUE(channel.is_open());
     EXPECT_EQ(written(), "");
     ASSERT_TRUE(disk.make_room());
@@ -226,16 +226,16 @@ TEST_F(HostChannelToAFile, LatestLineOfEachKindIsWrittenOnceThereIsSpace)
 TEST_F(HostChannelToAFile, ChangeIsWrittenAtOnce)
 {
     ASSERT_TRUE(disk.set_room(0));
-    channel.tell_ready(-1, "a", 5);
+    channel.report_ready(-1, "a", 5);
     ASSERT_TRUE(disk.make_room());
-    channel.tell_progress(1, "b", 5);
+    channel.report_progress(1, "b", 5);
     EXPECT_EQ(written(), "{\"ready\": -1, \"text\": \"a\"}\n{\"percent\": 1, \"text\": \"b\"}\n");
 }
 
 TEST_F(HostChannelToAFile, WithoutAChangeItRetriesOnceASecond)
 {
     ASSERT_TRUE(disk.set_room(0));
-    channel.tell_progress(1, "a", 7);
+    channel.report_progress(1, "a", 7);
     ASSERT_TRUE(disk.make_room());
     channel.flush(7);
     channel.flush(7 + second_us - 1);
@@ -252,9 +252,9 @@ TEST_F(HostChannelToAFile, WithoutAChangeItRetriesOnceASecond)
 TEST_F(HostChannelToAFile, PartlyWrittenLineIsCompletedFirst)
 {
     ASSERT_TRUE(disk.set_room(10));
-    channel.tell_progress(1, "a", 0);
-    channel.tell_progress(2, "b", 0);
-    channel.tell_progress(3, "c", 0);
+    channel.report_progress(1, "a", 0);
+    channel.report_progress(2, "b", 0);
+    channel.report_progress(3, "c", 0);
     EXPECT_EQ(written(), "{\"percent\"");
     ASSERT_TRUE(disk.make_room());
     channel.flush(second_us);
@@ -264,7 +264,7 @@ TEST_F(HostChannelToAFile, PartlyWrittenLineIsCompletedFirst)
 TEST_F(HostChannelToAFile, ClosingTriesOnceMore)
 {
     ASSERT_TRUE(disk.set_room(0));
-    channel.tell_ready(1, "a", 0);
+    channel.report_ready(1, "a", 0);
     ASSERT_TRUE(disk.make_room());
     channel.finish();
     EXPECT_EQ(written(), "{\"ready\": 1, \"text\": \"a\"}\n");
@@ -275,7 +275,7 @@ TEST_F(HostChannel, FullDeviceDoesNotCloseTheChannel)
 {
     const platform::unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     ASSERT_TRUE(channel.open(full.get()));
-    channel.tell_progress(1, "a", 0);
+    channel.report_progress(1, "a", 0);
     channel.flush(second_us);
     EXPECT_TRUE(channel.is_open());
     EXPECT_TRUE(channel.has_waiting());
@@ -285,8 +285,8 @@ TEST_F(HostChannel, FullDeviceDoesNotCloseTheChannel)
 
 TEST_F(HostChannel, ClosedChannelIgnoresEverything)
 {
-    channel.tell_progress(1, "a", 0);
-    channel.tell_ready(1, "b", 0);
+    channel.report_progress(1, "a", 0);
+    channel.report_ready(1, "b", 0);
     channel.flush(0);
     channel.close();
     EXPECT_FALSE(channel.has_waiting());

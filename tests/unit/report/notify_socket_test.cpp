@@ -50,11 +50,11 @@ TEST_F(NotifySocket, SendsReadyStatusAndStopping)
 {
     const service_manager manager(folder.path("notify"));
     ASSERT_TRUE(socket.open(folder.path("notify").c_str()));
-    socket.tell_status("40 % Decoding PNG");
+    socket.queue_status("40 % Decoding PNG");
     EXPECT_EQ(manager.next(), "STATUS=40 % Decoding PNG\n");
-    socket.tell_ready("Ready to serve data");
+    socket.queue_ready("Ready to serve data");
     EXPECT_EQ(manager.next(), "READY=1\n" + main_pid + "STATUS=Ready to serve data\n");
-    socket.tell_stopping();
+    socket.queue_stopping();
     EXPECT_EQ(manager.next(), "STOPPING=1\n");
     EXPECT_EQ(manager.next(), "");
 }
@@ -64,7 +64,7 @@ TEST_F(NotifySocket, AbstractNamesWork)
     const std::string address = "@stillimage-test-" + std::to_string(getpid());
     const service_manager manager(address);
     ASSERT_TRUE(socket.open(address.c_str()));
-    socket.tell_stopping();
+    socket.queue_stopping();
     EXPECT_EQ(manager.next(), "STOPPING=1\n");
 }
 
@@ -75,7 +75,7 @@ TEST_F(NotifySocket, InvalidAddressesAreIgnored)
          {std::string(), std::string("/"), std::string("@"), std::string("relative/path"),
           std::string("/") + std::string(108, 'x')}) {
         EXPECT_FALSE(socket.open(address.c_str())) << address;
-        socket.tell_ready("x");
+        socket.queue_ready("x");
         socket.flush();
     }
     EXPECT_TRUE(socket.open(("/" + std::string(107, 'x')).c_str()));
@@ -84,8 +84,8 @@ TEST_F(NotifySocket, InvalidAddressesAreIgnored)
 TEST_F(NotifySocket, MissingManagerIsIgnored)
 {
     ASSERT_TRUE(socket.open(folder.path("nobody").c_str()));
-    socket.tell_ready("x");
-    socket.tell_stopping();
+    socket.queue_ready("x");
+    socket.queue_stopping();
     const service_manager manager(folder.path("nobody"));
     socket.flush();
     EXPECT_EQ(manager.next(), "");
@@ -96,9 +96,9 @@ TEST_F(NotifySocket, SlowManagerGetsTheLatestStateLater)
     const service_manager manager(folder.path("notify"));
     ASSERT_TRUE(socket.open(folder.path("notify").c_str()));
     for (int i = 0; i < 10'000; ++i) {
-        socket.tell_status(std::to_string(i));
+        socket.queue_status(std::to_string(i));
     }
-    socket.tell_ready("Ready to serve data");
+    socket.queue_ready("Ready to serve data");
     std::string last;
     for (std::string text = manager.next(); !text.empty(); text = manager.next()) {
         last = text;
@@ -114,7 +114,7 @@ TEST_F(NotifySocket, EmptyStatusIsNotSent)
 {
     const service_manager manager(folder.path("notify"));
     ASSERT_TRUE(socket.open(folder.path("notify").c_str()));
-    socket.tell_status("");
+    socket.queue_status("");
     EXPECT_EQ(manager.next(), "");
 }
 
@@ -124,7 +124,7 @@ TEST_F(NotifySocket, ClosedSocketSendsNothing)
     ASSERT_TRUE(socket.open(folder.path("notify").c_str()));
     socket.close();
     socket.close();
-    socket.tell_stopping();
+    socket.queue_stopping();
     EXPECT_EQ(manager.next(), "");
 }
 

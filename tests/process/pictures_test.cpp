@@ -54,8 +54,8 @@ protected:
     std::vector<unsigned char> expected_area(const jpeg_writer::file_bytes& file,
                                              const unsigned char* served)
     {
-        EXPECT_EQ(examine(file), 0) << told;
-        told_by([] {
+        EXPECT_EQ(examine(file), 0) << printed;
+        printed_by([] {
             layout_full_size();
             layout_mipmaps();
         });

@@ -5,7 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-GuardedBytes::GuardedBytes(const std::vector<unsigned char>& bytes) : size_(bytes.size())
+guarded_bytes::guarded_bytes(const std::vector<unsigned char>& bytes) : size_(bytes.size())
 {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     const size_t readable = (size_ + page) / page * page;
@@ -23,7 +23,7 @@ GuardedBytes::GuardedBytes(const std::vector<unsigned char>& bytes) : size_(byte
     }
 }
 
-GuardedBytes::~GuardedBytes()
+guarded_bytes::~guarded_bytes()
 {
     munmap(memory_, mapped_);
 }

@@ -4,12 +4,12 @@
 #include <cstddef>
 #include <vector>
 
-class GuardedBytes {
+class guarded_bytes {
 public:
-    explicit GuardedBytes(const std::vector<unsigned char>& bytes);
-    GuardedBytes(const GuardedBytes&) = delete;
-    GuardedBytes& operator=(const GuardedBytes&) = delete;
-    ~GuardedBytes();
+    explicit guarded_bytes(const std::vector<unsigned char>& bytes);
+    guarded_bytes(const guarded_bytes&) = delete;
+    guarded_bytes& operator=(const guarded_bytes&) = delete;
+    ~guarded_bytes();
 
     const unsigned char* begin() const { return end_ - size_; }
     const unsigned char* end() const { return end_; }

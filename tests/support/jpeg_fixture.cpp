@@ -10,7 +10,7 @@
 #include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 
-std::string told_by(const std::function<void()>& work)
+std::string printed_by(const std::function<void()>& work)
 {
     testing::internal::CaptureStderr();
     work();
@@ -36,21 +36,21 @@ int jpeg_test::examine(const jpeg_writer::file_bytes& file)
 {
     scripted::set_picture(file);
     int result = 0;
-    told = told_by([&result] { result = examine_jpeg_file(); });
+    printed = printed_by([&result] { result = examine_jpeg_file(); });
     return result;
 }
 
 void jpeg_test::open(const jpeg_writer::file_bytes& file, unsigned char before)
 {
-    ASSERT_EQ(examine(file), 0) << told;
-    told_by(layout_full_size);
+    ASSERT_EQ(examine(file), 0) << printed;
+    printed_by(layout_full_size);
     scripted::provide_buffer(image_decoded_size, before);
 }
 
 int jpeg_test::decode(int (*decoder)())
 {
     int result = 0;
-    told = told_by([&result, decoder] { result = decoder(); });
+    printed = printed_by([&result, decoder] { result = decoder(); });
     return result;
 }
 

@@ -10,8 +10,8 @@
 
 #include "tests/support/jpeg_writer.h"
 
-// What `work` prints on standard error.
-std::string told_by(const std::function<void()>& work);
+// Runs `work` and returns what it prints to standard error.
+std::string printed_by(const std::function<void()>& work);
 
 size_t open_descriptors(); // of this process
 
@@ -23,16 +23,16 @@ protected:
     void SetUp() override { reset_for_jpeg(); }
     void TearDown() override { reset_for_jpeg(); }
 
-    // Hands `file` to the process. The result of examining it; what is printed goes to `told`.
+    // Examines `file` and returns the result. Its output is in `printed`.
     int examine(const jpeg_writer::file_bytes& file);
 
-    // Examines `file`, which must go well, lays the frame buffer out and fills it with `before`.
+    // Examines `file`, which must succeed, lays out the frame buffer and fills it with `before`.
     void open(const jpeg_writer::file_bytes& file, unsigned char before = 0);
 
-    // Runs `decode`, keeps what it prints in `told`.
+    // Runs `decoder` and returns its result. Its output is in `printed`.
     int decode(int (*decoder)());
 
     std::vector<unsigned char> allocation() const; // the whole frame buffer
 
-    std::string told;
+    std::string printed;
 };

@@ -123,7 +123,7 @@ bool drawing::map(uint64_t row, uint64_t rows)
         ++mappings_;
         const bool fits = p.offset + (row + rows) * p.stride <= result.allocation.size();
         if (!fits || mappings_ == options_.failing_mapping) {
-            result.told += std::string("Failed to memory-map ") + p.name + " plane\n";
+            result.printed += std::string("Failed to memory-map ") + p.name + " plane\n";
             return false;
         }
     }
@@ -149,7 +149,7 @@ uint64_t drawing::read(uint64_t row, uint64_t rows)
 {
     uint64_t rem = std::min<uint64_t>(rows, tiff_stripheight) * tiff_bytes_per_row;
     if (rem > tiff_stripsize) {
-        result.told += "WARNING: bytes for reading strip exceed recommended stripsize\n";
+        result.printed += "WARNING: bytes for reading strip exceed recommended stripsize\n";
         rem = tiff_stripsize;
     }
     strip_.assign(rem + uint64_t{6} * tiff_width + tiff_bytes_per_row, 0);
@@ -158,11 +158,11 @@ uint64_t drawing::read(uint64_t row, uint64_t rows)
         const int64_t n = read_strip(static_cast<uint32_t>(row / tiff_stripheight),
                                      strip_.data() + got, static_cast<int64_t>(rem));
         if (n == 0) {
-            result.told += "TIFFReadEncodedStrip() returned 0 prematurely\n";
+            result.printed += "TIFFReadEncodedStrip() returned 0 prematurely\n";
             return got;
         }
         if (n < 0 || static_cast<uint64_t>(n) > rem) {
-            result.told += "TIFFReadEncodedStrip() returned too many bytes\n";
+            result.printed += "TIFFReadEncodedStrip() returned too many bytes\n";
             return got;
         }
         got += static_cast<uint64_t>(n);

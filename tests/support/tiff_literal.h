@@ -19,7 +19,7 @@ struct tiff_literal_options {
 
 struct tiff_literal_result {
     std::vector<unsigned char> allocation; // image_decoded_size bytes
-    std::string told;                      // standard error, without the library's own lines
+    std::string printed;                   // standard error, without the library's own lines
     std::vector<int> progress;             // percentages, including the final 100
 };
 

@@ -205,7 +205,7 @@ TEST(ColourRows, EveryVersionReadsNothingAfterTheRun)
 {
     for (const pixel_kind& kind : kinds) {
         for (size_t count = 0; count <= max_run; ++count) {
-            const GuardedBytes pixels(random_bytes(count * kind.bytes));
+            const guarded_bytes pixels(random_bytes(count * kind.bytes));
             const run_planes expected = expected_planes(kind, pixels.begin(), count, 0);
             for (const colour_kernel* kernel : kernels_here()) {
                 run_planes made(count, 0);

@@ -167,7 +167,7 @@ protected:
         return pixel(3, 3);
     }
 
-    int decode_as_told()
+    int decode_as_expected()
     {
         return decode(jpeg_decompress->jpeg_color_space == JCS_YCCK ? full_decode_jpeg_raw_ycck
                                                                     : full_decode_jpeg_raw_cmyk);
@@ -177,7 +177,7 @@ protected:
     {
         reset_for_jpeg();
         open(file, sentinel);
-        EXPECT_EQ(decode_as_told(), 0) << what;
+        EXPECT_EQ(decode_as_expected(), 0) << what;
         literal_options options;
         options.before = sentinel;
         EXPECT_TRUE(allocation() == draw_literally(file, options)) << what;
@@ -271,7 +271,7 @@ TEST_F(JpegCmyk, SubsampledYcckIsToldForEachRowGroupAndChromaIsInvertedOnly)
     open(write(what));
     EXPECT_EQ(decode(full_decode_jpeg_raw_ycck), 0);
     const std::string line = "ERROR: YCCK -> YUV: Unsupported chroma subsample\n";
-    EXPECT_EQ(told, line + line + line); // 40 rows in groups of 16
+    EXPECT_EQ(printed, line + line + line); // 40 rows in groups of 16
     EXPECT_EQ(pixel(0, 0), (yuv{16, 16, 239}));
 }
 
@@ -279,7 +279,7 @@ TEST_F(JpegCmyk, VerticallySubsampledYcckKeepsTheNextPlane)
 {
     expect_drawn_literally(write(four(JCS_YCCK, 16, 32, {1, 2})), "1x2");
     EXPECT_EQ(scripted::buffer()[image_scanline_data_buffer_offset], sentinel);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
 }
 
 TEST_F(JpegCmyk, MissingMemoryForKIsToldBeforeAnyLibraryCall)
@@ -287,10 +287,10 @@ TEST_F(JpegCmyk, MissingMemoryForKIsToldBeforeAnyLibraryCall)
     open(write(four(JCS_CMYK, 16, 16, {1, 1})));
     failing_calls::plan.calloc = 1;
     EXPECT_EQ(decode(full_decode_jpeg_raw_cmyk), -1);
-    EXPECT_EQ(told, "Cannot alloc K channel\n");
+    EXPECT_EQ(printed, "Cannot alloc K channel\n");
     failing_calls::plan.calloc = 1;
     EXPECT_EQ(decode(full_decode_jpeg_raw_ycck), -1);
-    EXPECT_EQ(told, "Cannot alloc K channel\n");
+    EXPECT_EQ(printed, "Cannot alloc K channel\n");
     EXPECT_TRUE(scripted::log.status.empty());
     EXPECT_EQ(jpeg_decompress->global_state, 202); // header read, nothing started
 }
@@ -302,8 +302,8 @@ TEST_F(JpegCmyk, FailedStartGivesMinusOne)
         file_bytes file = write(four(space, 16, 16, {1, 1}));
         set_precision(file, 12);
         open(file);
-        EXPECT_EQ(decode_as_told(), -1);
-        EXPECT_THAT(told, HasSubstr("jpeg_start_decompress() threw an error. giving up\n"));
+        EXPECT_EQ(decode_as_expected(), -1);
+        EXPECT_THAT(printed, HasSubstr("jpeg_start_decompress() threw an error. giving up\n"));
     }
 }
 
@@ -328,8 +328,8 @@ TEST_F(JpegCmyk, EachPlaneThatCannotBeMappedStopsTheLoop)
             reset_for_jpeg();
             open(file, sentinel);
             scripted::plan.fail_mapping = static_cast<int>(call + 1);
-            EXPECT_EQ(decode_as_told(), 0);
-            EXPECT_EQ(told, lines[call % 3]);
+            EXPECT_EQ(decode_as_expected(), 0);
+            EXPECT_EQ(printed, lines[call % 3]);
             literal_options options;
             options.groups = call / 3;
             options.before = sentinel;
@@ -360,8 +360,8 @@ TEST_F(JpegCmyk, RowCounterThatDisagreesIsToldBeforeASignalIsSeen)
                 DIE4 = 1;
             }
         };
-        EXPECT_EQ(decode_as_told(), 0);
-        EXPECT_EQ(told, "JPEGLIB scan line counter mismatch 16 != 5\n");
+        EXPECT_EQ(decode_as_expected(), 0);
+        EXPECT_EQ(printed, "JPEGLIB scan line counter mismatch 16 != 5\n");
         EXPECT_EQ(jpeg_decompress->global_state, 200); // aborted
     }
 }

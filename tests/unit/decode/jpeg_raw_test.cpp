@@ -124,7 +124,7 @@ TEST_F(JpegRaw, ProgressIsReportedAndClientsServedForEachRowGroup)
                                      status_line{66, "Decoding JPEG"}, status_line{100, ""}));
     EXPECT_EQ(scripted::log.idle_rounds, 3U);
     EXPECT_EQ(scripted::log.mappings, 9U);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
 }
 
 TEST_F(JpegRaw, RowGroupHeightFollowsTheVerticalFactor)
@@ -153,14 +153,14 @@ TEST_F(JpegRaw, BandsHaveTheirFullHeight)
     open(write(ycbcr(16, 96, {1, 1})));
     scripted::plan.unmappable = {image_offset_Y + 32 * image_stride_Y, 1};
     decode(full_decode_jpeg_raw_yuv);
-    EXPECT_EQ(told, "Failed to memory-map Y plane\n");
+    EXPECT_EQ(printed, "Failed to memory-map Y plane\n");
     EXPECT_EQ(scripted::log.idle_rounds, 2U);
 
     reset_for_jpeg();
     open(write(grey(16, 128)));
     scripted::plan.unmappable = {image_offset_Y + 64 * image_stride_Y, 1};
     decode(full_decode_jpeg_raw_grayscale);
-    EXPECT_EQ(told, "Failed to memory-map Y plane\n");
+    EXPECT_EQ(printed, "Failed to memory-map Y plane\n");
     EXPECT_EQ(scripted::log.idle_rounds, 2U);
 }
 
@@ -172,7 +172,7 @@ TEST_F(JpegRaw, PictureThatCannotBeStartedIsAFailure)
     set_precision(file, 12);
     open(file, sentinel);
     EXPECT_EQ(decode(full_decode_jpeg_raw_yuv), -1);
-    EXPECT_THAT(told, EndsWith("jpeg_start_decompress() threw an error. giving up\n"));
+    EXPECT_THAT(printed, EndsWith("jpeg_start_decompress() threw an error. giving up\n"));
     EXPECT_TRUE(scripted::log.status.empty());
     EXPECT_EQ(allocation(), std::vector<unsigned char>(image_decoded_size, sentinel));
 
@@ -188,7 +188,7 @@ TEST_F(JpegRaw, SignalBeforeTheFirstGroupDrawsNothing)
     open(write(ycbcr(16, 64, {2, 2})), sentinel);
     DIE4 = 1;
     EXPECT_EQ(decode(full_decode_jpeg_raw_yuv), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_EQ(allocation(), std::vector<unsigned char>(image_decoded_size, sentinel));
     EXPECT_EQ(scripted::log.status, (std::vector<status_line>{{100, ""}}));
 }
@@ -199,7 +199,7 @@ TEST_F(JpegRaw, SignalInAnIdleRoundStopsColourBeforeTheNextGroup)
     open(file, sentinel);
     scripted::plan.die_after_idle = 3;
     EXPECT_EQ(decode(full_decode_jpeg_raw_yuv), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     expect_stopped_after(file, 2);
 }
 
@@ -209,7 +209,7 @@ TEST_F(JpegRaw, SignalInAnIdleRoundLetsGreyDrawOneMoreGroup)
     open(file, sentinel);
     scripted::plan.die_after_idle = 3;
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     expect_stopped_after(file, 3);
 }
 
@@ -219,7 +219,7 @@ TEST_F(JpegRaw, RowCounterMismatchStopsTheLoop)
     open(file, sentinel);
     in_idle_round(3, [] { jpeg_decompress->output_scanline = 5; });
     EXPECT_EQ(decode(full_decode_jpeg_raw_yuv), 0);
-    EXPECT_EQ(told, "JPEGLIB scan line counter mismatch 16 != 5\n");
+    EXPECT_EQ(printed, "JPEGLIB scan line counter mismatch 16 != 5\n");
     EXPECT_EQ(jpeg_decompress->global_state, 200); // aborted
     expect_stopped_after(file, 2);
 }
@@ -232,7 +232,7 @@ TEST_F(JpegRaw, RowCounterIsCheckedBeforeTheSecondSignalCheck)
         DIE4 = 1;
     });
     decode(full_decode_jpeg_raw_yuv);
-    EXPECT_EQ(told, "JPEGLIB scan line counter mismatch 16 != 5\n");
+    EXPECT_EQ(printed, "JPEGLIB scan line counter mismatch 16 != 5\n");
 }
 
 TEST_F(JpegRaw, GreyRowCounterMismatchStopsTheLoop)
@@ -241,7 +241,7 @@ TEST_F(JpegRaw, GreyRowCounterMismatchStopsTheLoop)
     open(file, sentinel);
     in_idle_round(2, [] { jpeg_decompress->output_scanline = 0; });
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
-    EXPECT_EQ(told, "JPEGLIB scan line counter mismatch 8 != 0\n");
+    EXPECT_EQ(printed, "JPEGLIB scan line counter mismatch 8 != 0\n");
     expect_stopped_after(file, 1);
 }
 
@@ -256,7 +256,7 @@ TEST_F(JpegRaw, UnmappablePlaneStopsTheLoop)
             open(file, sentinel);
             scripted::plan.fail_mapping = 3 * group + plane + 1;
             EXPECT_EQ(decode(full_decode_jpeg_raw_yuv), 0);
-            EXPECT_EQ(told, lines[plane]);
+            EXPECT_EQ(printed, lines[plane]);
             expect_stopped_after(file, static_cast<size_t>(group));
         }
     }
@@ -270,7 +270,7 @@ TEST_F(JpegRaw, UnmappableGreyPlaneStopsTheLoop)
         open(file, sentinel);
         scripted::plan.fail_mapping = group + 1;
         EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
-        EXPECT_EQ(told, "Failed to memory-map Y plane\n");
+        EXPECT_EQ(printed, "Failed to memory-map Y plane\n");
         expect_stopped_after(file, static_cast<size_t>(group));
     }
 }
@@ -295,7 +295,7 @@ TEST_F(JpegRaw, LibraryThatReturnsNoRowsStopsTheLoopInABlackBand)
     open(file, sentinel);
     in_idle_round(3, starve_the_library);
     EXPECT_EQ(decode(full_decode_jpeg_raw_yuv), 0);
-    EXPECT_EQ(told, "JPEG decode error. Aborting.\n");
+    EXPECT_EQ(printed, "JPEG decode error. Aborting.\n");
     EXPECT_EQ(jpeg_decompress->global_state, 200); // aborted
     EXPECT_EQ(luma(0, 31), draw_literally(file)[31 * image_stride_Y]);
     for (uint64_t y = 32; y < 64; ++y) {

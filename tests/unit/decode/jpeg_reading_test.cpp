@@ -98,7 +98,7 @@ TEST_F(JpegReading, ShortAndInterruptedReadsAreContinued)
     failing_calls::plan.read = 60;
     failing_calls::plan.read_errno = EINTR;
     EXPECT_TRUE(decoded(file) == expected);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
 }
 
 TEST_F(JpegReading, DiskErrorEndsTheFile)
@@ -106,13 +106,13 @@ TEST_F(JpegReading, DiskErrorEndsTheFile)
     const file_bytes file = long_file();
     const std::vector<unsigned char> expected =
         decoded(first_bytes(file, buffer_size + size_t{7} * 1000));
-    const std::string told_of_cut = told;
-    EXPECT_THAT(told_of_cut, StartsWith("Premature end of JPEG file"));
+    const std::string printed_for_cut = printed;
+    EXPECT_THAT(printed_for_cut, StartsWith("Premature end of JPEG file"));
     failing_calls::plan.max_read = 1000;
     failing_calls::plan.read = 33 + 8;
     failing_calls::plan.read_errno = EIO;
     EXPECT_TRUE(decoded(file) == expected);
-    EXPECT_EQ(told, "Error while reading the picture: Input/output error\n" + told_of_cut);
+    EXPECT_EQ(printed, "Error while reading the picture: Input/output error\n" + printed_for_cut);
 }
 
 TEST_F(JpegReading, ErrorAtTheStartIsAnEmptyFile)
@@ -120,10 +120,11 @@ TEST_F(JpegReading, ErrorAtTheStartIsAnEmptyFile)
     failing_calls::plan.read = 1;
     failing_calls::plan.read_errno = EIO;
     EXPECT_EQ(examine(long_file()), -1);
-    EXPECT_THAT(told, StartsWith("Error while reading the picture: Input/output error\n"
-                                 "JPEGLIB error exit attempted (code "));
-    EXPECT_THAT(told, EndsWith("'Empty input file')\nJPEG library panicked and attempted to exit. "
-                               "Decode failed\n"));
+    EXPECT_THAT(printed, StartsWith("Error while reading the picture: Input/output error\n"
+                                    "JPEGLIB error exit attempted (code "));
+    EXPECT_THAT(printed,
+                EndsWith("'Empty input file')\nJPEG library panicked and attempted to exit. "
+                         "Decode failed\n"));
 }
 
 TEST_F(JpegReading, ClientsAreServedAtFixedIntervals)
@@ -152,7 +153,7 @@ TEST_F(JpegReading, SignalEndsTheExaminationAtTheNextRead)
     }
     in_read(5, [] { DIE4 = 1; });
     EXPECT_EQ(examine(file), -1);
-    EXPECT_EQ(told, "JPEG library panicked and attempted to exit. Decode failed\n");
+    EXPECT_EQ(printed, "JPEG library panicked and attempted to exit. Decode failed\n");
     EXPECT_EQ(reads, 5);
     EXPECT_EQ(jpeg_decompress, nullptr);
 }
@@ -162,7 +163,7 @@ TEST_F(JpegReading, SignalInsideTheRowsIsLeftToTheDecoder)
     open(long_file(), sentinel);
     in_read(1, [] { DIE4 = 1; });
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_EQ(reads, 1);
     EXPECT_FALSE(jpeg_stop_armed);
     EXPECT_EQ(scripted::log.status.back(), (scripted::status_line{100, ""}));
@@ -181,13 +182,13 @@ TEST_F(JpegReading, ReadingForMissingRowsEndsOnASignal)
     open(file, sentinel);
     signal_in_read(3);
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_LE(reads, 5);
     EXPECT_FALSE(jpeg_stop_armed);
     const std::vector<unsigned char> planes = allocation();
     EXPECT_EQ(planes[16 * image_stride_Y], 16); // the group that was not decoded
     EXPECT_EQ(planes[63 * image_stride_Y + image_stride_Y - 1], 16);
-    EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
+    EXPECT_EQ(printed_by(free_all_jpeg_fileio), "");
 }
 
 TEST_F(JpegReading, ReadingAfterTheRowsEndsOnASignal)
@@ -201,7 +202,7 @@ TEST_F(JpegReading, ReadingAfterTheRowsEndsOnASignal)
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
     EXPECT_LE(reads, 5);
     EXPECT_TRUE(allocation() == expected);
-    EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
+    EXPECT_EQ(printed_by(free_all_jpeg_fileio), "");
 }
 
 // At this place the end of a file would be a fatal error.
@@ -214,9 +215,9 @@ TEST_F(JpegReading, StopInsideATableIsNoFatalError)
     open(file, sentinel);
     signal_in_read(4);
     EXPECT_EQ(decode(full_decode_jpeg_raw_grayscale), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_LE(reads, 6);
-    EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
+    EXPECT_EQ(printed_by(free_all_jpeg_fileio), "");
 }
 
 TEST_F(JpegReading, LeavingTheLibraryReturnsWhenNothingIsArmed)

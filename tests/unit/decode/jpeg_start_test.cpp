@@ -37,7 +37,7 @@ protected:
     int start()
     {
         int result = 0;
-        told = told_by([&result] { result = start_jpeg_decompress(); });
+        printed = printed_by([&result] { result = start_jpeg_decompress(); });
         return result;
     }
 
@@ -46,7 +46,7 @@ protected:
         EXPECT_EQ(jpeg_decompress->global_state, idle_state);
         EXPECT_EQ(jpeg_decompress->progress, nullptr);
         EXPECT_FALSE(jpeg_error_armed);
-        EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
+        EXPECT_EQ(printed_by(free_all_jpeg_fileio), "");
     }
 };
 
@@ -61,7 +61,7 @@ TEST_F(JpegStart, StartedPictureIsReadyForRowsAndLaterErrorsAbort)
 {
     open(write(ycbcr(32, 32, {2, 2})));
     EXPECT_EQ(start(), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_EQ(jpeg_decompress->output_height, 32U);
     EXPECT_EQ(jpeg_decompress->progress, nullptr);
     EXPECT_FALSE(jpeg_error_armed);
@@ -73,8 +73,8 @@ TEST_F(JpegStart, FatalErrorIsReportedAndLeavesTheLibraryIdle)
     set_precision(file, 12);
     open(file);
     EXPECT_EQ(start(), -1);
-    EXPECT_EQ(told, "JPEGLIB error exit attempted (code " + std::to_string(JERR_BAD_PRECISION) +
-                        ": 'Unsupported JPEG data precision 12')\n" + gave_up);
+    EXPECT_EQ(printed, "JPEGLIB error exit attempted (code " + std::to_string(JERR_BAD_PRECISION) +
+                           ": 'Unsupported JPEG data precision 12')\n" + gave_up);
     expect_idle();
 }
 
@@ -82,7 +82,7 @@ TEST_F(JpegStart, ClientsAreServedWhileAProgressiveFileIsRead)
 {
     open(progressive(64, 64));
     EXPECT_EQ(start(), 0);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(printed, "");
     EXPECT_GE(scripted::log.idle_rounds, 4U * 6U); // four rows of blocks, at least six scans
     EXPECT_EQ(jpeg_decompress->progress, nullptr);
 }
@@ -99,7 +99,7 @@ TEST_F(JpegStart, SignalDuringTheReadIsAFailure)
     open(progressive(64, 64));
     scripted::plan.die_after_idle = 5;
     EXPECT_EQ(start(), -1);
-    EXPECT_EQ(told, gave_up);
+    EXPECT_EQ(printed, gave_up);
     EXPECT_EQ(scripted::log.idle_rounds, 5U);
     EXPECT_TRUE(scripted::log.status.empty());
     expect_idle();
@@ -111,8 +111,8 @@ TEST_F(JpegStart, TooManyScansAreAFailure)
     insert_before_end(file, empty_scans(1100));
     open(file);
     EXPECT_EQ(start(), -1);
-    EXPECT_THAT(told, EndsWith(gave_up));
-    EXPECT_THAT(told, testing::Not(HasSubstr("JPEGLIB")));
+    EXPECT_THAT(printed, EndsWith(gave_up));
+    EXPECT_THAT(printed, testing::Not(HasSubstr("JPEGLIB")));
     EXPECT_EQ(scripted::log.idle_rounds, 1U + 2U * max_jpeg_scans);
     expect_idle();
 }
@@ -164,8 +164,8 @@ TEST_F(JpegStart, MoreScansThanALargePictureMayHaveAreAFailure)
 {
     open(large_picture(empty_scans(130)));
     EXPECT_EQ(start(), -1);
-    EXPECT_THAT(told, EndsWith(gave_up));
-    EXPECT_THAT(told, testing::Not(HasSubstr("JPEGLIB")));
+    EXPECT_THAT(printed, EndsWith(gave_up));
+    EXPECT_THAT(printed, testing::Not(HasSubstr("JPEGLIB")));
     EXPECT_EQ(jpeg_decompress->progress, nullptr);
 }
 
@@ -234,7 +234,7 @@ TEST_F(JpegStart, ArithmeticCodedScansCountByTheirCost)
         reset_for_jpeg();
         open(made_large(blank, scans_of(scan.too_many, scan.bits, scan.data)));
         EXPECT_EQ(start(), -1);
-        EXPECT_THAT(told, EndsWith(gave_up));
+        EXPECT_THAT(printed, EndsWith(gave_up));
         reset_for_jpeg();
     }
 }
@@ -256,15 +256,15 @@ TEST_F(JpegStart, LackOfMemoryIsAFailure)
     set_size(file, 16384, 16384);
     ASSERT_EQ(examine(file), 0);
     int ending = -1;
-    told = told_by([&ending] {
+    printed = printed_by([&ending] {
         ending = run_in_child([] {
             const rlimit limit = {UINT64_C(512) << 20, UINT64_C(512) << 20};
             return setrlimit(RLIMIT_AS, &limit) == 0 && start_jpeg_decompress() == -1 ? 0 : 1;
         });
     });
     EXPECT_EQ(ending, 0);
-    EXPECT_THAT(told, HasSubstr("Insufficient memory"));
-    EXPECT_THAT(told, EndsWith(gave_up));
+    EXPECT_THAT(printed, HasSubstr("Insufficient memory"));
+    EXPECT_THAT(printed, EndsWith(gave_up));
 }
 
 } // namespace

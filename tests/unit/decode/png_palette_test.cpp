@@ -79,7 +79,7 @@ TEST(PngPalette, LastEntryOfAFullPaletteIsReached)
 // Memory ends with the palette.
 TEST(PngPalette, IndexBehindThePaletteIsBlackAndReadsNothing)
 {
-    const GuardedBytes bytes(std::vector<unsigned char>(2 * sizeof(png_color_struct), 255));
+    const guarded_bytes bytes(std::vector<unsigned char>(2 * sizeof(png_color_struct), 255));
     auto* palette = reinterpret_cast<png_color_struct*>(const_cast<unsigned char*>(bytes.begin()));
     EXPECT_EQ(of_palette(1, palette, 2), (yuv{235, 128, 128}));
     EXPECT_EQ(of_palette(2, palette, 2), (yuv{16, 128, 128}));
@@ -95,7 +95,7 @@ TEST(PngPalette, EmptyPaletteIsBlackThroughout)
 // Memory ends with the palette here, too.
 TEST(PngPalette, PaletteIsConvertedForEveryIndexAndOpaque)
 {
-    const GuardedBytes bytes({255, 0, 0, 0, 0, 255});
+    const guarded_bytes bytes({255, 0, 0, 0, 0, 255});
     auto* entries = reinterpret_cast<png_color_struct*>(const_cast<unsigned char*>(bytes.begin()));
     packed_yuva colours[256] = {};
     convert_png_palette({entries, 2}, colours);

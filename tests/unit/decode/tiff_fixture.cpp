@@ -115,7 +115,7 @@ bool tiff_test::expect_drawn_by_rules(const file_bytes& file, const tiff_literal
     }
     EXPECT_EQ(decode(), 0);
     EXPECT_TRUE(allocation() == wanted.allocation);
-    EXPECT_EQ(printed, wanted.told);
+    EXPECT_EQ(printed, wanted.printed);
     EXPECT_EQ(progress(), wanted.progress);
     return true;
 }

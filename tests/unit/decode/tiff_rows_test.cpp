@@ -37,7 +37,7 @@ constexpr size_t beyond = 9; // samples after the row that must not change
 
 four_rows converted(tiff_model model, bool alpha, const bytes& source, size_t count, uint32_t bits)
 {
-    const GuardedBytes guarded(source);
+    const guarded_bytes guarded(source);
     four_rows rows(count + beyond);
     convert_tiff_row(*find_tiff_converter(model, bits, alpha), guarded.begin(), count, rows.row());
     return rows;

@@ -273,7 +273,7 @@ TEST_F(DecodeTiffStrips, ReadsAreLimitedToTheStripSizeAfterAWarning)
     tiff_stripsize = 4 * 5 + 2;
     const auto wanted = draw_tiff_literally(file);
     EXPECT_EQ(decode(), 0);
-    EXPECT_EQ(printed, wanted.told);
+    EXPECT_EQ(printed, wanted.printed);
     EXPECT_EQ(printed.find("WARNING: bytes for reading strip exceed recommended stripsize\n"), 0U);
     EXPECT_TRUE(allocation() == wanted.allocation);
 }

@@ -20,7 +20,7 @@ using bytes = std::vector<unsigned char>;
 
 int sniffed_type(const std::string& text)
 {
-    const GuardedBytes file(bytes(text.begin(), text.end()));
+    const guarded_bytes file(bytes(text.begin(), text.end()));
     return sniff_file_type(file.begin(), file.end());
 }
 

@@ -30,7 +30,7 @@ protected:
     void expect_refusal(const jpeg_writer::file_bytes& file, const std::string& line)
     {
         EXPECT_EQ(examine(file), -1);
-        EXPECT_THAT(told, testing::EndsWith(line));
+        EXPECT_THAT(printed, testing::EndsWith(line));
         expect_closed();
     }
 

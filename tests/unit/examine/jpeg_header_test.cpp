@@ -30,9 +30,9 @@ TEST_F(JpegHeader, RgbIsRefusedAfterTheHeaderLine)
     picture rgb = ycbcr(16, 16, {1, 1});
     rgb.colour_space = JCS_RGB;
     EXPECT_EQ(examine(write(rgb)), -1);
-    EXPECT_EQ(told, "JPEG: 16 x 16 image with 3 components, colorspace #2: RGB  "
-                    "lib default out #2: RGB\n"
-                    "JPEGLIB: ERROR: Unsupported colorspace\n");
+    EXPECT_EQ(printed, "JPEG: 16 x 16 image with 3 components, colorspace #2: RGB  "
+                       "lib default out #2: RGB\n"
+                       "JPEGLIB: ERROR: Unsupported colorspace\n");
     expect_closed();
 }
 
@@ -42,9 +42,9 @@ TEST_F(JpegHeader, TwoComponentsAreOfUnknownColourSpace)
     two.colour_space = JCS_UNKNOWN;
     two.sampling = {{1, 1}, {1, 1}};
     EXPECT_EQ(examine(write(two)), -1);
-    EXPECT_EQ(told, "JPEG: 16 x 16 image with 2 components, colorspace #0: Unknown  "
-                    "lib default out #0: Unknown\n"
-                    "JPEGLIB: ERROR: Unsupported colorspace\n");
+    EXPECT_EQ(printed, "JPEG: 16 x 16 image with 2 components, colorspace #0: Unknown  "
+                       "lib default out #0: Unknown\n"
+                       "JPEGLIB: ERROR: Unsupported colorspace\n");
 }
 
 TEST_F(JpegHeader, UnnamedColourSpaceIsThreeQuestionMarks)
@@ -53,9 +53,9 @@ TEST_F(JpegHeader, UnnamedColourSpaceIsThreeQuestionMarks)
     set_component_id(file, 1, 0x22);
     set_component_id(file, 2, 0x23);
     EXPECT_EQ(examine(file), -1);
-    EXPECT_EQ(told, "JPEG: 16 x 16 image with 3 components, colorspace #7: ???  "
-                    "lib default out #2: RGB\n"
-                    "JPEGLIB: ERROR: Unsupported colorspace\n");
+    EXPECT_EQ(printed, "JPEG: 16 x 16 image with 3 components, colorspace #7: ???  "
+                       "lib default out #2: RGB\n"
+                       "JPEGLIB: ERROR: Unsupported colorspace\n");
 }
 
 // Four components numbered 1 to 4, the form in which many programs write CMYK.
@@ -71,8 +71,8 @@ file_bytes four_numbered_components(const file_bytes& marker)
 TEST_F(JpegHeader, FourComponentsWithoutAdobeMarkerAreCmyk)
 {
     ASSERT_EQ(examine(four_numbered_components({})), 0);
-    EXPECT_THAT(told, HasSubstr("colorspace #4: CMYK  lib default out #4: CMYK\n"));
-    EXPECT_THAT(told, HasSubstr("CYMK"));
+    EXPECT_THAT(printed, HasSubstr("colorspace #4: CMYK  lib default out #4: CMYK\n"));
+    EXPECT_THAT(printed, HasSubstr("CYMK"));
     EXPECT_EQ(jpeg_decompress->jpeg_color_space, JCS_CMYK);
 }
 
@@ -88,7 +88,7 @@ TEST_F(JpegHeader, FourComponentsWithAnyOtherAdobeTransformAreYcck)
         reset_jpeg_reader();
         ASSERT_EQ(examine(four_numbered_components(adobe_segment(transform))), 0);
         EXPECT_EQ(jpeg_decompress->jpeg_color_space, JCS_YCCK);
-        EXPECT_THAT(told, HasSubstr("colorspace #5: YCbCrK"));
+        EXPECT_THAT(printed, HasSubstr("colorspace #5: YCbCrK"));
     }
 }
 
@@ -128,10 +128,10 @@ TEST_F(JpegHeader, OneMoreInEitherDirectionIsRefusedAfterTheHeaderLine)
         file_bytes file = ycbcr_file(16, 16, {1, 1});
         set_size(file, width, height);
         EXPECT_EQ(examine(file), -1);
-        EXPECT_EQ(told, "JPEG: " + std::to_string(width) + " x " + std::to_string(height) +
-                            " image with 3 components, colorspace #3: YCbCr  "
-                            "lib default out #2: RGB\n"
-                            "JPEG image is WAY TOO LARGE\n");
+        EXPECT_EQ(printed, "JPEG: " + std::to_string(width) + " x " + std::to_string(height) +
+                               " image with 3 components, colorspace #3: YCbCr  "
+                               "lib default out #2: RGB\n"
+                               "JPEG image is WAY TOO LARGE\n");
         expect_closed();
     }
     EXPECT_EQ(image_width, -1);
@@ -185,7 +185,7 @@ TEST_F(JpegHeader, FourLumaFactorsAreSupported)
         EXPECT_EQ(examine(ycbcr_file(32, 32, luma)), 0);
         EXPECT_EQ(image_chroma_x_shift, x_shift);
         EXPECT_EQ(image_chroma_y_shift, y_shift);
-        EXPECT_THAT(told, EndsWith(line));
+        EXPECT_THAT(printed, EndsWith(line));
     }
 }
 
@@ -195,7 +195,7 @@ TEST_F(JpegHeader, OtherLumaFactorsAreRefused)
         for (int v = 1; v <= 4; ++v) {
             const made_header header(JCS_YCbCr, {{h, v}, {1, 1}, {1, 1}});
             const bool supported = h <= 2 && v <= 2;
-            const std::string line = told_by([&header, supported] {
+            const std::string line = printed_by([&header, supported] {
                 EXPECT_EQ(find_jpeg_chroma_shifts(header.cinfo), supported ? 0 : -1);
             });
             if (!supported) {
@@ -213,7 +213,7 @@ TEST_F(JpegHeader, ChromaFactorsOtherThanOneAreRefused)
         {JCS_YCCK, {{2, 2}, {2, 2}, {2, 2}, {2, 2}}},
     };
     for (const made_header& header : headers) {
-        EXPECT_EQ(told_by([&header] { EXPECT_EQ(find_jpeg_chroma_shifts(header.cinfo), -1); }),
+        EXPECT_EQ(printed_by([&header] { EXPECT_EQ(find_jpeg_chroma_shifts(header.cinfo), -1); }),
                   "Unsupported chroma subsampling scheme\n");
     }
 }
@@ -240,7 +240,7 @@ TEST_F(JpegHeader, KThatDiffersInOneDirectionIsRefused)
 {
     for (const factors k : {factors{2, 1}, factors{1, 2}}) {
         const made_header header(JCS_YCCK, {{2, 2}, {1, 1}, {1, 1}, k});
-        EXPECT_EQ(told_by([&header] { EXPECT_EQ(find_jpeg_chroma_shifts(header.cinfo), -1); }),
+        EXPECT_EQ(printed_by([&header] { EXPECT_EQ(find_jpeg_chroma_shifts(header.cinfo), -1); }),
                   "Unsupported chroma subsampling on K channel\n");
     }
 }
@@ -248,10 +248,10 @@ TEST_F(JpegHeader, KThatDiffersInOneDirectionIsRefused)
 TEST_F(JpegHeader, TooFewComponentsAreWeird)
 {
     const made_header two(JCS_YCbCr, {{1, 1}, {1, 1}});
-    EXPECT_EQ(told_by([&two] { EXPECT_EQ(find_jpeg_chroma_shifts(two.cinfo), -1); }),
+    EXPECT_EQ(printed_by([&two] { EXPECT_EQ(find_jpeg_chroma_shifts(two.cinfo), -1); }),
               "Weird YCbCr colorspace with less than 3 components, ignoring JPEG\n");
     const made_header three(JCS_YCCK, {{1, 1}, {1, 1}, {1, 1}});
-    EXPECT_EQ(told_by([&three] { EXPECT_EQ(find_jpeg_chroma_shifts(three.cinfo), -1); }),
+    EXPECT_EQ(printed_by([&three] { EXPECT_EQ(find_jpeg_chroma_shifts(three.cinfo), -1); }),
               "Weird YCCK colorspace with less than 4 components, ignoring JPEG\n");
 }
 

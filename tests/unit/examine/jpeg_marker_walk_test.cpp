@@ -12,7 +12,7 @@ using bytes = std::vector<unsigned char>;
 
 bool holds(const bytes& file)
 {
-    const GuardedBytes guarded(file);
+    const guarded_bytes guarded(file);
     return jpeg_marker_chain_holds(guarded.begin(), guarded.end());
 }
 

@@ -104,7 +104,7 @@ void expect_closed()
 
 TEST_F(JpegReader, ClosingNothingIsSilent)
 {
-    EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
+    EXPECT_EQ(printed_by(free_all_jpeg_fileio), "");
     expect_closed();
 }
 
@@ -113,10 +113,10 @@ TEST_F(JpegReader, ClosingTwiceClosesTheDescriptorOnce)
     const size_t before = open_descriptors();
     open_small();
     EXPECT_EQ(open_descriptors(), before + 2); // the picture and the reader's own descriptor for it
-    EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
+    EXPECT_EQ(printed_by(free_all_jpeg_fileio), "");
     expect_closed();
     EXPECT_EQ(open_descriptors(), before + 1);
-    EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
+    EXPECT_EQ(printed_by(free_all_jpeg_fileio), "");
     EXPECT_EQ(open_descriptors(), before + 1);
 }
 
@@ -127,7 +127,7 @@ TEST_F(JpegReader, ObjectThatWasNeverCreatedIsFreedWithoutTheLibrary)
         static_cast<jpeg_decompress_struct*>(calloc(1, sizeof(jpeg_decompress_struct)));
     for (const bool abort_wanted : {false, true}) {
         jpeg_should_abort = abort_wanted ? 1 : 0;
-        EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
+        EXPECT_EQ(printed_by(free_all_jpeg_fileio), "");
         expect_closed();
         jpeg_decompress =
             static_cast<jpeg_decompress_struct*>(calloc(1, sizeof(jpeg_decompress_struct)));
@@ -175,7 +175,7 @@ TEST_F(JpegReader, PictureReadToItsEndIsFinishedSilently)
         ASSERT_NE(jpeg_read_raw_data(jpeg_decompress, &component, 16), 0U);
     }
     jpeg_should_abort = 0;
-    EXPECT_EQ(told_by(free_all_jpeg_fileio), "");
+    EXPECT_EQ(printed_by(free_all_jpeg_fileio), "");
     expect_closed();
 }
 
@@ -184,7 +184,7 @@ TEST_F(JpegReader, PictureThatCannotBeFinishedIsDropped)
     open_small();
     jpeg_should_abort = 0;
     EXPECT_EQ(
-        told_by(free_all_jpeg_fileio),
+        printed_by(free_all_jpeg_fileio),
         "JPEGLIB error exit attempted (code " + std::to_string(JERR_BAD_STATE) +
             ": 'Improper call to JPEG library in state 202')\n"
             "jpeg_finish_decompress() threw an error. calling jpeg_abort_decompress function\n");

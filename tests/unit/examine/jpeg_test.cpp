@@ -31,7 +31,7 @@ TEST_F(ExamineJpeg, SecondExaminationWhileOpenIsABug)
 {
     ASSERT_EQ(examine(ycbcr_file(16, 16, {1, 1})), 0);
     FILE* stream = jpeg_fp;
-    const std::string line = told_by([] { EXPECT_EQ(examine_jpeg_file(), -1); });
+    const std::string line = printed_by([] { EXPECT_EQ(examine_jpeg_file(), -1); });
     EXPECT_EQ(line, "BUG: examine_jpeg_file() when file already opened\n");
     EXPECT_EQ(jpeg_fp, stream);
     EXPECT_NE(jpeg_decompress, nullptr);
@@ -40,15 +40,15 @@ TEST_F(ExamineJpeg, SecondExaminationWhileOpenIsABug)
 TEST_F(ExamineJpeg, EachPointerAloneCountsAsOpen)
 {
     jpeg_fp = stdin;
-    EXPECT_THAT(told_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }), StartsWith("BUG: "));
+    EXPECT_THAT(printed_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }), StartsWith("BUG: "));
     jpeg_fp = nullptr;
     jpeg_decompress_struct object = {};
     jpeg_decompress = &object;
-    EXPECT_THAT(told_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }), StartsWith("BUG: "));
+    EXPECT_THAT(printed_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }), StartsWith("BUG: "));
     jpeg_decompress = nullptr;
     jpeg_error_mgr errors = {};
     jpeg_error_manager = &errors;
-    EXPECT_THAT(told_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }), StartsWith("BUG: "));
+    EXPECT_THAT(printed_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }), StartsWith("BUG: "));
     jpeg_error_manager = nullptr;
 }
 
@@ -56,7 +56,7 @@ TEST_F(ExamineJpeg, NoDescriptorIsRefused)
 {
     scripted::plan.file_handle_fails = true;
     EXPECT_EQ(examine(ycbcr_file(16, 16, {1, 1})), -1);
-    EXPECT_EQ(told, "Unable to get file handle\n");
+    EXPECT_EQ(printed, "Unable to get file handle\n");
     expect_closed();
 }
 
@@ -64,7 +64,7 @@ TEST_F(ExamineJpeg, DescriptorIsClosedWhenNoStreamCanBeOpened)
 {
     failing::fdopen_call.arm(1);
     EXPECT_EQ(examine(ycbcr_file(16, 16, {1, 1})), -1);
-    EXPECT_EQ(told, "fdopen() failed\n");
+    EXPECT_EQ(printed, "fdopen() failed\n");
     expect_closed();
 }
 
@@ -75,7 +75,7 @@ TEST_F(ExamineJpeg, FailedAllocationOfEitherObjectIsRefusedWithoutALibraryCall)
         jpeg_should_abort = 0;
         scripted::set_picture(file);
         failing::calloc_call.arm(missing);
-        EXPECT_EQ(told_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }),
+        EXPECT_EQ(printed_by([] { EXPECT_EQ(examine_jpeg_file(), -1); }),
                   "Unable to allocate JPEG object\n");
         expect_closed();
     }
@@ -114,24 +114,24 @@ TEST_F(ExamineJpeg, FatalErrorInTheHeaderIsRefused)
     file_bytes file = ycbcr_file(16, 16, {1, 1});
     set_precision(file, 7);
     EXPECT_EQ(examine(file), -1);
-    EXPECT_EQ(told, "JPEGLIB error exit attempted (code " + std::to_string(JERR_BAD_PRECISION) +
-                        ": 'Unsupported JPEG data precision 7')\n"
-                        "JPEG library panicked and attempted to exit. Decode failed\n");
+    EXPECT_EQ(printed, "JPEGLIB error exit attempted (code " + std::to_string(JERR_BAD_PRECISION) +
+                           ": 'Unsupported JPEG data precision 7')\n"
+                           "JPEG library panicked and attempted to exit. Decode failed\n");
     expect_closed();
 }
 
 TEST_F(ExamineJpeg, EmptyFileIsRefused)
 {
     expect_refusal({}, "JPEG library panicked and attempted to exit. Decode failed\n");
-    EXPECT_THAT(told, StartsWith("JPEGLIB error exit attempted (code "));
-    EXPECT_THAT(told, HasSubstr("'Empty input file'"));
+    EXPECT_THAT(printed, StartsWith("JPEGLIB error exit attempted (code "));
+    EXPECT_THAT(printed, HasSubstr("'Empty input file'"));
 }
 
 TEST_F(ExamineJpeg, SuspendedHeaderIsRefused)
 {
     failing::read_header_call.arm(1);
     EXPECT_EQ(examine(ycbcr_file(16, 16, {1, 1})), -1);
-    EXPECT_EQ(told, "JPEG library failed to read header\n");
+    EXPECT_EQ(printed, "JPEG library failed to read header\n");
     expect_closed();
 }
 
@@ -159,7 +159,7 @@ file_bytes tables_only()
 TEST_F(ExamineJpeg, TablesOnlyFileHasNoColourSpace)
 {
     EXPECT_EQ(examine(tables_only()), -1);
-    EXPECT_EQ(told, no_picture);
+    EXPECT_EQ(printed, no_picture);
     expect_closed();
 }
 
@@ -168,7 +168,7 @@ TEST_F(ExamineJpeg, PictureAfterTheTablesIsNotSearchedFor)
     file_bytes file = tables_only();
     insert(file, file.size(), ycbcr_file(16, 16, {1, 1}));
     EXPECT_EQ(examine(file), -1);
-    EXPECT_EQ(told, no_picture);
+    EXPECT_EQ(printed, no_picture);
 }
 
 TEST_F(ExamineJpeg, FileTruncatedBeforeItsFrameHeaderHasTablesOnly)
@@ -182,13 +182,13 @@ TEST_F(ExamineJpeg, FileTruncatedBeforeItsFrameHeaderHasTablesOnly)
 TEST_F(ExamineJpeg, YcbcrIsReportedLineByLine)
 {
     EXPECT_EQ(examine(ycbcr_file(40, 24, {2, 1})), 0);
-    EXPECT_EQ(told, "JPEG: 40 x 24 image with 3 components, colorspace #3: YCbCr  "
-                    "lib default out #2: RGB\n"
-                    "JPEGLIB: Reading raw YCbCr pixel data\n"
-                    "Color channel[1]: ID 1 Sampling factor 2x1\n"
-                    "Color channel[2]: ID 2 Sampling factor 1x1\n"
-                    "Color channel[3]: ID 3 Sampling factor 1x1\n"
-                    "JPEG chroma subsample 2x1\n");
+    EXPECT_EQ(printed, "JPEG: 40 x 24 image with 3 components, colorspace #3: YCbCr  "
+                       "lib default out #2: RGB\n"
+                       "JPEGLIB: Reading raw YCbCr pixel data\n"
+                       "Color channel[1]: ID 1 Sampling factor 2x1\n"
+                       "Color channel[2]: ID 2 Sampling factor 1x1\n"
+                       "Color channel[3]: ID 3 Sampling factor 1x1\n"
+                       "JPEG chroma subsample 2x1\n");
     EXPECT_EQ(jpeg_decompress->out_color_space, JCS_YCbCr);
     EXPECT_EQ(jpeg_decompress->raw_data_out, TRUE);
     EXPECT_EQ(jpeg_decompress->do_fancy_upsampling, FALSE);
@@ -202,10 +202,10 @@ TEST_F(ExamineJpeg, GrayscaleIsReportedLineByLine)
 {
     image_chroma_x_shift = image_chroma_y_shift = 1;
     EXPECT_EQ(examine(write(grey(7, 3))), 0);
-    EXPECT_EQ(told, "JPEG: 7 x 3 image with 1 components, colorspace #1: Grayscale  "
-                    "lib default out #1: Grayscale\n"
-                    "JPEGLIB: Reading raw grayscale data\n"
-                    "Color channel[1]: ID 1 Sampling factor 1x1\n");
+    EXPECT_EQ(printed, "JPEG: 7 x 3 image with 1 components, colorspace #1: Grayscale  "
+                       "lib default out #1: Grayscale\n"
+                       "JPEGLIB: Reading raw grayscale data\n"
+                       "Color channel[1]: ID 1 Sampling factor 1x1\n");
     EXPECT_EQ(jpeg_decompress->out_color_space, JCS_GRAYSCALE);
     EXPECT_EQ(jpeg_decompress->raw_data_out, TRUE);
     EXPECT_EQ(jpeg_decompress->do_fancy_upsampling, FALSE);
@@ -216,15 +216,15 @@ TEST_F(ExamineJpeg, GrayscaleIsReportedLineByLine)
 TEST_F(ExamineJpeg, YcckIsReportedLineByLine)
 {
     EXPECT_EQ(examine(write(four(JCS_YCCK, 16, 16, {1, 2}))), 0);
-    EXPECT_EQ(told, "JPEG: 16 x 16 image with 4 components, colorspace #5: YCbCrK  "
-                    "lib default out #4: CMYK\n"
-                    "JPEGLIB: Hoo boy... YCCK.\n"
-                    "Color channel[1]: ID 1 Sampling factor 1x2\n"
-                    "Color channel[2]: ID 2 Sampling factor 1x1\n"
-                    "Color channel[3]: ID 3 Sampling factor 1x1\n"
-                    "Color channel[4]: ID 4 Sampling factor 1x2\n"
-                    "YCCK K-channel is not subsampled. GOOD\n"
-                    "JPEG chroma subsample 1x2\n");
+    EXPECT_EQ(printed, "JPEG: 16 x 16 image with 4 components, colorspace #5: YCbCrK  "
+                       "lib default out #4: CMYK\n"
+                       "JPEGLIB: Hoo boy... YCCK.\n"
+                       "Color channel[1]: ID 1 Sampling factor 1x2\n"
+                       "Color channel[2]: ID 2 Sampling factor 1x1\n"
+                       "Color channel[3]: ID 3 Sampling factor 1x1\n"
+                       "Color channel[4]: ID 4 Sampling factor 1x2\n"
+                       "YCCK K-channel is not subsampled. GOOD\n"
+                       "JPEG chroma subsample 1x2\n");
     EXPECT_EQ(jpeg_decompress->out_color_space, JCS_YCCK);
     EXPECT_EQ(jpeg_decompress->raw_data_out, TRUE);
     EXPECT_EQ(jpeg_decompress->do_fancy_upsampling, FALSE);
@@ -234,13 +234,13 @@ TEST_F(ExamineJpeg, CmykIsReportedLineByLine)
 {
     image_chroma_x_shift = image_chroma_y_shift = 1;
     EXPECT_EQ(examine(write(four(JCS_CMYK, 16, 16, {1, 1}))), 0);
-    EXPECT_EQ(told, "JPEG: 16 x 16 image with 4 components, colorspace #4: CMYK  "
-                    "lib default out #4: CMYK\n"
-                    "JPEGLIB: Hoo boy... CYMK.\n"
-                    "Color channel[1]: ID 67 Sampling factor 1x1\n"
-                    "Color channel[2]: ID 77 Sampling factor 1x1\n"
-                    "Color channel[3]: ID 89 Sampling factor 1x1\n"
-                    "Color channel[4]: ID 75 Sampling factor 1x1\n");
+    EXPECT_EQ(printed, "JPEG: 16 x 16 image with 4 components, colorspace #4: CMYK  "
+                       "lib default out #4: CMYK\n"
+                       "JPEGLIB: Hoo boy... CYMK.\n"
+                       "Color channel[1]: ID 67 Sampling factor 1x1\n"
+                       "Color channel[2]: ID 77 Sampling factor 1x1\n"
+                       "Color channel[3]: ID 89 Sampling factor 1x1\n"
+                       "Color channel[4]: ID 75 Sampling factor 1x1\n");
     EXPECT_EQ(jpeg_decompress->out_color_space, JCS_CMYK);
     EXPECT_EQ(jpeg_decompress->raw_data_out, TRUE);
     EXPECT_EQ(jpeg_decompress->do_fancy_upsampling, TRUE);
@@ -259,7 +259,7 @@ TEST_F(ExamineJpeg, BlockSmoothingIsOnInEveryColourSpace)
     for (const J_COLOR_SPACE space : {JCS_YCbCr, JCS_GRAYSCALE, JCS_YCCK, JCS_CMYK}) {
         jpeg_decompress_struct cinfo = {};
         cinfo.jpeg_color_space = space;
-        told_by([&cinfo] { EXPECT_EQ(choose_jpeg_output(&cinfo), 0); });
+        printed_by([&cinfo] { EXPECT_EQ(choose_jpeg_output(&cinfo), 0); });
         EXPECT_EQ(cinfo.do_block_smoothing, TRUE);
     }
 }

@@ -185,7 +185,7 @@ TEST(ConvertPixels, SamplesOutsideThePlanesAreNotRead)
     for (uint32_t width = 1; width < 36; ++width) {
         const sample_shape shape = {.full_width = width, .full_height = 3};
         served_picture served(shape);
-        std::vector<std::unique_ptr<GuardedBytes>> guards;
+        std::vector<std::unique_ptr<guarded_bytes>> guards;
         for (size_t p = 0; p < 3; ++p) { // planes that end at their last sample
             const uint32_t plane_width = served.picture.plane_width[p];
             const uint32_t rows = served.picture.plane_height[p];
@@ -194,7 +194,7 @@ TEST(ConvertPixels, SamplesOutsideThePlanesAreNotRead)
                 const uint8_t* row = served.picture.plane[p] + y * served.picture.stride[p];
                 dense.insert(dense.end(), row, row + plane_width);
             }
-            guards.push_back(std::make_unique<GuardedBytes>(dense));
+            guards.push_back(std::make_unique<guarded_bytes>(dense));
         }
         const pixels expected = at_own_size(served.picture, STILLIMAGE_RGB24);
         for (size_t p = 0; p < 3; ++p) {

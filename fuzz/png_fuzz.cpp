@@ -19,7 +19,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
-#include "fuzz/whole_road.h"
+#include "fuzz/picture_run.h"
 #include "platform/media_item.h"
 #include "tests/support/png_literal.h"
 #include "tests/support/scripted_platform.h"

@@ -10,7 +10,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/tiff.h"
 #include "bin/framebuffer/layout.h"
-#include "fuzz/whole_road.h"
+#include "fuzz/picture_run.h"
 #include "platform/media_item.h"
 #include "tests/support/caught_abort.h"
 #include "tests/support/scripted_platform.h"

@@ -11,7 +11,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/webp.h"
 #include "bin/framebuffer/layout.h"
-#include "fuzz/whole_road.h"
+#include "fuzz/picture_run.h"
 #include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 

@@ -1,4 +1,4 @@
-#include "fuzz/whole_road.h"
+#include "fuzz/picture_run.h"
 
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"

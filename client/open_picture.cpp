@@ -53,12 +53,12 @@ bool is_examined(std::string_view status_document)
     return json_member(json_member(status_document, "process"), "examined") != "false";
 }
 
-// Waits one step for output of the worker that was started. If another worker serves the picture, there
-// is no output to wait for, so this only sleeps.
+// Waits one step for output of the worker that was started. Once its output has ended, because another
+// worker serves the picture, for one, there is nothing to wait for, so this only sleeps.
 void pause_for_output(started_worker& worker)
 {
     worker.read_output(step_ms);
-    if (worker.other_worker_serves()) {
+    if (worker.ended()) {
         const timespec pause = {0, step_ms * 1'000'000L};
         nanosleep(&pause, nullptr);
     }

@@ -26,71 +26,13 @@
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"
 #include "tests/unit/client/fake_worker.h"
+#include "tests/unit/client/open_picture_fixture.h"
 #include "tests/unit/client/opened.h"
 
 using testing::EndsWith;
 using testing::HasSubstr;
 
 namespace {
-
-constexpr int start_limit_ms = 30'000;
-
-// Environment variables lead to the folders of one test.
-class OpenPicture : public testing::Test {
-protected:
-    OpenPicture()
-    {
-        environment.set("STILLIMAGE_PROGRAM", STILLIMAGE_PROGRAM);
-        std::ifstream from(STILLIMAGE_TEST_DATA "/png/photo-rgb.png", std::ios::binary);
-        const std::string bytes{std::istreambuf_iterator<char>(from), {}};
-        picture = home.folder().write("picture.png", bytes);
-    }
-    ~OpenPicture() override
-    {
-        for (const pid_t pid : started) {
-            kill(pid, SIGKILL);
-        }
-    }
-
-    stillimage_result connect(const std::string& file, unsigned flags,
-                              int timeout_ms = start_limit_ms)
-    {
-        stillimage_client* made = nullptr;
-        const stillimage_result result =
-            stillimage_connect_picture(file.c_str(), flags, timeout_ms, &made);
-        client.reset(made);
-        note_worker();
-        return result;
-    }
-    void note_worker()
-    {
-        if (const pid_t pid = stillimage_worker_pid(client.get()); pid > 0) {
-            started.push_back(pid);
-        }
-    }
-    std::string error() const { return stillimage_last_error(client.get()); }
-
-    void end_worker()
-    {
-        const pid_t pid = stillimage_worker_pid(client.get());
-        kill(pid, SIGKILL);
-        ASSERT_TRUE(eventually([&] { return kill(pid, 0) != 0 && errno == ESRCH; }));
-    }
-
-    // Makes an executable script and returns its path.
-    std::string program(const std::string& body) const
-    {
-        const std::string path = home.folder().write("program", "#!/bin/sh\n" + body);
-        chmod(path.c_str(), 0700);
-        return path;
-    }
-
-    worker_home home;
-    changed_environment environment{home.environment()};
-    std::string picture;
-    held_client client;
-    std::vector<pid_t> started;
-};
 
 std::string field_of_process(pid_t pid, const char* name)
 {
@@ -347,83 +289,7 @@ TEST_F(OpenPicture, WorkerKilledDuringStartIsNotReportedAsRefusal)
     environment.set("STILLIMAGE_PROGRAM", STILLIMAGE_PROGRAM);
     EXPECT_EQ(stillimage_reconnect(client.get(), start_limit_ms), STILLIMAGE_OK) << error();
     note_worker();
-}
-
-// A worker program whose socket belongs to a fake worker. `status` returns the status document for
-// each request, or null to hang up. The program ends when the file "over" exists.
-class OpenExamined : public OpenPicture {
-protected:
-    stillimage_result connect_to(std::function<const char*(int request)> status,
-                                 int timeout_ms = start_limit_ms)
-    {
-        const fake_worker fake([&](fake_peer& peer) {
-            peer.greet();
-            for (int i = 0;; ++i) {
-                const uint64_t number = peer.next(comm_protocol::GET_STATUS).request;
-                const char* document = number != 0 ? status(i) : nullptr;
-                if (document == nullptr) {
-                    return;
-                }
-                const auto size = static_cast<uint32_t>(strlen(document));
-                peer.send(
-                    comm_protocol::encode(number, comm_protocol::status_part{size, 0, document}));
-            }
-        });
-        char path[108];
-        EXPECT_EQ(stillimage_socket_of(picture.c_str(), path, sizeof path), STILLIMAGE_OK);
-        environment.set("STILLIMAGE_PROGRAM",
-                        program("mkdir -p $(dirname " + std::string(path) + "); ln -s " +
-                                fake.path() + " " + path + "\nwhile ! [ -e " + over +
-                                " ]; do sleep 0.01; done\nrm " + path +
-                                "\necho one >&2; exit 1\n"));
-        const stillimage_result result = connect(picture, STILLIMAGE_START_WORKER, timeout_ms);
-        started.clear(); // the process number is that of the test
-        home.folder().write("over", "");
-        if (result == STILLIMAGE_OK) {
-            client.reset(); // ends the fake worker
-        }
-        return result;
-    }
-
-    const std::string over = home.folder().path("over");
-};
-
-constexpr const char* examining = R"({"process": {"examined": false}})";
-
-TEST_F(OpenExamined, RefusalAfterTheGreetingIsReported)
-{
-    EXPECT_EQ(connect_to([&](int request) {
-                  if (request == 2) {
-                      home.folder().write("over", "");
-                  }
-                  return request < 2 ? examining : nullptr;
-              }),
-              STILLIMAGE_ERROR_REFUSED);
-    EXPECT_EQ(error(), "the worker does not serve " + picture + ": one");
-}
-
-TEST_F(OpenExamined, ExaminationIsWaitedFor)
-{
-    int requests = 0;
-    EXPECT_EQ(connect_to([&](int request) {
-                  requests = request + 1;
-                  return request < 2 ? examining : R"({"process": {"examined": true}})";
-              }),
-              STILLIMAGE_OK);
-    EXPECT_EQ(requests, 3);
-}
-
-TEST_F(OpenExamined, DocumentWithoutTheMemberCountsAsExamined)
-{
-    EXPECT_EQ(connect_to([](int) { return R"({"process": {"pid": 1}})"; }), STILLIMAGE_OK);
-}
-
-TEST_F(OpenExamined, LongExaminationIsWaitedForUpToTheLimit)
-{
-    EXPECT_EQ(connect_to([](int) { return examining; }, 1000), STILLIMAGE_OK);
-}
-
-// --- reconnection --------------------------------------------------------------------------------
+} // --- reconnection --------------------------------------------------------------------------------
 
 TEST_F(OpenPicture, ReconnectionStartsANewWorkerAndHeldFramesStayValid)
 {

@@ -1,6 +1,5 @@
 #include "wire/item_paths.h"
 
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -17,19 +16,6 @@ namespace item_paths {
 namespace {
 
 constexpr size_t max_stem = 24;
-constexpr size_t hash_bytes = 10;
-
-// File names come from strangers, and two names must not collide on purpose: hence SHA-256.
-std::string short_hash(std::string_view text)
-{
-    const std::array<unsigned char, 32> digest = wire::sha256(text);
-    std::string digits;
-    for (size_t i = 0; i < hash_bytes; ++i) {
-        digits += "0123456789abcdef"[digest[i] >> 4U];
-        digits += "0123456789abcdef"[digest[i] & 15U];
-    }
-    return digits;
-}
 
 // --- names --------------------------------------------------------------------------------------
 
@@ -102,7 +88,7 @@ std::string name_of_real_path(std::string_view real_path)
         name += kept;
         rest.remove_prefix(wide > 0 ? wide : 1);
     }
-    return (name.empty() ? "_" : name) + '-' + short_hash(real_path);
+    return (name.empty() ? "_" : name) + '-' + wire::short_hash(real_path);
 }
 
 bool name_of_picture(const char* picture, std::string* name)

@@ -90,4 +90,16 @@ std::array<unsigned char, 32> sha256(std::string_view text)
     return digest;
 }
 
+std::string short_hash(std::string_view text)
+{
+    constexpr size_t bytes = 10;
+    const std::array<unsigned char, 32> digest = sha256(text);
+    std::string digits;
+    for (size_t i = 0; i < bytes; ++i) {
+        digits += "0123456789abcdef"[digest[i] >> 4U];
+        digits += "0123456789abcdef"[digest[i] & 15U];
+    }
+    return digits;
+}
+
 } // namespace wire

@@ -1,7 +1,6 @@
 #include "platform/standalone/comm/listener.h"
 
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -11,6 +10,7 @@
 
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
+#include "wire/sha256.h"
 #include "wire/socket_address.h"
 
 namespace platform {
@@ -100,17 +100,6 @@ int bind_private(int socket, const std::string& path)
     return result;
 }
 
-// A hash (FNV-1a) that is the same in each run, so that the next start finds what a dead process
-// left.
-uint64_t hash_of(const std::string& text)
-{
-    uint64_t hash = 0xCBF29CE484222325;
-    for (const char c : text) {
-        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
-    }
-    return hash;
-}
-
 // Removes the file of a process that died while it created its socket.
 void remove_unfinished(int folder, const std::string& name)
 {
@@ -159,10 +148,10 @@ bool bind_and_rename(const split_path& at, int folder, comm_listener* listener)
 // folder's descriptor is shortened.
 std::string unfinished_socket_name(const std::string& name)
 {
-    constexpr size_t longest = 64;
+    constexpr size_t max_length = 64;
     const std::string beginning = ".stillimage-";
-    return beginning.size() + name.size() <= longest ? beginning + name
-                                                     : beginning + std::to_string(hash_of(name));
+    return beginning.size() + name.size() <= max_length ? beginning + name
+                                                        : beginning + wire::short_hash(name);
 }
 
 bool clear_socket_path(const std::string& path)

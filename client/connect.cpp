@@ -122,7 +122,6 @@ stillimage_result open_connection(stillimage_client& client, const std::string& 
                                   const deadline& start, const deadline& until)
 {
     client.socket_path = path;
-    client.accepted = false;
     if (!wire::is_socket_path(path)) {
         return fail(client, STILLIMAGE_ERROR_ARGUMENT,
                     "not a socket path of 1 to 107 bytes: " + path);
@@ -131,8 +130,7 @@ stillimage_result open_connection(stillimage_client& client, const std::string& 
     if (result == STILLIMAGE_OK) {
         result = check_user(client, path);
     }
-    client.accepted = result == STILLIMAGE_OK;
-    return client.accepted ? greet(client, until) : result;
+    return result == STILLIMAGE_OK ? greet(client, until) : result;
 }
 
 stillimage_result connect_within(const char* socket_path, const deadline& start,

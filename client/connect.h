@@ -6,8 +6,8 @@
 #include "client/deadline.h"
 #include "client/stillimage_client.h"
 
-inline constexpr int default_start_ms =
-    5000; // how long a starting worker may take to create its socket
+// How long a starting worker may take to create its socket.
+inline constexpr int default_start_ms = 5000;
 
 // Connects `client` to the worker at `path`, checks the worker's user, and exchanges greetings. If
 // there is no worker, it retries until `start` passes; a worker that is running but busy has until

@@ -29,9 +29,8 @@ struct stillimage_client {
     int32_t worker_pid = 0;
     std::string last_error;
     std::string socket_path;
-    std::string picture;   // if connected by picture, else ""
-    unsigned flags = 0;    // STILLIMAGE_START_WORKER
-    bool accepted = false; // a worker accepted the latest connection; it may have ended since
+    std::string picture;               // if connected by picture, else ""
+    unsigned flags = 0;                // STILLIMAGE_START_WORKER
     std::vector<unsigned char> buffer; // of the packet received last
 
     // frames

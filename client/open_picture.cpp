@@ -18,7 +18,8 @@ namespace {
 
 constexpr int step_ms = 10; // between attempts to connect to a worker that was started
 
-// A worker that refuses its file removes its socket before it ends; one that was killed does not.
+// A worker that refuses its file removes its socket before it ends; one that was killed does not. Nobody
+// listens at the path: connecting has just failed.
 bool left_its_socket(const std::string& path)
 {
     struct stat status = {};
@@ -34,18 +35,6 @@ stillimage_result fail_with_reason(stillimage_client& client, const started_work
     }
     return fail(client, STILLIMAGE_ERROR_REFUSED,
                 "the worker does not serve " + client.picture + ": " + worker.reason());
-}
-
-// The worker accepted the connection but ended before it could serve. The reason is in its output.
-stillimage_result fail_on_early_end(stillimage_client& client, started_worker& worker,
-                                    const deadline& until)
-{
-    while (!worker.ended() && !until.passed()) {
-        worker.read_output(step_ms);
-    }
-    return worker.ended() && !worker.other_worker_serves()
-               ? fail_with_reason(client, worker)
-               : fail(client, STILLIMAGE_ERROR_NO_WORKER, "the worker has gone");
 }
 
 bool is_examined(std::string_view status_document)
@@ -64,8 +53,9 @@ void pause_for_output(started_worker& worker)
     }
 }
 
-// A worker greets before it has examined the picture, and may still refuse it. If the examination takes
-// longer than the time limit, the connection is accepted without knowing its outcome.
+// A worker greets before it has examined the picture, and may still refuse it: then its connection ends,
+// which is STILLIMAGE_ERROR_NO_WORKER here. If the examination takes longer than the time limit, the
+// connection is accepted without knowing its outcome.
 stillimage_result await_examination(stillimage_client& client, started_worker& worker,
                                     const deadline& until)
 {
@@ -74,7 +64,7 @@ stillimage_result await_examination(stillimage_client& client, started_worker& w
         const stillimage_result result = collect_status(client, until, &document);
         if (result == STILLIMAGE_ERROR_NO_WORKER) {
             client.socket.reset();
-            return fail_on_early_end(client, worker, until);
+            return result;
         }
         if (result == STILLIMAGE_ERROR_TIMEOUT || until.passed()) {
             return STILLIMAGE_OK;
@@ -86,25 +76,27 @@ stillimage_result await_examination(stillimage_client& client, started_worker& w
     }
 }
 
+stillimage_result connect_to_examined(stillimage_client& client, started_worker& worker,
+                                      const deadline& until)
+{
+    const stillimage_result result =
+        open_connection(client, client.socket_path, deadline(0), until);
+    return result == STILLIMAGE_OK ? await_examination(client, worker, until) : result;
+}
+
 // Connects to the worker that was started. If another worker was faster, connects to that one.
 stillimage_result await_worker(stillimage_client& client, started_worker& worker,
                                const deadline& until)
 {
-    const deadline at_once(0);
     const deadline start(default_start_ms);
     while (true) {
-        const stillimage_result result =
-            open_connection(client, client.socket_path, at_once, until);
-        if (result == STILLIMAGE_OK) {
-            return await_examination(client, worker, until);
-        }
+        // Asked before the attempt: after a refusal, another worker may serve the picture by now.
+        const bool has_failed = worker.ended() && !worker.other_worker_serves();
+        const stillimage_result result = connect_to_examined(client, worker, until);
         if (result != STILLIMAGE_ERROR_NO_WORKER) {
             return result;
         }
-        if (client.accepted) {
-            return fail_on_early_end(client, worker, until);
-        }
-        if (worker.ended() && !worker.other_worker_serves()) {
+        if (has_failed) {
             return fail_with_reason(client, worker);
         }
         if (worker.other_worker_serves() && start.passed()) {

@@ -128,9 +128,9 @@ enum {
 /* Like stillimage_connect, to the worker at the picture's default socket. With STILLIMAGE_START_WORKER
  * a worker is started if there is none: the program named by STILLIMAGE_PROGRAM in the environment,
  * otherwise "stillimage" from PATH. It is not a child of the calling process, has its own session,
- * inherits no descriptors, and ends by itself some time after its last client has disconnected. The
- * call returns when the worker has examined the picture, or at the time limit if that takes longer. If
- * the worker cannot serve the file, the result is STILLIMAGE_ERROR_REFUSED and stillimage_last_error
+ * inherits no descriptors, and ends by itself some time after its last client has disconnected. A
+ * call that starts a worker returns when that worker has examined the picture, or at the time limit if
+ * that takes longer. If the worker cannot serve the file, the result is STILLIMAGE_ERROR_REFUSED and stillimage_last_error
  * has the last lines of its output; if it is killed while it starts, the result is
  * STILLIMAGE_ERROR_NO_WORKER. */
 STILLIMAGE_API stillimage_result stillimage_connect_picture(const char* picture, unsigned flags,

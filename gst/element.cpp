@@ -306,8 +306,8 @@ void get_times(GstBaseSrc* base, GstBuffer* buffer, GstClockTime* from, GstClock
 
 GstFlowReturn create(GstPushSrc* push, GstBuffer** buffer)
 {
-    constexpr int max_tries =
-        3; // negotiations, should the picture change its shape again and again
+    // Negotiations, should the picture change its shape again and again.
+    constexpr int max_tries = 3;
     bool renegotiate = true;
     GstFlowReturn flow = GST_FLOW_OK;
     for (int tries = 0; tries < max_tries && renegotiate && flow == GST_FLOW_OK; ++tries) {

@@ -20,8 +20,8 @@ bool write_planes(const std::string& folder, const stillimage_picture& picture)
         const uint64_t size = uint64_t{picture.stride[p]} * picture.plane_height[p];
         const std::string path = folder + "/" + names[p];
         if (picture.plane[p] == nullptr) {
-            unlink(
-                path.c_str()); // the file of an earlier dump would seem to belong to this picture
+            // The file of an earlier dump would seem to belong to this picture.
+            unlink(path.c_str());
         } else if (!write_result(path, bytes_of(picture.plane[p], size))) {
             return false;
         }

@@ -60,8 +60,8 @@ public:
 
     uint64_t due() const { return start_ + nanoseconds_.whole(); }
 
-    // Call when a frame has been written, at `now`. After a delay of up to half a second the next
-    // frames are due earlier to catch up; after a longer one the schedule continues from `now`.
+    // Call when a frame has been written, at `now`. After a delay of up to half a second the schedule
+    // stays, so the next frames follow faster; after a longer one it continues from `now`.
     void advance(uint64_t now);
 
 private:

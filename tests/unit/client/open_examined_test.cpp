@@ -1,4 +1,5 @@
 // Connections by picture path to a worker that has not examined its picture yet.
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -13,7 +14,7 @@
 namespace {
 
 // A worker program whose socket belongs to a fake worker. `status` returns the status document for
-// each request, or null to hang up. The program ends when the file "over" exists.
+// each request, or null to hang up. The program ends when the file "over" exists, or with the test.
 class OpenExamined : public OpenPicture {
 protected:
     stillimage_result connect_to(std::function<const char*(int request)> status,
@@ -34,11 +35,11 @@ protected:
         });
         char path[108];
         EXPECT_EQ(stillimage_socket_of(picture.c_str(), path, sizeof path), STILLIMAGE_OK);
-        environment.set("STILLIMAGE_PROGRAM",
-                        program("mkdir -p $(dirname " + std::string(path) + "); ln -s " +
-                                fake.path() + " " + path + "\n" + when_it_serves +
-                                "\nwhile ! [ -e " + over + " ]; do sleep 0.01; done\nrm " + path +
-                                "\necho one >&2; exit 1\n"));
+        environment.set(
+            "STILLIMAGE_PROGRAM",
+            program("mkdir -p $(dirname " + std::string(path) + "); ln -s " + fake.path() + " " +
+                    path + "\n" + when_it_serves + "\nwhile [ -e $0 ] && ! [ -e " + over +
+                    " ]; do sleep 0.01; done\nrm " + path + "\necho one >&2; exit 1\n"));
         const stillimage_result result = connect(picture, STILLIMAGE_START_WORKER, timeout_ms);
         started.clear(); // the process number is that of the test
         home.folder().write("over", "");
@@ -79,12 +80,33 @@ TEST_F(OpenExamined, ExaminationIsWaitedFor)
 
 TEST_F(OpenExamined, DocumentWithoutTheMemberCountsAsExamined)
 {
-    EXPECT_EQ(connect_to([](int) { return R"({"process": {"pid": 1}})"; }), STILLIMAGE_OK);
+    int requests = 0;
+    EXPECT_EQ(connect_to([&](int request) {
+                  requests = request + 1;
+                  return R"({"process": {"pid": 1}})";
+              }),
+              STILLIMAGE_OK);
+    EXPECT_EQ(requests, 1);
 }
 
 TEST_F(OpenExamined, LongExaminationIsWaitedForUpToTheLimit)
 {
-    EXPECT_EQ(connect_to([](int) { return examining; }, 1000), STILLIMAGE_OK);
+    constexpr auto limit = std::chrono::milliseconds(5000);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(connect_to([](int) { return examining; }, static_cast<int>(limit.count())),
+              STILLIMAGE_OK);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, limit);
+}
+
+TEST_F(OpenExamined, WorkerThatDoesNotAnswerIsAcceptedAtTheLimit)
+{
+    EXPECT_EQ(connect_to(
+                  [&](int) -> const char* {
+                      EXPECT_TRUE(eventually([&] { return home.folder().has("over"); }));
+                      return nullptr;
+                  },
+                  5000),
+              STILLIMAGE_OK);
 }
 
 // The library looks every ten milliseconds, also when no output can wake it.
@@ -97,9 +119,9 @@ TEST_F(OpenExamined, WorkerThatHasClosedItsOutputIsNotAskedWithoutAPause)
                       requests = request + 1;
                       return examining;
                   },
-                  1000),
+                  5000),
               STILLIMAGE_OK);
-    EXPECT_LE(requests, 101);
+    EXPECT_LE(requests, 501);
 }
 
 } // namespace

@@ -14,8 +14,8 @@ namespace platform {
 struct replace_failure {
     const char* step = nullptr; // "create", "write", ...: the step that failed, for a message
     int error_number = 0;
-    bool replaced =
-        false; // the new file is in place and complete, but may not survive a power failure
+    // The new file is in place and complete, but may not survive a power failure.
+    bool replaced = false;
 };
 
 // Replaces `name` in the open folder by `contents`: writes a temporary file beside it, syncs it,

@@ -29,12 +29,6 @@ struct memory_bound {
 
 memory_bound bound;
 
-uint64_t mapped_now()
-{
-    const uint64_t pages = leading_number(read_small_file("/proc/self/statm"), 0);
-    return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-}
-
 rlim_t limit_now()
 {
     rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
@@ -57,14 +51,14 @@ void bind(const memory_shares& shares, uint64_t divisor)
     bound.own_share = shares.own_objects;
     bound.own_left = shares.own_objects;
     const bool known = shares.codecs != no_memory_limit;
-    set_limit(known ? saturating_add(mapped_now(), shares.codecs / divisor) : no_memory_limit);
+    set_limit(known ? saturating_add(mapped_memory(), shares.codecs / divisor) : no_memory_limit);
 }
 
 // After a request that is too large even so, the rest of the share is kept for later requests.
 void take_back_share()
 {
     const uint64_t limit = limit_now();
-    const uint64_t mapped = mapped_now();
+    const uint64_t mapped = mapped_memory();
     const uint64_t unused =
         std::min(limit - std::min(limit, mapped), bound.own_share - bound.own_left);
     if (set_limit(limit - unused)) {
@@ -86,6 +80,12 @@ void give_from_share()
 }
 
 } // namespace
+
+uint64_t mapped_memory()
+{
+    const uint64_t pages = leading_number(read_small_file("/proc/self/statm"), 0);
+    return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
 
 void start_memory_bound()
 {

@@ -6,7 +6,12 @@
 // reserved.
 #pragma once
 
+#include <cstdint>
+
 namespace platform {
+
+// Bytes of address space that the process has mapped now.
+uint64_t mapped_memory();
 
 // From now on the process maps at most what fits into memory (half of that until there is a frame
 // buffer), and never more than the limit that is in force now. The domain has been joined;

@@ -23,8 +23,8 @@ struct server_limits {
     uint64_t round_gap_us = 500;      // between two polls of quiet sockets
     uint64_t busy_us = 1'000;         // of rounds without a wait; then there is a pause
     uint64_t tend_gap_us = 100'000;   // between two checks of the time limits
-    uint64_t old_listener_us =
-        2'000'000; // during which a replaced listening socket is still served
+    // How long a replaced listening socket is still served.
+    uint64_t old_listener_us = 2'000'000;
 };
 
 // The first two are called in the middle of a round. If they throw, the client is disconnected.

@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <limits>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include "platform/standalone/base/checked_math.h"
 #include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/cnb/memory_bound.h"
 #include "platform/standalone/cnb/memory_room.h"
-#include "platform/standalone/cnb/small_file.h"
 
 namespace platform {
 
@@ -21,12 +20,6 @@ constexpr uint64_t max_for_codecs = uint64_t{4} << 30;
 
 // Clients, their queues, the document, the metadata, messages.
 constexpr uint64_t everything_else = uint64_t{256} << 20;
-
-uint64_t mapped_now()
-{
-    const uint64_t pages = leading_number(read_small_file("/proc/self/statm"), 0);
-    return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-}
 
 } // namespace
 
@@ -41,7 +34,7 @@ uint64_t address_space_limit(const memory_need& need)
 
 memory_need present_memory_need()
 {
-    return {.mapped = mapped_now(),
+    return {.mapped = mapped_memory(),
             .buffer = std::min(largest_buffer(), domain_limit()),
             .memory = memory_room().total()};
 }

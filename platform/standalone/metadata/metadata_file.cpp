@@ -56,10 +56,7 @@ bool take_lock(const metadata_store& store, file_lock* lock, std::string_view wh
         problem = "its lock cannot be taken: " + error_text(errno);
         break;
     }
-    report(store, what, problem);
-    if (reason != nullptr) {
-        *reason = problem;
-    }
+    refuse_write(store, what, problem, reason);
     return false;
 }
 

@@ -23,8 +23,8 @@ void keep_temporaries(const pending_file& file, pending_work* work);
 
 // Writes the list as the item's metadata file, then removes the merged pending files. After a crash
 // at any moment either the old file is there and all settings are pending, or the new file is there
-// and none are. The caller holds the lock. 0, or -1 after a message, which is also stored in
-// *reason.
+// and none are. The caller holds the lock. 0, or -1 after a message, whose reason is also
+// stored in *reason unless that is null.
 int replace_stored(const metadata_store& store, metadata_v4_metadata_context* list,
                    const pending_work& work, std::string* reason);
 

@@ -15,20 +15,19 @@ namespace {
 
 constexpr int max_reads = 5; // of a file that changes while it is read
 
+stored_file not_read(read_result result, std::string reason)
+{
+    return {.result = result, .reason = std::move(reason), .document = {}, .identity = {}};
+}
+
 stored_file damaged(std::string reason)
 {
-    return {.result = read_result::DAMAGED,
-            .reason = std::move(reason),
-            .document = {},
-            .identity = {}};
+    return not_read(read_result::DAMAGED, std::move(reason));
 }
 
 stored_file unavailable(std::string reason)
 {
-    return {.result = read_result::UNAVAILABLE,
-            .reason = std::move(reason),
-            .document = {},
-            .identity = {}};
+    return not_read(read_result::UNAVAILABLE, std::move(reason));
 }
 
 // Classifies a failed open or read: is the file itself bad?

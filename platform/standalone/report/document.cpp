@@ -42,6 +42,7 @@ std::string document = "{}";
 bool changed = true;
 unstored_settings (*unstored_source)() = nullptr;
 size_t clients_shown = 0;
+bool examined_shown = false;
 uint64_t generation = 0;
 uint64_t generation_reported = 0; // by refresh_document
 uint64_t last_check_rebuild_us = 0;
@@ -110,9 +111,10 @@ bool is_examined()
 json_object process_object()
 {
     clients_shown = vexa_client_contexts.tracked.size();
+    examined_shown = is_examined();
     return {
         {"clients", whole_number(static_cast<uint64_t>(clients_shown))},
-        {"examined", is_examined()},
+        {"examined", examined_shown},
         {"pid", static_cast<int>(getpid())},
         {"progress",
          json_object{{"percent", progress_percent()}, {"text", std::string(progress_text())}}},
@@ -180,7 +182,7 @@ shown_entry* find_entry(std::string_view name)
 bool out_of_date()
 {
     return changed || json_next_xmit_rebuild ||
-           clients_shown != vexa_client_contexts.tracked.size();
+           clients_shown != vexa_client_contexts.tracked.size() || examined_shown != is_examined();
 }
 
 } // namespace
@@ -208,6 +210,7 @@ void reset_document()
     document = "{}";
     changed = true;
     clients_shown = 0;
+    examined_shown = false;
     generation = 0;
     generation_reported = 0;
     unstored_source = nullptr;

@@ -108,7 +108,6 @@ TEST_F(Document, PictureIsExaminedOnceTheListIsClosed)
     vexa_metadata = list.get();
     EXPECT_EQ(read()["process"]["examined"], Json(false));
     metadata_v4_metadata_close_file(vexa_metadata);
-    platform::mark_document_changed();
     EXPECT_EQ(read()["process"]["examined"], Json(true));
     vexa_metadata = nullptr;
 }

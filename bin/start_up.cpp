@@ -168,7 +168,7 @@ void install_termination_handler()
 {
     struct sigaction action = {};
     action.sa_handler = count_termination;
-    // Codecs read the picture through stdio, which must not see interrupted calls as errors.
+    // Interrupted system calls go on; what reads the picture retries by itself, too.
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
     for (const int signal : {SIGTERM, SIGQUIT, SIGINT}) {

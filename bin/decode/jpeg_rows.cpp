@@ -111,9 +111,7 @@ void complete_component(const plane_band& band, const component_rows& place, int
     if (component == k_component) {
         return;
     }
-    if (place.width < place.stride) {
-        blacken_plane(band, component, {0, delivered, place.width});
-    }
+    blacken_plane(band, component, {0, delivered, place.width});
     blacken_plane(band, component, {delivered, group_rows});
 }
 

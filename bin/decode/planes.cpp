@@ -70,7 +70,7 @@ void blacken_plane(const plane_band& band, int plane, const plane_area& area,
     unsigned char* const base = band.base[plane];
     const uint64_t stride = *frame_planes[plane].stride;
     const auto index = static_cast<size_t>(plane);
-    if (base == nullptr) {
+    if (base == nullptr || area.column >= stride) {
         return;
     }
     if (area.column == 0) {

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include "bin/decode/pace.h"
 #include "bin/decode/planes.h"
@@ -78,12 +79,14 @@ uint64_t blacken(const tiff_variant& variant, const plane_band& band, uint64_t f
     if (!variant.starts_black) {
         return last;
     }
+    const auto mapped = static_cast<uint64_t>(
+        plane_count - std::count(std::begin(band.base), std::end(band.base), nullptr));
     uint64_t y = first;
     for (bool goes_on = true; goes_on && y < last; ++y) {
         for (int i = 0; i < plane_count; ++i) {
             blacken_plane(band, i, {y, y + 1, x});
         }
-        goes_on = keep_pace(&pace, (image_stride_Y - x) * plane_count);
+        goes_on = keep_pace(&pace, (image_stride_Y - x) * mapped);
     }
     return y;
 }

@@ -73,7 +73,7 @@ int examine_gif_file()
     }
     gif_image = open_gif(fd);
     if (gif_image == nullptr) {
-        return refuse("Cannot open GIF\n");
+        return refuse(DIE4 != 0 ? "" : "Cannot open GIF\n");
     }
     gif_contents found = {};
     const int result = load_gif(gif_image, frames_to_keep(), &found);

@@ -34,7 +34,7 @@ bool png_size_is_acceptable(png_uint_32 width, png_uint_32 height);
 // arms png_jmpbuf(png_context) calls this before it returns. Needs an open reader.
 void png_abort_unexpected();
 
-// Print a message of the library as one line. Both return; the library then jumps by itself.
+// Print a message of the library as one line. Both return; after an error the library then jumps by itself.
 void png_error_cb(png_structp context, png_const_charp message);
 void png_warning_cb(png_structp context, png_const_charp message);
 

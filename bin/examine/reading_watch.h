@@ -3,7 +3,8 @@
 //
 // During examination a termination signal stops reading at once. During decoding the decoder polls for
 // the signal between its rows and keeps the rows it has drawn, so reading is stopped only when the
-// decoder does not get to its next poll in time.
+// decoder does not get to its next poll in time. A format that never calls watch_decoding stops at once then,
+// too.
 #pragma once
 
 #include <cstdint>

@@ -9,9 +9,8 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/picture_input.h"
+#include "bin/examine/reading_watch.h"
 #include "bin/examine/tiff_messages.h"
-#include "bin/quickidle.h"
-#include "platform/media_item.h"
 
 namespace {
 
@@ -67,8 +66,7 @@ bool may_read(tiff_file* file)
         return true;
     }
     file->since_poll = 0;
-    quickidle_when_due();
-    if (DIE4 == 0) {
+    if (!must_stop_reading()) {
         return true;
     }
     file->is_stopped = true;
@@ -185,7 +183,7 @@ TIFF* open_within_allowance(tiff_file* file, const char* name)
 TIFF* open_tiff(int fd, const char* name)
 {
     install_tiff_messages();
-    start_quickidle_clock();
+    watch_examination();
     auto* file = new (std::nothrow)
         tiff_file{open_picture_input(fd), true, opening_allowance(fd), false, 0, false};
     TIFF* image = file != nullptr ? open_within_allowance(file, name) : nullptr;

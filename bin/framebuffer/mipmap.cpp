@@ -111,7 +111,7 @@ void fill_plane(const plane_pass& pass)
     // The layout's rows are enough for full and for halved chroma; with quartered chroma the surplus
     // would overwrite the scanline list after the planes.
     const int64_t rows = std::min((pass.source_rows + 1) / 2, pass.destination_rows);
-    const row_halver halve_row = best_version(mipmap_kernels()).halve_row;
+    static const row_halver halve_row = best_version(mipmap_kernels()).halve_row;
     spare_rows spare;
     for (int64_t row = 0; row < rows && DIE4 == 0; ++row) {
         if ((row & 0xF0) == 0) {

@@ -2,8 +2,9 @@
 """Runs the command lines that README.md shows, as a reader would.
 
 Each block marked "console" is run by one shell: a line that begins with "$ " is a command, the lines
-below it are its output. Every command must end with status 0 and print the lines shown, in that
-order; numbers other than 0 may differ, and "..." matches any text. Blocks marked "sh" are about the
+below it are its output. Every command must print the lines shown, in that order; numbers other than 0
+may differ, and "..." matches any text. Every command in the foreground must end with status 0, and one
+in the background if a later command reads the file that it writes. Blocks marked "sh" are about the
 tree itself (setting up, building, installing); for these the test only checks that the scripts exist.
 
 Environment: SOURCE_DIR, PROGRAM_DIRS (joined by ":"), GST_PLUGIN_DIR (empty when there is no plugin;
@@ -59,17 +60,18 @@ wait_for_port() { # UDP, on any address
 
 def ports_of(command):
     """Returns the ports that a command receives on or listens on."""
-    return re.findall(r"udpsrc port=(\d+)|srt://[^ ']*:(\d+)\?mode=listener", command)
+    return re.findall(r"(?<=udpsrc port=)\d+|(?<=srt://127\.0\.0\.1:)\d+(?=\?mode=listener)", command)
 
 
 def other_ports(commands):
     """Returns the same commands with free ports, so that tests can run in parallel."""
-    free = {}
-    for port in {number for command in commands for found in ports_of(command) for number in found}:
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-            probe.bind(("127.0.0.1", 0))
-            free[port] = str(probe.getsockname()[1])
-    free.pop("", None)
+    ports = {port for command in commands for port in ports_of(command)}
+    probes = {port: socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for port in ports}
+    for probe in probes.values():
+        probe.bind(("127.0.0.1", 0))
+    free = {port: str(probe.getsockname()[1]) for port, probe in probes.items()}
+    for probe in probes.values():
+        probe.close()
     return [re.sub(r"(?<=port=)\d+|(?<=127\.0\.0\.1:)\d+",
                    lambda match: free.get(match.group(), match.group()), command)
             for command in commands]
@@ -86,11 +88,11 @@ def script(commands):
         if command.endswith("&"):
             lines.append(f"{command[:-1]} >out.{i} 2>&1 &")
             lines.append(f"background_{i}=$!")
-            lines.extend(f"wait_for_port {number}"
-                         for found in ports_of(command) for number in found if number)
+            lines.extend(f"wait_for_port {port}" for port in ports_of(command))
         else:
             read = command.split()[-1]
-            lines.extend(f"wait $background_{j}" for j, other in enumerate(commands[:i])
+            lines.extend(f"wait $background_{j} || {{ echo $? >failed.{j}; exit 1; }}"
+                         for j, other in enumerate(commands[:i])
                          if other.endswith("&") and f"location={read}" in other)
             lines.append(f"{{ {command}\n}} >out.{i} 2>&1 || {{ echo $? >failed.{i}; exit 1; }}")
     return "\n".join(lines) + "\n"

@@ -15,6 +15,7 @@
 #include "client/stillimage_client.h"
 #include "tests/support/child_process.h"
 #include "tests/support/worker.h"
+#include "tests/support/worker_client.h"
 
 using testing::HasSubstr;
 using testing::Not;
@@ -22,11 +23,6 @@ using testing::Not;
 namespace {
 
 const std::string picture = STILLIMAGE_TEST_DATA "/jpeg/harvesters-420.jpg"; // 1165 x 859
-
-struct client_closer {
-    void operator()(stillimage_client* client) const { stillimage_close(client); }
-};
-using held_client = std::unique_ptr<stillimage_client, client_closer>;
 
 class Clients : public testing::Test {
 protected:
@@ -52,13 +48,7 @@ protected:
         return text;
     }
 
-    held_client connect() const
-    {
-        stillimage_client* client = nullptr;
-        EXPECT_EQ(stillimage_connect(served->socket().c_str(), 30'000, &client), STILLIMAGE_OK)
-            << stillimage_last_error(client);
-        return held_client(client);
-    }
+    held_client connect() const { return connect_to(served->socket()); }
 
     static stillimage_frame* take(const held_client& client, int width = 0, int height = 0)
     {

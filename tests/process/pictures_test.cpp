@@ -14,6 +14,7 @@
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_literal.h"
 #include "tests/support/worker.h"
+#include "tests/support/worker_client.h"
 #include "tests/unit/framebuffer/mipmap_model.h"
 
 using testing::EndsWith;
@@ -31,19 +32,6 @@ jpeg_writer::file_bytes load(const std::string& path)
     std::ifstream file(path, std::ios::binary);
     EXPECT_TRUE(file) << path;
     return {std::istreambuf_iterator<char>(file), {}};
-}
-
-struct client_closer {
-    void operator()(stillimage_client* client) const { stillimage_close(client); }
-};
-using held_client = std::unique_ptr<stillimage_client, client_closer>;
-
-held_client connect_to(const worker& served)
-{
-    stillimage_client* client = nullptr;
-    EXPECT_EQ(stillimage_connect(served.socket().c_str(), 30'000, &client), STILLIMAGE_OK)
-        << stillimage_last_error(client);
-    return held_client(client);
 }
 
 class Pictures : public jpeg_test {
@@ -243,7 +231,7 @@ TEST_F(Pictures, PicturesThatCannotBeStartedAreServedUndecoded)
                     HasSubstr(std::string(library_line) +
                               "jpeg_start_decompress() threw an error. giving up\n"
                               "WARNING: Failed to decode JPEG\n"));
-        const held_client client = connect_to(served);
+        const held_client client = connect_to(served.socket());
         stillimage_frame* frame = nullptr;
         ASSERT_EQ(stillimage_get_frame(client.get(), 0, 0, 0, 30'000, &frame), STILLIMAGE_OK);
         EXPECT_EQ(stillimage_frame_picture(frame)->plane[STILLIMAGE_Y][0], 0);

@@ -9,16 +9,9 @@
 #include "tests/support/gif_writer.h"
 #include "tests/support/webp_writer.h"
 #include "tests/support/worker.h"
+#include "tests/support/worker_client.h"
 
 namespace {
-
-struct client_closer {
-    void operator()(stillimage_client* client) const { stillimage_close(client); }
-};
-struct frame_releaser {
-    void operator()(stillimage_frame* frame) const { stillimage_frame_release(frame); }
-};
-using held_frame = std::unique_ptr<stillimage_frame, frame_releaser>;
 
 // Standard output of a shell command. `status` receives what pclose returns.
 std::string output_of(const std::string& command, int* status)
@@ -140,7 +133,7 @@ protected:
 
     worker_home home_;
     std::unique_ptr<worker> served_;
-    std::unique_ptr<stillimage_client, client_closer> client_;
+    held_client client_;
 };
 
 std::string data(const char* name)

@@ -28,6 +28,7 @@
 #include "tests/unit/client/fake_worker.h"
 #include "tests/unit/client/open_picture_fixture.h"
 #include "tests/unit/client/opened.h"
+#include "wire/socket_address.h"
 
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -277,9 +278,7 @@ TEST_F(OpenPicture, WorkerKilledDuringStartIsNotReportedAsRefusal)
     char path[108];
     ASSERT_EQ(stillimage_socket_of(picture.c_str(), path, sizeof path), STILLIMAGE_OK);
     ASSERT_EQ(mkdir(home.path("run/stillimage").c_str(), 0700), 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
+    const sockaddr_un address = wire::socket_address(path);
     const int left = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     ASSERT_EQ(bind(left, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     close(left);

@@ -140,11 +140,10 @@ protected:
         return picture;
     }
 
-    // `last_chroma` is the greatest error of subsampled chroma in the last column. `padded` means
-    // that the width above is odd. Then, by the filter's rule, at most half of a sample in the last
-    // column comes from the padding.
+    // `last_chroma` is the greatest error of subsampled chroma in the last column. `padding` is the
+    // share of the padding in a sample of the last column.
     static void expect_level(const stillimage_picture& full, const stillimage_picture& level,
-                             int last_chroma, bool padded)
+                             int last_chroma, double padding)
     {
         constexpr int behind[STILLIMAGE_PLANES] = {16, 128, 128, 0};
         for (int p = 0; p < STILLIMAGE_PLANES; ++p) {
@@ -156,7 +155,7 @@ protected:
             EXPECT_LE(found.others, tolerance) << "plane " << p;
             const bool subsampled =
                 (p == STILLIMAGE_U || p == STILLIMAGE_V) && full.chroma_x_shift != 0;
-            const int last = tolerance + (padded ? std::abs(colour - behind[p]) / 2 : 0);
+            const double last = tolerance + padding * std::abs(colour - behind[p]);
             EXPECT_LE(found.last_column, subsampled ? last_chroma : last) << "plane " << p;
         }
     }
@@ -165,10 +164,13 @@ protected:
     {
         open(file);
         const stillimage_picture full = picture_of(main_image_mipmap);
-        expect_level(full, full, tolerance, false);
+        expect_level(full, full, tolerance, 0);
         for (int i = 0; i < mipmaps; ++i) {
+            // Right of an odd width's last column, the filter takes a quarter from the padding. Levels
+            // below take it again, at most half in all.
             const bool padded = image_width % (2 << i) != 0;
-            expect_level(full, picture_of(mipmap[i]), last_chroma, padded);
+            const double padding = !padded ? 0 : i == 0 ? 0.25 : 0.5;
+            expect_level(full, picture_of(mipmap[i]), last_chroma, padding);
             ASSERT_FALSE(HasFailure())
                 << image_width << " x " << image_height << ", level " << i << " of format "
                 << image_file_type << " in " << +image_chroma_x_shift << +image_chroma_y_shift;

@@ -226,6 +226,17 @@ TEST_F(ClientsRequests, MetadataIsStoredAndPassedToTheProgram)
     EXPECT_TRUE(state.document_changed);
 }
 
+TEST_F(ClientsRequests, MetadataReachesTheItemAsItWasSent)
+{
+    const std::string name(max_set_metadata_name, 'n');
+    const std::string value(max_set_metadata_value, 'v');
+    const std::string nul("a\0b", 3);
+    expect_done(ask(client(), encode(4, set_metadata{name, value})), 4);
+    expect_done(ask(client(), encode(5, set_metadata{"n", ""})), 5);
+    expect_done(ask(client(), encode(6, set_metadata{nul, nul})), 6);
+    EXPECT_THAT(state.stored, ElementsAre(Pair(name, value), Pair("n", ""), Pair(nul, nul)));
+}
+
 TEST_F(ClientsRequests, RefusedMetadataChangesNothing)
 {
     client();

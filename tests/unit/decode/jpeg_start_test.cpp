@@ -224,7 +224,7 @@ TEST_F(JpegStart, ArithmeticCodedScansCountByTheirCost)
 {
     const file_bytes blank = blank_arithmetic();
     const file_bytes data(400, 0); // enough for most blocks
-    const weighed_scan scans[] = {{"refinement", 0x10, data, 25, 45},
+    const weighed_scan scans[] = {{"refinement", 0x10, data, 28, 45},
                                   {"refinement without data", 0x10, {}, 8, 9},
                                   {"without data", 0x00, {}, 2, 3}};
     for (const weighed_scan& scan : scans) {

@@ -56,8 +56,8 @@ std::string source_text(const std::string& path)
 
 TEST(Formats, EveryListOfFormatsIsComplete)
 {
-    for (const char* path : {"README.md", "SECURITY.md", "docs/man/stillimage.1", "gst/element.cpp",
-                             "packaging/debian/packages.cmake"}) {
+    for (const char* path : {"NEWS.md", "README.md", "SECURITY.md", "docs/man/stillimage.1",
+                             "gst/element.cpp", "packaging/debian/packages.cmake"}) {
         const std::string text = source_text(path);
         for (const picture_format& format : picture_formats) {
             EXPECT_NE(text.find(format.name), std::string::npos) << format.name << " in " << path;

@@ -10,15 +10,16 @@ namespace {
 
 constexpr unsigned frames = 20'000;
 
-// Frames of one pixel with everything a frame may carry: the largest colour map, and more
-// graphic-control blocks than are kept.
+// Frames of one pixel with as much as is kept of a frame: the largest colour map, and two of the
+// graphic-control blocks, one of which has transparency. There are more blocks than are kept.
 std::vector<unsigned char> file_of_rich_frames()
 {
     constexpr unsigned char graphic_control = 0xF9;
     std::vector<unsigned char> file = gif_start({});
     for (unsigned i = 0; i < frames; ++i) {
-        for (unsigned char delay = 4; delay < 8; ++delay) {
-            append_gif_extension(file, graphic_control, {{0, delay, 0, 0}});
+        for (unsigned char block = 0; block < 16; ++block) {
+            const auto has_transparency = static_cast<unsigned char>(block % 2 == 0 ? 1 : 0);
+            append_gif_extension(file, graphic_control, {{has_transparency, 4, 0, 0}});
         }
         append_gif_frame(file, {.palette = std::vector<gif_colour>(256), .indices = {1}});
     }

@@ -89,12 +89,20 @@ public:
         struct sigaction action = {};
         action.sa_handler = end_now;
         sigaction(SIGALRM, &action, &former);
-        const itimerval soon = {{}, {0, 20'000}};
+        const itimerval soon = {{}, {0, 100'000}};
         setitimer(ITIMER_REAL, &soon, nullptr);
     }
     ending_holder(const ending_holder&) = delete;
     ending_holder& operator=(const ending_holder&) = delete;
-    ~ending_holder() { sigaction(SIGALRM, &former, nullptr); }
+    ~ending_holder()
+    {
+        const itimerval none = {};
+        setitimer(ITIMER_REAL, &none, nullptr);
+        if (held_fd != -1) {
+            end_now(0);
+        }
+        sigaction(SIGALRM, &former, nullptr);
+    }
 
     static bool has_ended() { return held_fd == -1; }
 

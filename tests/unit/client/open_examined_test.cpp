@@ -78,6 +78,18 @@ TEST_F(OpenExamined, ExaminationIsWaitedFor)
     EXPECT_EQ(requests, 3);
 }
 
+// The connection may have been to another worker, which ended; then the started one serves.
+TEST_F(OpenExamined, ConnectionThatEndsIsMadeAgainWhileTheWorkerRuns)
+{
+    int requests = 0;
+    EXPECT_EQ(connect_to([&](int) -> const char* {
+                  return ++requests == 1 ? nullptr : R"({"process": {"examined": true}})";
+              }),
+              STILLIMAGE_OK)
+        << error();
+    EXPECT_EQ(requests, 2);
+}
+
 TEST_F(OpenExamined, DocumentWithoutTheMemberCountsAsExamined)
 {
     int requests = 0;

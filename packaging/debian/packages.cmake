@@ -74,8 +74,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
 Connects to a worker and provides its frames as planes in shared memory,
 without copying a pixel. It starts no threads and prints nothing.
 
-This package contains the headers for C and C++, the static library, and the files
-for pkg-config and CMake.")
+This package contains the headers for C and C++, the static library, and the
+files for pkg-config and CMake.")
 
 if(TARGET gststillimage)
     list(APPEND CPACK_COMPONENTS_ALL gst)

@@ -14,7 +14,8 @@
 #include "bin/framebuffer/layout.h"
 #include "bin/framebuffer/mipmap.h"
 #include "bin/framebuffer/records.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
+#include "platform/start_up.h"
 
 namespace {
 

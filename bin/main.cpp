@@ -1,5 +1,5 @@
 #include "bin/vexa_stillimage.h"
-#include "platform/media_item.h"
+#include "platform/start_up.h"
 
 int main(int argc, char** argv)
 {

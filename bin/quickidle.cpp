@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <ctime>
 
-#include "platform/media_item.h"
+#include "platform/serving.h"
 #include "platform/time.h"
 
 bool slow_decode = false;

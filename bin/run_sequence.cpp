@@ -16,7 +16,11 @@
 #include "bin/quickidle.h"
 #include "bin/serve/client_context.h"
 #include "bin/vexa_stillimage.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
+#include "platform/document.h"
+#include "platform/run_state.h"
+#include "platform/serving.h"
+#include "platform/settings.h"
 
 namespace {
 

@@ -4,7 +4,13 @@
 #include "bin/examine/formats.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/vexa_stillimage.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
+#include "platform/document.h"
+#include "platform/run_state.h"
+#include "platform/serving.h"
+#include "platform/settings.h"
+#include "platform/start_up.h"
+#include "platform/status.h"
 #include "platform/time.h"
 
 namespace {

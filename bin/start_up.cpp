@@ -1,5 +1,7 @@
 // Start-up: everything before the picture is examined. Every failure but that of the self-test ends
 // the process with status 1.
+#include "platform/start_up.h"
+
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -13,8 +15,13 @@
 #include "bin/serve/status_json.h"
 #include "bin/serve/video_reference.h"
 #include "bin/vexa_stillimage.h"
+#include "platform/clients.h"
+#include "platform/cnb.h"
 #include "platform/confinement.h"
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 
 namespace {
 

@@ -7,10 +7,11 @@
 #include <vector>
 
 #include "fuzz/require.h"
-#include "platform/media_item.h"
+#include "platform/settings.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/life_cycle.h"
+#include "platform/start_up.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "bin/examine/formats.h"
 #include "bin/examine/image_state.h"
 #include "fuzz/require.h"
-#include "platform/media_item.h"
+#include "platform/settings.h"
 #include "tests/support/failing_calls.h"
 #include "tests/support/scripted_platform.h"
 

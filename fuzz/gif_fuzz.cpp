@@ -12,7 +12,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"
 #include "fuzz/picture_run.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/support/scripted_platform.h"
 
 namespace {

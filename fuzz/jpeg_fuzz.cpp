@@ -16,7 +16,6 @@
 #include "bin/examine/jpeg_reader.h"
 #include "bin/framebuffer/layout.h"
 #include "fuzz/picture_run.h"
-#include "platform/media_item.h"
 #include "tests/support/caught_abort.h"
 #include "tests/support/scripted_platform.h"
 

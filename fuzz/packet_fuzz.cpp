@@ -12,6 +12,8 @@
 #include <string>
 
 #include "fuzz/require.h"
+#include "platform/run_state.h"
+#include "platform/serving.h"
 #include "platform/standalone/clients/contexts.h"
 #include "platform/standalone/clients/events.h"
 #include "platform/standalone/clients/requests.h"

@@ -4,7 +4,8 @@
 #include "bin/framebuffer/layout.h"
 #include "bin/framebuffer/mipmap.h"
 #include "bin/framebuffer/records.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
+#include "platform/run_state.h"
 #include "tests/support/scripted_platform.h"
 
 void reset_everything()

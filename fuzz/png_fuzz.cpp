@@ -20,7 +20,7 @@
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
 #include "fuzz/picture_run.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/support/png_literal.h"
 #include "tests/support/scripted_platform.h"
 

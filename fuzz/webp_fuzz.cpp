@@ -12,7 +12,6 @@
 #include "bin/examine/webp.h"
 #include "bin/framebuffer/layout.h"
 #include "fuzz/picture_run.h"
-#include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 
 namespace {

@@ -53,6 +53,9 @@ void cnb_alloc_print_remaining_buffers(); // one line on standard error per live
 
 struct vexa_global_access_cache;
 
+// The process's cache, set by the program; null until then.
+extern vexa_global_access_cache* vexa_acc_cache;
+
 // Null when there is no memory.
 vexa_global_access_cache* vexa_global_access_cache_create();
 

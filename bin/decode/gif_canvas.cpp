@@ -11,7 +11,7 @@
 #include "bin/examine/gif.h"
 #include "bin/examine/gif_interlacing.h"
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 
 bool gif_last_transparency = false;
 unsigned char gif_last_transparent_color = 255;

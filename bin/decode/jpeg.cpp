@@ -13,7 +13,7 @@
 #include "bin/examine/jpeg_reader.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/invariant.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include "bin/examine/jpeg_reader.h"
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 
 namespace {
 

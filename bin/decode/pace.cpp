@@ -1,7 +1,7 @@
 #include "bin/decode/pace.h"
 
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 
 bool keep_pace(work_pace* pace, uint64_t work)
 {

@@ -7,7 +7,6 @@
 #include "bin/framebuffer/layout.h"
 #include "bin/invariant.h"
 #include "platform/cnb.h"
-#include "platform/media_item.h"
 
 const frame_plane frame_planes[plane_count] = {
     {&image_offset_Y, &image_stride_Y, nullptr, "Failed to memory-map Y plane\n"},

@@ -21,8 +21,10 @@
 #include "bin/framebuffer/mipmap.h"
 #include "bin/invariant.h"
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
 #include "platform/misc.h"
+#include "platform/run_state.h"
+#include "platform/status.h"
 
 namespace {
 

@@ -24,7 +24,8 @@
 #include "bin/framebuffer/layout.h"
 #include "bin/invariant.h"
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
+#include "platform/status.h"
 
 namespace {
 

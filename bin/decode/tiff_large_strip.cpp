@@ -10,7 +10,7 @@
 #include "bin/decode/pace.h"
 #include "bin/examine/tiff.h"
 #include "bin/examine/tiff_messages.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 
 namespace {
 

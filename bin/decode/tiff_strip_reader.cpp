@@ -9,7 +9,7 @@
 #include "bin/decode/tiff_rows.h"
 #include "bin/examine/tiff.h"
 #include "bin/examine/tiff_open.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 
 namespace {
 

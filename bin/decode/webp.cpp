@@ -15,7 +15,8 @@
 #include "bin/examine/webp.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/invariant.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
+#include "platform/status.h"
 
 namespace {
 

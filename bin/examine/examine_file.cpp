@@ -7,7 +7,9 @@
 #include "bin/examine/identify.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 
 namespace {
 

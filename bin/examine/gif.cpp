@@ -5,7 +5,10 @@
 #include "bin/examine/gif_input.h"
 #include "bin/examine/gif_loading.h"
 #include "bin/examine/image_state.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
+#include "platform/item_metadata.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 
 GifFileType* gif_image = nullptr;
 

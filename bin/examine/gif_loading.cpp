@@ -10,7 +10,7 @@
 
 #include "bin/examine/gif_interlacing.h"
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 
 namespace {
 

@@ -9,7 +9,8 @@
 #include "bin/examine/image_state.h"
 #include "bin/invariant.h"
 #include "platform/io.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "bin/examine/jpeg_source.h"
 #include "bin/examine/reading_watch.h"
 #include "bin/invariant.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
 
 static_assert(JPEG_LIB_VERSION == 90);
 

@@ -13,7 +13,7 @@
 #include "bin/examine/png_input.h"
 #include "bin/examine/reading_watch.h"
 #include "bin/invariant.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
 
 FILE* png_fp = nullptr;
 png_structp png_context = nullptr;

@@ -1,7 +1,7 @@
 #include "bin/examine/reading_watch.h"
 
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "platform/time.h"
 
 namespace {

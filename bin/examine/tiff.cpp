@@ -5,7 +5,7 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/tiff_open.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
 
 TIFF* tiff_image = nullptr;
 uint32_t tiff_bps = 0;

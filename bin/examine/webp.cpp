@@ -6,7 +6,7 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/picture_input.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
 
 uint8_t* webp_image = nullptr;
 uint64_t webp_size = 0;

@@ -3,7 +3,9 @@
 #include <cstdio>
 
 #include "bin/examine/image_state.h"
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 
 namespace {
 

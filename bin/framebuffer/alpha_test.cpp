@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 
 namespace {
 

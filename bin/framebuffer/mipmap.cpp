@@ -16,7 +16,8 @@
 #include "bin/framebuffer/scanline_list.h"
 #include "bin/invariant.h"
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
+#include "platform/misc.h"
+#include "platform/run_state.h"
 
 int mipmaps_avail = 0;
 bool checked_main_alpha = false;

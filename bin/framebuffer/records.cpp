@@ -8,7 +8,7 @@
 #include "bin/framebuffer/scanline_list.h"
 #include "bin/invariant.h"
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 
 namespace {
 

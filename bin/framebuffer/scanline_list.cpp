@@ -10,7 +10,7 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/invariant.h"
-#include "platform/media_item.h"
+#include "platform/settings.h"
 #include "wire/scanline_format.h"
 
 using namespace scanline_format; // every constant of this file is an offset of the record

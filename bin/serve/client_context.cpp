@@ -3,6 +3,7 @@
 #include <new>
 
 #include "bin/examine/image_state.h"
+#include "platform/settings.h"
 
 namespace {
 

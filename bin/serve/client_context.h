@@ -1,7 +1,7 @@
 // The object that the platform asks the program for when a client connects.
 #pragma once
 
-#include "platform/media_item.h"
+#include "platform/clients.h"
 
 // Sets the base's picture size and duration, for a host's framework that reads them. The stand-alone
 // platform does not: its clients take both from the status document.

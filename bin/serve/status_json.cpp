@@ -3,9 +3,12 @@
 #include <cstdint>
 #include <cstring>
 
+#include <json11.hpp>
+
 #include "bin/examine/formats.h"
 #include "bin/examine/image_state.h"
 #include "bin/invariant.h"
+#include "platform/settings.h"
 
 void my_custom_json_build(std::map<std::string, json11::Json>& document, unsigned long context_id)
 {

@@ -4,9 +4,8 @@
 #include <map>
 #include <string>
 
-#include <json11.hpp>
-
-#include "platform/media_item.h"
+#include "platform/comm.h"
+#include "platform/document.h"
 
 // Adds the object "image info" to the document: file type, size, and the id of the client context
 // unless that is no_context_id. The object is empty while the picture is not identified.

@@ -8,6 +8,8 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/mipmap.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 
 namespace {
 

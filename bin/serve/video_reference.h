@@ -5,7 +5,7 @@
 #include <map>
 
 #include "bin/framebuffer/layout.h"
-#include "platform/media_item.h"
+#include "platform/clients.h"
 
 // The level for a client's output size: 0 for the full size, i + 1 for levels[i]. It is the largest
 // level of which the output covers at least 75 % (geometric mean of both axes), or the smallest level

@@ -4,7 +4,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/run_state.h"
+#include "platform/serving.h"
+#include "platform/settings.h"
 #include "platform/standalone/clients/service.h"
 #include "platform/standalone/clients/settings.h"
 #include "platform/standalone/cnb/domain.h"
@@ -16,6 +20,7 @@
 #include "platform/standalone/report/document.h"
 #include "platform/standalone/report/standard_error.h"
 #include "platform/standalone/report/status.h"
+#include "platform/start_up.h"
 #include "platform/time.h"
 
 namespace platform {

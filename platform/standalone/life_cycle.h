@@ -1,6 +1,6 @@
 // The item from process start to its end. The contract's calls are
-// open_missing_standard_descriptors, vexa_standard_to_derived_params, vexa_join_cnb_domain,
-// vexa_idle_housekeeping and vexa_free_all of platform/media_item.h.
+// open_missing_standard_descriptors, vexa_standard_to_derived_params, vexa_join_cnb_domain and
+// vexa_free_all of platform/start_up.h, and vexa_idle_housekeeping of platform/serving.h.
 #pragma once
 
 namespace platform {

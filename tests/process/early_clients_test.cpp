@@ -13,7 +13,9 @@
 
 #include "bin/quickidle.h"
 #include "bin/vexa_stillimage.h"
-#include "platform/media_item.h"
+#include "platform/clients.h"
+#include "platform/serving.h"
+#include "platform/settings.h"
 #include "tests/support/child_process.h"
 #include "tests/support/packet_client.h"
 #include "tests/support/temporary_folder.h"

@@ -2,6 +2,8 @@
 
 #include <dirent.h>
 
+#include "platform/serving.h"
+
 using namespace comm_protocol;
 
 size_t open_descriptors()

@@ -8,8 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/media_item.h"
+#include "platform/settings.h"
 #include "platform/standalone/life_cycle.h"
+#include "platform/start_up.h"
 
 namespace item_test {
 

@@ -7,7 +7,7 @@
 #include "bin/examine/jpeg.h"
 #include "bin/examine/jpeg_reader.h"
 #include "bin/framebuffer/layout.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
 #include "tests/support/scripted_platform.h"
 
 std::string printed_by(const std::function<void()>& work)

@@ -6,6 +6,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "platform/clients.h"
+#include "platform/run_state.h"
 #include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/derived.h"

@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/media_item.h"
 #include "platform/standalone/item/client_settings.h"
 
 namespace plain_item {

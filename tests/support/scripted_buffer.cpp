@@ -6,7 +6,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "platform/media_item.h"
+#include "platform/cnb.h"
+#include "platform/run_state.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/scripted_state.h"
 

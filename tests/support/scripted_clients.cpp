@@ -1,5 +1,5 @@
 // Minimal base classes of clients and frames, enough for the program's derived classes.
-#include "platform/media_item.h"
+#include "platform/clients.h"
 #include "tests/support/scripted_state.h"
 
 client_context_table vexa_client_contexts;

@@ -4,8 +4,15 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/clients.h"
 #include "platform/confinement.h"
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/run_state.h"
+#include "platform/serving.h"
+#include "platform/settings.h"
+#include "platform/start_up.h"
+#include "platform/status.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/scripted_state.h"
 

@@ -4,7 +4,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "platform/media_item.h"
+#include "platform/clients.h"
+#include "platform/cnb.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/run_state.h"
+#include "platform/serving.h"
+#include "platform/settings.h"
 #include "tests/support/scripted_state.h"
 
 // --- shared variables ---------------------------------------------------------------------------

@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "platform/media_item.h"
+#include "platform/clients.h"
 
 // A GET_FRAME that is not answered yet.
 struct vexa_video_pending_request {

@@ -4,7 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/serving.h"
 #include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"
 #include "platform/standalone/report/status.h"

@@ -1,5 +1,5 @@
 // What clients receive unsolicited: changes, and the status document. The contract's call is
-// json_check_xmit of platform/media_item.h.
+// json_check_xmit of platform/document.h.
 #pragma once
 
 #include <cstdint>

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "platform/run_state.h"
 #include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/comm/connection.h"
 #include "platform/standalone/report/status.h"

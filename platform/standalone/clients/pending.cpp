@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/run_state.h"
 #include "platform/standalone/clients/contexts.h"
 #include "platform/standalone/comm/connection.h"
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "platform/media_item.h"
+#include "platform/clients.h"
 
 namespace platform {
 

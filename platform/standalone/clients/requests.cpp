@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "platform/run_state.h"
 #include "platform/standalone/clients/contexts.h"
 #include "platform/standalone/clients/events.h"
 #include "platform/standalone/clients/pending.h"

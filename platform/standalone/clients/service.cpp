@@ -14,7 +14,9 @@
 #include <memory>
 #include <utility>
 
-#include "platform/media_item.h"
+#include "platform/clients.h"
+#include "platform/run_state.h"
+#include "platform/serving.h"
 #include "platform/standalone/base/checked_math.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/unique_fd.h"

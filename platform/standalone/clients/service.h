@@ -1,6 +1,6 @@
 // The comm service of the item: its socket from creation to removal. The contract's calls are
-// idle_vexa_server_comm, idle_vexa_client_contexts, close_vexa_client_contexts and
-// my_client_disconnect_handler of platform/media_item.h.
+// idle_vexa_server_comm, idle_vexa_client_contexts and close_vexa_client_contexts of
+// platform/serving.h, and my_client_disconnect_handler of platform/clients.h.
 #pragma once
 
 namespace platform {

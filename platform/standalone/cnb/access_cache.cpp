@@ -19,6 +19,8 @@
 
 using namespace platform;
 
+vexa_global_access_cache* vexa_acc_cache = nullptr;
+
 namespace {
 
 constexpr uint64_t max_pieces = (uint64_t{1} << 32) / present_piece;

@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "platform/standalone/base/checked_math.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/item/derived.h"

@@ -3,7 +3,10 @@
 #include <cerrno>
 #include <string>
 
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/folders.h"
 #include "platform/standalone/comm/listener.h"

@@ -1,5 +1,5 @@
 // From the switches to an open item: the paths that no switch specified, the lock, the metadata and
-// its settings. The contract's call is item_to_json_common of platform/media_item.h.
+// its settings. The contract's call is item_to_json_common of platform/document.h.
 #pragma once
 
 #include <string>

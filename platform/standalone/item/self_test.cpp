@@ -4,7 +4,8 @@
 
 #include <json11.hpp>
 
-#include "platform/media_item.h"
+#include "platform/settings.h"
+#include "platform/start_up.h"
 #include "platform/time.h"
 #include "wire/protocol.h"
 #include "wire/utf8.h"

@@ -7,7 +7,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/base/file_lock.h"

@@ -3,7 +3,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/media_item.h"
+#include "platform/cnb.h"
+#include "platform/item_metadata.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 
 namespace {
 
@@ -42,7 +45,6 @@ bool vexa_should_exit = false;
 bool vexa_ready = false;
 uint64_t mono_auto_shutdown = 0;
 uint64_t auto_shutdown_delay_initial = default_auto_shutdown_us;
-vexa_global_access_cache* vexa_acc_cache = nullptr;
 
 void vexa_set_string(char** variable, const char* text)
 {

@@ -1,4 +1,4 @@
-// The settings of this process: the shared ones of platform/media_item.h, defined in this unit, and
+// The settings of this process: the shared ones of platform/settings.h, defined in this unit, and
 // those that only the media item itself needs.
 #pragma once
 

@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <string>
 
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/settings.h"

@@ -1,6 +1,6 @@
 // Converts the item's standard settings to entries of its metadata and back. Names and texts:
 // docs/metadata.md. The contract's calls are vexa_standard_vars_to_metadata and
-// vexa_print_standard_metadata_state of platform/media_item.h.
+// vexa_print_standard_metadata_state of platform/item_metadata.h.
 #pragma once
 
 #include "platform/metadata.h"

@@ -4,13 +4,15 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/media_item.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/values.h"
 #include "platform/standalone/report/standard_error.h"
 #include "platform/standalone/report/status.h"
+#include "platform/start_up.h"
 #include "wire/item_paths.h"
 #include "wire/utf8.h"
 

@@ -1,6 +1,6 @@
 // The command line: the standard switches, one row of a table per switch. The contract's calls are
 // vexa_init_argv, vexa_next_arg, vexa_argv_is_switch, vexa_argv_std_handle_switch and vexa_std_help
-// of platform/media_item.h.
+// of platform/start_up.h.
 #pragma once
 
 #include <cstddef>

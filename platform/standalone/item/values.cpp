@@ -2,9 +2,10 @@
 
 #include <climits>
 #include <cstring>
+#include <initializer_list>
 #include <strings.h>
 
-#include "platform/media_item.h"
+#include "platform/settings.h"
 #include "platform/standalone/base/checked_math.h"
 
 namespace platform {

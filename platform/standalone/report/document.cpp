@@ -9,7 +9,11 @@
 
 #include <json11.hpp>
 
-#include "platform/media_item.h"
+#include "platform/clients.h"
+#include "platform/cnb.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/report/status.h"

@@ -1,6 +1,6 @@
 // The status document: one JSON object with everything about the item, the process and the buffer.
 // Its members: docs/status.md. The contract's calls are meta_to_json and rebuild_json of
-// platform/media_item.h.
+// platform/document.h.
 #pragma once
 
 #include <cstddef>

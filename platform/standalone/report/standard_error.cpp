@@ -12,10 +12,11 @@
 #include <unistd.h>
 #include <utility>
 
-#include "platform/media_item.h"
+#include "platform/settings.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/report/log_file.h"
+#include "platform/start_up.h"
 #include "platform/time.h"
 #include "wire/utf8.h"
 

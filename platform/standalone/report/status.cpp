@@ -5,12 +5,13 @@
 #include <cstring>
 #include <string>
 
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"
 #include "platform/standalone/report/host_channel.h"
 #include "platform/standalone/report/notify_socket.h"
 #include "platform/standalone/report/standard_error.h"
+#include "platform/status.h"
 #include "platform/time.h"
 #include "wire/protocol.h"
 #include "wire/utf8.h"

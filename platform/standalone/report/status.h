@@ -1,6 +1,6 @@
 // Progress and readiness, reported to everyone who listens: the host's channel, a service manager,
 // a terminal, the clients. The contract's calls are vexa_status_write and vexa_ready_write of
-// platform/media_item.h.
+// platform/status.h.
 #pragma once
 
 #include <string_view>

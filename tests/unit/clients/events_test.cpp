@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/run_state.h"
+#include "platform/serving.h"
 #include "platform/standalone/clients/events.h"
 #include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"

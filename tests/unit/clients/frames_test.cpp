@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/run_state.h"
+#include "platform/serving.h"
 #include "platform/standalone/clients/frames.h"
 #include "platform/standalone/comm/connection.h"
 #include "tests/support/comm_fixture.h"

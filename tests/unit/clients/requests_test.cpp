@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/run_state.h"
+#include "platform/serving.h"
 #include "platform/standalone/clients/requests.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/report/document.h"

@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/run_state.h"
+#include "platform/serving.h"
 #include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/clients/service.h"
 #include "platform/time.h"

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/serving.h"
 #include "platform/time.h"
 #include "tests/support/child_process.h"
 #include "tests/support/comm_fixture.h"

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/serving.h"
 #include "platform/time.h"
 #include "tests/support/comm_fixture.h"
 

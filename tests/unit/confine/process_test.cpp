@@ -12,9 +12,11 @@
 #include <unistd.h>
 
 #include "platform/confinement.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/confine/sanitized_build.h"
+#include "platform/start_up.h"
 #include "tests/support/child_process.h"
 #include "tests/support/item_fixture.h"
 #include "tests/support/refused_calls.h"

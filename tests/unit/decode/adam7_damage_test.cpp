@@ -12,7 +12,8 @@
 #include "bin/examine/reading_watch.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/framebuffer/mipmap.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
+#include "platform/run_state.h"
 #include "tests/unit/decode/adam7_fixture.h"
 
 using namespace adam7_tests;

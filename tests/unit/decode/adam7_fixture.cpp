@@ -11,7 +11,8 @@
 #include "bin/framebuffer/layout.h"
 #include "bin/framebuffer/mipmap.h"
 #include "bin/framebuffer/records.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
+#include "platform/run_state.h"
 
 namespace adam7_tests {
 

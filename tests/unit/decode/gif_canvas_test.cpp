@@ -9,7 +9,6 @@
 #include "bin/decode/gif_canvas.h"
 #include "bin/examine/gif.h"
 #include "bin/examine/gif_interlacing.h"
-#include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 
 using testing::Each;

@@ -6,7 +6,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/framebuffer/mipmap.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
 #include "tests/support/failing_calls.h"
 #include "tests/support/gif_reference.h"
 #include "tests/support/scripted_platform.h"

@@ -7,7 +7,7 @@
 
 #include "bin/examine/gif.h"
 #include "bin/examine/image_state.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/support/gif_reference.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/unit/decode/gif_fixture.h"

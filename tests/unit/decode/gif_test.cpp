@@ -13,7 +13,7 @@
 #include "bin/examine/gif_interlacing.h"
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
 #include "tests/support/failing_calls.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/unit/decode/gif_fixture.h"

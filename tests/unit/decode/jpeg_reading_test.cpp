@@ -11,7 +11,7 @@
 #include "bin/examine/jpeg_reader.h"
 #include "bin/examine/reading_watch.h"
 #include "bin/framebuffer/layout.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/support/failing_calls.h"
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_writer.h"

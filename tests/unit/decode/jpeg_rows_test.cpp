@@ -14,7 +14,6 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
 #include "bin/framebuffer/layout.h"
-#include "platform/media_item.h"
 #include "tests/support/caught_abort.h"
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_literal.h"

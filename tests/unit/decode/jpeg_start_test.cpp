@@ -9,7 +9,6 @@
 
 #include "bin/decode/jpeg_start.h"
 #include "bin/examine/jpeg_reader.h"
-#include "platform/media_item.h"
 #include "tests/support/child_process.h"
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_writer.h"

@@ -12,7 +12,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
 #include "tests/support/png_literal.h"
 
 namespace png_tests {

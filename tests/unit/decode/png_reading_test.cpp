@@ -4,7 +4,7 @@
 
 #include "bin/examine/reading_watch.h"
 #include "bin/framebuffer/layout.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/support/png_literal.h"
 #include "tests/unit/decode/png_fixture.h"
 

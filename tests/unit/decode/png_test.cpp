@@ -9,7 +9,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
 #include "tests/unit/decode/png_fixture.h"
 
 using testing::KilledBySignal;

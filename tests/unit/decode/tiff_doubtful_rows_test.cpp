@@ -7,7 +7,7 @@
 #include <tiffio.h>
 
 #include "bin/examine/tiff.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/unit/decode/tiff_fixture.h"
 
 namespace {

@@ -9,7 +9,6 @@
 #include "bin/examine/tiff.h"
 #include "bin/framebuffer/layout.h"
 #include "platform/cnb.h"
-#include "platform/media_item.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/tiff.h"
 #include "bin/framebuffer/layout.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/unit/decode/tiff_fixture.h"
 
 namespace {

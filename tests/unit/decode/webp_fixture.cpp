@@ -9,7 +9,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/webp.h"
 #include "bin/framebuffer/layout.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
 #include "tests/support/failing_calls.h"
 #include "tests/support/scripted_platform.h"
 

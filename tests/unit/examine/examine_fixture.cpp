@@ -9,7 +9,7 @@
 #include "bin/examine/jpeg_reader.h"
 #include "bin/examine/tiff.h"
 #include "bin/examine/webp.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include "bin/examine/gif.h"
 #include "bin/examine/image_state.h"
-#include "platform/media_item.h"
+#include "platform/settings.h"
 #include "tests/support/gif_writer.h"
 #include "tests/unit/examine/examine_fixture.h"
 

@@ -10,7 +10,8 @@
 #include "bin/examine/formats.h"
 #include "bin/examine/identify.h"
 #include "bin/examine/image_state.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "tests/support/guarded_bytes.h"
 #include "tests/unit/examine/examine_fixture.h"
 

@@ -3,7 +3,7 @@
 
 #include "bin/examine/png.h"
 #include "bin/examine/png_input.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/support/png_writer.h"
 #include "tests/unit/examine/examine_fixture.h"
 

@@ -3,7 +3,6 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
-#include "platform/media_item.h"
 #include "tests/support/png_writer.h"
 #include "tests/unit/examine/examine_fixture.h"
 

@@ -4,7 +4,7 @@
 
 #include "bin/examine/tiff.h"
 #include "bin/examine/tiff_open.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/unit/examine/tiff_fixture.h"
 
 namespace {

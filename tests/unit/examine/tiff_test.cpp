@@ -5,7 +5,7 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/tiff.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
 #include "tests/unit/examine/tiff_fixture.h"
 
 namespace {

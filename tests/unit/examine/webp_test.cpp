@@ -3,7 +3,6 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/webp.h"
-#include "platform/media_item.h"
 #include "tests/support/webp_writer.h"
 #include "tests/unit/examine/examine_fixture.h"
 

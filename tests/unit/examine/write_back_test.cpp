@@ -1,6 +1,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/write_back.h"
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "tests/unit/examine/examine_fixture.h"
 
 namespace {

@@ -2,7 +2,6 @@
 #include <vector>
 
 #include "bin/framebuffer/alpha_test.h"
-#include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/unit/framebuffer/picture.h"
 

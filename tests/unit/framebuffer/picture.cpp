@@ -3,7 +3,6 @@
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/mipmap.h"
 #include "bin/framebuffer/records.h"
-#include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 
 void describe(const shape& picture)

@@ -7,7 +7,6 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/mipmap.h"
-#include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/unit/framebuffer/mipmap_model.h"
 #include "tests/unit/framebuffer/picture.h"

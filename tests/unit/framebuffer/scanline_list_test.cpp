@@ -4,7 +4,8 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/scanline_list.h"
-#include "platform/media_item.h"
+#include "platform/cnb.h"
+#include "platform/settings.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/unit/framebuffer/picture.h"
 #include "wire/scanline_format.h"

@@ -11,13 +11,16 @@
 #include <gtest/gtest.h>
 #include <json11.hpp>
 
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/life_cycle.h"
 #include "platform/standalone/metadata/metadata_file.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/report/document.h"
+#include "platform/start_up.h"
 #include "platform/time.h"
 #include "tests/support/failing_files.h"
 #include "tests/support/item_fixture.h"

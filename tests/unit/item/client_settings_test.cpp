@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/run_state.h"
 #include "tests/unit/item/client_settings_fixture.h"
 
 namespace {

@@ -10,11 +10,14 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/report/document.h"
+#include "platform/start_up.h"
 #include "tests/support/child_process.h"
 #include "tests/support/item_fixture.h"
 #include "wire/item_paths.h"

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
+#include "platform/start_up.h"
 
 namespace {
 

@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "tests/support/child_process.h"

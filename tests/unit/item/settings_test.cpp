@@ -2,7 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 #include "platform/standalone/item/settings.h"
 #include "tests/support/item_fixture.h"
 

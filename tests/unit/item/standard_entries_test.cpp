@@ -3,12 +3,14 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/standard_entries.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/picture_stamp.h"
 #include "platform/standalone/report/document.h"
+#include "platform/start_up.h"
 #include "tests/support/item_fixture.h"
 
 namespace {

@@ -6,9 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/switches.h"
+#include "platform/start_up.h"
+#include "platform/status.h"
 #include "tests/support/item_fixture.h"
 
 namespace {

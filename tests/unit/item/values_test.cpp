@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
+#include "platform/settings.h"
 #include "platform/standalone/item/values.h"
 
 namespace {

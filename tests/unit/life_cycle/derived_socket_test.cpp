@@ -5,11 +5,15 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/serving.h"
+#include "platform/settings.h"
 #include "platform/standalone/comm/listener.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/report/document.h"
+#include "platform/start_up.h"
 #include "tests/support/child_process.h"
 #include "tests/support/item_fixture.h"
 #include "tests/support/packet_client.h"

@@ -7,11 +7,14 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
+#include "platform/serving.h"
+#include "platform/settings.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/life_cycle.h"
+#include "platform/start_up.h"
+#include "platform/status.h"
 #include "tests/support/child_process.h"
 #include "tests/support/item_fixture.h"
 

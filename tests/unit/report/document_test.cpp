@@ -6,9 +6,13 @@
 #include <gtest/gtest.h>
 #include <json11.hpp>
 
-#include "platform/media_item.h"
+#include "platform/document.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/report/document.h"
+#include "platform/start_up.h"
+#include "platform/status.h"
 #include "tests/support/item_fixture.h"
 #include "wire/utf8.h"
 

@@ -10,8 +10,9 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
+#include "platform/settings.h"
 #include "platform/standalone/report/standard_error.h"
+#include "platform/start_up.h"
 #include "tests/support/full_disk.h"
 #include "tests/support/item_fixture.h"
 

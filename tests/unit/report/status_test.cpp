@@ -7,9 +7,10 @@
 #include <gtest/gtest.h>
 #include <json11.hpp>
 
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "platform/standalone/report/document.h"
 #include "platform/standalone/report/status.h"
+#include "platform/status.h"
 #include "tests/support/item_fixture.h"
 #include "wire/utf8.h"
 

@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "bin/vexa_stillimage.h"
-#include "platform/media_item.h"
+#include "platform/settings.h"
 #include "tests/support/jpeg_writer.h"
 #include "tests/unit/run/run_fixture.h"
 

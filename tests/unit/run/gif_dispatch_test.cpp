@@ -3,7 +3,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/vexa_stillimage.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/support/gif_writer.h"
 #include "tests/unit/run/run_fixture.h"
 

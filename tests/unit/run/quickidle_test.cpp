@@ -1,7 +1,6 @@
 #include <ctime>
 
 #include "bin/quickidle.h"
-#include "platform/media_item.h"
 #include "tests/unit/run/run_fixture.h"
 
 namespace {

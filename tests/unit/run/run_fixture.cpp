@@ -7,7 +7,7 @@
 #include "bin/framebuffer/mipmap.h"
 #include "bin/quickidle.h"
 #include "bin/vexa_stillimage.h"
-#include "platform/media_item.h"
+#include "platform/settings.h"
 
 void RunFixture::SetUp()
 {

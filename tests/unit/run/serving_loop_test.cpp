@@ -1,5 +1,6 @@
 #include "bin/vexa_stillimage.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 #include "tests/unit/run/run_fixture.h"
 
 namespace {

@@ -2,12 +2,17 @@
 #include <cstdlib>
 #include <functional>
 
+#include <json11.hpp>
+
 #include "bin/quickidle.h"
 #include "bin/serve/client_context.h"
 #include "bin/serve/status_json.h"
 #include "bin/serve/video_reference.h"
 #include "bin/vexa_stillimage.h"
-#include "platform/media_item.h"
+#include "platform/clients.h"
+#include "platform/cnb.h"
+#include "platform/document.h"
+#include "platform/settings.h"
 #include "tests/unit/run/run_fixture.h"
 
 namespace {

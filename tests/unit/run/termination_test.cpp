@@ -1,7 +1,7 @@
 #include <csignal>
 
 #include "bin/vexa_stillimage.h"
-#include "platform/media_item.h"
+#include "platform/run_state.h"
 #include "tests/unit/run/run_fixture.h"
 
 namespace {

@@ -2,6 +2,7 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/serve/client_context.h"
+#include "platform/settings.h"
 #include "tests/support/failing_calls.h"
 #include "tests/unit/serve/serve_fixture.h"
 

@@ -3,6 +3,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/framebuffer/mipmap.h"
+#include "platform/clients.h"
 #include "tests/support/failing_calls.h"
 
 namespace {

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/media_item.h"
 #include "tests/support/scripted_platform.h"
 
 class ServeFixture : public testing::Test {

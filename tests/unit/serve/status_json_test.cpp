@@ -1,7 +1,11 @@
 #include <csignal>
 
+#include <json11.hpp>
+
 #include "bin/examine/image_state.h"
 #include "bin/serve/status_json.h"
+#include "platform/item_metadata.h"
+#include "platform/settings.h"
 #include "tests/unit/serve/serve_fixture.h"
 
 namespace {

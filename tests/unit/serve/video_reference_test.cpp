@@ -6,6 +6,8 @@
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/mipmap.h"
 #include "bin/serve/video_reference.h"
+#include "platform/run_state.h"
+#include "platform/settings.h"
 #include "tests/support/failing_calls.h"
 #include "tests/unit/serve/serve_fixture.h"
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "bin/decode/colour_rows.h"
 #include "bin/decode/colour_rules.h"
 #include "bin/examine/png.h"
 #include "bin/invariant.h"
@@ -24,34 +25,22 @@ void png_pal2yuv(unsigned char index, png_color_struct* palette, int num_palette
     png_rgb2yuv(colour.red, colour.green, colour.blue, yuv);
 }
 
-int fetch_png_palette(const char* decoder, png_palette* palette)
+int prepare_png_palette(const char* decoder)
 {
-    *palette = {nullptr, 256};
-    if (png_get_PLTE(png_context, png_context_info, &palette->colours, &palette->count) == 0) {
+    png_colorp palette = nullptr; // the library's own memory
+    int size = 256;
+    if (png_get_PLTE(png_context, png_context_info, &palette, &size) == 0) {
         fputs("PNG library failed to return color palette\n", stderr);
         free_all_png_fileio();
         return -1;
     }
-    check_invariant(decoder, palette->colours != nullptr, "palette != __null");
-    return 0;
-}
-
-void convert_png_palette(const png_palette& palette, packed_yuva colours[256])
-{
+    check_invariant(decoder, palette != nullptr, "palette != __null");
     for (int i = 0; i < 256; ++i) {
         int yuv[3] = {};
-        png_pal2yuv(static_cast<unsigned char>(i), palette.colours, palette.count, yuv);
-        colours[i] = {static_cast<unsigned char>(yuv[0]), static_cast<unsigned char>(yuv[1]),
-                      static_cast<unsigned char>(yuv[2]), 255};
+        png_pal2yuv(static_cast<unsigned char>(i), palette, size, yuv);
+        palette_colours[i] = {static_cast<unsigned char>(yuv[0]),
+                              static_cast<unsigned char>(yuv[1]),
+                              static_cast<unsigned char>(yuv[2]), 255};
     }
-}
-
-int prepare_png_palette(const char* decoder)
-{
-    png_palette palette = {};
-    if (fetch_png_palette(decoder, &palette) != 0) {
-        return -1;
-    }
-    convert_png_palette(palette, palette_colours);
     return 0;
 }

@@ -56,7 +56,7 @@ TEST(CmykKernels, LumaIsInvertedAndDarkenedForEveryPair)
     }
 }
 
-TEST(CmykKernels, ChromaIsInvertedAndDrawnToTheMiddleForEveryPair)
+TEST(CmykKernels, ChromaIsInvertedAndMovedTowardsTheMiddleForEveryPair)
 {
     all_pairs pairs;
     invert_and_darken_chroma(pairs.samples.data(), pairs.ks.data(), pairs.ks.size());
@@ -66,7 +66,7 @@ TEST(CmykKernels, ChromaIsInvertedAndDrawnToTheMiddleForEveryPair)
     }
 }
 
-TEST(CmykKernels, InvertTurnsEverySampleRound)
+TEST(CmykKernels, InvertComplementsEverySample)
 {
     all_pairs pairs;
     invert(pairs.samples.data(), 256);
@@ -75,7 +75,7 @@ TEST(CmykKernels, InvertTurnsEverySampleRound)
     }
 }
 
-TEST(CmykKernels, InkBecomesYuvForEveryPairInEachChannel)
+TEST(CmykKernels, CmykBecomesYuvForEveryPairInEachChannel)
 {
     for (int channel = 0; channel < 3; ++channel) {
         const all_pairs pairs;
@@ -97,7 +97,7 @@ TEST(CmykKernels, InkBecomesYuvForEveryPairInEachChannel)
     }
 }
 
-TEST(CmykKernels, EveryCountLeavesWhatIsBehindAlone)
+TEST(CmykKernels, EveryCountChangesNothingAfterItsSamples)
 {
     for (size_t count = 0; count <= 100; ++count) {
         const all_pairs pairs;
@@ -119,7 +119,7 @@ TEST(CmykKernels, EveryCountLeavesWhatIsBehindAlone)
     }
 }
 
-TEST(RgbToYuv, EveryColourIsCutNotRounded)
+TEST(RgbToYuv, EveryColourIsTruncatedNotRounded)
 {
     for (int r = 0; r < 256; ++r) {
         for (int g = 0; g < 256; ++g) {
@@ -168,7 +168,7 @@ protected:
         return pixel(3, 3);
     }
 
-    int decode_as_expected()
+    int decode_by_colour_space()
     {
         return decode(jpeg_decompress->jpeg_color_space == JCS_YCCK ? full_decode_jpeg_raw_ycck
                                                                     : full_decode_jpeg_raw_cmyk);
@@ -178,7 +178,7 @@ protected:
     {
         reset_for_jpeg();
         open(file, sentinel);
-        EXPECT_EQ(decode_as_expected(), 0) << what;
+        EXPECT_EQ(decode_by_colour_space(), 0) << what;
         literal_options options;
         options.before = sentinel;
         EXPECT_TRUE(allocation() == draw_literally(file, options)) << what;
@@ -237,7 +237,7 @@ TEST_F(JpegCmyk, BlocksOfEverySizeStayInsideTheirPlane)
 TEST_F(JpegCmyk, GroupsOfMoreThan16RowsBreakAnInvariant)
 {
     picture ink = four(JCS_CMYK, 40, 40, {4, 4});
-    ink.separate_scans = true; // too many blocks for one
+    ink.separate_scans = true; // too many blocks for one scan
     open(write(ink));
     EXPECT_EXIT(full_decode_jpeg_raw_cmyk(), KilledBySignal(SIGABRT),
                 "full_decode_jpeg_raw_cmyk: Assertion `irem <= 16' failed.\n$");
@@ -254,8 +254,8 @@ TEST_F(JpegCmyk, GroupsOfMoreThan16RowsBreakAnInvariant)
     }
 }
 
-// K's rows that such a file does not have are not what the heap held before.
-TEST_F(JpegCmyk, UnequalInkFactorsGiveTheSamePictureEachTime)
+// Rows of K that the file lacks must not show old contents of the heap.
+TEST_F(JpegCmyk, UnequalFactorsGiveTheSamePictureEachTime)
 {
     picture what = four(JCS_CMYK, 40, 40, {1, 1});
     what.sampling = {{2, 2}, {1, 1}, {1, 1}, {1, 1}};
@@ -266,7 +266,7 @@ TEST_F(JpegCmyk, UnequalInkFactorsGiveTheSamePictureEachTime)
     mallopt(M_PERTURB, 0);
 }
 
-TEST_F(JpegCmyk, SubsampledYcckIsToldForEachRowGroupAndChromaIsInvertedOnly)
+TEST_F(JpegCmyk, SubsampledYcckIsReportedForEachRowGroupAndChromaIsOnlyInverted)
 {
     picture what = flat(four(JCS_YCCK, 48, 40, {2, 2}), {0, 255, 0, 0});
     open(write(what));
@@ -276,14 +276,14 @@ TEST_F(JpegCmyk, SubsampledYcckIsToldForEachRowGroupAndChromaIsInvertedOnly)
     EXPECT_EQ(pixel(0, 0), (yuv{16, 16, 239}));
 }
 
-TEST_F(JpegCmyk, VerticallySubsampledYcckKeepsTheNextPlane)
+TEST_F(JpegCmyk, VerticallySubsampledYcckDoesNotOverwriteTheNextPlane)
 {
     expect_drawn_literally(write(four(JCS_YCCK, 16, 32, {1, 2})), "1x2");
     EXPECT_EQ(scripted::buffer()[image_scanline_data_buffer_offset], sentinel);
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(JpegCmyk, MissingMemoryForKIsToldBeforeAnyLibraryCall)
+TEST_F(JpegCmyk, FailedAllocationOfKIsReportedBeforeAnyLibraryCall)
 {
     open(write(four(JCS_CMYK, 16, 16, {1, 1})));
     failing_calls::plan.calloc = 1;
@@ -293,25 +293,25 @@ TEST_F(JpegCmyk, MissingMemoryForKIsToldBeforeAnyLibraryCall)
     EXPECT_EQ(decode(full_decode_jpeg_raw_ycck), -1);
     EXPECT_EQ(printed, "Cannot alloc K channel\n");
     EXPECT_TRUE(scripted::log.status.empty());
-    EXPECT_EQ(jpeg_decompress->global_state, 202); // header read, nothing started
+    EXPECT_EQ(jpeg_decompress->global_state, 202); // the header is read and nothing has started
 }
 
-TEST_F(JpegCmyk, FailedStartGivesMinusOne)
+TEST_F(JpegCmyk, FailedStartReturnsMinusOne)
 {
     for (const J_COLOR_SPACE space : {JCS_CMYK, JCS_YCCK}) {
         reset_for_jpeg();
         file_bytes file = write(four(space, 16, 16, {1, 1}));
         set_precision(file, 12);
         open(file);
-        EXPECT_EQ(decode_as_expected(), -1);
+        EXPECT_EQ(decode_by_colour_space(), -1);
         EXPECT_THAT(printed, HasSubstr("jpeg_start_decompress() threw an error. giving up\n"));
     }
 }
 
-TEST_F(JpegCmyk, SignalStopsAtTheTopOfTheNextPassOnly)
+TEST_F(JpegCmyk, SignalStopsBeforeTheNextPass)
 {
     open(write(four(JCS_YCCK, 16, 64, {1, 1})), sentinel);
-    scripted::plan.die_after_idle = 2; // in the second row group's pump
+    scripted::plan.die_after_idle = 2; // in the idle round of the second row group
     EXPECT_EQ(decode(full_decode_jpeg_raw_ycck), 0);
     literal_options options;
     options.groups = 2;
@@ -319,7 +319,7 @@ TEST_F(JpegCmyk, SignalStopsAtTheTopOfTheNextPassOnly)
     EXPECT_EQ(allocation(), draw_literally(write(four(JCS_YCCK, 16, 64, {1, 1})), options));
 }
 
-TEST_F(JpegCmyk, EachPlaneThatCannotBeMappedStopsTheLoop)
+TEST_F(JpegCmyk, UnmappablePlaneStopsTheLoop)
 {
     const std::string lines[] = {"Failed to memory-map Y plane\n", "Failed to memory-map U plane\n",
                                  "Failed to memory-map V plane\n"};
@@ -329,7 +329,7 @@ TEST_F(JpegCmyk, EachPlaneThatCannotBeMappedStopsTheLoop)
             reset_for_jpeg();
             open(file, sentinel);
             scripted::plan.fail_mapping = static_cast<int>(call + 1);
-            EXPECT_EQ(decode_as_expected(), 0);
+            EXPECT_EQ(decode_by_colour_space(), 0);
             EXPECT_EQ(printed, lines[call % 3]);
             literal_options options;
             options.groups = call / 3;
@@ -350,7 +350,7 @@ TEST_F(JpegCmyk, ProgressIsReportedForEachRowGroup)
     EXPECT_EQ(scripted::log.idle_rounds, 3U);
 }
 
-TEST_F(JpegCmyk, RowCounterThatDisagreesIsToldBeforeASignalIsSeen)
+TEST_F(JpegCmyk, RowCounterMismatchIsReportedBeforeASignalIsObeyed)
 {
     for (const J_COLOR_SPACE space : {JCS_CMYK, JCS_YCCK}) {
         reset_for_jpeg();
@@ -361,7 +361,7 @@ TEST_F(JpegCmyk, RowCounterThatDisagreesIsToldBeforeASignalIsSeen)
                 DIE4 = 1;
             }
         };
-        EXPECT_EQ(decode_as_expected(), 0);
+        EXPECT_EQ(decode_by_colour_space(), 0);
         EXPECT_EQ(printed, "JPEGLIB scan line counter mismatch 16 != 5\n");
         EXPECT_EQ(jpeg_decompress->global_state, 200); // aborted
     }
@@ -376,7 +376,7 @@ TEST_F(JpegCmyk, InvariantsNameTheDecoder)
     image_chroma_x_shift = 0;
     image_chroma_y_shift = 1;
     EXPECT_EXIT(full_decode_jpeg_raw_cmyk(), KilledBySignal(SIGABRT), "image_chroma_y_shift == 0");
-    image_chroma_y_shift = 5; // 16 >> 5 is no group
+    image_chroma_y_shift = 5; // 16 >> 5 is 0 rows
     EXPECT_EXIT(full_decode_jpeg_raw_ycck(), KilledBySignal(SIGABRT),
                 "full_decode_jpeg_raw_ycck: Assertion `\\(GROUP_chroma << image_chroma_y_shift\\) "
                 "== 16' failed.\n$");

@@ -185,8 +185,13 @@ png_uint_32 __wrap_png_get_PLTE(png_const_structrp context, png_inforp info, png
     case png_tests::palette_trouble::NO_PALETTE:
         return 0;
     default:
-        return __real_png_get_PLTE(context, info, palette, count);
+        break;
     }
+    const png_uint_32 found = __real_png_get_PLTE(context, info, palette, count);
+    if (png_tests::trouble == png_tests::palette_trouble::ONE_ENTRY_FEWER) {
+        --*count;
+    }
+    return found;
 }
 
 } // extern "C"

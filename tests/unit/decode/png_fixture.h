@@ -68,8 +68,8 @@ protected:
     std::string printed;
 };
 
-// Makes png_get_PLTE return a null palette or no palette, unless NONE.
-enum class palette_trouble { NONE, NULL_PALETTE, NO_PALETTE };
+// Makes png_get_PLTE return a null palette, no palette or one entry fewer, unless NONE.
+enum class palette_trouble { NONE, NULL_PALETTE, NO_PALETTE, ONE_ENTRY_FEWER };
 extern palette_trouble trouble;
 
 } // namespace png_tests

@@ -69,15 +69,15 @@ TEST(PngPalette, PaletteEntryIsConverted)
     EXPECT_EQ(of_palette(2, palette.data(), 3), (yuv{144, 54, 34}));
 }
 
-TEST(PngPalette, LastEntryOfAFullPaletteIsReached)
+TEST(PngPalette, LastEntryOfAFullPaletteIsUsed)
 {
     std::array<png_color_struct, 256> palette = {};
     palette[255] = {255, 255, 255};
     EXPECT_EQ(of_palette(255, palette.data(), 256), (yuv{235, 128, 128}));
 }
 
-// Memory ends with the palette.
-TEST(PngPalette, IndexBehindThePaletteIsBlackAndReadsNothing)
+// The memory ends with the palette.
+TEST(PngPalette, IndexBeyondThePaletteIsBlackAndReadsNothing)
 {
     const guarded_bytes bytes(std::vector<unsigned char>(2 * sizeof(png_color_struct), 255));
     auto* palette = reinterpret_cast<png_color_struct*>(const_cast<unsigned char*>(bytes.begin()));
@@ -86,28 +86,13 @@ TEST(PngPalette, IndexBehindThePaletteIsBlackAndReadsNothing)
     EXPECT_EQ(of_palette(255, palette, 2), (yuv{16, 128, 128}));
 }
 
-TEST(PngPalette, EmptyPaletteIsBlackThroughout)
+TEST(PngPalette, EmptyPaletteIsBlack)
 {
     EXPECT_EQ(of_palette(0, nullptr, 0), (yuv{16, 128, 128}));
     EXPECT_EQ(of_palette(7, nullptr, -1), (yuv{16, 128, 128}));
 }
 
-// Memory ends with the palette here, too.
-TEST(PngPalette, PaletteIsConvertedForEveryIndexAndOpaque)
-{
-    const guarded_bytes bytes({255, 0, 0, 0, 0, 255});
-    auto* entries = reinterpret_cast<png_color_struct*>(const_cast<unsigned char*>(bytes.begin()));
-    packed_yuva colours[256] = {};
-    convert_png_palette({entries, 2}, colours);
-    for (int index = 0; index < 256; ++index) {
-        const packed_yuva& colour = colours[index];
-        EXPECT_EQ((yuv{colour.y, colour.u, colour.v}),
-                  of_palette(static_cast<unsigned char>(index), entries, 2));
-        EXPECT_EQ(colour.a, 255);
-    }
-}
-
-TEST(PngPalette, GreyIsRescaledByTheLumaRule)
+TEST(PngPalette, GreyFollowsTheLumaRule)
 {
     for (int grey = 0; grey < 256; ++grey) {
         EXPECT_EQ(rescale_luma_sample(static_cast<unsigned char>(grey)), grey * 219 / 255 + 16);

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include "bin/decode/colour_rows.h"
 #include "bin/decode/png.h"
 #include "bin/decode/png_palette.h"
 #include "bin/examine/image_state.h"
@@ -252,15 +253,35 @@ TEST_F(Png, NullPaletteBreaksAnInvariant)
                 assertion(model_of(3), "palette != __null"));
 }
 
-TEST_F(Png, FetchedPaletteIsTheOneInTheFile)
+TEST_F(Png, PaletteIsConvertedForEveryIndexAndOpaque)
 {
     png_spec spec = random_picture(3, 3, 3, 8);
-    spec.chunks[0].data.resize(30);
+    for (const size_t size : {10, 256}) {
+        spec.chunks[0].data.resize(3 * size);
+        open(write_png(spec));
+        ASSERT_EQ(prepare_png_palette("a decoder"), 0);
+        for (size_t index = 0; index < 256; ++index) {
+            const unsigned char black[3] = {};
+            const unsigned char* colour = index < size ? &spec.chunks[0].data[3 * index] : black;
+            int yuv[3] = {};
+            png_rgb2yuv(colour[0], colour[1], colour[2], yuv);
+            const packed_yuva& made = palette_colours[index];
+            EXPECT_TRUE(made.y == yuv[0] && made.u == yuv[1] && made.v == yuv[2]) << index;
+            EXPECT_EQ(made.a, 255);
+        }
+        start_anew();
+    }
+}
+
+TEST_F(Png, EntriesBeyondThePaletteAreNotRead)
+{
+    png_spec spec = random_picture(3, 3, 3, 8);
+    spec.chunks[0].data.assign(3 * size_t{10}, 255);
     open(write_png(spec));
-    png_palette palette = {};
-    ASSERT_EQ(fetch_png_palette("somebody", &palette), 0);
-    ASSERT_EQ(palette.count, 10);
-    EXPECT_EQ(palette.colours[9].blue, spec.chunks[0].data[29]);
+    trouble = palette_trouble::ONE_ENTRY_FEWER; // the library's memory holds the tenth, too
+    ASSERT_EQ(prepare_png_palette("a decoder"), 0);
+    EXPECT_EQ(palette_colours[8].y, 235);
+    EXPECT_EQ(palette_colours[9].y, 16);
 }
 
 TEST_F(Png, InvalidStateBreaksInvariants)

@@ -16,8 +16,8 @@ namespace {
 
 // Codecs that decode row by row exactly as in one call. Not in the list: codecs that always decode a
 // whole strip (JBIG, LERC, WebP); Deflate, which the library decodes faster in whole strips; and LZMA,
-// whose strips are that slow. (A ZSTD strip of several frames, which no encoder writes, ends after the
-// first frame when it is decoded in one call.)
+// which is so slow that decoding a damaged strip a second time would take seconds. (A ZSTD strip of
+// several frames, which no encoder writes, ends after the first frame when it is decoded in one call.)
 struct row_codec {
     uint16_t compression;
     bool may_keep_rows; // false: rows after a strip's early end would differ

@@ -294,7 +294,6 @@ gif_frame_control read_gif_frame_control(const SavedImage& frame)
 int load_gif(GifFileType* gif, uint64_t kept_frames, gif_contents* found)
 {
     gif_reading reading = {gif, kept_frames, {}, 0, 0};
-    start_quickidle_clock();
     const int result = load_records(&reading);
     *found = reading.found;
     return result;

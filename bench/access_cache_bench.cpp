@@ -1,5 +1,5 @@
-// Compares a request to the access cache with an empty call, and fetching and writing a row with only
-// writing it.
+// Compares a request to the access cache with an empty call, and fetching and writing a row with
+// only writing it.
 #include <cstdint>
 #include <cstring>
 

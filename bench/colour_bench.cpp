@@ -1,7 +1,7 @@
-// Interleaved pixels to planes: bytes of pixels per second of each version, with data in the cache, a
-// band of rows at a time, and with data in memory, compared with a copy of the same bytes. The input
-// is that of the unit test: random bytes with a fixed seed. The version "portable" is the scalar rule;
-// `ratio` is a version's speed divided by that of "portable", measured alternately.
+// Interleaved pixels to planes: bytes of pixels per second of each version, with data in the cache,
+// a band of rows at a time, and with data in memory, compared with a copy of the same bytes. The
+// input is that of the unit test: random bytes with a fixed seed. The version "portable" is the
+// scalar rule; `ratio` is a version's speed divided by that of "portable", measured alternately.
 #include <algorithm>
 #include <chrono>
 #include <cstddef>

@@ -5,10 +5,10 @@
 //
 //   compare [--pairs N] [--pictures DIR] [--program FILE] [--draw-only] [NAME...]
 //
-// The first run generates the pictures and keeps them in DIR (default: next to the program). NAME is
-// the name of a picture or a common prefix of several ("png", "tiff-lzw"). Each ratio is the median of
-// its pairs, with the smallest and the largest, for wall time and for processor time, which varies
-// less on a busy machine.
+// The first run generates the pictures and keeps them in DIR (default: next to the program). NAME
+// is the name of a picture or a common prefix of several ("png", "tiff-lzw"). Each ratio is the
+// median of its pairs, with the smallest and the largest, for wall time and for processor time,
+// which varies less on a busy machine.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>

@@ -1,5 +1,6 @@
-// Compares several ways to get fresh shared memory and write it for the first time. The ways alternate
-// for several rounds; each figure is the median of the rounds' ratios to plain page faults.
+// Compares several ways to get fresh shared memory and write it for the first time. The ways
+// alternate for several rounds; each figure is the median of the rounds' ratios to plain page
+// faults.
 //
 //   first_touch_bench [MEGABYTES]      default 256
 #include <algorithm>

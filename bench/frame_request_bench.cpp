@@ -1,5 +1,5 @@
-// Compares the cost of a frame request with the minimal cost of any server on this kind of socket, and
-// measures the cost of an idle worker.
+// Compares the cost of a frame request with the minimal cost of any server on this kind of socket,
+// and measures the cost of an idle worker.
 //
 //   frame_request_bench PROGRAM           starts PROGRAM on a small generated picture
 //   frame_request_bench --at SOCKET PID   measures a running worker
@@ -184,7 +184,8 @@ struct latency {
     double p99;
 };
 
-// Measures GET_FRAME requests. The frame is released before the next request, outside the measurement.
+// Measures GET_FRAME requests. The frame is released before the next request, outside the
+// measurement.
 latency measure_latency(const server& to)
 {
     const packet_client client = connect_to(to);
@@ -237,8 +238,8 @@ struct load {
     double processor_us_a_request;
 };
 
-// Every client always has one pending request. Each FRAME is followed by its release, and both count,
-// so the floor receives as many messages.
+// Every client always has one pending request. Each FRAME is followed by its release, and both
+// count, so the floor receives as many messages.
 load measure_load(const server& to)
 {
     std::vector<packet_client> clients;

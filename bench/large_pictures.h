@@ -1,6 +1,6 @@
-// The pictures of the comparison, one list per format: 24 megapixels with camera noise unless the name
-// says otherwise, generated from one photograph. Every run with the same version of the codec library
-// generates the same bytes.
+// The pictures of the comparison, one list per format: 24 megapixels with camera noise unless the
+// name says otherwise, generated from one photograph. Every run with the same version of the codec
+// library generates the same bytes.
 #pragma once
 
 #include <span>
@@ -19,8 +19,8 @@ std::span<const large_picture> plain_tiffs(); // uncompressed
 std::span<const large_picture> large_gifs();
 std::span<const large_picture> large_webps();
 
-// Each function writes one picture of its list to `path`, generated from the JPEG file `photograph`.
-// A failure ends the program with a message.
+// Each function writes one picture of its list to `path`, generated from the JPEG file
+// `photograph`. A failure ends the program with a message.
 void write_large_jpeg(const std::string& name, const std::string& photograph,
                       const std::string& path);
 void write_large_png(const std::string& name, const std::string& photograph,

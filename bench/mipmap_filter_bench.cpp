@@ -1,5 +1,6 @@
 // The pyramid's filter: source bytes per second of each version, compared with a copy of the same
-// plane: a plane of a 24-megapixel picture, one of 96 megapixels that fits no cache, and a small one.
+// plane: a plane of a 24-megapixel picture, one of 96 megapixels that fits no cache, and a small
+// one.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

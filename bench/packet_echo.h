@@ -1,5 +1,5 @@
-// The floor of the request benchmark: a process that only answers each SOCK_SEQPACKET message with a
-// message of a given size.
+// The floor of the request benchmark: a process that only answers each SOCK_SEQPACKET message with
+// a message of a given size.
 #pragma once
 
 #include <cstddef>

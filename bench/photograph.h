@@ -1,5 +1,5 @@
-// A photograph extended to any size: enlarged to twice its size, so that its detail resembles that of
-// a camera, repeated in mirrored tiles, with noise.
+// A photograph extended to any size: enlarged to twice its size, so that its detail resembles that
+// of a camera, repeated in mirrored tiles, with noise.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +22,8 @@ struct photograph {
 // Reads a JPEG file. A failure ends the program with a message.
 photograph read_photograph(const std::string& path, photo_colours colours);
 
-// Returns the sample of component 0 .. 2; `x` and `y` are in pixels of the large picture, at least 0.
+// Returns the sample of component 0 .. 2; `x` and `y` are in pixels of the large picture, at least
+// 0.
 unsigned char enlarged(const photograph& from, int component, int x, int y,
                        int noise_levels = camera_noise);
 

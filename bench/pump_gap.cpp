@@ -1,6 +1,6 @@
-// Measures how long a client waits for an answer while the worker decodes a picture. Starts a worker
-// for each picture, and pings it from one client without a pause until the picture is ready. The
-// longest wait is the largest gap between two rounds of socket service.
+// Measures how long a client waits for an answer while the worker decodes a picture. Starts a
+// worker for each picture, and pings it from one client without a pause until the picture is ready.
+// The longest wait is the largest gap between two rounds of socket service.
 //
 //   pump_gap PROGRAM PICTURE...
 #include <chrono>

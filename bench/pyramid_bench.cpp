@@ -1,5 +1,5 @@
-// The whole pyramid of a 24-megapixel 4:2:0 picture in a real frame buffer, with every row through the
-// access cache: source bytes per second over all planes and levels, compared with a copy of the
+// The whole pyramid of a 24-megapixel 4:2:0 picture in a real frame buffer, with every row through
+// the access cache: source bytes per second over all planes and levels, compared with a copy of the
 // full-size planes.
 #include <cstdint>
 #include <cstdio>

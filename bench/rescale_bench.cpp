@@ -1,6 +1,6 @@
-// Full range to video range: bytes per second of each version, with data in the cache and in memory,
-// compared with a copy of the same bytes. The input is that of the unit test: random samples with a
-// fixed seed.
+// Full range to video range: bytes per second of each version, with data in the cache and in
+// memory, compared with a copy of the same bytes. The input is that of the unit test: random
+// samples with a fixed seed.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

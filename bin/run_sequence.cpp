@@ -26,8 +26,8 @@ namespace {
 
 constexpr long buffer_poll_ns = 5'000'000;
 
-// A signal is an orderly end for a process that was started to serve. A process that was started only
-// to identify the file has failed: its caller has no result.
+// A signal is an orderly end for a process that was started to serve. A process that was started
+// only to identify the file has failed: its caller has no result.
 int leave_without_examination()
 {
     free_all();
@@ -62,8 +62,8 @@ void daemonize()
     refresh_json();
 }
 
-// Waits until the domain has room, and serves the socket meanwhile. False when the process has to end
-// before that.
+// Waits until the domain has room, and serves the socket meanwhile. False when the process has to
+// end before that.
 bool wait_for_buffer()
 {
     while (cnb_default_buffer_load() != 0) {
@@ -81,8 +81,8 @@ bool wait_for_buffer()
     return true;
 }
 
-// Returns go_on or the exit status. EXIT_SUCCESS: a signal ended the allocation; the clean-up is still
-// to be done.
+// Returns go_on or the exit status. EXIT_SUCCESS: a signal ended the allocation; the clean-up is
+// still to be done.
 int allocate_frame_buffer()
 {
     fprintf(stderr, "Using CNB buffer %u [sz=%lu unit=%lu frames=%lu]\n", image_cnb_buffer,

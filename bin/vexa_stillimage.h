@@ -35,8 +35,8 @@ void refresh_json();
 // Reports to the host that frames are ready, and sets the first auto-shutdown deadline.
 void announce_ready();
 
-// Serves until a signal, the deadline, a fatal socket error or a request to exit ends it; in oneshot
-// mode for one round.
+// Serves until a signal, the deadline, a fatal socket error or a request to exit ends it; in
+// oneshot mode for one round.
 void serve();
 
 // Releases clients and frame buffer, prints the leak report, then frees everything.

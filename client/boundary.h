@@ -5,9 +5,9 @@
 
 #include "client/connection.h"
 
-// Runs `work` and turns an exception, which only a lack of memory can throw, into a result. A change
-// handler that calls back into its own connection is refused: it would read packets that the waiting
-// call needs.
+// Runs `work` and turns an exception, which only a lack of memory can throw, into a result. A
+// change handler that calls back into its own connection is refused: it would read packets that the
+// waiting call needs.
 template <typename Work>
 stillimage_result at_boundary(stillimage_client* client, Work work) noexcept
 {

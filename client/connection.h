@@ -14,8 +14,8 @@
 #include "client/unique_fd.h"
 #include "wire/protocol.h"
 
-// A packet from the worker. The body points into the connection's buffer and is valid until the next
-// packet is received. The descriptor is the one that came with the packet, if any.
+// A packet from the worker. The body points into the connection's buffer and is valid until the
+// next packet is received. The descriptor is the one that came with the packet, if any.
 struct received_packet {
     comm_protocol::packet_header header;
     const unsigned char* body = nullptr;

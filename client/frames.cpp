@@ -1,5 +1,5 @@
-// The worker may be rewriting the record in shared memory. So it is copied until two successive copies
-// agree, and only the copy is validated and used.
+// The worker may be rewriting the record in shared memory. So it is copied until two successive
+// copies agree, and only the copy is validated and used.
 #include "client/frames.h"
 
 #include <cstring>

@@ -18,8 +18,8 @@ struct stillimage_frame {
 stillimage_result get_frame(stillimage_client& client, const comm_protocol::get_frame& wanted,
                             const deadline& until, std::unique_ptr<stillimage_frame>* frame);
 
-// Waits until the picture is ready and returns the number of the frame shown at that moment. The frame
-// itself is released at once.
+// Waits until the picture is ready and returns the number of the frame shown at that moment. The
+// frame itself is released at once.
 stillimage_result find_frame_number(stillimage_client& client, uint64_t moment,
                                     const deadline& until, uint64_t* number);
 

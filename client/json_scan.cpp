@@ -59,7 +59,8 @@ private:
         return piece;
     }
 
-    // The length of the string that begins at `start`; an unterminated one extends to the text's end.
+    // The length of the string that begins at `start`; an unterminated one extends to the text's
+    // end.
     size_t string_length(size_t start) const
     {
         size_t at = start + 1;

@@ -18,8 +18,8 @@ namespace {
 
 constexpr int step_ms = 10; // between attempts to connect to a worker that was started
 
-// A worker that refuses its file removes its socket before it ends; one that was killed does not. Nobody
-// listens at the path: connecting has just failed.
+// A worker that refuses its file removes its socket before it ends; one that was killed does not.
+// Nobody listens at the path: connecting has just failed.
 bool left_its_socket(const std::string& path)
 {
     struct stat status = {};
@@ -42,8 +42,8 @@ bool is_examined(std::string_view status_document)
     return json_member(json_member(status_document, "process"), "examined") != "false";
 }
 
-// Waits one step for output of the worker that was started. Once its output has ended, because another
-// worker serves the picture, for one, there is nothing to wait for, so this only sleeps.
+// Waits one step for output of the worker that was started. Once its output has ended, because
+// another worker serves the picture, for one, there is nothing to wait for, so this only sleeps.
 void pause_for_output(started_worker& worker)
 {
     worker.read_output(step_ms);
@@ -53,9 +53,9 @@ void pause_for_output(started_worker& worker)
     }
 }
 
-// A worker greets before it has examined the picture, and may still refuse it: then its connection ends,
-// which is STILLIMAGE_ERROR_NO_WORKER here. If the examination takes longer than the time limit, the
-// connection is accepted without knowing its outcome.
+// A worker greets before it has examined the picture, and may still refuse it: then its connection
+// ends, which is STILLIMAGE_ERROR_NO_WORKER here. If the examination takes longer than the time
+// limit, the connection is accepted without knowing its outcome.
 stillimage_result await_examination(stillimage_client& client, started_worker& worker,
                                     const deadline& until)
 {
@@ -136,7 +136,8 @@ stillimage_result connect_by_picture(stillimage_client& client, const deadline& 
     return result == STILLIMAGE_ERROR_NO_WORKER ? start_and_connect(client, until) : result;
 }
 
-// Resets everything that belongs to the previous worker. Held frames stay readable without an owner.
+// Resets everything that belongs to the previous worker. Held frames stay readable without an
+// owner.
 void forget_connection(stillimage_client& client)
 {
     for (stillimage_frame* frame : client.frames) {

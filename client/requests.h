@@ -6,8 +6,8 @@
 
 #include "client/connection.h"
 
-// Sends the request with the number client.last_request and waits for its answer, which must have the
-// type `expected`.
+// Sends the request with the number client.last_request and waits for its answer, which must have
+// the type `expected`.
 stillimage_result ask(stillimage_client& client, const comm_protocol::packet_bytes& request,
                       comm_protocol::packet_type expected, const deadline& until,
                       received_packet* answer);
@@ -21,7 +21,8 @@ stillimage_result await_answer(stillimage_client& client, uint64_t number,
 // frame. Returns the error of an ERROR packet without a request.
 stillimage_result process_unsolicited(stillimage_client& client, received_packet& packet);
 
-// The library's own changes: part of every subscription, so that stillimage_wait_ready learns of them.
+// The library's own changes: part of every subscription, so that stillimage_wait_ready learns of
+// them.
 inline constexpr uint32_t readiness =
     comm_protocol::change_provisional | comm_protocol::change_ready;
 
@@ -32,12 +33,12 @@ stillimage_result subscribe(stillimage_client& client, uint32_t mask, const dead
 stillimage_result collect_status(stillimage_client& client, const deadline& until,
                                  std::string* document);
 
-// Maps the buffer whose descriptor came with `frame`, if one did. STILLIMAGE_OK if the connection then
-// has a mapping.
+// Maps the buffer whose descriptor came with `frame`, if one did. STILLIMAGE_OK if the connection
+// then has a mapping.
 stillimage_result update_mapping(stillimage_client& client, const received_packet& packet,
                                  const comm_protocol::frame& frame);
 
-// Releases a frame's reference. If the socket is full, it stays queued until send_releases() is called
-// again, as ask() does. Answers to releases are ignored.
+// Releases a frame's reference. If the socket is full, it stays queued until send_releases() is
+// called again, as ask() does. Answers to releases are ignored.
 void release_reference(stillimage_client& client, uint64_t reference);
 void send_releases(stillimage_client& client);

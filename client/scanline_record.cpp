@@ -36,8 +36,8 @@ struct extent {
 };
 
 // How many times the full size was halved to give the record's size, which is truncated to 16 bits.
-// Empty if no level matches, or if levels of different sizes do. A full-size picture is recognised by
-// its area.
+// Empty if no level matches, or if levels of different sizes do. A full-size picture is recognised
+// by its area.
 std::optional<int> find_level(const unsigned char* copy, extent full)
 {
     const uint64_t wanted_width = load(copy, format::at_source_width, 4) >> 16;

@@ -1,5 +1,5 @@
-// Reads a scanline list from shared memory that another process writes. It is validated on a private
-// copy, and nothing in it is trusted that does not fit the shared area.
+// Reads a scanline list from shared memory that another process writes. It is validated on a
+// private copy, and nothing in it is trusted that does not fit the shared area.
 #pragma once
 
 #include <cstddef>
@@ -9,10 +9,10 @@
 #include "client/stillimage_client.h"
 #include "wire/protocol.h"
 
-// Describes the picture in `area` (`message.area_size` bytes) from the record in `copy` (`size` bytes,
-// the scanline area). Returns false and the reason if record, message and area contradict each other;
-// *picture is then unspecified. Values that the record truncates to 16 bits are reconstructed from the
-// size in the message.
+// Describes the picture in `area` (`message.area_size` bytes) from the record in `copy` (`size`
+// bytes, the scanline area). Returns false and the reason if record, message and area contradict
+// each other; *picture is then unspecified. Values that the record truncates to 16 bits are
+// reconstructed from the size in the message.
 bool describe_picture(const unsigned char* copy, size_t size, const comm_protocol::frame& message,
                       const unsigned char* area, stillimage_picture* picture, std::string* reason);
 

@@ -7,8 +7,8 @@
 
 class shared_area {
 public:
-    // Maps the whole of `fd` for reading. Returns null and the reason if it is not a regular file, is
-    // shorter than `min_size` bytes, or is not sealed against shrinking.
+    // Maps the whole of `fd` for reading. Returns null and the reason if it is not a regular file,
+    // is shorter than `min_size` bytes, or is not sealed against shrinking.
     static std::shared_ptr<shared_area> map(int fd, uint64_t min_size, std::string* reason);
 
     shared_area(const shared_area&) = delete;

@@ -1,6 +1,6 @@
-// An intermediate process starts the worker and exits at once, so that the worker is not a child of the
-// caller. Its end raises no signal in the caller, and only a wait for its process id reports it, so the
-// caller's handling of its own children is not disturbed.
+// An intermediate process starts the worker and exits at once, so that the worker is not a child of
+// the caller. Its end raises no signal in the caller, and only a wait for its process id reports
+// it, so the caller's handling of its own children is not disturbed.
 #include "client/started_worker.h"
 
 #include <algorithm>
@@ -20,8 +20,8 @@ namespace {
 
 constexpr size_t max_output = 16384; // bytes of the worker's output that are kept
 
-// The parameters of the worker's start. Prepared in the caller, since the intermediate process must not
-// allocate memory.
+// The parameters of the worker's start. Prepared in the caller, since the intermediate process must
+// not allocate memory.
 class spawn_plan {
 public:
     explicit spawn_plan(int standard_error)
@@ -60,8 +60,8 @@ private:
     posix_spawnattr_t attributes_ = {};
 };
 
-// A fork whose child raises no signal when it ends. All arguments are 0 (no memory is shared), so their
-// order, which differs between architectures, does not matter.
+// A fork whose child raises no signal when it ends. All arguments are 0 (no memory is shared), so
+// their order, which differs between architectures, does not matter.
 pid_t fork_quietly()
 {
     return static_cast<pid_t>(syscall(SYS_clone, 0UL, 0UL, 0UL, 0UL, 0UL));
@@ -158,8 +158,8 @@ bool started_worker::other_worker_serves() const
     return ended_ && output_.find("already served by process") != std::string::npos;
 }
 
-// The last line names the step that failed, and the line before it usually has the reason. For a file
-// of an unknown type the output ends in a line of its own, or with the worker's settings.
+// The last line names the step that failed, and the line before it usually has the reason. For a
+// file of an unknown type the output ends in a line of its own, or with the worker's settings.
 std::string started_worker::reason() const
 {
     constexpr std::string_view last_setting = "   Sock: ";

@@ -1,5 +1,5 @@
-// Starts a worker that is not a child of this process and has its own session. Its standard error is
-// read until it serves.
+// Starts a worker that is not a child of this process and has its own session. Its standard error
+// is read until it serves.
 #pragma once
 
 #include <string>

@@ -12,18 +12,18 @@
  *
  * For C11 and C++. stillimage_client.hpp offers the same to C++20, with owners and exceptions.
  *
- * The library starts no threads, has no process-wide state, prints nothing, and raises neither signals
- * nor exceptions. A connection and its frames belong to one thread at a time; different connections
- * are independent of each other.
+ * The library starts no threads, has no process-wide state, prints nothing, and raises neither
+ * signals nor exceptions. A connection and its frames belong to one thread at a time; different
+ * connections are independent of each other.
  *
- * Times are in milliseconds: -1 waits without limit, 0 does not wait. No call blocks longer than its
- * limit, whatever the worker does; exceptions are documented with the call.
+ * Times are in milliseconds: -1 waits without limit, 0 does not wait. No call blocks longer than
+ * its limit, whatever the worker does; exceptions are documented with the call.
  *
  * Every call that talks to the worker can return
  *     STILLIMAGE_ERROR_ARGUMENT   a null pointer, or a call from inside the change handler
  *     STILLIMAGE_ERROR_NO_WORKER  the worker has ended; the connection is closed, see
  *                                 stillimage_reconnect
- *     STILLIMAGE_ERROR_TIMEOUT    the connection stays open; an answer that arrives later is ignored
+ *     STILLIMAGE_ERROR_TIMEOUT    the connection stays open; a later answer is ignored
  *     STILLIMAGE_ERROR_PROTOCOL   the worker sent something invalid
  *     STILLIMAGE_ERROR_REFUSED    the worker refuses to serve this client
  *     STILLIMAGE_ERROR_LIMIT      a limit of the worker is reached
@@ -68,8 +68,8 @@ typedef enum stillimage_result {
 typedef struct stillimage_client stillimage_client; /* one connection */
 typedef struct stillimage_frame stillimage_frame;   /* one held frame */
 
-/* The version of this library, as (major << 16) | minor. A program runs with the minor version that it
- * was built with and any later one. */
+/* The version of this library, as (major << 16) | minor. A program runs with the minor version that
+ * it was built with and any later one. */
 STILLIMAGE_API uint32_t stillimage_client_version(void);
 
 /* A short English text for a result, "unknown result" for any other number. Static, never null. */
@@ -78,24 +78,26 @@ STILLIMAGE_API const char* stillimage_result_text(stillimage_result result);
 /* --- connection ------------------------------------------------------------------------------- */
 
 /* Connects to the worker at `socket_path` (1 to 107 bytes) and exchanges greetings. If there is no
- * worker yet, the call retries for 5 seconds at most, within the time limit; a worker that is running
- * but busy has the whole limit to answer. The worker has to run as the same user or as root, unless the
- * caller is root; otherwise the result is STILLIMAGE_ERROR_REFUSED. After a failure *client is null
- * only if memory is short. Otherwise it can be asked for stillimage_last_error and has to be closed. */
+ * worker yet, the call retries for 5 seconds at most, within the time limit; a worker that is
+ * running but busy has the whole limit to answer. The worker has to run as the same user or as
+ * root, unless the caller is root; otherwise the result is STILLIMAGE_ERROR_REFUSED. After a
+ * failure *client is null only if memory is short. Otherwise it can be asked for
+ * stillimage_last_error and has to be closed. */
 STILLIMAGE_API stillimage_result stillimage_connect(const char* socket_path, int timeout_ms,
                                                     stillimage_client** client);
 
-/* Closes the connection and frees it; the worker reclaims all its frames. Null is allowed. Frames that
- * are still held stay readable until they are released. Does nothing from inside the change handler. */
+/* Closes the connection and frees it; the worker reclaims all its frames. Null is allowed. Frames
+ * that are still held stay readable until they are released. Does nothing from inside the change
+ * handler. */
 STILLIMAGE_API void stillimage_close(stillimage_client* client);
 
-/* The last error of this connection, for a person to read: what, where and why. "" without an error,
- * or for null. Valid until the next call on the connection. */
+/* The last error of this connection, for a person to read: what, where and why. "" without an
+ * error, or for null. Valid until the next call on the connection. */
 STILLIMAGE_API const char* stillimage_last_error(const stillimage_client* client);
 
-/* For event loops: a descriptor that polls readable when stillimage_dispatch has something to do; -1
- * once the worker has ended. Do not read from it or close it. Only stillimage_reconnect changes it.
- * The library buffers nothing, so polling the descriptor is enough to notice every event.
+/* For event loops: a descriptor that polls readable when stillimage_dispatch has something to do;
+ * -1 once the worker has ended. Do not read from it or close it. Only stillimage_reconnect changes
+ * it. The library buffers nothing, so polling the descriptor is enough to notice every event.
  *
  *     struct pollfd waiting = {stillimage_descriptor(client), POLLIN, 0};
  *     poll(&waiting, 1, -1);
@@ -115,9 +117,9 @@ STILLIMAGE_API int32_t stillimage_worker_pid(const stillimage_client* client);
 /* --- by picture ---------------------------------------------------------------------------------
  */
 
-/* Writes the path of the picture's default socket, where its worker serves unless it was started with
- * another one. STILLIMAGE_ERROR_ARGUMENT if the buffer is too small (108 bytes always suffice),
- * STILLIMAGE_ERROR_SYSTEM with errno set if the picture cannot be reached. */
+/* Writes the path of the picture's default socket, where its worker serves unless it was started
+ * with another one. STILLIMAGE_ERROR_ARGUMENT if the buffer is too small (108 bytes always
+ * suffice), STILLIMAGE_ERROR_SYSTEM with errno set if the picture cannot be reached. */
 STILLIMAGE_API stillimage_result stillimage_socket_of(const char* picture, char* buffer,
                                                       size_t size);
 
@@ -125,22 +127,22 @@ enum {
     STILLIMAGE_START_WORKER = 1 << 0 /* start a worker if none serves the picture */
 };
 
-/* Like stillimage_connect, to the worker at the picture's default socket. With STILLIMAGE_START_WORKER
- * a worker is started if there is none: the program named by STILLIMAGE_PROGRAM in the environment,
- * otherwise "stillimage" from PATH. It is not a child of the calling process, has its own session,
- * inherits no descriptors, and ends by itself some time after its last client has disconnected. A
- * call that starts a worker returns when that worker has examined the picture, or at the time limit if
- * that takes longer. If the worker cannot serve the file, the result is STILLIMAGE_ERROR_REFUSED and stillimage_last_error
- * has the last lines of its output; if it is killed while it starts, the result is
- * STILLIMAGE_ERROR_NO_WORKER. */
+/* Like stillimage_connect, to the worker at the picture's default socket. With
+ * STILLIMAGE_START_WORKER a worker is started if there is none: the program named by
+ * STILLIMAGE_PROGRAM in the environment, otherwise "stillimage" from PATH. It is not a child of the
+ * calling process, has its own session, inherits no descriptors, and ends by itself some time after
+ * its last client has disconnected. A call that starts a worker returns when that worker has
+ * examined the picture, or at the time limit if that takes longer. If the worker cannot serve the
+ * file, the result is STILLIMAGE_ERROR_REFUSED and stillimage_last_error has the last lines of its
+ * output; if it is killed while it starts, the result is STILLIMAGE_ERROR_NO_WORKER. */
 STILLIMAGE_API stillimage_result stillimage_connect_picture(const char* picture, unsigned flags,
                                                             int timeout_ms,
                                                             stillimage_client** client);
 
 /* Connects again with the parameters of this connection, whether the worker has ended or not. With
- * STILLIMAGE_START_WORKER it starts a worker again if there is none. Frames that are held stay readable
- * but no longer belong to the connection. A subscription is renewed; its first event has changes 0, as
- * always. After a failure the connection is closed, and this call may be repeated. */
+ * STILLIMAGE_START_WORKER it starts a worker again if there is none. Frames that are held stay
+ * readable but no longer belong to the connection. A subscription is renewed; its first event has
+ * changes 0, as always. After a failure the connection is closed, and this call may be repeated. */
 STILLIMAGE_API stillimage_result stillimage_reconnect(stillimage_client* client, int timeout_ms);
 
 /* --- changes ---------------------------------------------------------------------------------- */
@@ -165,11 +167,11 @@ typedef struct stillimage_event {
 
 typedef void (*stillimage_event_handler)(void* user, const stillimage_event* event);
 
-/* Subscribes to the changes in `mask`, 0 for none; replaces an earlier subscription. The first event
- * has the current state and changes 0. The handler is called on the caller's thread, from inside
- * stillimage_dispatch and any other call that waits. It gets `user`. It must not call back into the
- * connection, and the event is valid only until it returns: so it should only record what has
- * changed, for the caller to act on after the call. */
+/* Subscribes to the changes in `mask`, 0 for none; replaces an earlier subscription. The first
+ * event has the current state and changes 0. The handler is called on the caller's thread, from
+ * inside stillimage_dispatch and any other call that waits. It gets `user`. It must not call back
+ * into the connection, and the event is valid only until it returns: so it should only record what
+ * has changed, for the caller to act on after the call. */
 STILLIMAGE_API stillimage_result stillimage_subscribe(stillimage_client* client, uint32_t mask,
                                                       stillimage_event_handler handler, void* user,
                                                       int timeout_ms);
@@ -195,10 +197,11 @@ enum {
 }; /* Y 16..235, U and V 16..240 centred on 128; A 0..255, straight */
 enum { STILLIMAGE_MATRIX_BT601 = 1 };
 
-/* One picture: full size or a reduced level. Planes have 8 bits a sample, rows run top down. An absent
- * plane has a null pointer and stride, width and height 0: U and V of a monochrome picture, A of an
- * opaque one. The size of subsampled chroma is rounded up at full size and rounded down, to at least 1,
- * in a reduced level: if the last column or row of pixels has no chroma, repeat the last sample. */
+/* One picture: full size or a reduced level. Planes have 8 bits a sample, rows run top down. An
+ * absent plane has a null pointer and stride, width and height 0: U and V of a monochrome picture,
+ * A of an opaque one. The size of subsampled chroma is rounded up at full size and rounded down, to
+ * at least 1, in a reduced level: if the last column or row of pixels has no chroma, repeat the
+ * last sample. */
 typedef struct stillimage_picture {
     const uint8_t* plane[STILLIMAGE_PLANES];
     uint32_t stride[STILLIMAGE_PLANES];       /* bytes from row to row */
@@ -220,8 +223,8 @@ typedef struct stillimage_picture {
     int32_t provisional; /* 1: a coarse picture that will be refined in place */
 } stillimage_picture;
 
-/* The worker's frame message and the record in shared memory, unprocessed. For tools that examine the
- * worker itself; stillimage_picture is derived from this. */
+/* The worker's frame message and the record in shared memory, unprocessed. For tools that examine
+ * the worker itself; stillimage_picture is derived from this. */
 typedef struct stillimage_descriptor_info {
     uint32_t buffer;
     uint64_t base_offset;
@@ -238,30 +241,30 @@ typedef struct stillimage_descriptor_info {
     const uint8_t* area;     /* the whole shared area, area_size bytes, read-only */
 } stillimage_descriptor_info;
 
-/* Gets the frame shown at `time_position`, in units of the item's time scale (see stillimage_timeline;
- * 1/100 s for animations); 0 for still pictures. Past the end it is the last frame. The frame has the
- * level that best fits an output of wanted_width x wanted_height: the full size, or the full size
- * halved one or more times. If either is below 1, it is the full size. Release *frame with
- * stillimage_frame_release. A client can hold up to 1,024 frames of a worker.
+/* Gets the frame shown at `time_position`, in units of the item's time scale (see
+ * stillimage_timeline; 1/100 s for animations); 0 for still pictures. Past the end it is the last
+ * frame. The frame has the level that best fits an output of wanted_width x wanted_height: the full
+ * size, or the full size halved one or more times. If either is below 1, it is the full size.
+ * Release *frame with stillimage_frame_release. A client can hold up to 1,024 frames of a worker.
  *
  * Waits within the limit until the picture is ready. With 0, a picture that is not ready gives
  * STILLIMAGE_ERROR_NOT_READY; the worker has a second to answer so. STILLIMAGE_ERROR_NO_FRAME: the
- * worker has no frame. STILLIMAGE_ERROR_RECORD: the buffer or the description is invalid. After a time
- * limit has passed the request stays with the worker, up to 64 of them; to wait in small steps, use
- * stillimage_wait_ready. */
+ * worker has no frame. STILLIMAGE_ERROR_RECORD: the buffer or the description is invalid. After a
+ * time limit has passed the request stays with the worker, up to 64 of them; to wait in small
+ * steps, use stillimage_wait_ready. */
 STILLIMAGE_API stillimage_result stillimage_get_frame(stillimage_client* client,
                                                       uint64_t time_position, int32_t wanted_width,
                                                       int32_t wanted_height, int timeout_ms,
                                                       stillimage_frame** frame);
 
-/* Both results live as long as the frame, even if the worker ends or the connection is closed. Never
- * null; for a null frame every field is 0. */
+/* Both results live as long as the frame, even if the worker ends or the connection is closed.
+ * Never null; for a null frame every field is 0. */
 STILLIMAGE_API const stillimage_picture* stillimage_frame_picture(const stillimage_frame* frame);
 STILLIMAGE_API const stillimage_descriptor_info*
 stillimage_frame_descriptor(const stillimage_frame* frame);
 
-/* Returns the frame to the worker and frees it. Null is allowed, and so is a frame whose connection has
- * been closed. Never waits. */
+/* Returns the frame to the worker and frees it. Null is allowed, and so is a frame whose connection
+ * has been closed. Never waits. */
 STILLIMAGE_API void stillimage_frame_release(stillimage_frame* frame);
 
 /* --- timeline --------------------------------------------------------------------------------- */
@@ -282,10 +285,11 @@ typedef struct stillimage_timeline {
     const stillimage_timeline_entry* entries; /* in the order shown, without gaps */
 } stillimage_timeline;
 
-/* Determines when each frame is shown. Waits until the picture is ready. Frames that are never shown
- * are left out; a still picture has one entry. The call makes about three requests for each frame, at
- * some ten thousand requests a second. With more than 20,000 frames it returns STILLIMAGE_ERROR_LIMIT.
- * Free *timeline with stillimage_timeline_free; it is independent of the connection. */
+/* Determines when each frame is shown. Waits until the picture is ready. Frames that are never
+ * shown are left out; a still picture has one entry. The call makes about three requests for each
+ * frame, at some ten thousand requests a second. With more than 20,000 frames it returns
+ * STILLIMAGE_ERROR_LIMIT. Free *timeline with stillimage_timeline_free; it is independent of the
+ * connection. */
 STILLIMAGE_API stillimage_result stillimage_get_timeline(stillimage_client* client, int timeout_ms,
                                                          const stillimage_timeline** timeline);
 STILLIMAGE_API void
@@ -293,10 +297,10 @@ stillimage_timeline_free(const stillimage_timeline* timeline); /* null is allowe
 
 /* --- conversions --------------------------------------------------------------------------------
  *
- * They convert pictures into memory of the caller, unless stated otherwise. They need no connection and
- * may run in any thread while the frame is held. The picture may also be the caller's own: it needs a
- * size, a Y plane of that size, and both chroma planes or neither. An invalid picture or any other
- * invalid argument gives STILLIMAGE_ERROR_ARGUMENT. */
+ * They convert pictures into memory of the caller, unless stated otherwise. They need no connection
+ * and may run in any thread while the frame is held. The picture may also be the caller's own: it
+ * needs a size, a Y plane of that size, and both chroma planes or neither. An invalid picture or
+ * any other invalid argument gives STILLIMAGE_ERROR_ARGUMENT. */
 
 /* Packed 8-bit pixels, full range, by the BT.601 matrix; alpha is straight. */
 enum {
@@ -304,12 +308,12 @@ enum {
     STILLIMAGE_RGBA32 = 2 /* bytes R G B A; A is 255 when the picture has none */
 };
 
-/* Converts the picture to width x height pixels. `stride` is in bytes from row to row, at least 3 or 4
- * times the width; bytes after the end of a row are not written. At the picture's own size a chroma
- * sample applies to all pixels that share it, and every value is rounded to the nearest. For any other
- * size each axis is filtered separately: a smaller size takes the mean of what a pixel covers, a larger
- * one interpolates linearly, and colour is weighted by alpha. To save most of this work, request a
- * frame of about this size from stillimage_get_frame. */
+/* Converts the picture to width x height pixels. `stride` is in bytes from row to row, at least 3
+ * or 4 times the width; bytes after the end of a row are not written. At the picture's own size a
+ * chroma sample applies to all pixels that share it, and every value is rounded to the nearest. For
+ * any other size each axis is filtered separately: a smaller size takes the mean of what a pixel
+ * covers, a larger one interpolates linearly, and colour is weighted by alpha. To save most of this
+ * work, request a frame of about this size from stillimage_get_frame. */
 STILLIMAGE_API stillimage_result stillimage_picture_to_pixels(const stillimage_picture* picture,
                                                               uint32_t format, uint32_t width,
                                                               uint32_t height, uint8_t* pixels,
@@ -353,13 +357,14 @@ typedef struct stillimage_y4m_stream {
 STILLIMAGE_API stillimage_result stillimage_y4m_stream_of(const stillimage_picture* picture,
                                                           stillimage_y4m_stream* stream);
 
-/* 1 if the picture can be a frame of the stream, else 0. A stream with alpha accepts every picture of
- * its size; one without alpha becomes opaque. */
+/* 1 if the picture can be a frame of the stream, else 0. A stream with alpha accepts every picture
+ * of its size; one without alpha becomes opaque. */
 STILLIMAGE_API int stillimage_y4m_fits(const stillimage_picture* picture,
                                        const stillimage_y4m_stream* stream);
 
-/* Writes the stream's first line, NUL-terminated, with the rate in frames a second and the aspect ratio
- * of the picture. STILLIMAGE_ERROR_ARGUMENT if the buffer is too small; 256 bytes always suffice. */
+/* Writes the stream's first line, NUL-terminated, with the rate in frames a second and the aspect
+ * ratio of the picture. STILLIMAGE_ERROR_ARGUMENT if the buffer is too small; 256 bytes always
+ * suffice. */
 STILLIMAGE_API stillimage_result stillimage_y4m_header(const stillimage_picture* picture,
                                                        const stillimage_y4m_stream* stream,
                                                        uint32_t rate_numerator,
@@ -369,8 +374,8 @@ STILLIMAGE_API stillimage_result stillimage_y4m_header(const stillimage_picture*
 /* The size of each frame in bytes, including its "FRAME" line; 0 for an invalid stream. */
 STILLIMAGE_API size_t stillimage_y4m_frame_size(const stillimage_y4m_stream* stream);
 
-/* Writes a frame into `buffer`; `size` is at least stillimage_y4m_frame_size. A picture that does not
- * fit the stream gives STILLIMAGE_ERROR_ARGUMENT. */
+/* Writes a frame into `buffer`; `size` is at least stillimage_y4m_frame_size. A picture that does
+ * not fit the stream gives STILLIMAGE_ERROR_ARGUMENT. */
 STILLIMAGE_API stillimage_result stillimage_y4m_frame(const stillimage_picture* picture,
                                                       const stillimage_y4m_stream* stream,
                                                       uint8_t* buffer, size_t size);
@@ -378,20 +383,21 @@ STILLIMAGE_API stillimage_result stillimage_y4m_frame(const stillimage_picture* 
 /* --- status, metadata, exit ---------------------------------------------------------------------
  */
 
-/* Gets the status document as JSON in UTF-8: the item, the worker, its buffer and the picture. *json is
- * NUL-terminated; free it with stillimage_free. */
+/* Gets the status document as JSON in UTF-8: the item, the worker, its buffer and the picture.
+ * *json is NUL-terminated; free it with stillimage_free. */
 STILLIMAGE_API stillimage_result stillimage_get_status(stillimage_client* client, int timeout_ms,
                                                        char** json);
 
 /* Frees memory that a call documents as freed by this one. Null is allowed. */
 STILLIMAGE_API void stillimage_free(void* memory);
 
-/* Sets a metadata value of the item, such as "aspect ratio" to "16:9", for this worker and later ones.
- * A name has 256 bytes at most, a value 16384. STILLIMAGE_OK: the value is applied, and survives if the
- * worker dies at any later moment; a power failure within about a second may still lose it. (Workers of
- * protocol 1.0 answer before they store anything.) STILLIMAGE_ERROR_NOT_STORED: the value is applied
- * but could not be stored, for the reason in stillimage_last_error; the worker keeps retrying.
- * STILLIMAGE_ERROR_VALUE: the worker refuses this value, or any value for this name. */
+/* Sets a metadata value of the item, such as "aspect ratio" to "16:9", for this worker and later
+ * ones. A name has 256 bytes at most, a value 16384. STILLIMAGE_OK: the value is applied, and
+ * survives if the worker dies at any later moment; a power failure within about a second may still
+ * lose it. (Workers of protocol 1.0 answer before they store anything.)
+ * STILLIMAGE_ERROR_NOT_STORED: the value is applied but could not be stored, for the reason in
+ * stillimage_last_error; the worker keeps retrying. STILLIMAGE_ERROR_VALUE: the worker refuses this
+ * value, or any value for this name. */
 STILLIMAGE_API stillimage_result stillimage_set_metadata(stillimage_client* client,
                                                          const char* name, const char* value,
                                                          int timeout_ms);

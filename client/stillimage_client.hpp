@@ -1,5 +1,5 @@
-// The client library for C++20, with owners, exceptions, spans and chrono. Header only; the calls are
-// documented in stillimage_client.h.
+// The client library for C++20, with owners, exceptions, spans and chrono. Header only; the calls
+// are documented in stillimage_client.h.
 //
 //     auto client = stillimage::client::connect_picture("photo.jpg");
 //     const stillimage::frame frame = client.get_frame({.width = 1280, .height = 720});
@@ -8,8 +8,8 @@
 //     }
 //
 // A failure throws stillimage::error. Outcomes that a program has to expect are values instead:
-// try_get_frame returns an empty optional, wait_ready false. A frame may outlive its client. A client
-// and its frames belong to one thread at a time; conversions may run in any thread.
+// try_get_frame returns an empty optional, wait_ready false. A frame may outlive its client. A
+// client and its frames belong to one thread at a time; conversions may run in any thread.
 #ifndef STILLIMAGE_CLIENT_HPP
 #define STILLIMAGE_CLIENT_HPP
 
@@ -52,7 +52,8 @@ inline constexpr time_limit forever{-1};
 
 namespace detail {
 
-// A negative limit becomes -1, without limit; one that an int cannot hold becomes the largest, 24 days.
+// A negative limit becomes -1, without limit; one that an int cannot hold becomes the largest, 24
+// days.
 inline int limit_ms(time_limit limit)
 {
     return limit.count() < 0 ? -1 : static_cast<int>(std::min<int64_t>(limit.count(), INT_MAX));
@@ -83,7 +84,7 @@ struct memory_freer {
 
 } // namespace detail
 
-// --- pictures -------------------------------------------------------------------------------------
+// --- pictures -----------------------------------------------------------------------------------
 
 struct extent {
     uint32_t width = 0; // 0 x 0: the picture's own size
@@ -248,7 +249,7 @@ private:
     std::unique_ptr<const stillimage_timeline, detail::timeline_freer> owned_;
 };
 
-// --- the connection ---------------------------------------------------------------------------------
+// --- the connection -----------------------------------------------------------------------------
 
 // The picture's default socket.
 inline std::string socket_of(std::string_view picture)

@@ -1,5 +1,5 @@
-// Writes each frame of a picture to a folder as PNG, no larger than 400 x 300, and prints when each is
-// shown.
+// Writes each frame of a picture to a folder as PNG, no larger than 400 x 300, and prints when each
+// is shown.
 //
 //     frames PICTURE FOLDER
 #include <algorithm>

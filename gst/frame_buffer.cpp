@@ -76,7 +76,8 @@ uint8_t* row_of(GstVideoFrame& out, guint plane, size_t row)
            row * static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&out, plane));
 }
 
-// A row that is shorter than the format's repeats its last sample; a missing row repeats the last one.
+// A row that is shorter than the format's repeats its last sample; a missing row repeats the last
+// one.
 void copy_plane(const stillimage_picture& picture, int plane, GstVideoFrame& out)
 {
     const auto component = static_cast<guint>(plane);

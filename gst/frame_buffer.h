@@ -12,8 +12,8 @@
 // GstVideoMeta, its planes have to have the default layout of the format.
 bool can_share(const held_frame& frame, const GstVideoInfo& info, bool video_meta);
 
-// A read-only buffer over the frame's own planes. The frame is released with the last reference to the
-// memory, in any thread.
+// A read-only buffer over the frame's own planes. The frame is released with the last reference to
+// the memory, in any thread.
 GstBuffer* share_frame(const std::shared_ptr<held_frame>& frame, const GstVideoInfo& info);
 
 // A copy in the layout of `info`. Null if memory is short.

@@ -86,8 +86,8 @@ void picture_source::interrupt(bool set)
     }
 }
 
-// After the worker's end, retries within the time limit to connect to another one. True if the picture
-// is prepared again; otherwise posts the error.
+// After the worker's end, retries within the time limit to connect to another one. True if the
+// picture is prepared again; otherwise posts the error.
 bool picture_source::recover(const char* doing, stillimage_result result)
 {
     if (result != STILLIMAGE_ERROR_NO_WORKER || link_->interrupted() ||
@@ -117,8 +117,8 @@ bool picture_source::recover(const char* doing, stillimage_result result)
 
 // --- the picture's shape -------------------------------------------------------------------------
 
-// Gets a frame. If the worker has ended, the frame may come from another one; shown_ is then null or
-// from that worker, too.
+// Gets a frame. If the worker has ended, the frame may come from another one; shown_ is then null
+// or from that worker, too.
 bool picture_source::take(uint64_t units, int width, int height, std::shared_ptr<held_frame>* frame)
 {
     stillimage_result result = STILLIMAGE_OK;
@@ -201,7 +201,8 @@ GstCaps* picture_source::caps() const
     return caps;
 }
 
-// With a wanted size, the level that the worker chooses for it; otherwise the largest that is allowed.
+// With a wanted size, the level that the worker chooses for it; otherwise the largest that is
+// allowed.
 void picture_source::choose_level(GstCaps* allowed, GstStructure** chosen)
 {
     *chosen = gst_caps_get_structure(allowed, 0);
@@ -287,8 +288,8 @@ bool picture_source::next_moment(shown_moment* moment)
     return true;
 }
 
-// With a frame rate, each period shows the frame of the moment at which it starts. Without one, each
-// frame lasts as long as on the timeline.
+// With a frame rate, each period shows the frame of the moment at which it starts. Without one,
+// each frame lasts as long as on the timeline.
 bool picture_source::find_moment(shown_moment* moment)
 {
     moment->start = position_;

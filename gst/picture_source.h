@@ -33,8 +33,8 @@ public:
     void stop();
     void interrupt(bool set);
 
-    // Waits for the picture and reads its sizes. Returns false if interrupted, or after an error that it
-    // posts.
+    // Waits for the picture and reads its sizes. Returns false if interrupted, or after an error
+    // that it posts.
     bool prepare();
 
     // The formats on offer, full size first. Null before prepare(). For any thread.
@@ -48,7 +48,8 @@ public:
     // Of the whole stream; GST_CLOCK_TIME_NONE if it has no end.
     GstClockTime duration() const;
 
-    // Produces the next buffer. If size, format or aspect ratio have changed, sets *renegotiate instead.
+    // Produces the next buffer. If size, format or aspect ratio have changed, sets *renegotiate
+    // instead.
     GstFlowReturn next(GstBuffer** buffer, bool* renegotiate);
 
 private:

@@ -6,8 +6,8 @@
 
 #include "client/timeline.h"
 
-// A timeline as the element plays it. The numbers of the scale are at most 1e6, so that a unit is not
-// shorter than GStreamer's time can express; a scale beyond that counts as 1.
+// A timeline as the element plays it. The numbers of the scale are at most 1e6, so that a unit is
+// not shorter than GStreamer's time can express; a scale beyond that counts as 1.
 struct timeline : timeline_facts {
     timeline() = default;
     explicit timeline(const timeline_facts& facts);

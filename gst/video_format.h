@@ -5,9 +5,9 @@
 
 #include "client/stillimage_client.h"
 
-// SHARED: the format has the same planes, so they need no copy. REPEATED: they are copied, and missing
-// samples repeat their neighbours; chroma with a subsampling that no format has becomes 4:4:4. PACKED:
-// alpha with chroma that is not 4:2:0 is interleaved with it.
+// SHARED: the format has the same planes, so they need no copy. REPEATED: they are copied, and
+// missing samples repeat their neighbours; chroma with a subsampling that no format has becomes
+// 4:4:4. PACKED: alpha with chroma that is not 4:2:0 is interleaved with it.
 enum class plane_layout { SHARED, REPEATED, PACKED };
 
 struct frame_format {
@@ -15,11 +15,12 @@ struct frame_format {
     plane_layout layout = plane_layout::SHARED;
 };
 
-// `alpha`: whether the stream has alpha. A frame of an animation may have no alpha plane although others
-// do; it is then opaque.
+// `alpha`: whether the stream has alpha. A frame of an animation may have no alpha plane although
+// others do; it is then opaque.
 frame_format format_of(const stillimage_picture& picture, bool alpha);
 
-// Format, size, pixel aspect ratio, colorimetry and chroma site of the picture. The frame rate is 0/1.
+// Format, size, pixel aspect ratio, colorimetry and chroma site of the picture. The frame rate is
+// 0/1.
 GstVideoInfo video_info_of(const stillimage_picture& picture, bool alpha);
 
 // Whether format, size and pixel aspect ratio are the same.

@@ -1,5 +1,5 @@
-// A frame that is returned while another thread uses the connection is put into a list, and that thread
-// releases it. So no thread waits for the worker in order to free a buffer.
+// A frame that is returned while another thread uses the connection is put into a list, and that
+// thread releases it. So no thread waits for the worker in order to free a buffer.
 #include "gst/worker_link.h"
 
 #include <algorithm>
@@ -50,8 +50,8 @@ stillimage_result worker_link::in_steps(int timeout_ms, Call call)
     return STILLIMAGE_ERROR_TIMEOUT;
 }
 
-// Another thread may have added a frame to the list after it was emptied but before the connection was
-// unlocked. So the list is checked again after unlocking.
+// Another thread may have added a frame to the list after it was emptied but before the connection
+// was unlocked. So the list is checked again after unlocking.
 void worker_link::unlock_and_release()
 {
     bool more = true;

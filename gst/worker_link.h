@@ -1,5 +1,5 @@
-// The element's connection to a worker, for any thread. The streaming thread requests frames; the thread
-// that drops the last reference to a buffer releases its frame.
+// The element's connection to a worker, for any thread. The streaming thread requests frames; the
+// thread that drops the last reference to a buffer releases its frame.
 #pragma once
 
 #include <atomic>
@@ -25,8 +25,8 @@ public:
     worker_link& operator=(const worker_link&) = delete;
     ~worker_link();
 
-    // For the streaming thread only. Each returns STILLIMAGE_OK, or sets error() to the reason. A call
-    // that interrupt() cuts short returns STILLIMAGE_ERROR_TIMEOUT.
+    // For the streaming thread only. Each returns STILLIMAGE_OK, or sets error() to the reason. A
+    // call that interrupt() cuts short returns STILLIMAGE_ERROR_TIMEOUT.
     stillimage_result open(const address& where, int timeout_ms);
     stillimage_result open_again(int timeout_ms);
     stillimage_result wait_ready(); // no time limit
@@ -34,7 +34,8 @@ public:
                                 std::shared_ptr<held_frame>* frame);
     stillimage_result get_status(int timeout_ms, std::string* document);
 
-    // Processes what has arrived. *metadata: whether the item's metadata has changed since the last call.
+    // Processes what has arrived. *metadata: whether the item's metadata has changed since the last
+    // call.
     stillimage_result take_changes(bool* metadata);
 
     std::string error() const { return error_; }

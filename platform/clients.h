@@ -131,7 +131,7 @@ struct client_context_table {
 
 extern client_context_table vexa_client_contexts;
 
-// --- hooks of the program; null: none ---------------------------------------------------------------
+// --- hooks of the program; null: none -----------------------------------------------------------
 
 // A client set the metadata entry `name`; the hook may change the value.
 extern void (*vexa_on_metadata_set)(comm_socket_v4_client* client, const char* name,

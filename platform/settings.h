@@ -27,7 +27,7 @@ extern int_rational vexa_time_scale;   // units per second
 extern int64_t vexa_time_duration;     // units
 extern int vexa_video_streams;
 
-// --- their values ---------------------------------------------------------------------------------
+// --- their values -------------------------------------------------------------------------------
 
 // Replaces *variable by a copy of `text` (null: none) and frees the old text.
 void vexa_set_string(char** variable, const char* text);

@@ -24,8 +24,8 @@ bool is_letter_or_digit(char c)
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
-// Bytes of the character beyond ASCII that `text` begins with; 0 when it begins with another one, or with
-// a control character (U+0080 to U+009F).
+// Bytes of the character beyond ASCII that `text` begins with; 0 when it begins with another one,
+// or with a control character (U+0080 to U+009F).
 size_t wide_character(std::string_view text)
 {
     constexpr std::string_view first_after_controls = "\xC2\xA0"; // U+00A0

@@ -1,6 +1,6 @@
 // Default places of an item's metadata and socket. The worker and its clients derive them from the
-// picture's path in the same way, so a client needs the path of the picture only. Nothing here creates
-// a file or folder.
+// picture's path in the same way, so a client needs the path of the picture only. Nothing here
+// creates a file or folder.
 //
 //   metadata folder   $XDG_STATE_HOME/stillimage/<name>        ~/.local/state when unset
 //   comm socket       $XDG_RUNTIME_DIR/stillimage/<name>.sock  when unset, in the folder
@@ -27,8 +27,9 @@ bool name_of_picture(const char* picture, std::string* name);
 // home folder.
 bool state_folder(std::string* folder);
 
-// The folder of all items' sockets. It belongs to the user alone: create it with mode 0700. The part
-// before the last '/' is a folder of the system's, which may be shared and reached through links.
+// The folder of all items' sockets. It belongs to the user alone: create it with mode 0700. The
+// part before the last '/' is a folder of the system's, which may be shared and reached through
+// links.
 std::string runtime_folder();
 
 // The comm socket of the picture at `picture`. False with errno when the picture cannot be reached;

@@ -168,19 +168,20 @@ struct event {
 
 using packet_bytes = std::vector<unsigned char>;
 
-// A whole packet, its length filled in. Empty when metadata would exceed max_packet_size or a status
-// part exceeds max_status_part.
+// A whole packet, its length filled in. Empty when metadata would exceed max_packet_size or a
+// status part exceeds max_status_part.
 template <typename message>
 packet_bytes encode(uint64_t request, const message& from); // any message but ping
 packet_bytes encode_ping(uint64_t request, packet_type ping_or_pong, const ping& message);
 packet_bytes encode_empty(uint64_t request, packet_type type); // GET_STATUS, EXIT, DONE
 
 // The header of a received packet. False when the packet is shorter than a header or longer than
-// max_packet_size, has another magic, or its length field is not `size`. The version is not checked.
+// max_packet_size, has another magic, or its length field is not `size`. The version is not
+// checked.
 bool decode_header(const unsigned char* bytes, size_t size, packet_header* header);
 
-// A body of `size` bytes. Texts of *to point into `bytes`. Bytes after the known fields are ignored,
-// since minor versions add fields at the end.
+// A body of `size` bytes. Texts of *to point into `bytes`. Bytes after the known fields are
+// ignored, since minor versions add fields at the end.
 template <typename message>
 bool decode(const unsigned char* bytes, size_t size, message* to);
 

@@ -7,8 +7,8 @@
 
 namespace wire {
 
-// Bytes of the UTF-8 sequence that `text` begins with, 1 to 4; 0 when the text is empty or begins with an
-// invalid one. Overlong forms, surrogates and numbers beyond U+10FFFF are invalid.
+// Bytes of the UTF-8 sequence that `text` begins with, 1 to 4; 0 when the text is empty or begins
+// with an invalid one. Overlong forms, surrogates and numbers beyond U+10FFFF are invalid.
 size_t utf8_sequence_length(std::string_view text);
 
 bool is_utf8(std::string_view text);
@@ -16,9 +16,9 @@ bool is_utf8(std::string_view text);
 // The first `max_size` bytes of `text`, less a character that is cut at the end.
 std::string_view truncate_utf8(std::string_view text, size_t max_size);
 
-// Whether `text`, one whole sequence, is a control character: below U+0020, U+007F to U+009F, a line or
-// paragraph separator or a mark that changes the direction of writing (U+2028 to U+202E, U+2066 to
-// U+2069).
+// Whether `text`, one whole sequence, is a control character: below U+0020, U+007F to U+009F, a
+// line or paragraph separator or a mark that changes the direction of writing (U+2028 to U+202E,
+// U+2066 to U+2069).
 bool is_control(std::string_view text);
 
 // Valid UTF-8 for a JSON string: each byte outside a valid sequence becomes U+FFFD.

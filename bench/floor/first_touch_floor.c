@@ -1,6 +1,6 @@
-// Measures the cost of fresh shared memory: writes BYTES of it once, in bands, in the cheapest known
-// way: reserved first, then populated piece by piece just ahead of the writer. FILE is in memory and
-// is not removed here, so releasing the memory is not measured.
+// Measures the cost of fresh shared memory: writes BYTES of it once, in bands, in the cheapest
+// known way: reserved first, then populated piece by piece just ahead of the writer. FILE is in
+// memory and is not removed here, so releasing the memory is not measured.
 //
 //   first_touch_floor FILE BYTES
 #define _GNU_SOURCE

@@ -1,5 +1,5 @@
-// The minimal cost of decoding a GIF animation: the library alone delivers the indices of all frames
-// into one row that is reused.
+// The minimal cost of decoding a GIF animation: the library alone delivers the indices of all
+// frames into one row that is reused.
 //
 //   gif_floor FILE      prints its private memory in kilobytes after the last row
 #include <stdio.h>

@@ -1,5 +1,5 @@
-// The minimal cost of decoding a JPEG picture: the library alone, with the worker's settings, delivers
-// all raw component rows into one small buffer that is reused for each row group.
+// The minimal cost of decoding a JPEG picture: the library alone, with the worker's settings,
+// delivers all raw component rows into one small buffer that is reused for each row group.
 //
 //   jpeg_floor FILE     prints its private memory in kilobytes after the last row
 //

@@ -1,5 +1,6 @@
-// The minimal cost of decoding a PNG picture: the library alone, with the worker's settings, delivers
-// all rows, and each pass of an interlaced picture separately, into one row that is reused.
+// The minimal cost of decoding a PNG picture: the library alone, with the worker's settings,
+// delivers all rows, and each pass of an interlaced picture separately, into one row that is
+// reused.
 //
 //   png_floor FILE      prints its private memory in kilobytes after the last row
 #include <stdio.h>

@@ -1,6 +1,6 @@
-// The minimal cost of decoding a compressed TIFF picture: the library alone reads the strips that the
-// worker's rules require, into one buffer that is reused. By these rules, a strip that is higher than a
-// band of rows is read again from its start for the next band.
+// The minimal cost of decoding a compressed TIFF picture: the library alone reads the strips that
+// the worker's rules require, into one buffer that is reused. By these rules, a strip that is
+// higher than a band of rows is read again from its start for the next band.
 //
 //   tiff_floor FILE     prints its private memory in kilobytes after the last row
 #include <stdio.h>

@@ -1,6 +1,6 @@
-// The minimal cost of decoding a WebP picture: the library alone, with the worker's settings, decodes
-// to Y, U, V (and A). It needs planes of the picture's size, so one small piece of memory is mapped
-// repeatedly over the whole address range, and only that piece is ever touched.
+// The minimal cost of decoding a WebP picture: the library alone, with the worker's settings,
+// decodes to Y, U, V (and A). It needs planes of the picture's size, so one small piece of memory
+// is mapped repeatedly over the whole address range, and only that piece is ever touched.
 //
 //   webp_floor FILE     prints its private memory in kilobytes after decoding
 #define _GNU_SOURCE

@@ -1,5 +1,5 @@
-// Applying K to the samples of YCCK and CMYK pictures, over runs of samples. Products of two samples
-// are divided by 255, truncating toward zero.
+// Applying K to the samples of YCCK and CMYK pictures, over runs of samples. Products of two
+// samples are divided by 255, truncating toward zero.
 #pragma once
 
 #include <cstddef>

@@ -1,8 +1,8 @@
 // From interleaved pixels to planes, a run of pixels at a time.
 //
 // Any count, any alignment. Exactly `count` pixels are read and `count` samples are written to each
-// plane, some of them more than once. Pixels and planes do not overlap. All versions follow the rules
-// of colour_rules.h to the byte.
+// plane, some of them more than once. Pixels and planes do not overlap. All versions follow the
+// rules of colour_rules.h to the byte.
 #pragma once
 
 #include <cstddef>
@@ -31,7 +31,8 @@ void grey_to_planes(const unsigned char* grey, size_t count, const sample_planes
 // Full-range grey to Y in video range, alpha copied. U and V are not written.
 void grey_alpha_to_planes(const unsigned char* grey_alpha, size_t count, const sample_planes& to);
 
-// Deinterleaves converted pixels: Y, U, V, A of one byte each. Without an A plane alpha is left out.
+// Deinterleaves converted pixels: Y, U, V, A of one byte each. Without an A plane alpha is left
+// out.
 void yuva_to_planes(const unsigned char* yuva, size_t count, const sample_planes& to);
 
 // --- palettes -----------------------------------------------------------------------------------

@@ -1,6 +1,6 @@
-// The arithmetic of the SSSE3 version on 32 pixels. The lower half of every register holds pixels of
-// the first sixteen and the upper half pixels of the last sixteen. Packing works on each half, so
-// the samples stay in order.
+// The arithmetic of the SSSE3 version on 32 pixels. The lower half of every register holds pixels
+// of the first sixteen and the upper half pixels of the last sixteen. Packing works on each half,
+// so the samples stay in order.
 #include "bin/decode/colour_rows.h"
 
 #ifdef __x86_64__
@@ -98,7 +98,8 @@ TARGET_AVX2 inline void rgb_block(const unsigned char* pixels, const sample_plan
 {
     constexpr size_t half = size_t{16} * 3;
     const __m256i order = both(_mm_setr_epi8(0, 1, 3, 4, 6, 7, 9, 10, 2, -1, 5, -1, 8, -1, 11, -1));
-    // The last load ends with the last pixel, so its four pixels are in the upper part of each half.
+    // The last load ends with the last pixel, so its four pixels are in the upper part of each
+    // half.
     const __m256i last_order =
         both(_mm_setr_epi8(4, 5, 7, 8, 10, 11, 13, 14, 6, -1, 9, -1, 12, -1, 15, -1));
     const unsigned char* from = pixels + 3 * at;

@@ -1,5 +1,5 @@
-// The canvas persists from frame to frame. Each unit is written completely, however little of the canvas
-// has changed. The canvas has the planes' stride, so its padding columns are converted too.
+// The canvas persists from frame to frame. Each unit is written completely, however little of the
+// canvas has changed. The canvas has the planes' stride, so its padding columns are converted too.
 #include "bin/decode/gif.h"
 
 #include <algorithm>

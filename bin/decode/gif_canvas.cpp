@@ -1,6 +1,7 @@
-// First a table of 256 pixels is made from the frame's colours. Indices beyond the colour map get its
-// first colour; a transparent index that an earlier frame declared gets the cleared pixel. Drawing then
-// takes one look-up per pixel, and a comparison when the frame declares a transparent index itself.
+// First a table of 256 pixels is made from the frame's colours. Indices beyond the colour map get
+// its first colour; a transparent index that an earlier frame declared gets the cleared pixel.
+// Drawing then takes one look-up per pixel, and a comparison when the frame declares a transparent
+// index itself.
 #include "bin/decode/gif_canvas.h"
 
 #include <algorithm>
@@ -107,8 +108,8 @@ std::optional<screen_area> visible_area(const GifImageDesc& frame)
 
 // --- drawing ------------------------------------------------------------------------------------
 
-// Kept as is: when the screen does not start in the background colour, as many of its first rows are
-// cleared as the first frame is high, wherever that frame lies.
+// Kept as is: when the screen does not start in the background colour, as many of its first rows
+// are cleared as the first frame is high, wherever that frame lies.
 void prepare_screen(const gif_canvas& canvas, const SavedImage& frame, const ColorMapObject& map,
                     bool transparent)
 {

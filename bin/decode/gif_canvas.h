@@ -1,8 +1,8 @@
 // Composing an animation: frames drawn onto a canvas of the screen's size, in four-byte pixels.
 //
-// Drawing does not depend on what the four bytes mean. The decoder's canvas holds converted pixels (Y,
-// U, V, A), so a colour is converted once per frame and not once per pixel. The functions named after
-// RGBA draw R, G, B, A with the same algorithm.
+// Drawing does not depend on what the four bytes mean. The decoder's canvas holds converted pixels
+// (Y, U, V, A), so a colour is converted once per frame and not once per pixel. The functions named
+// after RGBA draw R, G, B, A with the same algorithm.
 //
 // The screen, its background and the global colours are those of gif_image.
 #pragma once
@@ -37,8 +37,8 @@ extern bool gif_last_transparency;
 extern unsigned char gif_last_transparent_color;
 
 // Draws a frame, clipped to the screen; with `first` it prepares the screen before. A frame without
-// colours leaves the canvas as it is; a frame without a raster adds no pixels. Serves the comm socket
-// every 64 rows; DIE4 ends it early.
+// colours leaves the canvas as it is; a frame without a raster adds no pixels. Serves the comm
+// socket every 64 rows; DIE4 ends it early.
 void draw_gif_frame(const gif_canvas& canvas, const SavedImage& frame, bool first);
 
 // Restores the frame's rectangle to the background: cleared when the frame declares a transparent
@@ -54,8 +54,8 @@ void gif_to_RGBA(unsigned char* rgba, unsigned long pitch, SavedImage* image, bo
 void gif_RGBA_bgcolor(unsigned char* rgba, unsigned long pitch, SavedImage* image);
 // NOLINTEND(readability-identifier-naming)
 
-// To be called after each row of long work: serves the comm socket every 64 rows. False once a signal
-// has asked the process to end.
+// To be called after each row of long work: serves the comm socket every 64 rows. False once a
+// signal has asked the process to end.
 bool go_on_after_gif_row(size_t row);
 
 void reset_gif_canvas(); // back to the values at program start

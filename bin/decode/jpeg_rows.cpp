@@ -1,11 +1,12 @@
 // For each row group a band of 32 or 64 rows is mapped at the next row. By rule the whole band is
-// black before the library writes its group into the top of it. The groups that follow overwrite all
-// but the last band, so black is painted only where it stays: in the stride padding, in the rows of a
-// group that the library leaves out, and, when the loop ends, below the last group.
+// black before the library writes its group into the top of it. The groups that follow overwrite
+// all but the last band, so black is painted only where it stays: in the stride padding, in the
+// rows of a group that the library leaves out, and, when the loop ends, below the last group.
 //
-// The library writes whole blocks. Usually they fit the stride and go straight into the plane. Blocks
-// of other sizes than 8 may be wider than the stride; these go through scratch rows. A group may also
-// have more than the 16 rows that a decoder accepts; one surplus row receives all of those.
+// The library writes whole blocks. Usually they fit the stride and go straight into the plane.
+// Blocks of other sizes than 8 may be wider than the stride; these go through scratch rows. A group
+// may also have more than the 16 rows that a decoder accepts; one surplus row receives all of
+// those.
 #include "bin/decode/jpeg_rows.h"
 
 #include <algorithm>
@@ -128,8 +129,8 @@ uint64_t read_raw_rows(JSAMPIMAGE components, JDIMENSION room)
     return drawn;
 }
 
-// Draws the next row group into the top of the band and returns its luma rows: 0 when the library has
-// none, `stopped` when a signal ended the reading.
+// Draws the next row group into the top of the band and returns its luma rows: 0 when the library
+// has none, `stopped` when a signal ended the reading.
 uint64_t read_row_group(const jpeg_variant& variant, const plane_band& band, unsigned char* k_rows,
                         uint64_t row)
 {

@@ -1,6 +1,6 @@
 // The row loop of the JPEG decoders. The library delivers raw component rows, one row group at a
-// time (its smallest unit, usually 8 or 16 luma rows), straight into the frame buffer's planes. What
-// differs between the colour models is a row of a table.
+// time (its smallest unit, usually 8 or 16 luma rows), straight into the frame buffer's planes.
+// What differs between the colour models is a row of a table.
 #pragma once
 
 #include <cstdint>
@@ -26,6 +26,6 @@ inline constexpr int max_jpeg_group_rows = 16;
 // component: max_jpeg_group_rows rows of image_stride_Y bytes, zeroed by the caller and reused for
 // each group. It is null for pictures without a fourth component.
 //
-// Returns -1 when decompression could not be started. Returns 0 otherwise, also when the loop stopped
-// early (the reason is printed, none for DIE4); the rest of the current band is then black.
+// Returns -1 when decompression could not be started. Returns 0 otherwise, also when the loop
+// stopped early (the reason is printed, none for DIE4); the rest of the current band is then black.
 int decode_jpeg_rows(const jpeg_variant& variant, unsigned char* k_rows);

@@ -23,8 +23,8 @@ uint64_t work_allowed()
     return max_scan_work + file_size * scan_work_per_byte;
 }
 
-// The library finds the marker that ends a scan's data while it decodes the last rows, or long before
-// when the data is short.
+// The library finds the marker that ends a scan's data while it decodes the last rows, or long
+// before when the data is short.
 uint64_t work_of_coefficient()
 {
     const jpeg_decompress_struct& cinfo = *jpeg_decompress;
@@ -61,10 +61,10 @@ uint64_t work_of_step()
            work_of_block();
 }
 
-// Called by the library for each row of blocks of each scan. Serving clients from inside the library
-// is safe because nothing that they can request calls it. The limits are needed because an empty scan
-// takes ten bytes of file and a walk over all coefficients, and with arithmetic coding a full scan
-// takes hardly more.
+// Called by the library for each row of blocks of each scan. Serving clients from inside the
+// library is safe because nothing that they can request calls it. The limits are needed because an
+// empty scan takes ten bytes of file and a walk over all coefficients, and with arithmetic coding a
+// full scan takes hardly more.
 void watch_start(j_common_ptr /*cinfo*/)
 {
     quickidle_comm();

@@ -65,7 +65,8 @@ using plane_samples = std::array<unsigned char, plane_count>;
 
 inline constexpr plane_samples opaque_black = {16, 128, 128, 255};
 
-// In the plane's own rows and columns: rows `first` to `last` - 1, from `column` to the stride's end.
+// In the plane's own rows and columns: rows `first` to `last` - 1, from `column` to the stride's
+// end.
 struct plane_area {
     uint64_t first;
     uint64_t last;

@@ -1,12 +1,12 @@
 // One row loop for all colour types; what differs between them is a row of a table.
 //
 // By rule a batch is black before its rows are read, and 64 rows are read before the first is
-// converted. Here a few rows at a time pass through the same staging rows, and black is painted only
-// when the library fails; the planes end with the same bytes.
+// converted. Here a few rows at a time pass through the same staging rows, and black is painted
+// only when the library fails; the planes end with the same bytes.
 //
-// The library may jump out of png_read_rows. read_armed arms the jump, calls read_batches and handles
-// the jump; no frame from there down holds an object with a destructor. The current batch, which is
-// needed after a jump, lives in the caller's frame.
+// The library may jump out of png_read_rows. read_armed arms the jump, calls read_batches and
+// handles the jump; no frame from there down holds an object with a destructor. The current batch,
+// which is needed after a jump, lives in the caller's frame.
 #include "bin/decode/png.h"
 
 #include <algorithm>
@@ -56,8 +56,8 @@ struct png_variant {
     colour_run convert; // stride padding included; gets the Y plane when there are no staging rows
 };
 
-// The library leaves the padding columns as they were, so their values may exceed the depth; only the
-// low byte of the product is kept.
+// The library leaves the padding columns as they were, so their values may exceed the depth; only
+// the low byte of the product is kept.
 void scale_to_8_bits(unsigned char* samples, size_t count, unsigned depth)
 {
     const unsigned max_sample = (1U << depth) - 1;
@@ -226,9 +226,9 @@ bool read_armed(const png_variant& variant, unsigned char* staging, plane_band* 
     return true;
 }
 
-// Reads and converts the open picture and reports progress. Returns -1, with the reader closed, when
-// the picture is interlaced or there is no memory. Returns 0 otherwise, also when the loop stopped
-// early (the reason is printed, none for DIE4).
+// Reads and converts the open picture and reports progress. Returns -1, with the reader closed,
+// when the picture is interlaced or there is no memory. Returns 0 otherwise, also when the loop
+// stopped early (the reason is printed, none for DIE4).
 int decode_png(const png_variant& variant)
 {
     unsigned char* staging = nullptr;

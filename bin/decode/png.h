@@ -1,8 +1,8 @@
 // PNG pictures without interlacing, one decoder for each colour type.
 #pragma once
 
-// All need an examined PNG and an allocated frame buffer. They return 0, also when only a part of the
-// picture could be drawn, and -1, with the reader closed, when the decoder could not start.
+// All need an examined PNG and an allocated frame buffer. They return 0, also when only a part of
+// the picture could be drawn, and -1, with the reader closed, when the decoder could not start.
 int full_decode_png_rgb();
 int full_decode_png_rgba();
 int full_decode_png_grayscale();       // any depth, scaled to 8 bits

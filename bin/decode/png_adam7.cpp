@@ -1,7 +1,7 @@
 // A row of a pass is converted to samples in one go. Its blocks are painted into one row of each
-// plane, and that row is copied down to the other rows of the blocks. The copy includes what earlier
-// passes left between the blocks: there the rows are equal, because those passes painted larger
-// blocks on the same grid.
+// plane, and that row is copied down to the other rows of the blocks. The copy includes what
+// earlier passes left between the blocks: there the rows are equal, because those passes painted
+// larger blocks on the same grid.
 #include "bin/decode/png_adam7.h"
 
 #include <algorithm>
@@ -222,8 +222,8 @@ bool draw_passes_armed(const colour_model& model, unsigned char* pixels, int* nu
     return true;
 }
 
-// A termination signal ends every remaining pass at once, with what follows it; a library error skips
-// them.
+// A termination signal ends every remaining pass at once, with what follows it; a library error
+// skips them.
 void draw_picture(const colour_model& model, unsigned char* pixels)
 {
     int number = 0;

@@ -9,7 +9,7 @@ void png_rgb2yuv(unsigned char r, unsigned char g, unsigned char b, int* yuv);
 // The same for an entry of the palette. An index beyond the palette gives black and reads nothing.
 void png_pal2yuv(unsigned char index, png_color_struct* palette, int num_palette, int* yuv);
 
-// Converts the palette of the open file into palette_colours (colour_rows.h): opaque, and black for every index beyond
-// the palette. Returns 0, or -1 with a message printed and the reader closed. `decoder` is the caller's
-// name, for the invariant that a palette that was found is not null.
+// Converts the palette of the open file into palette_colours (colour_rows.h): opaque, and black for
+// every index beyond the palette. Returns 0, or -1 with a message printed and the reader closed.
+// `decoder` is the caller's name, for the invariant that a palette that was found is not null.
 int prepare_png_palette(const char* decoder);

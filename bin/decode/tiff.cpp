@@ -231,8 +231,8 @@ bool prepare_colours(const tiff_variant& variant)
 }
 
 // Reads and draws every strip and reports progress. Returns -1, with a message, when there is no
-// memory for a strip or no palette. Returns 0 otherwise, also when the loop stopped early (the reason
-// is printed, none for DIE4).
+// memory for a strip or no palette. Returns 0 otherwise, also when the loop stopped early (the
+// reason is printed, none for DIE4).
 int decode_tiff(const tiff_variant& variant)
 {
     check_examination(variant.name);

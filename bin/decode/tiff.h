@@ -1,5 +1,6 @@
-// TIFF pictures into the frame buffer's planes, one decoder for each colour model. Samples of 8 bits
-// are drawn, for grayscale also samples of 1 bit. Pictures of other depths are read and stay black.
+// TIFF pictures into the frame buffer's planes, one decoder for each colour model. Samples of 8
+// bits are drawn, for grayscale also samples of 1 bit. Pictures of other depths are read and stay
+// black.
 #pragma once
 
 // All need an examined TIFF and an allocated frame buffer. They return 0, also when only a part of

@@ -1,8 +1,8 @@
-// The first call requests zero bytes of the strip. The library then reads the strip's data and sets up
-// the codec, as for the whole strip and with the same messages. The rows follow. When anything about
-// them is unusual, even a warning, the whole strip is decoded again in one call, and only that result
-// counts: the library's messages name the position in the strip, and some codecs resume at the end of
-// the row after an error.
+// The first call requests zero bytes of the strip. The library then reads the strip's data and sets
+// up the codec, as for the whole strip and with the same messages. The rows follow. When anything
+// about them is unusual, even a warning, the whole strip is decoded again in one call, and only
+// that result counts: the library's messages name the position in the strip, and some codecs resume
+// at the end of the row after an error.
 #include "bin/decode/tiff_large_strip.h"
 
 #include <cstring>
@@ -14,10 +14,11 @@
 
 namespace {
 
-// Codecs that decode row by row exactly as in one call. Not in the list: codecs that always decode a
-// whole strip (JBIG, LERC, WebP); Deflate, which the library decodes faster in whole strips; and LZMA,
-// which is so slow that decoding a damaged strip a second time would take seconds. (A ZSTD strip of
-// several frames, which no encoder writes, ends after the first frame when it is decoded in one call.)
+// Codecs that decode row by row exactly as in one call. Not in the list: codecs that always decode
+// a whole strip (JBIG, LERC, WebP); Deflate, which the library decodes faster in whole strips; and
+// LZMA, which is so slow that decoding a damaged strip a second time would take seconds. (A ZSTD
+// strip of several frames, which no encoder writes, ends after the first frame when it is decoded
+// in one call.)
 struct row_codec {
     uint16_t compression;
     bool may_keep_rows; // false: rows after a strip's early end would differ
@@ -73,8 +74,8 @@ outcome read_rows(unsigned char* to, uint64_t rows, bool keeps_rows)
     return outcome::DONE;
 }
 
-// Moves the library to the row where a single call would leave it. When it cannot read the next strip,
-// its message names that row.
+// Moves the library to the row where a single call would leave it. When it cannot read the next
+// strip, its message names that row.
 void restore_position(uint32_t strip)
 {
     unsigned char no_data[2] = {0x80, 0}; // not the start of an old-style LZW strip

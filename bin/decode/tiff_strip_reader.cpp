@@ -15,8 +15,8 @@ namespace {
 
 constexpr uint64_t no_strip = UINT64_MAX;
 
-// Rows of separate planes hold one sample per pixel, but the converters read several. So this many bytes
-// per pixel follow the last row.
+// Rows of separate planes hold one sample per pixel, but the converters read several. So this many
+// bytes per pixel follow the last row.
 constexpr uint64_t spare_pixel_bytes = 6;
 static_assert(spare_pixel_bytes >= max_tiff_pixel_bytes);
 
@@ -56,8 +56,8 @@ uint64_t read_encoded_strip(const strip_buffer& buffer, uint64_t strip, uint64_t
     return got;
 }
 
-// Keeps the first `kept` bytes and clears the rest. Unused samples are not cleared: that would touch
-// memory that was never written.
+// Keeps the first `kept` bytes and clears the rest. Unused samples are not cleared: that would
+// touch memory that was never written.
 void clear(strip_buffer* buffer, uint64_t kept)
 {
     if (buffer->keeps_rows) {

@@ -1,10 +1,10 @@
-// By rule the visible rows are black before the library writes over them. Of a good picture the library
-// leaves only the stride padding unwritten, so only the padding is painted, and afterwards. A picture
-// that fails gets all of the black and is decoded once more on top of it: the library writes the same
-// rows again.
+// By rule the visible rows are black before the library writes over them. Of a good picture the
+// library leaves only the stride padding unwritten, so only the padding is painted, and afterwards.
+// A picture that fails gets all of the black and is decoded once more on top of it: the library
+// writes the same rows again.
 //
-// Chroma rows below the picture repeat its last one. The filter that makes the reduced levels reads them,
-// and any other content would tint the bottom of each level.
+// Chroma rows below the picture repeat its last one. The filter that makes the reduced levels reads
+// them, and any other content would tint the bottom of each level.
 #include "bin/decode/webp.h"
 
 #include <cstdio>

@@ -1,5 +1,5 @@
-// The picture formats that are served: what identification, examination and clean-up need to know of
-// each, in one table. Which decoder reads a format is decided in bin/decode_dispatch.cpp.
+// The picture formats that are served: what identification, examination and clean-up need to know
+// of each, in one table. Which decoder reads a format is decided in bin/decode_dispatch.cpp.
 #pragma once
 
 #include <span>

@@ -28,8 +28,8 @@ uint64_t round_up(int size)
     return static_cast<uint64_t>(round_up_to_16(size));
 }
 
-// How many frames to keep: as many as the platform's memory could hold if they had no scanline lists
-// and no reduced levels. More can never be decoded.
+// How many frames to keep: as many as the platform's memory could hold if they had no scanline
+// lists and no reduced levels. More can never be decoded.
 uint64_t frames_to_keep()
 {
     if (vexa_identify_only || vexa_create_meta) {

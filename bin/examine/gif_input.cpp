@@ -18,8 +18,8 @@ struct gif_source {
 
 gif_source source = {{-1, 0}, 0, 0, {}};
 
-// Reads the next bytes of the file. False at its end, and when reading must stop: for a single pixel
-// the library may read any number of bytes.
+// Reads the next bytes of the file. False at its end, and when reading must stop: for a single
+// pixel the library may read any number of bytes.
 bool refill()
 {
     source.at = 0;

@@ -1,6 +1,6 @@
 // The library's own loader reorders the rows of interlaced frames, leaves the missing pixels of a
-// truncated frame uninitialised, and cannot be interrupted. So this unit reads the records one by one
-// and the rasters row by row.
+// truncated frame uninitialised, and cannot be interrupted. So this unit reads the records one by
+// one and the rasters row by row.
 #include "bin/examine/gif_loading.h"
 
 #include <algorithm>
@@ -23,8 +23,8 @@ constexpr int max_row_width = 65535;
 constexpr int work_between_pumps = 16384;
 constexpr int work_of_a_record = 256;
 
-// Limit on the pixels off the screen that are read from one file, one or two seconds of work. No honest
-// file comes near it, but a few bytes can hold thousands of pixels.
+// Limit on the pixels off the screen that are read from one file, one or two seconds of work. No
+// honest file comes near it, but a few bytes can hold thousands of pixels.
 constexpr uint64_t max_unseen_pixels = uint64_t{1} << 29;
 
 struct gif_reading {
@@ -202,8 +202,9 @@ bool declares_transparency(const GifByteType* block)
     return (block[0] & 1) != 0;
 }
 
-// A frame takes disposal and delay from its last block, and its transparent index from the last block
-// that has one. So at most two blocks matter: one that declares transparency, then one that does not.
+// A frame takes disposal and delay from its last block, and its transparent index from the last
+// block that has one. So at most two blocks matter: one that declares transparency, then one that
+// does not.
 void drop_superseded_blocks(GifFileType* gif, const GifByteType* newer)
 {
     if (declares_transparency(newer)) {

@@ -11,9 +11,9 @@ int sniff_file_type(const unsigned char* begin, const unsigned char* end);
 // 0 for the number of a format; else prints the refusal and returns 1.
 int check_identified_type(int type);
 
-// Sets image_file_type. When vexa_file_type is set, its type is taken as it is, without a look at the
-// file. Otherwise the type is found in the file's content, vexa_file_type is set from it, and the
-// metadata is marked for writing.
-// Returns 0, with *sniffed true when the content decided; 1 after a message; -1, without a message,
-// for a file that is not regular or has fewer than 16 bytes.
+// Sets image_file_type. When vexa_file_type is set, its type is taken as it is, without a look at
+// the file. Otherwise the type is found in the file's content, vexa_file_type is set from it, and
+// the metadata is marked for writing. Returns 0, with *sniffed true when the content decided; 1
+// after a message; -1, without a message, for a file that is not regular or has fewer than 16
+// bytes.
 int identify_file(bool* sniffed);

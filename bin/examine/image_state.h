@@ -1,5 +1,5 @@
-// The image state: what examination finds out about the picture. Written by bin/examine, read by all
-// later stages. There are two later writers: the alpha test of the mipmap pyramid clears
+// The image state: what examination finds out about the picture. Written by bin/examine, read by
+// all later stages. There are two later writers: the alpha test of the mipmap pyramid clears
 // image_has_alpha_channel, and the GIF decoder fills the timeline.
 #pragma once
 

@@ -6,8 +6,8 @@
 
 #include <jpeglib.h>
 
-// Opens the picture and reads its header. Returns 0 with the picture's size, chroma shifts, alpha and
-// monochrome flags in the image state, and with the library objects of jpeg_reader.h open for a
+// Opens the picture and reads its header. Returns 0 with the picture's size, chroma shifts, alpha
+// and monochrome flags in the image state, and with the library objects of jpeg_reader.h open for a
 // decoder. Returns -1 after a message, with everything closed.
 int examine_jpeg_file();
 

@@ -1,6 +1,7 @@
 // A marker is 0xFF and a code; most are followed by a big-endian length that includes its own two
-// bytes. The walk uses these lengths to jump from marker to marker and ignores what lies between. The
-// entropy-coded data after a start of scan has no length, so it is searched for the next marker.
+// bytes. The walk uses these lengths to jump from marker to marker and ignores what lies between.
+// The entropy-coded data after a start of scan has no length, so it is searched for the next
+// marker.
 //
 // Positions are offsets from the first byte. A position is at the end when at most two bytes are
 // left.

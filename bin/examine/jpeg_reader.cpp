@@ -98,7 +98,8 @@ void finish_or_abort_decompress()
 
 void free_decompressor()
 {
-    // Without a memory manager the library has not created the object, and must not be called with it.
+    // Without a memory manager the library has not created the object, and must not be called with
+    // it.
     if (jpeg_decompress->mem != nullptr) {
         if (jpeg_should_abort != 0) {
             setjmp_abort_unexpected();

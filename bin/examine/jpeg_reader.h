@@ -1,8 +1,8 @@
 // The one JPEG stream of the process with its library objects, and the handling of fatal library
 // errors.
 //
-// The library reports a fatal error by a callback that must not return. A call site that can recover
-// from an error arms the jump, only for as long as its own frame lives:
+// The library reports a fatal error by a callback that must not return. A call site that can
+// recover from an error arms the jump, only for as long as its own frame lives:
 //
 //     if (setjmp(jpeg_error_jumpto) == 0) {
 //         jpeg_error_armed = true;
@@ -14,8 +14,8 @@
 //
 // Everywhere else a fatal error ends the process.
 //
-// While rows are read the jump for errors is not armed. A second jump, armed in the same way, leaves
-// the library there when a termination signal stops reading.
+// While rows are read the jump for errors is not armed. A second jump, armed in the same way,
+// leaves the library there when a termination signal stops reading.
 #pragma once
 
 #include <csetjmp>
@@ -39,8 +39,8 @@ extern bool jpeg_error_armed; // jpeg_error_jumpto belongs to a live frame
 extern jmp_buf jpeg_stop_jumpto;
 extern bool jpeg_stop_armed; // jpeg_stop_jumpto belongs to a live frame
 
-// Jumps to the call site that is armed for errors, else to the one armed for stops. Returns when none
-// is armed.
+// Jumps to the call site that is armed for errors, else to the one armed for stops. Returns when
+// none is armed.
 void leave_jpeg_library();
 
 // Disarms the jump: from now on a fatal library error prints its own line and ends the process.

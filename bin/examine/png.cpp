@@ -1,6 +1,6 @@
 // Jumps of the library: each function that calls setjmp arms the jump, calls one inner function and
-// checks how that ended. No frame from there down holds an object with a destructor, and what is read
-// after a jump does not change after setjmp.
+// checks how that ended. No frame from there down holds an object with a destructor, and what is
+// read after a jump does not change after setjmp.
 #include "bin/examine/png.h"
 
 #include <algorithm>
@@ -148,8 +148,8 @@ void destroy_reader_armed()
     INVARIANT(png_context_end == nullptr, "png_context_end == __null");
 }
 
-// Before it reads a chunk, the library allocates and clears as many bytes as the chunk claims to have,
-// even beyond the library's own limit on chunks, and it keeps what it reads.
+// Before it reads a chunk, the library allocates and clears as many bytes as the chunk claims to
+// have, even beyond the library's own limit on chunks, and it keeps what it reads.
 png_voidp allocate_limited(png_structp /*context*/, png_alloc_size_t size)
 {
     void* const block = size <= max_memory - memory_taken ? malloc(size) : nullptr;

@@ -1,7 +1,8 @@
 // PNG: opens the picture with libpng, examines its header, and closes the reader.
 //
-// After a successful examination the reader is positioned at the first row and set up to deliver every
-// sample as one byte: 16 bits are scaled to 8; samples of fewer than 8 bits are unpacked, not scaled.
+// After a successful examination the reader is positioned at the first row and set up to deliver
+// every sample as one byte: 16 bits are scaled to 8; samples of fewer than 8 bits are unpacked, not
+// scaled.
 #pragma once
 
 #include <cstdio>
@@ -23,18 +24,19 @@ extern int png_interlace_method; // 0 none, 1 Adam7
 extern int png_compression_method;
 extern int png_filter_method;
 
-// Returns 0 with the reader open and the image state set; -1 with everything closed, after a message.
-// When a picture is open already, prints a message, changes nothing and returns -1.
+// Returns 0 with the reader open and the image state set; -1 with everything closed, after a
+// message. When a picture is open already, prints a message, changes nothing and returns -1.
 int examine_png_file();
 
 // True for a size that can be served.
 bool png_size_is_acceptable(png_uint_32 width, png_uint_32 height);
 
-// Disarms the jump: from now on a library error prints a message and ends the process. A function that
-// arms png_jmpbuf(png_context) calls this before it returns. Needs an open reader.
+// Disarms the jump: from now on a library error prints a message and ends the process. A function
+// that arms png_jmpbuf(png_context) calls this before it returns. Needs an open reader.
 void png_abort_unexpected();
 
-// Print a message of the library as one line. Both return; after an error the library then jumps by itself.
+// Print a message of the library as one line. Both return; after an error the library then jumps by
+// itself.
 void png_error_cb(png_structp context, png_const_charp message);
 void png_warning_cb(png_structp context, png_const_charp message);
 

@@ -80,8 +80,8 @@ bool is_letter(unsigned char c)
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-// The name of an ancillary chunk begins with a small letter. Invalid chunks go to the library, which
-// refuses them.
+// The name of an ancillary chunk begins with a small letter. Invalid chunks go to the library,
+// which refuses them.
 bool is_wanted(const unsigned char* name, uint32_t length)
 {
     const bool is_valid = std::all_of(name, name + name_bytes, is_letter) && length <= INT32_MAX;

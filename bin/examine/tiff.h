@@ -23,12 +23,12 @@ extern uint32_t tiff_bytes_per_row;
 extern uint32_t tiff_stripsize; // bytes
 extern uint32_t tiff_strips;
 
-// Returns 0 with the picture open and the image state set; 1 with everything closed, after a message.
-// When a picture is open already, prints a message, changes nothing and returns 1.
+// Returns 0 with the picture open and the image state set; 1 with everything closed, after a
+// message. When a picture is open already, prints a message, changes nothing and returns 1.
 int examine_tiff_file();
 
-// Closes the picture, if open, and zeroes the tag values except size, orientation and ink set. May run
-// twice.
+// Closes the picture, if open, and zeroes the tag values except size, orientation and ink set. May
+// run twice.
 void free_all_tiff();
 
 void reset_tiff(); // closes the picture and restores the values at program start

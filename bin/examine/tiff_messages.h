@@ -13,8 +13,8 @@ enum tiff_message_fate : int {
 // Installs this unit's handlers in the library. From now on messages are printed.
 void install_tiff_messages();
 
-// Sets what happens to the messages from now on. Clears the remembered messages or the count when it
-// starts to remember or to count.
+// Sets what happens to the messages from now on. Clears the remembered messages or the count when
+// it starts to remember or to count.
 void set_tiff_message_fate(tiff_message_fate fate);
 
 // The number of messages since counting started.

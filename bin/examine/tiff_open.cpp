@@ -14,11 +14,11 @@
 
 namespace {
 
-// --- the file as the library reads it -------------------------------------------------------------
+// --- the file as the library reads it -----------------------------------------------------------
 
-// The values of a directory's tags may overlap in the file, and the library copies them for each tag:
-// one megabyte that thousands of tags point to would become gigabytes. So the bytes read while a file
-// is opened are limited. An honest file is read once at most, one with old-style JPEG twice.
+// The values of a directory's tags may overlap in the file, and the library copies them for each
+// tag: one megabyte that thousands of tags point to would become gigabytes. So the bytes read while
+// a file is opened are limited. An honest file is read once at most, one with old-style JPEG twice.
 struct tiff_file {
     picture_input input;
     bool is_opening;
@@ -58,8 +58,8 @@ bool is_allowed(tiff_file* file, uint64_t bytes)
     return !file->is_over_allowance;
 }
 
-// Serves clients. False when a signal asked the process to end; the library's messages about that are
-// dropped. Small reads of an open file continue, so that a strip already begun is drawn.
+// Serves clients. False when a signal asked the process to end; the library's messages about that
+// are dropped. Small reads of an open file continue, so that a strip already begun is drawn.
 bool may_read(tiff_file* file)
 {
     if (!file->is_opening && file->since_poll < max_read) {
@@ -74,8 +74,9 @@ bool may_read(tiff_file* file)
     return false;
 }
 
-// While the file is opened, it ends where reading was stopped. Later every read appears to be complete:
-// the library would clear the missing part of a strip, which takes longer than reading it.
+// While the file is opened, it ends where reading was stopped. Later every read appears to be
+// complete: the library would clear the missing part of a strip, which takes longer than reading
+// it.
 uint64_t bytes_after_stop(const tiff_file& file, unsigned char* to, uint64_t done, uint64_t wanted)
 {
     constexpr uint64_t any_header = 4096;
@@ -131,7 +132,7 @@ int close_file(thandle_t handle)
     return result;
 }
 
-// --- opening ----------------------------------------------------------------------------------------
+// --- opening ------------------------------------------------------------------------------------
 
 constexpr const char* open_mode = "rm"; // "m": not mapped
 

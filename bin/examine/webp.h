@@ -10,8 +10,8 @@ extern uint8_t* webp_image;
 extern uint64_t webp_size;
 extern WebPBitstreamFeatures webp_bf_features;
 
-// The decoder's configuration. While webp_deccfg_init is set, its output buffer must be freed. Written
-// by the WebP decoder, freed here.
+// The decoder's configuration. While webp_deccfg_init is set, its output buffer must be freed.
+// Written by the WebP decoder, freed here.
 extern WebPDecoderConfig webp_deccfg;
 extern bool webp_deccfg_init;
 

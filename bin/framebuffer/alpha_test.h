@@ -13,8 +13,8 @@ enum alpha_verdict {
     ALPHA_UNDECIDED,   // DIE4 ended the test
 };
 
-// Reads the visible samples of the picture's A plane, which must exist, up to the first transparent one.
-// Skips rows that cannot be mapped. Serves the comm socket between bands of rows.
+// Reads the visible samples of the picture's A plane, which must exist, up to the first transparent
+// one. Skips rows that cannot be mapped. Serves the comm socket between bands of rows.
 alpha_verdict test_alpha_plane(const mipmap_image& picture);
 
 // Whether any of the samples is below opaque_from.

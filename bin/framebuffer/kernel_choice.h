@@ -26,8 +26,8 @@ const version& best_version(std::span<const version> versions)
     return versions.back();
 }
 
-// Attributes, not compiler options for a whole file: inline functions from headers would be compiled
-// for that processor too, and the linker might keep those copies for the whole program.
+// Attributes, not compiler options for a whole file: inline functions from headers would be
+// compiled for that processor too, and the linker might keep those copies for the whole program.
 #ifdef __x86_64__
 #define TARGET_SSSE3 __attribute__((target("ssse3")))
 #define TARGET_AVX2 __attribute__((target("avx2")))

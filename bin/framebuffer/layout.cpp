@@ -60,8 +60,8 @@ mipmap_image level_shape(unsigned shift)
     mipmap_image level = {};
     level.width = static_cast<int32_t>(halved_rounding_up(image_width, shift));
     level.height = static_cast<int32_t>(halved_rounding_up(image_height, shift));
-    // As many rows as the full size, whatever the level's own height, and two more: the pyramid also
-    // writes its chroma planes over the luma's number of rows.
+    // As many rows as the full size, whatever the level's own height, and two more: the pyramid
+    // also writes its chroma planes over the luma's number of rows.
     level.buffer_height = image_buffer_height + 2;
     const auto width = static_cast<uint64_t>(level.width);
     const uint64_t luma_stride = round_up(width, level_stride_multiple);

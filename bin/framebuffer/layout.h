@@ -1,8 +1,8 @@
 // Frame buffer layout: where every plane of every picture lies in the one shared allocation.
 // Byte for byte, with a worked example: docs/frame-buffer.md.
 //
-// A unit is one frame: its full-size planes Y, U, V, A (each when present), its scanline data area, then
-// the mipmap levels, each with the same parts. Frame t's offsets are frame 0's plus t *
+// A unit is one frame: its full-size planes Y, U, V, A (each when present), its scanline data area,
+// then the mipmap levels, each with the same parts. Frame t's offsets are frame 0's plus t *
 // image_decoded_unit_size.
 #pragma once
 
@@ -69,8 +69,8 @@ extern cnb_allocation image_cnb_alloc; // the frame buffer
 // stats:".
 void layout_full_size();
 
-// Lays out the mipmap levels after them, prints a line for each, and sets the unit size, the total and
-// cnb_total. A total beyond 64 bits is stored as all ones, which no buffer can hold.
+// Lays out the mipmap levels after them, prints a line for each, and sets the unit size, the total
+// and cnb_total. A total beyond 64 bits is stored as all ones, which no buffer can hold.
 void layout_mipmaps();
 
 void print_final_layout(); // the "CNB buffer stats [final]:" block and a line for each level

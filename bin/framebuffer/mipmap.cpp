@@ -1,6 +1,7 @@
-// A row of a level is filtered straight from three rows of the level above into the shared mapping. By
-// rule the chroma planes cover the luma's number of rows: the surplus rows of a subsampled plane come from
-// what lies behind it, and go into the spare rows of the level's own plane, which nobody shows.
+// A row of a level is filtered straight from three rows of the level above into the shared mapping.
+// By rule the chroma planes cover the luma's number of rows: the surplus rows of a subsampled plane
+// come from what lies behind it, and go into the spare rows of the level's own plane, which nobody
+// shows.
 #include "bin/framebuffer/mipmap.h"
 
 #include <algorithm>
@@ -106,11 +107,12 @@ unsigned char* fetch_destination_row(const plane_pass& pass, int64_t row)
     return data;
 }
 
-// A destination row keeps its content when its middle source row or the row itself cannot be mapped.
+// A destination row keeps its content when its middle source row or the row itself cannot be
+// mapped.
 void fill_plane(const plane_pass& pass)
 {
-    // The layout's rows are enough for full and for halved chroma; with quartered chroma the surplus
-    // would overwrite the scanline list after the planes.
+    // The layout's rows are enough for full and for halved chroma; with quartered chroma the
+    // surplus would overwrite the scanline list after the planes.
     const int64_t rows = std::min((pass.source_rows + 1) / 2, pass.destination_rows);
     static const row_halver halve_row = best_version(mipmap_kernels()).halve_row;
     spare_rows spare;

@@ -1,7 +1,7 @@
-// Sixteen samples per register. A multiply-add of neighbouring bytes with ones, from column 2k - 1 and
-// again from column 2k, sums to row(2k-1) + 2 row(2k) + row(2k+1); with twos it gives the middle row's
-// part. No sum exceeds 4088. The last block, when it would not be full, is moved left over samples that
-// are already done.
+// Sixteen samples per register. A multiply-add of neighbouring bytes with ones, from column 2k - 1
+// and again from column 2k, sums to row(2k-1) + 2 row(2k) + row(2k+1); with twos it gives the
+// middle row's part. No sum exceeds 4088. The last block, when it would not be full, is moved left
+// over samples that are already done.
 #include "bin/framebuffer/mipmap_filter.h"
 
 #ifdef __x86_64__

@@ -1,7 +1,7 @@
 // Eight samples per register. The bytes of 16 source columns are split into even and odd columns of
-// 16-bit numbers, each summed over the three rows; no sum exceeds 4088. The odd column to the left of the
-// first sample is carried over from the previous registers. The last block, when it would not be full, is
-// moved left over samples that are already done.
+// 16-bit numbers, each summed over the three rows; no sum exceeds 4088. The odd column to the left
+// of the first sample is carried over from the previous registers. The last block, when it would
+// not be full, is moved left over samples that are already done.
 #include "bin/framebuffer/mipmap_filter.h"
 
 #ifdef __x86_64__
@@ -41,7 +41,8 @@ inline column_sums sum_columns(const source_rows& rows, size_t column)
         weighted(_mm_srli_epi16(above, 8), _mm_srli_epi16(middle, 8), _mm_srli_epi16(below, 8))};
 }
 
-// Eight samples as 16-bit numbers. `before` holds the odd sums to the left; only the topmost is used.
+// Eight samples as 16-bit numbers. `before` holds the odd sums to the left; only the topmost is
+// used.
 inline __m128i filtered(const column_sums& sums, __m128i before)
 {
     const __m128i left = _mm_or_si128(_mm_slli_si128(sums.odd, 2), _mm_srli_si128(before, 14));

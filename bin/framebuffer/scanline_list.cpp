@@ -1,5 +1,5 @@
-// The record is built separately and then copied. The magic's first byte is cleared before anything else
-// changes and set last, so a reader never sees a partial record with a valid magic.
+// The record is built separately and then copied. The magic's first byte is cleared before anything
+// else changes and set last, so a reader never sees a partial record with a valid magic.
 #include "bin/framebuffer/scanline_list.h"
 
 #include <array>
@@ -102,8 +102,8 @@ record_bytes build_record(const mipmap_image& picture, uint64_t frame_number)
     return record;
 }
 
-// The flag is a single byte, because an area may begin at any address and only byte accesses are always
-// atomic.
+// The flag is a single byte, because an area may begin at any address and only byte accesses are
+// always atomic.
 void publish(unsigned char* area, const mipmap_image& picture, const record_bytes& record)
 {
     std::atomic_ref<unsigned char> first(area[0]);

@@ -3,8 +3,8 @@
 
 #include "platform/clients.h"
 
-// Sets the base's picture size and duration, for a host's framework that reads them. The stand-alone
-// platform does not: its clients take both from the status document.
+// Sets the base's picture size and duration, for a host's framework that reads them. The
+// stand-alone platform does not: its clients take both from the status document.
 class stillimage_client_context final : public vexa_client_context {
 public:
     explicit stillimage_client_context(unsigned long id);

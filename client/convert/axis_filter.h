@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <vector>
 
-// Reducing: each result is the mean of the samples that it covers, with partly covered samples weighted
-// by their covered part. Enlarging: linear interpolation between the two nearest centres; the outermost
-// samples extend to the edges. Same size: each sample is copied.
+// Reducing: each result is the mean of the samples that it covers, with partly covered samples
+// weighted by their covered part. Enlarging: linear interpolation between the two nearest centres;
+// the outermost samples extend to the edges. Same size: each sample is copied.
 class axis_filter {
 public:
     struct tap_range {

@@ -1,5 +1,5 @@
-// The destination of a file that is written piece by piece. Plain data, since it is used below libpng,
-// which reports errors by longjmp.
+// The destination of a file that is written piece by piece. Plain data, since it is used below
+// libpng, which reports errors by longjmp.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +14,6 @@ struct byte_sink {
     int error = 0; // errno of a failure
 };
 
-// Appends the bytes. On failure returns false and sets `error`. A pipe without a reader is a failure
-// and raises no signal.
+// Appends the bytes. On failure returns false and sets `error`. A pipe without a reader is a
+// failure and raises no signal.
 bool put_bytes(byte_sink& sink, const uint8_t* bytes, size_t size);

@@ -1,5 +1,5 @@
-// FOR_EACH_PROCESSOR before a function of plain loops compiles it once for each kind of processor; the
-// loader chooses. All copies give the same results.
+// FOR_EACH_PROCESSOR before a function of plain loops compiles it once for each kind of processor;
+// the loader chooses. All copies give the same results.
 #pragma once
 
 // The copies that clang 14 makes do not link.

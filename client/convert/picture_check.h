@@ -9,8 +9,8 @@ inline constexpr uint32_t max_extent = INT32_MAX; // of any width and height
 
 bool is_extent(uint32_t width, uint32_t height);
 
-// Whether the picture is not null and has a size, complete Y and A planes, two chroma planes or none,
-// and a known subsampling.
+// Whether the picture is not null and has a size, complete Y and A planes, two chroma planes or
+// none, and a known subsampling.
 bool can_convert(const stillimage_picture* picture);
 
 // Bytes of a packed pixel; 0 for an unknown format.

@@ -1,5 +1,5 @@
-// Pictures as packed pixels, at their own size or another. Scaled rows have four floats a pixel. Colour
-// is weighted by alpha, so that the colour of transparent pixels has no effect.
+// Pictures as packed pixels, at their own size or another. Scaled rows have four floats a pixel.
+// Colour is weighted by alpha, so that the colour of transparent pixels has no effect.
 #include <algorithm>
 #include <array>
 #include <vector>
@@ -86,7 +86,8 @@ private:
         std::vector<float> pixels;
     };
 
-    // A row of the picture, scaled horizontally. The newest two are kept, since neighbours share them.
+    // A row of the picture, scaled horizontally. The newest two are kept, since neighbours share
+    // them.
     const float* row(uint32_t number)
     {
         scaled_row& kept = scaled_[number % scaled_.size()];

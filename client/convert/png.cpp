@@ -1,5 +1,5 @@
-// PNG files. libpng reports errors by longjmp, so no frame between encode() and libpng has an object
-// with a destructor. The caller of encode() destroys the encoder and owns the sink.
+// PNG files. libpng reports errors by longjmp, so no frame between encode() and libpng has an
+// object with a destructor. The caller of encode() destroys the encoder and owns the sink.
 #include <cerrno>
 #include <csetjmp>
 #include <cstdlib>

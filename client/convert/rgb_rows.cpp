@@ -1,7 +1,7 @@
 // With y = (Y - 16) / 219 and u, v = (U - 128, V - 128) / 224 (ITU-R BT.601):
 //     R = y + 1.402 v,  G = y - 0.344136 u - 0.714136 v,  B = y + 1.772 u
-// in 16.16 fixed point, scaled to 0..255. The loops run over whole rows and are simple enough for the
-// compiler to vectorize.
+// in 16.16 fixed point, scaled to 0..255. The loops run over whole rows and are simple enough for
+// the compiler to vectorize.
 #include "client/convert/rgb_rows.h"
 
 #include <algorithm>
@@ -80,8 +80,8 @@ rgb_rows::rgb_rows(const stillimage_picture& picture)
 {
 }
 
-// Returns a row with a sample for each pixel: the plane's own row if it is one, else `spread`. The last
-// sample of a short row is repeated.
+// Returns a row with a sample for each pixel: the plane's own row if it is one, else `spread`. The
+// last sample of a short row is repeated.
 const uint8_t* rgb_rows::chroma_row(int plane, uint32_t row, std::vector<uint8_t>& spread) const
 {
     const uint8_t* samples = row_of(picture_, plane, row >> picture_.chroma_y_shift);

@@ -6,15 +6,15 @@
 
 #include "client/stillimage_client.h"
 
-// Converts by BT.601 from limited to full range, rounded to the nearest. A chroma sample applies to all
-// pixels that share it.
+// Converts by BT.601 from limited to full range, rounded to the nearest. A chroma sample applies to
+// all pixels that share it.
 class rgb_rows {
 public:
     // The picture has passed can_convert() and outlives this object.
     explicit rgb_rows(const stillimage_picture& picture);
 
-    // Writes row `row` of the picture to `to`, with `channels` (3 or 4) bytes a pixel. The fourth is
-    // straight alpha, 255 if the picture has none. Allocates no memory.
+    // Writes row `row` of the picture to `to`, with `channels` (3 or 4) bytes a pixel. The fourth
+    // is straight alpha, 255 if the picture has none. Allocates no memory.
     void put(uint32_t row, uint32_t channels, uint8_t* to);
 
 private:

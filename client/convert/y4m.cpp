@@ -94,8 +94,8 @@ plane_size chroma_size(const stillimage_y4m_stream& stream, const y4m_kind& kind
             (size_t{stream.height} + (1U << kind.y_shift) - 1) >> kind.y_shift};
 }
 
-// Writes a row of `width` samples, with each sample of the picture repeated 1 << `repeat` times. The
-// last sample of a short row is repeated.
+// Writes a row of `width` samples, with each sample of the picture repeated 1 << `repeat` times.
+// The last sample of a short row is repeated.
 void put_row(const uint8_t* row, size_t samples, size_t width, unsigned repeat, uint8_t* to)
 {
     const size_t whole = std::min(width, samples << repeat);
@@ -113,8 +113,8 @@ struct repetition {
     unsigned down = 0;
 };
 
-// Returns the end of the written plane. An absent plane is filled with a neutral value: grey for chroma,
-// opaque for alpha.
+// Returns the end of the written plane. An absent plane is filled with a neutral value: grey for
+// chroma, opaque for alpha.
 uint8_t* put_plane(const stillimage_picture& picture, int plane, plane_size size, repetition repeat,
                    uint8_t* to)
 {

@@ -1,5 +1,6 @@
-// The stream has a constant rate. For each of its frames, the worker is asked for the picture at that
-// moment of the timeline. A picture that is still shown is sent again without converting it again.
+// The stream has a constant rate. For each of its frames, the worker is asked for the picture at
+// that moment of the timeline. A picture that is still shown is sent again without converting it
+// again.
 #include "client/tool/calls.h"
 #include "client/tool/output.h"
 #include "client/tool/play_output.h"
@@ -43,8 +44,8 @@ private:
         return worker_.take_frame(options_, frame);
     }
 
-    // A picture with a single frame lasts one second. In an animation the first frame may be the only
-    // one without alpha, so the last frame decides whether the stream has alpha.
+    // A picture with a single frame lasts one second. In an animation the first frame may be the
+    // only one without alpha, so the last frame decides whether the stream has alpha.
     exit_status prepare_stream(const stillimage_picture& first)
     {
         std::string document;
@@ -68,8 +69,8 @@ private:
         return rate_given ? STATUS_DONE : find_rate();
     }
 
-    // An animation with too many frames for a timeline is sampled at every unit, as far as the highest
-    // rate allows.
+    // An animation with too many frames for a timeline is sampled at every unit, as far as the
+    // highest rate allows.
     exit_status find_rate()
     {
         const stillimage_timeline* shown = nullptr;
@@ -110,8 +111,8 @@ private:
         }
     }
 
-    // Asks the worker even when the frame has probably not changed: that is how the end of the worker
-    // is noticed. The command's time limit covers only the start of the stream.
+    // Asks the worker even when the frame has probably not changed: that is how the end of the
+    // worker is noticed. The command's time limit covers only the start of the stream.
     exit_status load(uint64_t moment)
     {
         worker_.limit_to(answer_ms);

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
-// During its life, the first Ctrl-C or SIGTERM requests the end of the stream; a second one terminates
-// the program.
+// During its life, the first Ctrl-C or SIGTERM requests the end of the stream; a second one
+// terminates the program.
 class stop_signals {
 public:
     stop_signals();
@@ -20,8 +20,8 @@ enum class sending {
     FAILED, // an error message has been printed
 };
 
-// Writes the whole piece. After a request to end, a new piece is not begun; one that is half written
-// is completed as long as the reader accepts some bytes every second.
+// Writes the whole piece. After a request to end, a new piece is not begun; one that is half
+// written is completed as long as the reader accepts some bytes every second.
 sending send_piece(std::string_view bytes);
 
 // Both in nanoseconds of the monotonic clock.

@@ -16,8 +16,8 @@ struct timeline {
 };
 
 // Frames a second for a timeline whose frames all last multiples of `delay` units: the lowest rate
-// that hits every change of frame. It is at least 2, so that readers need not wait long for a frame,
-// and at most 100.
+// that hits every change of frame. It is at least 2, so that readers need not wait long for a
+// frame, and at most 100.
 rate frame_rate_for(const timeline& played, uint64_t delay);
 
 // Counts in steps of numerator / denominator, both below 1 << 63.
@@ -60,8 +60,8 @@ public:
 
     uint64_t due() const { return start_ + nanoseconds_.whole(); }
 
-    // Call when a frame has been written, at `now`. After a delay of up to half a second the schedule
-    // stays, so the next frames follow faster; after a longer one it continues from `now`.
+    // Call when a frame has been written, at `now`. After a delay of up to half a second the
+    // schedule stays, so the next frames follow faster; after a longer one it continues from `now`.
     void advance(uint64_t now);
 
 private:

@@ -26,8 +26,8 @@ void print_error(const std::string& text);
 
 class session {
 public:
-    // Connects to the socket that the options name, or to the default socket of the picture that they
-    // name. Their time limit starts here and covers everything that the session does.
+    // Connects to the socket that the options name, or to the default socket of the picture that
+    // they name. Their time limit starts here and covers everything that the session does.
     exit_status open(const call_options& options);
 
     // The rest of the time limit, for the library's calls; -1 when there is none.
@@ -36,8 +36,8 @@ public:
     // Replaces the limit by one that starts now.
     void limit_to(int timeout_ms) { limit = deadline(timeout_ms); }
 
-    // Returns the exit status for the result of `doing` ("get a frame"). Prints why it failed, if it
-    // did.
+    // Returns the exit status for the result of `doing` ("get a frame"). Prints why it failed, if
+    // it did.
     exit_status report(const std::string& doing, stillimage_result result) const;
 
     // Waits within the limit for the frame that the options ask for.

@@ -1,6 +1,6 @@
-// First the frames are chosen, by asking the worker which one is shown at a moment. Then the levels are
-// found, by asking for half the size until the pictures become no smaller. Last, each picture is
-// requested, drawn and released.
+// First the frames are chosen, by asking the worker which one is shown at a moment. Then the levels
+// are found, by asking for half the size until the pictures become no smaller. Last, each picture
+// is requested, drawn and released.
 #include <filesystem>
 #include <strings.h>
 

@@ -1,5 +1,5 @@
-// A picture of any size is converted to RGB a few rows at a time, so that only these are in memory. A
-// drawn row is the sum of the picture's rows that it covers, with colour weighted by alpha.
+// A picture of any size is converted to RGB a few rows at a time, so that only these are in memory.
+// A drawn row is the sum of the picture's rows that it covers, with colour weighted by alpha.
 #include "client/tool/sheet_canvas.h"
 
 #include <algorithm>

@@ -24,8 +24,8 @@ public:
     void draw_text(sheet_point at, uint32_t scale, const std::string& lines, grey shade);
     void draw_frame(sheet_point at, sheet_extent size, grey shade); // a line of one pixel around it
 
-    // Draws the picture at `size`: each pixel is the mean of the samples that it covers. A checkerboard
-    // shows through alpha.
+    // Draws the picture at `size`: each pixel is the mean of the samples that it covers. A
+    // checkerboard shows through alpha.
     void draw_picture(sheet_point at, sheet_extent size, const stillimage_picture& picture);
 
     const rgb_picture& pixels() const { return pixels_; }

@@ -1,5 +1,5 @@
-// Each glyph is eight rows of five pixels, top down, the leftmost pixel in bit 4. The baseline is below
-// the seventh row; the eighth holds descenders.
+// Each glyph is eight rows of five pixels, top down, the leftmost pixel in bit 4. The baseline is
+// below the seventh row; the eighth holds descenders.
 #include "client/tool/sheet_font.h"
 
 #include <algorithm>

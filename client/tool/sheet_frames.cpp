@@ -12,7 +12,8 @@ uint64_t evenly(uint64_t total, uint64_t count, uint64_t i)
     return steps == 0 ? 1 : 1 + range / steps * i + range % steps * i / steps;
 }
 
-// The first moment from `low` on that shows frame `number` or a later one; `high` when there is none.
+// The first moment from `low` on that shows frame `number` or a later one; `high` when there is
+// none.
 uint64_t first_moment(uint64_t number, uint64_t low, uint64_t high,
                       const std::function<uint64_t(uint64_t)>& number_at)
 {

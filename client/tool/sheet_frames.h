@@ -17,8 +17,8 @@ struct sheet_frames {
     std::vector<sheet_frame> shown;
 };
 
-// Chooses at most `max_frames` (at least 2) frames at even distances, including the first and the last.
-// `number_at` returns the number of the frame that is shown at a moment below `duration`. Frames that
-// are never shown are left out.
+// Chooses at most `max_frames` (at least 2) frames at even distances, including the first and the
+// last. `number_at` returns the number of the frame that is shown at a moment below `duration`.
+// Frames that are never shown are left out.
 sheet_frames frames_for_sheet(uint64_t duration, size_t max_frames,
                               const std::function<uint64_t(uint64_t moment)>& number_at);

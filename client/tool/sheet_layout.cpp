@@ -45,8 +45,8 @@ sheet_extent scaled(sheet_extent size, uint32_t shown, uint32_t full)
     return {scaled(size.width, shown, full), scaled(size.height, shown, full)};
 }
 
-// Reduced by the same factor as the full picture, so that the levels keep their proportions, but not
-// below min_level_size.
+// Reduced by the same factor as the full picture, so that the levels keep their proportions, but
+// not below min_level_size.
 sheet_extent level_extent(sheet_extent level, sheet_extent full, sheet_extent full_shown)
 {
     const sheet_extent shown = scaled(level, larger_side(full_shown), larger_side(full));
@@ -107,7 +107,8 @@ private:
         size.height = std::max(size.height, y - cell_gap);
     }
 
-    // Puts the caption beside the level if there is room, else below it. Returns the lower end of both.
+    // Puts the caption beside the level if there is room, else below it. Returns the lower end of
+    // both.
     uint32_t place_level(size_t picture, uint32_t y, uint32_t column_width)
     {
         const sheet_extent shown = shown_[picture - 1];

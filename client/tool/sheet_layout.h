@@ -42,6 +42,6 @@ size_t max_levels_on(size_t cards);
 // max_levels_on() and head lines of up to 60 characters.
 sheet_layout lay_out_sheet(const sheet_content& content);
 
-// The size in which a picture is drawn in a box: reduced if it is larger than the box, enlarged by a
-// whole number if it is tiny. Both sides are at least 1.
+// The size in which a picture is drawn in a box: reduced if it is larger than the box, enlarged by
+// a whole number if it is tiny. Both sides are at least 1.
 sheet_extent fit_picture(sheet_extent picture, sheet_extent box);

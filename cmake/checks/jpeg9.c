@@ -1,6 +1,6 @@
-// Compiled and run by scripts/setup and by CMake: distinguishes libjpeg 9 from other JPEG libraries.
-// Header and library must both be version 9. If they differ, the library itself reports an error at run
-// time.
+// Compiled and run by scripts/setup and by CMake: distinguishes libjpeg 9 from other JPEG
+// libraries. Header and library must both be version 9. If they differ, the library itself reports
+// an error at run time.
 #include <stdio.h>
 
 #include <jpeglib.h>

@@ -1,4 +1,5 @@
-// Compiled, linked and run by scripts/setup and by CMake: checks that json11 is installed and works.
+// Compiled, linked and run by scripts/setup and by CMake: checks that json11 is installed and
+// works.
 #include <string>
 
 #include <json11.hpp>

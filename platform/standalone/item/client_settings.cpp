@@ -80,7 +80,7 @@ void take_into_open_list(std::string_view name, const std::string& value)
     }
 }
 
-// --- storing --------------------------------------------------------------------------------------
+// --- storing ------------------------------------------------------------------------------------
 
 // Where a setting is stored that is not in the metadata file yet.
 enum class place {

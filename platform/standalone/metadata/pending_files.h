@@ -48,7 +48,7 @@ append_result append_pending(const metadata_store& store, pending_file* own,
 // True when the open file has been removed, so that its records are lost.
 bool pending_file_is_lost(const pending_file& own);
 
-// --- taking settings into the metadata file; under its lock ---------------------------------------
+// --- taking settings into the metadata file; under its lock -------------------------------------
 
 // Records in the file that its settings are part of `temporary`, which is about to be renamed.
 // False with errno on failure; the file is then unchanged.

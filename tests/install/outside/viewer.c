@@ -1,5 +1,5 @@
-/* A program outside the tree: takes a frame from the worker at the socket of its argument, and prints
- * the picture's size and the sum of its luma samples. Compiled as C and as C++. */
+/* A program outside the tree: takes a frame from the worker at the socket of its argument, and
+ * prints the picture's size and the sum of its luma samples. Compiled as C and as C++. */
 #include <stdio.h>
 #include <stillimage_client.h>
 

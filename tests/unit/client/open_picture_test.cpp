@@ -288,7 +288,9 @@ TEST_F(OpenPicture, WorkerKilledDuringStartIsNotReportedAsRefusal)
     environment.set("STILLIMAGE_PROGRAM", STILLIMAGE_PROGRAM);
     EXPECT_EQ(stillimage_reconnect(client.get(), start_limit_ms), STILLIMAGE_OK) << error();
     note_worker();
-} // --- reconnection --------------------------------------------------------------------------------
+}
+
+// --- reconnection --------------------------------------------------------------------------------
 
 TEST_F(OpenPicture, ReconnectionStartsANewWorkerAndHeldFramesStayValid)
 {

@@ -167,8 +167,8 @@ TEST(ClientTimelineFacts, InvalidValuesCountAsOne)
 
 TEST(ClientTimelineFacts, EveryTruncationOfADocumentIsRead)
 {
-    const std::string document =
-        R"({"a": "\"", "b": [{}, "]", -1.5e3], "item": {"time scale": [100, 1], "time duration": 42}})";
+    const std::string document = R"({"a": "\"", "b": [{}, "]", -1.5e3], )"
+                                 R"("item": {"time scale": [100, 1], "time duration": 42}})";
     for (size_t size = 0; size <= document.size(); ++size) {
         const std::vector<char> cut(document.begin(), document.begin() + static_cast<long>(size));
         const timeline_facts facts = read_timeline_facts({cut.data(), cut.size()});

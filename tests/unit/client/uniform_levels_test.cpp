@@ -166,8 +166,8 @@ protected:
         const stillimage_picture full = picture_of(main_image_mipmap);
         expect_level(full, full, tolerance, 0);
         for (int i = 0; i < mipmaps; ++i) {
-            // Right of an odd width's last column, the filter takes a quarter from the padding. Levels
-            // below take it again, at most half in all.
+            // Right of an odd width's last column, the filter takes a quarter from the padding.
+            // Levels below take it again, at most half in all.
             const bool padded = image_width % (2 << i) != 0;
             const double padding = !padded ? 0 : i == 0 ? 0.25 : 0.5;
             expect_level(full, picture_of(mipmap[i]), last_chroma, padding);

@@ -15,8 +15,8 @@ TEST(Sha256, StandardExampleHasItsWholeDigest)
     EXPECT_EQ(wire::sha256("abc"), expected);
 }
 
-// Each length modulo the block size of 64 bytes is padded differently. The expected values come from
-// sha256sum.
+// Each length modulo the block size of 64 bytes is padded differently. The expected values come
+// from sha256sum.
 TEST(Sha256, IsRightAroundTheBlockSize)
 {
     const auto hash = [](size_t length) { return wire::short_hash(std::string(length, 'a')); };

@@ -7,7 +7,6 @@
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
-#include "bin/examine/jpeg_source.h"
 #include "bin/examine/reading_watch.h"
 #include "bin/invariant.h"
 #include "platform/item_metadata.h"

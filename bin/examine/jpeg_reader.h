@@ -52,6 +52,12 @@ void setjmp_abort_unexpected();
 // The library's error_exit: prints the library's message, then jumps.
 [[noreturn]] void jpeg_error_exit_cbj(j_common_ptr cinfo);
 
+// Makes `cinfo` read the file behind `fd` from its current position. The descriptor remains the
+// caller's; there is one file at a time. The source behaves like the library's own for stdio: the
+// end of the file gives a warning and an end-of-image marker. When a termination signal stops
+// reading, the library is left through leave_jpeg_library; with no jump armed reading continues.
+void open_jpeg_source(j_decompress_ptr cinfo, int fd);
+
 // Closes the stream and frees the objects, in any state. May run twice.
 void free_all_jpeg_fileio();
 

@@ -6,8 +6,17 @@
 
 namespace platform {
 
+const refusal malformed_packet = {comm_protocol::BAD_PACKET, true, "malformed packet"};
+const refusal unknown_request = {comm_protocol::UNSUPPORTED, false, "unknown request"};
+
 namespace {
 
+static_assert(comm_protocol::version_major == 1, "a refusal names the version");
+
+const refusal other_version = {comm_protocol::VERSION_MISMATCH, true,
+                               "this worker speaks protocol version 1"};
+const refusal not_greeted = {comm_protocol::NOT_GREETED, true, "the first request must be a hello"};
+const refusal greeted_twice = {comm_protocol::BAD_PACKET, true, "a second hello"};
 const refusal unread_answers = {comm_protocol::SLOW_CLIENT, true, "answers were not read"};
 const refusal no_memory_to_send = {comm_protocol::NO_MEMORY, true,
                                    "the kernel has no memory for an answer"};
@@ -66,6 +75,25 @@ void settle(comm_socket_v4_client& client, bool delivered)
 }
 
 } // namespace
+
+const refusal* judge_packet(const unsigned char* bytes, size_t size, bool greeted,
+                            common_pkt_parsing* request)
+{
+    *request = {};
+    if (!comm_protocol::decode_header(bytes, size, &request->header)) {
+        request->header.request = 0;
+        return &malformed_packet;
+    }
+    request->body = bytes + comm_protocol::packet_header_size;
+    request->body_size = size - comm_protocol::packet_header_size;
+    if (request->header.major != comm_protocol::version_major) {
+        return &other_version;
+    }
+    if ((request->header.type == comm_protocol::HELLO) != greeted) {
+        return nullptr;
+    }
+    return greeted ? &greeted_twice : &not_greeted;
+}
 
 void send_answer(comm_socket_v4_client& client, comm_socket_v4_packet packet, uint64_t now_us)
 {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/standalone/comm/request.h"
+#include "platform/standalone/comm/connection.h"
 
 using namespace comm_protocol;
 

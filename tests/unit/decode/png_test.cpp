@@ -256,7 +256,7 @@ TEST_F(Png, NullPaletteBreaksAnInvariant)
 TEST_F(Png, PaletteIsConvertedForEveryIndexAndOpaque)
 {
     png_spec spec = random_picture(3, 3, 3, 8);
-    for (const size_t size : {10, 256}) {
+    for (const size_t size : {size_t{10}, size_t{256}}) {
         spec.chunks[0].data.resize(3 * size);
         open(write_png(spec));
         ASSERT_EQ(prepare_png_palette("a decoder"), 0);

@@ -28,6 +28,7 @@ inline constexpr size_t max_packet_text = 1024;  // bytes; longer texts of ERROR
 inline constexpr size_t max_clients = 4096;
 inline constexpr size_t max_pending_requests = 64;
 inline constexpr size_t max_held_references = 1024;
+inline constexpr size_t guaranteed_references = 64; // of each client, whatever others hold
 inline constexpr size_t max_queued_answers = 256;
 inline constexpr size_t max_set_metadata_name = 256; // bytes, both; a metadata file may hold more
 inline constexpr size_t max_set_metadata_value = 16384;

@@ -25,12 +25,18 @@ namespace {
 std::unordered_map<unsigned long, client_record> records; // by context id
 unsigned long last_context_id = 0;
 unsigned long last_reference_id = 0;
-size_t references_of_all = 0;
+size_t common_in_use = 0;
 
 void clients_changed()
 {
     note_changes(comm_protocol::change_clients);
     mark_document_changed();
+}
+
+// True when the client holds more than is guaranteed to it.
+bool holds_common(const client_record& client)
+{
+    return client.references.size() > comm_protocol::guaranteed_references;
 }
 
 } // namespace
@@ -86,10 +92,16 @@ void reset_client_numbers()
     last_reference_id = 0;
 }
 
+size_t common_references()
+{
+    return common_in_use;
+}
+
 bool may_hold_another(const client_record& client)
 {
-    return client.references.size() < comm_protocol::max_held_references &&
-           references_of_all < max_references_of_all;
+    const size_t held = client.references.size();
+    return held < comm_protocol::guaranteed_references ||
+           (held < comm_protocol::max_held_references && common_in_use < max_common_references);
 }
 
 } // namespace platform
@@ -190,8 +202,8 @@ void vexa_client_context::delete_video_reference(unsigned long reference_id)
         return;
     }
     const held_reference going = std::move(found->second);
+    common_in_use -= holds_common(*client) ? 1 : 0;
     client->references.erase(found);
-    --references_of_all;
     if (going.holds_frame) {
         going.reference->release_frame();
     }
@@ -225,7 +237,7 @@ vexa_client_context::allocate_video_reference(unsigned long long time_position,
     held_reference& held = client->references[reference->reference_id];
     held.reference = std::move(reference);
     held.since_us = monotonic_clock_us();
-    ++references_of_all;
+    common_in_use += holds_common(*client) ? 1 : 0;
     return held.reference.get();
 }
 

@@ -31,8 +31,12 @@ struct client_record {
     std::map<unsigned long, held_reference> references;
 };
 
-// Limit of all clients' references together; above it GET_FRAME is refused.
-inline constexpr size_t max_references_of_all = 131072;
+// Each client may hold comm_protocol::guaranteed_references, whatever others hold. This is the limit
+// of what all clients together hold beyond that; above it GET_FRAME is refused.
+inline constexpr size_t max_common_references = 131072;
+
+// References that clients hold at present beyond their guaranteed ones.
+size_t common_references();
 
 // Clients that have been greeted and have not left.
 size_t connected_clients();

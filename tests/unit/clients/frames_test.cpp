@@ -33,6 +33,20 @@ protected:
     {
         return *vexa_client_contexts.tracked.begin()->second.context;
     }
+
+    static vexa_client_context& context(unsigned long id)
+    {
+        return *client_context_tracking::get_id(vexa_client_contexts, id)->context;
+    }
+
+    // The newest client takes everything that is not guaranteed to another.
+    static void take_common_frames()
+    {
+        vexa_client_context& greedy = context(platform::connected_clients());
+        for (size_t i = 0; i < guaranteed_references + platform::max_common_references; ++i) {
+            greedy.allocate_video_reference(0, nullptr);
+        }
+    }
 };
 
 } // namespace
@@ -262,13 +276,49 @@ TEST_F(ClientsFrames, TooManyHeldFramesAreRefused)
 TEST_F(ClientsFrames, FramesOfAllClientsTogetherAreLimited)
 {
     const packet_client greedy = greeted();
-    for (size_t i = 0; i < platform::max_references_of_all; ++i) {
-        only_context().allocate_video_reference(0, nullptr);
-    }
+    take_common_frames();
     const packet_client other = greeted();
+    for (size_t i = 0; i < guaranteed_references; ++i) {
+        ask_frame(other, 0);
+    }
     expect_error(ask(other, encode(4, get_frame{0, 0})), LIMIT, 4, "too many frames held");
-    only_context().expire_all_references();
+    context(1).expire_all_references();
     ask_frame(other, 0);
+}
+
+// A client that has already used its part gets it back by releasing it.
+TEST_F(ClientsFrames, GuaranteedFramesAreNeverTakenByOthers)
+{
+    const packet_client early = greeted();
+    uint64_t held = 0;
+    for (size_t i = 0; i < guaranteed_references; ++i) {
+        held = ask_frame(early, 0).reference;
+    }
+    const packet_client greedy = greeted();
+    take_common_frames();
+    EXPECT_EQ(release(early, held)->header.type, DONE);
+    expect_error(ask(greedy, encode(4, get_frame{0, 0})), LIMIT, 4, "too many frames held");
+    ask_frame(early, 0);
+    expect_error(ask(early, encode(4, get_frame{0, 0})), LIMIT, 4, "too many frames held");
+}
+
+// However often frames are taken and given back, the count of the common ones is right.
+TEST_F(ClientsFrames, CommonFramesComeBackCompletely)
+{
+    const packet_client first = greeted();
+    const packet_client second = greeted();
+    for (int round = 0; round < 3; ++round) {
+        for (const unsigned long id : {1UL, 2UL}) {
+            for (size_t i = 0; i < guaranteed_references + 7; ++i) {
+                context(id).allocate_video_reference(0, nullptr);
+            }
+        }
+        EXPECT_EQ(platform::common_references(), 14U);
+        context(1).expire_all_references();
+        EXPECT_EQ(platform::common_references(), 7U);
+        context(2).expire_all_references();
+        EXPECT_EQ(platform::common_references(), 0U);
+    }
 }
 
 TEST_F(ClientsFrames, FailingReferenceFactoryIsReportedAsLackOfMemory)

@@ -180,9 +180,19 @@ void platform::mark_document_changed()
     state.document_changed = true;
 }
 
+bool platform::document_must_wait(uint64_t /*now_us*/)
+{
+    return state.document_changed && state.document_waits;
+}
+
+uint64_t platform::document_due_us()
+{
+    return 0;
+}
+
 bool platform::refresh_document(uint64_t /*now_us*/)
 {
-    return state.document_changed;
+    return state.document_changed && !state.document_waits;
 }
 
 platform::setting_state platform::store_client_setting(std::string_view name,

@@ -18,6 +18,7 @@ struct item_state {
     int ready = 0;
     std::string document = R"({"a": 1})";
     bool document_changed = false; // a rebuild is due
+    bool document_waits = false;   // but not yet
     unsigned documents_built = 0;
     uint64_t generation = 1;
     std::vector<std::pair<std::string, std::string>> stored;

@@ -7,6 +7,7 @@
 
 #include "platform/run_state.h"
 #include "platform/standalone/clients/contexts.h"
+#include "platform/standalone/clients/documents.h"
 #include "platform/standalone/clients/events.h"
 #include "platform/standalone/clients/pending.h"
 #include "platform/standalone/clients/settings.h"
@@ -97,7 +98,7 @@ const refusal* set_size(const request_call& call)
 
 const refusal* give_status(const request_call& call)
 {
-    send_present_document(call.client, call.number(), true, call.now_us);
+    give_document(call.client, call.number(), true, call.now_us);
     return nullptr;
 }
 

@@ -21,6 +21,7 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/clients/contexts.h"
+#include "platform/standalone/clients/documents.h"
 #include "platform/standalone/clients/events.h"
 #include "platform/standalone/clients/pending.h"
 #include "platform/standalone/clients/requests.h"
@@ -112,8 +113,8 @@ int one_round(comm_socket_v4_server& server)
     if (!round_is_due(server, now_us)) {
         return 0;
     }
-    begin_document_round();
-    int work = run_round(server, now_us);
+    int work = begin_document_round(now_us);
+    work += run_round(server, now_us);
     // Decoding and waiting for the buffer take long, so settings are also written here: their
     // clients wait for it.
     store_waiting_settings(now_us);
@@ -122,6 +123,7 @@ int one_round(comm_socket_v4_server& server)
     work += send_changes(server, now_us);
     send_changed_document(server, now_us);
     put_off_auto_shutdown(now_us);
+    server.wake_us = next_document_round_us();
     if (work > 0) {
         note_round_time(server, now_us, monotonic_clock_us());
     }
@@ -151,6 +153,7 @@ void close_comm_service()
     reset_pending_requests();
     reset_client_numbers();
     reset_client_events();
+    reset_client_documents();
 }
 
 } // namespace platform
@@ -198,6 +201,7 @@ void close_vexa_client_contexts()
     const idle_mark mark;
     const uint64_t now_us = monotonic_clock_us();
     finish_waiting_settings(now_us);
+    finish_waiting_documents(now_us);
     refuse_pending_requests(now_us);
     send_going_down(*vexa_comm_server, now_us);
     for (const auto& client : vexa_comm_server->clients) {

@@ -42,6 +42,22 @@ bool answer_queue::send_document(packet_channel& channel, document_text text, ui
     return append(channel, std::move(added), now_us);
 }
 
+void answer_queue::renew_documents(const document_text& present)
+{
+    for (entry& queued : entries_) {
+        if (queued.kind == entry_kind::DOCUMENT && queued.offset == 0) {
+            queued.text = present;
+        }
+    }
+}
+
+bool answer_queue::holds_older_than(const document_text& present) const
+{
+    return std::any_of(entries_.begin(), entries_.end(), [&](const entry& queued) {
+        return queued.kind == entry_kind::DOCUMENT && queued.text != present;
+    });
+}
+
 bool answer_queue::send_event(packet_channel& channel, uint64_t request, uint32_t changes,
                               const event_state& state, uint64_t now_us)
 {

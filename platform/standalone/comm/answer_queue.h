@@ -48,6 +48,14 @@ public:
 
     bool empty() const { return entries_.empty(); }
 
+    // Replaces every queued document of which nothing has been sent. Afterwards at most one queued
+    // document is older: the one that the client is receiving.
+    void renew_documents(const document_text& present);
+    bool holds_older_than(const document_text& present) const;
+
+    // Discards everything, for a client that is sent nothing more.
+    void discard() { entries_.clear(); }
+
     // The time since which the client has accepted nothing although packets are queued. Meaningless
     // when the queue is empty.
     uint64_t stalled_since_us() const { return stalled_since_us_; }

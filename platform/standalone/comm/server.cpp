@@ -289,7 +289,8 @@ timespec time_until(uint64_t deadline_us)
 
 void comm_socket_v4_server_from_client_readable(comm_socket_v4_server* server, uint64_t deadline_us)
 {
-    const timespec left = time_until(deadline_us);
+    const timespec left =
+        time_until(server == nullptr ? deadline_us : std::min(deadline_us, server->wake_us));
     if (server == nullptr) {
         nanosleep(&left, nullptr);
         return;

@@ -56,6 +56,7 @@ struct comm_socket_v4_server {
     std::array<epoll_event, 256> events = {};
     size_t events_ready = 0; // reported by the last wait and not yet handled
     uint64_t next_look_us = 0;
+    uint64_t wake_us = UINT64_MAX; // a wait for clients ends by then; set by the service
     uint64_t next_tend_us = 0;
     uint64_t busy_us = 0; // time in rounds since the last pause or wait
     bool inside_round = false;

@@ -17,6 +17,7 @@
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/report/status.h"
+#include "platform/time.h"
 #include "wire/utf8.h"
 
 bool json_next_xmit_rebuild = false;
@@ -49,7 +50,7 @@ size_t clients_shown = 0;
 bool examined_shown = false;
 uint64_t generation = 0;
 uint64_t generation_reported = 0; // by refresh_document
-uint64_t last_check_rebuild_us = 0;
+uint64_t last_rebuild_us = 0;
 
 // --- values -------------------------------------------------------------------------------------
 
@@ -189,6 +190,11 @@ bool out_of_date()
            clients_shown != vexa_client_contexts.tracked.size() || examined_shown != is_examined();
 }
 
+bool rebuild_is_due(uint64_t now_us)
+{
+    return now_us < last_rebuild_us || now_us - last_rebuild_us >= min_rebuild_interval_us;
+}
+
 } // namespace
 
 const std::string* document_entry(std::string_view name)
@@ -218,7 +224,7 @@ void reset_document()
     generation = 0;
     generation_reported = 0;
     unstored_source = nullptr;
-    last_check_rebuild_us = 0;
+    last_rebuild_us = 0;
     json_next_xmit_rebuild = false;
     vexa_on_json_build = nullptr;
 }
@@ -226,9 +232,20 @@ void reset_document()
 const std::string& status_document()
 {
     if (out_of_date()) {
+        last_rebuild_us = monotonic_clock_us();
         rebuild_json();
     }
     return document;
+}
+
+bool document_must_wait(uint64_t now_us)
+{
+    return out_of_date() && !rebuild_is_due(now_us);
+}
+
+uint64_t document_due_us()
+{
+    return last_rebuild_us + min_rebuild_interval_us;
 }
 
 uint64_t status_document_generation()
@@ -244,10 +261,8 @@ void mark_document_changed()
 // Many changes in a row cost one rebuild in ten milliseconds, not one each.
 bool refresh_document(uint64_t now_us)
 {
-    const bool due =
-        now_us < last_check_rebuild_us || now_us - last_check_rebuild_us >= min_rebuild_interval_us;
-    if (out_of_date() && due) {
-        last_check_rebuild_us = now_us;
+    if (out_of_date() && rebuild_is_due(now_us)) {
+        last_rebuild_us = now_us;
         rebuild_json();
     }
     return std::exchange(generation_reported, generation) != generation;

@@ -17,6 +17,12 @@ namespace platform {
 const std::string& status_document();
 inline constexpr size_t max_status_document = 1U << 20;
 
+// True while the document is out of date and its last rebuild is less than ten milliseconds ago.
+// Whoever then waits until document_due_us() keeps the number of rebuilds bounded, however often
+// the document is changed and read.
+bool document_must_wait(uint64_t now_us);
+uint64_t document_due_us();
+
 // Incremented whenever a rebuild produces a different text. A subscriber has the present document
 // if it was sent it at this number.
 uint64_t status_document_generation();

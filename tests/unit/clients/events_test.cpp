@@ -5,6 +5,7 @@
 
 #include "platform/run_state.h"
 #include "platform/serving.h"
+#include "platform/standalone/clients/documents.h"
 #include "platform/standalone/clients/events.h"
 #include "platform/standalone/report/changes.h"
 #include "platform/standalone/report/document.h"

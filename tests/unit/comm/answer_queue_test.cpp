@@ -202,6 +202,39 @@ TEST_F(AnswerQueue, RequestedDocumentsAreAllSent)
     EXPECT_EQ(document_sent(9), std::string(10, 'c'));
 }
 
+TEST_F(AnswerQueue, HoldsAtMostOneOlderDocument)
+{
+    ends->room = 1;
+    const document_text first = document(2 * max_status_part, 'a');
+    const document_text second = document(10, 'b');
+    const document_text third = document(10, 'c');
+    EXPECT_FALSE(queue.holds_older_than(first));
+    EXPECT_TRUE(queue.send_document(channel, first, 7, false, 0));
+    EXPECT_FALSE(queue.holds_older_than(first));
+    EXPECT_TRUE(queue.holds_older_than(second));
+    EXPECT_TRUE(queue.send_document(channel, second, 8, true, 0));
+    EXPECT_TRUE(queue.send_document(channel, second, 9, false, 0));
+    queue.renew_documents(third);
+    EXPECT_EQ(first.use_count(), 2);  // this test and the queue
+    EXPECT_EQ(second.use_count(), 1); // only this test
+    ends->room = SIZE_MAX;
+    EXPECT_TRUE(queue.flush(channel, 0));
+    EXPECT_EQ(document_sent(7), *first);
+    EXPECT_EQ(document_sent(8), *third);
+    EXPECT_EQ(document_sent(9), *third);
+}
+
+TEST_F(AnswerQueue, DiscardedPacketsAreNotSent)
+{
+    ends->room = 0;
+    const document_text text = document(10);
+    EXPECT_TRUE(send(7));
+    EXPECT_TRUE(queue.send_document(channel, text, 8, true, 0));
+    queue.discard();
+    EXPECT_TRUE(queue.empty());
+    EXPECT_EQ(text.use_count(), 1);
+}
+
 TEST_F(AnswerQueue, WaitingEventsAreMergedWithTheLatestState)
 {
     ends->room = 0;

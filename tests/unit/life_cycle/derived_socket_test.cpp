@@ -1,19 +1,23 @@
 // The comm socket of an item: it exists before the picture is examined, or the start fails.
 #include <filesystem>
+#include <map>
 #include <string>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <json11.hpp>
 
 #include "platform/document.h"
 #include "platform/item_metadata.h"
 #include "platform/serving.h"
 #include "platform/settings.h"
 #include "platform/standalone/comm/listener.h"
+#include "platform/standalone/comm/server.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/report/document.h"
 #include "platform/start_up.h"
+#include "platform/time.h"
 #include "tests/support/child_process.h"
 #include "tests/support/item_fixture.h"
 #include "tests/support/packet_client.h"
@@ -164,6 +168,42 @@ TEST_F(DerivedSocket, ValueSetBeforeTheExaminationIsKept)
     EXPECT_EQ(platform::store_client_setting("colour", "blue"),
               platform::setting_state::STORED); // the list is closed
     EXPECT_NE(platform::status_document().find("\"value\": \"blue\""), std::string::npos);
+}
+
+unsigned documents_built = 0;
+
+void count_document(std::map<std::string, json11::Json>& /*document*/, unsigned long /*context*/)
+{
+    ++documents_built;
+}
+
+// A client that changes the document and asks for it without a pause. The processor would otherwise
+// be busy with nothing but building it.
+TEST_F(DerivedSocket, StatusDocumentIsBuiltAtMostEveryTenMilliseconds)
+{
+    ASSERT_EQ(vexa_standard_to_derived_params(), 0);
+    const packet_client client(path);
+    ASSERT_TRUE(client.send(comm_protocol::encode(1, comm_protocol::hello())));
+    vexa_on_json_build = count_document;
+    documents_built = 0;
+    const uint64_t began_us = monotonic_clock_us();
+    int answered = 0;
+    for (int asked = 0; answered < 20;) {
+        if (asked == answered) {
+            vexa_background_music = 1 - vexa_background_music;
+            platform::mark_document_changed();
+            ASSERT_TRUE(client.send(comm_protocol::encode_empty(2, comm_protocol::GET_STATUS)));
+            ++asked;
+        }
+        vexa_comm_server->next_look_us = 0;
+        idle_vexa_server_comm();
+        while (const auto packet = client.receive()) {
+            answered += packet->header.type == comm_protocol::STATUS ? 1 : 0;
+        }
+    }
+    const uint64_t passed_us = monotonic_clock_us() - began_us;
+    EXPECT_LE(documents_built, passed_us / 10'000 + 1);
+    EXPECT_GE(documents_built, 20U);
 }
 
 } // namespace

@@ -15,6 +15,7 @@
 #include "platform/run_state.h"
 #include "platform/serving.h"
 #include "platform/standalone/clients/contexts.h"
+#include "platform/standalone/clients/documents.h"
 #include "platform/standalone/clients/events.h"
 #include "platform/standalone/clients/requests.h"
 #include "platform/standalone/clients/service.h"
@@ -119,6 +120,8 @@ void send_request(fuzzed_client& client, input& rest)
 void let_time_pass(fuzzed_client& /*client*/, input& rest)
 {
     now_us += rest.byte() * uint64_t{100'000};
+    plain_item::state.document_waits = false;
+    platform::begin_document_round(now_us);
     platform::run_round(*vexa_comm_server, now_us);
     platform::answer_waiting_settings(now_us);
     platform::send_changes(*vexa_comm_server, now_us);
@@ -137,7 +140,9 @@ void change_readiness(fuzzed_client& /*client*/, input& rest)
     plain_item::state.frames = choice >> 2U;
     plain_item::state.settings = setting_results[(choice >> 2U) % setting_results.size()];
     plain_item::state.frames_fail = (choice & 0xC0U) == 0xC0U;
-    plain_item::state.document.assign(size_t{rest.byte()} * 512, 'd');
+    const uint8_t size = rest.byte();
+    plain_item::state.document.assign(size_t{size} * 512, 'd');
+    plain_item::state.document_waits = (size & 1U) != 0;
     platform::mark_document_changed();
 }
 

@@ -31,8 +31,8 @@ struct client_record {
     std::map<unsigned long, held_reference> references;
 };
 
-// Each client may hold comm_protocol::guaranteed_references, whatever others hold. This is the limit
-// of what all clients together hold beyond that; above it GET_FRAME is refused.
+// Each client may hold comm_protocol::guaranteed_references, whatever others hold. This is the
+// limit of what all clients together hold beyond that; above it GET_FRAME is refused.
 inline constexpr size_t max_common_references = 131072;
 
 // References that clients hold at present beyond their guaranteed ones.

@@ -9,7 +9,7 @@
 #include "platform/standalone/clients/contexts.h"
 #include "platform/standalone/clients/documents.h"
 #include "platform/standalone/clients/events.h"
-#include "platform/standalone/clients/pending.h"
+#include "platform/standalone/clients/frames.h"
 #include "platform/standalone/clients/settings.h"
 #include "platform/standalone/item/client_settings.h"
 #include "platform/standalone/report/changes.h"

@@ -23,7 +23,7 @@
 #include "platform/standalone/clients/contexts.h"
 #include "platform/standalone/clients/documents.h"
 #include "platform/standalone/clients/events.h"
-#include "platform/standalone/clients/pending.h"
+#include "platform/standalone/clients/frames.h"
 #include "platform/standalone/clients/requests.h"
 #include "platform/standalone/clients/settings.h"
 #include "platform/standalone/comm/acceptor.h"

@@ -149,7 +149,7 @@ void resume_requests(comm_socket_v4_client& client)
     watch_requests(client);
 }
 
-bool watch(comm_socket_v4_client& client, uint32_t events, bool anew)
+bool watch(comm_socket_v4_client& client, uint32_t events, bool is_new)
 {
     const int socket = client.channel->descriptor();
     if (client.home->epoll < 0 || socket < 0) {
@@ -158,7 +158,7 @@ bool watch(comm_socket_v4_client& client, uint32_t events, bool anew)
     epoll_event wanted = {};
     wanted.events = events;
     wanted.data.ptr = &client;
-    return epoll_ctl(client.home->epoll, anew ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, socket, &wanted) ==
+    return epoll_ctl(client.home->epoll, is_new ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, socket, &wanted) ==
            0;
 }
 

@@ -77,7 +77,7 @@ void pause_requests(comm_socket_v4_client& client);
 void resume_requests(comm_socket_v4_client& client);
 
 // Makes the kernel report `events` of the client from now on. False when it refuses.
-bool watch(comm_socket_v4_client& client, uint32_t events, bool anew);
+bool watch(comm_socket_v4_client& client, uint32_t events, bool is_new);
 
 // Disconnects the client at the end of the round.
 void leave(comm_socket_v4_client& client);

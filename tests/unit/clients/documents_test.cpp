@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/serving.h"
 #include "platform/standalone/clients/documents.h"
 #include "platform/standalone/clients/events.h"
 #include "platform/standalone/report/document.h"
@@ -43,7 +44,8 @@ protected:
 
 } // namespace
 
-// --- rebuilding -----------------------------------------------------------------------------------
+// --- rebuilding
+// -----------------------------------------------------------------------------------
 
 TEST_F(ClientsDocuments, RequestWaitsUntilTheDocumentMayBeRebuilt)
 {
@@ -156,7 +158,8 @@ TEST_F(ClientsDocuments, WaitingRequestsAreAnsweredAtTheEnd)
     EXPECT_TRUE(client.hung_up());
 }
 
-// --- old documents --------------------------------------------------------------------------------
+// --- old documents
+// --------------------------------------------------------------------------------
 
 TEST_F(ClientsDocuments, ReplacedDocumentIsKeptForItsReadersOnly)
 {

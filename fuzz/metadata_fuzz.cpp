@@ -8,16 +8,10 @@
 #include "fuzz/require.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/metadata_text.h"
+#include "tests/support/metadata_text.h"
 #include "wire/utf8.h"
 
 namespace {
-
-// The text that a list of these entries has in its file.
-std::string written(platform::text_document document)
-{
-    const platform::list_owner list(platform::new_metadata_list(std::move(document)));
-    return platform::metadata_list_text(*list);
-}
 
 bool same(const platform::text_entry& a, const platform::text_entry& b)
 {

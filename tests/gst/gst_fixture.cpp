@@ -2,11 +2,10 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
-#include <iterator>
 #include <unistd.h>
 
 #include "tests/support/child_process.h"
+#include "tests/support/file_contents.h"
 
 namespace {
 
@@ -196,9 +195,7 @@ std::string GstFixture::picture_of(const std::string& name, const std::vector<un
 
 std::string GstFixture::copy_of(const std::string& name)
 {
-    std::ifstream file(data(name), std::ios::binary);
-    const std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(file), {}};
-    return picture_of(name.substr(name.find('/') + 1), bytes);
+    return picture_of(name.substr(name.find('/') + 1), read_test_file(name));
 }
 
 // --- planes --------------------------------------------------------------------------------------

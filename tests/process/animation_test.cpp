@@ -1,8 +1,6 @@
 // Animations through the real worker and the real client library: the frame at each time position,
 // the reported duration, very many frames.
 #include <csignal>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -10,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/file_contents.h"
 #include "tests/support/gif_reference.h"
 #include "tests/support/gif_writer.h"
 #include "tests/support/worker.h"
@@ -90,9 +89,7 @@ TEST_F(Animation, EachTimePositionHasItsFrame)
 TEST_F(Animation, StoredAnimationReachesTheClientFrameByFrame)
 {
     const std::string path = STILLIMAGE_TEST_DATA "/gif/mixed-disposal.gif";
-    std::ifstream file(path, std::ios::binary);
-    const gif_reference::animation what =
-        gif_reference::read({std::istreambuf_iterator<char>(file), {}});
+    const gif_reference::animation what = gif_reference::read(read_test_file(path));
     const auto shown = gif_reference::compose(what);
     const worker served(home, path);
     const held_client client = connect_to(served.socket());

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include "client/stillimage_client.h"
 #include "platform/standalone/confine/sanitized_build.h"
 #include "tests/support/child_process.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/refused_calls.h"
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"
@@ -29,12 +29,6 @@ using testing::StartsWith;
 namespace {
 
 const std::string picture = STILLIMAGE_TEST_DATA "/jpeg/peacock-420.jpg";
-
-std::string text_of(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // The value after `key` in the first line of /proc/PID/`file` that begins with it; "" when none
 // does.
@@ -74,7 +68,7 @@ protected:
 
     std::string copy_to(const std::string& name) const
     {
-        return home.folder().write(name, text_of(picture));
+        return home.folder().write(name, read_text(picture));
     }
 
     worker_home home;
@@ -106,7 +100,7 @@ TEST_F(Confined, DaemonStaysConfined)
     EXPECT_EQ(parent.wait_end(), 0);
     ASSERT_EQ(run_client(home, {parent.socket(), "wait", "--timeout", "20"}), 0)
         << parent.printed();
-    const int daemon = std::atoi(text_of(parent.socket() + ".lock").c_str());
+    const int daemon = std::atoi(read_text(parent.socket() + ".lock").c_str());
     ASSERT_GT(daemon, 0);
     EXPECT_EQ(kernel_value(daemon, "status", "NoNewPrivs:"), "1");
     EXPECT_EQ(kernel_value(daemon, "status", "Seccomp:"), "2");
@@ -149,7 +143,7 @@ TEST_F(Confined, PictureMetadataAndSocketInOneFolderWork)
         return home.folder().read("one/metadata").find("colour = green\n") != std::string::npos;
     }));
     EXPECT_THAT(home.folder().read("one/log"), HasSubstr("Caller requested to exit\n"));
-    EXPECT_EQ(text_of(path), text_of(picture));
+    EXPECT_EQ(read_text(path), read_text(picture));
 }
 
 TEST_F(Confined, PictureBehindALinkIsServedAfterItsRemoval)
@@ -179,7 +173,7 @@ TEST_F(Confined, DomainFolderRemovedUnderAWaitingWorkerIsRecreated)
 // and no program that receives the core.
 TEST_F(Confined, AbortWritesACoreFileWhenTheLimitAllowsIt)
 {
-    const std::string pattern = text_of("/proc/sys/kernel/core_pattern");
+    const std::string pattern = read_text("/proc/sys/kernel/core_pattern");
     rlimit limit = {};
     ASSERT_EQ(getrlimit(RLIMIT_CORE, &limit), 0);
     if (pattern.find_first_of("|@/") != std::string::npos || limit.rlim_max == 0 ||

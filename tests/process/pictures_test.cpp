@@ -1,8 +1,6 @@
 // Real pictures through the real worker: its exit status, and every byte that clients can see.
 #include <csignal>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 
 #include <gmock/gmock.h>
@@ -11,6 +9,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/framebuffer/layout.h"
 #include "client/stillimage_client.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_literal.h"
 #include "tests/support/worker.h"
@@ -25,13 +24,6 @@ namespace {
 std::string data_path(const std::string& name)
 {
     return STILLIMAGE_TEST_DATA "/jpeg/" + name;
-}
-
-jpeg_writer::file_bytes load(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << path;
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 class Pictures : public jpeg_test {
@@ -126,7 +118,7 @@ protected:
         ASSERT_EQ(stillimage_get_frame(connected, 0, 0, 0, 30'000, &frame), STILLIMAGE_OK)
             << path << stillimage_last_error(connected);
         const stillimage_descriptor_info* info = stillimage_frame_descriptor(frame);
-        const auto area = expected_area(load(path), info->area);
+        const auto area = expected_area(read_test_file(path), info->area);
         ASSERT_EQ(info->area_size, area.size()) << path;
         EXPECT_TRUE(memcmp(info->area, area.data(), area.size()) == 0) << path;
         expect_level(connected, 0, 0, main_image_mipmap);

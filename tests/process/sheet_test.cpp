@@ -1,14 +1,13 @@
 // Contact sheets of real pictures: what they show, and where. The positions are those that the
 // tests of the layout expect.
-#include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <png.h>
 
+#include "tests/support/file_contents.h"
 #include "tests/support/gif_writer.h"
 #include "tests/support/webp_writer.h"
 #include "tests/support/worker.h"
@@ -195,9 +194,8 @@ TEST_F(Sheet, IsWrittenWholeOrNotAtAll)
     const worker served(home_, STILLIMAGE_TEST_DATA "/webp/lossy-alpha.webp");
     const std::string out = home_.path("out.png");
     EXPECT_EQ(run_client(home_, {served.socket(), "sheet", out}), 0);
-    std::ifstream file(out, std::ios::binary);
     sheet_image sheet;
-    EXPECT_TRUE(read_sheet({std::istreambuf_iterator<char>(file), {}}, &sheet));
+    EXPECT_TRUE(read_sheet(read_text(out), &sheet));
     EXPECT_EQ(run_client(home_, {served.socket(), "sheet", home_.path("none/out.png")}), 1);
     EXPECT_EQ(run_client(home_, {served.socket(), "sheet", "out.gif"}), 2);
     EXPECT_EQ(run_client(home_, {home_.path("nobody"), "sheet", out}), 3);

@@ -1,21 +1,8 @@
 #include "tests/support/comm_fixture.h"
 
-#include <dirent.h>
-
 #include "platform/serving.h"
 
 using namespace comm_protocol;
-
-size_t open_descriptors()
-{
-    DIR* folder = opendir("/proc/self/fd");
-    size_t count = 0;
-    while (readdir(folder) != nullptr) {
-        ++count;
-    }
-    closedir(folder);
-    return count;
-}
 
 void expect_error(const std::optional<received_packet>& packet, error_code code, uint64_t request,
                   std::string_view text)

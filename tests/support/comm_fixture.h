@@ -15,9 +15,6 @@
 #include "tests/support/plain_item.h"
 #include "tests/support/temporary_folder.h"
 
-// The number of open descriptors of this process.
-size_t open_descriptors();
-
 // Checks that the packet is an ERROR with this code and text for this request.
 void expect_error(const std::optional<received_packet>& packet, comm_protocol::error_code code,
                   uint64_t request, std::string_view text);

@@ -1,9 +1,7 @@
 #include "tests/support/item_fixture.h"
 
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,20 +11,6 @@
 #include "platform/start_up.h"
 
 namespace item_test {
-
-environment_variable::environment_variable(const char* name, const char* value)
-    : name_(name), was_set_(getenv(name) != nullptr)
-{
-    if (was_set_) {
-        old_value_ = getenv(name);
-    }
-    value != nullptr ? setenv(name, value, 1) : unsetenv(name);
-}
-
-environment_variable::~environment_variable()
-{
-    was_set_ ? setenv(name_.c_str(), old_value_.c_str(), 1) : unsetenv(name_.c_str());
-}
 
 replaced_stderr::replaced_stderr(int fd) : kept_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
 {
@@ -82,20 +66,11 @@ std::vector<std::string> lines_of(std::string_view text)
     return lines;
 }
 
-size_t open_descriptors()
-{
-    size_t count = 0;
-    for ([[maybe_unused]] const auto& entry :
-         std::filesystem::directory_iterator("/proc/self/fd")) {
-        ++count;
-    }
-    return count - 1; // without the folder's own descriptor
-}
-
 ItemFixture::ItemFixture()
-    : runtime_("XDG_RUNTIME_DIR", folder.path("run").c_str()),
-      state_("XDG_STATE_HOME", folder.path("state").c_str()), manager_("NOTIFY_SOCKET", nullptr)
 {
+    environment_.set("XDG_RUNTIME_DIR", folder.path("run"));
+    environment_.set("XDG_STATE_HOME", folder.path("state"));
+    environment_.set("NOTIFY_SOCKET", std::nullopt);
     signal(SIGPIPE, SIG_IGN);
     mkdir(folder.path("run").c_str(), 0700);
     ::platform::reset_item();

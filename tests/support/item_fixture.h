@@ -11,23 +11,10 @@
 
 #include "platform/metadata.h"
 #include "platform/standalone/base/unique_fd.h"
+#include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
 
 namespace item_test {
-
-// Sets an environment variable, or unsets it with null, until the end of the scope.
-class environment_variable {
-public:
-    environment_variable(const char* name, const char* value);
-    environment_variable(const environment_variable&) = delete;
-    environment_variable& operator=(const environment_variable&) = delete;
-    ~environment_variable();
-
-private:
-    std::string name_;
-    std::string old_value_;
-    bool was_set_;
-};
 
 // Redirects standard error to another descriptor until the end of the scope.
 class replaced_stderr {
@@ -54,8 +41,6 @@ std::string read_waiting(int fd);
 // The lines of `text`, including a last one without a newline.
 std::vector<std::string> lines_of(std::string_view text);
 
-size_t open_descriptors(); // of this process
-
 class ItemFixture : public testing::Test {
 protected:
     ItemFixture();
@@ -77,9 +62,7 @@ protected:
     temporary_folder folder;
 
 private:
-    environment_variable runtime_;
-    environment_variable state_;
-    environment_variable manager_;
+    changed_environment environment_;
 };
 
 } // namespace item_test

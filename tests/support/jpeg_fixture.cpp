@@ -1,8 +1,5 @@
 #include "tests/support/jpeg_fixture.h"
 
-#include <filesystem>
-#include <iterator>
-
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg.h"
 #include "bin/examine/jpeg_reader.h"
@@ -15,12 +12,6 @@ std::string printed_by(const std::function<void()>& work)
     testing::internal::CaptureStderr();
     work();
     return testing::internal::GetCapturedStderr();
-}
-
-size_t open_descriptors()
-{
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 void reset_for_jpeg()

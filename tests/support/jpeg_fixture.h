@@ -13,8 +13,6 @@
 // Runs `work` and returns what it prints to standard error.
 std::string printed_by(const std::function<void()>& work);
 
-size_t open_descriptors(); // of this process
-
 // Resets every variable that the JPEG units use to its value at program start.
 void reset_for_jpeg();
 

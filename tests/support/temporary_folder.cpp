@@ -6,8 +6,9 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <unistd.h>
+
+#include "tests/support/file_contents.h"
 
 namespace fs = std::filesystem;
 
@@ -42,8 +43,7 @@ std::string temporary_folder::write(std::string_view name, std::string_view cont
 
 std::string temporary_folder::read(std::string_view name) const
 {
-    std::ifstream file(path(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    return read_text(path(name));
 }
 
 bool temporary_folder::has(std::string_view name) const

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "client/stillimage_client.h"
+#include "tests/support/file_contents.h"
 
 namespace {
 
@@ -40,12 +41,6 @@ void redirect(const std::string& path, int to)
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     dup2(fd, to);
     close(fd);
-}
-
-std::string read_file(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // Adds the variables whose names `environment` does not contain.
@@ -268,7 +263,7 @@ void worker::send(int signal) const
 
 std::string worker::printed() const
 {
-    return read_file(stderr_path_);
+    return read_text(stderr_path_);
 }
 
 size_t worker::open_descriptors() const
@@ -331,7 +326,7 @@ started_client::~started_client()
 
 std::string started_client::printed() const
 {
-    return read_file(out_path_);
+    return read_text(out_path_);
 }
 
 int started_client::wait_end(int timeout_ms)

@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -150,10 +149,4 @@ int sealed_memory(const std::vector<unsigned char>& bytes)
         abort();
     }
     return fd;
-}
-
-size_t open_descriptors()
-{
-    const std::filesystem::directory_iterator folder("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(folder), end(folder)));
 }

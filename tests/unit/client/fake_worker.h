@@ -68,5 +68,3 @@ private:
 // A memfd with these bytes, sealed like the worker's buffer. The caller closes it.
 int sealed_memory(const std::vector<unsigned char>& bytes);
 int unsealed_memory(const std::vector<unsigned char>& bytes);
-
-size_t open_descriptors();

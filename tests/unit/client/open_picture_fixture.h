@@ -3,8 +3,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -14,6 +12,7 @@
 
 #include "client/stillimage_client.h"
 #include "tests/support/environment.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"
@@ -26,9 +25,8 @@ protected:
     OpenPicture()
     {
         environment.set("STILLIMAGE_PROGRAM", STILLIMAGE_PROGRAM);
-        std::ifstream from(STILLIMAGE_TEST_DATA "/png/photo-rgb.png", std::ios::binary);
-        const std::string bytes{std::istreambuf_iterator<char>(from), {}};
-        picture = home.folder().write("picture.png", bytes);
+        picture = home.folder().write("picture.png",
+                                      read_text(STILLIMAGE_TEST_DATA "/png/photo-rgb.png"));
     }
     ~OpenPicture() override
     {

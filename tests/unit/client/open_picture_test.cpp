@@ -22,6 +22,7 @@
 
 #include "client/stillimage_client.h"
 #include "tests/support/environment.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"

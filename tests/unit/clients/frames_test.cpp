@@ -10,6 +10,7 @@
 #include "platform/standalone/clients/frames.h"
 #include "platform/standalone/comm/connection.h"
 #include "tests/support/comm_fixture.h"
+#include "tests/support/open_descriptors.h"
 
 using namespace comm_protocol;
 using plain_item::state;

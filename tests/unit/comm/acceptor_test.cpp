@@ -13,6 +13,7 @@
 #include "platform/time.h"
 #include "tests/support/child_process.h"
 #include "tests/support/comm_fixture.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/support/refused_calls.h"
 #include "tests/unit/comm/server_fixture.h"
 

@@ -12,6 +12,7 @@
 #include "platform/time.h"
 #include "tests/support/child_process.h"
 #include "tests/support/comm_fixture.h"
+#include "tests/support/open_descriptors.h"
 
 using namespace comm_protocol;
 

@@ -15,6 +15,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/comm_fixture.h"
 #include "tests/support/memory_channel.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/support/refused_calls.h"
 #include "tests/unit/comm/server_fixture.h"
 

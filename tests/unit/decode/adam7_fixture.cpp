@@ -1,8 +1,6 @@
 #include "tests/unit/decode/adam7_fixture.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 
 #include "bin/decode/planes.h"
 #include "bin/decode/png_adam7.h"
@@ -15,13 +13,6 @@
 #include "platform/run_state.h"
 
 namespace adam7_tests {
-
-bytes read_file(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << path;
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 void Fixture::start_anew()
 {

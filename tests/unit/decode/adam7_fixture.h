@@ -18,8 +18,6 @@ namespace adam7_tests {
 
 using bytes = std::vector<unsigned char>;
 
-bytes read_file(const std::string& path);
-
 class Fixture : public testing::Test {
 protected:
     void SetUp() override { start_anew(); }

@@ -9,6 +9,7 @@
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
 #include "bin/framebuffer/mipmap.h"
+#include "tests/support/file_contents.h"
 #include "tests/unit/decode/adam7_fixture.h"
 #include "tests/unit/framebuffer/mipmap_model.h"
 
@@ -85,7 +86,7 @@ TEST_F(DecodePngAdam7, InterlacedTestPicturesAreDrawnByTheRules)
                              "basi2c16.png", "basi3p04.png", "basi3p08.png", "basi4a08.png",
                              "basi6a16.png", "rgb-adam7-cut.png", "s01i3p01.png", "s05i3p02.png"}) {
         SCOPED_TRACE(name);
-        expect_drawn_by_rules(read_file(STILLIMAGE_TEST_DATA "/png/" + std::string(name)));
+        expect_drawn_by_rules(read_test_file("png/" + std::string(name)));
     }
 }
 

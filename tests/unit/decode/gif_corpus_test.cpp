@@ -1,13 +1,12 @@
 // The stored GIFs against a plain version of the drawing rules: every frame, the whole frame
 // buffer.
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include <gtest/gtest.h>
 
 #include "bin/examine/gif.h"
 #include "bin/examine/image_state.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/unit/decode/gif_fixture.h"
 
@@ -15,15 +14,7 @@ namespace {
 
 const std::filesystem::path folder = STILLIMAGE_TEST_DATA "/gif";
 
-class GifCorpus : public gif_test {
-protected:
-    static file_bytes load(const std::filesystem::path& path)
-    {
-        std::ifstream file(path, std::ios::binary);
-        EXPECT_TRUE(file) << path;
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-};
+class GifCorpus : public gif_test {};
 
 TEST_F(GifCorpus, EveryPictureIsDrawnByTheRules)
 {
@@ -33,7 +24,7 @@ TEST_F(GifCorpus, EveryPictureIsDrawnByTheRules)
         if (name == "empty-screen.gif" || name == "no-frames.gif") {
             continue;
         }
-        expect_drawn_by_rules(load(entry.path()), name);
+        expect_drawn_by_rules(read_test_file(entry.path()), name);
         ++drawn;
     }
     EXPECT_GE(drawn, 21U);
@@ -41,14 +32,14 @@ TEST_F(GifCorpus, EveryPictureIsDrawnByTheRules)
 
 TEST_F(GifCorpus, StartTimesFollowVaryingDelays)
 {
-    expect_drawn_by_rules(load(folder / "varying-delays.gif"));
+    expect_drawn_by_rules(read_test_file(folder / "varying-delays.gif"));
     EXPECT_EQ(image_mapping_points.size(), 4U);
     EXPECT_EQ(image_mapping_total, 360U);
 }
 
 TEST_F(GifCorpus, CarriedTransparentColourClearsPixels)
 {
-    expect_drawn_by_rules(load(folder / "transparent-colour-carried-over.gif"));
+    expect_drawn_by_rules(read_test_file(folder / "transparent-colour-carried-over.gif"));
     size_t clear = 0;
     for (unsigned y = 0; y < 16; ++y) {
         for (unsigned x = 0; x < 24; ++x) {

@@ -1,6 +1,4 @@
 #include <csignal>
-#include <fstream>
-#include <iterator>
 #include <malloc.h>
 #include <string>
 #include <utility>
@@ -18,6 +16,7 @@
 #include "platform/cnb.h"
 #include "platform/run_state.h"
 #include "tests/support/failing_calls.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_literal.h"
 #include "tests/support/jpeg_writer.h"
@@ -401,9 +400,7 @@ TEST_F(JpegCmyk, RealFilesAreDrawnByTheRules)
 {
     for (const char* name : {"cmyk-odd-width.jpg", "cmyk-32x32.jpg", "ycck-444.jpg", "ycck-420.jpg",
                              "ycck-422.jpg", "ycck-440.jpg"}) {
-        std::ifstream stream(std::string(STILLIMAGE_TEST_DATA "/jpeg/") + name, std::ios::binary);
-        ASSERT_TRUE(stream) << name;
-        expect_drawn_literally({std::istreambuf_iterator<char>(stream), {}}, name);
+        expect_drawn_literally(read_test_file(std::string("jpeg/") + name), name);
     }
 }
 

@@ -1,7 +1,5 @@
 // The outcome of real files, and of small files truncated at every byte or with any byte changed.
 #include <csignal>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -14,6 +12,7 @@
 #include "bin/examine/jpeg_reader.h"
 #include "bin/framebuffer/layout.h"
 #include "tests/support/caught_abort.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_literal.h"
 #include "tests/support/jpeg_writer.h"
@@ -32,12 +31,7 @@ int decode_raw()
 
 class JpegCorpus : public jpeg_test {
 protected:
-    static file_bytes load(const std::string& name)
-    {
-        std::ifstream file(STILLIMAGE_TEST_DATA "/jpeg/" + name, std::ios::binary);
-        EXPECT_TRUE(file) << name;
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    static file_bytes stored(const std::string& name) { return read_test_file("jpeg/" + name); }
 };
 
 TEST_F(JpegCorpus, PicturesOfOneAndThreeComponentsAreDrawnByTheRules)
@@ -61,7 +55,7 @@ TEST_F(JpegCorpus, PicturesOfOneAndThreeComponentsAreDrawnByTheRules)
                                             "wide-16384.jpg"};
     for (const std::string& name : names) {
         reset_for_jpeg();
-        const file_bytes file = load(name);
+        const file_bytes file = stored(name);
         open(file);
         EXPECT_EQ(decode(decode_raw), 0) << name;
         EXPECT_TRUE(allocation() == draw_literally(file)) << name;
@@ -73,7 +67,7 @@ TEST_F(JpegCorpus, TruncatedFilesAreDrawnAfterAWarningOfTheLibrary)
 {
     for (const char* name : {"peacock-420-cut.jpg", "peacock-progressive-cut.jpg"}) {
         reset_for_jpeg();
-        open(load(name));
+        open(stored(name));
         EXPECT_EQ(decode(decode_raw), 0) << name;
         EXPECT_EQ(printed, "Premature end of JPEG file\n") << name;
     }
@@ -93,7 +87,7 @@ TEST_F(JpegCorpus, RefusedPicturesAreReportedWithTheReason)
         {"zero-width.jpg", "JPEG library panicked and attempted to exit. Decode failed\n"},
     };
     for (const auto& [name, line] : refused) {
-        EXPECT_EQ(examine(load(name)), -1) << name;
+        EXPECT_EQ(examine(stored(name)), -1) << name;
         EXPECT_THAT(printed, EndsWith(line)) << name;
     }
 }
@@ -110,7 +104,7 @@ TEST_F(JpegCorpus, CmykAndYcckAreDistinguished)
     };
     for (const auto& [name, line] : accepted) {
         reset_for_jpeg();
-        EXPECT_EQ(examine(load(name)), 0) << name;
+        EXPECT_EQ(examine(stored(name)), 0) << name;
         EXPECT_THAT(printed, HasSubstr(line)) << name;
     }
 }
@@ -123,7 +117,7 @@ TEST_F(JpegCorpus, PicturesThatCannotBeStartedAreReported)
     };
     for (const auto& [name, line] : unstarted) {
         reset_for_jpeg();
-        open(load(name));
+        open(stored(name));
         EXPECT_EQ(decode(decode_raw), -1) << name;
         EXPECT_THAT(printed, EndsWith(line + "jpeg_start_decompress() threw an error. giving up\n"))
             << name;
@@ -132,7 +126,7 @@ TEST_F(JpegCorpus, PicturesThatCannotBeStartedAreReported)
 
 TEST_F(JpegCorpus, SecondFrameHeaderEndsTheProcess)
 {
-    open(load("two-frame-headers.jpg"));
+    open(stored("two-frame-headers.jpg"));
     EXPECT_EXIT(decode_raw(), testing::KilledBySignal(SIGABRT),
                 EndsWith("'Invalid JPEG file structure: two SOF markers')\n"
                          "Unexpected longjmp from JPEGLIB error handler\n"));

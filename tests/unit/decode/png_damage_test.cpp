@@ -8,6 +8,7 @@
 #include "bin/examine/image_state.h"
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/png_literal.h"
 #include "tests/unit/decode/png_fixture.h"
 
@@ -186,7 +187,7 @@ TEST_F(PngDamage, LibraryErrorAfterDecodingEndsTheProcess)
 
 TEST_F(PngDamage, TruncatedPhotographIsDrawnUpToItsEnd)
 {
-    const bytes file = read_file(STILLIMAGE_TEST_DATA "/png/rgb-cut.png");
+    const bytes file = read_test_file("png/rgb-cut.png");
     open(file);
     EXPECT_EQ(decode(), 0);
     EXPECT_EQ(printed, damage("Read Error"));

@@ -1,8 +1,6 @@
 #include "tests/unit/decode/png_fixture.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <random>
 
 #include <png.h>
@@ -109,12 +107,6 @@ bytes write_in_pieces(const png_spec& spec, size_t piece, int level)
     }
     append_png_chunk(file, {"IEND"});
     return file;
-}
-
-bytes read_file(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 void Fixture::start_anew()

@@ -43,8 +43,6 @@ png_spec random_picture(uint32_t width, uint32_t height, uint8_t colour_type, ui
 // The same file with the image data in chunks of `piece` bytes, compressed at `level`.
 bytes write_in_pieces(const png_spec& spec, size_t piece, int level = 6);
 
-bytes read_file(const std::string& path);
-
 class Fixture : public testing::Test {
 protected:
     void SetUp() override { start_anew(); }

@@ -8,6 +8,7 @@
 #include "bin/examine/png.h"
 #include "bin/framebuffer/layout.h"
 #include "platform/run_state.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/png_literal.h"
 #include "tests/unit/decode/png_fixture.h"
 
@@ -81,7 +82,7 @@ TEST_F(PngRows, TestPicturesAreDrawnByTheRules)
 {
     size_t seen = 0;
     for (const auto& entry : std::filesystem::directory_iterator(STILLIMAGE_TEST_DATA "/png")) {
-        const bytes file = read_file(entry.path());
+        const bytes file = read_test_file(entry.path());
         start_anew();
         scripted::set_picture(file);
         testing::internal::CaptureStderr();

@@ -2,12 +2,11 @@
 // stored pictures and damaged ones.
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/tiff.h"
 #include "bin/framebuffer/layout.h"
+#include "tests/support/file_contents.h"
 #include "tests/unit/decode/tiff_fixture.h"
 
 namespace {
@@ -245,18 +244,12 @@ TEST_F(DecodeTiff, ExtremeTagValues)
     }
 }
 
-file_bytes stored(const std::filesystem::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 TEST_F(DecodeTiff, StoredPictures)
 {
     int drawn = 0;
     for (const auto& entry : std::filesystem::directory_iterator(STILLIMAGE_TEST_DATA "/tiff")) {
         SCOPED_TRACE(entry.path().filename());
-        drawn += expect_drawn_by_rules(stored(entry.path())) ? 1 : 0;
+        drawn += expect_drawn_by_rules(read_test_file(entry.path())) ? 1 : 0;
     }
     EXPECT_EQ(drawn, 24);
 }
@@ -266,7 +259,7 @@ TEST_F(DecodeTiff, StoredPicturesRowByRow)
 {
     for (const char* name : {"rgb-lzw.tiff", "rgb-big-endian.tiff", "rgba-lzw-predictor.tiff"}) {
         SCOPED_TRACE(name);
-        ASSERT_TRUE(open(stored(STILLIMAGE_TEST_DATA "/tiff/" + std::string(name))));
+        ASSERT_TRUE(open(read_test_file(STILLIMAGE_TEST_DATA "/tiff/" + std::string(name))));
         EXPECT_EQ(decode(), 0);
         std::vector<unsigned char> row(tiff_bytes_per_row);
         for (uint32_t y = 0; y < tiff_height; ++y) {

@@ -1,8 +1,6 @@
 #include "tests/unit/decode/webp_fixture.h"
 
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <random>
 
 #include "bin/decode/webp.h"
@@ -11,6 +9,7 @@
 #include "bin/framebuffer/layout.h"
 #include "platform/cnb.h"
 #include "tests/support/failing_calls.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/scripted_platform.h"
 
 namespace {
@@ -100,9 +99,7 @@ file_bytes noise(int width, int height, bool alpha, unsigned seed)
 
 file_bytes webp_of_tests(const std::string& name)
 {
-    std::ifstream file(STILLIMAGE_TEST_DATA "/webp/" + name, std::ios::binary);
-    EXPECT_TRUE(file) << name;
-    return {std::istreambuf_iterator<char>(file), {}};
+    return read_test_file("webp/" + name);
 }
 
 file_bytes first_bytes(const file_bytes& file, size_t count)

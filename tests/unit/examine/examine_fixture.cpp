@@ -1,15 +1,12 @@
 #include "tests/unit/examine/examine_fixture.h"
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
 #include "bin/examine/formats.h"
 #include "bin/examine/image_state.h"
 #include "bin/examine/jpeg_reader.h"
 #include "bin/examine/tiff.h"
 #include "bin/examine/webp.h"
 #include "platform/item_metadata.h"
+#include "tests/support/open_descriptors.h"
 
 namespace {
 
@@ -23,12 +20,6 @@ void reset_examination()
 }
 
 } // namespace
-
-size_t open_descriptors()
-{
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(all), end(all)));
-}
 
 void ExamineFixture::SetUp()
 {
@@ -86,11 +77,4 @@ std::vector<std::string> ExamineFixture::entries()
         }
     }
     return found;
-}
-
-std::vector<unsigned char> read_test_file(const std::string& path)
-{
-    std::ifstream file(STILLIMAGE_TEST_DATA "/" + path, std::ios::binary);
-    EXPECT_TRUE(file.is_open()) << path;
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }

@@ -28,7 +28,3 @@ private:
     size_t descriptors_at_start_ = 0;
     bool captured_ = false;
 };
-
-std::vector<unsigned char> read_test_file(const std::string& path); // path below tests/data
-
-size_t open_descriptors();

@@ -14,6 +14,7 @@
 #include "bin/examine/png.h"
 #include "bin/examine/tiff.h"
 #include "bin/examine/webp.h"
+#include "tests/support/file_contents.h"
 #include "tests/unit/examine/examine_fixture.h"
 
 namespace {

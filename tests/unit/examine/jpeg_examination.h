@@ -10,6 +10,7 @@
 #include "bin/examine/jpeg_reader.h"
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_writer.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/unit/examine/jpeg_failing_calls.h"
 
 class jpeg_examination : public jpeg_test {

@@ -11,6 +11,7 @@
 #include "bin/examine/jpeg_reader.h"
 #include "tests/support/jpeg_fixture.h"
 #include "tests/support/jpeg_writer.h"
+#include "tests/support/open_descriptors.h"
 
 using testing::EndsWith;
 using testing::KilledBySignal;

@@ -4,6 +4,7 @@
 
 #include "bin/examine/examine_file.h"
 #include "bin/examine/image_state.h"
+#include "tests/support/file_contents.h"
 #include "tests/unit/examine/examine_fixture.h"
 
 namespace {

@@ -5,6 +5,7 @@
 #include "bin/examine/tiff.h"
 #include "bin/examine/tiff_open.h"
 #include "platform/run_state.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/unit/examine/tiff_fixture.h"
 
 namespace {

@@ -1,11 +1,10 @@
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <unistd.h>
 
 #include "bin/examine/image_state.h"
 #include "bin/examine/tiff.h"
 #include "platform/item_metadata.h"
+#include "tests/support/file_contents.h"
 #include "tests/unit/examine/tiff_fixture.h"
 
 namespace {
@@ -377,8 +376,7 @@ TEST_F(TiffExamination, SingleAllocationsOfTheLibraryAreLimited)
 TEST_F(TiffExamination, FileIsReadAndNeverMapped)
 {
     ASSERT_EQ(examine(plain_tiff(64, 64, 3, 2)), 0);
-    std::ifstream maps("/proc/self/maps");
-    const std::string text{std::istreambuf_iterator<char>(maps), std::istreambuf_iterator<char>()};
+    const std::string text = read_text("/proc/self/maps");
     EXPECT_NE(text.find("libtiff"), std::string::npos);
     EXPECT_EQ(text.find("memfd:picture"), std::string::npos);
 }

@@ -19,13 +19,14 @@
 #include "platform/standalone/report/document.h"
 #include "platform/start_up.h"
 #include "tests/support/child_process.h"
+#include "tests/support/environment.h"
 #include "tests/support/item_fixture.h"
+#include "tests/support/open_descriptors.h"
 #include "wire/item_paths.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using item_test::environment_variable;
 
 class Derived : public item_test::ItemFixture {
 protected:
@@ -108,8 +109,9 @@ TEST_F(Derived, GivenPathsAreKept)
 
 TEST_F(Derived, TemporaryFolderIsUsedWithoutARuntimeFolder)
 {
-    const environment_variable runtime("XDG_RUNTIME_DIR", nullptr);
-    const environment_variable temporary("TMPDIR", folder.path("tmp").c_str());
+    changed_environment environment;
+    environment.set("XDG_RUNTIME_DIR", std::nullopt);
+    environment.set("TMPDIR", folder.path("tmp"));
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     const std::string own = folder.path("tmp/stillimage-") + std::to_string(geteuid());
     EXPECT_EQ(mode_of(own), 0700U);
@@ -445,11 +447,11 @@ TEST_F(Derived, SwitchesOverrideTheMetadata)
 
 TEST_F(Derived, ClosingReleasesEverythingAndMayRunTwice)
 {
-    const size_t before = item_test::open_descriptors();
+    const size_t before = open_descriptors();
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     vexa_free_all();
     vexa_free_all();
-    EXPECT_EQ(item_test::open_descriptors(), before);
+    EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(vexa_meta, nullptr);
     EXPECT_EQ(vexa_metadata, nullptr);
     EXPECT_EQ(platform::opened_item(), nullptr);

@@ -15,6 +15,7 @@
 #include "platform/standalone/item/serve_lock.h"
 #include "tests/support/child_process.h"
 #include "tests/support/item_fixture.h"
+#include "tests/support/open_descriptors.h"
 
 namespace {
 
@@ -227,11 +228,11 @@ TEST_F(ServeLock, ProcessThatDoesNotOwnItKeepsTheFile)
 
 TEST_F(ServeLock, DescriptorIsNotLeaked)
 {
-    const size_t before = item_test::open_descriptors();
+    const size_t before = open_descriptors();
     ASSERT_TRUE(platform::take_serve_lock(socket));
-    EXPECT_EQ(item_test::open_descriptors(), before + 1);
+    EXPECT_EQ(open_descriptors(), before + 1);
     platform::release_serve_lock();
-    EXPECT_EQ(item_test::open_descriptors(), before);
+    EXPECT_EQ(open_descriptors(), before);
 }
 
 } // namespace

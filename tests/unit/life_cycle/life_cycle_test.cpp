@@ -17,6 +17,7 @@
 #include "platform/status.h"
 #include "tests/support/child_process.h"
 #include "tests/support/item_fixture.h"
+#include "tests/support/open_descriptors.h"
 
 namespace {
 
@@ -57,9 +58,9 @@ TEST_F(LifeCycle, MissingStandardDescriptorsBecomeTheNullDevice)
 
 TEST_F(LifeCycle, OpenStandardDescriptorsAreUnchanged)
 {
-    const size_t before = item_test::open_descriptors();
+    const size_t before = open_descriptors();
     open_missing_standard_descriptors();
-    EXPECT_EQ(item_test::open_descriptors(), before);
+    EXPECT_EQ(open_descriptors(), before);
 }
 
 // --- the domain ---------------------------------------------------------------------------------
@@ -126,7 +127,7 @@ TEST_F(LifeCycle, FreeingNothingWorks)
 
 TEST_F(LifeCycle, FreeingReleasesEverythingAndMayRunTwice)
 {
-    const size_t before = item_test::open_descriptors();
+    const size_t before = open_descriptors();
     FILE* const stream = stderr;
     const item_test::pipe_pair pipe = item_test::make_pipe();
     const std::string picture = folder.write("p.png", "sixteen bytes ..");
@@ -141,7 +142,7 @@ TEST_F(LifeCycle, FreeingReleasesEverythingAndMayRunTwice)
         vexa_free_all();
         vexa_free_all();
     });
-    EXPECT_EQ(item_test::open_descriptors(), before + 2); // of the pipe
+    EXPECT_EQ(open_descriptors(), before + 2); // of the pipe
     EXPECT_EQ(stderr, stream);
     EXPECT_FALSE(folder.has("s.sock.lock"));
     EXPECT_EQ(vexa_file, nullptr);

@@ -5,19 +5,13 @@
 
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/metadata_text.h"
+#include "tests/support/metadata_text.h"
 
 namespace {
 
 using platform::text_document;
 using platform::text_entry;
 using platform::text_fault;
-
-// The text that a list of these entries has in its file.
-std::string written(text_document document)
-{
-    const platform::list_owner list(platform::new_metadata_list(std::move(document)));
-    return platform::metadata_list_text(*list);
-}
 
 text_document parsed(std::string_view text)
 {

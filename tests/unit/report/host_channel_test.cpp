@@ -12,6 +12,7 @@
 #include "platform/standalone/report/host_channel.h"
 #include "tests/support/full_disk.h"
 #include "tests/support/item_fixture.h"
+#include "tests/support/open_descriptors.h"
 
 namespace {
 
@@ -66,9 +67,9 @@ TEST_F(HostChannel, OwnsADuplicateThatIsClosedOnExec)
 {
     pipe_pair pipe = make_pipe();
     fcntl(pipe.writer.get(), F_SETFD, 0);
-    const size_t before = item_test::open_descriptors();
+    const size_t before = open_descriptors();
     ASSERT_TRUE(channel.open(pipe.writer.get()));
-    EXPECT_EQ(item_test::open_descriptors(), before + 1);
+    EXPECT_EQ(open_descriptors(), before + 1);
     EXPECT_NE(fcntl(pipe.writer.get(), F_GETFD) & FD_CLOEXEC, 0);
     pipe.writer.reset();
     channel.report_progress(1, "a", 0);

@@ -10,6 +10,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/full_disk.h"
 #include "tests/support/item_fixture.h"
+#include "tests/support/open_descriptors.h"
 
 namespace {
 
@@ -285,11 +286,11 @@ TEST_F(LogFile, ContinuesAfterAChangeOfTheWorkingFolder)
 
 TEST_F(LogFile, ClosingTwiceWorks)
 {
-    const size_t before = item_test::open_descriptors();
+    const size_t before = open_descriptors();
     ASSERT_TRUE(log.open(folder.path().c_str()));
     log.close();
     log.close();
-    EXPECT_EQ(item_test::open_descriptors(), before);
+    EXPECT_EQ(open_descriptors(), before);
 }
 
 } // namespace

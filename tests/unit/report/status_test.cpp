@@ -11,12 +11,12 @@
 #include "platform/standalone/report/document.h"
 #include "platform/standalone/report/status.h"
 #include "platform/status.h"
+#include "tests/support/environment.h"
 #include "tests/support/item_fixture.h"
 #include "wire/utf8.h"
 
 namespace {
 
-using item_test::environment_variable;
 using item_test::lines_of;
 using item_test::make_pipe;
 using item_test::pipe_pair;
@@ -174,7 +174,8 @@ TEST_F(Status, DocumentChangesWithProgress)
 TEST_F(Status, ServiceManagerGetsEveryChange)
 {
     const std::string path = folder.path("notify");
-    const environment_variable manager("NOTIFY_SOCKET", path.c_str());
+    changed_environment environment;
+    environment.set("NOTIFY_SOCKET", path);
     const platform::unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;

@@ -15,9 +15,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/unique_fd.h"
 #include "platform/cnb.h"
 #include "platform/standalone/base/mapping.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/cnb/access_cache.h"
 #include "platform/standalone/cnb/domain.h"
 
@@ -26,7 +26,6 @@
 #endif
 
 using platform::mapping;
-using platform::unique_fd;
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "client/deadline.h"
 #include "client/shared_area.h"
 #include "client/stillimage_client.h"
-#include "client/unique_fd.h"
+#include "common/unique_fd.h"
 #include "wire/protocol.h"
 
 // A packet from the worker. The body points into the connection's buffer and is valid until the

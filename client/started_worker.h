@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "client/unique_fd.h"
+#include "common/unique_fd.h"
 
 class started_worker {
 public:

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "bin/decode/colour_rules.h"
-#include "bin/framebuffer/kernel_choice.h"
+#include "common/for_each_processor.h"
 
 namespace {
 

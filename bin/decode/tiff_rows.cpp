@@ -8,8 +8,8 @@
 
 #include "bin/decode/colour_rules.h"
 #include "bin/decode/rescale.h"
-#include "bin/framebuffer/kernel_choice.h"
 #include "bin/invariant.h"
+#include "common/for_each_processor.h"
 
 namespace {
 

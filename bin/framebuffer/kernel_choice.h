@@ -4,8 +4,8 @@
 // what the version needs, and its functions. All rows give the same bytes. The last row needs
 // nothing.
 //
-// A plain loop that compilers vectorise well is marked FOR_EACH_PROCESSOR instead. The compiler
-// makes the versions and the dynamic loader chooses one.
+// A plain loop that compilers vectorise well is marked FOR_EACH_PROCESSOR instead
+// (common/for_each_processor.h): the compiler makes the versions.
 #pragma once
 
 #include <span>
@@ -43,11 +43,4 @@ const version& best_version(std::span<const version> versions)
 #ifdef __x86_64__
 #define TARGET_SSSE3 __attribute__((target("ssse3")))
 #define TARGET_AVX2 __attribute__((target("avx2")))
-#endif
-
-// clang 14 gives the clones a name that other translation units do not find.
-#if defined(__x86_64__) && !defined(__clang__)
-#define FOR_EACH_PROCESSOR __attribute__((target_clones("avx2", "default")))
-#else
-#define FOR_EACH_PROCESSOR
 #endif

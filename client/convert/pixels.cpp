@@ -6,9 +6,9 @@
 
 #include "client/boundary.h"
 #include "client/convert/axis_filter.h"
-#include "client/convert/for_each_processor.h"
 #include "client/convert/picture_check.h"
 #include "client/convert/rgb_rows.h"
+#include "common/for_each_processor.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "client/convert/for_each_processor.h"
+#include "common/for_each_processor.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "client/tool/session.h"
-#include "client/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "client/stillimage_client.h"
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"
 
@@ -70,7 +70,7 @@ private:
         return at == all.end() ? std::string::npos : static_cast<size_t>(at - all.begin());
     }
 
-    platform::unique_fd fd_{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    unique_fd fd_{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     std::vector<std::string> messages_;
 };
 

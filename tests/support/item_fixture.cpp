@@ -27,7 +27,7 @@ pipe_pair make_pipe()
 {
     int ends[2] = {-1, -1};
     EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    return {platform::unique_fd(ends[0]), platform::unique_fd(ends[1])};
+    return {unique_fd(ends[0]), unique_fd(ends[1])};
 }
 
 void fill(const pipe_pair& pipe)

@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/metadata.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
 
@@ -29,8 +29,8 @@ private:
 };
 
 struct pipe_pair {
-    platform::unique_fd reader;
-    platform::unique_fd writer;
+    unique_fd reader;
+    unique_fd writer;
 };
 pipe_pair make_pipe();
 void fill(const pipe_pair& pipe); // until the pipe is full

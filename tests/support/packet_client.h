@@ -7,13 +7,13 @@
 #include <string>
 #include <string_view>
 
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 #include "wire/protocol.h"
 
 struct received_packet {
     comm_protocol::packet_bytes bytes;
     comm_protocol::packet_header header;
-    platform::unique_fd descriptor;
+    unique_fd descriptor;
 
     const unsigned char* body() const { return bytes.data() + comm_protocol::packet_header_size; }
     size_t body_size() const { return bytes.size() - comm_protocol::packet_header_size; }
@@ -34,7 +34,7 @@ public:
     // Connects; see connected(). The socket does not block.
     explicit packet_client(const std::string& path);
     // Takes over a connected socket.
-    explicit packet_client(platform::unique_fd socket) : socket_(std::move(socket)) {}
+    explicit packet_client(unique_fd socket) : socket_(std::move(socket)) {}
 
     bool connected() const { return static_cast<bool>(socket_); }
     int error() const { return error_; } // of connecting
@@ -53,7 +53,7 @@ public:
     void close() { socket_.reset(); }
 
 private:
-    platform::unique_fd socket_;
+    unique_fd socket_;
     int error_ = 0;
 };
 

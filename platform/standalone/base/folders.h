@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace platform {
 

@@ -6,8 +6,8 @@
 #include <sys/random.h>
 #include <vector>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/unique_fd.h"
 
 namespace platform {
 

@@ -5,10 +5,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/base/folders.h"
 #include "platform/standalone/base/random_bytes.h"
-#include "platform/standalone/base/unique_fd.h"
 
 namespace platform {
 

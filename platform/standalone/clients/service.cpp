@@ -14,12 +14,12 @@
 #include <memory>
 #include <utility>
 
+#include "common/unique_fd.h"
 #include "platform/clients.h"
 #include "platform/run_state.h"
 #include "platform/serving.h"
 #include "platform/standalone/base/checked_math.h"
 #include "platform/standalone/base/error_line.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/clients/contexts.h"
 #include "platform/standalone/clients/documents.h"
 #include "platform/standalone/clients/events.h"

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <sys/types.h>
 
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace platform {
 

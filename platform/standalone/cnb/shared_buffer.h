@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/mapping.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/cnb/kernel_calls.h"
 
 namespace platform {

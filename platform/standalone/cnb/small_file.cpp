@@ -3,8 +3,8 @@
 #include <charconv>
 #include <fcntl.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/unique_fd.h"
 
 namespace platform {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <sys/types.h>
 
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace platform {
 

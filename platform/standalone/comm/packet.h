@@ -3,14 +3,14 @@
 
 #include <cstddef>
 
+#include "common/unique_fd.h"
 #include "platform/comm.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "wire/protocol.h"
 
 // A whole packet, header included.
 struct comm_socket_v4_packet {
     comm_protocol::packet_bytes bytes;
-    platform::unique_fd descriptor; // sent with it, if there is one
+    unique_fd descriptor; // sent with it, if there is one
 };
 
 // A received request. `body` points into the packet that contained it.

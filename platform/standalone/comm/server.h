@@ -44,7 +44,7 @@ struct server_callbacks {
 struct comm_socket_v4_server {
     platform::server_callbacks callbacks;
     platform::server_limits limits;
-    platform::unique_fd epoll;
+    unique_fd epoll;
     platform::connection_home home;
     platform::comm_listener listener;
     platform::comm_listener old_listener; // replaced by `listener`, but still served for a while

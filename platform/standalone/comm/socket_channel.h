@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 #include "platform/standalone/comm/channel.h"
 
 namespace platform {

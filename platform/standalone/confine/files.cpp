@@ -8,8 +8,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/unique_fd.h"
 
 namespace platform {
 

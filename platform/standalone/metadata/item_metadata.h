@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "common/unique_fd.h"
 #include "platform/metadata.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/metadata/metadata_file.h"
 #include "platform/standalone/metadata/picture_stamp.h"
 

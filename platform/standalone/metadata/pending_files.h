@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 #include "platform/standalone/metadata/file_identity.h"
 #include "platform/standalone/metadata/metadata_store.h"
 #include "platform/standalone/metadata/pending_text.h"

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace platform {
 

@@ -5,9 +5,9 @@
 #include <sys/stat.h>
 #include <utility>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/unique_fd.h"
 
 namespace platform {
 

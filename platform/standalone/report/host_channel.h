@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace platform {
 

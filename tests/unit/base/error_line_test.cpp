@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "tests/support/child_process.h"
 
 namespace {
@@ -41,7 +41,7 @@ TEST(ErrorLine, ErrorNumberIsPrintedAsTheSystemsText)
 TEST(ErrorLine, FailedWriteIsIgnoredAndKeepsErrno)
 {
     EXPECT_EQ(run_in_child([] {
-                  const platform::unique_fd full(platform::open_file("/dev/full", O_WRONLY));
+                  const unique_fd full(platform::open_file("/dev/full", O_WRONLY));
                   dup2(full.get(), STDERR_FILENO);
                   errno = EBUSY;
                   platform::error_line("a", "b", "c");

@@ -10,13 +10,11 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
-
-using platform::unique_fd;
 
 struct pipe_ends {
     unique_fd reader;

@@ -116,7 +116,7 @@ TEST(Folders, NamesInAFolderAreComplete)
     const temporary_folder base;
     base.write("a", "");
     ASSERT_EQ(mkdir(base.path(".b").c_str(), 0700), 0);
-    const platform::unique_fd folder = platform::open_folder(base.path().c_str());
+    const unique_fd folder = platform::open_folder(base.path().c_str());
     EXPECT_THAT(platform::names_in_folder(folder.get()),
                 testing::UnorderedElementsAre(".", "..", "a", ".b"));
     EXPECT_THAT(platform::names_in_folder(folder.get()), testing::SizeIs(4)); // again

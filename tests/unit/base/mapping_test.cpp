@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/base/mapping.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
@@ -23,7 +23,7 @@ bool is_mapped(void* address)
 TEST(Mapping, SharesTheBytesOfAFile)
 {
     const temporary_folder folder;
-    const platform::unique_fd fd(platform::open_file(folder.write("f", "abc").c_str(), O_RDWR));
+    const unique_fd fd(platform::open_file(folder.write("f", "abc").c_str(), O_RDWR));
     const mapping map = mapping::shared(fd.get(), 0, 3, PROT_READ | PROT_WRITE);
     ASSERT_TRUE(map);
     EXPECT_EQ(map.size(), 3U);

@@ -7,10 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/misc.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/base/gamma_table.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
@@ -30,7 +30,7 @@ std::string open_files()
 TEST(OpenFiles, EachDescriptorHasALine)
 {
     const temporary_folder folder;
-    const platform::unique_fd fd(platform::open_file(folder.write("f", "").c_str(), O_RDONLY));
+    const unique_fd fd(platform::open_file(folder.write("f", "").c_str(), O_RDONLY));
     const std::string line = std::to_string(fd.get()) + ": " + folder.path("f") + "\n";
     EXPECT_NE(open_files().find(line), std::string::npos) << open_files();
 }
@@ -38,7 +38,7 @@ TEST(OpenFiles, EachDescriptorHasALine)
 TEST(OpenFiles, ClosedDescriptorHasNone)
 {
     const temporary_folder folder;
-    platform::unique_fd fd(platform::open_file(folder.write("f", "").c_str(), O_RDONLY));
+    unique_fd fd(platform::open_file(folder.write("f", "").c_str(), O_RDONLY));
     fd.reset();
     EXPECT_EQ(open_files().find(folder.path("f")), std::string::npos);
 }
@@ -52,8 +52,7 @@ TEST(OpenFiles, DescriptorOfTheListingIsNotListed)
 TEST(OpenFiles, HostileNameStaysOnItsLine)
 {
     const temporary_folder folder;
-    const platform::unique_fd fd(
-        platform::open_file(folder.write("a\nb\x1B", "").c_str(), O_RDONLY));
+    const unique_fd fd(platform::open_file(folder.write("a\nb\x1B", "").c_str(), O_RDONLY));
     EXPECT_NE(open_files().find("/a\\x0Ab\\x1B\n"), std::string::npos) << open_files();
 }
 

@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/io.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_folder.h"
 
@@ -30,7 +30,7 @@ std::string_view in_view(const window_owner& window)
 class SlidingWindow : public testing::Test {
 protected:
     temporary_folder folder;
-    platform::unique_fd fd{platform::open_file(folder.write("f", "0123456789").c_str(), O_RDONLY)};
+    unique_fd fd{platform::open_file(folder.write("f", "0123456789").c_str(), O_RDONLY)};
 };
 
 TEST_F(SlidingWindow, IsEmptyBeforeItsFirstRead)
@@ -127,7 +127,7 @@ TEST_F(SlidingWindow, FileTruncatedRepeatedlyIsReadSafely)
         }
         return 0;
     });
-    const platform::unique_fd cut(platform::open_file(path.c_str(), O_RDONLY));
+    const unique_fd cut(platform::open_file(path.c_str(), O_RDONLY));
     const window_owner window = new_window(4 << 20, cut.get());
     int cut_rounds = 0;
     int full_rounds = 0;

@@ -433,7 +433,7 @@ TEST_F(ClientsFrames, ReferenceReturnsADescriptorOfItsBuffer)
     const packet_client client = greeted();
     const uint64_t id = ask_frame(client, 0).reference;
     long long error = 0;
-    const platform::unique_fd descriptor(
+    const unique_fd descriptor(
         only_context().get_video_reference(id)->load_video_and_return_descriptor(&error));
     EXPECT_TRUE(descriptor);
 }

@@ -7,9 +7,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/run_state.h"
 #include "platform/serving.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/clients/service.h"
 #include "platform/time.h"
 #include "tests/support/child_process.h"
@@ -91,7 +91,7 @@ TEST_F(Clients, TooFewDescriptorsAreReportedAtOnceAndLeaveNothing)
                       testing::internal::CaptureStderr();
                       const rlimit few = {64, 64};
                       setrlimit(RLIMIT_NOFILE, &few);
-                      std::vector<platform::unique_fd> taken;
+                      std::vector<unique_fd> taken;
                       for (int fd = dup(STDERR_FILENO); fd >= 0; fd = dup(STDERR_FILENO)) {
                           taken.emplace_back(fd);
                       }

@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/cnb/access_cache.h"
 #include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/cnb/domain.h"
@@ -53,7 +53,7 @@ protected:
     {
         const auto page_size = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
         const auto address = reinterpret_cast<uint64_t>(default_mapping.base) + offset;
-        const platform::unique_fd pagemap(open("/proc/self/pagemap", O_RDONLY));
+        const unique_fd pagemap(open("/proc/self/pagemap", O_RDONLY));
         uint64_t entry = 0;
         EXPECT_EQ(platform::pread_fully(pagemap.get(), &entry, 8, address / page_size * 8), 8);
         return (entry >> 63) != 0;

@@ -7,8 +7,8 @@
 
 #include <gmock/gmock.h>
 
+#include "common/unique_fd.h"
 #include "platform/cnb.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/cnb/domain.h"
 #include "tests/support/child_process.h"
@@ -78,7 +78,7 @@ protected:
     uint32_t owner_in_registry() const
     {
         uint32_t owner = 0;
-        const platform::unique_fd file(open((domain_path() + "/registry").c_str(), O_RDONLY));
+        const unique_fd file(open((domain_path() + "/registry").c_str(), O_RDONLY));
         return pread(file.get(), &owner, sizeof owner, 16 + 8) == sizeof owner ? owner : 0;
     }
 
@@ -324,7 +324,7 @@ TEST_F(DefaultBuffer, ClientsGetAReadOnlyDescriptorOnceSomethingIsAllocated)
     ASSERT_EQ(load(1000), 0);
     EXPECT_EQ(platform::cnb_open_read_only_descriptor(), -1);
     ASSERT_TRUE(cnb_malloc(&allocation, 1000, "Image"));
-    const platform::unique_fd client(platform::cnb_open_read_only_descriptor());
+    const unique_fd client(platform::cnb_open_read_only_descriptor());
     ASSERT_TRUE(client);
     struct stat ours = {};
     struct stat theirs = {};

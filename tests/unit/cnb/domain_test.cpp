@@ -9,8 +9,8 @@
 
 #include <gmock/gmock.h>
 
+#include "common/unique_fd.h"
 #include "platform/cnb.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/cnb/domain.h"
 #include "tests/support/child_process.h"
 #include "tests/unit/cnb/cnb_fixture.h"
@@ -254,7 +254,7 @@ TEST_F(Domain, KernelWithoutMemoryFilesIsReported)
 TEST_F(Domain, FolderIsLockedAgainstCleaningPrograms)
 {
     EXPECT_EQ(join_and_tell(0), "");
-    const platform::unique_fd other(open(domain_path().c_str(), O_RDONLY | O_DIRECTORY));
+    const unique_fd other(open(domain_path().c_str(), O_RDONLY | O_DIRECTORY));
     EXPECT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), -1);
     EXPECT_EQ(errno, EWOULDBLOCK);
     EXPECT_EQ(flock(other.get(), LOCK_SH | LOCK_NB), 0);

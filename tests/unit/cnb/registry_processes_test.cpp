@@ -20,7 +20,6 @@
 using cnb_test::signal_pipe;
 using platform::buffer_registry;
 using platform::claim_result;
-using platform::unique_fd;
 
 namespace {
 

@@ -12,7 +12,6 @@
 
 using platform::buffer_registry;
 using platform::claim_result;
-using platform::unique_fd;
 
 namespace {
 

@@ -20,7 +20,6 @@
 using cnb_test::failing;
 using platform::reserve_failure;
 using platform::shared_buffer;
-using platform::unique_fd;
 
 namespace {
 

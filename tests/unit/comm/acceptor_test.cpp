@@ -61,10 +61,9 @@ TEST_F(Acceptor, ConnectionThatCannotBeWatchedIsRefused)
     start();
     int ends[2] = {-1, -1};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
-    const packet_client client{platform::unique_fd(ends[0])};
+    const packet_client client{unique_fd(ends[0])};
     server->home.epoll = client.fd(); // not an epoll descriptor
-    EXPECT_EQ(platform::adopt(*server, platform::make_socket_channel(platform::unique_fd(ends[1])),
-                              now_us),
+    EXPECT_EQ(platform::adopt(*server, platform::make_socket_channel(unique_fd(ends[1])), now_us),
               nullptr);
     expect_error(client.receive(), NO_MEMORY, 0, "the kernel cannot watch this connection");
     EXPECT_TRUE(client.hung_up());

@@ -19,7 +19,6 @@ using platform::close_listener;
 using platform::comm_listener;
 using platform::open_listener;
 using platform::unfinished_socket_name;
-using platform::unique_fd;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;

@@ -402,24 +402,24 @@ TEST_F(Server, BrokenChannelIsDroppedSilently)
 TEST_F(Server, LackOfKernelMemoryDiffersFromAClosedConnection)
 {
     for (const int reason : {ENOBUFS, ENOMEM, ETOOMANYREFS}) {
-        EXPECT_EQ(
-            run_in_child([reason] {
-                int pair[2] = {-1, -1};
-                socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair);
-                const platform::unique_fd other(pair[0]);
-                const auto channel = platform::make_socket_channel(platform::unique_fd(pair[1]));
-                comm_socket_v4_packet with_descriptor = {encode_empty(1, DONE), {}};
-                with_descriptor.descriptor.reset(dup(STDERR_FILENO));
-                if (!refuse_calls({"send", "sendto", "sendmsg"}, reason)) {
-                    return 2;
-                }
-                using platform::channel_result;
-                return channel->send({encode_empty(1, DONE), {}}) == channel_result::NO_MEMORY &&
-                               channel->send(with_descriptor) == channel_result::NO_MEMORY
-                           ? 0
-                           : 1;
-            }),
-            0)
+        EXPECT_EQ(run_in_child([reason] {
+                      int pair[2] = {-1, -1};
+                      socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair);
+                      const unique_fd other(pair[0]);
+                      const auto channel = platform::make_socket_channel(unique_fd(pair[1]));
+                      comm_socket_v4_packet with_descriptor = {encode_empty(1, DONE), {}};
+                      with_descriptor.descriptor.reset(dup(STDERR_FILENO));
+                      if (!refuse_calls({"send", "sendto", "sendmsg"}, reason)) {
+                          return 2;
+                      }
+                      using platform::channel_result;
+                      return channel->send({encode_empty(1, DONE), {}}) ==
+                                         channel_result::NO_MEMORY &&
+                                     channel->send(with_descriptor) == channel_result::NO_MEMORY
+                                 ? 0
+                                 : 1;
+                  }),
+                  0)
             << reason;
     }
 }

@@ -17,7 +17,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 #include "platform/standalone/confine/files.h"
 #include "platform/standalone/confine/sanitized_build.h"
 #include "tests/support/child_process.h"
@@ -185,7 +185,7 @@ protected:
     // 0, or the errno of opening the file.
     int error_of_opening(const std::string& path, int flags) const
     {
-        const platform::unique_fd fd(open(path.c_str(), flags | O_CLOEXEC, 0600));
+        const unique_fd fd(open(path.c_str(), flags | O_CLOEXEC, 0600));
         return fd ? 0 : errno;
     }
     int error_of_opening_ours(const char* name, int flags) const
@@ -194,8 +194,8 @@ protected:
     }
 
     temporary_folder folder;
-    platform::unique_fd picture;
-    platform::unique_fd metadata;
+    unique_fd picture;
+    unique_fd metadata;
 };
 
 TEST_F(ConfinementFiles, PictureCanBeReopenedByPathAndByDescriptorButNotWritten)
@@ -263,7 +263,7 @@ TEST_F(ConfinementFiles, SocketCanBeBoundRenamedAndRemovedInItsFolderOnly)
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         strncpy(address.sun_path, folder.path(name).c_str(), sizeof address.sun_path - 1);
-        const platform::unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        const unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
         return bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? 0
                                                                                           : errno;
     };
@@ -349,7 +349,7 @@ TEST_F(ConfinementFiles, TcpIsRefused)
         GTEST_SKIP() << "this kernel has no rules for TCP";
     }
     EXPECT_EQ(restricted([] {
-                  const platform::unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+                  const unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
                   sockaddr_in address = {};
                   address.sin_family = AF_INET;
                   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -385,12 +385,12 @@ TEST_F(ConfinementFiles, AbstractSocketsAreReachableOnlyWhenNeeded)
     const std::string name = "stillimage-test-" + std::to_string(getpid());
     std::copy(name.begin(), name.end(), address.sun_path + 1);
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-    const platform::unique_fd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const unique_fd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     ASSERT_EQ(bind(manager.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
     for (const bool wanted : {false, true}) {
         EXPECT_EQ(run_in_child([&] {
                       EXPECT_TRUE(platform::restrict_files(file_rules(places()), wanted));
-                      const platform::unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+                      const unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
                       const ssize_t sent = sendto(fd.get(), "x", 1, MSG_DONTWAIT,
                                                   reinterpret_cast<sockaddr*>(&address), size);
                       EXPECT_EQ(sent, wanted ? 1 : -1);

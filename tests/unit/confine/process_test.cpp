@@ -11,10 +11,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "common/unique_fd.h"
 #include "platform/confinement.h"
 #include "platform/item_metadata.h"
 #include "platform/settings.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/confine/sanitized_build.h"
 #include "platform/start_up.h"
 #include "tests/support/child_process.h"
@@ -27,7 +27,7 @@ constexpr size_t far_too_much = size_t{1} << 46;
 
 bool inet_sockets_are_refused()
 {
-    const platform::unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return !fd && errno == ENOSYS;
 }
 
@@ -48,7 +48,7 @@ bool address_space_is_limited()
 
 bool foreign_files_are_refused()
 {
-    const platform::unique_fd fd(open("/etc/passwd", O_RDONLY | O_CLOEXEC));
+    const unique_fd fd(open("/etc/passwd", O_RDONLY | O_CLOEXEC));
     return !fd && errno == EACCES;
 }
 
@@ -106,7 +106,7 @@ TEST_F(Confinement, KeepsThePictureItsMetadataAndCoreDumpsWorking)
 {
     EXPECT_EQ(confined({},
                        [] {
-                           const platform::unique_fd picture(
+                           const unique_fd picture(
                                metadata_v4_context_get_file_handle(vexa_meta, 0));
                            EXPECT_TRUE(picture);
                            EXPECT_EQ(metadata_v4_metadata_context_write_metadata_to_file(

@@ -250,7 +250,7 @@ TEST_F(ClientSettings, FullDiskIsReportedAndTheValueStoredOnceThereIsSpace)
         }
         serve();
         const std::string filler = folder.path("meta/filler");
-        const platform::unique_fd file(open(filler.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        const unique_fd file(open(filler.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         const std::string page(4096, 'x');
         while (write(file.get(), page.data(), page.size()) > 0) {
         }
@@ -332,7 +332,7 @@ TEST_F(ClientSettings, SettingInALoopWaitsForTheNextWrite)
 TEST_F(ClientSettings, WaitEndsWhenTheWriteFails)
 {
     serve();
-    const platform::unique_fd other(
+    const unique_fd other(
         open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
     const std::string long_text(16000, 'v');

@@ -170,7 +170,7 @@ TEST_F(ClientSettings, HostileTextCannotForgeAnEntry)
 TEST_F(ClientSettings, FailedWriteIsRetriedAtIncreasingIntervals)
 {
     serve();
-    const platform::unique_fd other(
+    const unique_fd other(
         open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
     ASSERT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::STORED);
@@ -197,7 +197,7 @@ TEST_F(ClientSettings, TerminationDoesNotLoseThem)
 TEST_F(ClientSettings, SettingsNotWrittenAtTheEndAreMergedByTheNextStart)
 {
     serve();
-    const platform::unique_fd other(
+    const unique_fd other(
         open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
     ASSERT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::STORED);

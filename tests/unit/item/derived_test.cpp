@@ -253,9 +253,9 @@ TEST_F(Derived, ModesThatDoNotServeMakeNoSocketFolder)
 // --- files left by a killed worker --------------------------------------------------------------
 
 // A socket at this path. If `listening`, it listens until the descriptor is closed.
-platform::unique_fd socket_at(const std::string& path, bool listening)
+unique_fd socket_at(const std::string& path, bool listening)
 {
-    platform::unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -292,12 +292,12 @@ TEST_F(Leftovers, AreRemovedOnRequest)
 
 TEST_F(Leftovers, OfARunningWorkerAreKept)
 {
-    const platform::unique_fd socket = socket_at(folder.path("s.sock"), true);
+    const unique_fd socket = socket_at(folder.path("s.sock"), true);
     folder.write("s.sock.lock", "4711\n");
     folder.write("meta/metadata.tmp-0123", "being written");
-    const platform::unique_fd serving(open(folder.path("s.sock.lock").c_str(), O_RDWR | O_CLOEXEC));
+    const unique_fd serving(open(folder.path("s.sock.lock").c_str(), O_RDWR | O_CLOEXEC));
     ASSERT_EQ(flock(serving.get(), LOCK_EX | LOCK_NB), 0);
-    const platform::unique_fd writing(
+    const unique_fd writing(
         open(folder.path("meta/metadata.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(flock(writing.get(), LOCK_EX | LOCK_NB), 0);
     EXPECT_EQ(messages([] { EXPECT_EQ(vexa_standard_to_derived_params(), 0); }),

@@ -26,9 +26,9 @@ protected:
 };
 
 // Locks a file through a file description of its own, as another process would.
-platform::unique_fd locked(const std::string& path)
+unique_fd locked(const std::string& path)
 {
-    platform::unique_fd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    unique_fd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     EXPECT_EQ(flock(fd.get(), LOCK_EX | LOCK_NB), 0);
     return fd;
 }
@@ -51,7 +51,7 @@ TEST_F(ServeLock, IsAFileWithTheProcessNumberThatIsRemovedAfterwards)
 TEST_F(ServeLock, HeldLockIsReportedWithSocketAndHolder)
 {
     folder.write("s.sock.lock", "4711\n");
-    const platform::unique_fd other = locked(folder.path("s.sock.lock"));
+    const unique_fd other = locked(folder.path("s.sock.lock"));
     bool taken = true;
     const std::string seen = messages([&] { taken = platform::take_serve_lock(socket); });
     EXPECT_FALSE(taken);
@@ -62,7 +62,7 @@ TEST_F(ServeLock, HeldLockIsReportedWithSocketAndHolder)
 
 TEST_F(ServeLock, HolderWithoutANumberIsReportedAsAnotherProcess)
 {
-    const platform::unique_fd other = locked(folder.path("s.sock.lock"));
+    const unique_fd other = locked(folder.path("s.sock.lock"));
     for (const char* text : {"", "x", "-3", "0", "99999999999999999999"}) {
         folder.write("s.sock.lock", text);
         EXPECT_EQ(messages([&] { EXPECT_FALSE(platform::take_serve_lock(socket)); }),
@@ -82,7 +82,7 @@ TEST_F(ServeLock, FileLeftByADeadWorkerIsTakenOver)
 class ending_holder {
 public:
     // Removes `removed_path` first unless it is null.
-    ending_holder(platform::unique_fd lock, const char* removed_path)
+    ending_holder(unique_fd lock, const char* removed_path)
     {
         held_fd = lock.release();
         path = removed_path;
@@ -136,7 +136,7 @@ TEST_F(ServeLock, FileRemovedByItsHolderIsNotTheLock)
     ASSERT_TRUE(platform::take_serve_lock(socket));
     EXPECT_TRUE(ending_holder::has_ended());
     EXPECT_TRUE(folder.has("s.sock.lock"));
-    const platform::unique_fd named(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    const unique_fd named(open(path.c_str(), O_RDWR | O_CLOEXEC));
     EXPECT_EQ(flock(named.get(), LOCK_EX | LOCK_NB), -1);
 }
 
@@ -222,7 +222,7 @@ TEST_F(ServeLock, ProcessThatDoesNotOwnItKeepsTheFile)
               0);
     EXPECT_TRUE(folder.has("s.sock.lock"));
     EXPECT_TRUE(platform::holds_serve_lock());
-    const platform::unique_fd named(open(folder.path("s.sock.lock").c_str(), O_RDWR | O_CLOEXEC));
+    const unique_fd named(open(folder.path("s.sock.lock").c_str(), O_RDWR | O_CLOEXEC));
     EXPECT_EQ(flock(named.get(), LOCK_EX | LOCK_NB), -1);
 }
 

@@ -146,7 +146,7 @@ TEST_F(ItemMetadata, HandleIsANewDescriptorOfTheOriginalFile)
     folder.write("other", "something else");
     std::filesystem::rename(folder.path("other"), picture);
     ASSERT_EQ(lseek(item->file_fd, 5, SEEK_SET), 5);
-    const platform::unique_fd handle(metadata_v4_context_get_file_handle(item.get(), 0));
+    const unique_fd handle(metadata_v4_context_get_file_handle(item.get(), 0));
     ASSERT_TRUE(handle);
     std::string bytes(18, '\0');
     EXPECT_EQ(platform::read_fully(handle.get(), bytes.data(), bytes.size()), 18);
@@ -176,7 +176,7 @@ TEST_F(ItemMetadata, HandleIsRefusedWithoutAnOpenPicture)
 // The number of the next descriptor to be opened.
 int next_descriptor()
 {
-    return platform::unique_fd(platform::open_file("/dev/null", O_RDONLY)).get();
+    return unique_fd(platform::open_file("/dev/null", O_RDONLY)).get();
 }
 
 TEST_F(ItemMetadata, ClosingAcceptsNullAndLeaksNoDescriptor)

@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/file_lock.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/metadata/metadata_file.h"
 #include "tests/support/child_process.h"
 #include "tests/support/failing_files.h"
@@ -209,7 +209,7 @@ TEST_F(MetadataFile, NonRegularFileIsSetAside)
     load_capturing();
     ASSERT_EQ(mkdir(folder.path("metadata").c_str(), 0700), 0);
     load_capturing();
-    const platform::unique_fd socket_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const unique_fd socket_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     strncpy(address.sun_path, folder.path("metadata").c_str(), sizeof(address.sun_path) - 1);

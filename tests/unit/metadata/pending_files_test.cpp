@@ -151,7 +151,7 @@ TEST_F(PendingFiles, PartialWriteIsUndone)
 TEST_F(PendingFiles, PartialWriteThatCannotBeUndoneDamagesNoOtherRecord)
 {
     ASSERT_EQ(append("a", "1"), append_result::APPENDED);
-    const platform::unique_fd file(
+    const unique_fd file(
         open(folder.path("metadata.pending-1").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
     ASSERT_EQ(write(file.get(), "0123", 4), 4);
     ASSERT_EQ(append("b", "2"), append_result::APPENDED);

@@ -16,7 +16,6 @@ namespace {
 
 using platform::open_picture;
 using platform::reopen_picture;
-using platform::unique_fd;
 
 constexpr const char* no_descriptor_folder = "/nonexistent";
 

@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "platform/standalone/metadata/picture_stamp.h"
 #include "tests/unit/metadata/metadata_fixture.h"
 
@@ -42,7 +42,7 @@ TEST(PictureStamp, IsReadFromTheOpenFile)
     const std::string path = folder.write("p", "12345");
     const timespec times[2] = {{1717199999, 123456789}, {1717199999, 123456789}};
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-    const platform::unique_fd fd(platform::open_file(path.c_str(), O_RDONLY));
+    const unique_fd fd(platform::open_file(path.c_str(), O_RDONLY));
     picture_stamp stamp;
     ASSERT_TRUE(platform::read_picture_stamp(fd.get(), &stamp));
     EXPECT_EQ(stamp.size, "5");

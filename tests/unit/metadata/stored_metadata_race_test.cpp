@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/base/fd_io.h"
-#include "platform/standalone/base/unique_fd.h"
 #include "tests/support/child_process.h"
 #include "tests/support/failing_files.h"
 #include "tests/unit/metadata/metadata_fixture.h"
@@ -69,7 +69,7 @@ TEST(StoredMetadataRace, UpdatesOfTwoProcessesAreAllKept)
 
 void silence_standard_error()
 {
-    const platform::unique_fd nowhere(platform::open_file("/dev/null", O_WRONLY));
+    const unique_fd nowhere(platform::open_file("/dev/null", O_WRONLY));
     dup2(nowhere.get(), STDERR_FILENO);
 }
 

@@ -58,7 +58,7 @@ TEST_F(HostChannel, DescriptorsThatCannotBeWrittenAreRefused)
     EXPECT_EQ(errno, EBADF);
     EXPECT_FALSE(channel.open(-1));
     EXPECT_FALSE(channel.open(1 << 20));
-    const platform::unique_fd path(open("/", O_PATH | O_CLOEXEC));
+    const unique_fd path(open("/", O_PATH | O_CLOEXEC));
     EXPECT_FALSE(channel.open(path.get()));
     EXPECT_FALSE(channel.is_open());
 }
@@ -193,8 +193,8 @@ class HostChannelToAFile : public HostChannel {
 protected:
     HostChannelToAFile()
     {
-        file_ = platform::unique_fd(
-            open(folder.path("status").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        file_ =
+            unique_fd(open(folder.path("status").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
         EXPECT_TRUE(channel.open(file_.get()));
     }
 
@@ -203,7 +203,7 @@ protected:
     full_disk disk;
 
 private:
-    platform::unique_fd file_;
+    unique_fd file_;
 };
 
 TEST_F(HostChannelToAFile, LatestLineOfEachKindIsWrittenOnceThereIsSpace)
@@ -274,7 +274,7 @@ TEST_F(HostChannelToAFile, ClosingTriesOnceMore)
 
 TEST_F(HostChannel, FullDeviceDoesNotCloseTheChannel)
 {
-    const platform::unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    const unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     ASSERT_TRUE(channel.open(full.get()));
     channel.report_progress(1, "a", 0);
     channel.flush(second_us);

@@ -90,8 +90,7 @@ TEST_F(LogFile, FifoOrFolderInItsPlaceIsRefusedWithoutBlocking)
     ASSERT_EQ(mkfifo(folder.path("log").c_str(), 0600), 0);
     EXPECT_FALSE(log.open(folder.path().c_str()));
     EXPECT_EQ(log.reason(), "it is not a file");
-    const platform::unique_fd reader(
-        open(folder.path("log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const unique_fd reader(open(folder.path("log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     EXPECT_FALSE(log.open(folder.path().c_str()));
     EXPECT_EQ(log.reason(), "it is not a file");
     unlink(folder.path("log").c_str());

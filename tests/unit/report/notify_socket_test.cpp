@@ -37,7 +37,7 @@ public:
     }
 
 private:
-    platform::unique_fd fd_;
+    unique_fd fd_;
 };
 
 class NotifySocket : public item_test::ItemFixture {

@@ -79,7 +79,7 @@ TEST_F(StandardError, OneMessageIsOneWrite)
 TEST_F(StandardError, ErrnoIsPreserved)
 {
     platform::guard_standard_error();
-    const platform::unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    const unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     const replaced_stderr replaced(full.get());
     errno = ENOTTY;
     fputs("x\n", stderr);
@@ -116,7 +116,7 @@ TEST_F(StandardError, StoppedReaderIsWaitedForOnceAndTheLossIsReported)
 TEST_F(StandardError, LossOnAFullDiskIsReportedOnceThereIsSpace)
 {
     const full_disk disk;
-    const platform::unique_fd file(
+    const unique_fd file(
         open(folder.path("messages").c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600));
     {
         const replaced_stderr replaced(file.get());
@@ -181,7 +181,7 @@ TEST_F(StandardError, RedirectionSendsEverythingToTheLog)
 TEST_F(StandardError, LogContinuesWithoutTheStandardDescriptors)
 {
     vexa_set_string(&vexa_file_metadir, folder.path().c_str());
-    const platform::unique_fd null_device(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const unique_fd null_device(open("/dev/null", O_WRONLY | O_CLOEXEC));
     const replaced_stderr replaced(null_device.get());
     ASSERT_EQ(vexa_redirect_stderr_to_logfile(), 0);
     dup2(null_device.get(), STDERR_FILENO); // as daemon() does

@@ -176,7 +176,7 @@ TEST_F(Status, ServiceManagerGetsEveryChange)
     const std::string path = folder.path("notify");
     changed_environment environment;
     environment.set("NOTIFY_SOCKET", path);
-    const platform::unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);

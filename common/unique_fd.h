@@ -1,10 +1,9 @@
 // One owner for one file descriptor.
 #pragma once
 
+#include <cerrno>
 #include <unistd.h>
 #include <utility>
-
-namespace platform {
 
 class unique_fd {
 public:
@@ -28,10 +27,18 @@ public:
 
     // Closes the present descriptor. Keeps errno, so that the caller can still report an earlier
     // failure.
-    void reset(int fd = -1);
+    void reset(int fd = -1)
+    {
+        const int old = std::exchange(fd_, fd);
+        if (old >= 0 && old != fd) {
+            const int kept_errno = errno;
+            // Not repeated after EINTR: on Linux the number is free by then and may already be in use
+            // elsewhere.
+            close(old);
+            errno = kept_errno;
+        }
+    }
 
 private:
     int fd_ = -1; // negative: none
 };
-
-} // namespace platform

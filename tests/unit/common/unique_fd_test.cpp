@@ -4,11 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/standalone/base/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace {
-
-using platform::unique_fd;
 
 int new_descriptor()
 {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <sys/stat.h>
 
+#include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
 
 namespace platform {
@@ -36,6 +37,39 @@ int make_one_folder(const char* path)
     return 0;
 }
 
+std::string why_no_folder_is_opened(int code)
+{
+    return code == ELOOP || code == ENOTDIR ? "not a folder, or a link" : error_text(code);
+}
+
+std::string not_permitted(const char* reason)
+{
+    errno = EPERM;
+    return reason;
+}
+
+// "" when the open folder is private, or has been made so; otherwise the reason, and errno.
+std::string privacy_fault(int folder, readable_folder readable)
+{
+    struct stat status = {};
+    if (fstat(folder, &status) != 0) {
+        return error_text(errno);
+    }
+    if (status.st_uid != geteuid()) {
+        return not_permitted("owned by another user");
+    }
+    if ((status.st_mode & write_rights_of_others) != 0) {
+        return not_permitted("writable by other users");
+    }
+    if ((status.st_mode & rights_of_others) == 0) {
+        return "";
+    }
+    if (readable == readable_folder::REFUSED) {
+        return not_permitted("readable by other users");
+    }
+    return fchmod(folder, folder_mode) == 0 ? "" : error_text(errno);
+}
+
 } // namespace
 
 int make_folders(const char* path)
@@ -55,31 +89,17 @@ unique_fd open_folder(const char* path)
     return unique_fd(open_file(path, O_RDONLY | O_DIRECTORY));
 }
 
-folder_privacy privacy_of(int folder)
+unique_fd open_private_folder(int parent, const char* name, readable_folder readable,
+                              std::string* reason)
 {
-    struct stat status = {};
-    if (fstat(folder, &status) != 0) {
-        return folder_privacy::UNKNOWN;
-    }
-    if (status.st_uid != geteuid()) {
-        return folder_privacy::FOREIGN;
-    }
-    if ((status.st_mode & write_rights_of_others) != 0) {
-        return folder_privacy::WRITABLE;
-    }
-    return (status.st_mode & rights_of_others) != 0 ? folder_privacy::READABLE
-                                                    : folder_privacy::PRIVATE;
-}
-
-unique_fd open_private_folder(const char* path)
-{
-    unique_fd folder(open_file(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
-    const folder_privacy privacy = folder ? privacy_of(folder.get()) : folder_privacy::UNKNOWN;
-    if (privacy == folder_privacy::PRIVATE) {
+    unique_fd folder(open_file_at(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    const std::string fault =
+        folder ? privacy_fault(folder.get(), readable) : why_no_folder_is_opened(errno);
+    if (fault.empty()) {
         return folder;
     }
-    if (privacy != folder_privacy::UNKNOWN) {
-        errno = EPERM;
+    if (reason != nullptr) {
+        *reason = fault;
     }
     return {};
 }

@@ -15,19 +15,15 @@ int make_folders(const char* path);
 // The folder, open for reading. Empty with errno on failure.
 unique_fd open_folder(const char* path);
 
-// How far an open folder is this user's own.
-enum class folder_privacy {
-    PRIVATE,  // owned by the user of this process, no rights for others
-    READABLE, // others can look into it or use what is in it
-    WRITABLE, // others can change it
-    FOREIGN,  // owned by another user
-    UNKNOWN   // it cannot be examined; errno holds the reason
-};
-folder_privacy privacy_of(int folder);
+// What happens to a folder that others can look into or use, but not change.
+enum class readable_folder { REFUSED, MADE_PRIVATE };
 
-// The folder when it is private and not a link. Empty with errno otherwise (EPERM: it belongs to
-// another user or is open to others).
-unique_fd open_private_folder(const char* path);
+// Opens the folder `name` of the open folder `parent` (AT_FDCWD: the working folder) for reading, when it
+// is private: a real folder, not a link, owned by the user of this process and without rights for others.
+// Empty with errno otherwise (EPERM: it belongs to another user or is open to others), and with the reason
+// in words in `reason`, if given.
+unique_fd open_private_folder(int parent, const char* name, readable_folder readable,
+                              std::string* reason = nullptr);
 
 // The names in an open folder, "." and ".." included, in any order. Empty when it cannot be listed.
 std::vector<std::string> names_in_folder(int folder);

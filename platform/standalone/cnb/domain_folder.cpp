@@ -33,39 +33,16 @@ unique_fd open_base(const std::string& path)
     return folder;
 }
 
-// Takes the rights of others away where they can only read. The reason why the open folder cannot
-// be used, or "".
-std::string make_private(int folder)
-{
-    switch (privacy_of(folder)) {
-    case folder_privacy::PRIVATE:
-        return "";
-    case folder_privacy::READABLE:
-        return fchmod(folder, private_mode) == 0 ? "" : error_text(errno);
-    case folder_privacy::WRITABLE:
-        return "writable by other users";
-    case folder_privacy::FOREIGN:
-        return "owned by another user";
-    case folder_privacy::UNKNOWN:
-        break;
-    }
-    return error_text(errno);
-}
-
 domain_folder step_into(const domain_folder& parent, const std::string& name)
 {
     std::string path = parent.path + "/" + name;
     if (mkdirat(parent.folder.get(), name.c_str(), private_mode) != 0 && errno != EEXIST) {
         return failure(std::move(path), error_text(errno));
     }
-    unique_fd folder(
-        open_file_at(parent.folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    std::string reason;
+    unique_fd folder = open_private_folder(parent.folder.get(), name.c_str(),
+                                           readable_folder::MADE_PRIVATE, &reason);
     if (!folder) {
-        const bool link = errno == ELOOP || errno == ENOTDIR;
-        return failure(std::move(path), link ? "not a folder, or a link" : error_text(errno));
-    }
-    std::string reason = make_private(folder.get());
-    if (!reason.empty()) {
         return failure(std::move(path), std::move(reason));
     }
     return {std::move(folder), std::move(path), ""};

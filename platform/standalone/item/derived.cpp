@@ -1,6 +1,7 @@
 #include "platform/standalone/item/derived.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <string>
 
 #include "platform/document.h"
@@ -58,7 +59,7 @@ int derive_socket(const std::string& name)
     if (make_folders(folder.c_str()) != 0) {
         return refuse("Cannot make socket folder", folder, errno);
     }
-    if (!open_private_folder(folder.c_str())) {
+    if (!open_private_folder(AT_FDCWD, folder.c_str(), readable_folder::REFUSED)) {
         return refuse("Socket folder is not private to this user", folder, errno);
     }
     return 0;

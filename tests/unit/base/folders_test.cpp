@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +13,8 @@
 #include "tests/support/temporary_folder.h"
 
 namespace {
+
+using platform::readable_folder;
 
 mode_t mode_of(const std::string& path)
 {
@@ -78,37 +81,88 @@ TEST(Folders, OpenFolderRefusesAFile)
     EXPECT_EQ(errno, ENOTDIR);
 }
 
-TEST(Folders, PrivateFolderIsOpened)
+// The errno and the reason of a folder that is not opened.
+struct refusal {
+    int code = 0;
+    std::string reason;
+};
+
+refusal refusal_of(const std::string& path, platform::readable_folder readable)
 {
-    const temporary_folder base;
-    EXPECT_TRUE(platform::open_private_folder(base.path().c_str()));
+    refusal made;
+    errno = 0;
+    EXPECT_FALSE(platform::open_private_folder(AT_FDCWD, path.c_str(), readable, &made.reason));
+    made.code = errno;
+    return made;
 }
 
-TEST(Folders, FolderAccessibleToOthersIsNotPrivate)
+void expect_refused_either_way(const std::string& path, int code, const std::string& reason)
 {
-    const temporary_folder base;
-    ASSERT_EQ(chmod(base.path().c_str(), 0710), 0);
-    EXPECT_FALSE(platform::open_private_folder(base.path().c_str()));
-    EXPECT_EQ(errno, EPERM);
+    for (const auto readable : {readable_folder::REFUSED, readable_folder::MADE_PRIVATE}) {
+        const refusal made = refusal_of(path, readable);
+        EXPECT_EQ(made.code, code);
+        EXPECT_EQ(made.reason, reason);
+    }
 }
 
-TEST(Folders, LinkIsNotPrivate)
+TEST(PrivateFolder, IsOpened)
+{
+    const temporary_folder base;
+    ASSERT_EQ(mkdir(base.path("a").c_str(), 0700), 0);
+    for (const auto readable : {readable_folder::REFUSED, readable_folder::MADE_PRIVATE}) {
+        EXPECT_TRUE(platform::open_private_folder(AT_FDCWD, base.path("a").c_str(), readable));
+        EXPECT_TRUE(platform::open_private_folder(base.fd(), "a", readable));
+    }
+}
+
+TEST(PrivateFolder, FolderThatOthersCanReadIsRefusedOrMadePrivate)
+{
+    for (const mode_t mode : {0710U, 0740U, 0701U, 0704U, 0755U}) {
+        const temporary_folder base;
+        ASSERT_EQ(chmod(base.path().c_str(), mode), 0);
+        const refusal made = refusal_of(base.path(), readable_folder::REFUSED);
+        EXPECT_EQ(made.code, EPERM);
+        EXPECT_EQ(made.reason, "readable by other users");
+        EXPECT_EQ(mode_of(base.path()), mode);
+        EXPECT_TRUE(platform::open_private_folder(AT_FDCWD, base.path().c_str(),
+                                                  readable_folder::MADE_PRIVATE));
+        EXPECT_EQ(mode_of(base.path()), 0700U);
+    }
+}
+
+TEST(PrivateFolder, FolderThatOthersCanChangeIsRefused)
+{
+    for (const mode_t mode : {0720U, 0702U, 0777U}) {
+        const temporary_folder base;
+        ASSERT_EQ(chmod(base.path().c_str(), mode), 0);
+        expect_refused_either_way(base.path(), EPERM, "writable by other users");
+        EXPECT_EQ(mode_of(base.path()), mode);
+    }
+}
+
+TEST(PrivateFolder, LinkAndFileAreRefused)
 {
     const temporary_folder base;
     ASSERT_EQ(mkdir(base.path("real").c_str(), 0700), 0);
     ASSERT_EQ(symlink("real", base.path("link").c_str()), 0);
-    EXPECT_FALSE(platform::open_private_folder(base.path("link").c_str()));
+    expect_refused_either_way(base.path("link"), ENOTDIR, "not a folder, or a link");
+    expect_refused_either_way(base.write("file", ""), ENOTDIR, "not a folder, or a link");
 }
 
-TEST(Folders, FolderOfAnotherUserIsNotPrivate)
+TEST(PrivateFolder, FolderOfAnotherUserIsRefused)
 {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root to give a folder away";
     }
     const temporary_folder base;
     ASSERT_EQ(chown(base.path().c_str(), unprivileged_user, unprivileged_user), 0);
-    EXPECT_FALSE(platform::open_private_folder(base.path().c_str()));
-    EXPECT_EQ(errno, EPERM);
+    expect_refused_either_way(base.path(), EPERM, "owned by another user");
+}
+
+TEST(PrivateFolder, MissingFolderIsReportedWithItsReason)
+{
+    const temporary_folder base;
+    expect_refused_either_way(base.path("none"), ENOENT, "No such file or directory");
 }
 
 TEST(Folders, NamesInAFolderAreComplete)

@@ -17,6 +17,7 @@ namespace platform {
 
 namespace {
 
+constexpr mode_t pending_mode = 0600;
 constexpr int read_flags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 // Limit of all files together; the excess is not read.
 constexpr uint64_t max_pending_bytes = 2 * uint64_t{max_pending_file};
@@ -60,8 +61,9 @@ bool lock_pending(int fd)
 bool make_pending_numbered(const metadata_store& store, pending_file* own, uint32_t number)
 {
     own->name = pending_name + std::to_string(number);
-    own->fd.reset(store.operations->open_at(
-        store.folder, own->name.c_str(), O_RDWR | O_APPEND | O_CREAT | O_EXCL | read_flags, 0600));
+    own->fd.reset(store.operations->open_at(store.folder, own->name.c_str(),
+                                            O_RDWR | O_APPEND | O_CREAT | O_EXCL | read_flags,
+                                            pending_mode));
     if (!own->fd) {
         return false;
     }
@@ -150,11 +152,32 @@ void report_unusable(const std::string& name, std::string_view reason)
     error_line("Cannot read pending metadata", name, reason);
 }
 
-// A file without write permission can be read, but never removed after merging.
+// The file, open for reading and appending. Empty with errno on failure. A file of this user without
+// write permission gets it back: it could never be merged, so its settings would override the metadata
+// file for ever.
+unique_fd open_to_append(int folder, const char* name)
+{
+    constexpr int flags = O_RDWR | O_APPEND | read_flags;
+    unique_fd fd(open_file_at(folder, name, flags));
+    if (fd || errno != EACCES) {
+        return fd;
+    }
+    const unique_fd readable(open_file_at(folder, name, O_RDONLY | read_flags));
+    struct stat status = {};
+    if (readable && fstat(readable.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+        fchmod(readable.get(), pending_mode) == 0) {
+        fd.reset(open_file_at(folder, name, flags));
+    } else {
+        errno = EACCES;
+    }
+    return fd;
+}
+
+// A file that cannot be made writable is read, but never merged.
 bool open_pending(const metadata_store& store, found_pending* found)
 {
     const char* name = found->file.name.c_str();
-    found->file.fd.reset(open_file_at(store.folder, name, O_RDWR | O_APPEND | read_flags));
+    found->file.fd = open_to_append(store.folder, name);
     const bool writable = static_cast<bool>(found->file.fd);
     if (!writable && (errno == EACCES || errno == EPERM || errno == EROFS)) {
         found->file.fd.reset(open_file_at(store.folder, name, O_RDONLY | read_flags));

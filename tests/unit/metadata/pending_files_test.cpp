@@ -256,6 +256,37 @@ TEST_F(PendingFiles, AreReadFromAFolderThatCannotBeLocked)
     EXPECT_TRUE(folder.has("metadata.pending-1"));
 }
 
+// Its values would otherwise override the metadata file for ever.
+TEST_F(PendingFiles, OwnFileWithoutWritePermissionIsMergedAndRemoved)
+{
+    folder.write("metadata", "a = old\n");
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(folder.path().c_str(), unprivileged_user, unprivileged_user), 0);
+    }
+    EXPECT_EQ(run_without_privileges([&] {
+                  leave("a", "new");
+                  chmod(folder.path("metadata.pending-1").c_str(), 0400);
+                  return loaded() == "new" && load_and_store() == 0 ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(folder.read("metadata"), "a = new\n");
+    EXPECT_EQ(folder.names(), (strings{"metadata", "metadata.lock"}));
+}
+
+TEST_F(PendingFiles, OfAnotherUserAreReadAndLeftAlone)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to give files away";
+    }
+    leave("a", "new");
+    chmod(folder.path("metadata.pending-1").c_str(), 0444);
+    ASSERT_EQ(chown(folder.path().c_str(), unprivileged_user, unprivileged_user), 0);
+    EXPECT_EQ(
+        run_without_privileges([&] { return loaded() == "new" && load_and_store() == -2 ? 0 : 1; }),
+        0);
+    EXPECT_EQ(folder.names(), (strings{"metadata.lock", "metadata.pending-1"}));
+}
+
 // The writer dies before it can remove its pending file. A later edit of the metadata file by hand
 // wins.
 TEST_F(PendingFiles, MergedSettingsAreNotMergedAgain)

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -90,6 +91,13 @@ bool write_result(const std::string& path, std::string_view bytes)
         return output_takes_bytes() && print_text(bytes);
     }
     return is_special(path) ? write_special(path, bytes) : replace_file(path, bytes);
+}
+
+bool ends_in(std::string_view path, std::string_view ending)
+{
+    return path.size() >= ending.size() &&
+           strncasecmp(path.substr(path.size() - ending.size()).data(), ending.data(),
+                       ending.size()) == 0;
 }
 
 bool make_folder(const std::string& path)

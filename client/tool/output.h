@@ -15,5 +15,8 @@ bool output_takes_bytes();
 // directly; "-" is standard output, unless that is a terminal.
 bool write_result(const std::string& path, std::string_view bytes);
 
+// Whether the path ends in `ending`, such as ".png", in capitals or not.
+bool ends_in(std::string_view path, std::string_view ending);
+
 // Creates the folder unless it exists.
 bool make_folder(const std::string& path);

@@ -1,5 +1,3 @@
-#include <strings.h>
-
 #include "client/tool/calls.h"
 #include "client/tool/output.h"
 #include "client/tool/picture_files.h"
@@ -14,12 +12,6 @@ struct file_kind {
 };
 
 constexpr file_kind kinds[] = {{".png", png_file}, {".ppm", ppm_file}, {".y4m", y4m_file}};
-
-bool ends_in(const std::string& path, const char* ending)
-{
-    const size_t length = std::string_view(ending).size();
-    return path.size() >= length && strcasecmp(path.c_str() + path.size() - length, ending) == 0;
-}
 
 // Chosen by the file's ending; standard output is PNG.
 const file_kind* kind_of(const std::string& path)

@@ -1,9 +1,6 @@
 // First the frames are chosen, by asking the worker which one is shown at a moment. Then the levels
 // are found, by asking for half the size until the pictures become no smaller. Last, each picture
 // is requested, drawn and released.
-#include <filesystem>
-#include <strings.h>
-
 #include "client/tool/calls.h"
 #include "client/tool/output.h"
 #include "client/tool/picture_files.h"
@@ -190,16 +187,11 @@ private:
     sheet_content content_;
 };
 
-bool is_png_name(const std::string& path)
-{
-    return path == "-" || strcasecmp(std::filesystem::path(path).extension().c_str(), ".png") == 0;
-}
-
 } // namespace
 
 exit_status call_sheet(const call_options& options)
 {
-    if (!is_png_name(options.output)) {
+    if (options.output != "-" && !ends_in(options.output, ".png")) {
         print_error("a contact sheet is a PNG, not " + options.output +
                     " (name it .png, or - for standard output)");
         return STATUS_USAGE;

@@ -1,5 +1,6 @@
 // Contact sheets of real pictures: what they show, and where. The positions are those that the
 // tests of the layout expect.
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -199,6 +200,19 @@ TEST_F(Sheet, IsWrittenWholeOrNotAtAll)
     EXPECT_EQ(run_client(home_, {served.socket(), "sheet", home_.path("none/out.png")}), 1);
     EXPECT_EQ(run_client(home_, {served.socket(), "sheet", "out.gif"}), 2);
     EXPECT_EQ(run_client(home_, {home_.path("nobody"), "sheet", out}), 3);
+}
+
+// The ending alone decides, as in other programs; "sheet" and "save" accept the same names.
+TEST_F(Sheet, NamesInCapitalsOrOfTheEndingAloneAreAccepted)
+{
+    const worker served(home_, STILLIMAGE_TEST_DATA "/webp/lossy-alpha.webp");
+    for (const char* call : {"sheet", "save"}) {
+        for (const char* name : {".png", "OUT.PNG"}) {
+            const std::string out = home_.path(name);
+            EXPECT_EQ(run_client(home_, {served.socket(), call, out}), 0) << call << " " << name;
+            EXPECT_TRUE(std::filesystem::remove(out)) << call << " " << name;
+        }
+    }
 }
 
 } // namespace

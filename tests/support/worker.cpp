@@ -14,6 +14,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 #include "client/stillimage_client.h"
 #include "tests/support/file_contents.h"
@@ -157,10 +158,12 @@ worker::worker(const worker_home& home, const setting& how)
     start(home, how);
 }
 
-worker::worker(const worker_home& home, const std::string& picture, std::vector<std::string> more)
+worker::worker(const worker_home& home, const std::string& picture, std::vector<std::string> more,
+               std::vector<std::string> more_environment)
 {
     socket_ = home.path(next_name("socket"));
-    setting how = {{"--file", picture, "--sock", socket_, "--no-autoshutdown"}};
+    setting how = {{"--file", picture, "--sock", socket_, "--no-autoshutdown"},
+                   std::move(more_environment)};
     how.arguments.insert(how.arguments.end(), more.begin(), more.end());
     start(home, how);
 }

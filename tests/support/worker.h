@@ -51,8 +51,9 @@ public:
     };
 
     worker(const worker_home& home, const setting& how);
-    // Serves `picture` on socket() with these additional switches.
-    worker(const worker_home& home, const std::string& picture, std::vector<std::string> more = {});
+    // Serves `picture` on socket() with these additional switches and environment variables.
+    worker(const worker_home& home, const std::string& picture, std::vector<std::string> more = {},
+           std::vector<std::string> more_environment = {});
     worker(const worker&) = delete;
     worker& operator=(const worker&) = delete;
     ~worker(); // kills the process when it still runs

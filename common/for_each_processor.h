@@ -1,5 +1,5 @@
-// FOR_EACH_PROCESSOR before a function of plain loops compiles it once for each kind of processor; the
-// dynamic loader chooses one. All copies give the same results.
+// FOR_EACH_PROCESSOR before a function of plain loops compiles it once for each kind of processor;
+// the dynamic loader chooses one. All copies give the same results.
 #pragma once
 
 // clang 14 gives the copies a name that other translation units do not find.

@@ -57,7 +57,7 @@ void check_settings()
     const bool unknown = vexa_aspect_ratio.numerator == 0 && vexa_aspect_ratio.denominator == 0;
     require(unknown || (vexa_aspect_ratio.numerator > 0 && vexa_aspect_ratio.denominator > 0));
     require(vexa_background_music == 0 || vexa_background_music == 1);
-    require(platform::cnb_domain_name_valid(platform::own.domain));
+    require(platform::cnb_domain_name_valid(platform::from_switches.domain));
 }
 
 FILE* null_stream()

@@ -18,6 +18,7 @@
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/item/switches.h"
 #include "platform/standalone/report/document.h"
+#include "platform/standalone/report/run_state.h"
 #include "platform/standalone/report/standard_error.h"
 #include "platform/standalone/report/status.h"
 #include "platform/start_up.h"
@@ -64,6 +65,7 @@ void reset_item()
     cnb_set_domain(default_cnb_domain, default_cnb_limit);
     reset_switches();
     reset_settings();
+    reset_run_state();
     reset_document();
     reset_status();
 }
@@ -88,6 +90,7 @@ void open_missing_standard_descriptors()
 int vexa_standard_to_derived_params()
 {
     give_item_back();
+    set_unstored_source(settings_not_stored);
     if (derive_item() == 0 && open_service() == 0) {
         return 0;
     }
@@ -97,7 +100,7 @@ int vexa_standard_to_derived_params()
 
 int vexa_join_cnb_domain()
 {
-    cnb_set_domain(own.domain.c_str(), own.domain_limit);
+    cnb_set_domain(from_switches.domain.c_str(), from_switches.domain_limit);
     cnb_reserve_pump = serve_while_reserving;
     return cnb_join_domain();
 }

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -53,6 +54,12 @@ std::string read_waiting(int fd)
         text.append(piece, static_cast<size_t>(size));
     }
     return text;
+}
+
+bool is_locked(const std::string& path)
+{
+    const unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    return file && flock(file.get(), LOCK_EX | LOCK_NB) != 0;
 }
 
 std::vector<std::string> lines_of(std::string_view text)

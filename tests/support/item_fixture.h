@@ -38,6 +38,9 @@ void fill(const pipe_pair& pipe); // until the pipe is full
 // What can be read from a descriptor without blocking.
 std::string read_waiting(int fd);
 
+// Whether the file exists and is locked, by this process or another.
+bool is_locked(const std::string& path);
+
 // The lines of `text`, including a last one without a newline.
 std::vector<std::string> lines_of(std::string_view text);
 

@@ -175,6 +175,11 @@ uint64_t platform::status_document_generation()
     return state.generation;
 }
 
+void platform::set_document_clients(size_t /*count*/)
+{
+    state.document_changed = true;
+}
+
 void platform::mark_document_changed()
 {
     state.document_changed = true;

@@ -18,10 +18,10 @@ unique_fd open_folder(const char* path);
 // What happens to a folder that others can look into or use, but not change.
 enum class readable_folder { REFUSED, MADE_PRIVATE };
 
-// Opens the folder `name` of the open folder `parent` (AT_FDCWD: the working folder) for reading, when it
-// is private: a real folder, not a link, owned by the user of this process and without rights for others.
-// Empty with errno otherwise (EPERM: it belongs to another user or is open to others), and with the reason
-// in words in `reason`, if given.
+// Opens the folder `name` of the open folder `parent` (AT_FDCWD: the working folder) for reading,
+// when it is private: a real folder, not a link, owned by the user of this process and without
+// rights for others. Empty with errno otherwise (EPERM: it belongs to another user or is open to
+// others), and with the reason in words in `reason`, if given.
 unique_fd open_private_folder(int parent, const char* name, readable_folder readable,
                               std::string* reason = nullptr);
 

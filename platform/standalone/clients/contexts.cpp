@@ -30,7 +30,7 @@ size_t common_in_use = 0;
 void clients_changed()
 {
     note_changes(comm_protocol::change_clients);
-    mark_document_changed();
+    set_document_clients(connected_clients());
 }
 
 // True when the client holds more than is guaranteed to it.

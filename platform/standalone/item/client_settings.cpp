@@ -202,27 +202,8 @@ bool may_wait(std::string_view name, const std::string& value)
     return waiting_bytes - freed + name.size() + value.size() <= max_metadata_file;
 }
 
-unstored_settings settings_not_stored()
-{
-    unstored_settings unstored;
-    for (const auto& [name, setting] : waiting) {
-        if (setting.where == place::PENDING_FILE) {
-            continue;
-        }
-        ++unstored.count;
-        if (unstored.names.size() < unstored_settings::max_names) {
-            unstored.names.push_back(name);
-        }
-    }
-    if (unstored.count > 0) {
-        unstored.reason = why_settings_are_not_stored();
-    }
-    return unstored;
-}
-
 setting_state keep(std::string_view name, const std::string& value)
 {
-    set_unstored_source(settings_not_stored);
     if (waiting.empty()) {
         due_us = saturating_add(monotonic_clock_us(), delay_us);
     }
@@ -326,6 +307,24 @@ setting_state client_setting_state(std::string_view name)
 {
     const auto found = waiting.find(name);
     return found != waiting.end() ? state_of(found->second) : setting_state::STORED;
+}
+
+unstored_settings settings_not_stored()
+{
+    unstored_settings unstored;
+    for (const auto& [name, setting] : waiting) {
+        if (setting.where == place::PENDING_FILE) {
+            continue;
+        }
+        ++unstored.count;
+        if (unstored.names.size() < unstored_settings::max_names) {
+            unstored.names.push_back(name);
+        }
+    }
+    if (unstored.count > 0) {
+        unstored.reason = why_settings_are_not_stored();
+    }
+    return unstored;
 }
 
 std::string why_settings_are_not_stored()

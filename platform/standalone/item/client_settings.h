@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/standalone/report/document.h"
+
 namespace platform {
 
 enum class setting_state {
@@ -28,6 +30,9 @@ setting_state client_setting_state(std::string_view name);
 // Writes now what is not in the item's file yet, and retries once after a failure; afterwards
 // nothing WAITS. For the end of the process or of the service.
 void store_client_settings_now();
+
+// What would be lost if the process ended now, for the status document.
+unstored_settings settings_not_stored();
 
 // For people: why settings are NOT_STORED.
 std::string why_settings_are_not_stored();

@@ -106,9 +106,4 @@ void release_serve_lock()
     owner = 0;
 }
 
-bool holds_serve_lock()
-{
-    return lock.held();
-}
-
 } // namespace platform

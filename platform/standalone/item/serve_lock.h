@@ -9,14 +9,10 @@ namespace platform {
 
 inline constexpr const char* lock_suffix = ".lock"; // appended to the socket's path
 
-// Takes the lock for the socket at this absolute path; waits a moment for a worker that is just
-// ending. False after one message that names the socket and the process that serves it, or the lock
-// file and the reason.
+// Takes the lock for the socket at this absolute path, before the socket is created; waits a moment
+// for a worker that is just ending. False after one message that names the socket and the process
+// that serves it, or the lock file and the reason.
 bool take_serve_lock(const std::string& socket_path);
-
-// True when the lock is held by this process, or was inherited through daemon(). Only then may the
-// socket be created.
-bool holds_serve_lock();
 
 // Updates the process id in the file when it has changed, as after daemon().
 void refresh_serve_lock();

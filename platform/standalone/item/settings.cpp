@@ -5,12 +5,10 @@
 
 #include "platform/cnb.h"
 #include "platform/item_metadata.h"
-#include "platform/run_state.h"
 #include "platform/settings.h"
 
 namespace {
 
-constexpr uint64_t default_auto_shutdown_us = 60'000'000;
 constexpr int_rational one_unit_a_second = {1, 1};
 
 } // namespace
@@ -40,12 +38,6 @@ int_rational vexa_time_scale = one_unit_a_second;
 int64_t vexa_time_duration = 0;
 int vexa_video_streams = 0;
 
-std::atomic<int> DIE4 = 0;
-bool vexa_should_exit = false;
-bool vexa_ready = false;
-uint64_t mono_auto_shutdown = 0;
-uint64_t auto_shutdown_delay_initial = default_auto_shutdown_us;
-
 void vexa_set_string(char** variable, const char* text)
 {
     char* copy = text != nullptr ? strdup(text) : nullptr;
@@ -55,7 +47,7 @@ void vexa_set_string(char** variable, const char* text)
 
 namespace platform {
 
-own_settings own;
+switch_settings from_switches;
 
 bool mode_serves()
 {
@@ -72,11 +64,10 @@ void free_setting_texts()
 void reset_settings()
 {
     free_setting_texts();
-    own = {};
-    for (bool* flag :
-         {&vexa_auto_socket_create, &vexa_oneshot, &vexa_daemon, &vexa_identify_only,
-          &vexa_create_meta, &vexa_temp_clean_only, &vexa_no_autoshutdown, &vexa_stderr_to_log,
-          &vexa_force_update_metadata, &vexa_do_write_metadata, &vexa_should_exit, &vexa_ready}) {
+    from_switches = {};
+    for (bool* flag : {&vexa_auto_socket_create, &vexa_oneshot, &vexa_daemon, &vexa_identify_only,
+                       &vexa_create_meta, &vexa_temp_clean_only, &vexa_no_autoshutdown,
+                       &vexa_stderr_to_log, &vexa_force_update_metadata, &vexa_do_write_metadata}) {
         *flag = false;
     }
     vexa_metadata_may_update = true;
@@ -85,9 +76,6 @@ void reset_settings()
     vexa_time_scale = one_unit_a_second;
     vexa_time_duration = 0;
     vexa_video_streams = 0;
-    DIE4 = 0;
-    mono_auto_shutdown = 0;
-    auto_shutdown_delay_initial = default_auto_shutdown_us;
 }
 
 } // namespace platform

@@ -9,8 +9,8 @@
 
 namespace platform {
 
-// In addition to the shared variables. Written only by the switches.
-struct own_settings {
+// The values of switches that only the item needs. Written by the switches.
+struct switch_settings {
     std::string domain = default_cnb_domain;
     uint64_t domain_limit = default_cnb_limit; // bytes
     // Settings from a switch are not overridden by the metadata.
@@ -19,12 +19,12 @@ struct own_settings {
     bool background_music_given = false;
 };
 
-extern own_settings own;
+extern switch_settings from_switches;
 
 // False in the modes that end without serving.
 bool mode_serves();
 
-// Resets all settings and the run state to the values at program start, for tests and fuzzers.
+// Resets all settings to the values at program start, for tests and fuzzers.
 void reset_settings();
 
 // Frees the texts among the shared settings; they are null afterwards.

@@ -32,11 +32,11 @@ const char* stored_text(const metadata_v4_metadata_context* list, std::string_vi
 void take_choices(const metadata_v4_metadata_context* list)
 {
     const char* ratio = stored_text(list, names::aspect_ratio);
-    if (ratio != nullptr && !own.aspect_ratio_given) {
+    if (ratio != nullptr && !from_switches.aspect_ratio_given) {
         parse_aspect_ratio(ratio, &vexa_aspect_ratio);
     }
     const char* music = stored_text(list, names::background_music);
-    if (music != nullptr && !own.background_music_given) {
+    if (music != nullptr && !from_switches.background_music_given) {
         vexa_background_music = vexa_parse_background_music(music);
     }
 }
@@ -89,7 +89,7 @@ void take_stored_settings(const metadata_v4_metadata_context* list)
     take_choices(list);
     take_timeline(list);
     const char* type = stored_text(list, names::file_type);
-    if (type != nullptr && !own.file_type_given) {
+    if (type != nullptr && !from_switches.file_type_given) {
         vexa_set_string(&vexa_file_type, type);
     }
 }
@@ -106,7 +106,7 @@ void vexa_standard_vars_to_metadata(metadata_v4_metadata_context* list)
     if (vexa_file_type != nullptr) {
         store(list, names::file_type, vexa_file_type);
     }
-    if (aspect_ratio_known() || own.aspect_ratio_given) {
+    if (aspect_ratio_known() || from_switches.aspect_ratio_given) {
         store(list, names::aspect_ratio, ratio_text(vexa_aspect_ratio, ':'));
     }
     store(list, names::background_music, vexa_background_music != 0 ? "on" : "off");

@@ -43,7 +43,7 @@ bool take_flag(const char* /*text*/)
 
 bool take_file_type(const char* text)
 {
-    own.file_type_given = true;
+    from_switches.file_type_given = true;
     return take_text<&vexa_file_type>(text);
 }
 
@@ -52,13 +52,13 @@ bool take_domain(const char* text)
     if (!cnb_domain_name_valid(text)) {
         return false;
     }
-    own.domain = text;
+    from_switches.domain = text;
     return true;
 }
 
 bool take_domain_limit(const char* text)
 {
-    return parse_size(text, &own.domain_limit);
+    return parse_size(text, &from_switches.domain_limit);
 }
 
 bool take_auto_shutdown(const char* text)
@@ -68,7 +68,7 @@ bool take_auto_shutdown(const char* text)
 
 bool take_aspect_ratio(const char* text)
 {
-    own.aspect_ratio_given = true;
+    from_switches.aspect_ratio_given = true;
     return parse_aspect_ratio(text, &vexa_aspect_ratio);
 }
 
@@ -78,7 +78,7 @@ bool take_background_music(const char* text)
     if (!parse_on_off(text, &on)) {
         return false;
     }
-    own.background_music_given = true;
+    from_switches.background_music_given = true;
     vexa_background_music = on ? 1 : 0;
     return true;
 }

@@ -152,9 +152,9 @@ void report_unusable(const std::string& name, std::string_view reason)
     error_line("Cannot read pending metadata", name, reason);
 }
 
-// The file, open for reading and appending. Empty with errno on failure. A file of this user without
-// write permission gets it back: it could never be merged, so its settings would override the metadata
-// file for ever.
+// The file, open for reading and appending. Empty with errno on failure. A file of this user
+// without write permission gets it back: it could never be merged, so its settings would override
+// the metadata file for ever.
 unique_fd open_to_append(int folder, const char* name)
 {
     constexpr int flags = O_RDWR | O_APPEND | read_flags;

@@ -9,7 +9,6 @@
 
 #include <json11.hpp>
 
-#include "platform/clients.h"
 #include "platform/cnb.h"
 #include "platform/document.h"
 #include "platform/item_metadata.h"
@@ -46,7 +45,7 @@ json_object item_common;
 std::string document = "{}";
 bool changed = true;
 unstored_settings (*unstored_source)() = nullptr;
-size_t clients_shown = 0;
+size_t connected_clients = 0;
 bool examined_shown = false;
 uint64_t generation = 0;
 uint64_t generation_reported = 0; // by refresh_document
@@ -115,10 +114,9 @@ bool is_examined()
 
 json_object process_object()
 {
-    clients_shown = vexa_client_contexts.tracked.size();
     examined_shown = is_examined();
     return {
-        {"clients", whole_number(static_cast<uint64_t>(clients_shown))},
+        {"clients", whole_number(static_cast<uint64_t>(connected_clients))},
         {"examined", examined_shown},
         {"pid", static_cast<int>(getpid())},
         {"progress",
@@ -186,8 +184,7 @@ shown_entry* find_entry(std::string_view name)
 
 bool out_of_date()
 {
-    return changed || json_next_xmit_rebuild ||
-           clients_shown != vexa_client_contexts.tracked.size() || examined_shown != is_examined();
+    return changed || json_next_xmit_rebuild || examined_shown != is_examined();
 }
 
 bool rebuild_is_due(uint64_t now_us)
@@ -219,7 +216,7 @@ void reset_document()
     item_common.clear();
     document = "{}";
     changed = true;
-    clients_shown = 0;
+    connected_clients = 0;
     examined_shown = false;
     generation = 0;
     generation_reported = 0;
@@ -251,6 +248,12 @@ uint64_t document_due_us()
 uint64_t status_document_generation()
 {
     return generation;
+}
+
+void set_document_clients(size_t count)
+{
+    connected_clients = count;
+    changed = true;
 }
 
 void mark_document_changed()

@@ -27,6 +27,9 @@ uint64_t document_due_us();
 // if it was sent it at this number.
 uint64_t status_document_generation();
 
+// The number of clients that the document shows. The clients' room sets it whenever it changes.
+void set_document_clients(size_t count);
+
 // Marks the document as out of date. Costs a store; the rebuild waits for refresh_document or a
 // reader.
 void mark_document_changed();

@@ -65,7 +65,7 @@ TEST_F(Derived, DefaultFoldersAreCreatedForTheUserOnly)
     EXPECT_EQ(platform::socket_path(), vexa_sock);
     EXPECT_EQ(mode_of(vexa_file_metadir), 0700U);
     EXPECT_EQ(mode_of(runtime_folder()), 0700U);
-    EXPECT_TRUE(platform::holds_serve_lock());
+    EXPECT_TRUE(item_test::is_locked(std::string(vexa_sock) + ".lock"));
     ASSERT_NE(vexa_meta, nullptr);
     EXPECT_GE(vexa_meta->file_fd, 0);
     ASSERT_NE(vexa_metadata, nullptr);
@@ -125,7 +125,7 @@ TEST_F(Derived, SocketFolderOpenToOthersIsRefused)
     EXPECT_EQ(refusal(), "Socket folder is not private to this user '" + runtime_folder() +
                              "': Operation not permitted\n");
     EXPECT_EQ(vexa_meta, nullptr);
-    EXPECT_FALSE(platform::holds_serve_lock());
+    EXPECT_FALSE(item_test::is_locked(std::string(vexa_sock) + ".lock"));
 }
 
 TEST_F(Derived, LinkInThePlaceOfTheSocketFolderIsRefused)
@@ -160,7 +160,7 @@ TEST_F(Derived, FoldersThatCannotBeCreatedAreNamed)
     vexa_set_string(&vexa_sock, nullptr);
     const std::string metadir = state_folder() + "/" + item_name();
     EXPECT_EQ(refusal(), "Cannot make metadata folder '" + metadir + "': Not a directory\n");
-    EXPECT_FALSE(platform::holds_serve_lock());
+    EXPECT_FALSE(item_test::is_locked(std::string(vexa_sock) + ".lock"));
 }
 
 TEST_F(Derived, PictureThatCannotBeOpenedIsNamed)
@@ -233,8 +233,7 @@ TEST_F(Derived, ModesThatDoNotServeLeaveTheWorkerAlone)
                   return vexa_standard_to_derived_params() == 0 && vexa_sock == sock ? 0 : 1;
               }),
               0);
-    EXPECT_TRUE(platform::holds_serve_lock());
-    EXPECT_TRUE(fs::exists(sock + ".lock"));
+    EXPECT_TRUE(item_test::is_locked(sock + ".lock"));
 }
 
 TEST_F(Derived, ModesThatDoNotServeMakeNoSocketFolder)
@@ -244,7 +243,6 @@ TEST_F(Derived, ModesThatDoNotServeMakeNoSocketFolder)
         *mode = true;
         ASSERT_EQ(vexa_standard_to_derived_params(), 0);
         EXPECT_NE(vexa_sock, nullptr);
-        EXPECT_FALSE(platform::holds_serve_lock());
         *mode = false;
     }
     EXPECT_FALSE(fs::exists(runtime_folder()));

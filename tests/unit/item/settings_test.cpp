@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/run_state.h"
 #include "platform/settings.h"
 #include "platform/standalone/item/settings.h"
 #include "tests/support/item_fixture.h"
@@ -35,19 +34,14 @@ TEST_F(Settings, HaveTheirInitialValues)
     vexa_oneshot = true;
     vexa_metadata_may_update = false;
     vexa_time_scale = {100, 3};
-    DIE4 = 4;
-    mono_auto_shutdown = 5;
-    platform::own.domain = "x";
+    platform::from_switches.domain = "x";
     vexa_set_string(&vexa_file, "f");
     platform::reset_settings();
     EXPECT_FALSE(vexa_oneshot);
     EXPECT_TRUE(vexa_metadata_may_update);
     EXPECT_EQ(vexa_time_scale.numerator, 1);
     EXPECT_EQ(vexa_time_scale.denominator, 1);
-    EXPECT_EQ(DIE4, 0);
-    EXPECT_EQ(mono_auto_shutdown, 0U);
-    EXPECT_EQ(auto_shutdown_delay_initial, 60'000'000U);
-    EXPECT_EQ(platform::own.domain, "default");
+    EXPECT_EQ(platform::from_switches.domain, "default");
     EXPECT_EQ(vexa_file, nullptr);
 }
 

@@ -103,9 +103,9 @@ TEST_F(StandardEntries, ValueFromASwitchIsKept)
     add("background music", "on");
     vexa_set_string(&vexa_file_type, "image/png");
     vexa_aspect_ratio = {4, 3};
-    platform::own.file_type_given = true;
-    platform::own.aspect_ratio_given = true;
-    platform::own.background_music_given = true;
+    platform::from_switches.file_type_given = true;
+    platform::from_switches.aspect_ratio_given = true;
+    platform::from_switches.background_music_given = true;
     take();
     EXPECT_STREQ(vexa_file_type, "image/png");
     EXPECT_EQ(vexa_aspect_ratio.numerator, 4);
@@ -141,7 +141,7 @@ TEST_F(StandardEntries, UnknownValuesAreNotWritten)
 TEST_F(StandardEntries, UnknownAspectRatioFromASwitchIsWritten)
 {
     add("aspect ratio", "16:9");
-    platform::own.aspect_ratio_given = true;
+    platform::from_switches.aspect_ratio_given = true;
     vexa_standard_vars_to_metadata(list.get());
     EXPECT_EQ(value("aspect ratio"), "0:0");
 }

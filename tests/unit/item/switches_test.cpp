@@ -101,8 +101,8 @@ TEST_F(Switches, WithoutSwitchesTheDefaultsApply)
     EXPECT_EQ(vexa_file_metadir, nullptr);
     EXPECT_EQ(vexa_sock, nullptr);
     EXPECT_EQ(vexa_file_type, nullptr);
-    EXPECT_EQ(platform::own.domain, "default");
-    EXPECT_EQ(platform::own.domain_limit, 0U);
+    EXPECT_EQ(platform::from_switches.domain, "default");
+    EXPECT_EQ(platform::from_switches.domain_limit, 0U);
     EXPECT_EQ(auto_shutdown_delay_initial, 60'000'000U);
     EXPECT_TRUE(vexa_metadata_may_update);
     EXPECT_EQ(vexa_aspect_ratio.numerator, 0);
@@ -135,7 +135,7 @@ TEST_F(Switches, TextsAreStored)
     EXPECT_STREQ(vexa_file_metadir, "m");
     EXPECT_STREQ(vexa_sock, "s");
     EXPECT_STREQ(vexa_file_type, "image/png");
-    EXPECT_TRUE(platform::own.file_type_given);
+    EXPECT_TRUE(platform::from_switches.file_type_given);
 }
 
 TEST_F(Switches, EachFlagSetsItsVariable)
@@ -182,8 +182,8 @@ TEST_F(Switches, ModesThatEndEarlyDoNotServe)
 TEST_F(Switches, DomainAndLimitAreStored)
 {
     ASSERT_EQ(take({"--domain", "stage.left", "--domain-limit", "512M"}), 0);
-    EXPECT_EQ(platform::own.domain, "stage.left");
-    EXPECT_EQ(platform::own.domain_limit, uint64_t{512} << 20);
+    EXPECT_EQ(platform::from_switches.domain, "stage.left");
+    EXPECT_EQ(platform::from_switches.domain_limit, uint64_t{512} << 20);
 }
 
 TEST_F(Switches, AutoShutdownIsStoredInMicroseconds)
@@ -202,8 +202,8 @@ TEST_F(Switches, AspectRatioAndMusicAreStoredAndMarkedAsGiven)
     EXPECT_EQ(vexa_aspect_ratio.numerator, 16);
     EXPECT_EQ(vexa_aspect_ratio.denominator, 9);
     EXPECT_EQ(vexa_background_music, 1);
-    EXPECT_TRUE(platform::own.aspect_ratio_given);
-    EXPECT_TRUE(platform::own.background_music_given);
+    EXPECT_TRUE(platform::from_switches.aspect_ratio_given);
+    EXPECT_TRUE(platform::from_switches.background_music_given);
     ASSERT_EQ(take({"--background-music=off"}), 0);
     EXPECT_EQ(vexa_background_music, 0);
 }

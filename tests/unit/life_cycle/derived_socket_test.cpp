@@ -14,7 +14,6 @@
 #include "platform/standalone/comm/listener.h"
 #include "platform/standalone/comm/server.h"
 #include "platform/standalone/item/client_settings.h"
-#include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/report/document.h"
 #include "platform/start_up.h"
 #include "platform/time.h"
@@ -43,7 +42,6 @@ protected:
                   "Comm socket '" + path + "': " + reason + "\n");
         EXPECT_EQ(vexa_meta, nullptr);
         EXPECT_EQ(vexa_comm_server, nullptr);
-        EXPECT_FALSE(platform::holds_serve_lock());
         EXPECT_FALSE(folder.has("s.sock.lock"));
     }
 

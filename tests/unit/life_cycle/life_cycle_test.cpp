@@ -10,7 +10,6 @@
 #include "platform/serving.h"
 #include "platform/settings.h"
 #include "platform/standalone/cnb/domain.h"
-#include "platform/standalone/item/serve_lock.h"
 #include "platform/standalone/item/settings.h"
 #include "platform/standalone/life_cycle.h"
 #include "platform/start_up.h"
@@ -112,8 +111,10 @@ TEST_F(LifeCycle, HousekeepingWritesTheChildsNumberIntoTheLock)
 
 TEST_F(LifeCycle, HousekeepingWithoutAnItemDoesNothing)
 {
+    const size_t descriptors = open_descriptors();
     vexa_idle_housekeeping();
-    EXPECT_FALSE(platform::holds_serve_lock());
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_TRUE(folder.names() == std::vector<std::string>{"run"});
 }
 
 // --- the end ------------------------------------------------------------------------------------
@@ -157,7 +158,7 @@ TEST_F(LifeCycle, ProcessThatEndsEarlyLeavesNoLock)
     EXPECT_EXIT(
         {
             const bool derived = vexa_standard_to_derived_params() == 0;
-            exit(derived && platform::holds_serve_lock() ? 7 : 1);
+            exit(derived && item_test::is_locked(folder.path("s.sock.lock")) ? 7 : 1);
         },
         testing::ExitedWithCode(7), "");
     EXPECT_FALSE(folder.has("s.sock.lock"));

@@ -21,8 +21,8 @@ constexpr painter painters[] = {
 
 TEST(PngAdam7Blocks, EveryCountIsPaintedSampleBySample)
 {
-    std::mt19937 lot(7);
-    const auto any = [&lot] { return static_cast<unsigned char>(lot()); };
+    std::mt19937 random(7);
+    const auto any = [&random] { return static_cast<unsigned char>(random()); };
     for (const painter& p : painters) {
         for (size_t count = 0; count <= 70; ++count) {
             for (size_t shift = 0; shift < 3; ++shift) {

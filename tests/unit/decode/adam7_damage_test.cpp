@@ -177,7 +177,7 @@ TEST_F(DecodePngAdam7Damage, BandsOfEachPassCoverItsBlocks)
 {
     const bytes file = write_png(random_picture(32, 32, {2, 8}));
     for (int bad = 0; bad < 32; ++bad) {
-        start_anew();
+        start_over();
         open(file);
         scripted::plan.unmappable = {image_stride_Y * static_cast<uint64_t>(bad), 1};
         EXPECT_EQ(decode(), 0);
@@ -188,7 +188,7 @@ TEST_F(DecodePngAdam7Damage, BandsOfEachPassCoverItsBlocks)
 TEST_F(DecodePngAdam7Damage, EveryPassMayFailToMap)
 {
     for (const colour_form form : colour_forms) {
-        start_anew();
+        start_over();
         open(write_png(random_picture(17, 17, form)));
         const uint64_t size = scripted::buffer_size();
         scripted::plan.unmappable = {0, size};
@@ -283,7 +283,7 @@ TEST_F(DecodePngAdam7Damage, RowHoldsTheStrideAndSpareBytes)
                           {{4, 8}, 32 * 2 + 64},
                           {{3, 2}, 32 + 64},
                           {{0, 16}, 32 + 64}}) {
-        start_anew();
+        start_over();
         open(write_png(random_picture(17, 1, n.form)));
         failing_calls::plan.max_calloc = n.bytes - 1;
         EXPECT_EQ(decode(), -1);

@@ -14,7 +14,7 @@
 
 namespace adam7_tests {
 
-void Fixture::start_anew()
+void Fixture::start_over()
 {
     free_all_png_fileio();
     reset_image_state();
@@ -70,7 +70,7 @@ void Fixture::compare(const adam7_literal& literal, const std::string& when)
 void Fixture::expect_drawn_by_rules(const bytes& file, unsigned char before,
                                     const row_action& before_row)
 {
-    start_anew();
+    start_over();
     open(file, before);
     adam7_literal literal(read_png_samples(file), before);
     uint64_t row = 0;

@@ -20,10 +20,10 @@ using bytes = std::vector<unsigned char>;
 
 class Fixture : public testing::Test {
 protected:
-    void SetUp() override { start_anew(); }
-    void TearDown() override { start_anew(); }
+    void SetUp() override { start_over(); }
+    void TearDown() override { start_over(); }
 
-    static void start_anew();
+    static void start_over();
 
     // Examines `file`, which must succeed, lays out the frame buffer with or without reduced
     // levels, fills it with `before` and builds the picture's records.

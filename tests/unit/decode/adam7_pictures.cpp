@@ -44,7 +44,7 @@ const std::vector<colour_form> colour_forms = {{0, 1}, {0, 2},  {0, 4},  {0, 8},
 
 png_spec random_picture(uint32_t width, uint32_t height, colour_form form, unsigned seed)
 {
-    std::mt19937 lot(seed);
+    std::mt19937 random(seed);
     png_spec spec = {.width = width,
                      .height = height,
                      .depth = form.depth,
@@ -54,14 +54,14 @@ png_spec random_picture(uint32_t width, uint32_t height, colour_form form, unsig
         png_chunk palette = {"PLTE"};
         const size_t colours = form.depth == 1 ? 1 : (size_t{1} << form.depth) - form.depth;
         for (size_t i = 0; i < 3 * colours; ++i) {
-            palette.data.push_back(static_cast<unsigned char>(lot()));
+            palette.data.push_back(static_cast<unsigned char>(random()));
         }
         spec.chunks.push_back(palette);
     }
     for_each_row(spec, [&](int, uint32_t, size_t size) {
-        spec.rows.push_back(static_cast<unsigned char>(lot() % 5));
+        spec.rows.push_back(static_cast<unsigned char>(random() % 5));
         std::generate_n(std::back_inserter(spec.rows), size,
-                        [&lot] { return static_cast<unsigned char>(lot()); });
+                        [&random] { return static_cast<unsigned char>(random()); });
     });
     return spec;
 }

@@ -190,7 +190,7 @@ TEST_F(DecodePngAdam7, ProvisionalPictureIsAnnouncedAfterTheFirstPass)
 TEST_F(DecodePngAdam7, MipmapsAreMadeAfterPassesOneThreeAndSeven)
 {
     for (const colour_form form : {colour_form{6, 8}, {0, 8}, {3, 4}, {4, 8}, {2, 16}}) {
-        start_anew();
+        start_over();
         open(write_png(random_picture(150, 70, form)), 0, true);
         ASSERT_EQ(mipmaps, 2);
         const std::vector<bytes> states = states_of_decode();

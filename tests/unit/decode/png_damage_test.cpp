@@ -109,7 +109,7 @@ TEST_F(PngDamage, SurplusRowsAreTolerated)
 
 TEST_F(PngDamage, FlippedBytesAreDrawnByTheRules)
 {
-    std::mt19937 lot(7);
+    std::mt19937 random(7);
     size_t damaged = 0;
     for (const model& m : models) {
         png_spec spec = random_picture(11, 140, m.colour_type, 8);
@@ -123,8 +123,8 @@ TEST_F(PngDamage, FlippedBytesAreDrawnByTheRules)
         const size_t first = find(sound, "IDAT") + 4;
         for (int round = 0; round < 150; ++round) {
             bytes file = sound;
-            file[first + lot() % (sound.size() - first)] ^=
-                static_cast<unsigned char>(1 + lot() % 255);
+            file[first + random() % (sound.size() - first)] ^=
+                static_cast<unsigned char>(1 + random() % 255);
             expect_drawn_by_rules(file, m.name + std::to_string(round), sentinel);
             damaged += printed.ends_with("aborting decode\n");
         }
@@ -175,7 +175,7 @@ TEST_F(PngDamage, FailingBatchOfGreyWithAlphaIsUnchanged)
 TEST_F(PngDamage, LibraryErrorAfterDecodingEndsTheProcess)
 {
     for (const bool is_damaged : {false, true}) {
-        start_anew();
+        start_over();
         png_spec spec = random_picture(4, 4, 2, 8);
         spec.rows[0] = is_damaged ? 5 : 0;
         open(write_png(spec));

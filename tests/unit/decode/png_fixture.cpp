@@ -70,17 +70,17 @@ size_t row_bytes(const png_spec& spec)
 png_spec random_picture(uint32_t width, uint32_t height, uint8_t colour_type, uint8_t depth,
                         unsigned seed)
 {
-    std::mt19937 lot(seed);
+    std::mt19937 random(seed);
     png_spec spec = {.width = width, .height = height, .depth = depth, .colour_type = colour_type};
     if (colour_type == 3) {
         png_chunk palette = {"PLTE"};
         for (size_t i = 0; i < size_t{3} << depth; ++i) {
-            palette.data.push_back(static_cast<unsigned char>(lot()));
+            palette.data.push_back(static_cast<unsigned char>(random()));
         }
         spec.chunks.push_back(palette);
     }
     spec.rows.resize(row_bytes(spec) * height);
-    std::ranges::generate(spec.rows, [&lot] { return static_cast<unsigned char>(lot()); });
+    std::ranges::generate(spec.rows, [&random] { return static_cast<unsigned char>(random()); });
     for (size_t row = 0; row < height; ++row) {
         spec.rows[row * row_bytes(spec)] %= 5;
     }
@@ -109,7 +109,7 @@ bytes write_in_pieces(const png_spec& spec, size_t piece, int level)
     return file;
 }
 
-void Fixture::start_anew()
+void Fixture::start_over()
 {
     free_all_png_fileio();
     reset_image_state();
@@ -147,7 +147,7 @@ int Fixture::decode(int (*decoder)())
 void Fixture::expect_drawn_by_rules(const bytes& file, const std::string& name,
                                     unsigned char before)
 {
-    start_anew();
+    start_over();
     ASSERT_NO_FATAL_FAILURE(open(file, before)) << name;
     EXPECT_EQ(decode(), 0) << name;
     EXPECT_TRUE(allocation() == draw_png_literally(file, {.before = before})) << name;

@@ -45,10 +45,10 @@ bytes write_in_pieces(const png_spec& spec, size_t piece, int level = 6);
 
 class Fixture : public testing::Test {
 protected:
-    void SetUp() override { start_anew(); }
-    void TearDown() override { start_anew(); }
+    void SetUp() override { start_over(); }
+    void TearDown() override { start_over(); }
 
-    static void start_anew();
+    static void start_over();
 
     // Examines `file`, which must succeed, lays out the frame buffer and fills it with `before`.
     void open(const bytes& file, unsigned char before = 0);

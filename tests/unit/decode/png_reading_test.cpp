@@ -49,7 +49,7 @@ TEST_F(PngReading, ClientsAreServedAtFixedIntervals)
     open(file);
     ASSERT_EQ(decode(), 0);
     EXPECT_EQ(scripted::log.idle_rounds, 1U);
-    start_anew();
+    start_over();
     open(file);
     scripted::plan.clock_step_us = 600;
     ASSERT_EQ(decode(), 0);
@@ -68,7 +68,7 @@ TEST_F(PngReading, SignalInsideABatchIsLeftToTheDecoder)
         EXPECT_EQ(printed, "");
         EXPECT_TRUE(allocation() == draw_png_literally(file, {.batches = 1, .before = 90}))
             << m.name;
-        start_anew();
+        start_over();
         reads = 0;
     }
 }

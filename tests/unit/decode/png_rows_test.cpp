@@ -83,7 +83,7 @@ TEST_F(PngRows, TestPicturesAreDrawnByTheRules)
     size_t seen = 0;
     for (const auto& entry : std::filesystem::directory_iterator(STILLIMAGE_TEST_DATA "/png")) {
         const bytes file = read_test_file(entry.path());
-        start_anew();
+        start_over();
         scripted::set_picture(file);
         testing::internal::CaptureStderr();
         const bool is_ours = examine_png_file() == 0 && png_interlace_method == 0;
@@ -104,7 +104,7 @@ TEST_F(PngRows, OldMemoryContentsAreNeverDrawn)
             const bytes file = write_png(random_picture(17, 70, m.colour_type, depth));
             bytes drawn[2];
             for (const int fill : {1, 2}) {
-                start_anew();
+                start_over();
                 mallopt(M_PERTURB, fill * 0x55);
                 open(file);
                 EXPECT_EQ(decode(), 0);
@@ -125,7 +125,7 @@ TEST_F(PngRows, PaddingHasTheColourOfZeroSamples)
     EXPECT_EQ(scripted::buffer()[image_offset_Y + 31], 81);
     EXPECT_EQ(scripted::buffer()[image_offset_U + 31], 90);
     EXPECT_EQ(scripted::buffer()[image_offset_V + 31], 239);
-    start_anew();
+    start_over();
     open(write_png(random_picture(17, 2, 6, 8)), sentinel);
     ASSERT_EQ(decode(), 0);
     EXPECT_EQ(scripted::buffer()[image_offset_Y + 31], 16);
@@ -135,7 +135,7 @@ TEST_F(PngRows, PaddingHasTheColourOfZeroSamples)
 TEST_F(PngRows, RowsBelowThePictureAreUnchanged)
 {
     for (const model& m : models) {
-        start_anew();
+        start_over();
         open(write_png(random_picture(16, 1, m.colour_type, 8)), sentinel);
         ASSERT_EQ(decode(), 0);
         EXPECT_EQ(scripted::buffer()[image_offset_Y + 16], sentinel) << m.name;
@@ -148,7 +148,7 @@ TEST_F(PngRows, RowsBelowThePictureAreUnchanged)
 TEST_F(PngRows, ProgressIsReportedOnceABatch)
 {
     for (const model& m : models) {
-        start_anew();
+        start_over();
         open(write_png(random_picture(3, 300, m.colour_type, 8)));
         ASSERT_EQ(decode(), 0);
         std::vector<scripted::status_line> expected;
@@ -165,7 +165,7 @@ TEST_F(PngRows, ProgressIsReportedOnceABatch)
 TEST_F(PngRows, HeightOf65IsTwoBatchesButOneForGrey)
 {
     for (const model& m : models) {
-        start_anew();
+        start_over();
         open(write_png(random_picture(3, 65, m.colour_type, 8)));
         ASSERT_EQ(decode(), 0);
         std::vector<scripted::status_line> expected = {{0, "Decoding PNG"}};
@@ -182,7 +182,7 @@ TEST_F(PngRows, SignalEndsDecodingAfterTheCurrentBatch)
     for (const model& m : models) {
         const bytes file = write_png(random_picture(33, 400, m.colour_type, 8));
         for (const size_t batches : {1U, 2U, 3U}) {
-            start_anew();
+            start_over();
             open(file, sentinel);
             scripted::plan.die_after_idle = static_cast<int>(batches);
             EXPECT_EQ(decode(), 0);
@@ -199,7 +199,7 @@ TEST_F(PngRows, SignalEndsDecodingAfterTheCurrentBatch)
 TEST_F(PngRows, SignalBeforeTheFirstBatchDrawsNothing)
 {
     for (const model& m : models) {
-        start_anew();
+        start_over();
         open(write_png(random_picture(33, 40, m.colour_type, 8)), sentinel);
         DIE4 = 1;
         EXPECT_EQ(decode(), 0);
@@ -215,7 +215,7 @@ TEST_F(PngRows, MappingFailureEndsDecodingAndNamesThePlane)
         const bytes file = write_png(random_picture(33, 200, m.colour_type, 8));
         for (const size_t batches : {0U, 1U}) {
             for (size_t plane = 0; plane < m.planes.size(); ++plane) {
-                start_anew();
+                start_over();
                 open(file, sentinel);
                 scripted::plan.fail_mapping =
                     static_cast<int>(batches * m.planes.size() + plane + 1);

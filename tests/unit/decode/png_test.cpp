@@ -157,7 +157,7 @@ TEST_F(Png, PaletteOfThePreviousPictureIsNotKept)
     spec.chunks = {{"PLTE", {255, 0, 0, 255, 255, 255}}};
     draw(spec);
     EXPECT_EQ(y(0), 235);
-    start_anew();
+    start_over();
     spec.chunks = {{"PLTE", {255, 0, 0}}};
     draw(spec);
     EXPECT_EQ(y(0), 16);
@@ -171,7 +171,7 @@ TEST_F(Png, Adam7IsRefusedByAllButRgb)
         if (m.adam7_status == nullptr) {
             continue;
         }
-        start_anew();
+        start_over();
         open(write_png(random_picture(3, 3, m.colour_type, 8)));
         png_interlace_method = 1;
         failing_calls::plan.calloc = 1; // the allocation is not reached
@@ -191,7 +191,7 @@ TEST_F(Png, OtherInterlaceMethodsAreRefusedByAllButRgb)
             continue;
         }
         for (const int method : {2, 255}) {
-            start_anew();
+            start_over();
             open(write_png(random_picture(3, 3, m.colour_type, 8)));
             png_interlace_method = method;
             EXPECT_EQ(decode(), -1);
@@ -219,7 +219,7 @@ TEST_F(Png, InterlacedRgbBreaksAnInvariant)
 TEST_F(Png, FailedStagingAllocationIsReported)
 {
     for (const model& m : models) {
-        start_anew();
+        start_over();
         open(write_png(random_picture(3, 3, m.colour_type, 8)));
         failing_calls::plan.calloc = 1;
         if (m.colour_type == 0) { // needs none
@@ -269,7 +269,7 @@ TEST_F(Png, PaletteIsConvertedForEveryIndexAndOpaque)
             EXPECT_TRUE(made.y == yuv[0] && made.u == yuv[1] && made.v == yuv[2]) << index;
             EXPECT_EQ(made.a, 255);
         }
-        start_anew();
+        start_over();
     }
 }
 
@@ -287,7 +287,7 @@ TEST_F(Png, EntriesBeyondThePaletteAreNotRead)
 TEST_F(Png, InvalidStateBreaksInvariants)
 {
     for (const model& m : models) {
-        start_anew();
+        start_over();
         open(write_png(random_picture(3, 3, m.colour_type, 8)));
         EXPECT_EXIT(
             {

@@ -83,7 +83,7 @@ TEST_F(DecodeTiff, ColoursOfEachModel)
         ASSERT_TRUE(open(write_tiff(spec)));
         EXPECT_EQ(decode(), 0);
         EXPECT_EQ(pixel(0, 0), colour.drawn);
-        start_anew();
+        start_over();
     }
 }
 
@@ -108,7 +108,7 @@ TEST_F(DecodeTiff, EightBitsAreNotInvertedAndOneBitIs)
         EXPECT_EQ(decode(), 0);
         EXPECT_EQ(allocation()[0], 16);
         EXPECT_EQ(allocation()[1], 235);
-        start_anew();
+        start_over();
         spec.set_short(258, {1});
         spec.strips = {{0x40}};
         ASSERT_TRUE(open(write_tiff(spec)));
@@ -117,7 +117,7 @@ TEST_F(DecodeTiff, EightBitsAreNotInvertedAndOneBitIs)
         EXPECT_EQ(allocation()[1], photometric == 1 ? 235 : 16);
         EXPECT_EQ(allocation()[7], photometric == 1 ? 16 : 235); // padding of the byte
         EXPECT_EQ(allocation()[8], 16);
-        start_anew();
+        start_over();
     }
 }
 
@@ -223,7 +223,7 @@ TEST_F(DecodeTiff, ChangedBytes)
             const size_t span = round % 2 == 0 ? file.size() : std::min<size_t>(file.size(), 200);
             file[file.size() - 1 - at % span] = noise[i + 2];
         }
-        start_anew();
+        start_over();
         if (!open(file) || int64_t{image_width} * image_height > 1 << 20) {
             continue;
         }
@@ -270,7 +270,7 @@ TEST_F(DecodeTiff, StoredPicturesRowByRow)
                           (66U * p[0] + 129U * p[1] + 25U * p[2] + 4096U) >> 8);
             }
         }
-        start_anew();
+        start_over();
     }
 }
 

@@ -66,7 +66,7 @@ protected:
     // The frame buffer after a decode on a heap whose new blocks are filled with `filler`.
     file_bytes drawn_on_heap_of(int filler, const file_bytes& file)
     {
-        start_anew();
+        start_over();
         mallopt(M_PERTURB, filler);
         const bool opened = open(file, 0x5A);
         EXPECT_TRUE(opened && decode() == 0);
@@ -184,7 +184,7 @@ TEST_F(DecodeTiffDamage, JbigThatClaimsMoreThanItsStripIsNotDecoded)
         for (const auto& [w, h] :
              {std::pair{width, 33U}, std::pair{width + 3, 32U}, std::pair{~0U, 1U},
               std::pair{1U << 20, 1U << 20}, std::pair{~0U - 1, ~0U - 1}}) {
-            start_anew();
+            start_over();
             ASSERT_TRUE(open(write_tiff(jbig_claiming(w, h, fill_order)), 0x5A));
             EXPECT_EQ(decode(), 0);
             EXPECT_EQ(printed, "TIFFReadEncodedStrip() returned too many bytes\n");

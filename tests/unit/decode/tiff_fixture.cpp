@@ -59,7 +59,7 @@ std::pair<std::string, std::string> split_output(const std::string& printed)
 
 } // namespace
 
-void tiff_test::start_anew()
+void tiff_test::start_over()
 {
     failing_calls::plan = {};
     reset_tiff();
@@ -97,7 +97,7 @@ void tiff_test::decode_directly()
 
 bool tiff_test::expect_drawn_by_rules(const file_bytes& file, const tiff_literal_options& options)
 {
-    start_anew();
+    start_over();
     if (!open(file, options.before)) {
         return false;
     }

@@ -16,10 +16,10 @@ using file_bytes = std::vector<unsigned char>;
 
 class tiff_test : public testing::Test {
 protected:
-    void SetUp() override { start_anew(); }
-    void TearDown() override { start_anew(); }
+    void SetUp() override { start_over(); }
+    void TearDown() override { start_over(); }
 
-    static void start_anew();
+    static void start_over();
 
     // Examines `file`; on success lays out the frame buffer and fills it with `before`.
     bool open(const file_bytes& file, unsigned char before = 0);

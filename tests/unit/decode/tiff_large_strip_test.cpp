@@ -297,7 +297,7 @@ TEST_F(DecodeTiffLargeStrip, SignalEndsAStripSilently)
             continue;
         }
         SCOPED_TRACE(by.name);
-        start_anew();
+        start_over();
         ASSERT_TRUE(open(sound(by), 0x5A));
         scripted::plan.die_after_idle = 2; // the first round takes place before the strip
         EXPECT_EQ(decode(), 0);
@@ -320,7 +320,7 @@ TEST_F(DecodeTiffLargeStrip, SignalEndsReadingSilentlyWithAnyCodec)
         made.height = 151;
         made.rows_per_strip = 150;
         made.compression = compression;
-        start_anew();
+        start_over();
         ASSERT_TRUE(open(encode_tiff(made), 0x5A));
         scripted::plan.die_after_idle = 1;
         EXPECT_EQ(decode(), 0);
@@ -356,7 +356,7 @@ TEST_F(DecodeTiffLargeStrip, FaxThatIsNotDrawnIsReadInPiecesToo)
         EXPECT_EQ(printed + printed_by_library, "");
         EXPECT_GT(scripted::log.idle_rounds, 1U);
         expect_damage_as_one_call(file);
-        start_anew();
+        start_over();
         ASSERT_TRUE(open(file));
         scripted::plan.die_after_idle = 2;
         EXPECT_EQ(decode(), 0);

@@ -65,7 +65,7 @@ TEST_F(DecodeTiffStart, BrokenInvariantsAbortWithTheNameOfTheDecoder)
                 testing::KilledBySignal(SIGABRT),
                 std::string("bin/vexa_stillimage: .*") + decoder.name + ".*`" +
                     invariant.condition + "'");
-            start_anew();
+            start_over();
         }
     }
 }
@@ -82,7 +82,7 @@ TEST_F(DecodeTiffStart, InvariantsAreCheckedInOrder)
                 decode_directly();
             },
             testing::KilledBySignal(SIGABRT), invariants[i].condition);
-        start_anew();
+        start_over();
     }
 }
 
@@ -109,7 +109,7 @@ TEST_F(DecodeTiffStart, StripsAbove16MebibytesCauseAWarning)
                   "         Consider re-saving the image in a program that subdivides the image "
                   "correctly.\n"
                   "         This message can appear for large TIFFs converted by ImageMagick.\n");
-        start_anew();
+        start_over();
     }
 }
 
@@ -128,7 +128,7 @@ TEST_F(DecodeTiffStart, FailedStripAllocationIsReportedAndFails)
         EXPECT_TRUE(scripted::log.status.empty());
         EXPECT_NE(tiff_image, nullptr);
         EXPECT_EQ(png_width, 0U);
-        start_anew();
+        start_over();
     }
 }
 
@@ -153,7 +153,7 @@ TEST_F(DecodeTiffStart, StripBufferHoldsTheRowsOfAPass)
         failing_calls::plan.max_calloc = rows + size_t{6} * 8;
         failing_calls::plan.tiff_read_strip = [](uint32_t, unsigned char*, int64_t n) { return n; };
         EXPECT_EQ(decode(), 0);
-        start_anew();
+        start_over();
     }
 }
 

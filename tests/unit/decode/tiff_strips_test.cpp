@@ -83,7 +83,7 @@ TEST_F(DecodeTiffStrips, UnmappableAlphaIsReportedAsVByTwoDecoders)
         scripted::plan.fail_mapping = planes;
         EXPECT_EQ(decode(), 0);
         EXPECT_EQ(printed, std::string("Failed to memory-map ") + name + " plane\n");
-        start_anew();
+        start_over();
     }
     // The library opens such pictures only with three samples.
     failing_calls::plan.tiff_samples = 4;
@@ -232,7 +232,7 @@ TEST_F(DecodeTiffStrips, InterruptedReadsAreRetried)
     ASSERT_TRUE(expect_drawn_by_rules(file));
     const file_bytes undisturbed = allocation();
     for (int which = 1; which <= 3; ++which) {
-        start_anew();
+        start_over();
         ASSERT_TRUE(open(file));
         failing_calls::plan.read = which;
         failing_calls::plan.read_errno = EINTR;

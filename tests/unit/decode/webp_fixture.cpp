@@ -122,7 +122,7 @@ file_bytes short_bitstream(const file_bytes& file, size_t count)
     return cut;
 }
 
-void webp_test::start_anew()
+void webp_test::start_over()
 {
     reset_webp();
     reset_image_state();
@@ -134,7 +134,7 @@ void webp_test::start_anew()
 
 bool webp_test::open(const file_bytes& file, unsigned char before)
 {
-    start_anew();
+    start_over();
     scripted::set_picture(file);
     testing::internal::CaptureStderr();
     const bool examined = examine_webp_file() == 0;

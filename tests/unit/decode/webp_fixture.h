@@ -23,10 +23,10 @@ file_bytes short_bitstream(const file_bytes& file, size_t count);
 
 class webp_test : public testing::Test {
 protected:
-    void SetUp() override { start_anew(); }
-    void TearDown() override { start_anew(); }
+    void SetUp() override { start_over(); }
+    void TearDown() override { start_over(); }
 
-    static void start_anew();
+    static void start_over();
 
     // Examines `file`; on success lays out the frame buffer and fills it with `before`.
     bool open(const file_bytes& file, unsigned char before = 0);

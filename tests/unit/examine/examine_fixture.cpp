@@ -23,7 +23,7 @@ void reset_examination()
 
 void ExamineFixture::SetUp()
 {
-    start_anew();
+    start_over();
     descriptors_at_start_ = open_descriptors();
     testing::internal::CaptureStderr();
     captured_ = true;
@@ -39,7 +39,7 @@ void ExamineFixture::TearDown()
     EXPECT_EQ(open_descriptors(), descriptors_at_start_);
 }
 
-void ExamineFixture::start_anew()
+void ExamineFixture::start_over()
 {
     scripted::reset();
     failing_calls::plan = {};

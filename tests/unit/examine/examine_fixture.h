@@ -15,7 +15,7 @@ protected:
     void SetUp() override;
     void TearDown() override; // also expects that no descriptor leaked
 
-    static void start_anew(); // like SetUp, within a test
+    static void start_over(); // like SetUp, within a test
 
     // The standard error output since the last call.
     std::string printed();

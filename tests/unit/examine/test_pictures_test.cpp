@@ -150,7 +150,7 @@ TEST_F(TestPictures, AreExaminedWithTheirSizesAndDurations)
 {
     for (const accepted_picture& picture : accepted_pictures) {
         SCOPED_TRACE(picture.file);
-        start_anew();
+        start_over();
         scripted::set_picture(read_test_file(picture.file));
         EXPECT_EQ(examine_file(), 0);
         EXPECT_EQ(image_width, picture.width);
@@ -163,7 +163,7 @@ TEST_F(TestPictures, AreRefusedWithTheirMessages)
 {
     for (const refused_picture& picture : refused_pictures) {
         SCOPED_TRACE(picture.file);
-        start_anew();
+        start_over();
         scripted::set_picture(read_test_file(picture.file));
         printed();
         EXPECT_EQ(examine_file(), 1);

@@ -30,7 +30,7 @@ protected:
     // Opens `file` while the n-th read fails. Returns what is printed.
     std::string examine_with_failing_read(const bytes& file, int which, int error)
     {
-        start_anew();
+        start_over();
         scripted::set_picture(file);
         failing_calls::plan.read = which;
         failing_calls::plan.read_errno = error;

@@ -7,8 +7,10 @@
 
 class shared_area {
 public:
-    // Maps the whole of `fd` for reading. Returns null and the reason if it is not a regular file,
-    // is shorter than `min_size` bytes, or is not sealed against shrinking.
+    // Maps the whole of `fd` for reading. Returns null and the reason unless it is a memory file
+    // of `min_size` bytes to 4 GiB less one, whose size and memory are sealed as in a worker's
+    // buffer, and whose memory is reserved throughout. Then every byte can be read as long as this
+    // object lives.
     static std::shared_ptr<shared_area> map(int fd, uint64_t min_size, std::string* reason);
 
     shared_area(const shared_area&) = delete;

@@ -5,7 +5,7 @@
 
 #include "gst/worker_link.h"
 #include "tests/support/held_time.h"
-#include "tests/unit/client/fake_worker.h"
+#include "tests/support/fake_worker.h"
 
 namespace {
 

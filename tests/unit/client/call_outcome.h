@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "client/tool/calls.h"
-#include "tests/unit/client/fake_worker.h"
+#include "tests/support/fake_worker.h"
 
 struct outcome {
     exit_status status = STATUS_DONE;

@@ -7,7 +7,7 @@
 
 #include "client/stillimage_client.hpp"
 #include "tests/support/temporary_folder.h"
-#include "tests/unit/client/fake_worker.h"
+#include "tests/support/fake_worker.h"
 #include "tests/unit/client/served_picture.h"
 
 namespace {

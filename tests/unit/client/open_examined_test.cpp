@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/client/fake_worker.h"
+#include "tests/support/fake_worker.h"
 #include "tests/unit/client/open_picture_fixture.h"
 
 namespace {

@@ -26,7 +26,7 @@
 #include "tests/support/temporary_folder.h"
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"
-#include "tests/unit/client/fake_worker.h"
+#include "tests/support/fake_worker.h"
 #include "tests/unit/client/open_picture_fixture.h"
 #include "tests/unit/client/opened.h"
 #include "wire/socket_address.h"

@@ -5,7 +5,7 @@
 
 #include "client/scanline_record.h"
 #include "client/tool/picture_files.h"
-#include "tests/unit/client/frame_sample.h"
+#include "tests/support/frame_sample.h"
 
 namespace {
 

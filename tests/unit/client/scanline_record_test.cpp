@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "client/scanline_record.h"
-#include "tests/unit/client/frame_sample.h"
+#include "tests/support/frame_sample.h"
 #include "wire/scanline_format.h"
 
 namespace {

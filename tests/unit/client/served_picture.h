@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "client/scanline_record.h"
-#include "tests/unit/client/frame_sample.h"
+#include "tests/support/frame_sample.h"
 
 struct served_picture {
     explicit served_picture(const sample_shape& shape) : sample(shape)

@@ -14,7 +14,7 @@
 #include "client/tool/sheet_canvas.h"
 #include "client/tool/sheet_frames.h"
 #include "client/tool/sheet_text.h"
-#include "tests/unit/client/frame_sample.h"
+#include "tests/support/frame_sample.h"
 
 namespace {
 

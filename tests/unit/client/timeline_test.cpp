@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "client/timeline.h"
-#include "tests/unit/client/fake_worker.h"
+#include "tests/support/fake_worker.h"
 #include "tests/unit/client/opened.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "tests/unit/client/frame_sample.h"
+#include "tests/support/frame_sample.h"
 
 #include <cstring>
 #include <random>

@@ -2,6 +2,7 @@
 // not.
 #pragma once
 
+#include <fcntl.h>
 #include <functional>
 #include <memory>
 #include <string>
@@ -9,7 +10,7 @@
 #include <thread>
 
 #include "tests/support/temporary_folder.h"
-#include "tests/unit/client/frame_sample.h"
+#include "tests/support/frame_sample.h"
 #include "wire/protocol.h"
 
 // One accepted connection.
@@ -68,3 +69,13 @@ private:
 // A memfd with these bytes, sealed like the worker's buffer. The caller closes it.
 int sealed_memory(const std::vector<unsigned char>& bytes);
 int unsealed_memory(const std::vector<unsigned char>& bytes);
+
+// The seals of a worker's buffer.
+inline constexpr int size_seals = F_SEAL_SHRINK | F_SEAL_GROW;
+inline constexpr int worker_seals = size_seals | F_SEAL_FUTURE_WRITE | F_SEAL_SEAL;
+
+// An empty memfd of this size, which has no memory yet.
+int sparse_memory(uint64_t size);
+
+// Adds the seals and returns the descriptor.
+int with_seals(int fd, int seals);

@@ -1,4 +1,4 @@
-#include "tests/unit/client/fake_worker.h"
+#include "tests/support/fake_worker.h"
 
 #include <cstring>
 #include <fcntl.h>
@@ -142,11 +142,24 @@ int unsealed_memory(const std::vector<unsigned char>& bytes)
     return fd;
 }
 
-int sealed_memory(const std::vector<unsigned char>& bytes)
+int sparse_memory(uint64_t size)
 {
-    const int fd = unsealed_memory(bytes);
-    if (fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) != 0) {
+    const int fd = unsealed_memory({});
+    if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
         abort();
     }
     return fd;
+}
+
+int with_seals(int fd, int seals)
+{
+    if (fcntl(fd, F_ADD_SEALS, seals) != 0) {
+        abort();
+    }
+    return fd;
+}
+
+int sealed_memory(const std::vector<unsigned char>& bytes)
+{
+    return with_seals(unsealed_memory(bytes), worker_seals);
 }

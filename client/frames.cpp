@@ -119,7 +119,10 @@ stillimage_result ask_frame(stillimage_client& client, const comm_protocol::get_
     if (!comm_protocol::decode(answer.body, answer.size, message)) {
         return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent a malformed frame");
     }
-    result = update_mapping(client, answer, *message);
+    // A size that no picture has is refused before its memory is mapped.
+    const char* refused_size = refuse_size(*message);
+    result = refused_size != nullptr ? bad_record(client, refused_size)
+                                     : update_mapping(client, answer, *message);
     return result == STILLIMAGE_OK ? result : return_frame(client, *message, result);
 }
 

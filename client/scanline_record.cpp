@@ -20,7 +20,8 @@ uint64_t load(const unsigned char* bytes, size_t at, size_t count)
 }
 
 constexpr int max_levels = 16;
-constexpr uint64_t modulus = 0x10000;    // of the values in 16-bit fields
+constexpr int32_t max_side = 0xFFFF;     // of a picture, in pixels
+constexpr uint64_t modulus = 0x10000;    // of the strides in 16-bit fields
 constexpr uint32_t full_scale = 0x10000; // 1.0 as a 16.16 number
 
 uint32_t halved(uint32_t size, int times)
@@ -35,31 +36,17 @@ struct extent {
     bool operator==(const extent&) const = default;
 };
 
-// How many times the full size was halved to give the record's size, which is truncated to 16 bits.
-// Empty if no level matches, or if levels of different sizes do. A full-size picture is recognised
-// by its area.
+// How many times the full size was halved to give the record's size. Empty if no level matches.
 std::optional<int> find_level(const unsigned char* copy, extent full)
 {
-    const uint64_t wanted_width = load(copy, format::at_source_width, 4) >> 16;
-    const uint64_t wanted_height = load(copy, format::at_source_height, 4) >> 16;
-    const bool full_size = load(copy, format::at_area_size, 4) == format::full_size_area;
-    std::optional<int> found;
-    extent found_size = {};
+    const extent wanted = {static_cast<uint32_t>(load(copy, format::at_source_width, 4) >> 16),
+                           static_cast<uint32_t>(load(copy, format::at_source_height, 4) >> 16)};
     for (int level = 0; level <= max_levels; ++level) {
-        const extent size = {halved(full.width, level), halved(full.height, level)};
-        if (size.width % modulus != wanted_width || size.height % modulus != wanted_height) {
-            continue;
+        if (wanted == extent{halved(full.width, level), halved(full.height, level)}) {
+            return level;
         }
-        if (level == 0 && full_size) {
-            return 0;
-        }
-        if (found && size != found_size) {
-            return std::nullopt;
-        }
-        found = found.value_or(level);
-        found_size = size;
     }
-    return found;
+    return std::nullopt;
 }
 
 // log2 of the subsampling for a sample mask.
@@ -129,8 +116,8 @@ public:
 private:
     const char* read_head()
     {
-        if (message.width < 1 || message.height < 1) {
-            return "the picture has no size";
+        if (const char* reason = refuse_size(message)) {
+            return reason;
         }
         if (load(copy, format::at_buffer_number, 2) != message.buffer % modulus) {
             return "it is about another buffer";
@@ -140,8 +127,8 @@ private:
         }
         picture->full_width = static_cast<uint32_t>(message.width);
         picture->full_height = static_cast<uint32_t>(message.height);
-        if (load(copy, format::at_full_width, 2) != picture->full_width % modulus ||
-            load(copy, format::at_full_height, 2) != picture->full_height % modulus) {
+        if (load(copy, format::at_full_width, 2) != picture->full_width ||
+            load(copy, format::at_full_height, 2) != picture->full_height) {
             return "it is about a picture of another size";
         }
         return read_geometry();
@@ -233,6 +220,17 @@ void describe_message(const comm_protocol::frame& message, stillimage_picture* p
 }
 
 } // namespace
+
+const char* refuse_size(const comm_protocol::frame& message)
+{
+    if (message.width < 1 || message.height < 1) {
+        return "the picture has no size";
+    }
+    if (message.width > max_side || message.height > max_side) {
+        return "a side of the picture has more than 65535 pixels";
+    }
+    return nullptr;
+}
 
 bool record_is_complete(const unsigned char* copy, size_t size)
 {

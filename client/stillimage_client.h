@@ -371,7 +371,8 @@ STILLIMAGE_API stillimage_result stillimage_y4m_header(const stillimage_picture*
                                                        uint32_t rate_denominator, char* buffer,
                                                        size_t size);
 
-/* The size of each frame in bytes, including its "FRAME" line; 0 for an invalid stream. */
+/* The size of each frame in bytes, including its "FRAME" line; 0 for an invalid stream, and for one
+ * whose frames no memory can hold. */
 STILLIMAGE_API size_t stillimage_y4m_frame_size(const stillimage_y4m_stream* stream);
 
 /* Writes a frame into `buffer`; `size` is at least stillimage_y4m_frame_size. A picture that does

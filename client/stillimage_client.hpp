@@ -66,6 +66,14 @@ inline void check(stillimage_result result, const char* reason = "")
     }
 }
 
+inline size_t bytes_of_rows(size_t stride, uint32_t rows)
+{
+    if (rows != 0 && stride > SIZE_MAX / rows) {
+        throw error(STILLIMAGE_ERROR_ARGUMENT, "no memory can hold so many pixels");
+    }
+    return stride * rows;
+}
+
 struct client_closer {
     void operator()(stillimage_client* client) const { stillimage_close(client); }
 };
@@ -128,7 +136,7 @@ inline std::vector<uint8_t> to_pixels(const stillimage_picture& picture, uint32_
         size = {picture.width, picture.height};
     }
     const size_t stride = size_t{size.width} * (format == STILLIMAGE_RGBA32 ? 4 : 3);
-    std::vector<uint8_t> pixels(stride * size.height);
+    std::vector<uint8_t> pixels(detail::bytes_of_rows(stride, size.height));
     detail::check(stillimage_picture_to_pixels(&picture, format, size.width, size.height,
                                                pixels.data(), stride));
     return pixels;
@@ -147,7 +155,7 @@ inline std::vector<uint8_t> to_png(const stillimage_picture& picture)
 inline std::vector<uint8_t> to_png(std::span<const uint8_t> pixels, uint32_t format, extent size)
 {
     const size_t stride = size_t{size.width} * (format == STILLIMAGE_RGBA32 ? 4 : 3);
-    if (pixels.size() < stride * size.height) {
+    if (pixels.size() < detail::bytes_of_rows(stride, size.height)) {
         throw error(STILLIMAGE_ERROR_ARGUMENT, "fewer pixels than the size needs");
     }
     uint8_t* file = nullptr;

@@ -18,22 +18,19 @@ struct plane_span {
     guint planes = 0;
 };
 
-plane_span span_of(const stillimage_picture& picture)
+// Of the planes of the format, which the picture has. The library has checked that they lie in one
+// area of less than 4 GiB, so nothing here can overflow.
+plane_span span_of(const stillimage_picture& picture, const GstVideoInfo& info)
 {
     plane_span span;
+    span.planes = GST_VIDEO_INFO_N_PLANES(&info);
     const uint8_t* end = nullptr;
-    for (const uint8_t* plane : picture.plane) {
-        if (plane != nullptr && (span.first == nullptr || plane < span.first)) {
-            span.first = plane;
-        }
-    }
-    for (size_t i = 0; i < STILLIMAGE_PLANES; ++i) {
-        if (picture.plane[i] != nullptr) {
-            const size_t bytes = size_t{picture.stride[i]} * picture.plane_height[i];
-            end = std::max(end, picture.plane[i] + bytes);
-            span.offset[span.planes] = static_cast<gsize>(picture.plane[i] - span.first);
-            span.stride[span.planes++] = static_cast<gint>(picture.stride[i]);
-        }
+    span.first = *std::min_element(picture.plane, picture.plane + span.planes);
+    for (size_t i = 0; i < span.planes; ++i) {
+        const size_t bytes = size_t{picture.stride[i]} * picture.plane_height[i];
+        end = std::max(end, picture.plane[i] + bytes);
+        span.offset[i] = static_cast<gsize>(picture.plane[i] - span.first);
+        span.stride[i] = static_cast<gint>(picture.stride[i]);
     }
     span.size = static_cast<size_t>(end - span.first);
     return span;
@@ -41,7 +38,7 @@ plane_span span_of(const stillimage_picture& picture)
 
 bool is_default_layout(const plane_span& span, const GstVideoInfo& info)
 {
-    return span.size >= info.size && span.planes == GST_VIDEO_INFO_N_PLANES(&info) &&
+    return span.size >= info.size &&
            std::equal(span.offset, span.offset + span.planes, info.offset) &&
            std::equal(span.stride, span.stride + span.planes, info.stride);
 }
@@ -156,13 +153,13 @@ bool can_share(const held_frame& frame, const GstVideoInfo& info, bool video_met
 {
     const stillimage_picture& picture = frame.picture();
     return format_of(picture, GST_VIDEO_INFO_HAS_ALPHA(&info)).layout == plane_layout::SHARED &&
-           (video_meta || is_default_layout(span_of(picture), info));
+           (video_meta || is_default_layout(span_of(picture, info), info));
 }
 
 GstBuffer* share_frame(const std::shared_ptr<held_frame>& frame, const GstVideoInfo& info)
 {
     const stillimage_picture& picture = frame->picture();
-    plane_span span = span_of(picture); // not const: the video meta takes plain pointers
+    plane_span span = span_of(picture, info); // not const: the video meta takes plain pointers
     const bool is_default = is_default_layout(span, info);
     // GST_MEMORY_FLAG_READONLY protects the worker's memory, in spite of the cast.
     GstBuffer* buffer = gst_buffer_new_wrapped_full(
@@ -176,12 +173,13 @@ GstBuffer* share_frame(const std::shared_ptr<held_frame>& frame, const GstVideoI
 
 GstBuffer* copy_frame(const held_frame& frame, const GstVideoInfo& info)
 {
-    GstBuffer* buffer = gst_buffer_new_allocate(nullptr, info.size, nullptr);
-    GstVideoFrame out;
-    if (buffer == nullptr) {
+    // GStreamer's own allocator ends the application if memory is short. Padding stays 0.
+    void* memory = g_try_malloc0(info.size);
+    if (memory == nullptr) {
         return nullptr;
     }
-    gst_buffer_memset(buffer, 0, 0, info.size); // for the padding of rows and planes
+    GstBuffer* buffer = gst_buffer_new_wrapped(memory, info.size);
+    GstVideoFrame out;
     if (!gst_video_frame_map(&out, &info, buffer, GST_MAP_WRITE)) {
         gst_buffer_unref(buffer);
         return nullptr;

@@ -141,7 +141,14 @@ bool picture_source::prepare()
     return prepared_;
 }
 
-// The number of levels follows from the scale of the smallest one.
+bool picture_source::report_too_large(const stillimage_picture& picture)
+{
+    GST_ELEMENT_ERROR(element_, STREAM, FORMAT,
+                      ("\"%s\" is too large for raw video", name().c_str()),
+                      ("%u x %u", picture.width, picture.height));
+    return false;
+}
+
 bool picture_source::learn_sizes()
 {
     std::shared_ptr<held_frame> full;
@@ -149,17 +156,28 @@ bool picture_source::learn_sizes()
     if (!take(0, 0, 0, &full) || !take(0, 1, 1, &smallest)) {
         return false;
     }
+    return set_levels(full->picture(), smallest->picture()) ||
+           report_too_large(smallest->picture());
+}
+
+// The number of levels follows from the scale of the smallest one. Levels that raw video cannot
+// have are left out; false if none remains.
+bool picture_source::set_levels(const stillimage_picture& full, const stillimage_picture& smallest)
+{
     const std::lock_guard<std::mutex> guard(shape_);
-    const stillimage_picture& picture = full->picture();
-    base_ = video_info_of(picture, alpha_);
     levels_.clear();
-    for (unsigned halved = 0; (UINT32_C(65536) >> halved) >= smallest->picture().scale_x;
-         ++halved) {
-        const uint64_t round_up = (UINT64_C(1) << halved) - 1;
-        levels_.push_back({static_cast<int>((picture.width + round_up) >> halved),
-                           static_cast<int>((picture.height + round_up) >> halved)});
+    if (!video_info_of(smallest, alpha_, &base_)) {
+        return false;
     }
-    return true;
+    for (unsigned halved = 0; (UINT32_C(65536) >> halved) >= smallest.scale_x; ++halved) {
+        const uint64_t round_up = (UINT64_C(1) << halved) - 1;
+        const size level = {static_cast<int>((full.width + round_up) >> halved),
+                            static_cast<int>((full.height + round_up) >> halved)};
+        if (is_video_size(base_, level.width, level.height)) {
+            levels_.push_back(level);
+        }
+    }
+    return !levels_.empty();
 }
 
 bool picture_source::learn_timeline()
@@ -380,7 +398,12 @@ GstFlowReturn picture_source::next(GstBuffer** buffer, bool* renegotiate)
     if (is_over()) {
         return GST_FLOW_EOS;
     }
-    if (!same_video(video_info_of(shown_->picture(), alpha_), info_)) {
+    GstVideoInfo shown_video;
+    if (!video_info_of(shown_->picture(), alpha_, &shown_video)) {
+        report_too_large(shown_->picture());
+        return GST_FLOW_ERROR;
+    }
+    if (!same_video(shown_video, info_)) {
         *renegotiate = true;
         show(nullptr);
         return learn_sizes() ? GST_FLOW_OK : GST_FLOW_ERROR;

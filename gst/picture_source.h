@@ -68,7 +68,9 @@ private:
     bool report_failure(const char* doing, stillimage_result result);
     bool recover(const char* doing, stillimage_result result);
     bool take(uint64_t units, int width, int height, std::shared_ptr<held_frame>* frame);
+    bool report_too_large(const stillimage_picture& picture);
     bool learn_sizes();
+    bool set_levels(const stillimage_picture& full, const stillimage_picture& smallest);
     bool learn_timeline();
     bool check_for_changes();
     bool show_frame_at(uint64_t units);
@@ -88,7 +90,7 @@ private:
     int recoveries_ = 0; // since the last buffer
 
     mutable std::mutex shape_; // guards base_, levels_ and played_
-    GstVideoInfo base_ = {};   // of the full picture
+    GstVideoInfo base_ = {};   // of the smallest level
     std::vector<size> levels_; // full size first
     timeline played_;
 

@@ -81,19 +81,30 @@ frame_format format_of(const stillimage_picture& picture, bool alpha)
                  : frame_format{GST_VIDEO_FORMAT_Y444, plane_layout::REPEATED};
 }
 
-GstVideoInfo video_info_of(const stillimage_picture& picture, bool alpha)
+bool video_info_of(const stillimage_picture& picture, bool alpha, GstVideoInfo* info)
 {
-    GstVideoInfo info;
-    gst_video_info_set_format(&info, format_of(picture, alpha).format, picture.width,
-                              picture.height);
-    info.colorimetry = colorimetry();
+    gst_video_info_init(info);
+    if (!gst_video_info_set_format(info, format_of(picture, alpha).format, picture.width,
+                                   picture.height)) {
+        return false;
+    }
+    info->colorimetry = colorimetry();
     const bool subsampled =
-        GST_VIDEO_FORMAT_INFO_W_SUB(info.finfo, 1) != 0 && GST_VIDEO_INFO_IS_YUV(&info);
-    info.chroma_site = subsampled ? GST_VIDEO_CHROMA_SITE_JPEG : GST_VIDEO_CHROMA_SITE_UNKNOWN;
-    set_pixel_aspect(picture, &info);
-    info.fps_n = 0;
-    info.fps_d = 1;
-    return info;
+        GST_VIDEO_FORMAT_INFO_W_SUB(info->finfo, 1) != 0 && GST_VIDEO_INFO_IS_YUV(info);
+    info->chroma_site = subsampled ? GST_VIDEO_CHROMA_SITE_JPEG : GST_VIDEO_CHROMA_SITE_UNKNOWN;
+    set_pixel_aspect(picture, info);
+    info->fps_n = 0;
+    info->fps_d = 1;
+    return true;
+}
+
+bool is_video_size(const GstVideoInfo& info, int width, int height)
+{
+    GstVideoInfo sized;
+    gst_video_info_init(&sized);
+    return gst_video_info_set_format(&sized, GST_VIDEO_INFO_FORMAT(&info),
+                                     static_cast<guint>(width),
+                                     static_cast<guint>(height)) != FALSE;
 }
 
 bool same_video(const GstVideoInfo& one, const GstVideoInfo& other)

@@ -20,8 +20,11 @@ struct frame_format {
 frame_format format_of(const stillimage_picture& picture, bool alpha);
 
 // Format, size, pixel aspect ratio, colorimetry and chroma site of the picture. The frame rate is
-// 0/1.
-GstVideoInfo video_info_of(const stillimage_picture& picture, bool alpha);
+// 0/1. False, with *info unspecified, if raw video cannot have frames of this size.
+bool video_info_of(const stillimage_picture& picture, bool alpha, GstVideoInfo* info);
+
+// Whether raw video of the format of `info` can have frames of this size.
+bool is_video_size(const GstVideoInfo& info, int width, int height);
 
 // Whether format, size and pixel aspect ratio are the same.
 bool same_video(const GstVideoInfo& one, const GstVideoInfo& other);

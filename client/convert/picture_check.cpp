@@ -1,5 +1,7 @@
 #include "client/convert/picture_check.h"
 
+#include "client/products.h"
+
 namespace {
 
 bool is_complete(const stillimage_picture& picture, int plane)
@@ -47,4 +49,13 @@ uint32_t channels_of(uint32_t format)
     default:
         return 0;
     }
+}
+
+bool holds_pixels(size_t stride, uint32_t channels, uint32_t width, uint32_t height)
+{
+    constexpr size_t max_object = PTRDIFF_MAX;
+    size_t row = 0;
+    size_t rows_before_last = 0;
+    return multiply(width, channels, &row) && row <= stride && row <= max_object &&
+           multiply(height - 1, stride, &rows_before_last) && rows_before_last <= max_object - row;
 }

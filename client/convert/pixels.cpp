@@ -8,6 +8,7 @@
 #include "client/convert/axis_filter.h"
 #include "client/convert/picture_check.h"
 #include "client/convert/rgb_rows.h"
+#include "client/products.h"
 #include "common/for_each_processor.h"
 
 namespace {
@@ -61,11 +62,11 @@ class scaler {
 public:
     scaler(const stillimage_picture& picture, uint32_t width, uint32_t height)
         : rows_(picture), across_(picture.width, width), down_(picture.height, height),
-          width_(width), source_width_(picture.width), bytes_(parts * source_width_),
-          source_(parts * source_width_), sum_(parts * width_)
+          width_(width), source_width_(picture.width), bytes_(product_of(parts, source_width_)),
+          source_(product_of(parts, source_width_)), sum_(product_of(parts, width_))
     {
         for (scaled_row& row : scaled_) {
-            row.pixels.resize(parts * width_);
+            row.pixels.resize(sum_.size());
         }
     }
 
@@ -144,7 +145,7 @@ stillimage_result stillimage_picture_to_pixels(const stillimage_picture* picture
     return at_boundary([&] {
         const uint32_t channels = channels_of(format);
         if (!can_convert(picture) || pixels == nullptr || channels == 0 ||
-            !is_extent(width, height) || stride / channels < width) {
+            !is_extent(width, height) || !holds_pixels(stride, channels, width, height)) {
             return STILLIMAGE_ERROR_ARGUMENT;
         }
         stillimage_picture shown = *picture;

@@ -12,6 +12,7 @@
 #include "client/convert/byte_sink.h"
 #include "client/convert/picture_check.h"
 #include "client/convert/rgb_rows.h"
+#include "client/products.h"
 
 namespace {
 
@@ -111,7 +112,7 @@ stillimage_result picture_to_png(const stillimage_picture& picture, byte_sink* s
 {
     const uint32_t channels = picture.plane[STILLIMAGE_A] != nullptr ? 4 : 3;
     rgb_rows rows(picture);
-    std::vector<uint8_t> scratch(size_t{picture.width} * channels);
+    std::vector<uint8_t> scratch(product_of(picture.width, channels));
     return make_png({picture.width, picture.height, channels, &rows, scratch.data(), nullptr, 0},
                     sink);
 }
@@ -172,7 +173,7 @@ stillimage_result stillimage_pixels_to_png(uint32_t format, uint32_t width, uint
     return at_boundary([&] {
         const uint32_t channels = channels_of(format);
         if (!clear_results(file, size) || channels == 0 || pixels == nullptr ||
-            !is_extent(width, height) || stride / channels < width) {
+            !is_extent(width, height) || !holds_pixels(stride, channels, width, height)) {
             return STILLIMAGE_ERROR_ARGUMENT;
         }
         byte_sink sink;

@@ -1,10 +1,12 @@
 #include <algorithm>
 #include <cinttypes>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <numeric>
 
 #include "client/convert/picture_check.h"
+#include "client/products.h"
 #include "client/stillimage_client.h"
 
 namespace {
@@ -55,6 +57,14 @@ const y4m_kind* kind_of_stream(const stillimage_y4m_stream* stream)
 {
     return stream != nullptr && is_extent(stream->width, stream->height) ? find_kind(stream->kind)
                                                                          : nullptr;
+}
+
+// Whether an object in memory can hold a frame: four planes, of which the first is the largest.
+bool fits_memory(const stillimage_y4m_stream& stream)
+{
+    constexpr size_t max_plane = (PTRDIFF_MAX - frame_start_size) / STILLIMAGE_PLANES;
+    size_t luma = 0;
+    return multiply(stream.width, stream.height, &luma) && luma <= max_plane;
 }
 
 struct pixel_shape {
@@ -193,7 +203,7 @@ stillimage_result stillimage_y4m_header(const stillimage_picture* picture,
 size_t stillimage_y4m_frame_size(const stillimage_y4m_stream* stream)
 {
     const y4m_kind* kind = kind_of_stream(stream);
-    if (kind == nullptr) {
+    if (kind == nullptr || !fits_memory(*stream)) {
         return 0;
     }
     const size_t luma = size_t{stream->width} * stream->height;
@@ -205,8 +215,9 @@ stillimage_result stillimage_y4m_frame(const stillimage_picture* picture,
                                        const stillimage_y4m_stream* stream, uint8_t* buffer,
                                        size_t size)
 {
-    if (stillimage_y4m_fits(picture, stream) == 0 || buffer == nullptr ||
-        size < stillimage_y4m_frame_size(stream)) {
+    const size_t frame_size = stillimage_y4m_frame_size(stream);
+    if (stillimage_y4m_fits(picture, stream) == 0 || buffer == nullptr || frame_size == 0 ||
+        size < frame_size) {
         return STILLIMAGE_ERROR_ARGUMENT;
     }
     put_frame(*picture, *stream, *find_kind(stream->kind), buffer);

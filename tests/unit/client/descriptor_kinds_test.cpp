@@ -1,4 +1,5 @@
 // A worker may send any kind of descriptor in place of a buffer. Only sealed memory may be mapped.
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -10,10 +11,10 @@
 #include <gtest/gtest.h>
 
 #include "client/shared_area.h"
-#include "tests/support/temporary_folder.h"
 #include "tests/support/fake_worker.h"
 #include "tests/support/hooked_calls.h"
 #include "tests/support/readable_memory.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
@@ -119,6 +120,20 @@ TEST(DescriptorKinds, SparseMemoryIsRefused)
     EXPECT_EQ(refusal(with_seals(odd_size, worker_seals)), "");
 }
 
+// The kernel reports how much memory a file has, but not where.
+TEST(DescriptorKinds, HoleThatLooksReservedReadsAsZeros)
+{
+    const int fd = sparse_memory(4 * page);
+    ASSERT_EQ(fallocate(fd, FALLOC_FL_KEEP_SIZE, 4 * page, 4 * page), 0);
+    std::string reason;
+    const auto area = shared_area::map(with_seals(fd, worker_seals), 4 * page, &reason);
+    close(fd);
+    ASSERT_NE(area, nullptr) << reason;
+    EXPECT_TRUE(is_readable(area->bytes(), area->size()));
+    EXPECT_TRUE(std::all_of(area->bytes(), area->bytes() + area->size(),
+                            [](unsigned char byte) { return byte == 0; }));
+}
+
 // Takes memory away and then seals what is left as a worker does.
 int take_away(int fd, bool whole_end)
 {
@@ -173,8 +188,8 @@ TEST(DescriptorKinds, ShortMemoryIsRefused)
     EXPECT_EQ(refusal(sealed_memory(std::vector<unsigned char>(page)), UINT64_MAX), too_short);
 }
 
-// Touching a page that the system cannot back would end the process, so all of them have to be there
-// before.
+// Touching a page that the system cannot back would end the process, so all of them have to be
+// there before.
 TEST(DescriptorKinds, LargePagesThatAreNotReservedAreRefused)
 {
     const int memory = memfd_create("large", MFD_CLOEXEC | MFD_ALLOW_SEALING | MFD_HUGETLB);

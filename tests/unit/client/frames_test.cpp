@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/fake_worker.h"
+#include "tests/support/hooked_calls.h"
 #include "tests/unit/client/opened.h"
 
 namespace {
@@ -135,6 +136,23 @@ TEST(ClientFrame, InvalidRecordIsRefused)
     EXPECT_EQ(refusal([](auto& s) { s.message.scanline_size = 0; }), prefix + "it is not whole");
     EXPECT_EQ(refusal([](auto& s) { s.put(0, 1, 0); }), prefix + "it is not whole");
     EXPECT_EQ(refusal([](auto& s) { s.message.width = 0; }), prefix + "the picture has no size");
+    EXPECT_EQ(refusal([](auto& s) { s.message.height = 65536; }),
+              prefix + "a side of the picture has more than 65535 pixels");
+}
+
+TEST(ClientFrame, SizeThatNoPictureHasIsRefusedBeforeItsMemoryIsExamined)
+{
+    for (const int32_t width : {65'536, 99}) {
+        bool examined = false;
+        const hooked_calls hook([&](const hooked_call& call) {
+            examined = examined || call.command == F_GET_SEALS;
+            return 0;
+        });
+        frame_sample sample;
+        sample.message.width = width;
+        descriptor_error(sample, sealed_memory(sample.area), STILLIMAGE_ERROR_RECORD);
+        EXPECT_EQ(examined, width == 99);
+    }
 }
 
 TEST(ClientFrame, ErrorsOfTheWorkerBecomeResults)

@@ -133,51 +133,40 @@ TEST(ScanlineRecord, StrideTruncatedTo16BitsIsRestored)
     EXPECT_EQ(result.picture.plane_width[STILLIMAGE_Y], 65535);
 }
 
-TEST(ScanlineRecord, SizesBeyond16BitsComeFromTheMessage)
+TEST(ScanlineRecord, SidesUpTo65535PixelsAreDescribed)
 {
-    for (const uint32_t width : {32767U, 32768U, 65536U, 65537U, 70001U, 131073U, 200000U}) {
-        for (const int halvings : {0, 1, 2}) {
-            const frame_sample sample({.full_width = width, .full_height = 3, .level = halvings});
-            const judgement result = judge(sample);
-            ASSERT_TRUE(result.accepted) << width << ": " << result.reason;
-            EXPECT_EQ(result.picture.width, sample.width);
-            EXPECT_EQ(result.picture.stride[STILLIMAGE_Y], sample.strides[STILLIMAGE_Y]);
-            EXPECT_EQ(result.picture.stride[STILLIMAGE_V], sample.strides[STILLIMAGE_V]);
+    for (const uint32_t side : {16'383U, 16'384U, 32'767U, 32'768U, 65'520U, 65'521U, 65'535U}) {
+        for (const int halvings : {0, 1, 2, 5}) {
+            const frame_sample wide({.full_width = side, .full_height = 3, .level = halvings});
+            const judgement result = judge(wide);
+            ASSERT_TRUE(result.accepted) << side << ": " << result.reason;
+            EXPECT_EQ(result.picture.width, wide.width);
+            EXPECT_EQ(result.picture.stride[STILLIMAGE_Y], wide.strides[STILLIMAGE_Y]);
+            EXPECT_EQ(result.picture.stride[STILLIMAGE_V], wide.strides[STILLIMAGE_V]);
+            const frame_sample high({.full_width = 3, .full_height = side, .level = halvings});
+            EXPECT_EQ(judge(high).picture.height, high.height);
         }
     }
 }
 
-// A record of a reduced level as workers write it: with a larger area.
-frame_sample level_sample(const sample_shape& shape)
+TEST(ScanlineRecord, LargerSidesAreRefused)
 {
-    frame_sample sample(shape);
-    sample.area.resize(sample.message.scanline_offset + format::level_area);
-    sample.message.area_size = sample.area.size();
-    sample.message.scanline_size = format::level_area;
-    sample.put(format::at_area_size, 4, format::level_area);
-    return sample;
-}
-
-TEST(ScanlineRecord, FullSizeIsRecognisedByItsArea)
-{
-    const judgement full = judge(frame_sample({.full_width = 262'144, .full_height = 1}));
-    ASSERT_TRUE(full.accepted) << full.reason;
-    EXPECT_EQ(full.picture.width, 262'144);
-    const judgement third =
-        judge(level_sample({.full_width = 262'144, .full_height = 1, .level = 3}));
-    ASSERT_TRUE(third.accepted) << third.reason;
-    EXPECT_EQ(third.picture.width, 32'768);
-}
-
-TEST(ScanlineRecord, AmbiguousLevelIsRefused)
-{
-    for (const int halvings : {1, 2}) { // both sizes are 0 x 1 in 16 bits
-        const judgement result =
-            judge(level_sample({.full_width = 262'144, .full_height = 1, .level = halvings}));
-        EXPECT_EQ(result.reason, level);
+    constexpr const char* too_large = "a side of the picture has more than 65535 pixels";
+    for (const uint32_t side : {65'536U, 65'537U, 131'073U, 262'144U}) {
+        EXPECT_EQ(judge(frame_sample({.full_width = side, .full_height = 3})).reason, too_large);
+        EXPECT_EQ(judge(frame_sample({.full_width = 3, .full_height = side})).reason, too_large);
     }
-    const judgement smallest = judge(level_sample({.full_width = 1, .full_height = 1, .level = 2}));
-    EXPECT_TRUE(smallest.accepted) << smallest.reason; // all levels have the same size
+    for (const int32_t side : {65'536, 100 + 65'536, INT32_MAX}) {
+        EXPECT_EQ(refusal_after([=](auto& sample) { sample.message.width = side; }), too_large);
+        EXPECT_EQ(refusal_after([=](auto& sample) { sample.message.height = side; }), too_large);
+    }
+}
+
+TEST(ScanlineRecord, LevelsOfEqualSizeAreTheFullSize)
+{
+    const judgement smallest = judge(frame_sample({.full_width = 1, .full_height = 1, .level = 2}));
+    ASSERT_TRUE(smallest.accepted) << smallest.reason;
+    EXPECT_EQ(smallest.picture.scale_x, 0x10000);
 }
 
 TEST(ScanlineRecord, ChromaOfALevelEndsAtTheRecordsLastRow)
@@ -329,7 +318,6 @@ TEST(ScanlineRecord, InconsistentMessageIsRefused)
     EXPECT_EQ(with_message([](auto& m) { m.width = 0; }), no_size);
     EXPECT_EQ(with_message([](auto& m) { m.height = -1; }), no_size);
     EXPECT_EQ(with_message([](auto& m) { m.width = 99; }), size_differs);
-    EXPECT_EQ(with_message([](auto& m) { m.width = 100 + 65536; }), outside);
     EXPECT_EQ(with_message([](auto& m) { m.buffer = 8; }), "it is about another buffer");
     EXPECT_EQ(with_message([](auto& m) { m.frame_number = 3; }), "it is about another frame");
     EXPECT_EQ(with_message([](auto& m) { m.base_offset = m.area_size + 1; }), outside);

@@ -224,6 +224,9 @@ TEST(ConvertPixels, InvalidArgumentsAreRefused)
     EXPECT_EQ(result(&good, STILLIMAGE_RGB24, 5, 3, 14), STILLIMAGE_ERROR_ARGUMENT);
     EXPECT_EQ(result(&good, STILLIMAGE_RGB24, 5, 3, 15), STILLIMAGE_OK);
     EXPECT_EQ(result(&good, STILLIMAGE_RGBA32, 5, 3, 19), STILLIMAGE_ERROR_ARGUMENT);
+    for (const size_t stride : {SIZE_MAX, SIZE_MAX / 2 + 1, size_t{PTRDIFF_MAX} / 2 + 1}) {
+        EXPECT_EQ(result(&good, STILLIMAGE_RGB24, 5, 3, stride), STILLIMAGE_ERROR_ARGUMENT);
+    }
     EXPECT_EQ(stillimage_picture_to_pixels(&good, STILLIMAGE_RGB24, 5, 3, nullptr, 20),
               STILLIMAGE_ERROR_ARGUMENT);
     const auto refused = [&](const std::function<void(stillimage_picture&)>& change) {

@@ -72,6 +72,14 @@ TEST(ConvertY4m, LongestHeaderFits256Bytes)
         STILLIMAGE_OK);
 }
 
+TEST(ConvertY4m, FramesThatNoMemoryCanHoldHaveNoSize)
+{
+    const stillimage_y4m_stream giant = {INT32_MAX, INT32_MAX, STILLIMAGE_Y4M_444_ALPHA};
+    EXPECT_EQ(stillimage_y4m_frame_size(&giant), 0U);
+    const stillimage_y4m_stream large = {1U << 30, 1U << 30, STILLIMAGE_Y4M_444_ALPHA};
+    EXPECT_EQ(stillimage_y4m_frame_size(&large), (UINT64_C(1) << 62) + 6);
+}
+
 TEST(ConvertY4m, InvalidArgumentsAreRefused)
 {
     const served_picture served({.full_width = 5, .full_height = 3});

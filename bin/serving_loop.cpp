@@ -12,6 +12,7 @@
 #include "platform/start_up.h"
 #include "platform/status.h"
 #include "platform/time.h"
+#include "wire/utf8.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ bool past_auto_shutdown(uint64_t now_us)
     if (vexa_no_autoshutdown || mono_auto_shutdown == 0 || now_us < mono_auto_shutdown) {
         return false;
     }
-    fprintf(stderr, "Auto terminate: %s\n", vexa_file);
+    fprintf(stderr, "Auto terminate: %s\n", wire::escape_controls(vexa_file).c_str());
     return true;
 }
 

@@ -22,6 +22,7 @@
 #include "platform/item_metadata.h"
 #include "platform/run_state.h"
 #include "platform/settings.h"
+#include "wire/utf8.h"
 
 namespace {
 
@@ -68,7 +69,7 @@ int take_own_switch(const char* word)
         return go_on;
     }
     if (strcmp(word, "h") != 0 && strcmp(word, "help") != 0) {
-        fprintf(stderr, "Unknown switch '%s'\n", word);
+        fprintf(stderr, "Unknown switch '%s'\n", wire::escape_controls(word).c_str());
     }
     return fail_with_help();
 }
@@ -77,7 +78,7 @@ int take_argument(char* argument)
 {
     char* word = argument;
     if (vexa_argv_is_switch(&word) == 0) {
-        fprintf(stderr, "Non-switch argument '%s'\n", argument);
+        fprintf(stderr, "Non-switch argument '%s'\n", wire::escape_controls(argument).c_str());
         return EXIT_FAILURE;
     }
     const int taken = vexa_argv_std_handle_switch(word);
@@ -142,9 +143,9 @@ void register_callbacks()
 void print_settings()
 {
     fputs("Media item setting:\n", stderr);
-    fprintf(stderr, "   File: %s\n", vexa_file);
-    fprintf(stderr, "   Meta: %s\n", vexa_file_metadir);
-    fprintf(stderr, "   Sock: %s\n", vexa_sock);
+    fprintf(stderr, "   File: %s\n", wire::escape_controls(vexa_file).c_str());
+    fprintf(stderr, "   Meta: %s\n", wire::escape_controls(vexa_file_metadir).c_str());
+    fprintf(stderr, "   Sock: %s\n", wire::escape_controls(vexa_sock).c_str());
 }
 
 int prepare_services()

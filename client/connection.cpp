@@ -6,6 +6,8 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "wire/utf8.h"
+
 namespace {
 
 constexpr int max_late_packets = 256; // that one call reads after its time limit
@@ -98,9 +100,9 @@ stillimage_result check_packet(stillimage_client& client, size_t size, received_
 
 } // namespace
 
-stillimage_result fail(stillimage_client& client, stillimage_result result, std::string reason)
+stillimage_result fail(stillimage_client& client, stillimage_result result, std::string_view reason)
 {
-    client.last_error = std::move(reason);
+    client.last_error = wire::escape_controls(reason);
     return result;
 }
 

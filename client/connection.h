@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "client/deadline.h"
@@ -56,8 +57,10 @@ struct stillimage_client {
     std::string progress;
 };
 
-// Sets the last error and returns `result`.
-stillimage_result fail(stillimage_client& client, stillimage_result result, std::string reason);
+// Sets the last error and returns `result`. Control characters, which may come from the worker, are
+// escaped.
+stillimage_result fail(stillimage_client& client, stillimage_result result,
+                       std::string_view reason);
 stillimage_result fail_with_errno(stillimage_client& client, stillimage_result result,
                                   const std::string& what, int error);
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "wire/utf8.h"
+
 namespace {
 
 // The caller's result for the code of an ERROR packet.
@@ -39,7 +41,8 @@ stillimage_result report_error_packet(stillimage_client& client, const received_
     if (!comm_protocol::decode(packet.body, packet.size, &error)) {
         return fail(client, STILLIMAGE_ERROR_PROTOCOL, "the worker sent a malformed error");
     }
-    return fail(client, result_for(error.code), "the worker says: " + std::string(error.text));
+    const std::string_view text = wire::truncate_utf8(error.text, comm_protocol::max_packet_text);
+    return fail(client, result_for(error.code), "the worker says: " + std::string(text));
 }
 
 // Skips changes that only the library itself has subscribed to.

@@ -45,6 +45,23 @@ uint32_t sequence_number(std::string_view text, size_t length)
     return number;
 }
 
+std::string escape(std::string_view text, std::string_view backslash)
+{
+    std::string out;
+    out.reserve(text.size());
+    while (!text.empty()) {
+        const size_t length = utf8_sequence_length(text);
+        const std::string_view sequence = text.substr(0, length == 0 ? 1 : length);
+        if (length == 0 || is_control(sequence)) {
+            append_hex_escapes(&out, sequence);
+        } else {
+            out += sequence == "\\" ? backslash : sequence;
+        }
+        text.remove_prefix(sequence.size());
+    }
+    return out;
+}
+
 } // namespace
 
 size_t utf8_sequence_length(std::string_view text)
@@ -109,21 +126,12 @@ std::string to_utf8(std::string_view text)
 
 std::string printable(std::string_view text)
 {
-    std::string out;
-    out.reserve(text.size());
-    while (!text.empty()) {
-        const size_t length = utf8_sequence_length(text);
-        const std::string_view sequence = text.substr(0, length == 0 ? 1 : length);
-        if (length == 0 || is_control(sequence)) {
-            append_hex_escapes(&out, sequence);
-        } else if (sequence == "\\") {
-            out += "\\\\";
-        } else {
-            out += sequence;
-        }
-        text.remove_prefix(sequence.size());
-    }
-    return out;
+    return escape(text, "\\\\");
+}
+
+std::string escape_controls(std::string_view text)
+{
+    return escape(text, "\\");
 }
 
 void append_hex_escapes(std::string* out, std::string_view bytes)

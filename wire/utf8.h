@@ -27,6 +27,9 @@ std::string to_utf8(std::string_view text);
 // For a message of one line: control characters and invalid bytes as \xHH, a backslash as two.
 std::string printable(std::string_view text);
 
+// The same, but a backslash stays as it is: printable text is not changed at all.
+std::string escape_controls(std::string_view text);
+
 // Appends each byte of `bytes` as \xHH.
 void append_hex_escapes(std::string* out, std::string_view bytes);
 

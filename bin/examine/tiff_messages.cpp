@@ -7,10 +7,12 @@
 
 #include <tiffio.h>
 
+#include "wire/utf8.h"
+
 namespace {
 
 constexpr size_t text_size = 1024; // including the module's name; longer texts are truncated
-constexpr size_t line_size = text_size + sizeof "TIFF WARNING: \n";
+constexpr size_t line_size = text_size + sizeof "TIFF WARNING: ";
 constexpr size_t max_noted = 4; // opening a strip rarely gives more than one
 
 // Plain arrays, since the library may jump over the functions that use them.
@@ -23,15 +25,6 @@ struct message_state {
 };
 
 message_state state;
-
-void without_control_characters(char* text)
-{
-    for (char* c = text; *c != '\0'; ++c) {
-        if (static_cast<unsigned char>(*c) < ' ' || *c == '\x7F') {
-            *c = '?';
-        }
-    }
-}
 
 void note(const char* line)
 {
@@ -79,11 +72,10 @@ bool is_printed(const char* line)
     const int start = snprintf(text, sizeof text, "%s: ", module != nullptr ? module : "libtiff");
     const size_t used = start > 0 && size_t(start) < sizeof text ? size_t(start) : 0;
     vsnprintf(text + used, sizeof text - used, format, arguments);
-    without_control_characters(text);
     char line[line_size];
-    snprintf(line, sizeof line, "TIFF %s: %s\n", kind, text);
+    snprintf(line, sizeof line, "TIFF %s: %s", kind, text);
     if (is_printed(line)) {
-        fputs(line, stderr);
+        fprintf(stderr, "%s\n", wire::escape_controls(line).c_str());
     }
 }
 

@@ -3,12 +3,15 @@
 #include <cmath>
 #include <csignal>
 #include <exception>
+#include <new>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
 #include "client/tool/calls.h"
 #include "client/tool/rate.h"
 #include "client/tool/session.h"
+#include "wire/utf8.h"
 
 namespace {
 
@@ -168,6 +171,20 @@ void finish_options(command_line& line)
     }
 }
 
+// What the command line is wrong about may contain any bytes.
+int print_usage(const CLI::App& app, const CLI::ParseError& error)
+{
+    std::ostringstream out;
+    std::ostringstream messages;
+    const int status = app.exit(error, out, messages);
+    std::istringstream lines(messages.str());
+    fputs(out.str().c_str(), stdout);
+    for (std::string line; std::getline(lines, line);) {
+        fprintf(stderr, "%s\n", wire::escape_controls(line).c_str());
+    }
+    return status == 0 ? STATUS_DONE : STATUS_USAGE;
+}
+
 int run(int argc, char** argv)
 {
     command_line line;
@@ -181,7 +198,7 @@ int run(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? STATUS_DONE : STATUS_USAGE;
+        return print_usage(app, error);
     }
     finish_options(line);
     return line.call(line.options);
@@ -194,6 +211,9 @@ int main(int argc, char** argv)
     signal(SIGPIPE, SIG_IGN);
     try {
         return run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        print_error("not enough memory");
+        return STATUS_FAILED;
     } catch (const std::exception& error) {
         print_error(error.what());
         return STATUS_FAILED;

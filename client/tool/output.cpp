@@ -11,6 +11,7 @@
 
 #include "client/tool/session.h"
 #include "common/unique_fd.h"
+#include "wire/utf8.h"
 
 namespace {
 
@@ -74,6 +75,12 @@ bool write_special(const std::string& path, std::string_view bytes)
 bool print_text(std::string_view text)
 {
     return write_all(STDOUT_FILENO, text) || fail_with_errno("cannot write to standard output");
+}
+
+bool print_line(const std::string& text)
+{
+    const bool terminal = isatty(STDOUT_FILENO) != 0;
+    return print_text((terminal ? wire::escape_controls(text) : text) + "\n");
 }
 
 bool output_takes_bytes()

@@ -8,6 +8,10 @@
 // Writes text to standard output.
 bool print_text(std::string_view text);
 
+// Writes text of the worker and a line break to standard output. On a terminal it is one line, with
+// control characters and invalid bytes as \xHH; a file or a program gets every byte as it is.
+bool print_line(const std::string& text);
+
 // Checks that standard output is not a terminal.
 bool output_takes_bytes();
 

@@ -8,6 +8,7 @@
 
 #include "client/connect.h"
 #include "wire/item_paths.h"
+#include "wire/utf8.h"
 
 namespace {
 
@@ -56,14 +57,7 @@ std::string advice(stillimage_result result, const std::string& picture)
 
 void print_error(const std::string& text)
 {
-    std::string line = "stillimage-client: " + text;
-    for (char& c : line) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F) {
-            c = '?';
-        }
-    }
-    fprintf(stderr, "%s\n", line.c_str());
+    fprintf(stderr, "stillimage-client: %s\n", wire::escape_controls(text).c_str());
 }
 
 exit_status session::open(const call_options& options)

@@ -21,7 +21,8 @@ inline const stillimage_picture& picture_of(const held_frame& frame)
     return *stillimage_frame_picture(frame.get());
 }
 
-// Prints "stillimage-client: <text>" to standard error, with '?' for every control character.
+// Prints "stillimage-client: <text>" to standard error as one line: control characters and invalid
+// bytes as \xHH.
 void print_error(const std::string& text);
 
 class session {

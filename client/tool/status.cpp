@@ -1,5 +1,3 @@
-#include <cstring>
-
 #include "client/tool/calls.h"
 #include "client/tool/output.h"
 #include "client/tool/session.h"
@@ -16,7 +14,7 @@ void print_document(void* user, const stillimage_event* event)
     auto* state = static_cast<watcher*>(user);
     if (event->document != nullptr && state->writable) {
         state->begun = true;
-        state->writable = print_text(std::string(event->document) + "\n");
+        state->writable = print_line(event->document);
     }
 }
 
@@ -58,5 +56,5 @@ exit_status call_status(const call_options& options)
     if (status != STATUS_DONE) {
         return status;
     }
-    return print_text(document + "\n") ? STATUS_DONE : STATUS_FAILED;
+    return print_line(document) ? STATUS_DONE : STATUS_FAILED;
 }

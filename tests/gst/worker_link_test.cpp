@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "gst/worker_link.h"
-#include "tests/support/held_time.h"
 #include "tests/support/fake_worker.h"
+#include "tests/support/held_time.h"
 
 namespace {
 

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "client/stillimage_client.h"
+#include "tests/support/printable_text.h"
 #include "tests/support/worker.h"
 
 using testing::EndsWith;
@@ -126,6 +127,27 @@ TEST_F(Start, AutoShutdownEndsTheRun)
         EXPECT_EQ(ended.status, 0);
         EXPECT_THAT(ended.printed, HasSubstr("Auto terminate: " + picture + "\n"));
     }
+}
+
+// The codec's messages name the file, too.
+TEST_F(Start, NamesArePrintedWithoutControlCharacters)
+{
+    const std::string name = "a\x1B[2J\x07\xC2\x9B\n\x9B\xFFgr\xC3\xBCn\\.tif";
+    const std::string shown = "a\\x1B[2J\\x07\\xC2\\x9B\\x0A\\x9B\\xFFgr\xC3\xBCn\\.tif";
+    std::filesystem::copy_file(STILLIMAGE_TEST_DATA "/tiff/ycbcr-jpeg-damaged.tif",
+                               home.path(name));
+    const ended_worker ended = run({"--file", home.path(name), "--auto-shutdown", "0"});
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_TRUE(is_printable_text(ended.printed)) << ended.printed;
+    EXPECT_THAT(ended.printed, HasSubstr("\n   File: " + home.path(shown) + "\n"));
+    EXPECT_THAT(ended.printed, HasSubstr("\nAuto terminate: " + home.path(shown) + "\n"));
+    EXPECT_THAT(ended.printed, HasSubstr("TIFF "));
+    const ended_worker unknown = run({"--" + name});
+    EXPECT_THAT(unknown.printed, StartsWith("Unknown switch '" + shown + "'\n"));
+    EXPECT_TRUE(is_printable_text(unknown.printed)) << unknown.printed;
+    const ended_worker missing = run({"--file", home.path(name + "missing")});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_TRUE(is_printable_text(missing.printed)) << missing.printed;
 }
 
 TEST_F(Start, LogReplacesStandardError)

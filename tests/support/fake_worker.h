@@ -9,8 +9,8 @@
 #include <sys/types.h>
 #include <thread>
 
-#include "tests/support/temporary_folder.h"
 #include "tests/support/frame_sample.h"
+#include "tests/support/temporary_folder.h"
 #include "wire/protocol.h"
 
 // One accepted connection.

@@ -1,5 +1,8 @@
 // The calls of the tool against fake workers: exit status, results and messages.
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -202,6 +205,63 @@ TEST(ClientCallStatus, WatchPrintsALineForEachDocumentUntilTheWorkerEnds)
     EXPECT_EQ(result.out, "{}\n[]\n");
 }
 
+// What the call writes to standard output when that is a terminal.
+std::string shown_on_a_terminal(const std::string& document, bool watched)
+{
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_TRUE(grantpt(terminal) == 0 && unlockpt(terminal) == 0);
+    const int screen = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios mode = {};
+    EXPECT_EQ(tcgetattr(screen, &mode), 0);
+    cfmakeraw(&mode);
+    EXPECT_EQ(tcsetattr(screen, TCSANOW, &mode), 0);
+    const int former = dup(STDOUT_FILENO);
+    dup2(screen, STDOUT_FILENO);
+    const fake_worker worker([&](fake_peer& peer) {
+        peer.greet();
+        const packet_header request = peer.next();
+        const auto size = static_cast<uint32_t>(document.size());
+        if (watched) {
+            peer.send(encode_empty(request.request, DONE));
+        }
+        peer.send(encode(request.request, status_part{size, 0, document}));
+        peer.hang_up();
+    });
+    call_options options;
+    options.watch = watched;
+    options.socket_or_picture = worker.path();
+    EXPECT_EQ(call_status(options), STATUS_DONE);
+    dup2(former, STDOUT_FILENO);
+    close(former);
+    char bytes[4096];
+    const ssize_t got = read(terminal, bytes, sizeof bytes);
+    close(screen);
+    close(terminal);
+    return {bytes, got > 0 ? static_cast<size_t>(got) : 0};
+}
+
+TEST(ClientCallStatus, TerminalGetsControlCharactersEscaped)
+{
+    const std::string document = "{\"file\":\"gr\xC3\xBCn \x1B[2J\xC2\x9B\n\x7F\xFF\\u0041\"}";
+    const std::string shown =
+        "{\"file\":\"gr\xC3\xBCn \\x1B[2J\\xC2\\x9B\\x0A\\x7F\\xFF\\u0041\"}\n";
+    EXPECT_EQ(shown_on_a_terminal(document, false), shown);
+    EXPECT_EQ(shown_on_a_terminal(document, true), shown);
+}
+
+TEST(ClientCallStatus, FileOrPipeGetsEveryByte)
+{
+    const std::string document = "{\"file\":\"\x1B[2J\xC2\x9B\n\xFF\"}";
+    const outcome result = run_against(
+        [&](fake_peer& peer) {
+            const auto size = static_cast<uint32_t>(document.size());
+            peer.send(encode(peer.next(GET_STATUS).request, status_part{size, 0, document}));
+            peer.await_end();
+        },
+        call_status);
+    EXPECT_EQ(result.out, document + "\n");
+}
+
 // --- save and dump -------------------------------------------------------------------------------
 
 TEST(ClientCallSave, FileExtensionChoosesTheFormat)
@@ -280,11 +340,12 @@ TEST(ClientOutput, ReplacesFilesAndWritesToDevices)
               "stillimage-client: cannot make the folder " + path + ": File exists\n");
 }
 
-TEST(ClientOutput, ReplacesControlCharactersInMessages)
+TEST(ClientOutput, EscapesControlCharactersInMessages)
 {
     CaptureStderr();
-    print_error("a\x1b[31m\nb\x7f%n");
-    EXPECT_EQ(GetCapturedStderr(), "stillimage-client: a?[31m?b?%n\n");
+    print_error("a\x1B[31m\nb\x7F%n \\x1B gr\xC3\xBCn\xC2\x9B\xFF");
+    EXPECT_EQ(GetCapturedStderr(), "stillimage-client: a\\x1B[31m\\x0Ab\\x7F%n \\x1B "
+                                   "gr\xC3\xBCn\\xC2\\x9B\\xFF\n");
 }
 
 } // namespace

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/child_process.h"
+#include "tests/support/fake_worker.h"
 #include "tests/support/open_descriptors.h"
 #include "tests/support/refused_calls.h"
-#include "tests/support/fake_worker.h"
 #include "tests/unit/client/opened.h"
 
 namespace {

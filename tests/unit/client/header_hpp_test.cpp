@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "client/stillimage_client.hpp"
-#include "tests/support/temporary_folder.h"
 #include "tests/support/fake_worker.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/unit/client/served_picture.h"
 
 namespace {

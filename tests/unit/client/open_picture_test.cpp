@@ -22,11 +22,11 @@
 
 #include "client/stillimage_client.h"
 #include "tests/support/environment.h"
+#include "tests/support/fake_worker.h"
 #include "tests/support/open_descriptors.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"
-#include "tests/support/fake_worker.h"
 #include "tests/unit/client/open_picture_fixture.h"
 #include "tests/unit/client/opened.h"
 #include "wire/socket_address.h"

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <functional>
 
+#include <gmock/gmock.h>
 #include <json11.hpp>
 
 #include "bin/quickidle.h"
@@ -16,6 +17,8 @@
 #include "tests/unit/run/run_fixture.h"
 
 namespace {
+
+using testing::HasSubstr;
 
 const std::string help_screen = "(standard help)\n --oneshot\n --slow-decode\n";
 
@@ -147,6 +150,21 @@ TEST_F(StartUp, PrintsTheSettings)
     EXPECT_EQ(start({"--file", "some picture.jpg"}), go_on);
     EXPECT_EQ(printed(), "bg=1\nMedia item setting:\n   File: some picture.jpg\n"
                          "   Meta: metadir\n   Sock: sock\n");
+}
+
+TEST_F(StartUp, NamesArePrintedWithoutControlCharacters)
+{
+    EXPECT_EQ(start({"--file", "a\x1B[2Jb\nc\xC2\x9B gr\xC3\xBCn\\ \x9B\xFF.jpg"}), go_on);
+    EXPECT_THAT(printed(),
+                HasSubstr("\n   File: a\\x1B[2Jb\\x0Ac\\xC2\\x9B gr\xC3\xBCn\\ \\x9B\\xFF.jpg\n"));
+}
+
+TEST_F(StartUp, UnknownSwitchIsPrintedWithoutControlCharacters)
+{
+    EXPECT_EQ(start({"--a\x1B]0;b\x07 gr\xC3\xBCn\\"}), 1);
+    EXPECT_EQ(printed(), "Unknown switch 'a\\x1B]0;b\\x07 gr\xC3\xBCn\\'\n" + help_screen);
+    EXPECT_EQ(start({"a\x1B[2J"}), 1);
+    EXPECT_THAT(printed(), HasSubstr("Non-switch argument 'a\\x1B[2J'\n"));
 }
 
 TEST_F(StartUp, FailingSelfTestDoesNotStopTheStart)

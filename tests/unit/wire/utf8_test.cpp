@@ -123,4 +123,18 @@ TEST(Utf8, PrintableEscapesControlsInvalidBytesAndTheBackslash)
     EXPECT_EQ(wire::printable("gr\xC3\xBC\xC3\x9F"), "gr\xC3\xBC\xC3\x9F");
 }
 
+TEST(Utf8, EscapedControlsLeavePrintableTextAsItIs)
+{
+    for (uint32_t number = 1; number <= 0x10FFFF; ++number) {
+        const std::string text = encoded(number);
+        if (wire::is_utf8(text)) {
+            ASSERT_EQ(wire::escape_controls(text) == text, !wire::is_control(text)) << number;
+        }
+    }
+    EXPECT_EQ(wire::escape_controls("a\\b\n\x1B\x7F\xFFz\xC2\x9B\xC3"),
+              "a\\b\\x0A\\x1B\\x7F\\xFFz\\xC2\\x9B\\xC3");
+    const std::string once = wire::escape_controls("a\x1B\\");
+    EXPECT_EQ(wire::escape_controls(once), once);
+}
+
 } // namespace

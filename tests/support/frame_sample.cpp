@@ -1,5 +1,6 @@
 #include "tests/support/frame_sample.h"
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 
@@ -21,12 +22,14 @@ void place_planes(frame_sample& sample, const sample_shape& shape)
     sample.strides = {luma, chroma, chroma, shape.alpha ? luma : 0};
     uint64_t end = 0;
     for (size_t p = 0; p < STILLIMAGE_PLANES; ++p) {
-        sample.offsets[p] = sample.strides[p] != 0 ? end : format::absent_plane;
-        end += sample.strides[p] * (uint64_t{sample.height} + 2);
+        const uint64_t size = sample.strides[p] * (uint64_t{sample.height} + 2);
+        const uint64_t offset = shape.overlapping ? 0 : end;
+        sample.offsets[p] = sample.strides[p] != 0 ? offset : format::absent_plane;
+        end = std::max(end, offset + size);
     }
     std::mt19937 random(1);
     sample.area.resize(end + format::full_size_area);
-    for (uint64_t i = 0; i < end; ++i) {
+    for (uint64_t i = 0; i < end && !shape.overlapping; ++i) {
         sample.area[i] = static_cast<unsigned char>(random());
     }
     sample.message.scanline_offset = end;

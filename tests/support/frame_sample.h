@@ -17,6 +17,7 @@ struct sample_shape {
     bool chroma = true;
     bool alpha = false;
     uint32_t stride_multiple = 16;
+    bool overlapping = false; // all planes at offset 0, of zeros
 };
 
 struct frame_sample {

@@ -332,6 +332,11 @@ std::string started_client::printed() const
     return read_text(out_path_);
 }
 
+std::string started_client::messages() const
+{
+    return read_text(out_path_ + ".err");
+}
+
 int started_client::wait_end(int timeout_ms)
 {
     if (end_ == worker::no_end) {

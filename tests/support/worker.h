@@ -102,6 +102,7 @@ public:
     ~started_client();
 
     std::string printed() const;           // standard output so far
+    std::string messages() const;          // standard error so far
     int wait_end(int timeout_ms = 60'000); // as worker::wait_end
 
 private:

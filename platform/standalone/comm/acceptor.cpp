@@ -24,29 +24,19 @@ const refusal cannot_watch = {comm_protocol::NO_MEMORY, true,
 
 unsigned long last_connection = 0; // number of the newest connection of this process
 
-bool watch_listener(const comm_socket_v4_server& server, comm_listener& listener, int operation,
-                    uint32_t events)
+bool watch_listener(comm_socket_v4_server& server, int operation, uint32_t events)
 {
     epoll_event wanted = {};
     wanted.events = events;
-    wanted.data.ptr = &listener;
-    return epoll_ctl(server.epoll.get(), operation, listener.socket.get(), &wanted) == 0;
-}
-
-void watch_listeners(comm_socket_v4_server& server, uint32_t events)
-{
-    for (comm_listener* listener : {&server.listener, &server.old_listener}) {
-        if (listener->socket) {
-            watch_listener(server, *listener, EPOLL_CTL_MOD, events);
-        }
-    }
+    wanted.data.ptr = &server.listener;
+    return epoll_ctl(server.epoll.get(), operation, server.listener.socket.get(), &wanted) == 0;
 }
 
 void pause_accepting(comm_socket_v4_server& server, uint64_t now_us)
 {
     server.accepting = false;
     server.accept_again_us = now_us + accept_pause_us;
-    watch_listeners(server, 0);
+    watch_listener(server, EPOLL_CTL_MOD, 0);
 }
 
 // Null when the process at the other end may be served, otherwise the refusal.
@@ -79,7 +69,7 @@ bool start_listening(comm_socket_v4_server& server, const std::string& path)
     if (!clear_socket_path(path) || !open_listener(path, &server.listener)) {
         return false;
     }
-    if (!watch_listener(server, server.listener, EPOLL_CTL_ADD, EPOLLIN)) {
+    if (!watch_listener(server, EPOLL_CTL_ADD, EPOLLIN)) {
         error_line("Comm socket", path, errno);
         close_listener(&server.listener);
         return false;
@@ -109,11 +99,12 @@ comm_socket_v4_client* adopt(comm_socket_v4_server& server, std::unique_ptr<pack
     return server.clients.back().get();
 }
 
-int accept_clients(comm_socket_v4_server& server, int listening_socket, uint64_t now_us)
+int accept_clients(comm_socket_v4_server& server, uint64_t now_us)
 {
     int accepted = 0;
     while (accepted < max_accepted_per_round) {
-        unique_fd socket(accept4(listening_socket, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        unique_fd socket(
+            accept4(server.listener.socket.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!socket) {
             if (out_of_descriptors(errno)) {
                 pause_accepting(server, now_us);
@@ -136,37 +127,25 @@ void resume_accepting(comm_socket_v4_server& server)
 {
     if (!server.accepting) {
         server.accepting = true;
-        watch_listeners(server, EPOLLIN);
+        watch_listener(server, EPOLL_CTL_MOD, EPOLLIN);
     }
 }
 
-bool replace_listener(comm_socket_v4_server& server, uint64_t now_us)
+// Listening again writes this process's credentials into the socket, where clients read them.
+bool take_over_listener(comm_socket_v4_server& server)
 {
-    // Whatever the result, this process now has to remove the file.
     server.listener.owner = getpid();
-    comm_listener fresh;
-    if (!open_listener(server.listener.path, &fresh)) {
+    if (listen(server.listener.socket.get(), SOMAXCONN) != 0) {
+        error_line("Comm socket", server.listener.path, errno);
         return false;
     }
-    server.old_listener = std::move(server.listener);
-    server.listener = std::move(fresh);
-    server.old_listener_until_us = now_us + server.limits.old_listener_us;
-    // The kernel would still report the old socket under the new one's name.
-    const uint32_t events = server.accepting ? static_cast<uint32_t>(EPOLLIN) : 0;
-    watch_listener(server, server.old_listener, EPOLL_CTL_MOD, events);
-    return watch_listener(server, server.listener, EPOLL_CTL_ADD, events);
+    return true;
 }
 
 void tend_listeners(comm_socket_v4_server& server, uint64_t now_us)
 {
     if (!server.accepting && now_us >= server.accept_again_us) {
         resume_accepting(server);
-    }
-    // After a long time without rounds more connections may wait there than one round accepts.
-    if (server.old_listener.socket && now_us >= server.old_listener_until_us &&
-        accept_clients(server, server.old_listener.socket.get(), now_us) == 0 && server.accepting) {
-        unwatch(server, server.old_listener.socket.get());
-        server.old_listener.socket.reset();
     }
 }
 

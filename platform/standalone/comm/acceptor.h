@@ -19,16 +19,15 @@ comm_socket_v4_client* adopt(comm_socket_v4_server& server, std::unique_ptr<pack
 // Accepts waiting connections, a bounded number of them, and returns how many there were. When the
 // process or the machine has no free descriptor, accepting pauses until a client leaves or a second
 // has passed: a listening socket that stays readable would keep the loop awake for nothing.
-int accept_clients(comm_socket_v4_server& server, int listening_socket, uint64_t now_us);
+int accept_clients(comm_socket_v4_server& server, uint64_t now_us);
 
 void resume_accepting(comm_socket_v4_server& server);
 
-// Creates a new listening socket at the same path. Connections that are on their way to the old
-// socket are still accepted for a while. False with one line on failure; the old socket then stays
-// in use.
-bool replace_listener(comm_socket_v4_server& server, uint64_t now_us);
+// The inherited listening socket becomes this process's own. False with one line on failure; it is
+// still served.
+bool take_over_listener(comm_socket_v4_server& server);
 
-// Work that depends on time: accepting again, closing a replaced socket.
+// Work that depends on time: accepting again.
 void tend_listeners(comm_socket_v4_server& server, uint64_t now_us);
 
 } // namespace platform

@@ -97,9 +97,8 @@ void serve_safely(comm_socket_v4_server& server, comm_socket_v4_client& client, 
 
 int serve_event(comm_socket_v4_server& server, const epoll_event& event, uint64_t now_us)
 {
-    if (event.data.ptr == &server.listener || event.data.ptr == &server.old_listener) {
-        const auto* listener = static_cast<const comm_listener*>(event.data.ptr);
-        return accept_clients(server, listener->socket.get(), now_us);
+    if (event.data.ptr == &server.listener) {
+        return accept_clients(server, now_us);
     }
     serve_safely(server, *static_cast<comm_socket_v4_client*>(event.data.ptr), event.events,
                  now_us);
@@ -317,9 +316,9 @@ int comm_socket_v4_reopen_server(comm_socket_v4_server* server)
     if (server == nullptr) {
         return 0;
     }
-    const bool replaced = platform::replace_listener(*server, monotonic_clock_us());
+    const bool taken = platform::take_over_listener(*server);
     if (server->callbacks.reopened != nullptr) {
         server->callbacks.reopened();
     }
-    return replaced ? 0 : -1;
+    return taken ? 0 : -1;
 }

@@ -23,8 +23,6 @@ struct server_limits {
     uint64_t round_gap_us = 500;      // between two polls of quiet sockets
     uint64_t busy_us = 1'000;         // of rounds without a wait; then there is a pause
     uint64_t tend_gap_us = 100'000;   // between two checks of the time limits
-    // How long a replaced listening socket is still served.
-    uint64_t old_listener_us = 2'000'000;
 };
 
 // The first two are called in the middle of a round. If they throw, the client is disconnected.
@@ -34,7 +32,7 @@ struct server_callbacks {
                     const unsigned char* packet, size_t size, uint64_t now_us) = nullptr;
     // The client is leaving and can no longer be sent anything. Never called inside `request`.
     void (*left)(comm_socket_v4_client& client) = nullptr;
-    // The socket has been created again; from now on this process serves.
+    // From now on this process serves.
     void (*reopened)() = nullptr;
 };
 
@@ -47,8 +45,6 @@ struct comm_socket_v4_server {
     unique_fd epoll;
     platform::connection_home home;
     platform::comm_listener listener;
-    platform::comm_listener old_listener; // replaced by `listener`, but still served for a while
-    uint64_t old_listener_until_us = 0;
     bool accepting = true;
     uint64_t accept_again_us = 0;
     std::vector<std::unique_ptr<comm_socket_v4_client>> clients;

@@ -38,13 +38,39 @@ int write_all(int fd, std::string_view contents, const file_operations& operatio
     return 0;
 }
 
-// Gives the new file the mode and owner of the one it replaces, before it becomes visible.
-int take_over_attributes(int folder, const char* name, int fd, const file_operations& operations)
+// The regular file that is going to be replaced.
+struct replaced_file {
+    bool exists = false;
+    struct stat status = {};
+};
+
+replaced_file find_replaced(int folder, const char* name)
 {
-    struct stat old = {};
-    if (fstatat(folder, name, &old, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(old.st_mode)) {
-        return 0;
+    replaced_file old;
+    old.exists =
+        fstatat(folder, name, &old.status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(old.status.st_mode);
+    return old;
+}
+
+constexpr mode_t rights = 0777;
+
+// Created with the rights of the old file, because a confined process cannot change them later.
+unique_fd create_temporary(int folder, const char* name, mode_t mode, const replaced_file& old,
+                           const file_operations& operations)
+{
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
+    if (!old.exists) {
+        return unique_fd(operations.open_at(folder, name, flags, mode));
     }
+    const mode_t kept_mask = umask(0);
+    unique_fd fd(operations.open_at(folder, name, flags, old.status.st_mode & rights));
+    umask(kept_mask);
+    return fd;
+}
+
+// Gives the new file the owner and mode of the one it replaces, before it becomes visible.
+int take_over_attributes(const struct stat& old, int fd, const file_operations& operations)
+{
     struct stat fresh = {};
     if (fstat(fd, &fresh) != 0) {
         return -1;
@@ -54,16 +80,21 @@ int take_over_attributes(int folder, const char* name, int fd, const file_operat
         // process's user.
         (void)operations.change_owner(fd, old.st_uid, old.st_gid);
     }
-    return operations.change_mode(fd, old.st_mode & 0777U);
+    const mode_t wanted = old.st_mode & rights;
+    const bool gives_more = (fresh.st_mode & rights & ~wanted) != 0;
+    if ((fresh.st_mode & rights) == wanted || operations.change_mode(fd, wanted) == 0) {
+        return 0;
+    }
+    return gives_more ? -1 : 0;
 }
 
-int fill_temporary(int folder, const char* name, int fd, std::string_view contents,
+int fill_temporary(const replaced_file& old, int fd, std::string_view contents,
                    replace_failure* failure, const file_operations& operations)
 {
     if (write_all(fd, contents, operations) != 0) {
         return fail(failure, "write");
     }
-    if (take_over_attributes(folder, name, fd, operations) != 0) {
+    if (old.exists && take_over_attributes(old.status, fd, operations) != 0) {
         return fail(failure, "set the mode of");
     }
     if (operations.sync(fd) != 0) {
@@ -79,12 +110,12 @@ int write_temporary(int folder, const char* name, std::string_view contents, mod
                     const file_operations& operations)
 {
     *temporary = std::string(name) + std::string(temporary_mark) + random_hex(random_name_bytes);
-    const unique_fd fd(operations.open_at(folder, temporary->c_str(),
-                                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode));
+    const replaced_file old = find_replaced(folder, name);
+    const unique_fd fd = create_temporary(folder, temporary->c_str(), mode, old, operations);
     if (!fd) {
         return fail(failure, "create");
     }
-    if (fill_temporary(folder, name, fd.get(), contents, failure, operations) != 0) {
+    if (fill_temporary(old, fd.get(), contents, failure, operations) != 0) {
         (void)operations.unlink_at(folder, temporary->c_str());
         return -1;
     }

@@ -7,6 +7,7 @@
 #include "platform/cnb.h"
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/cnb/domain.h"
+#include "platform/standalone/cnb/file_size_bound.h"
 #include "platform/standalone/cnb/memory_bound.h"
 #include "platform/standalone/cnb/shared_buffer.h"
 
@@ -89,12 +90,23 @@ std::string reserve_memory()
     if (failure.step != nullptr) {
         return std::string(failure.step) + ": " + error_text(failure.error_number);
     }
+    tighten_file_size_bound();
     default_mapping = {image_cnb_buffer, buffer.memory.data(), buffer.memory.size(),
                        ++buffer.serials};
     return "";
 }
 
 } // namespace
+
+int create_default_buffer()
+{
+    shared_buffer& memory = state().memory;
+    if (memory.fd() >= 0) {
+        return 0;
+    }
+    memory = shared_buffer(the_machine.kernel);
+    return memory.create();
+}
 
 uint64_t default_buffer_size()
 {
@@ -132,12 +144,8 @@ int cnb_default_buffer_load()
         note_domain_owner();
         return 0;
     }
-    loaded_buffer& buffer = state();
-    if (buffer.memory.fd() < 0) {
-        buffer.memory = shared_buffer(the_machine.kernel);
-        if (buffer.memory.create() != 0) {
-            return wait_for_descriptor();
-        }
+    if (create_default_buffer() != 0) {
+        return wait_for_descriptor();
     }
     if (cnb_join_domain() != 0) {
         return loaded(cnb_total, 0, "the domain cannot be joined");

@@ -18,6 +18,9 @@ extern mapped_buffer default_mapping;
 // Bytes requested when the buffer was loaded; 0 while none is loaded.
 uint64_t default_buffer_size();
 
+// Creates the memory file of the buffer, empty, unless that has been done. 0, or -1 with errno.
+int create_default_buffer();
+
 // Reserves and maps the loaded buffer, unless that has been done. Empty on success, otherwise the
 // reason.
 std::string map_default_buffer();

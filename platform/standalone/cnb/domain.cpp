@@ -10,9 +10,9 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/cnb/domain_folder.h"
+#include "platform/standalone/cnb/file_size_bound.h"
 #include "platform/standalone/cnb/memory_bound.h"
 #include "platform/standalone/cnb/memory_room.h"
-#include "platform/standalone/cnb/shared_buffer.h"
 
 namespace platform {
 
@@ -49,13 +49,6 @@ int refuse(std::string_view what, std::string_view reason)
 {
     error_line("cannot use the CNB domain", what, reason);
     return -1;
-}
-
-// Checked here, where it can be reported, and not when the picture waits for its buffer.
-bool memory_files_work()
-{
-    shared_buffer probe(the_machine.kernel);
-    return probe.create() == 0;
 }
 
 } // namespace
@@ -129,6 +122,7 @@ memory_shares memory_beside_buffers()
 void reset_cnb()
 {
     reset_memory_bound();
+    reset_file_size_bound();
     cnb_leave_domain();
     cnb_default_buffer_level = -1;
     cnb_static_alloc = 0;
@@ -173,7 +167,8 @@ int cnb_join_domain()
         const std::string path = place.path + "/registry";
         return refuse(path, errno == EPROTO ? "not a file" : error_text(errno));
     }
-    if (!memory_files_work()) {
+    // Here, where a failure can be reported, and while the process may still create one.
+    if (create_default_buffer() != 0) {
         return refuse(place.path, "no memory files: " + error_text(errno));
     }
     memory_room room(the_machine.root);

@@ -41,7 +41,13 @@ int shared_buffer::create()
         fd = kernel_->create_memory_file("cnb", flags);
     }
     file_.reset(fd);
-    return fd >= 0 ? 0 : -1;
+    // At once, because a confined process cannot change modes.
+    if (fd >= 0 && kernel_->change_mode(fd, read_only_mode) != 0) {
+        const int reason = errno;
+        file_.reset();
+        errno = reason;
+    }
+    return file_ ? 0 : -1;
 }
 
 reserve_failure shared_buffer::reserve(uint64_t size, bool (*between_pieces)())
@@ -67,9 +73,6 @@ reserve_failure shared_buffer::reserve(uint64_t size, bool (*between_pieces)())
     memory_ = mapping(address, size);
     // The process may abort on purpose, and gigabytes of picture in a core file explain nothing.
     kernel_->advise(address, size, MADV_DONTDUMP);
-    if (kernel_->change_mode(file_.get(), read_only_mode) != 0) {
-        return failed("changing the mode");
-    }
     if (seal() != 0) {
         return failed("sealing");
     }

@@ -99,7 +99,8 @@ bool log_file::open_in_folder()
     if (reason[0] != '\0') {
         return refuse(reason);
     }
-    if (fchmod(fd.get(), 0600) != 0) {
+    // A new file has this mode already; a confined process cannot change it.
+    if ((status.st_mode & 07777U) != 0600 && fchmod(fd.get(), 0600) != 0) {
         return refuse(error_text(errno));
     }
     fd_ = std::move(fd);

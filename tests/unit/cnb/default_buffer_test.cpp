@@ -279,9 +279,17 @@ TEST_F(DefaultBuffer, FailedReservationNamesStepAndReason)
     EXPECT_TRUE(cnb_malloc(&allocation, 1000, "Image"));
 }
 
-TEST_F(DefaultBuffer, LackOfDescriptorsIsWaitedForAndReportedOnce)
+// A confined process cannot create memory files any more.
+TEST_F(DefaultBuffer, MemoryFileIsCreatedWhenTheDomainIsJoined)
 {
     ASSERT_EQ(platform::cnb_join_domain(), 0);
+    failing.create_errno = ENOSYS;
+    EXPECT_EQ(load(1000), 0);
+    EXPECT_GE(image_cnb_buffer_fd, 0);
+}
+
+TEST_F(DefaultBuffer, LackOfDescriptorsIsWaitedForAndReportedOnce)
+{
     failing.create_errno = EMFILE;
     testing::internal::CaptureStderr();
     EXPECT_NE(load(1000), 0);

@@ -349,10 +349,8 @@ INSTANTIATE_TEST_SUITE_P(
     EachStep, MetadataFileFailure,
     testing::Values(failing_step{1, "Cannot create metadata file 'META': Disk quota exceeded\n"},
                     failing_step{2, "Cannot write metadata file 'META': Disk quota exceeded\n"},
-                    failing_step{
-                        3, "Cannot set the mode of metadata file 'META': Disk quota exceeded\n"},
-                    failing_step{4, "Cannot sync metadata file 'META': Disk quota exceeded\n"},
-                    failing_step{5, "Cannot rename metadata file 'META': Disk quota exceeded\n"}));
+                    failing_step{3, "Cannot sync metadata file 'META': Disk quota exceeded\n"},
+                    failing_step{4, "Cannot rename metadata file 'META': Disk quota exceeded\n"}));
 
 TEST_F(MetadataFile, FailingFolderSyncIsReportedAndTheNewFileStays)
 {
@@ -360,7 +358,7 @@ TEST_F(MetadataFile, FailingFolderSyncIsReportedAndTheNewFileStays)
     const list_owner list = load();
     platform::set_item_entry(list.get(), "a", "2");
     store.operations = &failing_files::operations;
-    failing_files::arm(6, fate::FAIL, EIO);
+    failing_files::arm(5, fate::FAIL, EIO);
     EXPECT_EQ(store_capturing(list), -1);
     EXPECT_EQ(messages, "Cannot sync the folder of metadata file 'META': Input/output error\n");
     EXPECT_EQ(folder.read("metadata"), "a = 2\n");
@@ -434,8 +432,7 @@ TEST_F(MetadataFile, SeveralUpdatesAreOneWrite)
     store.operations = &failing_files::operations;
     ASSERT_EQ(update_stored_metadata(store, {{"a", "4"}, {"b", "3"}}), 0);
     EXPECT_EQ(folder.read("metadata"), "a = 4\nb = 3\n");
-    EXPECT_EQ(failing_files::calls(),
-              (strings{"open_at", "write", "change_mode", "sync", "rename_at", "sync"}));
+    EXPECT_EQ(failing_files::calls(), (strings{"open_at", "write", "sync", "rename_at", "sync"}));
 }
 
 TEST_F(MetadataFile, UpdateDoesNotSetADamagedFileAside)

@@ -294,9 +294,9 @@ TEST_F(PendingFiles, MergedSettingsAreNotMergedAgain)
     const int ended = run_in_child([&] {
         store.operations = &failing_files::operations;
         append("a", "1");
-        // Steps: open_at, write, change_mode, sync, write of the mark, rename_at, sync, unlink_at.
+        // Steps: open_at, write, sync, write of the mark, rename_at, sync, unlink_at.
         folder.write("metadata", "a = 0\n");
-        failing_files::arm(8, fate::DIE_BEFORE);
+        failing_files::arm(7, fate::DIE_BEFORE);
         return update_stored_metadata(store, {{"a", "1"}}, &own);
     });
     ASSERT_EQ(ended, -SIGKILL);
@@ -313,7 +313,7 @@ TEST_F(PendingFiles, MergedSettingsAreNotMergedAgain)
 // setting.
 TEST_F(PendingFiles, KillAtEveryStepKeepsTheSetting)
 {
-    constexpr int steps = 8;
+    constexpr int steps = 7;
     for (const fate moment : {fate::DIE_BEFORE, fate::DIE_AFTER}) {
         for (int step = 1; step <= steps; ++step) {
             const temporary_folder place;
@@ -351,7 +351,7 @@ TEST_F(PendingFiles, KillAtEveryStepKeepsTheSetting)
 // Whichever call fails, nothing is lost and the next attempt succeeds.
 TEST_F(PendingFiles, EachFailingCallOfAWriteKeepsTheSetting)
 {
-    constexpr int steps = 8;
+    constexpr int steps = 7;
     for (int step = 1; step <= steps; ++step) {
         const temporary_folder place;
         place.write("metadata", "a = old\n");

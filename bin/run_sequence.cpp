@@ -17,6 +17,7 @@
 #include "bin/serve/client_context.h"
 #include "bin/vexa_stillimage.h"
 #include "platform/cnb.h"
+#include "platform/confinement.h"
 #include "platform/document.h"
 #include "platform/run_state.h"
 #include "platform/serving.h"
@@ -55,6 +56,7 @@ void daemonize()
     if (daemon(0, has_terminal ? 0 : 1) != 0) {
         fprintf(stderr, "Problem daemon() %s\n", strerror(errno));
     }
+    confine_daemon();
     comm_socket_v4_reopen_server(vexa_comm_server);
     fputs("--------------------- ON CLOSURE OF THIS PROCESS (DEBUG) ----------------------\n",
           stderr);

@@ -203,6 +203,5 @@ int start_up(int argc, char** argv)
     }
     INVARIANT(vexa_meta->file_fd >= 0, "vexa_meta->file_fd >= 0");
     install_termination_handler();
-    confine_process();
-    return go_on;
+    return confine_process() == 0 ? go_on : EXIT_FAILURE;
 }

@@ -6,6 +6,11 @@
 // calls and files that its work needs. A fault in a codec then affects little more than its own
 // picture. docs/item.md lists what remains possible.
 //
-// Each measure is applied separately, as far as the kernel and the environment permit. Nothing is
-// printed, and no failure prevents serving. Forked children inherit the limits.
-void confine_process();
+// Each measure is applied separately, as far as the kernel and the environment permit; the status
+// document says which are in force. 0; -1 with one line when a measure is refused that the user has
+// required (--require-confinement), and the process must not go on then. Forked children inherit the
+// limits.
+int confine_process();
+
+// To be called by a daemonised child: gives up what only going to the background needed.
+void confine_daemon();

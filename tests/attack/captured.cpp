@@ -36,13 +36,3 @@ attack_results results_of(const worker& captured, const std::vector<std::string>
     }
     return results;
 }
-
-attack_results attack(const worker_home& home, const std::vector<std::string>& attempts,
-                      const std::vector<std::string>& more_arguments)
-{
-    worker::setting how = {
-        {"--file", captured_picture(), "--sock", home.path("captured"), "--no-autoshutdown"}};
-    how.arguments.insert(how.arguments.end(), more_arguments.begin(), more_arguments.end());
-    const worker started(home, captured(how, attempts));
-    return results_of(started, attempts);
-}

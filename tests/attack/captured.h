@@ -20,7 +20,3 @@ worker::setting captured(worker::setting how, const std::vector<std::string>& at
 // all of them within the time.
 using attack_results = std::map<std::string, std::string>;
 attack_results results_of(const worker& captured, const std::vector<std::string>& attempts);
-
-// Serves captured_picture() and returns what the attempts gave.
-attack_results attack(const worker_home& home, const std::vector<std::string>& attempts,
-                      const std::vector<std::string>& more_arguments = {});

@@ -1,4 +1,9 @@
 // A captured worker tries what its confinement forbids.
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -6,12 +11,18 @@
 
 #include "platform/standalone/confine/sanitized_build.h"
 #include "tests/attack/captured.h"
+#include "tests/support/child_process.h"
+#include "tests/support/kernel_features.h"
+#include "tests/support/worker_client.h"
 
 using testing::ElementsAre;
 using testing::Pair;
 using testing::StartsWith;
 
 namespace {
+
+constexpr uint64_t mebibyte = uint64_t{1} << 20;
+constexpr uint64_t gibibyte = uint64_t{1} << 30;
 
 class CapturedWorker : public testing::Test {
 protected:
@@ -20,29 +31,288 @@ protected:
         if (platform::sanitized_build) {
             GTEST_SKIP() << "a worker with a sanitizer is not confined";
         }
-    }
-
-    void expect_refused(const std::vector<std::string>& attempts)
-    {
-        const attack_results results = attack(home, attempts);
-        EXPECT_EQ(results.size(), attempts.size());
-        for (const auto& [attempt, result] : results) {
-            EXPECT_THAT(result, StartsWith("refused ")) << attempt;
+        for (const char* name : {"work", "meta", "sockets"}) {
+            std::filesystem::create_directory(home.path(name));
         }
     }
 
+    // A worker in a folder of its own, whose messages go to its log.
+    worker::setting setting(const std::vector<std::string>& more = {}) const
+    {
+        worker::setting how = {{"--file", captured_picture(), "--sock",
+                                home.path("sockets/captured"), "--metadir", home.path("meta"),
+                                "--no-autoshutdown"}};
+        how.arguments.insert(how.arguments.end(), more.begin(), more.end());
+        how.working_folder = home.path("work");
+        return how;
+    }
+
+    attack_results attempt(const std::vector<std::string>& attempts,
+                           const std::vector<std::string>& more = {}) const
+    {
+        const worker started(home, captured(setting(more), attempts));
+        return results_of(started, attempts);
+    }
+
+    // The attempts that were not refused.
+    std::vector<std::string> possible(const std::vector<std::string>& attempts,
+                                      const std::vector<std::string>& more = {}) const
+    {
+        const attack_results results = attempt(attempts, more);
+        EXPECT_EQ(results.size(), attempts.size());
+        std::vector<std::string> found;
+        for (const auto& [name, result] : results) {
+            if (!result.starts_with("refused ")) {
+                found.push_back(name + ": " + result);
+            }
+        }
+        return found;
+    }
+
+    const int landlock = kernel_landlock_version();
     worker_home home;
 };
 
-TEST_F(CapturedWorker, RunsNoProgram)
+const testing::Matcher<std::vector<std::string>> nothing = testing::IsEmpty();
+
+// --- code and processes -------------------------------------------------------------------------
+
+TEST_F(CapturedWorker, RunsNoProgramAndStartsNothing)
 {
-    EXPECT_THAT(attack(home, {"execute /bin/true"}),
-                ElementsAre(Pair("execute /bin/true", "refused ENOSYS")));
+    EXPECT_THAT(possible({"execute /bin/true", "fork", "thread"}), nothing);
 }
 
-TEST_F(CapturedWorker, ReachesNoNetwork)
+TEST_F(CapturedWorker, BringsInNoCode)
 {
-    expect_refused({"tcp_socket", "udp_socket", "netlink_socket", "connect_stream /tmp/any"});
+    EXPECT_THAT(possible({"executable_memory", "make_executable", "read_implies_execute",
+                          "executable_file " + captured_picture()}),
+                nothing);
+}
+
+TEST_F(CapturedWorker, DaemonIsHeldTheSameInTheBackground)
+{
+    const std::vector<std::string> attempts = {"execute /bin/true",
+                                               "fork",
+                                               "thread",
+                                               "executable_memory",
+                                               "make_executable",
+                                               "local_socket",
+                                               "bind " + home.path("work/socket"),
+                                               "datagram_from_pair " + home.path("work/socket"),
+                                               "signal_thread 1"};
+    const worker parent(home, captured(setting({"--daemon"}), attempts, "decoding"));
+    for (const auto& [name, result] : results_of(parent, attempts)) {
+        EXPECT_THAT(result, StartsWith("refused ")) << name;
+    }
+    EXPECT_EQ(results_of(parent, attempts).size(), attempts.size());
+    EXPECT_EQ(run_client(home, {home.path("sockets/captured"), "quit"}), 0);
+    EXPECT_TRUE(eventually([this] { return home.sockets().empty(); }));
+}
+
+// --- other processes ----------------------------------------------------------------------------
+
+TEST_F(CapturedWorker, ReachesNoOtherProcess)
+{
+    child_process neighbour([] {
+        pause();
+        return 0;
+    });
+    const std::string pid = std::to_string(neighbour.pid());
+    std::vector<std::string> attempts;
+    for (const char* name : {"signal", "signal_thread", "queue_signal", "own_descriptor",
+                             "own_descriptor_extended", "trace", "read_memory", "open_memory",
+                             "open_environment", "open_process", "limit_process", "priority"}) {
+        attempts.push_back(std::string(name) + ' ' + pid);
+    }
+    EXPECT_THAT(possible(attempts), nothing);
+}
+
+TEST_F(CapturedWorker, OpensNoConnection)
+{
+    const worker neighbour(home, captured_picture(), {"--metadir", home.path("other")});
+    ASSERT_TRUE(neighbour.wait_ready());
+    EXPECT_THAT(
+        possible({"tcp_socket", "udp_socket", "netlink_socket", "local_socket",
+                  "connect " + neighbour.socket(), "connect_stream " + neighbour.socket(),
+                  "datagram " + neighbour.socket(), "datagram_from_pair " + neighbour.socket(),
+                  "bind " + home.path("work/socket")}),
+        nothing);
+}
+
+TEST_F(CapturedWorker, IsNotLookedIntoByOthersOfItsUser)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to see what the kernel's files of the process belong to";
+    }
+    std::filesystem::permissions(home.folder().path(), std::filesystem::perms::all);
+    const int status = run_without_privileges([this] {
+        const worker_home own;
+        const worker served(own, captured_picture(), {});
+        EXPECT_TRUE(served.wait_ready()) << served.printed();
+        struct stat files = {};
+        EXPECT_EQ(stat(("/proc/" + std::to_string(served.pid()) + "/mem").c_str(), &files), 0);
+        EXPECT_EQ(files.st_uid, 0U); // of a process that is not dumpable
+        EXPECT_EQ(open(("/proc/" + std::to_string(served.pid()) + "/mem").c_str(), O_RDONLY), -1);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+// --- files --------------------------------------------------------------------------------------
+
+TEST_F(CapturedWorker, ReadsAndChangesNoForeignFile)
+{
+    if (landlock == 0) {
+        GTEST_SKIP() << "this kernel has no rules for files";
+    }
+    home.folder().write("letter", "private");
+    const std::string letter = home.path("letter");
+    EXPECT_THAT(possible({"read /etc/passwd", "list /", "list " + home.folder().path(),
+                          "read " + letter, "write " + letter, "remove " + letter,
+                          "rename " + letter + ":" + home.path("meta/letter"),
+                          "link " + letter + ":" + home.path("meta/letter"),
+                          "create " + home.path("new"), "make_folder " + home.path("folder"),
+                          "make_fifo " + home.path("fifo"), "make_link " + home.path("link")}),
+                nothing);
+    if (landlock >= 3) {
+        EXPECT_THAT(possible({"truncate " + letter}), nothing);
+    }
+    EXPECT_EQ(home.folder().read("letter"), "private");
+}
+
+TEST_F(CapturedWorker, ChangesNoModeAndNoTimes)
+{
+    const std::string copy = home.path("picture.png");
+    std::filesystem::copy_file(captured_picture(), copy);
+    worker::setting how = setting();
+    how.arguments[1] = copy;
+    const std::vector<std::string> attempts = {"change_mode " + copy, "change_times " + copy,
+                                               "change_mode_of_open " + copy, "write " + copy,
+                                               "truncate " + copy};
+    const worker started(home, captured(how, attempts));
+    const attack_results results = results_of(started, attempts);
+    for (const auto& [name, result] : results) {
+        if (landlock == 0 && (name.starts_with("write") || name.starts_with("truncate"))) {
+            continue; // the user's own file, on a kernel without rules for files
+        }
+        EXPECT_THAT(result, StartsWith("refused ")) << name;
+    }
+    EXPECT_EQ(results.size(), attempts.size());
+}
+
+TEST_F(CapturedWorker, WorkingFolderStaysClosedWhenCoreFilesAreUnlimited)
+{
+    if (landlock == 0) {
+        GTEST_SKIP() << "this kernel has no rules for files";
+    }
+    home.folder().write("work/letter", "private");
+    const std::vector<std::string> attempts = {
+        "read " + home.path("work/letter"), "write " + home.path("work/letter"),
+        "list " + home.path("work"), "create " + home.path("work/new"),
+        "remove " + home.path("work/letter")};
+    const int status = run_in_child([&] {
+        rlimit limit = {};
+        getrlimit(RLIMIT_CORE, &limit);
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_CORE, &limit);
+        EXPECT_THAT(possible(attempts), nothing);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(CapturedWorker, CoreFilesOnRequestStillDoNotOpenTheWorkingFolderForReading)
+{
+    if (landlock == 0) {
+        GTEST_SKIP() << "this kernel has no rules for files";
+    }
+    home.folder().write("work/letter", "private");
+    EXPECT_THAT(possible({"read " + home.path("work/letter"), "list " + home.path("work"),
+                          "remove " + home.path("work/letter")},
+                         {"--core-files"}),
+                nothing);
+}
+
+TEST_F(CapturedWorker, ItsOwnFolderIsAllThatItCanChange)
+{
+    const std::string file = home.path("meta/file");
+    EXPECT_THAT(attempt({"create " + file, "remove " + file}),
+                ElementsAre(Pair("create " + file, "allowed"), Pair("remove " + file, "allowed")));
+}
+
+// --- rights and descriptors ---------------------------------------------------------------------
+
+TEST_F(CapturedWorker, RaisesNoLimitAndStaysUndumpable)
+{
+    std::vector<std::string> attempts = {"become_dumpable"};
+    for (const auto limit : {RLIMIT_AS, RLIMIT_CORE, RLIMIT_NPROC}) {
+        attempts.push_back("raise_limit " + std::to_string(static_cast<int>(limit)));
+    }
+    EXPECT_THAT(possible(attempts), nothing);
+}
+
+TEST_F(CapturedWorker, GetsNothingThatItsLauncherLeftOpen)
+{
+    home.folder().write("secret", "private");
+    const int left_open = open(home.path("secret").c_str(), O_RDONLY);
+    const int high = fcntl(left_open, F_DUPFD, 300);
+    const std::vector<std::string> attempts = {"descriptor " + std::to_string(high)};
+    EXPECT_THAT(possible(attempts), nothing);
+    close(left_open);
+    close(high);
+}
+
+// --- memory and disk ----------------------------------------------------------------------------
+
+TEST_F(CapturedWorker, TakesNoMoreMemoryThanItsAddressSpace)
+{
+    // The limits are those of docs/item.md: 4 GiB for the codecs, the buffer, 256 MiB for the rest,
+    // and what was mapped before.
+    const uint64_t most = 4 * gibibyte + 512 * mebibyte;
+    EXPECT_THAT(possible({"private_memory " + std::to_string(most),
+                          "raise_address_space " + std::to_string(most)},
+                         {"--domain-limit", "64M"}),
+                nothing);
+}
+
+TEST_F(CapturedWorker, MakesNoMemoryFilesAndNoPipes)
+{
+    EXPECT_THAT(possible({"memory_file 4096", "secret_memory", "pipe"}), nothing);
+}
+
+// Before the buffer is reserved, while the picture is examined.
+TEST_F(CapturedWorker, GrowsItsBufferNoFurtherThanTheDomainsLimit)
+{
+    const worker started(home, captured(setting({"--stderr-to-log", "--domain-limit", "64M"}),
+                                        {"grow_memory_file " + std::to_string(65 * mebibyte),
+                                         "grow_memory_file 4096"}));
+    ASSERT_TRUE(eventually([this] {
+        return home.folder().has("meta/log") &&
+               home.folder().read("meta/log").find("attacks are over") != std::string::npos;
+    }));
+    const std::string log = home.folder().read("meta/log");
+    EXPECT_NE(log.find("grow_memory_file 68157440: refused EFBIG\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("grow_memory_file 4096: allowed\n"), std::string::npos) << log;
+}
+
+TEST_F(CapturedWorker, WritesNoLargeFilesOnceTheBufferIsReserved)
+{
+    const std::string file = home.path("meta/large");
+    const std::string most = std::to_string(16 * mebibyte);
+    const std::string more = std::to_string(16 * mebibyte + 1);
+    const worker started(home,
+                         captured(setting({"--stderr-to-log"}),
+                                  {"create_large " + file + ":" + most,
+                                   "create_large " + file + ":" + more, "grow_memory_file 1000000"},
+                                  "decoding"));
+    ASSERT_TRUE(eventually([this] {
+        return home.folder().has("meta/log") &&
+               home.folder().read("meta/log").find("attacks are over") != std::string::npos;
+    }));
+    const std::string log = home.folder().read("meta/log");
+    EXPECT_NE(log.find(":" + most + ": allowed\n"), std::string::npos) << log;
+    EXPECT_NE(log.find(":" + more + ": refused EFBIG\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("grow_memory_file 1000000: refused EPERM\n"), std::string::npos) << log;
 }
 
 } // namespace

@@ -22,10 +22,11 @@ for manager in system user; do
     messages=$(XDG_RUNTIME_DIR=$scratch systemd-analyze "--$manager" verify --man=no \
         "$scratch/$manager/$instance" 2>&1) || fault "the $manager unit is not valid"
     expect_same "messages on the $manager unit" "" "$messages"
-    grep -Eq '^ExecStart=:/.*/stillimage --file=%f --no-autoshutdown$' \
+    grep -Eq '^ExecStart=:/.*/stillimage --file=%f --no-autoshutdown --require-confinement$' \
         "$units/$manager/stillimage@.service" || fault "the $manager unit starts something else"
     for line in Type=notify TimeoutStartSec=infinity Restart=on-failure NoNewPrivileges=yes \
-        'RestartPreventExitStatus=1 SIGABRT' RestrictAddressFamilies=AF_UNIX; do
+        'RestartPreventExitStatus=1 SIGABRT' RestrictAddressFamilies=AF_UNIX \
+        'SystemCallFilter=landlock_add_rule landlock_create_ruleset landlock_restrict_self seccomp'; do
         grep -qx "$line" "$units/$manager/stillimage@.service" \
             || fault "the $manager unit lacks the line $line"
     done

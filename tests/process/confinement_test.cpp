@@ -12,11 +12,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <json11.hpp>
 
 #include "client/stillimage_client.h"
 #include "platform/standalone/confine/sanitized_build.h"
 #include "tests/support/child_process.h"
 #include "tests/support/file_contents.h"
+#include "tests/support/kernel_features.h"
 #include "tests/support/refused_calls.h"
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"
@@ -169,23 +171,22 @@ TEST_F(Confined, DomainFolderRemovedUnderAWaitingWorkerIsRecreated)
     EXPECT_TRUE(std::filesystem::exists(home.path("run/stillimage/cnb/default/registry")));
 }
 
-// The kernel writes a core file into the working folder only when its pattern names no other folder
-// and no program that receives the core.
-TEST_F(Confined, AbortWritesACoreFileWhenTheLimitAllowsIt)
+// The core files that a worker leaves in its working folder when it aborts with every size allowed.
+// The kernel writes one there only when its pattern names no other folder, and no program that
+// receives the core.
+std::vector<std::filesystem::path> core_files(const worker_home& home,
+                                              const std::vector<std::string>& switches)
 {
-    const std::string pattern = read_text("/proc/sys/kernel/core_pattern");
-    rlimit limit = {};
-    ASSERT_EQ(getrlimit(RLIMIT_CORE, &limit), 0);
-    if (pattern.find_first_of("|@/") != std::string::npos || limit.rlim_max == 0 ||
-        platform::sanitized_build) {
-        GTEST_SKIP() << "core files are not written into the working folder here";
-    }
-    std::filesystem::create_directory(home.path("work"));
-    const int status = run_in_child([this, limit] {
-        const rlimit wanted = {limit.rlim_max, limit.rlim_max};
-        setrlimit(RLIMIT_CORE, &wanted);
+    const std::string work = home.path("work");
+    std::filesystem::create_directory(work);
+    const int status = run_in_child([&] {
+        rlimit limit = {};
+        getrlimit(RLIMIT_CORE, &limit);
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_CORE, &limit);
         worker::setting how = {{"--file", picture, "--sock", home.path("s"), "--no-autoshutdown"}};
-        how.working_folder = home.path("work");
+        how.arguments.insert(how.arguments.end(), switches.begin(), switches.end());
+        how.working_folder = work;
         worker served(home, how);
         EXPECT_EQ(run_client(home, {home.path("s"), "wait", "--timeout", "20"}), 0);
         served.send(SIGABRT);
@@ -193,10 +194,141 @@ TEST_F(Confined, AbortWritesACoreFileWhenTheLimitAllowsIt)
         return testing::Test::HasFailure() ? 1 : 0;
     });
     EXPECT_EQ(status, 0);
-    EXPECT_FALSE(std::filesystem::is_empty(home.path("work")));
+    std::vector<std::filesystem::path> found;
+    for (const auto& entry : std::filesystem::directory_iterator(work)) {
+        found.push_back(entry.path());
+    }
+    return found;
+}
+
+bool core_files_can_be_written()
+{
+    const std::string pattern = read_text("/proc/sys/kernel/core_pattern");
+    rlimit limit = {};
+    return getrlimit(RLIMIT_CORE, &limit) == 0 && limit.rlim_max != 0 &&
+           pattern.find_first_of("|@/") == std::string::npos && !platform::sanitized_build;
+}
+
+TEST_F(Confined, AbortWritesACoreFileWhenThatIsWanted)
+{
+    if (!core_files_can_be_written()) {
+        GTEST_SKIP() << "core files are not written into the working folder here";
+    }
+    const auto found = core_files(home, {"--core-files"});
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_GT(std::filesystem::file_size(found[0]), 0U);
+}
+
+TEST_F(Confined, AbortWritesNoCoreFileOtherwise)
+{
+    if (!core_files_can_be_written()) {
+        GTEST_SKIP() << "core files are not written into the working folder here";
+    }
+    EXPECT_TRUE(core_files(home, {}).empty());
 }
 
 // --- confinement is refused ---------------------------------------------------------------------
+
+TEST_F(Confined, RequiredConfinementThatIsRefusedEndsTheWorker)
+{
+    if (platform::sanitized_build) {
+        GTEST_SKIP() << "a sanitizer ends a program that cannot query its limits";
+    }
+    const int status = run_in_child([this] {
+        EXPECT_TRUE(refuse_calls({"landlock_create_ruleset"}, EOPNOTSUPP));
+        const ended_worker ended = run_worker(
+            home, {{"--file", picture, "--sock", home.path("s"), "--require-confinement"}});
+        EXPECT_EQ(ended.status, 1);
+        EXPECT_THAT(ended.printed,
+                    EndsWith("Cannot confine the worker 'files': Operation not supported\n"));
+        EXPECT_TRUE(home.sockets().empty());
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Confined, RequiredConfinementThatIsInForceChangesNothing)
+{
+    if (platform::sanitized_build) {
+        GTEST_SKIP() << "only new privileges are given up under a sanitizer";
+    }
+    if (kernel_landlock_version() == 0) {
+        GTEST_SKIP() << "this kernel has no rules for files";
+    }
+    worker served(home, picture, {"--require-confinement"});
+    expect_works(served);
+}
+
+// --- what is in force is shown ------------------------------------------------------------------
+
+json11::Json shown_confinement(const worker_home& home, const std::string& socket)
+{
+    std::string printed;
+    std::string error;
+    EXPECT_EQ(run_client(home, {socket, "status"}, &printed), 0);
+    return json11::Json::parse(printed, error)["process"]["confinement"];
+}
+
+TEST_F(Confined, StatusShowsEveryMeasureInForce)
+{
+    if (platform::sanitized_build) {
+        GTEST_SKIP() << "only new privileges are given up under a sanitizer";
+    }
+    worker::setting how = {{"--file", picture, "--sock", home.path("s"), "--no-autoshutdown",
+                            "--metadir", home.path("meta"), "--stderr-to-log"}};
+    const worker served(home, how);
+    ASSERT_EQ(run_client(home, {home.path("s"), "wait", "--timeout", "20"}), 0);
+    const json11::Json shown = shown_confinement(home, home.path("s"));
+    for (const auto& [name, value] : shown.object_items()) {
+        if (name == "landlock") {
+            EXPECT_EQ(value.int_value(), kernel_landlock_version());
+        } else if (name == "files") {
+            EXPECT_EQ(value.bool_value(), kernel_landlock_version() > 0);
+        } else if (name == "memory protection") {
+            EXPECT_EQ(value.bool_value(), kernel_protects_memory());
+        } else {
+            EXPECT_TRUE(value.bool_value()) << name;
+        }
+    }
+    EXPECT_EQ(shown.object_items().size(), 11U);
+    EXPECT_EQ(run_client(home, {home.path("s"), "quit"}), 0);
+}
+
+TEST_F(Confined, StatusShowsWhatIsNotInForce)
+{
+    if (platform::sanitized_build) {
+        GTEST_SKIP() << "a sanitizer ends a program that cannot query its limits";
+    }
+    const int status = run_in_child([this] {
+        EXPECT_TRUE(refuse_confinement());
+        const worker served(home, picture, {"--core-files"});
+        EXPECT_TRUE(served.wait_ready());
+        const json11::Json shown = shown_confinement(home, served.socket());
+        for (const char* name : {"no new privileges", "address space", "files", "system calls",
+                                 "no core files", "file sizes", "no processes"}) {
+            EXPECT_TRUE(shown[name].is_bool()) << name;
+            EXPECT_FALSE(shown[name].bool_value()) << name;
+        }
+        EXPECT_EQ(shown["landlock"].int_value(), 0);
+        EXPECT_EQ(run_client(home, {served.socket(), "quit"}), 0);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Confined, DaemonGivesUpProcessesInTheBackground)
+{
+    if (platform::sanitized_build) {
+        GTEST_SKIP() << "only new privileges are given up under a sanitizer";
+    }
+    worker parent(home, picture, {"--daemon"});
+    EXPECT_EQ(parent.wait_end(), 0);
+    ASSERT_EQ(run_client(home, {parent.socket(), "wait", "--timeout", "20"}), 0);
+    EXPECT_TRUE(shown_confinement(home, parent.socket())["no processes"].bool_value());
+    const int daemon = std::atoi(read_text(parent.socket() + ".lock").c_str());
+    EXPECT_EQ(kernel_value(daemon, "status", "Seccomp_filters:"), "2");
+    EXPECT_THAT(kernel_value(daemon, "limits", "Max processes"), StartsWith("0 "));
+}
 
 TEST_F(Confined, WorkerThatCannotConfineItselfStillServes)
 {

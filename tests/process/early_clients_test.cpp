@@ -18,6 +18,7 @@
 #include "platform/settings.h"
 #include "tests/support/child_process.h"
 #include "tests/support/packet_client.h"
+#include "tests/support/refused_calls.h"
 #include "tests/support/temporary_folder.h"
 
 using namespace comm_protocol;
@@ -54,6 +55,9 @@ protected:
                 arguments.push_back(word.data());
             }
             arguments.push_back(nullptr);
+            // The clients of these tests are in the same process, which therefore has to be able to
+            // connect.
+            EXPECT_TRUE(refuse_calls({"seccomp", set_seccomp_call}));
             if (start_up(static_cast<int>(words.size()), arguments.data()) != go_on) {
                 return 2;
             }

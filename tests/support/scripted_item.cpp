@@ -157,9 +157,15 @@ int vexa_redirect_stderr_to_logfile()
     return plan.redirect_fails ? -1 : 0;
 }
 
-void confine_process()
+int confine_process()
 {
     log.calls.emplace_back("confine_process");
+    return plan.confinement_is_refused ? -1 : 0;
+}
+
+void confine_daemon()
+{
+    log.calls.emplace_back("confine_daemon");
 }
 
 int vexa_self_test()

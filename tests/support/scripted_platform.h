@@ -26,6 +26,7 @@ struct script {
     bool join_domain_fails = false;
     bool redirect_fails = false;
     bool self_test_fails = false;
+    bool confinement_is_refused = false;
     bool no_metadir = false;
     bool no_sock = false;
     bool no_meta = false;

@@ -36,13 +36,6 @@ struct ruleset_attributes {
     uint64_t scoped;
 };
 
-// 0 or less: not supported.
-int interface_version()
-{
-    return static_cast<int>(
-        syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION));
-}
-
 unique_fd create_ruleset(int version, bool abstract_sockets)
 {
     ruleset_attributes attributes = {known_file_rights(version), 0, 0};
@@ -129,12 +122,14 @@ std::vector<file_rule> file_rules(const item_places& places)
     std::vector<file_rule> rules;
     append(&rules, places.picture, LANDLOCK_ACCESS_FS_READ_FILE);
     append(&rules, places.metadata_folder, to_keep_files | LANDLOCK_ACCESS_FS_REMOVE_FILE);
-    append(&rules, places.socket_folder,
-           LANDLOCK_ACCESS_FS_MAKE_SOCK | LANDLOCK_ACCESS_FS_REMOVE_FILE, true);
+    append(&rules, places.socket_folder, LANDLOCK_ACCESS_FS_REMOVE_FILE, true);
     if (!places.domain_folder.empty()) {
         append_domain(&rules, places.domain_folder);
     }
-    append(&rules, places.core_folder, to_read_and_write | LANDLOCK_ACCESS_FS_MAKE_REG, false);
+    // The kernel writes the file with the rights of the process: without the first of these there is
+    // no file, without the second it stays empty.
+    append(&rules, places.core_folder, LANDLOCK_ACCESS_FS_MAKE_REG | LANDLOCK_ACCESS_FS_WRITE_FILE,
+           false);
     append(&rules, "/dev/null", to_read_and_write, false);
     append(&rules, "/dev/urandom", LANDLOCK_ACCESS_FS_READ_FILE, false);
     append(&rules, "/proc", to_read, false);
@@ -172,10 +167,17 @@ std::string core_folder(std::string_view pattern, uint64_t size_limit,
     return folder;
 }
 
+int landlock_version()
+{
+    const long version =
+        syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+    return version > 0 ? static_cast<int>(version) : 0;
+}
+
 bool restrict_files(const std::vector<file_rule>& rules, bool abstract_sockets)
 {
-    const int version = interface_version();
-    if (version < 1) {
+    const int version = landlock_version();
+    if (version == 0) {
         return false;
     }
     const unique_fd ruleset = create_ruleset(version, abstract_sockets);

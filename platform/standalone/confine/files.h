@@ -26,7 +26,7 @@ struct item_places {
     int metadata_folder = -1;
     std::string socket_folder = {};
     std::string domain_folder = {}; // may be created again, together with its registry
-    std::string core_folder = {};
+    std::string core_folder = {};   // where core files are written; they can be created, not read
     std::vector<std::string> memory_groups = {};
 };
 std::vector<file_rule> file_rules(const item_places& places);
@@ -41,9 +41,13 @@ uint64_t known_file_rights(int version);
 std::string core_folder(std::string_view pattern, uint64_t size_limit,
                         const std::string& working_folder);
 
+// The version of the kernel's interface; 0 when it has none.
+int landlock_version();
+
 // Applies the rules to this process and its children. Where the kernel supports it, TCP, signals to
 // other processes and, unless `abstract_sockets` is set, abstract sockets of others are forbidden,
-// too. False when the kernel cannot do this or does not permit it, and when a required rule fails;
+// too. False with errno when the kernel cannot do this or does not permit it, and when a
+// required rule fails;
 // nothing is in force then.
 bool restrict_files(const std::vector<file_rule>& rules, bool abstract_sockets);
 

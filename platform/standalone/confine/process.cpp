@@ -1,72 +1,188 @@
-#include <array>
-#include <climits>
-#include <cstdlib>
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <sys/prctl.h>
-#include <sys/resource.h>
-#include <unistd.h>
-#include <utility>
 #include <vector>
 
+#include "platform/cnb.h"
 #include "platform/confinement.h"
-#include "platform/standalone/cnb/cgroup_memory.h"
-#include "platform/standalone/cnb/domain.h"
+#include "platform/settings.h"
+#include "platform/standalone/base/error_line.h"
+#include "platform/standalone/cnb/default_buffer.h"
+#include "platform/standalone/cnb/file_size_bound.h"
 #include "platform/standalone/cnb/memory_bound.h"
-#include "platform/standalone/cnb/small_file.h"
 #include "platform/standalone/confine/calls.h"
+#include "platform/standalone/confine/capabilities.h"
 #include "platform/standalone/confine/files.h"
+#include "platform/standalone/confine/limits.h"
 #include "platform/standalone/confine/memory.h"
+#include "platform/standalone/confine/places.h"
 #include "platform/standalone/confine/sanitized_build.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/settings.h"
+#include "platform/standalone/report/document.h"
+#include "platform/standalone/report/status.h"
 
 namespace platform {
 
 namespace {
 
-std::string working_folder()
+// NOT_WANTED: it would hinder what the worker was asked to do, or the kernel does not have it and
+// another measure does the same.
+enum class outcome { IN_FORCE, REFUSED, NOT_WANTED };
+
+struct measure {
+    const char* name; // in the status document
+    outcome (*take)();
+};
+
+// What several measures depend on.
+struct circumstances {
+    bool no_new_privileges = false;
+    bool foreign_files = false;
+    int landlock = 0;             // version in force
+    const char* reason = nullptr; // of a refusal, when the error number does not say it
+};
+circumstances present;
+
+outcome taken(bool done)
 {
-    std::array<char, PATH_MAX> folder = {};
-    return getcwd(folder.data(), folder.size()) != nullptr ? folder.data() : "";
+    return done ? outcome::IN_FORCE : outcome::REFUSED;
 }
 
-std::string present_core_folder()
+outcome give_up_new_privileges()
 {
-    std::string pattern = read_small_file("/proc/sys/kernel/core_pattern");
-    pattern.resize(pattern.find_last_not_of('\n') + 1);
-    rlimit limit = {};
-    getrlimit(RLIMIT_CORE, &limit);
-    return core_folder(pattern, limit.rlim_cur, working_folder());
+    present.no_new_privileges = prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
+    return taken(present.no_new_privileges);
 }
 
-std::vector<std::string> memory_group_folders()
+outcome bound_address_space()
 {
-    std::vector<std::string> folders;
-    for (memory_cgroup& group : find_memory_cgroups(read_small_file("/proc/self/cgroup"),
-                                                    read_small_file("/proc/self/mountinfo"))) {
-        folders.push_back(std::move(group.folder));
+    return taken(limit_address_space(address_space_limit(present_memory_need())));
+}
+
+outcome bound_file_sizes()
+{
+    if (writes_foreign_files() || from_switches.core_files) {
+        return outcome::NOT_WANTED;
     }
-    return folders;
+    return taken(start_file_size_bound(cnb_largest_total(), largest_own_file()));
 }
 
-item_places present_places(const open_item& opened)
+outcome give_up_processes()
 {
-    item_places places;
-    places.picture = opened.picture.get();
-    places.metadata_folder = opened.folder.get();
-    places.domain_folder = cnb_domain_folder();
-    places.core_folder = present_core_folder();
-    places.memory_groups = memory_group_folders();
-    if (mode_serves()) {
-        places.socket_folder = socket_path().substr(0, socket_path().rfind('/') + 1);
+    return vexa_daemon ? outcome::NOT_WANTED : taken(forbid_processes());
+}
+
+outcome give_up_core_files()
+{
+    return from_switches.core_files ? outcome::NOT_WANTED : taken(forbid_core_files());
+}
+
+outcome give_up_inherited_descriptors()
+{
+    return taken(close_inherited_descriptors());
+}
+
+// Where the kernel does not know how, the filter for system calls refuses the same.
+outcome protect_memory()
+{
+    const int result = forbid_new_code();
+    return result == 0 ? outcome::NOT_WANTED : taken(result > 0);
+}
+
+outcome bound_files()
+{
+    const open_item* opened = opened_item();
+    if (opened == nullptr) {
+        return outcome::NOT_WANTED;
     }
-    return places;
+    present.foreign_files = has_foreign_files(*opened);
+    const int version = landlock_version();
+    const bool done = restrict_files(file_rules(present_places(*opened, from_switches.core_files)),
+                                     manager_has_abstract_socket());
+    present.landlock = done ? version : 0;
+    return taken(done);
 }
 
-bool manager_has_abstract_socket()
+outcome give_up_capabilities()
 {
-    const char* address = getenv("NOTIFY_SOCKET");
-    return address != nullptr && address[0] == '@';
+    const bool done = drop_capabilities(
+        {.foreign_files = present.foreign_files, .filters = !present.no_new_privileges});
+    if (done && present.foreign_files) {
+        present.reason = "the picture or its metadata belongs to another user";
+    }
+    return taken(done && !present.foreign_files && present.no_new_privileges);
+}
+
+outcome bound_calls()
+{
+    return taken(restrict_calls({.daemon = vexa_daemon,
+                                 .foreign_files = present.foreign_files,
+                                 .service_manager = has_service_manager()}));
+}
+
+// In this order: each needs something that a later one gives up.
+constexpr measure measures[] = {
+    {"no new privileges", give_up_new_privileges},
+    {"address space", bound_address_space},
+    {"file sizes", bound_file_sizes},
+    {"no processes", give_up_processes},
+    {"no core files", give_up_core_files},
+    {"no inherited descriptors", give_up_inherited_descriptors},
+    {"memory protection", protect_memory},
+    {"files", bound_files},
+    {"no capabilities", give_up_capabilities},
+    {"system calls", bound_calls},
+};
+
+struct refusal {
+    const char* measure = nullptr; // the first that was refused; null: none
+    std::string reason;
+};
+
+std::vector<shown_measure> in_force;
+
+// A process with a sanitizer can only give up new privileges.
+outcome take(const measure& one)
+{
+    if (sanitized_build && one.take != give_up_new_privileges) {
+        errno = EOPNOTSUPP;
+        return outcome::REFUSED;
+    }
+    return one.take();
+}
+
+refusal take_measures()
+{
+    refusal first;
+    present = {};
+    in_force.clear();
+    for (const measure& one : measures) {
+        errno = 0;
+        present.reason = nullptr;
+        const outcome result = take(one);
+        in_force.push_back({one.name, result == outcome::IN_FORCE});
+        if (result == outcome::REFUSED && first.measure == nullptr) {
+            first = {one.name, present.reason != nullptr ? present.reason : error_text(errno)};
+        }
+    }
+    return first;
+}
+
+bool is_in_force(const char* name)
+{
+    for (const shown_measure& each : in_force) {
+        if (strcmp(each.name, name) == 0) {
+            return each.in_force;
+        }
+    }
+    return false;
+}
+
+void show_measures()
+{
+    set_document_confinement(in_force, present.landlock);
 }
 
 } // namespace
@@ -75,16 +191,29 @@ bool manager_has_abstract_socket()
 
 using namespace platform;
 
-void confine_process()
+int confine_process()
 {
-    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-    if (sanitized_build) {
+    const refusal first = take_measures();
+    show_measures();
+    if (from_switches.require_confinement && first.measure != nullptr) {
+        error_line("Cannot confine the worker", first.measure, first.reason);
+        return -1;
+    }
+    if (!sanitized_build) {
+        start_memory_bound();
+    }
+    return 0;
+}
+
+void confine_daemon()
+{
+    if (!is_in_force("system calls") || !restrict_calls_of_daemon()) {
         return;
     }
-    limit_address_space(address_space_limit(present_memory_need()));
-    if (opened_item() != nullptr) {
-        restrict_files(file_rules(present_places(*opened_item())), manager_has_abstract_socket());
+    for (shown_measure& each : in_force) {
+        if (strcmp(each.name, "no processes") == 0) {
+            each.in_force = forbid_processes();
+        }
     }
-    restrict_calls(); // last, because it forbids the calls that the others need
-    start_memory_bound();
+    show_measures();
 }

@@ -13,6 +13,8 @@ namespace platform {
 struct switch_settings {
     std::string domain = default_cnb_domain;
     uint64_t domain_limit = default_cnb_limit; // bytes
+    bool core_files = false;                   // a crash may write a core file
+    bool require_confinement = false;          // without it the worker does not start
     // Settings from a switch are not overridden by the metadata.
     bool file_type_given = false;
     bool aspect_ratio_given = false;

@@ -41,6 +41,13 @@ bool take_flag(const char* /*text*/)
     return true;
 }
 
+template <bool switch_settings::*flag>
+bool take_switch(const char* /*text*/)
+{
+    from_switches.*flag = true;
+    return true;
+}
+
 bool take_file_type(const char* text)
 {
     from_switches.file_type_given = true;
@@ -204,6 +211,10 @@ const standard_switch standard_switches[] = {
      "aspect ratio of the picture, 0:0 its own", from_metadata},
     {"background-music", "on|off", take_background_music, "on or off",
      "whether music may play behind the picture", from_metadata},
+    {"core-files", nullptr, take_switch<&switch_settings::core_files>, nullptr,
+     "let a crash write a core file", off},
+    {"require-confinement", nullptr, take_switch<&switch_settings::require_confinement>, nullptr,
+     "end when the kernel refuses to confine the worker", off},
     {"status-fd", "N", take_status_fd, "the number of a descriptor open for writing",
      "where progress and readiness are told, as lines of JSON", none},
 };

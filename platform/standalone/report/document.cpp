@@ -42,6 +42,7 @@ constexpr uint64_t min_rebuild_interval_us = 10'000;
 
 std::vector<shown_entry> entries;
 json_object item_common;
+json_object confinement; // empty until the process has confined itself
 std::string document = "{}";
 bool changed = true;
 unstored_settings (*unstored_source)() = nullptr;
@@ -115,7 +116,7 @@ bool is_examined()
 json_object process_object()
 {
     examined_shown = is_examined();
-    return {
+    json_object object = {
         {"clients", whole_number(static_cast<uint64_t>(connected_clients))},
         {"examined", examined_shown},
         {"pid", static_cast<int>(getpid())},
@@ -124,6 +125,10 @@ json_object process_object()
         {"ready", ready_state()},
         {"version", STILLIMAGE_VERSION},
     };
+    if (!confinement.empty()) {
+        object["confinement"] = confinement;
+    }
+    return object;
 }
 
 json_object buffer_object()
@@ -214,6 +219,7 @@ void reset_document()
 {
     entries.clear();
     item_common.clear();
+    confinement.clear();
     document = "{}";
     changed = true;
     connected_clients = 0;
@@ -280,6 +286,15 @@ void set_document_item(const document_item& item)
         {"metadata folder", text_or_null(item.metadata_folder)},
         {"socket", text_or_null(item.socket)},
     };
+    changed = true;
+}
+
+void set_document_confinement(const std::vector<shown_measure>& measures, int landlock)
+{
+    confinement = {{"landlock", landlock}};
+    for (const shown_measure& measure : measures) {
+        confinement[measure.name] = measure.in_force;
+    }
     changed = true;
 }
 

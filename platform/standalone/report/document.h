@@ -65,6 +65,14 @@ const std::string* document_entry(std::string_view name);
 // Changes the value of an entry of the item in the document, or adds the entry.
 void set_document_entry(std::string_view name, std::string_view value);
 
+// One measure that confines the process; the name is not copied.
+struct shown_measure {
+    const char* name;
+    bool in_force;
+};
+// `landlock` is the version of the kernel's rules for files that are in force; 0: none.
+void set_document_confinement(const std::vector<shown_measure>& measures, int landlock);
+
 // Resets everything to the values at program start.
 void reset_document();
 

@@ -65,6 +65,7 @@ bool host_channel::open(int fd)
         fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
     is_socket_ = S_ISSOCK(status.st_mode);
+    is_file_ = S_ISREG(status.st_mode);
     return true;
 }
 

@@ -18,6 +18,7 @@ public:
     bool open(int fd);
     void close();
     bool is_open() const { return static_cast<bool>(fd_); }
+    bool is_file() const { return is_open() && is_file_; }
 
     // Queue a line and write as much as possible; `now_us` is the monotonic time. Texts are
     // printable, at most 512 bytes. While the host does not read, or its disk is full, the newest
@@ -49,6 +50,7 @@ private:
 
     unique_fd fd_;
     bool is_socket_ = false;
+    bool is_file_ = false;
     size_t written_ = 0; // bytes of the first queued line that are already written
     std::list<waiting_line> waiting_;
     bool failed_ = false;      // the last attempt failed with an error that may pass

@@ -78,6 +78,16 @@ bool open_status_channel(int fd)
     return host.open(fd);
 }
 
+bool status_channel_is_file()
+{
+    return host.is_file();
+}
+
+bool has_service_manager()
+{
+    return known_service_manager().is_open();
+}
+
 void flush_status()
 {
     if (host.has_waiting()) {

@@ -1,6 +1,7 @@
 // All restrictions together, and each of them where the system refuses another.
 #include <cerrno>
 #include <fcntl.h>
+#include <fstream>
 #include <functional>
 #include <initializer_list>
 #include <linux/landlock.h>
@@ -31,9 +32,21 @@ bool inet_sockets_are_refused()
     return !fd && errno == ENOSYS;
 }
 
+// The value after `key` in /proc/self/status.
+std::string kernel_value(const std::string& key)
+{
+    std::ifstream lines("/proc/self/status");
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(key)) {
+            return line.substr(line.find_first_not_of(" \t", key.size()));
+        }
+    }
+    return "";
+}
+
 bool has_no_new_privileges()
 {
-    return prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1;
+    return kernel_value("NoNewPrivs:") == "1";
 }
 
 bool address_space_is_limited()
@@ -80,7 +93,7 @@ protected:
     {
         return run_in_child([&] {
             EXPECT_TRUE(refused.size() == 0 || refuse_calls(refused));
-            confine_process();
+            EXPECT_EQ(confine_process(), 0);
             work();
             return testing::Test::HasFailure() ? 1 : 0;
         });
@@ -102,7 +115,7 @@ TEST_F(Confinement, AppliesAllRestrictionsSilently)
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(Confinement, KeepsThePictureItsMetadataAndCoreDumpsWorking)
+TEST_F(Confinement, KeepsThePictureAndItsMetadataWorking)
 {
     EXPECT_EQ(confined({},
                        [] {
@@ -112,7 +125,6 @@ TEST_F(Confinement, KeepsThePictureItsMetadataAndCoreDumpsWorking)
                            EXPECT_EQ(metadata_v4_metadata_context_write_metadata_to_file(
                                          vexa_metadata, vexa_meta, 0, nullptr),
                                      0);
-                           EXPECT_EQ(prctl(PR_GET_DUMPABLE, 0, 0, 0, 0), 1);
                        }),
               0);
 }
@@ -175,7 +187,7 @@ TEST_F(Confinement, ContinuesSilentlyWhenEverythingIsRefused)
 TEST(ConfinementWithoutAnItem, StillGivesUpPrivilegesAndCalls)
 {
     EXPECT_EQ(run_in_child([] {
-                  confine_process();
+                  EXPECT_EQ(confine_process(), 0);
                   EXPECT_TRUE(has_no_new_privileges());
                   EXPECT_EQ(inet_sockets_are_refused(), !platform::sanitized_build);
                   EXPECT_FALSE(foreign_files_are_refused());

@@ -305,6 +305,8 @@ TEST_F(Switches, HelpShowsEachSwitchWithItsDefault)
         {" --no-metadata-update ", "[metadata may be updated]"},
         {" --aspect-ratio N:D ", "[from the metadata]"},
         {" --background-music on|off ", "[from the metadata]"},
+        {" --core-files ", "[off]"},
+        {" --require-confinement ", "[off]"},
         {" --status-fd N ", "[none]"},
     };
     size_t found = 0;

@@ -56,6 +56,7 @@ TEST_F(Daemonize, HappensBetweenTheTwoLayoutsAndReopensTheServer)
     ASSERT_NE(begin, std::string::npos) << text;
     EXPECT_LT(text.find("CNB buffer stats:\n"), begin);
     EXPECT_GT(text.find("Using CNB buffer"), begin);
+    EXPECT_EQ(calls("confine_daemon"), 1);
     EXPECT_EQ(calls("comm_socket_v4_reopen_server"), 1);
     EXPECT_EQ(scripted::log.rebuilds, 3U); // after the write-back, in the child, and when ready
     ASSERT_TRUE(called.has_value());
@@ -80,6 +81,7 @@ TEST_F(Daemonize, IsSkippedByDefault)
     vexa_daemon = false;
     EXPECT_EQ(run_sequence(), 0);
     EXPECT_FALSE(called.has_value());
+    EXPECT_EQ(calls("confine_daemon"), 0);
     EXPECT_EQ(printed().find("Daemonizing"), std::string::npos);
 }
 

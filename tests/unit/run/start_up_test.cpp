@@ -207,6 +207,12 @@ TEST_F(StartUp, ConfinesTheProcessOnceAtTheEnd)
     EXPECT_EQ(scripted::log.calls.back(), "confine_process");
 }
 
+TEST_F(StartUp, RefusedConfinementEndsTheRun)
+{
+    scripted::plan.confinement_is_refused = true;
+    EXPECT_EQ(start({"--file", "p"}), 1);
+}
+
 TEST_F(StartUp, ShortRunsAreNotConfined)
 {
     start({"--file", "p", "--temp-clean-only"});

@@ -139,7 +139,7 @@ void send_many_descriptors(fake_peer& peer, uint64_t request)
 
 void send_many_events(fake_peer& peer, uint64_t request)
 {
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 500; ++i) {
         peer.send(encode(request, event{UINT_MAX, INT_MIN, INT_MAX, hostile_text}));
     }
 }

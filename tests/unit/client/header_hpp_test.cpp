@@ -240,6 +240,12 @@ TEST(ClientHpp, ConversionsMatchTheLibrary)
                   stillimage::to_png(rgb, STILLIMAGE_RGBA32, {9, 4});
               }).first,
               STILLIMAGE_ERROR_ARGUMENT);
+    const std::pair too_many(STILLIMAGE_ERROR_ARGUMENT,
+                             std::string("no memory can hold so many pixels"));
+    const stillimage::extent giant = {UINT32_MAX, UINT32_MAX};
+    EXPECT_EQ(thrown_by([&] { stillimage::to_png(rgb, STILLIMAGE_RGB24, giant); }), too_many);
+    EXPECT_EQ(thrown_by([&] { stillimage::to_pixels(served.picture, STILLIMAGE_RGBA32, giant); }),
+              too_many);
     const temporary_folder folder;
     const int fd = open(folder.path("p").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
     stillimage::write_png(served.picture, fd);

@@ -145,7 +145,7 @@ TEST_F(CapturedWorker, IsNotLookedIntoByOthersOfItsUser)
         GTEST_SKIP() << "needs root to see what the kernel's files of the process belong to";
     }
     std::filesystem::permissions(home.folder().path(), std::filesystem::perms::all);
-    const int status = run_without_privileges([this] {
+    const int status = run_without_privileges([] {
         const worker_home own;
         const worker served(own, captured_picture(), {});
         EXPECT_TRUE(served.wait_ready()) << served.printed();

@@ -193,7 +193,7 @@ TEST_F(GstAdversity, WaitingForAFrozenWorkerCanBeInterrupted)
 
 TEST_F(GstAdversity, TwentyStateChangesLeakNothing)
 {
-    const worker served(home, data("jpeg/peacock-420.jpg"));
+    const worker served(home, data("jpeg/peacock-420.jpg"), worker::may_be_inspected);
     ASSERT_TRUE(served.wait_ready());
     const pipeline played("stillimagesrc socket=" + served.socket() + " ! fakesink");
     size_t descriptors = 0;

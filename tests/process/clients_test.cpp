@@ -28,7 +28,7 @@ class Clients : public testing::Test {
 protected:
     void SetUp() override
     {
-        served = std::make_unique<worker>(home, picture);
+        served = std::make_unique<worker>(home, picture, worker::may_be_inspected);
         ASSERT_TRUE(served->wait_ready());
         // Count descriptors only after the worker has closed the connection of wait_ready(): each
         // connection takes one.

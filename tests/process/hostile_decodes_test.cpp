@@ -104,7 +104,7 @@ TEST_F(HostileDecodes, PictureOfTheLargestSizeIsServedFromASmallFile)
 // The decoder requests a mapping for each of the 30720 rows of the passes.
 TEST_F(HostileDecodes, InterlacedPictureOfTheLargestSizeIsMappedOnce)
 {
-    worker served(home, write("bomb.png", interlaced_png_bomb(16384)));
+    worker served(home, write("bomb.png", interlaced_png_bomb(16384)), worker::may_be_inspected);
     ASSERT_TRUE(served.wait_printed("Generating mipmap")); // after the first pass
     EXPECT_EQ(shared_mappings_of(served), 1U);
     ASSERT_TRUE(served.wait_printed("[final]", 120'000));

@@ -72,8 +72,9 @@ protected:
         std::ofstream(path, std::ios::binary)
             .write(reinterpret_cast<const char*>(file.data()),
                    static_cast<std::streamsize>(file.size()));
-        served = std::make_unique<worker>(home, path, std::vector<std::string>{"--slow-decode"},
-                                          environment);
+        std::vector<std::string> switches = worker::may_be_inspected;
+        switches.emplace_back("--slow-decode");
+        served = std::make_unique<worker>(home, path, switches, environment);
     }
 
     // With STOPPING_PAUSES: lets the worker run until it stops again. False when it has ended.

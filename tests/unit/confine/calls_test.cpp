@@ -9,6 +9,7 @@
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -35,6 +36,7 @@ protected:
         if (platform::sanitized_build) {
             GTEST_SKIP() << "sanitizers need more system calls";
         }
+        prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0); // without it only root may restrict itself
         if (run_in_child([] { return platform::restrict_calls({}) ? 0 : 1; }) != 0) {
             GTEST_SKIP() << "this kernel cannot filter system calls";
         }

@@ -3,16 +3,20 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/unique_fd.h"
 #include "platform/standalone/confine/sanitized_build.h"
 #include "tests/attack/captured.h"
 #include "tests/support/child_process.h"
 #include "tests/support/kernel_features.h"
+#include "tests/support/refused_calls.h"
 #include "tests/support/worker_client.h"
 
 using testing::ElementsAre;
@@ -313,6 +317,113 @@ TEST_F(CapturedWorker, WritesNoLargeFilesOnceTheBufferIsReserved)
     EXPECT_NE(log.find(":" + most + ": allowed\n"), std::string::npos) << log;
     EXPECT_NE(log.find(":" + more + ": refused EFBIG\n"), std::string::npos) << log;
     EXPECT_NE(log.find("grow_memory_file 1000000: refused EPERM\n"), std::string::npos) << log;
+}
+
+// --- what SECURITY.md says that it can still do -------------------------------------------------
+
+TEST_F(CapturedWorker, MayUseItsPictureItsFolderAndTheSystemsInformation)
+{
+    home.folder().write("meta/metadata", "");
+    const std::vector<std::string> attempts = {
+        "read " + captured_picture(),          "read /proc/meminfo",
+        "write " + home.path("meta/metadata"), "remove " + home.path("meta/metadata"),
+        "create " + home.path("meta/file"),    "private_memory 1000000"};
+    EXPECT_THAT(possible(attempts), testing::SizeIs(attempts.size()));
+}
+
+TEST_F(CapturedWorker, SendsDatagramsOnlyWhenItHasAServiceManager)
+{
+    const auto bound = [](const std::string& path) {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return fd;
+    };
+    const unique_fd manager = bound(home.path("manager"));
+    const unique_fd other = bound(home.path("other"));
+    const std::string attempt = "datagram_from_open_socket " + home.path("other");
+    EXPECT_THAT(possible({attempt}), nothing);
+    worker::setting how = setting();
+    how.more_environment = {"NOTIFY_SOCKET=" + home.path("manager")};
+    const worker notifying(home, captured(how, {attempt}));
+    EXPECT_THAT(results_of(notifying, {attempt}), ElementsAre(Pair(attempt, "allowed")));
+}
+
+TEST_F(CapturedWorker, MayStartConfinedProcessesBeforeItIsInTheBackground)
+{
+    EXPECT_THAT(possible({"fork", "thread", "execute /bin/true"}, {"--daemon"}),
+                ElementsAre("fork: allowed"));
+}
+
+// Makes the attempts where the kernel refuses these calls to the worker.
+attack_results attempts_without(std::initializer_list<const char*> refused, const worker_home& home,
+                                const worker::setting& how,
+                                const std::vector<std::string>& attempts)
+{
+    attack_results results;
+    EXPECT_TRUE(refuse_calls(refused));
+    const worker started(home, captured(how, attempts));
+    results = results_of(started, attempts);
+    EXPECT_EQ(results.size(), attempts.size());
+    return results;
+}
+
+TEST_F(CapturedWorker, ReadsItsUsersFilesWithoutRulesForFiles)
+{
+    home.folder().write("letter", "private");
+    const std::string letter = "read " + home.path("letter");
+    EXPECT_EQ(run_in_child([&] {
+                  const auto results =
+                      attempts_without({"landlock_create_ruleset"}, home, setting(),
+                                       {letter, "execute /bin/true", "local_socket"});
+                  EXPECT_EQ(results.at(letter), "allowed");
+                  EXPECT_EQ(results.at("execute /bin/true"), "refused ENOSYS");
+                  EXPECT_EQ(results.at("local_socket"), "refused ENOSYS");
+                  return testing::Test::HasFailure() ? 1 : 0;
+              }),
+              0);
+}
+
+TEST_F(CapturedWorker, ConnectsButRunsNoProgramWithoutAFilterForSystemCalls)
+{
+    if (landlock == 0) {
+        GTEST_SKIP() << "this kernel has no rules for files";
+    }
+    EXPECT_EQ(run_in_child([&] {
+                  const auto results =
+                      attempts_without({"seccomp", set_seccomp_call}, home, setting(),
+                                       {"execute /bin/true", "local_socket", "read /etc/passwd"});
+                  EXPECT_EQ(results.at("execute /bin/true"), "refused EACCES");
+                  EXPECT_EQ(results.at("local_socket"), "allowed");
+                  EXPECT_EQ(results.at("read /etc/passwd"), "refused EACCES");
+                  return testing::Test::HasFailure() ? 1 : 0;
+              }),
+              0);
+}
+
+TEST_F(CapturedWorker, OfRootWithAnotherUsersPictureChangesItsMode)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root may read another user's picture";
+    }
+    const std::string copy = home.path("picture.png");
+    std::filesystem::copy_file(captured_picture(), copy);
+    ASSERT_EQ(chown(copy.c_str(), unprivileged_user, unprivileged_user), 0);
+    ASSERT_EQ(chmod(copy.c_str(), 0600), 0);
+    worker::setting how = setting();
+    how.arguments[1] = copy;
+    const std::vector<std::string> attempts = {"change_mode_of_open " + copy};
+    const worker started(home, captured(how, attempts));
+    EXPECT_EQ(results_of(started, attempts).at(attempts[0]), "allowed");
+    how.arguments.emplace_back("--require-confinement");
+    how.arguments[3] = home.path("sockets/strict");
+    const ended_worker strict = run_worker(home, how);
+    EXPECT_EQ(strict.status, 1);
+    EXPECT_THAT(strict.printed,
+                testing::EndsWith("Cannot confine the worker 'no capabilities': the picture or "
+                                  "its metadata belongs to another user\n"));
 }
 
 } // namespace

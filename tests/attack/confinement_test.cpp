@@ -299,6 +299,14 @@ TEST_F(CapturedWorker, GrowsItsBufferNoFurtherThanTheDomainsLimit)
     EXPECT_NE(log.find("grow_memory_file 4096: allowed\n"), std::string::npos) << log;
 }
 
+// Its messages go into a file of somebody else, which may be of any size.
+TEST_F(CapturedWorker, GrowsItsBufferFurtherWhenItsMessagesGoIntoAFile)
+{
+    EXPECT_THAT(
+        possible({"grow_memory_file " + std::to_string(65 * mebibyte)}, {"--domain-limit", "64M"}),
+        testing::SizeIs(1));
+}
+
 TEST_F(CapturedWorker, WritesNoLargeFilesOnceTheBufferIsReserved)
 {
     const std::string file = home.path("meta/large");

@@ -116,6 +116,19 @@ std::string_view take_last_line(std::string_view& text)
 
 } // namespace
 
+bool read_portion(int fd, std::string* output)
+{
+    constexpr int max_pieces = 16;
+    char piece[4096];
+    ssize_t got = 1;
+    for (int pieces = 0; pieces < max_pieces && got > 0; ++pieces) {
+        got = read(fd, piece, sizeof piece);
+        output->append(piece, got > 0 ? static_cast<size_t>(got) : 0);
+        output->erase(0, output->size() - std::min(output->size(), max_output));
+    }
+    return got != 0;
+}
+
 std::string started_worker::program()
 {
     const char* named = getenv("STILLIMAGE_PROGRAM");
@@ -142,15 +155,7 @@ void started_worker::read_output(int wait_ms)
     if (ended_ || poll(&waiting, 1, wait_ms) <= 0) {
         return;
     }
-    char piece[4096];
-    ssize_t got = 0;
-    while ((got = read(pipe_.get(), piece, sizeof piece)) > 0) {
-        output_.append(piece, static_cast<size_t>(got));
-        if (output_.size() > max_output) {
-            output_.erase(0, output_.size() - max_output);
-        }
-    }
-    ended_ = got == 0;
+    ended_ = !read_portion(pipe_.get(), &output_);
 }
 
 bool started_worker::other_worker_serves() const

@@ -6,6 +6,10 @@
 
 #include "common/unique_fd.h"
 
+// Appends what can be read from `fd` without waiting to *output, of which it keeps the last 16 KiB.
+// Reads 64 KiB at most, since a worker may write faster than they are read. False at the end.
+bool read_portion(int fd, std::string* output);
+
 class started_worker {
 public:
     // Returns 0, or an errno if the program cannot be found or run.

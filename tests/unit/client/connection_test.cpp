@@ -1,10 +1,12 @@
 // The library against workers that behave, misbehave, stop answering or die.
+#include <fcntl.h>
 #include <future>
 #include <string>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "client/started_worker.h"
 #include "tests/support/child_process.h"
 #include "tests/support/fake_worker.h"
 #include "tests/support/open_descriptors.h"
@@ -311,6 +313,33 @@ TEST(ClientChanges, WaitForReadinessEndsAtTheTimeLimitOrWithTheWorker)
     EXPECT_EQ(stillimage_wait_ready(connection.client, 0, silence_ms), STILLIMAGE_ERROR_TIMEOUT);
     EXPECT_EQ(stillimage_ping(connection.client, patience_ms), STILLIMAGE_ERROR_NO_WORKER);
     EXPECT_EQ(stillimage_wait_ready(connection.client, 0, -1), STILLIMAGE_ERROR_NO_WORKER);
+}
+
+// --- output of a started worker ------------------------------------------------------------------
+
+TEST(StartedWorkerOutput, IsReadInPortionsHoweverMuchThereIs)
+{
+    constexpr size_t kept = 16'384;
+    const unique_fd endless(open("/dev/zero", O_RDONLY | O_CLOEXEC));
+    std::string output = "first";
+    EXPECT_TRUE(read_portion(endless.get(), &output));
+    EXPECT_EQ(output, std::string(kept, '\0'));
+}
+
+TEST(StartedWorkerOutput, EndIsNotTheSameAsSilence)
+{
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    const unique_fd reading(ends[0]);
+    unique_fd writing(ends[1]);
+    std::string output = "before ";
+    EXPECT_TRUE(read_portion(reading.get(), &output));
+    ASSERT_EQ(write(writing.get(), "text", 4), 4);
+    EXPECT_TRUE(read_portion(reading.get(), &output));
+    EXPECT_EQ(output, "before text");
+    writing.reset();
+    EXPECT_FALSE(read_portion(reading.get(), &output));
+    EXPECT_EQ(output, "before text");
 }
 
 // --- arguments -----------------------------------------------------------------------------------

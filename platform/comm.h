@@ -13,7 +13,7 @@ struct common_pkt_parsing;    // the parsed head of a client's request
 void comm_socket_v4_server_from_client_readable(comm_socket_v4_server* server,
                                                 uint64_t deadline_us);
 
-// A daemonised child takes over the listening socket that it has inherited: it removes the file at its
-// end, and new connections carry its process id. Connections that are accepted or waiting are kept.
-// 0 or -1.
+// A daemonised child takes over the listening socket that it has inherited: it removes the file at
+// its end, and new connections carry its process id. Connections that are accepted or waiting are
+// kept. 0 or -1.
 int comm_socket_v4_reopen_server(comm_socket_v4_server* server);

@@ -7,9 +7,9 @@
 // picture. docs/item.md lists what remains possible.
 //
 // Each measure is applied separately, as far as the kernel and the environment permit; the status
-// document says which are in force. 0; -1 with one line when a measure is refused that the user has
-// required (--require-confinement), and the process must not go on then. Forked children inherit the
-// limits.
+// document says which are in force. Returns 0. Returns -1 after one line when a measure is refused
+// and the user requires confinement (--require-confinement); the process must then end. Forked
+// children inherit the limits.
 int confine_process();
 
 // To be called by a daemonised child: gives up what only going to the background needed.

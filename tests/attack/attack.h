@@ -1,5 +1,5 @@
-// What a captured worker may try. The library is preloaded into a real worker and acts in the place of
-// a fault in a codec, after the worker has confined itself.
+// What a captured worker may try. The library is preloaded into a real worker and acts in the place
+// of a fault in a codec, after the worker has confined itself.
 #pragma once
 
 #include <span>

@@ -55,7 +55,8 @@ bool is_memory_file(int fd)
            std::string(target).starts_with("/memfd:");
 }
 
-// Grows a memory file that the worker has open to the size, and shrinks it again. ENOENT: it has none.
+// Grows a memory file that the worker has open to the size, and shrinks it again. ENOENT: it has
+// none.
 int grow_memory_file(const std::string& bytes)
 {
     constexpr int highest = 256;

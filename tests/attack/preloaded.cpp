@@ -1,7 +1,7 @@
 // Makes the attempts that the variable ATTACKS lists, one a line: a name, and after a space its
-// argument. Each prints "NAME ARGUMENT: allowed" or "NAME ARGUMENT: refused" and the error on standard
-// error. ATTACKS_AT says when: `examination` (the default) or `decoding`, which a daemon does in the
-// background.
+// argument. Each prints "NAME ARGUMENT: allowed" or "NAME ARGUMENT: refused" and the error on
+// standard error. ATTACKS_AT says when: `examination` (the default) or `decoding`, which a daemon
+// does in the background.
 #include <array>
 #include <cerrno>
 #include <cstdlib>

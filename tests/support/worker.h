@@ -58,8 +58,8 @@ public:
     worker& operator=(const worker&) = delete;
     ~worker(); // kills the process when it still runs
 
-    // A switch for tests that read the memory maps or the open descriptors of the process. The kernel
-    // shows those of a confined worker to root only.
+    // A switch for tests that read the memory maps or the open descriptors of the process. The
+    // kernel shows those of a confined worker to root only.
     inline static const std::vector<std::string> may_be_inspected = {"--core-files"};
 
     pid_t pid() const { return pid_; }

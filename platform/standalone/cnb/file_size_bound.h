@@ -6,9 +6,9 @@
 
 namespace platform {
 
-// From now on no file may exceed the larger of these sizes in bytes, and once the buffer is reserved
-// no file may exceed `files`. A lower inherited limit is kept. False with errno when the kernel
-// refuses.
+// From now on no file may exceed the larger of these sizes in bytes, and once the buffer is
+// reserved no file may exceed `files`. A lower inherited limit is kept. False with errno when the
+// kernel refuses.
 bool start_file_size_bound(uint64_t buffer, uint64_t files);
 
 // The buffer is reserved. Does nothing when no bound has been started.

@@ -94,8 +94,8 @@ constexpr const char* allowed_calls[] = {
     "umask",
     "unlink",
     "unlinkat",
-    // existing sockets: no socket is made, bound or connected any more, so that no other program can be
-    // reached
+    // existing sockets: no socket is made, bound or connected any more, so that no other program
+    // can be reached
     "accept",
     "accept4",
     "getpeername",
@@ -232,8 +232,8 @@ constexpr unsigned flags_of_clone = 1;
 constexpr unsigned flags_of_clone = 0;
 #endif
 
-// daemon() starts a child that leaves the session and goes to the root folder. There a further filter
-// takes all of these away.
+// daemon() starts a child that leaves the session and goes to the root folder. There a further
+// filter takes all of these away.
 constexpr const char* calls_of_daemon[] = {"chdir", "fork", "seccomp", "setsid"};
 constexpr const char* calls_for_foreign_files[] = {"fchmod", "fchown", "fchown32"};
 

@@ -126,8 +126,8 @@ std::vector<file_rule> file_rules(const item_places& places)
     if (!places.domain_folder.empty()) {
         append_domain(&rules, places.domain_folder);
     }
-    // The kernel writes the file with the rights of the process: without the first of these there is
-    // no file, without the second it stays empty.
+    // The kernel writes the file with the rights of the process: without the first of these there
+    // is no file, without the second it stays empty.
     append(&rules, places.core_folder, LANDLOCK_ACCESS_FS_MAKE_REG | LANDLOCK_ACCESS_FS_WRITE_FILE,
            false);
     append(&rules, "/dev/null", to_read_and_write, false);

@@ -9,6 +9,7 @@
 #include "platform/run_state.h"
 #include "platform/serving.h"
 #include "platform/settings.h"
+#include "platform/standalone/base/freed_memory.h"
 #include "platform/standalone/clients/service.h"
 #include "platform/standalone/clients/settings.h"
 #include "platform/standalone/cnb/domain.h"
@@ -113,6 +114,7 @@ void vexa_idle_housekeeping()
     note_lost_messages(now_us);
     store_waiting_settings(now_us);
     answer_waiting_settings(now_us);
+    give_freed_memory_back(now_us);
 }
 
 // Removes the socket before the lock that protects it is released; closes the log last.

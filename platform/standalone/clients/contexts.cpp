@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "platform/standalone/base/freed_memory.h"
 #include "platform/standalone/clients/frames.h"
 #include "platform/standalone/clients/requests.h"
 #include "platform/standalone/comm/connection.h"
@@ -84,6 +85,7 @@ void forget_client(comm_socket_v4_client& connection)
     vexa_client_contexts.tracked.erase(id);
     records.erase(id);
     clients_changed();
+    note_freed_memory();
 }
 
 void reset_client_numbers()

@@ -103,7 +103,7 @@ bool answer_queue::goes_on(channel_result result)
 
 bool answer_queue::flush(packet_channel& channel, uint64_t now_us)
 {
-    while (!entries_.empty()) {
+    for (size_t packets = 0; packets < max_packets_at_once && !entries_.empty(); ++packets) {
         const channel_result result = send_front(channel);
         if (result != channel_result::DONE) {
             return goes_on(result);

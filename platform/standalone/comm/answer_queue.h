@@ -40,7 +40,9 @@ public:
     bool send_event(packet_channel& channel, uint64_t request, uint32_t changes,
                     const event_state& state, uint64_t now_us);
 
-    // Sends queued packets. Returns as above.
+    // Sends queued packets, a bounded number of them even if the channel accepts more: large
+    // documents for some clients must not delay the others. Returns as above.
+    static constexpr size_t max_packets_at_once = 4;
     bool flush(packet_channel& channel, uint64_t now_us);
 
     // Why the last call returned false.

@@ -15,6 +15,7 @@
 #include "platform/settings.h"
 #include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/metadata/metadata_list.h"
+#include "platform/standalone/report/document_entries.h"
 #include "platform/standalone/report/status.h"
 #include "platform/time.h"
 #include "wire/utf8.h"
@@ -29,18 +30,12 @@ namespace {
 
 using json_object = std::map<std::string, json11::Json>;
 
-struct shown_entry {
-    std::string name;
-    std::string value;
-    int tag;
-};
-
 constexpr size_t max_item_text = 8192; // bytes of a path or name, before conversion to UTF-8
-// The part of the document that the entries may use. The other members stay far below the rest.
-constexpr size_t entries_limit = max_status_document / 2;
+// The members besides the entries stay far below the rest.
+static_assert(max_document_entries <= max_status_document / 2);
+constexpr const char* entries_member = "metadata";
 constexpr uint64_t min_rebuild_interval_us = 10'000;
 
-std::vector<shown_entry> entries;
 json_object item_common;
 json_object confinement; // empty until the process has confined itself
 std::string document = "{}";
@@ -77,20 +72,6 @@ json11::Json whole_number(uint64_t number)
 json11::Json ratio(const int_rational& value)
 {
     return json11::Json::array{whole_number(value.numerator), whole_number(value.denominator)};
-}
-
-// Size of `text` as a JSON string in bytes, including the quotes.
-size_t json_size(std::string_view text)
-{
-    size_t size = 2;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        // Control characters become \u00XX; a byte of U+2028 or U+2029, or one that is replaced,
-        // counts the same.
-        const bool may_grow = byte < 0x20 || byte >= 0x80;
-        size += may_grow ? 6 : (c == '"' || c == '\\' ? 2 : 1);
-    }
-    return size;
 }
 
 // --- members ------------------------------------------------------------------------------------
@@ -143,23 +124,6 @@ json_object buffer_object()
     };
 }
 
-void add_entries(json_object* target)
-{
-    json11::Json::array shown;
-    size_t size = 0;
-    for (const shown_entry& entry : entries) {
-        size += json_size(entry.name) + json_size(entry.value) + 64;
-        if (size > entries_limit) {
-            (*target)["metadata cut"] = true;
-            break;
-        }
-        shown.push_back(json_object{{"name", wire::to_utf8(entry.name)},
-                                    {"tag", entry.tag},
-                                    {"value", wire::to_utf8(entry.value)}});
-    }
-    (*target)["metadata"] = std::move(shown);
-}
-
 void add_unstored(json_object* target)
 {
     if (unstored_source == nullptr) {
@@ -179,12 +143,28 @@ void add_unstored(json_object* target)
                     {"reason", wire::to_utf8(unstored.reason)}};
 }
 
-shown_entry* find_entry(std::string_view name)
+// The document as text. The entries are joined from their own texts, because they are by far the
+// largest part and seldom change.
+std::string text_of(json_object members)
 {
-    const auto found = std::find_if(entries.begin(), entries.end(), [name](const auto& entry) {
-        return entry.tag == -1 && entry.name == name;
-    });
-    return found != entries.end() ? &*found : nullptr;
+    std::string entries;
+    if (!append_document_entries(&entries)) {
+        members["metadata cut"] = true;
+    }
+    members[entries_member] = nullptr; // its place among the others
+    std::string text = "{";
+    for (const auto& [name, value] : members) {
+        text += text.size() == 1 ? "\"" : ", \"";
+        text += name;
+        text += "\": ";
+        if (name == entries_member) {
+            text += entries;
+        } else {
+            value.dump(text);
+        }
+    }
+    text += '}';
+    return text;
 }
 
 bool out_of_date()
@@ -201,23 +181,18 @@ bool rebuild_is_due(uint64_t now_us)
 
 const std::string* document_entry(std::string_view name)
 {
-    const shown_entry* entry = find_entry(name);
-    return entry != nullptr ? &entry->value : nullptr;
+    return shown_document_entry(name);
 }
 
 void set_document_entry(std::string_view name, std::string_view value)
 {
-    if (shown_entry* entry = find_entry(name); entry != nullptr) {
-        entry->value = value;
-    } else {
-        entries.push_back({std::string(name), std::string(value), -1});
-    }
+    change_document_entry(name, value);
     changed = true;
 }
 
 void reset_document()
 {
-    entries.clear();
+    clear_document_entries();
     item_common.clear();
     confinement.clear();
     document = "{}";
@@ -310,13 +285,13 @@ using namespace platform;
 // The entries are copied, because the list is closed when the metadata has been written back.
 void meta_to_json(metadata_v4_metadata_context* list)
 {
-    entries.clear();
+    clear_document_entries();
     const size_t count = metadata_v4_metadata_context_entry_count(list);
     for (size_t i = 0; i < count; ++i) {
         const metadata_v4_entry* entry = metadata_v4_metadata_context_read_entry(list, i);
         if (entry != nullptr) {
-            entries.push_back({std::string(entry->name, entry->name_length),
-                               std::string(entry->value, entry->value_length), entry->tag});
+            append_document_entry({entry->name, entry->name_length},
+                                  {entry->value, entry->value_length}, entry->tag);
         }
     }
     changed = true;
@@ -329,14 +304,13 @@ void rebuild_json()
         {"item", item_object()},
         {"process", process_object()},
     };
-    add_entries(&members);
     add_unstored(&members);
     if (vexa_on_json_build != nullptr) {
         vexa_on_json_build(members, no_context_id);
     }
     json_next_xmit_rebuild = false;
     changed = false;
-    std::string text = json11::Json(members).dump();
+    std::string text = text_of(std::move(members));
     if (text != document) {
         document = std::move(text);
         ++generation;

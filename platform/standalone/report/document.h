@@ -59,7 +59,7 @@ struct unstored_settings {
 // Each rebuild calls this function for the unstored metadata. Null: there is none.
 void set_unstored_source(unstored_settings (*source)());
 
-// The value of the item's entry `name` in the document, or null when it has none.
+// The value of the item's entry `name` in the document, or null when it is not there.
 const std::string* document_entry(std::string_view name);
 
 // Changes the value of an entry of the item in the document, or adds the entry.

@@ -232,9 +232,10 @@ const std::string& platform::socket_path()
     return state.socket;
 }
 
-void platform::store_waiting_settings(uint64_t /*now_us*/)
+int platform::store_waiting_settings(uint64_t /*now_us*/)
 {
     ++state.settings_looked_at;
+    return 0;
 }
 
 void platform::flush_status()

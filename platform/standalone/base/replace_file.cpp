@@ -55,15 +55,15 @@ replaced_file find_replaced(int folder, const char* name)
 constexpr mode_t rights = 0777;
 
 // Created with the rights of the old file, because a confined process cannot change them later.
-unique_fd create_temporary(int folder, const char* name, mode_t mode, const replaced_file& old,
-                           const file_operations& operations)
+int open_temporary(int folder, const char* name, mode_t mode, const replaced_file& old,
+                   const file_operations& operations)
 {
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
     if (!old.exists) {
-        return unique_fd(operations.open_at(folder, name, flags, mode));
+        return operations.open_at(folder, name, flags, mode);
     }
     const mode_t kept_mask = umask(0);
-    unique_fd fd(operations.open_at(folder, name, flags, old.status.st_mode & rights));
+    const int fd = operations.open_at(folder, name, flags, old.status.st_mode & rights);
     umask(kept_mask);
     return fd;
 }
@@ -88,34 +88,43 @@ int take_over_attributes(const struct stat& old, int fd, const file_operations& 
     return gives_more ? -1 : 0;
 }
 
-int fill_temporary(const replaced_file& old, int fd, std::string_view contents,
-                   replace_failure* failure, const file_operations& operations)
+} // namespace
+
+int create_temporary(int folder, const char* name, mode_t mode, std::string* temporary,
+                     replace_failure* failure, const file_operations& operations)
 {
-    if (write_all(fd, contents, operations) != 0) {
-        return fail(failure, "write");
-    }
+    *temporary = std::string(name) + std::string(temporary_mark) + random_hex(random_name_bytes);
+    const int fd =
+        open_temporary(folder, temporary->c_str(), mode, find_replaced(folder, name), operations);
+    return fd < 0 ? fail(failure, "create") : fd;
+}
+
+int append_contents(int fd, std::string_view contents, replace_failure* failure,
+                    const file_operations& operations)
+{
+    return write_all(fd, contents, operations) == 0 ? 0 : fail(failure, "write");
+}
+
+int complete_temporary(int folder, const char* name, int fd, replace_failure* failure,
+                       const file_operations& operations)
+{
+    const replaced_file old = find_replaced(folder, name);
     if (old.exists && take_over_attributes(old.status, fd, operations) != 0) {
         return fail(failure, "set the mode of");
     }
-    if (operations.sync(fd) != 0) {
-        return fail(failure, "sync");
-    }
-    return 0;
+    return operations.sync(fd) == 0 ? 0 : fail(failure, "sync");
 }
-
-} // namespace
 
 int write_temporary(int folder, const char* name, std::string_view contents, mode_t mode,
                     std::string* temporary, replace_failure* failure,
                     const file_operations& operations)
 {
-    *temporary = std::string(name) + std::string(temporary_mark) + random_hex(random_name_bytes);
-    const replaced_file old = find_replaced(folder, name);
-    const unique_fd fd = create_temporary(folder, temporary->c_str(), mode, old, operations);
+    const unique_fd fd(create_temporary(folder, name, mode, temporary, failure, operations));
     if (!fd) {
-        return fail(failure, "create");
+        return -1;
     }
-    if (fill_temporary(old, fd.get(), contents, failure, operations) != 0) {
+    if (append_contents(fd.get(), contents, failure, operations) != 0 ||
+        complete_temporary(folder, name, fd.get(), failure, operations) != 0) {
         (void)operations.unlink_at(folder, temporary->c_str());
         return -1;
     }

@@ -36,6 +36,16 @@ int write_temporary(int folder, const char* name, std::string_view contents, mod
 int put_in_place(int folder, const char* temporary, const char* name, replace_failure* failure,
                  const file_operations& operations = system_file_operations);
 
+// The first half in parts, for a caller that writes the contents in steps. The first returns the
+// open temporary file; the second gives it the attributes of the file that it replaces, and syncs
+// it. On failure -1, and the caller removes the file.
+int create_temporary(int folder, const char* name, mode_t mode, std::string* temporary,
+                     replace_failure* failure, const file_operations& operations);
+int complete_temporary(int folder, const char* name, int fd, replace_failure* failure,
+                       const file_operations& operations);
+int append_contents(int fd, std::string_view contents, replace_failure* failure,
+                    const file_operations& operations);
+
 // Names of temporary files are `name`, this mark and random digits. A process that dies may leave
 // one behind.
 inline constexpr std::string_view temporary_mark = ".tmp-";

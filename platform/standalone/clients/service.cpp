@@ -117,7 +117,7 @@ int one_round(comm_socket_v4_server& server)
     work += run_round(server, now_us);
     // Decoding and waiting for the buffer take long, so settings are also written here: their
     // clients wait for it.
-    store_waiting_settings(now_us);
+    work += store_waiting_settings(now_us);
     flush_status();
     work += answer_waiting_settings(now_us);
     work += send_changes(server, now_us);

@@ -3,22 +3,27 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <ctime>
 #include <map>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/item_metadata.h"
 #include "platform/settings.h"
 #include "platform/standalone/base/checked_math.h"
 #include "platform/standalone/base/error_line.h"
+#include "platform/standalone/base/freed_memory.h"
 #include "platform/standalone/item/derived.h"
 #include "platform/standalone/item/values.h"
-#include "platform/standalone/metadata/metadata_file.h"
 #include "platform/standalone/metadata/metadata_list.h"
 #include "platform/standalone/metadata/metadata_names.h"
 #include "platform/standalone/metadata/metadata_text.h"
 #include "platform/standalone/metadata/pending_files.h"
+#include "platform/standalone/metadata/stored_update.h"
 #include "platform/standalone/report/document.h"
+#include "platform/standalone/report/document_entries.h"
 #include "platform/time.h"
 #include "wire/protocol.h"
 
@@ -30,8 +35,7 @@ namespace names = metadata_name;
 
 constexpr uint64_t write_delay_us = 1'000'000;
 constexpr uint64_t max_delay_us = 600'000'000;
-// Serving stops while the worker waits for the lock of the metadata file, so the wait is short.
-constexpr uint64_t lock_wait_us = 20'000;
+constexpr uint64_t lock_wait_us = 2'000'000;
 constexpr uint64_t last_lock_wait_us = 200'000; // at the end of the worker
 constexpr size_t max_new_names = 256;           // limit of names that clients may add in one run
 
@@ -62,7 +66,7 @@ bool may_be_set(std::string_view name, const std::string& value)
 // False when clients have added the maximum number of names.
 bool take_into_document(std::string_view name, const std::string& value)
 {
-    if (document_entry(name) == nullptr) {
+    if (!has_document_entry(name)) {
         if (new_names >= max_new_names) {
             return false;
         }
@@ -92,11 +96,14 @@ enum class place {
 struct waiting_setting {
     std::string value;
     place where = place::NOWHERE;
+    bool being_written = false; // this value is in the new text of the file
 };
 
 std::map<std::string, waiting_setting, std::less<>> waiting; // by name, not yet in the file
 size_t waiting_bytes = 0;                                    // of their names and values
-pending_file own_pending;
+pending_file own_pending;                                    // to which settings are appended
+std::vector<pending_file> closed_pending;                    // the part of it that a write merges
+std::unique_ptr<stored_update> update;                       // the write that is going on
 std::string last_failure; // why something could not be stored; empty: the last write succeeded
 uint64_t due_us = 0;      // when to write; meaningful while something waits
 uint64_t delay_us = write_delay_us;
@@ -105,6 +112,15 @@ void forget_waiting()
 {
     waiting.clear();
     waiting_bytes = 0;
+}
+
+uint64_t closed_bytes()
+{
+    uint64_t bytes = 0;
+    for (const pending_file& file : closed_pending) {
+        bytes += pending_size(file);
+    }
+    return bytes;
 }
 
 bool may_store()
@@ -132,7 +148,7 @@ bool save(const std::string& name, waiting_setting* setting)
     std::string record;
     append_set_record(&record, name, setting->value);
     std::string reason;
-    switch (append_pending(opened_item()->store, &own_pending, record, &reason)) {
+    switch (append_pending(opened_item()->store, &own_pending, record, &reason, closed_bytes())) {
     case append_result::APPENDED:
         setting->where = place::PENDING_FILE;
         return true;
@@ -160,9 +176,19 @@ void save_others()
 
 void look_after_lost_file()
 {
-    if (pending_file_is_lost(own_pending)) {
+    const bool lost = pending_file_is_lost(own_pending);
+    const bool closed_lost =
+        update == nullptr &&
+        std::any_of(closed_pending.begin(), closed_pending.end(),
+                    [](const auto& file) { return pending_file_is_lost(file); });
+    if (lost) {
         own_pending = pending_file();
-        for (auto& [name, setting] : waiting) {
+    }
+    if (closed_lost) {
+        closed_pending.clear();
+    }
+    for (auto& [name, setting] : waiting) {
+        if ((lost || closed_lost) && !setting.being_written) {
             setting.where = place::NOWHERE;
         }
     }
@@ -220,24 +246,50 @@ setting_state keep(std::string_view name, const std::string& value)
     return state_of(kept->second);
 }
 
-// 0 when nothing waits any longer.
-int write_waiting(uint64_t lock_limit_us)
+// --- writing the item's file ----------------------------------------------------------------------
+
+// All waiting settings, for a write. What is set from now on goes into another pending file.
+item_settings take_waiting()
 {
     item_settings settings;
-    for (const auto& [name, setting] : waiting) {
+    for (auto& [name, setting] : waiting) {
         settings.emplace(name, setting.value);
+        setting.being_written = true;
     }
-    metadata_store store = opened_item()->store;
-    store.lock_limit_us = lock_limit_us;
-    store.stop = nullptr;
-    std::string reason;
-    if (update_stored_metadata(store, settings, &own_pending, &reason) == 0) {
-        forget_waiting();
-        last_failure.clear();
-        mark_document_changed();
-        return 0;
+    if (own_pending) {
+        closed_pending.push_back(std::move(own_pending));
+        own_pending = pending_file();
     }
+    return settings;
+}
+
+void note_success(uint64_t now_us)
+{
+    std::erase_if(waiting, [](const auto& entry) { return entry.second.being_written; });
+    waiting_bytes = 0;
+    for (const auto& [name, setting] : waiting) {
+        waiting_bytes += name.size() + setting.value.size();
+    }
+    std::erase_if(closed_pending, [](const pending_file& file) { return !file; });
+    last_failure.clear();
+    delay_us = write_delay_us;
+    due_us = saturating_add(now_us, delay_us);
+    save_others(); // there is room again
+    mark_document_changed();
+    note_freed_memory();
+}
+
+// The values stay pending where they are. With nothing set meanwhile there is still one file.
+void note_failed_write(const std::string& reason, uint64_t now_us)
+{
     last_failure = reason;
+    if (!own_pending && !closed_pending.empty()) {
+        own_pending = std::move(closed_pending.back());
+        closed_pending.pop_back();
+    }
+    for (auto& [name, setting] : waiting) {
+        setting.being_written = false;
+    }
     look_after_lost_file();
     save_others();
     for (auto& [name, setting] : waiting) {
@@ -245,16 +297,69 @@ int write_waiting(uint64_t lock_limit_us)
             setting.where = place::NOWHERE;
         }
     }
+    delay_us = std::min(2 * delay_us, max_delay_us);
+    due_us = saturating_add(now_us, delay_us);
     mark_document_changed();
-    return -1;
 }
 
-// Removes a pending file that was merged but could not be removed then.
+void begin_update(uint64_t lock_limit_us, uint64_t now_us)
+{
+    metadata_store store = opened_item()->store;
+    store.lock_limit_us = lock_limit_us;
+    store.stop = nullptr;
+    update = std::make_unique<stored_update>(store, take_waiting(), &closed_pending, now_us);
+}
+
+update_progress continue_update(uint64_t now_us)
+{
+    const update_progress progress = update->step(now_us);
+    if (progress == update_progress::DONE || progress == update_progress::FAILED) {
+        const std::string reason = update->reason();
+        update.reset();
+        progress == update_progress::DONE ? note_success(now_us)
+                                          : note_failed_write(reason, now_us);
+    }
+    return progress;
+}
+
+// Finishes the write that is going on. True when nothing waits any longer.
+bool finish_update()
+{
+    constexpr timespec pause = {0, 1'000'000};
+    for (;;) {
+        const update_progress progress = continue_update(monotonic_clock_us());
+        if (progress == update_progress::DONE || progress == update_progress::FAILED) {
+            return waiting.empty();
+        }
+        if (progress == update_progress::WAITS) {
+            nanosleep(&pause, nullptr);
+        }
+    }
+}
+
+// Writes everything that waits, at the end of the process.
+bool write_waiting()
+{
+    if (update != nullptr) {
+        update->hurry(last_lock_wait_us, monotonic_clock_us());
+        if (finish_update()) {
+            return true;
+        }
+    }
+    begin_update(last_lock_wait_us, monotonic_clock_us());
+    return finish_update();
+}
+
+// Removes pending files that were merged but could not be removed then.
 void remove_own_pending()
 {
-    if (own_pending) {
-        remove_pending(opened_item()->store, &own_pending);
+    closed_pending.push_back(std::exchange(own_pending, {}));
+    for (pending_file& file : closed_pending) {
+        if (file) {
+            remove_pending(opened_item()->store, &file);
+        }
     }
+    closed_pending.clear();
 }
 
 bool anything_unsaved()
@@ -265,23 +370,28 @@ bool anything_unsaved()
 
 } // namespace
 
-void store_waiting_settings(uint64_t now_us)
+int store_waiting_settings(uint64_t now_us)
 {
-    if (waiting.empty() || now_us < due_us || !may_store() || list_is_open()) {
-        return;
+    if (update == nullptr) {
+        if (waiting.empty() || now_us < due_us || !may_store() || list_is_open()) {
+            return 0;
+        }
+        begin_update(lock_wait_us, now_us);
     }
-    if (write_waiting(lock_wait_us) == 0) {
-        delay_us = write_delay_us;
-        return;
-    }
-    delay_us = std::min(2 * delay_us, max_delay_us);
-    due_us = saturating_add(now_us, delay_us);
+    return continue_update(now_us) == update_progress::WAITS ? 0 : 1;
+}
+
+bool settings_are_written()
+{
+    return update != nullptr;
 }
 
 void reset_client_settings()
 {
+    update.reset();
     forget_waiting();
     own_pending = pending_file();
+    closed_pending.clear();
     last_failure.clear();
     delay_us = write_delay_us;
     new_names = 0;
@@ -341,8 +451,7 @@ void store_client_settings_now()
     if (!may_store()) {
         return;
     }
-    if (!waiting.empty() && write_waiting(last_lock_wait_us) != 0 &&
-        write_waiting(last_lock_wait_us) != 0) {
+    if (!waiting.empty() && !write_waiting() && !write_waiting()) {
         fputs(anything_unsaved() ? "What clients have set is lost\n"
                                  : "What clients have set is taken over by the next start\n",
               stderr);

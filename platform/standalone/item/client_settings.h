@@ -37,9 +37,13 @@ unstored_settings settings_not_stored();
 // For people: why settings are NOT_STORED.
 std::string why_settings_are_not_stored();
 
-// Writes settings that have waited for a second; after failures the retries become rarer. Costs
-// nothing while nothing waits.
-void store_waiting_settings(uint64_t now_us);
+// Carries out the next step of writing settings that have waited for a second; after failures the
+// retries become rarer. Returns 1 when there was something to do; more may follow. Costs nothing
+// while nothing waits.
+int store_waiting_settings(uint64_t now_us);
+
+// True while a write is going on.
+bool settings_are_written();
 
 // Discards waiting settings without writing them. The pending file stays for the next start.
 void reset_client_settings();

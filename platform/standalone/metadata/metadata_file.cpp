@@ -102,28 +102,6 @@ bool was_replayed(const metadata_v4_metadata_context& list, const found_pending&
     });
 }
 
-// Merges the settings that dead processes left, file by file, and collects the files that are then
-// done.
-bool take_abandoned(const metadata_store& store, metadata_v4_metadata_context* list,
-                    std::vector<found_pending>* all, pending_work* work)
-{
-    bool changed = false;
-    for (found_pending& found : *all) {
-        keep_temporaries(found.file, work);
-        if (!found.abandoned) {
-            continue;
-        }
-        const settings_result result = set_item_entries(list, found.text.settings);
-        changed = changed || result.changed;
-        if (result.refused == 0) {
-            work->taken_in.push_back(&found.file);
-        } else {
-            report(store, "Cannot take over all pending metadata", found.file.name);
-        }
-    }
-    return changed;
-}
-
 } // namespace
 
 metadata_v4_metadata_context* load_metadata(const metadata_store& store)
@@ -176,39 +154,6 @@ int store_metadata(const metadata_store& store, metadata_v4_metadata_context* li
         }
     }
     return replace_stored(store, list, work, nullptr);
-}
-
-int update_stored_metadata(const metadata_store& store, const item_settings& settings,
-                           pending_file* own, std::string* reason)
-{
-    file_lock lock;
-    if (!take_lock(store, &lock, cannot_write_metadata, reason)) {
-        return -1;
-    }
-    stored_file file = read_stored(store);
-    if (file.result == read_result::DAMAGED || file.result == read_result::UNAVAILABLE) {
-        return refuse_write(store, cannot_write_metadata, file.reason, reason);
-    }
-    const list_owner list(list_of(std::move(file)));
-    const bool has_own = own != nullptr && *own;
-    std::vector<found_pending> others =
-        find_pending(store, has_own ? std::string_view(own->name) : std::string_view());
-    pending_work work;
-    const bool changed_by_others = take_abandoned(store, list.get(), &others, &work);
-    const settings_result result = set_item_entries(list.get(), settings);
-    if (result.refused > 0) {
-        return refuse_write(store, cannot_write_metadata, "an entry is too large or holds a NUL",
-                            reason);
-    }
-    if (has_own) {
-        keep_temporaries(*own, &work);
-        work.taken_in.push_back(own);
-    }
-    if (result.changed || changed_by_others) {
-        return replace_stored(store, list.get(), work, reason);
-    }
-    remove_taken_in(store, work);
-    return 0;
 }
 
 void remove_left_temporaries(const metadata_store& store)

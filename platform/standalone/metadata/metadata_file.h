@@ -27,15 +27,6 @@ bool has_unwritten_settings(const metadata_v4_metadata_context* list);
 // message, with the old file unchanged.
 int store_metadata(const metadata_store& store, metadata_v4_metadata_context* list);
 
-// Sets entries of the item in the stored file, and keeps everything else in it as another process
-// may have written it: the file is read, changed and replaced under the lock. Nothing is written
-// when nothing changes. Settings that dead processes left in pending files are merged first. `own`,
-// when given, is this process's pending file, which contains only these settings; it is removed
-// once they are in the metadata file. 0, or -1 after a message, which is also stored in *reason,
-// with the old file unchanged. A damaged file is left for the next start to set aside.
-int update_stored_metadata(const metadata_store& store, const item_settings& settings,
-                           pending_file* own = nullptr, std::string* reason = nullptr);
-
 // Removes temporary metadata files that dead writers left, as each write does. The caller holds the
 // lock.
 void remove_left_temporaries(const metadata_store& store);

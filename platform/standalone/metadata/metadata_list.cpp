@@ -8,9 +8,6 @@ using platform::text_entry;
 
 namespace {
 
-constexpr std::string_view new_file_header =
-    "# Metadata of one media item. One entry a line: name = value\n";
-
 // Holes are counted: a list that is filled and emptied for ever reaches a limit, too.
 constexpr size_t max_slots = 4 * platform::max_metadata_entries;
 
@@ -48,16 +45,10 @@ void append_slot(metadata_v4_metadata_context* list, text_entry&& text, size_t s
     ++list->entries;
 }
 
-bool acceptable(std::string_view name, std::string_view value)
-{
-    return name.size() <= platform::max_entry_name && value.size() <= platform::max_entry_value &&
-           name.find('\0') == std::string_view::npos && value.find('\0') == std::string_view::npos;
-}
-
 int append_entry(metadata_v4_metadata_context* list, std::string_view name, std::string_view value,
                  int tag)
 {
-    if (!acceptable(name, value) || list->entries >= platform::max_metadata_entries ||
+    if (!platform::may_be_entry(name, value) || list->entries >= platform::max_metadata_entries ||
         list->slots.size() >= max_slots) {
         return -1;
     }
@@ -165,7 +156,7 @@ namespace platform {
 metadata_v4_metadata_context* new_metadata_list()
 {
     auto* list = new metadata_v4_metadata_context();
-    list->header = new_file_header;
+    list->header = new_metadata_header;
     list->text_size = list->header.size();
     return list;
 }
@@ -219,7 +210,7 @@ const metadata_v4_entry* find_item_entry(const metadata_v4_metadata_context* lis
 int set_item_entry(metadata_v4_metadata_context* list, std::string_view name,
                    std::string_view value)
 {
-    if (list == nullptr || list->closed || !acceptable(name, value)) {
+    if (list == nullptr || list->closed || !platform::may_be_entry(name, value)) {
         return -1;
     }
     metadata_slot* first = nullptr;
@@ -265,7 +256,7 @@ settings_result set_item_entries(metadata_v4_metadata_context* list, const item_
             free_slot(list, &slot);
             ++changes;
         } else if (slot.text.value != setting->second) {
-            const bool fits = acceptable(setting->first, setting->second) &&
+            const bool fits = may_be_entry(setting->first, setting->second) &&
                               change_value(list, &slot, setting->second) == 0;
             ++(fits ? changes : result.refused);
         }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <utility>
 
 #include "wire/utf8.h"
 
@@ -134,27 +135,22 @@ const char* parse_entry(std::string_view line, text_entry* entry)
     return nullptr;
 }
 
-// Parses one trimmed line. Null, or what is wrong with it. `leading` collects the lines before the
-// next entry.
-const char* parse_line(std::string_view line, text_document* document, std::string* leading)
+// Adds one line to the document. Null, or what is wrong with it. The comments before the next entry
+// are collected in document->trailing.
+const char* add_line(std::string_view line, text_document* document)
 {
-    if (line.find('\0') != std::string_view::npos) {
-        return "a NUL byte";
-    }
-    if (!wire::is_utf8(line)) {
-        return "not UTF-8";
-    }
-    if (line.empty() || line.starts_with('#')) {
-        *leading += line;
-        *leading += '\n';
-        return nullptr;
+    text_entry entry;
+    bool is_entry = false;
+    const char* reason = parse_metadata_line(line, false, &entry, &document->trailing, &is_entry);
+    if (reason != nullptr || !is_entry) {
+        return reason;
     }
     if (document->entries.size() == max_metadata_entries) {
-        return "too many entries";
+        return too_many_entries;
     }
-    text_entry& entry = document->entries.emplace_back();
-    entry.leading.swap(*leading);
-    return parse_entry(line, &entry);
+    entry.leading.swap(document->trailing);
+    document->entries.push_back(std::move(entry));
+    return nullptr;
 }
 
 // True when a sequence must be escaped wherever it occurs.
@@ -248,8 +244,7 @@ bool parse_metadata(std::string_view text, text_document* document, text_fault* 
     while (!text.empty()) {
         ++fault->line;
         const size_t end = std::min(text.find('\n'), text.size());
-        const char* reason =
-            parse_line(trimmed(text.substr(0, end)), document, &document->trailing);
+        const char* reason = add_line(text.substr(0, end), document);
         if (reason != nullptr) {
             fault->reason = reason;
             return false;
@@ -257,6 +252,35 @@ bool parse_metadata(std::string_view text, text_document* document, text_fault* 
         text.remove_prefix(std::min(end + 1, text.size()));
     }
     return true;
+}
+
+bool may_be_entry(std::string_view name, std::string_view value)
+{
+    return name.size() <= max_entry_name && value.size() <= max_entry_value &&
+           name.find('\0') == std::string_view::npos && value.find('\0') == std::string_view::npos;
+}
+
+const char* parse_metadata_line(std::string_view line, bool first, text_entry* entry,
+                                std::string* comments, bool* is_entry)
+{
+    if (first && line.starts_with(byte_order_mark)) {
+        line.remove_prefix(byte_order_mark.size());
+    }
+    line = trimmed(line);
+    *is_entry = false;
+    if (line.find('\0') != std::string_view::npos) {
+        return "a NUL byte";
+    }
+    if (!wire::is_utf8(line)) {
+        return "not UTF-8";
+    }
+    if (line.empty() || line.starts_with('#')) {
+        *comments += line;
+        *comments += '\n';
+        return nullptr;
+    }
+    *is_entry = true;
+    return parse_entry(line, entry);
 }
 
 void append_entry_line(std::string* out, std::string_view name, std::string_view value, int tag)

@@ -229,14 +229,15 @@ bool read_pending(const metadata_store& store, uint64_t room, found_pending* fou
 } // namespace
 
 append_result append_pending(const metadata_store& store, pending_file* own,
-                             std::string_view record, std::string* reason)
+                             std::string_view record, std::string* reason, uint64_t others)
 {
+    if (others > 0 && others + record.size() > room_for_records(store)) {
+        return append_result::FULL; // without creating a file
+    }
     if (!*own && !make_pending(store, own, reason)) {
         return append_result::FAILED;
     }
-    struct stat status = {};
-    if (fstat(own->fd.get(), &status) == 0 &&
-        static_cast<uint64_t>(status.st_size) + record.size() > room_for_records(store)) {
+    if (others + pending_size(*own) + record.size() > room_for_records(store)) {
         return append_result::FULL;
     }
     off_t size = 0;
@@ -248,6 +249,13 @@ append_result append_pending(const metadata_store& store, pending_file* own,
         remove_pending(store, own);
     }
     return append_result::FAILED;
+}
+
+uint64_t pending_size(const pending_file& own)
+{
+    struct stat status = {};
+    const bool known = own && fstat(own.fd.get(), &status) == 0;
+    return known ? static_cast<uint64_t>(std::max<off_t>(status.st_size, 0)) : 0;
 }
 
 bool pending_file_is_lost(const pending_file& own)
@@ -297,7 +305,8 @@ bool has_pending_files(const metadata_store& store)
     return !pending_numbers(store.folder).empty();
 }
 
-std::vector<found_pending> find_pending(const metadata_store& store, std::string_view except)
+std::vector<found_pending> find_pending(const metadata_store& store,
+                                        const std::vector<std::string>& except)
 {
     std::vector<found_pending> all;
     uint64_t room = max_pending_bytes;
@@ -309,7 +318,7 @@ std::vector<found_pending> find_pending(const metadata_store& store, std::string
     for (const uint32_t number : numbers) {
         found_pending found;
         found.file.name = pending_name + std::to_string(number);
-        if (found.file.name == except) {
+        if (std::find(except.begin(), except.end(), found.file.name) != except.end()) {
             continue;
         }
         if (read_pending(store, std::min<uint64_t>(room, max_pending_file), &found)) {

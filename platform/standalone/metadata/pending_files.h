@@ -41,9 +41,12 @@ enum class append_result {
 };
 
 // Appends a record with a single write, without a sync. The file is created with mode 0600 if there
-// is none.
+// is none. `others` are bytes of other records that the metadata file must have room for.
 append_result append_pending(const metadata_store& store, pending_file* own,
-                             std::string_view record, std::string* reason);
+                             std::string_view record, std::string* reason, uint64_t others = 0);
+
+// The size of the file in bytes, 0 when there is none.
+uint64_t pending_size(const pending_file& own);
 
 // True when the open file has been removed, so that its records are lost.
 bool pending_file_is_lost(const pending_file& own);
@@ -73,8 +76,9 @@ struct found_pending {
 
 bool has_pending_files(const metadata_store& store);
 
-// All pending files in the order of their creation, except the one named `except`. Files that
+// All pending files in the order of their creation, except those named in `except`. Files that
 // cannot be read are reported and left out.
-std::vector<found_pending> find_pending(const metadata_store& store, std::string_view except = {});
+std::vector<found_pending> find_pending(const metadata_store& store,
+                                        const std::vector<std::string>& except = {});
 
 } // namespace platform

@@ -12,8 +12,6 @@ namespace platform {
 
 namespace {
 
-constexpr mode_t new_file_mode = 0600;
-
 // True when the records are no longer valid, so that `temporary` may be removed.
 bool unmark_all(const metadata_store& store, const std::vector<pending_file*>& files,
                 const std::string& temporary)
@@ -45,15 +43,11 @@ bool mark_all(const metadata_store& store, const std::vector<pending_file*>& fil
     return true;
 }
 
-// *failure is set on failure.
-int write_text(const metadata_store& store, const std::string& text, const pending_work& work,
-               replace_failure* failure)
+} // namespace
+
+int place_temporary(const metadata_store& store, const std::string& temporary,
+                    const pending_work& work, replace_failure* failure)
 {
-    std::string temporary;
-    if (write_temporary(store.folder, metadata_file_name, text, new_file_mode, &temporary, failure,
-                        *store.operations) != 0) {
-        return -1;
-    }
     if (!mark_all(store, work.taken_in, temporary)) {
         *failure = {.step = "write the pending part of", .error_number = errno, .replaced = false};
         return -1;
@@ -64,6 +58,20 @@ int write_text(const metadata_store& store, const std::string& text, const pendi
         (void)store.operations->unlink_at(store.folder, temporary.c_str());
     }
     return result;
+}
+
+namespace {
+
+// *failure is set on failure.
+int write_text(const metadata_store& store, const std::string& text, const pending_work& work,
+               replace_failure* failure)
+{
+    std::string temporary;
+    if (write_temporary(store.folder, metadata_file_name, text, new_metadata_mode, &temporary,
+                        failure, *store.operations) != 0) {
+        return -1;
+    }
+    return place_temporary(store, temporary, work, failure);
 }
 
 } // namespace
@@ -90,6 +98,13 @@ int refuse_write(const metadata_store& store, std::string_view what, const std::
     return -1;
 }
 
+int refuse_step(const metadata_store& store, const replace_failure& failure,
+                std::string* reason_out)
+{
+    return refuse_write(store, std::string("Cannot ") + failure.step + " metadata file",
+                        error_text(failure.error_number), reason_out);
+}
+
 int replace_stored(const metadata_store& store, metadata_v4_metadata_context* list,
                    const pending_work& work, std::string* reason)
 {
@@ -104,8 +119,7 @@ int replace_stored(const metadata_store& store, metadata_v4_metadata_context* li
         list->stored = identity_at(store.folder, metadata_file_name);
     }
     if (result != 0) {
-        return refuse_write(store, std::string("Cannot ") + failure.step + " metadata file",
-                            error_text(failure.error_number), reason);
+        return refuse_step(store, failure, reason);
     }
     remove_taken_in(store, work);
     return 0;

@@ -3,9 +3,11 @@
 
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 #include <vector>
 
 #include "platform/metadata.h"
+#include "platform/standalone/base/replace_file.h"
 #include "platform/standalone/metadata/metadata_store.h"
 #include "platform/standalone/metadata/pending_files.h"
 
@@ -19,6 +21,8 @@ struct pending_work {
     std::vector<std::string> kept;       // temporary files that must not be removed
 };
 
+inline constexpr mode_t new_metadata_mode = 0600;
+
 void keep_temporaries(const pending_file& file, pending_work* work);
 
 // Writes the list as the item's metadata file, then removes the merged pending files. After a crash
@@ -28,6 +32,11 @@ void keep_temporaries(const pending_file& file, pending_work* work);
 int replace_stored(const metadata_store& store, metadata_v4_metadata_context* list,
                    const pending_work& work, std::string* reason);
 
+// The last part of that, with a temporary file that contains the text and is synced. -1 with
+// *failure; the temporary file is then removed where that loses nothing.
+int place_temporary(const metadata_store& store, const std::string& temporary,
+                    const pending_work& work, replace_failure* failure);
+
 // Removes the merged pending files without writing.
 void remove_taken_in(const metadata_store& store, const pending_work& work);
 
@@ -35,5 +44,7 @@ void remove_taken_in(const metadata_store& store, const pending_work& work);
 // null, and returns -1.
 int refuse_write(const metadata_store& store, std::string_view what, const std::string& reason,
                  std::string* reason_out);
+int refuse_step(const metadata_store& store, const replace_failure& failure,
+                std::string* reason_out);
 
 } // namespace platform

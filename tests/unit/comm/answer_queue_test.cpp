@@ -202,6 +202,21 @@ TEST_F(AnswerQueue, RequestedDocumentsAreAllSent)
     EXPECT_EQ(document_sent(9), std::string(10, 'c'));
 }
 
+// Even when the channel accepts all of it, so that other clients are served in between.
+TEST_F(AnswerQueue, LargeDocumentIsSentInTurns)
+{
+    constexpr size_t at_once = platform::answer_queue::max_packets_at_once;
+    EXPECT_TRUE(
+        queue.send_document(channel, document((2 * at_once + 1) * max_status_part), 7, true, 0));
+    EXPECT_EQ(ends->sent.size(), at_once);
+    EXPECT_FALSE(queue.empty());
+    EXPECT_TRUE(queue.flush(channel, 0));
+    EXPECT_EQ(ends->sent.size(), 2 * at_once);
+    EXPECT_TRUE(queue.flush(channel, 0));
+    EXPECT_EQ(ends->sent.size(), 2 * at_once + 1);
+    EXPECT_TRUE(queue.empty());
+}
+
 TEST_F(AnswerQueue, HoldsAtMostOneOlderDocument)
 {
     ends->room = 1;

@@ -60,6 +60,16 @@ protected:
         return value != nullptr ? *value : "(none)";
     }
 
+    // Writes what is due, in as many steps as it takes.
+    static void write_settings(uint64_t now_us)
+    {
+        constexpr uint64_t step_us = 100'000;
+        while (::platform::store_waiting_settings(now_us) > 0 ||
+               ::platform::settings_are_written()) {
+            now_us += step_us;
+        }
+    }
+
     uint64_t later() const { return monotonic_clock_us() + 1'000'001; }
 
     std::vector<std::string> names_in_meta() const

@@ -84,13 +84,13 @@ TEST_F(ClientSettings, AreNotWrittenWhileTheListIsNotWrittenBack)
 {
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     ASSERT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::STORED);
-    platform::store_waiting_settings(later());
+    write_settings(later());
     EXPECT_FALSE(folder.has("meta/metadata"));
     ASSERT_EQ(
         metadata_v4_metadata_context_write_metadata_to_file(vexa_metadata, vexa_meta, 0, nullptr),
         0);
     metadata_v4_metadata_close_file(vexa_metadata);
-    platform::store_waiting_settings(later());
+    write_settings(later());
     EXPECT_NE(stored().find("title = x\n"), std::string::npos);
     EXPECT_FALSE(folder.has("meta/metadata.pending-1"));
 }
@@ -109,7 +109,7 @@ TEST_F(ClientSettings, KillsDuringTheWriteLoseNothing)
                           return 1;
                       }
                       failing_files::arm(step, fate::DIE_AFTER);
-                      platform::store_waiting_settings(later());
+                      write_settings(later());
                       return 0;
                   }),
                   -SIGKILL)
@@ -149,7 +149,7 @@ TEST_F(ClientSettings, AreShownAsNotStoredUntilTheyAre)
                                        {"names", Json::array{"ti\"tle\uFFFD"}},
                                        {"reason", "No space left on device"}};
     EXPECT_EQ(not_stored(), expected);
-    platform::store_waiting_settings(later());
+    write_settings(later());
     EXPECT_EQ(not_stored(), Json());
     EXPECT_NE(stored().find(" = x\n"), std::string::npos);
 }
@@ -257,13 +257,13 @@ TEST_F(ClientSettings, FullDiskIsReportedAndTheValueStoredOnceThereIsSpace)
         const std::string reported = messages([&] {
             EXPECT_EQ(platform::store_client_setting("title", "x"),
                       platform::setting_state::NOT_STORED);
-            platform::store_waiting_settings(later());
+            write_settings(later());
         });
         EXPECT_NE(reported.find("No space left on device"), std::string::npos);
         EXPECT_EQ(not_stored()["names"][0], Json("title"));
         unlink(filler.c_str());
         EXPECT_EQ(ftruncate(file.get(), 0), 0);
-        platform::store_waiting_settings(later() + 10'000'000);
+        write_settings(later() + 10'000'000);
         EXPECT_EQ(not_stored(), Json());
         EXPECT_NE(stored().find("title = x\n"), std::string::npos);
         return HasFailure() ? 1 : 0;
@@ -290,7 +290,7 @@ TEST_F(ClientSettings, ReadOnlyFolderIsReported)
         messages([&] {
             EXPECT_EQ(platform::store_client_setting("title", "x"),
                       platform::setting_state::NOT_STORED);
-            platform::store_waiting_settings(later());
+            write_settings(later());
         });
         EXPECT_EQ(platform::client_setting_state("title"), platform::setting_state::NOT_STORED);
         EXPECT_NE(platform::why_settings_are_not_stored().find("Read-only file system"),
@@ -323,7 +323,7 @@ TEST_F(ClientSettings, SettingInALoopWaitsForTheNextWrite)
               platform::setting_state::STORED); // a small value still fits
     EXPECT_EQ(platform::client_setting_state("title"), platform::setting_state::WAITS);
     EXPECT_EQ(not_stored()["reason"], Json("not written yet"));
-    platform::store_waiting_settings(later());
+    write_settings(later());
     EXPECT_EQ(platform::client_setting_state("title"), platform::setting_state::STORED);
     EXPECT_NE(stored().find("v" + std::to_string(sets - 1) + "\n"), std::string::npos);
     EXPECT_EQ(platform::store_client_setting("title", "short"), platform::setting_state::STORED);
@@ -341,7 +341,7 @@ TEST_F(ClientSettings, WaitEndsWhenTheWriteFails)
         state = platform::store_client_setting("title", long_text + std::to_string(sets));
     }
     ASSERT_EQ(state, platform::setting_state::WAITS);
-    messages([&] { platform::store_waiting_settings(later()); });
+    messages([&] { write_settings(later()); });
     EXPECT_EQ(platform::client_setting_state("title"), platform::setting_state::NOT_STORED);
     EXPECT_EQ(platform::store_client_setting("title", long_text),
               platform::setting_state::NOT_STORED);

@@ -17,10 +17,10 @@ TEST_F(ClientSettings, TakeEffectAtOnceAndAreWrittenAfterASecond)
     ASSERT_EQ(platform::store_client_setting("title", "A picture"),
               platform::setting_state::STORED);
     EXPECT_EQ(shown("title"), "A picture");
-    platform::store_waiting_settings(monotonic_clock_us());
+    write_settings(monotonic_clock_us());
     EXPECT_EQ(stored().find("title"), std::string::npos);
     EXPECT_TRUE(folder.has("meta/metadata.pending-1"));
-    platform::store_waiting_settings(later());
+    write_settings(later());
     EXPECT_NE(stored().find("title = A picture\n"), std::string::npos);
     EXPECT_FALSE(folder.has("meta/metadata.pending-1"));
 }
@@ -33,11 +33,11 @@ TEST_F(ClientSettings, ManySettingsAreOneWrite)
                   platform::setting_state::STORED);
     }
     EXPECT_FALSE(folder.has("meta/metadata"));
-    platform::store_waiting_settings(later());
+    write_settings(later());
     EXPECT_NE(stored().find("title = 99999\n"), std::string::npos);
     struct stat before = {};
     stat(folder.path("meta/metadata").c_str(), &before);
-    platform::store_waiting_settings(later() + 10'000'000);
+    write_settings(later() + 10'000'000);
     struct stat after = {};
     stat(folder.path("meta/metadata").c_str(), &after);
     EXPECT_EQ(before.st_ino, after.st_ino);
@@ -51,7 +51,7 @@ TEST_F(ClientSettings, OtherEntriesOfTheFileArePreserved)
     ASSERT_EQ(platform::store_client_setting("aspect ratio", "16:9"),
               platform::setting_state::STORED);
     folder.write("meta/metadata", "# mine\none = 1\naspect ratio = 4:3\nadded = by hand\n");
-    platform::store_waiting_settings(later());
+    write_settings(later());
     EXPECT_EQ(stored(), "# mine\none = 1\naspect ratio = 16:9\nadded = by hand\n");
 }
 
@@ -70,7 +70,7 @@ TEST_F(ClientSettings, WithoutMetadataUpdateNothingIsWritten)
     vexa_metadata_may_update = false;
     ASSERT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::NOT_STORED);
     EXPECT_EQ(shown("title"), "x");
-    platform::store_waiting_settings(later());
+    write_settings(later());
     vexa_free_all();
     EXPECT_FALSE(folder.has("meta/metadata"));
 }
@@ -83,7 +83,7 @@ TEST_F(ClientSettings, UnchangedValueIsNotWritten)
     struct stat before = {};
     stat(folder.path("meta/metadata").c_str(), &before);
     ASSERT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::STORED);
-    platform::store_waiting_settings(later());
+    write_settings(later());
     struct stat after = {};
     stat(folder.path("meta/metadata").c_str(), &after);
     EXPECT_EQ(before.st_ino, after.st_ino);
@@ -157,7 +157,7 @@ TEST_F(ClientSettings, HostileTextCannotForgeAnEntry)
     serve();
     ASSERT_EQ(platform::store_client_setting("a\nfile type = b", "c\nGUID = d = \x1B\xFF"),
               platform::setting_state::STORED);
-    platform::store_waiting_settings(later());
+    write_settings(later());
     platform::close_item();
     vexa_set_string(&vexa_file_type, nullptr);
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
@@ -175,12 +175,13 @@ TEST_F(ClientSettings, FailedWriteIsRetriedAtIncreasingIntervals)
     ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
     ASSERT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::STORED);
     const uint64_t now_us = later();
-    EXPECT_NE(messages([&] { platform::store_waiting_settings(now_us); }), "");
-    EXPECT_EQ(messages([&] { platform::store_waiting_settings(now_us + 1'999'999); }), "");
-    EXPECT_NE(messages([&] { platform::store_waiting_settings(now_us + 2'000'000); }), "");
-    EXPECT_EQ(messages([&] { platform::store_waiting_settings(now_us + 5'999'999); }), "");
+    constexpr uint64_t lock_wait_us = 2'000'000; // each failing write takes as long
+    EXPECT_NE(messages([&] { write_settings(now_us); }), "");
+    EXPECT_EQ(messages([&] { write_settings(now_us + lock_wait_us + 1'999'999); }), "");
+    EXPECT_NE(messages([&] { write_settings(now_us + lock_wait_us + 2'000'000); }), "");
+    EXPECT_EQ(messages([&] { write_settings(now_us + 2 * lock_wait_us + 5'999'999); }), "");
     flock(other.get(), LOCK_UN);
-    EXPECT_EQ(messages([&] { platform::store_waiting_settings(now_us + 6'000'000); }), "");
+    EXPECT_EQ(messages([&] { write_settings(now_us + 2 * lock_wait_us + 6'000'000); }), "");
     EXPECT_NE(stored().find("title = x\n"), std::string::npos);
 }
 
@@ -212,7 +213,7 @@ TEST_F(ClientSettings, SettingsNotWrittenAtTheEndAreMergedByTheNextStart)
 TEST_F(ClientSettings, WithoutAnItemNothingIsStored)
 {
     EXPECT_EQ(platform::store_client_setting("title", "x"), platform::setting_state::NOT_STORED);
-    platform::store_waiting_settings(later());
+    write_settings(later());
     platform::store_client_settings_now();
 }
 

@@ -21,7 +21,6 @@ namespace {
 using failing_files::fate;
 using platform::load_metadata;
 using platform::store_metadata;
-using platform::update_stored_metadata;
 using strings = std::vector<std::string>;
 
 class MetadataFile : public testing::Test {

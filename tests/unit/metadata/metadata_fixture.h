@@ -3,11 +3,15 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "platform/standalone/metadata/metadata_file.h"
 #include "platform/standalone/metadata/metadata_list.h"
+#include "platform/standalone/metadata/stored_update.h"
+#include "platform/time.h"
 #include "tests/support/temporary_folder.h"
 
 using platform::list_owner;
@@ -28,6 +32,34 @@ inline platform::metadata_store store_in(const temporary_folder& folder)
     store.path = "META";
     store.lock_limit_us = 20'000;
     return store;
+}
+
+// Carries out all steps of a stored_update. 0, or -1 after a message, which is also stored in
+// *reason. `own` is the caller's pending file, which contains only these settings.
+inline int update_stored_metadata(const platform::metadata_store& store,
+                                  const platform::item_settings& settings,
+                                  platform::pending_file* own = nullptr,
+                                  std::string* reason = nullptr)
+{
+    std::vector<platform::pending_file> files(1);
+    if (own != nullptr) {
+        files[0] = std::move(*own);
+    }
+    platform::update_progress progress = platform::update_progress::WORKED;
+    {
+        platform::stored_update update(store, settings, &files, monotonic_clock_us());
+        while (progress != platform::update_progress::DONE &&
+               progress != platform::update_progress::FAILED) {
+            progress = update.step(monotonic_clock_us());
+        }
+        if (reason != nullptr) {
+            *reason = update.reason();
+        }
+    }
+    if (own != nullptr) {
+        *own = std::move(files[0]);
+    }
+    return progress == platform::update_progress::DONE ? 0 : -1;
 }
 
 // The standard error output of `work`.

@@ -21,7 +21,6 @@ using failing_files::fate;
 using platform::append_result;
 using platform::item_settings;
 using platform::pending_file;
-using platform::update_stored_metadata;
 using strings = std::vector<std::string>;
 
 std::string record_of(std::string_view name, std::string_view value)

@@ -30,12 +30,12 @@ TEST(StoredMetadataRace, KillAtEveryStepLeavesTheOldOrTheNewFile)
             const int ended = run_in_child([&] {
                 store.operations = &failing_files::operations;
                 failing_files::arm(step, moment);
-                return platform::update_stored_metadata(store, {{"a", "new"}});
+                return update_stored_metadata(store, {{"a", "new"}});
             });
             ASSERT_EQ(ended, -SIGKILL) << "step " << step;
             const bool renamed = step > 4 || (step == 4 && moment == fate::DIE_AFTER);
             EXPECT_EQ(folder.read("metadata"), renamed ? "a = new\n" : "a = old\n");
-            EXPECT_EQ(platform::update_stored_metadata(store, {{"a", "next"}}), 0);
+            EXPECT_EQ(update_stored_metadata(store, {{"a", "next"}}), 0);
             EXPECT_EQ(folder.read("metadata"), "a = next\n");
             EXPECT_EQ(folder.names(), (std::vector<std::string>{"metadata", "metadata.lock"}));
         }
@@ -53,7 +53,7 @@ TEST(StoredMetadataRace, UpdatesOfTwoProcessesAreAllKept)
     const auto update_often = [&](const std::string& who) {
         for (int round = 0; round < rounds; ++round) {
             const std::string name = who + std::to_string(round);
-            if (platform::update_stored_metadata(store, {{name, "set"}}) != 0) {
+            if (update_stored_metadata(store, {{name, "set"}}) != 0) {
                 return 1;
             }
         }
@@ -148,7 +148,7 @@ TEST(StoredMetadataRace, ReadersAlwaysFindAWholeFile)
     child_process writer([&] {
         for (int value = 0;; ++value) {
             const std::string text = std::to_string(value);
-            if (platform::update_stored_metadata(store, {{"a", text}, {"b", text}}) != 0) {
+            if (update_stored_metadata(store, {{"a", text}, {"b", text}}) != 0) {
                 return 1;
             }
         }

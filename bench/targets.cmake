@@ -8,6 +8,9 @@ add_benchmark(first_touch_bench first_touch_bench.cpp LIBRARIES platform_cnb)
 add_benchmark(access_cache_bench access_cache_bench.cpp LIBRARIES platform_cnb)
 add_benchmark(rescale_bench rescale_bench.cpp LIBRARIES stillimage_decode)
 add_benchmark(pump_gap pump_gap.cpp LIBRARIES stillimage_client test_files)
+add_benchmark(hostile_clients_bench hostile_clients_bench.cpp LIBRARIES worker_support hostile_clients)
+target_compile_definitions(hostile_clients_bench PRIVATE
+    STILLIMAGE_TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data")
 add_benchmark(colour_bench colour_bench.cpp LIBRARIES stillimage_decode)
 
 # Compares the worker with the codec library alone. Needs the plain libjpeg 9 that bench/floor/setup builds.

@@ -15,8 +15,17 @@ enum class lock_result {
     FAILED, // the lock file cannot be opened or locked: errno
 };
 
+enum class lock_file_kind {
+    ANY_FILE,
+    // Owned by this user, with one name, no rights for others and nothing but reading and writing
+    // for the user. FAILED otherwise.
+    PRIVATE_FILE,
+};
+
 class file_lock {
 public:
+    explicit file_lock(lock_file_kind kind = lock_file_kind::ANY_FILE) : kind_(kind) {}
+
     // Locks the file `name` in the open folder (AT_FDCWD: the working folder). The file is created
     // with mode 0600 and is not removed by release. A file that its last holder has removed does
     // not count as the lock. Waits up to `limit_us`; 0 tries once. `stop`, when given, ends the
@@ -27,6 +36,9 @@ public:
     // True while `name` in the folder refers to the locked file.
     bool is_named(int folder, const char* name) const;
 
+    // Why the lock file was refused, after FAILED; "" when errno says it.
+    const char* refusal() const { return refusal_; }
+
     bool held() const { return static_cast<bool>(fd_); }
     int fd() const { return fd_.get(); }
 
@@ -34,6 +46,11 @@ public:
     void release();
 
 private:
+    lock_result try_once(int folder, const char* name);
+    const char* reason_against(int fd) const;
+
+    lock_file_kind kind_;
+    const char* refusal_ = "";
     unique_fd fd_;
 };
 

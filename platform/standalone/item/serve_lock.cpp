@@ -11,6 +11,7 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/base/file_lock.h"
+#include "platform/standalone/base/private_file.h"
 
 namespace platform {
 
@@ -18,7 +19,7 @@ namespace {
 
 constexpr uint64_t patience_us = 300'000;
 
-file_lock lock;
+file_lock lock{lock_file_kind::PRIVATE_FILE};
 std::string lock_path;
 pid_t owner = 0; // the process whose id is in the file
 // Set by a handler of the C library's fork(), also within daemon(), because asking the kernel for
@@ -43,6 +44,11 @@ int holder_of(const std::string& path)
     return number;
 }
 
+std::string reason_for_no_lock(int error_number)
+{
+    return lock.refusal()[0] != '\0' ? lock.refusal() : reason_for_no_private_file(error_number);
+}
+
 std::string served_by(int holder)
 {
     return holder > 0 ? "already served by process " + std::to_string(holder)
@@ -61,7 +67,7 @@ bool take_serve_lock(const std::string& socket_path)
         error_line("Socket", socket_path, served_by(holder_of(path)));
         return false;
     case lock_result::FAILED:
-        error_line("Cannot lock socket", path, errno);
+        error_line("Cannot lock socket", path, reason_for_no_lock(errno));
         return false;
     }
     lock_path = path;
@@ -100,7 +106,7 @@ void release_serve_lock()
         }
         lock.release();
     } else {
-        lock = file_lock(); // the owner keeps it
+        lock = file_lock(lock_file_kind::PRIVATE_FILE); // the owner keeps it
     }
     lock_path.clear();
     owner = 0;

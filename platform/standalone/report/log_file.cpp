@@ -11,6 +11,7 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/base/folders.h"
+#include "platform/standalone/base/private_file.h"
 
 namespace platform {
 
@@ -19,38 +20,9 @@ namespace {
 constexpr const char* log_name = "log";
 constexpr const char* old_log_name = "log.old";
 
-// O_NONBLOCK: opening must not wait when a FIFO has the name of the file.
-constexpr int log_flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-
 bool is_same_file(const struct stat& a, const struct stat& b)
 {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
-// Why open() failed. The system's texts for some of the numbers describe other cases.
-std::string reason_of(int error_number)
-{
-    switch (error_number) {
-    case ELOOP:
-        return "it is a link";
-    case ENXIO: // a FIFO without a reader, a socket
-        return "it is not a file";
-    default:
-        return error_text(error_number);
-    }
-}
-
-// Why the open file cannot be the log, or "". With a second name it could be any file that this
-// user may write.
-const char* reason_against(const struct stat& status)
-{
-    if (!S_ISREG(status.st_mode)) {
-        return "it is not a file";
-    }
-    if (status.st_uid != geteuid()) {
-        return "it belongs to another user";
-    }
-    return status.st_nlink == 1 ? "" : "it has a second name";
 }
 
 } // namespace
@@ -90,12 +62,13 @@ bool log_file::mirror_on(int fd)
 
 bool log_file::open_in_folder()
 {
-    unique_fd fd(open_file_at(folder_.get(), log_name, log_flags, 0600));
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT;
+    unique_fd fd(open_file_at(folder_.get(), log_name, flags | private_file_flags, 0600));
     struct stat status = {};
     if (!fd || fstat(fd.get(), &status) != 0) {
-        return refuse(reason_of(errno));
+        return refuse(reason_for_no_private_file(errno));
     }
-    const char* reason = reason_against(status);
+    const char* reason = reason_against_file(status);
     if (reason[0] != '\0') {
         return refuse(reason);
     }

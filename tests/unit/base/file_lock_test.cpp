@@ -157,4 +157,24 @@ TEST(FileLock, OnlyARegularFileIsLocked)
     EXPECT_EQ(errno, EINVAL);
 }
 
+TEST(FileLock, OnlyAPrivateLockAsksForModeAndNames)
+{
+    const temporary_folder folder;
+    chmod(folder.write("l", "").c_str(), 0644);
+    ASSERT_EQ(link(folder.path("l").c_str(), folder.path("second").c_str()), 0);
+    file_lock any;
+    EXPECT_EQ(any.take(folder.fd(), "l", 0), lock_result::TAKEN);
+    EXPECT_STREQ(any.refusal(), "");
+    any.release();
+    file_lock own(platform::lock_file_kind::PRIVATE_FILE);
+    EXPECT_EQ(own.take(folder.fd(), "l", 0), lock_result::FAILED);
+    EXPECT_STREQ(own.refusal(), "it has a second name");
+    ASSERT_EQ(unlink(folder.path("second").c_str()), 0);
+    EXPECT_EQ(own.take(folder.fd(), "l", 0), lock_result::FAILED);
+    EXPECT_STREQ(own.refusal(), "its mode is not 0600");
+    ASSERT_EQ(chmod(folder.path("l").c_str(), 0600), 0);
+    EXPECT_EQ(own.take(folder.fd(), "l", 0), lock_result::TAKEN);
+    EXPECT_STREQ(own.refusal(), "");
+}
+
 } // namespace

@@ -45,6 +45,12 @@ protected:
         return name;
     }
 
+    // The lock file of a worker that is dead, or that the test locks.
+    void leave_lock(const char* name) const
+    {
+        EXPECT_EQ(chmod(folder.write(name, "4711\n").c_str(), 0600), 0);
+    }
+
     static mode_t mode_of(const std::string& path)
     {
         struct stat status = {};
@@ -278,7 +284,7 @@ protected:
 TEST_F(Leftovers, AreRemovedOnRequest)
 {
     socket_at(folder.path("s.sock"), true);
-    folder.write("s.sock.lock", "4711\n");
+    leave_lock("s.sock.lock");
     folder.write("meta/metadata.tmp-0123", "half");
     folder.write("meta/other", "kept");
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
@@ -291,7 +297,7 @@ TEST_F(Leftovers, AreRemovedOnRequest)
 TEST_F(Leftovers, OfARunningWorkerAreKept)
 {
     const unique_fd socket = socket_at(folder.path("s.sock"), true);
-    folder.write("s.sock.lock", "4711\n");
+    leave_lock("s.sock.lock");
     folder.write("meta/metadata.tmp-0123", "being written");
     const unique_fd serving(open(folder.path("s.sock.lock").c_str(), O_RDWR | O_CLOEXEC));
     ASSERT_EQ(flock(serving.get(), LOCK_EX | LOCK_NB), 0);
@@ -315,7 +321,7 @@ TEST_F(Leftovers, AreRemovedByAStartThatServes)
 {
     vexa_temp_clean_only = false;
     socket_at(folder.path("s.sock"), true);
-    folder.write("s.sock.lock", "4711\n");
+    leave_lock("s.sock.lock");
     folder.write("meta/metadata.tmp-0123", "half");
     ASSERT_EQ(vexa_standard_to_derived_params(), 0);
     EXPECT_FALSE(folder.has("meta/metadata.tmp-0123"));
@@ -327,7 +333,7 @@ TEST_F(Leftovers, AreRemovedByARefusedStart)
     vexa_temp_clean_only = false;
     socket_at(folder.path("s.sock"), true);
     socket_at(folder.path(".stillimage-s.sock"), false);
-    folder.write("s.sock.lock", "4711\n");
+    leave_lock("s.sock.lock");
     folder.write("meta/metadata.lock", "");
     folder.write("meta/metadata.tmp-0123", "half");
     unlink(vexa_file);
@@ -354,7 +360,7 @@ TEST_F(Leftovers, OfARemovedPictureAreRemoved)
         vexa_set_string(&vexa_file_metadir, nullptr);
         platform::release_serve_lock();
         socket_at(path, true);
-        folder.write("left", "4711\n");
+        leave_lock("left");
         fs::rename(folder.path("left"), path + ".lock");
         unlink(vexa_file);
         EXPECT_EQ(refusal(),

@@ -21,6 +21,15 @@ namespace {
 
 class ServeLock : public item_test::ItemFixture {
 protected:
+    // A lock file that another worker has left, or holds.
+    void write_lock(const char* text) { chmod(folder.write("s.sock.lock", text).c_str(), 0600); }
+
+    void expect_refused(const char* reason)
+    {
+        EXPECT_EQ(messages([&] { EXPECT_FALSE(platform::take_serve_lock(socket)); }),
+                  "Cannot lock socket '" + socket + ".lock': " + reason + "\n");
+    }
+
     const std::string socket = folder.path("s.sock");
     const std::string number = std::to_string(getpid());
 };
@@ -48,7 +57,7 @@ TEST_F(ServeLock, IsAFileWithTheProcessNumberThatIsRemovedAfterwards)
 
 TEST_F(ServeLock, HeldLockIsReportedWithSocketAndHolder)
 {
-    folder.write("s.sock.lock", "4711\n");
+    write_lock("4711\n");
     const unique_fd other = locked(folder.path("s.sock.lock"));
     const size_t descriptors = open_descriptors();
     bool taken = true;
@@ -63,7 +72,7 @@ TEST_F(ServeLock, HolderWithoutANumberIsReportedAsAnotherProcess)
 {
     const unique_fd other = locked(folder.path("s.sock.lock"));
     for (const char* text : {"", "x", "-3", "0", "99999999999999999999"}) {
-        folder.write("s.sock.lock", text);
+        write_lock(text);
         EXPECT_EQ(messages([&] { EXPECT_FALSE(platform::take_serve_lock(socket)); }),
                   "Socket '" + socket + "': already served by another process\n");
     }
@@ -71,7 +80,7 @@ TEST_F(ServeLock, HolderWithoutANumberIsReportedAsAnotherProcess)
 
 TEST_F(ServeLock, FileLeftByADeadWorkerIsTakenOver)
 {
-    folder.write("s.sock.lock", "4711 and much more than this worker writes\n");
+    write_lock("4711 and much more than this worker writes\n");
     ASSERT_TRUE(platform::take_serve_lock(socket));
     EXPECT_EQ(folder.read("s.sock.lock"), number + "\n");
 }
@@ -144,9 +153,48 @@ TEST_F(ServeLock, PathThatCannotBeLockedIsReported)
     const std::string lost = folder.path("none/s.sock");
     EXPECT_EQ(messages([&] { EXPECT_FALSE(platform::take_serve_lock(lost)); }),
               "Cannot lock socket '" + lost + ".lock': No such file or directory\n");
-    std::filesystem::create_symlink("/dev/null", folder.path("s.sock.lock"));
-    EXPECT_EQ(messages([&] { EXPECT_FALSE(platform::take_serve_lock(socket)); }),
-              "Cannot lock socket '" + socket + ".lock': Too many levels of symbolic links\n");
+}
+
+TEST_F(ServeLock, LinkIsRefusedAndItsTargetIsUntouched)
+{
+    folder.write("target", "contents");
+    std::filesystem::create_symlink(folder.path("target"), folder.path("s.sock.lock"));
+    expect_refused("it is a link");
+    EXPECT_EQ(folder.read("target"), "contents");
+}
+
+TEST_F(ServeLock, FileWithASecondNameIsRefusedAndUntouched)
+{
+    chmod(folder.write("target", "contents").c_str(), 0600);
+    std::filesystem::create_hard_link(folder.path("target"), folder.path("s.sock.lock"));
+    expect_refused("it has a second name");
+    EXPECT_EQ(folder.read("target"), "contents");
+}
+
+TEST_F(ServeLock, FileThatOthersMayUseIsRefused)
+{
+    write_lock("4711\n");
+    for (const mode_t mode : {0644U, 0660U, 0602U, 0700U, 04600U}) {
+        chmod(folder.path("s.sock.lock").c_str(), mode);
+        expect_refused("its mode is not 0600");
+    }
+    EXPECT_EQ(folder.read("s.sock.lock"), "4711\n");
+}
+
+TEST_F(ServeLock, FileOfAnotherUserIsRefused)
+{
+    write_lock("4711\n");
+    if (chown(folder.path("s.sock.lock").c_str(), unprivileged_user, gid_t(-1)) != 0) {
+        GTEST_SKIP() << "only the superuser can give files away";
+    }
+    expect_refused("it belongs to another user");
+    EXPECT_EQ(folder.read("s.sock.lock"), "4711\n");
+}
+
+TEST_F(ServeLock, WhatIsNoFileIsRefused)
+{
+    ASSERT_EQ(mkfifo(folder.path("s.sock.lock").c_str(), 0600), 0);
+    expect_refused("it is not a file");
 }
 
 TEST_F(ServeLock, KilledHolderLeavesNoLock)

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
 #include <memory>
 #include <sys/file.h>
 #include <unistd.h>
@@ -51,6 +53,19 @@ int refuse(std::string_view what, std::string_view reason)
     return -1;
 }
 
+// A domain never has that many live buffers: somebody locks records that are not theirs, and would
+// keep every later worker waiting.
+bool begin_new_registry(joined_domain* domain)
+{
+    const int folder = domain->place.folder.get();
+    if (renameat(folder, registry_name, folder, blocked_registry_name) != 0) {
+        return false;
+    }
+    error_line("CNB registry", domain->place.path + '/' + registry_name,
+               "every number is locked; the domain begins a new one");
+    return domain->registry.open(folder) == 0;
+}
+
 } // namespace
 
 uint64_t largest_buffer()
@@ -65,24 +80,37 @@ uint64_t domain_limit()
 
 claim_result claim_in_domain(uint64_t bytes, uint32_t* number, std::string* reason)
 {
-    claim_result result = claim_result::GONE;
-    for (int tries = 0; tries < 3 && result == claim_result::GONE; ++tries) {
-        if (cnb_join_domain() != 0) {
-            *reason = "the domain cannot be joined";
-            return claim_result::FAILED;
-        }
-        joined_domain& domain = *state().joined;
-        result = domain.registry.claim(bytes, domain.limit);
-        if (result == claim_result::GONE) {
-            state().joined.reset();
-        } else if (result == claim_result::FAILED) {
-            *reason = "registry in '" + domain.place.path + "': " +
-                      (errno == EPROTO ? "not a registry of this version" : error_text(errno));
-        } else if (result == claim_result::TAKEN) {
-            *number = domain.registry.number();
-        }
+    joined_domain* domain = state().joined.get();
+    if (domain == nullptr) {
+        *reason = "the domain cannot be joined";
+        return claim_result::FAILED;
     }
-    return result == claim_result::GONE ? claim_result::NO_ROOM : result;
+    const claim_result result = domain->registry.claim(bytes, domain->limit);
+    if (result == claim_result::FAILED) {
+        *reason = "registry in '" + domain->place.path +
+                  "': " + (errno == EPROTO ? "not a registry of this version" : error_text(errno));
+    } else if (result == claim_result::TAKEN) {
+        *number = domain->registry.number();
+    }
+    return result;
+}
+
+registry_record record_in_domain()
+{
+    return state().joined ? state().joined->registry.own_record() : registry_record{-1, 0, 0};
+}
+
+bool reserve_in_domain()
+{
+    joined_domain* domain = state().joined.get();
+    if (domain == nullptr) {
+        return false;
+    }
+    claim_result result = domain->registry.reserve_number();
+    if (result == claim_result::NO_ROOM && begin_new_registry(domain)) {
+        result = domain->registry.reserve_number();
+    }
+    return result == claim_result::TAKEN;
 }
 
 void release_in_domain()

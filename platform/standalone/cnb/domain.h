@@ -53,10 +53,16 @@ uint64_t largest_buffer();
 // 0 while no domain is joined.
 uint64_t domain_limit();
 
-// Claims a buffer number of the domain. Joins the domain first when that has not been done or when
-// its files have been removed meanwhile. `*number` is set when the result is TAKEN; FAILED comes
-// with a reason.
+// Claims a buffer number of the joined domain. `*number` is set when the result is TAKEN; FAILED
+// comes with a reason.
 claim_result claim_in_domain(uint64_t bytes, uint32_t* number, std::string* reason);
+
+// Reserves the number for it, so that later nothing but the record has to be written. Before that,
+// a registry in which somebody has locked every number is set aside, after one line. False when no
+// number can be had.
+bool reserve_in_domain();
+registry_record record_in_domain(); // the file is -1 outside of a domain
+
 void release_in_domain(); // may be called without a claim
 void note_domain_owner(); // after a fork the claim is the child's
 

@@ -244,6 +244,46 @@ TEST_F(Domain, RegistryThatIsAFifoIsReported)
               "cannot use the CNB domain '" + domain_path() + "/registry': not a file\n");
 }
 
+// Keeps an open registry's record locked, from `first` to the last.
+unique_fd lock_records(const std::string& path, uint64_t first)
+{
+    unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    struct flock range = {};
+    range.l_type = F_WRLCK;
+    range.l_start = static_cast<off_t>(first * 16);
+    EXPECT_EQ(fcntl(file.get(), F_OFD_SETLK, &range), 0);
+    return file;
+}
+
+TEST_F(Domain, NumberIsReservedInTheRegistry)
+{
+    EXPECT_FALSE(platform::reserve_in_domain());
+    EXPECT_EQ(platform::record_in_domain().file, -1);
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
+    EXPECT_EQ(platform::record_in_domain().offset, 0U);
+    ASSERT_TRUE(platform::reserve_in_domain());
+    EXPECT_EQ(platform::record_in_domain().offset, 16U);
+    EXPECT_GE(platform::record_in_domain().file, 0);
+}
+
+TEST_F(Domain, RegistryWhoseNumbersAreAllLockedIsSetAside)
+{
+    ASSERT_EQ(platform::cnb_join_domain(), 0);
+    const unique_fd other = lock_records(domain_path() + "/registry", 1);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(platform::reserve_in_domain());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "CNB registry '" + domain_path() +
+                  "/registry': every number is locked; the domain begins a new one\n");
+    EXPECT_EQ(platform::record_in_domain().offset, 16U);
+    EXPECT_EQ(access((domain_path() + "/registry.blocked").c_str(), F_OK), 0);
+    struct stat ours = {};
+    struct stat named = {};
+    ASSERT_EQ(fstat(platform::record_in_domain().file, &ours), 0);
+    ASSERT_EQ(stat((domain_path() + "/registry").c_str(), &named), 0);
+    EXPECT_EQ(ours.st_ino, named.st_ino);
+}
+
 TEST_F(Domain, KernelWithoutMemoryFilesIsReported)
 {
     failing.create_errno = ENOSYS;

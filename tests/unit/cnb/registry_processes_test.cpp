@@ -32,11 +32,11 @@ protected:
     // True once one owner can claim the whole limit.
     bool everything_is_released()
     {
-        buffer_registry instance;
-        if (instance.open(folder_fd.get()) != 0) {
-            return false;
-        }
         for (int tries = 0; tries < 5000; ++tries) {
+            buffer_registry instance;
+            if (instance.open(folder_fd.get()) != 0) {
+                return false;
+            }
             if (instance.claim(limit, limit) == claim_result::TAKEN) {
                 return instance.number() == 1;
             }
@@ -145,13 +145,12 @@ TEST_F(RegistryProcesses, ResourcesOfKilledProcessesAreReleased)
     EXPECT_TRUE(everything_is_released());
 }
 
-TEST_F(RegistryProcesses, ProcessKilledInsideTheLockedSectionLeavesNothingBehind)
+TEST_F(RegistryProcesses, ProcessKilledWithItsNumberLockedLeavesNothingBehind)
 {
     buffer_registry maker;
     ASSERT_EQ(maker.open(folder_fd.get()), 0);
     child_process child([&] {
-        // Takes the locks of the header and of a record, as a claim does, and dies before it writes
-        // the record.
+        // Takes the lock of a record, and that of the header, and dies before it writes the record.
         const int file = openat(folder_fd.get(), "registry", O_RDWR | O_CLOEXEC);
         struct flock both = {};
         both.l_type = F_WRLCK;

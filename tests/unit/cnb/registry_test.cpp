@@ -8,6 +8,7 @@
 
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/cnb/registry.h"
+#include "tests/support/child_process.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
 using platform::buffer_registry;
@@ -50,6 +51,34 @@ protected:
         range.l_start = static_cast<off_t>(first * record_size);
         range.l_len = static_cast<off_t>(count * record_size);
         ASSERT_EQ(fcntl(file.get(), F_OFD_SETLK, &range), 0);
+    }
+
+    // The file with a record that somebody else has locked; `owner` is what follows the size.
+    unique_fd locked_record(uint64_t number, uint64_t bytes, uint64_t owner)
+    {
+        unique_fd other = file();
+        EXPECT_EQ(platform::pwrite_fully(other.get(), "cnb registry 1\n", 16, 0), 0);
+        const uint64_t record[2] = {bytes, owner};
+        EXPECT_EQ(platform::pwrite_fully(other.get(), record, record_size, number * record_size),
+                  0);
+        lock(other, number, 1);
+        return other;
+    }
+
+    // The PID namespace of this process.
+    static uint32_t own_numbers()
+    {
+        struct stat status = {};
+        EXPECT_EQ(stat("/proc/self/ns/pid", &status), 0);
+        return static_cast<uint32_t>(status.st_ino);
+    }
+
+    // The number of a process that has just ended.
+    static uint32_t dead_process()
+    {
+        child_process child([] { return 0; });
+        child.wait();
+        return static_cast<uint32_t>(child.pid());
     }
 
     temporary_folder folder;
@@ -111,9 +140,9 @@ TEST_F(Registry, SumThatDoesNotFit64BitsHasNoRoom)
 {
     buffer_registry first = opened();
     buffer_registry second = opened();
-    ASSERT_EQ(first.claim(UINT64_MAX - 5, UINT64_MAX), claim_result::TAKEN);
-    EXPECT_EQ(second.claim(6, UINT64_MAX), claim_result::NO_ROOM);
-    EXPECT_EQ(claim_patiently(second, 5, UINT64_MAX), claim_result::TAKEN);
+    ASSERT_EQ(first.claim(5, UINT64_MAX), claim_result::TAKEN);
+    EXPECT_EQ(second.claim(UINT64_MAX - 4, UINT64_MAX), claim_result::NO_ROOM);
+    EXPECT_EQ(claim_patiently(second, UINT64_MAX - 5, UINT64_MAX), claim_result::TAKEN);
 }
 
 TEST_F(Registry, ReleaseReturnsNumberAndBytes)
@@ -189,17 +218,84 @@ TEST_F(Registry, UnlockedRecordIsFreeWhateverItsContents)
     EXPECT_EQ(next.number(), 1U);
 }
 
-TEST_F(Registry, HugeSizesOfLiveBuffersDoNotWrap)
+TEST_F(Registry, RecordCountsNoMoreThanABufferCanHave)
 {
-    constexpr uint64_t half = uint64_t{1} << 63;
-    buffer_registry first = opened();
-    ASSERT_EQ(first.claim(half, UINT64_MAX), claim_result::TAKEN);
-    const unique_fd second = file();
-    const uint64_t record[2] = {half, 1};
-    ASSERT_EQ(platform::pwrite_fully(second.get(), record, record_size, 2 * record_size), 0);
-    lock(second, 2, 1);
+    constexpr uint64_t largest = uint64_t{1} << 32;
+    const unique_fd other = locked_record(2, UINT64_MAX, 0);
     buffer_registry next = opened();
-    EXPECT_EQ(next.claim(1, UINT64_MAX - 1), claim_result::NO_ROOM);
+    EXPECT_EQ(next.claim(1, largest), claim_result::NO_ROOM);
+    EXPECT_EQ(claim_patiently(next, 1, largest + 1), claim_result::TAKEN);
+}
+
+// --- others that lock what is not theirs ---------------------------------------------------------
+
+TEST_F(Registry, LockedRecordsWithoutABufferCountNothing)
+{
+    buffer_registry leaving = opened();
+    ASSERT_EQ(leaving.claim(100, 100), claim_result::TAKEN);
+    leaving.close(); // as when its process is killed: the record keeps its contents
+    buffer_registry waiting = opened();
+    ASSERT_EQ(waiting.reserve_number(), claim_result::TAKEN);
+    uint64_t record[2] = {100, uint64_t{own_numbers()} << 32 | dead_process()};
+    ASSERT_EQ(platform::pwrite_fully(file().get(), record, record_size, 2 * record_size), 0);
+    const unique_fd other = file();
+    lock(other, 2, 60'000);
+    EXPECT_EQ(waiting.claim(100, 100), claim_result::TAKEN);
+}
+
+TEST_F(Registry, LockedHeaderKeepsNobodyWaiting)
+{
+    const unique_fd other = file();
+    lock(other, 0, 1);
+    buffer_registry next = opened();
+    EXPECT_EQ(next.claim(100, 100), claim_result::TAKEN);
+}
+
+TEST_F(Registry, RecordOfALiveProcessCountsInEveryNamespace)
+{
+    for (const uint32_t numbers : {own_numbers(), 0U, 1U}) {
+        const unique_fd other = locked_record(2, 100, uint64_t{numbers} << 32 | uint64_t(getpid()));
+        buffer_registry next = opened();
+        EXPECT_EQ(next.claim(1, 100), claim_result::NO_ROOM) << numbers;
+    }
+}
+
+TEST_F(Registry, RecordOfADeadProcessCountsOnlyInAnotherNamespace)
+{
+    for (const uint32_t numbers : {own_numbers(), 0U, 1U}) {
+        const unique_fd other = locked_record(2, 100, uint64_t{numbers} << 32 | dead_process());
+        buffer_registry next = opened();
+        EXPECT_EQ(next.claim(1, 100),
+                  numbers == own_numbers() ? claim_result::TAKEN : claim_result::NO_ROOM)
+            << numbers;
+    }
+}
+
+TEST_F(Registry, ReservedNumberNeedsNoFurtherLock)
+{
+    buffer_registry instance = opened();
+    ASSERT_EQ(instance.reserve_number(), claim_result::TAKEN);
+    EXPECT_EQ(instance.number(), 0U);
+    EXPECT_EQ(instance.own_record().offset, record_size);
+    EXPECT_EQ(instance.own_record().size, record_size);
+    const unique_fd other = file();
+    lock(other, 2, 65534); // all others
+    EXPECT_EQ(instance.claim(100, 100), claim_result::TAKEN);
+    EXPECT_EQ(instance.number(), 1U);
+    EXPECT_EQ(opened().reserve_number(), claim_result::NO_ROOM);
+}
+
+TEST_F(Registry, ReservedNumberIsNobodyElses)
+{
+    buffer_registry waiting = opened();
+    ASSERT_EQ(waiting.reserve_number(), claim_result::TAKEN);
+    buffer_registry next = opened();
+    ASSERT_EQ(next.claim(100, 100), claim_result::TAKEN);
+    EXPECT_EQ(next.number(), 2U);
+    EXPECT_EQ(waiting.claim(1, 100), claim_result::NO_ROOM);
+    next.release();
+    EXPECT_EQ(claim_patiently(waiting, 100, 100), claim_result::TAKEN);
+    EXPECT_EQ(waiting.number(), 1U);
 }
 
 TEST_F(Registry, ClearedRecordThatIsStillLockedIsSkipped)
@@ -213,16 +309,6 @@ TEST_F(Registry, ClearedRecordThatIsStillLockedIsSkipped)
     EXPECT_EQ(first.number(), 2U);
 }
 
-TEST_F(Registry, LockedRegistryIsNotWaitedFor)
-{
-    const unique_fd other = file();
-    lock(other, 0, 1);
-    buffer_registry next = opened();
-    EXPECT_EQ(next.claim(1, 100), claim_result::NO_ROOM);
-    lock(other, 0, 1, F_UNLCK);
-    EXPECT_EQ(next.claim(1, 100), claim_result::TAKEN);
-}
-
 TEST_F(Registry, ReleasedRoomCanBeClaimed)
 {
     buffer_registry first = opened();
@@ -233,13 +319,15 @@ TEST_F(Registry, ReleasedRoomCanBeClaimed)
     EXPECT_EQ(claim_patiently(second, 1, 100), claim_result::TAKEN);
 }
 
-TEST_F(Registry, RemovedFileIsNoticedAndCanBeRecreated)
+TEST_F(Registry, RemovedFileServesThoseWhoHaveItOpen)
 {
-    buffer_registry instance = opened();
+    buffer_registry first = opened();
+    buffer_registry second = opened();
+    ASSERT_EQ(first.claim(60, 100), claim_result::TAKEN);
     ASSERT_EQ(unlink(folder.path("registry").c_str()), 0);
-    EXPECT_EQ(instance.claim(1, 100), claim_result::GONE);
-    ASSERT_EQ(instance.open(folder_fd.get()), 0);
-    EXPECT_EQ(instance.claim(1, 100), claim_result::TAKEN);
+    EXPECT_EQ(second.claim(41, 100), claim_result::NO_ROOM);
+    EXPECT_EQ(claim_patiently(second, 40, 100), claim_result::TAKEN);
+    EXPECT_EQ(opened().claim(100, 100), claim_result::TAKEN);
 }
 
 TEST_F(Registry, FileOfAnotherFormatIsRefusedAndKept)
@@ -261,13 +349,14 @@ TEST_F(Registry, TruncatedHeaderIsWrittenAgain)
     EXPECT_EQ(std::string(header.begin(), header.end()), std::string("cnb registry 1\n\0", 16));
 }
 
-TEST_F(Registry, RecordIsSizeAndOwnerLittleEndian)
+TEST_F(Registry, RecordIsSizeOwnerAndNamespaceLittleEndian)
 {
     buffer_registry instance = opened();
     ASSERT_EQ(instance.claim(0x0102030405060708, UINT64_MAX), claim_result::TAKEN);
     std::vector<unsigned char> record = {8, 7, 6, 5, 4, 3, 2, 1};
     for (int byte = 0; byte < 8; ++byte) {
-        record.push_back(static_cast<unsigned char>(uint64_t(getpid()) >> (8 * byte)));
+        const uint64_t owner = uint64_t{own_numbers()} << 32 | uint64_t(getpid());
+        record.push_back(static_cast<unsigned char>(owner >> (8 * byte)));
     }
     EXPECT_EQ(bytes_of_file(record_size, record_size), record);
     instance.release();

@@ -17,6 +17,8 @@ std::span<const attempt> file_attempts();       // the argument is a path, or tw
 std::span<const attempt> memory_attempts();     // the argument is a number of bytes
 std::span<const attempt> neighbour_attempts();  // the argument is a process id
 std::span<const attempt> socket_attempts();     // the argument is the path of a socket
+std::span<const attempt> own_file_attempts();   // the argument is the path of a file
+std::span<const attempt> registry_attempts();   // the argument is the registry's path
 std::span<const attempt> descriptor_attempts(); // the argument is a descriptor, or a limit's number
 
 // What a system call returned, as the result of an attempt.

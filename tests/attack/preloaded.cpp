@@ -26,8 +26,9 @@ namespace {
 
 const attempt* find_attempt(std::string_view name)
 {
-    for (const auto& group : {code_attempts(), file_attempts(), memory_attempts(),
-                              neighbour_attempts(), socket_attempts(), descriptor_attempts()}) {
+    for (const auto& group :
+         {code_attempts(), file_attempts(), memory_attempts(), neighbour_attempts(),
+          socket_attempts(), descriptor_attempts(), own_file_attempts(), registry_attempts()}) {
         for (const attempt& each : group) {
             if (name == each.name) {
                 return &each;

@@ -158,7 +158,7 @@ TEST_F(Confined, PictureBehindALinkIsServedAfterItsRemoval)
     expect_works(served);
 }
 
-TEST_F(Confined, DomainFolderRemovedUnderAWaitingWorkerIsRecreated)
+TEST_F(Confined, WorkerThatWaitsIsServedThoughTheDomainFolderIsRemoved)
 {
     worker first(home, picture, {"--domain-limit", "40K"});
     ASSERT_TRUE(first.wait_ready()) << first.printed();
@@ -167,8 +167,10 @@ TEST_F(Confined, DomainFolderRemovedUnderAWaitingWorkerIsRecreated)
     pause_ms(50);
     EXPECT_EQ(second.printed().find("Using CNB buffer"), std::string::npos);
     std::filesystem::remove_all(home.path("run/stillimage/cnb/default"));
+    pause_ms(50);
+    EXPECT_EQ(second.printed().find("Using CNB buffer"), std::string::npos);
+    EXPECT_EQ(run_client(home, {first.socket(), "quit"}), 0);
     ASSERT_TRUE(second.wait_ready()) << second.printed();
-    EXPECT_TRUE(std::filesystem::exists(home.path("run/stillimage/cnb/default/registry")));
 }
 
 // The core files that a worker leaves in its working folder when it aborts with every size allowed.
@@ -286,11 +288,13 @@ TEST_F(Confined, StatusShowsEveryMeasureInForce)
             EXPECT_EQ(value.bool_value(), kernel_landlock_version() > 0);
         } else if (name == "memory protection") {
             EXPECT_EQ(value.bool_value(), kernel_protects_memory());
+        } else if (name == "own files") {
+            EXPECT_EQ(value.bool_value(), kernel_compares_arguments);
         } else {
             EXPECT_TRUE(value.bool_value()) << name;
         }
     }
-    EXPECT_EQ(shown.object_items().size(), 11U);
+    EXPECT_EQ(shown.object_items().size(), 12U);
     EXPECT_EQ(run_client(home, {home.path("s"), "quit"}), 0);
 }
 
@@ -326,7 +330,8 @@ TEST_F(Confined, DaemonGivesUpProcessesInTheBackground)
     ASSERT_EQ(run_client(home, {parent.socket(), "wait", "--timeout", "20"}), 0);
     EXPECT_TRUE(shown_confinement(home, parent.socket())["no processes"].bool_value());
     const int daemon = std::atoi(read_text(parent.socket() + ".lock").c_str());
-    EXPECT_EQ(kernel_value(daemon, "status", "Seccomp_filters:"), "2");
+    EXPECT_EQ(kernel_value(daemon, "status", "Seccomp_filters:"),
+              kernel_compares_arguments ? "3" : "2");
     EXPECT_THAT(kernel_value(daemon, "limits", "Max processes"), StartsWith("0 "));
 }
 

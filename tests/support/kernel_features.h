@@ -15,6 +15,14 @@ inline int kernel_landlock_version()
     return version > 0 ? static_cast<int>(version) : 0;
 }
 
+// Whether names and descriptors can be compared in system calls, which depends on the architecture.
+#if (defined(__x86_64__) && defined(__LP64__)) || defined(__AARCH64EL__) ||                        \
+    (defined(__riscv) && __riscv_xlen == 64)
+inline constexpr bool kernel_compares_arguments = true;
+#else
+inline constexpr bool kernel_compares_arguments = false;
+#endif
+
 // Whether it can refuse memory that becomes executable (Linux 6.3).
 inline bool kernel_protects_memory()
 {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/base/kept_names.h"
 
 namespace platform {
 
@@ -23,7 +24,7 @@ int sync_file(int fd)
 
 int rename_file(int folder, const char* from, const char* to)
 {
-    return renameat(folder, from, folder, to);
+    return renameat(folder, kept_name(folder, from), folder, kept_name(folder, to));
 }
 
 // For file systems whose rename accepts no flags: adds the new name, then removes the old one.
@@ -37,16 +38,18 @@ int link_and_unlink(int folder, const char* from, const char* to)
 
 int rename_to_new_name(int folder, const char* from, const char* to)
 {
-    const int result = renameat2(folder, from, folder, to, RENAME_NOREPLACE);
+    const char* kept_from = kept_name(folder, from);
+    const char* kept_to = kept_name(folder, to);
+    const int result = renameat2(folder, kept_from, folder, kept_to, RENAME_NOREPLACE);
     if (result != 0 && (errno == EINVAL || errno == ENOSYS)) {
-        return link_and_unlink(folder, from, to);
+        return link_and_unlink(folder, kept_from, kept_to);
     }
     return result;
 }
 
 int unlink_file(int folder, const char* name)
 {
-    return unlinkat(folder, name, 0);
+    return unlinkat(folder, kept_name(folder, name), 0);
 }
 
 } // namespace

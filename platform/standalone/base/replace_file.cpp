@@ -15,6 +15,19 @@ namespace platform {
 namespace {
 
 constexpr size_t random_name_bytes = 8;
+constexpr size_t names_of_process = 32;
+
+const std::vector<std::string>& temporary_ends()
+{
+    static const auto& ends = *new std::vector<std::string>([] {
+        std::vector<std::string> all(names_of_process);
+        for (std::string& end : all) {
+            end = random_hex(random_name_bytes);
+        }
+        return all;
+    }());
+    return ends;
+}
 
 int fail(replace_failure* failure, const char* step)
 {
@@ -93,9 +106,18 @@ int take_over_attributes(const struct stat& old, int fd, const file_operations& 
 int create_temporary(int folder, const char* name, mode_t mode, std::string* temporary,
                      replace_failure* failure, const file_operations& operations)
 {
-    *temporary = std::string(name) + std::string(temporary_mark) + random_hex(random_name_bytes);
-    const int fd =
-        open_temporary(folder, temporary->c_str(), mode, find_replaced(folder, name), operations);
+    static size_t turn = 0;
+    const replaced_file old = find_replaced(folder, name);
+    int fd = -1;
+    // Every name once, so that one whose file had to stay in place is passed over.
+    for (size_t tries = 0; tries < names_of_process; ++tries) {
+        *temporary = std::string(name) + std::string(temporary_mark) +
+                     temporary_ends()[turn++ % names_of_process];
+        fd = open_temporary(folder, temporary->c_str(), mode, old, operations);
+        if (fd >= 0 || errno != EEXIST) {
+            break;
+        }
+    }
     return fd < 0 ? fail(failure, "create") : fd;
 }
 
@@ -113,6 +135,15 @@ int complete_temporary(int folder, const char* name, int fd, replace_failure* fa
         return fail(failure, "set the mode of");
     }
     return operations.sync(fd) == 0 ? 0 : fail(failure, "sync");
+}
+
+std::vector<std::string> temporary_names(std::string_view name)
+{
+    std::vector<std::string> names;
+    for (const std::string& end : temporary_ends()) {
+        names.push_back(std::string(name) + std::string(temporary_mark) + end);
+    }
+    return names;
 }
 
 int write_temporary(int folder, const char* name, std::string_view contents, mode_t mode,

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+#include <vector>
 
 #include "platform/standalone/base/file_operations.h"
 
@@ -49,6 +50,10 @@ int append_contents(int fd, std::string_view contents, replace_failure* failure,
 // Names of temporary files are `name`, this mark and random digits. A process that dies may leave
 // one behind.
 inline constexpr std::string_view temporary_mark = ".tmp-";
+
+// The names that this process uses for the temporary files of `name`, in turn. They stay the same,
+// also for forked children, so that the right to remove them can be kept.
+std::vector<std::string> temporary_names(std::string_view name);
 
 // Removes the temporary files of `name` that dead writers left, except those in `kept`. The caller
 // must exclude other writers.

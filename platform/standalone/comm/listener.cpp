@@ -10,6 +10,7 @@
 
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/base/file_operations.h"
 #include "wire/sha256.h"
 #include "wire/socket_address.h"
 
@@ -124,8 +125,9 @@ bool note_file(int folder, const std::string& name, comm_listener* listener)
 }
 
 // False with errno. In either case the temporary name no longer exists afterwards.
-bool bind_and_rename(const split_path& at, int folder, comm_listener* listener)
+bool bind_and_rename(const split_path& at, comm_listener* listener)
 {
+    const int folder = listener->folder.get();
     const std::string temporary = unfinished_socket_name(at.name);
     remove_unfinished(folder, at.name);
     const int socket = listener->socket.get();
@@ -182,11 +184,12 @@ bool open_listener(const std::string& path, comm_listener* listener)
         return fail(path, "a socket path has 1 to 107 bytes");
     }
     const split_path at = split(path);
-    const unique_fd folder(open_file(at.folder.c_str(), O_PATH | O_DIRECTORY));
     comm_listener opened;
     opened.path = path;
+    opened.name = at.name;
+    opened.folder.reset(open_file(at.folder.c_str(), O_PATH | O_DIRECTORY));
     opened.socket = new_socket();
-    if (!folder || !opened.socket || !bind_and_rename(at, folder.get(), &opened)) {
+    if (!opened.folder || !opened.socket || !bind_and_rename(at, &opened)) {
         return fail(path, errno);
     }
     *listener = std::move(opened);
@@ -196,12 +199,14 @@ bool open_listener(const std::string& path, comm_listener* listener)
 void close_listener(comm_listener* listener)
 {
     struct stat file = {};
+    const int folder = listener->folder.get();
     if (listener->socket && listener->owner == getpid() &&
-        lstat(listener->path.c_str(), &file) == 0 && file.st_dev == listener->device &&
-        file.st_ino == listener->inode) {
-        unlink(listener->path.c_str());
+        fstatat(folder, listener->name.c_str(), &file, AT_SYMLINK_NOFOLLOW) == 0 &&
+        file.st_dev == listener->device && file.st_ino == listener->inode) {
+        system_file_operations.unlink_at(folder, listener->name.c_str());
     }
     listener->socket.reset();
+    listener->folder.reset();
 }
 
 } // namespace platform

@@ -11,7 +11,9 @@ namespace platform {
 
 struct comm_listener {
     unique_fd socket;
+    unique_fd folder; // of the socket file
     std::string path;
+    std::string name; // in the folder
     dev_t device = 0; // of the socket file
     ino_t inode = 0;
     pid_t owner = 0; // the process that has to remove the file

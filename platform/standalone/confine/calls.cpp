@@ -76,14 +76,11 @@ constexpr const char* allowed_calls[] = {
     "linkat",
     "lstat",
     "lstat64",
-    "mkdir",
-    "mkdirat",
     "newfstatat",
     "open",
     "openat",
     "readlink",
     "readlinkat",
-    "rename",
     "renameat",
     "renameat2",
     "stat",
@@ -92,7 +89,6 @@ constexpr const char* allowed_calls[] = {
     "statfs64",
     "statx",
     "umask",
-    "unlink",
     "unlinkat",
     // existing sockets: no socket is made, bound or connected any more, so that no other program
     // can be reached
@@ -104,7 +100,6 @@ constexpr const char* allowed_calls[] = {
     "listen",
     "recv",
     "recvfrom",
-    "recvmsg",
     "send",
     "sendmsg",
     "setsockopt",
@@ -206,6 +201,7 @@ constexpr argument_rule argument_rules[] = {
     {"mmap2", no_code, nothing},
     {"mprotect", no_code, nothing},
     {"prlimit64", {0, all_of_an_int, 0}, nothing}, // its own limits
+    {"sendto", {4, UINT64_MAX, 0}, nothing},       // without an address: to the end of a connection
     // Only queries of a terminal. Other requests can simulate its user's input.
     {"ioctl", {1, all_of_an_int, TCGETS}, nothing},
 #ifdef TCGETS2
@@ -288,13 +284,6 @@ bool allow_daemon(scmp_filter_ctx filter)
            allow(filter, {"clone", {flags_of_clone, other_than_a_child, 0}, nothing});
 }
 
-// Without an address: to the other end of a connection.
-bool allow_sending(scmp_filter_ctx filter, bool to_addresses)
-{
-    return to_addresses ? allow(filter, "sendto", 0, nullptr)
-                        : allow(filter, {"sendto", {4, UINT64_MAX, 0}, nothing});
-}
-
 bool add_allowed_calls(scmp_filter_ctx filter, const call_needs& needs)
 {
     for (const argument_rule& rule : argument_rules) {
@@ -303,9 +292,7 @@ bool add_allowed_calls(scmp_filter_ctx filter, const call_needs& needs)
         }
     }
     return allow_all(filter, allowed_calls) && allow_requests(filter) &&
-           allow_own_signals(filter, needs.daemon) &&
-           allow_sending(filter, needs.service_manager) &&
-           (!needs.daemon || allow_daemon(filter)) &&
+           allow_own_signals(filter, needs.daemon) && (!needs.daemon || allow_daemon(filter)) &&
            (!needs.foreign_files || allow_all(filter, calls_for_foreign_files));
 }
 

@@ -5,9 +5,8 @@ namespace platform {
 
 // What only some workers do after start-up.
 struct call_needs {
-    bool daemon = false;          // goes to the background: starts one child
-    bool foreign_files = false;   // keeps the owner and mode of another user's metadata
-    bool service_manager = false; // sends datagrams to an address
+    bool daemon = false;        // goes to the background: starts one child
+    bool foreign_files = false; // keeps the owner and mode of another user's metadata
 };
 
 // Restricts this process and its children to the calls that serving a picture needs. All others

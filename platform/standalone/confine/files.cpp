@@ -36,14 +36,14 @@ struct ruleset_attributes {
     uint64_t scoped;
 };
 
-unique_fd create_ruleset(int version, bool abstract_sockets)
+unique_fd create_ruleset(int version)
 {
     ruleset_attributes attributes = {known_file_rights(version), 0, 0};
     if (version >= version_with_network) {
         attributes.network = tcp_rights;
     }
     if (version >= version_with_scopes) {
-        attributes.scoped = scope_signals | (abstract_sockets ? 0 : scope_abstract_sockets);
+        attributes.scoped = scope_signals | scope_abstract_sockets;
     }
     return unique_fd(
         static_cast<int>(syscall(SYS_landlock_create_ruleset, &attributes, sizeof attributes, 0)));
@@ -79,19 +79,6 @@ void append(std::vector<file_rule>* rules, int fd, uint64_t rights)
     }
 }
 
-std::string folder_of(const std::string& path)
-{
-    return path.substr(0, path.rfind('/'));
-}
-
-// The folder of a domain is created again when it has been removed while a worker waits.
-void append_domain(std::vector<file_rule>* rules, const std::string& folder)
-{
-    const std::string all_domains = folder_of(folder);
-    append(rules, all_domains, to_keep_files | LANDLOCK_ACCESS_FS_MAKE_DIR, true);
-    append(rules, folder_of(all_domains), LANDLOCK_ACCESS_FS_READ_DIR, false);
-}
-
 bool add_rule(int ruleset, int version, const file_rule& rule)
 {
     unique_fd opened;
@@ -123,9 +110,6 @@ std::vector<file_rule> file_rules(const item_places& places)
     append(&rules, places.picture, LANDLOCK_ACCESS_FS_READ_FILE);
     append(&rules, places.metadata_folder, to_keep_files | LANDLOCK_ACCESS_FS_REMOVE_FILE);
     append(&rules, places.socket_folder, LANDLOCK_ACCESS_FS_REMOVE_FILE, true);
-    if (!places.domain_folder.empty()) {
-        append_domain(&rules, places.domain_folder);
-    }
     // The kernel writes the file with the rights of the process: without the first of these there
     // is no file, without the second it stays empty.
     append(&rules, places.core_folder, LANDLOCK_ACCESS_FS_MAKE_REG | LANDLOCK_ACCESS_FS_WRITE_FILE,
@@ -174,13 +158,13 @@ int landlock_version()
     return version > 0 ? static_cast<int>(version) : 0;
 }
 
-bool restrict_files(const std::vector<file_rule>& rules, bool abstract_sockets)
+bool restrict_files(const std::vector<file_rule>& rules)
 {
     const int version = landlock_version();
     if (version == 0) {
         return false;
     }
-    const unique_fd ruleset = create_ruleset(version, abstract_sockets);
+    const unique_fd ruleset = create_ruleset(version);
     if (!ruleset) {
         return false;
     }

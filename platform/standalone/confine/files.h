@@ -25,8 +25,7 @@ struct item_places {
     int picture = -1;
     int metadata_folder = -1;
     std::string socket_folder = {};
-    std::string domain_folder = {}; // may be created again, together with its registry
-    std::string core_folder = {};   // where core files are written; they can be created, not read
+    std::string core_folder = {}; // where core files are written; they can be created, not read
     std::vector<std::string> memory_groups = {};
 };
 std::vector<file_rule> file_rules(const item_places& places);
@@ -44,11 +43,10 @@ std::string core_folder(std::string_view pattern, uint64_t size_limit,
 // The version of the kernel's interface; 0 when it has none.
 int landlock_version();
 
-// Applies the rules to this process and its children. Where the kernel supports it, TCP, signals to
-// other processes and, unless `abstract_sockets` is set, abstract sockets of others are forbidden,
-// too. False with errno when the kernel cannot do this or does not permit it, and when a
+// Applies the rules to this process and its children. Where the kernel supports it, TCP, abstract
+// sockets of others to which it is not connected, and signals to others are forbidden, too. False with errno when the kernel cannot do this or does not permit it, and when a
 // required rule fails;
 // nothing is in force then.
-bool restrict_files(const std::vector<file_rule>& rules, bool abstract_sockets);
+bool restrict_files(const std::vector<file_rule>& rules);
 
 } // namespace platform

@@ -15,7 +15,6 @@
 #include "platform/settings.h"
 #include "platform/standalone/base/folders.h"
 #include "platform/standalone/cnb/cgroup_memory.h"
-#include "platform/standalone/cnb/domain.h"
 #include "platform/standalone/cnb/small_file.h"
 #include "platform/standalone/confine/capabilities.h"
 #include "platform/standalone/item/derived.h"
@@ -73,7 +72,6 @@ item_places present_places(const open_item& opened, bool core_files)
     item_places places;
     places.picture = opened.picture.get();
     places.metadata_folder = opened.folder.get();
-    places.domain_folder = cnb_domain_folder();
     places.memory_groups = memory_group_folders();
     if (core_files) {
         places.core_folder = present_core_folder();
@@ -95,12 +93,6 @@ bool has_foreign_files(const open_item& opened)
            std::any_of(names.begin(), names.end(),
                        [folder](const auto& name) { return is_foreign(folder, name.c_str()); }) ||
            !readable_without_capabilities(opened.picture.get());
-}
-
-bool manager_has_abstract_socket()
-{
-    const char* address = getenv("NOTIFY_SOCKET");
-    return address != nullptr && address[0] == '@';
 }
 
 uint64_t largest_own_file()

@@ -15,9 +15,6 @@ item_places present_places(const open_item& opened, bool core_files);
 // user, which only the superuser can.
 bool has_foreign_files(const open_item& opened);
 
-// Whether the address of the service manager is an abstract one.
-bool manager_has_abstract_socket();
-
 // The size in bytes that no file of the worker's exceeds, apart from the buffer's memory file.
 uint64_t largest_own_file();
 

@@ -16,6 +16,7 @@
 #include "platform/standalone/confine/files.h"
 #include "platform/standalone/confine/limits.h"
 #include "platform/standalone/confine/memory.h"
+#include "platform/standalone/confine/own_files.h"
 #include "platform/standalone/confine/places.h"
 #include "platform/standalone/confine/sanitized_build.h"
 #include "platform/standalone/item/derived.h"
@@ -97,10 +98,10 @@ outcome bound_files()
     if (opened == nullptr) {
         return outcome::NOT_WANTED;
     }
+    take_own_places();
     present.foreign_files = has_foreign_files(*opened);
     const int version = landlock_version();
-    const bool done = restrict_files(file_rules(present_places(*opened, from_switches.core_files)),
-                                     manager_has_abstract_socket());
+    const bool done = restrict_files(file_rules(present_places(*opened, from_switches.core_files)));
     present.landlock = done ? version : 0;
     return taken(done);
 }
@@ -115,11 +116,14 @@ outcome give_up_capabilities()
     return taken(done && !present.foreign_files && present.no_new_privileges);
 }
 
+outcome bound_own_files()
+{
+    return opened_item() == nullptr ? outcome::NOT_WANTED : taken(restrict_to_own_files());
+}
+
 outcome bound_calls()
 {
-    return taken(restrict_calls({.daemon = vexa_daemon,
-                                 .foreign_files = present.foreign_files,
-                                 .service_manager = has_service_manager()}));
+    return taken(restrict_calls({.daemon = vexa_daemon, .foreign_files = present.foreign_files}));
 }
 
 // In this order: each needs something that a later one gives up.
@@ -133,6 +137,7 @@ constexpr measure measures[] = {
     {"memory protection", protect_memory},
     {"files", bound_files},
     {"no capabilities", give_up_capabilities},
+    {"own files", bound_own_files},
     {"system calls", bound_calls},
 };
 

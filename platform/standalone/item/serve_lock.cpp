@@ -11,6 +11,7 @@
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
 #include "platform/standalone/base/file_lock.h"
+#include "platform/standalone/base/file_operations.h"
 #include "platform/standalone/base/private_file.h"
 
 namespace platform {
@@ -20,8 +21,9 @@ namespace {
 constexpr uint64_t patience_us = 300'000;
 
 file_lock lock{lock_file_kind::PRIVATE_FILE};
-std::string lock_path;
-pid_t owner = 0; // the process whose id is in the file
+unique_fd lock_folder; // of the lock file
+std::string lock_name; // in it
+pid_t owner = 0;       // the process whose id is in the file
 // Set by a handler of the C library's fork(), also within daemon(), because asking the kernel for
 // the process id in every idle round costs as much as the rest of the round.
 bool maybe_another_process = true;
@@ -60,7 +62,13 @@ std::string served_by(int holder)
 bool take_serve_lock(const std::string& socket_path)
 {
     const std::string path = socket_path + lock_suffix;
-    switch (lock.take(AT_FDCWD, path.c_str(), patience_us, &DIE4)) {
+    const size_t slash = path.rfind('/');
+    unique_fd folder(open_file(path.substr(0, slash + 1).c_str(), O_PATH | O_DIRECTORY));
+    if (!folder) {
+        error_line("Cannot lock socket", path, errno);
+        return false;
+    }
+    switch (lock.take(folder.get(), path.substr(slash + 1).c_str(), patience_us, &DIE4)) {
     case lock_result::TAKEN:
         break;
     case lock_result::BUSY:
@@ -70,12 +78,18 @@ bool take_serve_lock(const std::string& socket_path)
         error_line("Cannot lock socket", path, reason_for_no_lock(errno));
         return false;
     }
-    lock_path = path;
+    lock_folder = std::move(folder);
+    lock_name = path.substr(slash + 1);
     maybe_another_process = true;
     refresh_serve_lock();
     static const bool at_exit = atexit(release_serve_lock) == 0;
     static_cast<void>(at_exit);
     return true;
+}
+
+lock_file_place serve_lock_file()
+{
+    return {lock_folder.get(), lock_name};
 }
 
 void refresh_serve_lock()
@@ -101,14 +115,15 @@ void release_serve_lock()
         return;
     }
     if (owner == getpid()) {
-        if (lock.is_named(AT_FDCWD, lock_path.c_str())) {
-            unlink(lock_path.c_str());
+        if (lock.is_named(lock_folder.get(), lock_name.c_str())) {
+            system_file_operations.unlink_at(lock_folder.get(), lock_name.c_str());
         }
         lock.release();
     } else {
         lock = file_lock(lock_file_kind::PRIVATE_FILE); // the owner keeps it
     }
-    lock_path.clear();
+    lock_folder.reset();
+    lock_name.clear();
     owner = 0;
 }
 

@@ -14,6 +14,13 @@ inline constexpr const char* lock_suffix = ".lock"; // appended to the socket's 
 // that serves it, or the lock file and the reason.
 bool take_serve_lock(const std::string& socket_path);
 
+// The folder and the name of the lock file; -1 without the lock. The folder stays open with it.
+struct lock_file_place {
+    int folder;
+    std::string name;
+};
+lock_file_place serve_lock_file();
+
 // Updates the process id in the file when it has changed, as after daemon().
 void refresh_serve_lock();
 

@@ -10,15 +10,13 @@
 
 #include "platform/standalone/base/error_line.h"
 #include "platform/standalone/base/fd_io.h"
+#include "platform/standalone/base/file_operations.h"
 #include "platform/standalone/base/folders.h"
 #include "platform/standalone/base/private_file.h"
 
 namespace platform {
 
 namespace {
-
-constexpr const char* log_name = "log";
-constexpr const char* old_log_name = "log.old";
 
 bool is_same_file(const struct stat& a, const struct stat& b)
 {
@@ -99,7 +97,8 @@ bool log_file::begin_new_file()
     }
     const bool still_named = fstatat(folder_.get(), log_name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
                              is_same_file(ours, named);
-    if (still_named && renameat(folder_.get(), log_name, folder_.get(), old_log_name) != 0) {
+    if (still_named &&
+        system_file_operations.rename_at(folder_.get(), log_name, old_log_name) != 0) {
         return false;
     }
     const bool mirror_is_ours =

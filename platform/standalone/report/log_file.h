@@ -12,6 +12,9 @@ namespace platform {
 
 inline constexpr uint64_t log_limit = uint64_t{16} << 20; // bytes of both files
 
+inline constexpr const char* log_name = "log";
+inline constexpr const char* old_log_name = "log.old";
+
 class log_file {
 public:
     // Opens the log for appending, mode 0600. False with a reason() when the folder cannot be
@@ -25,6 +28,9 @@ public:
     // redirected meanwhile. For writers that know only the descriptor. False with a reason() on
     // failure.
     bool mirror_on(int fd);
+
+    // The folder, which rotating the log uses; -1 while the log is closed.
+    int folder() const { return folder_.get(); }
 
     bool is_open() const { return static_cast<bool>(fd_); }
 

@@ -17,6 +17,18 @@ bool is_address(std::string_view address)
            (address[0] == '/' || address[0] == '@');
 }
 
+bool connect_to(int fd, std::string_view address)
+{
+    sockaddr_un to = {};
+    to.sun_family = AF_UNIX;
+    std::copy(address.begin(), address.end(), to.sun_path);
+    if (address[0] == '@') {
+        to.sun_path[0] = '\0';
+    }
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address.size());
+    return connect(fd, reinterpret_cast<const sockaddr*>(&to), size) == 0;
+}
+
 } // namespace
 
 bool notify_socket::open(const char* address)
@@ -26,7 +38,9 @@ bool notify_socket::open(const char* address)
         return false;
     }
     fd_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    address_ = address;
+    if (fd_ && !connect_to(fd_.get(), address)) {
+        fd_.reset();
+    }
     return is_open();
 }
 
@@ -75,15 +89,7 @@ void notify_socket::flush()
     if (text.empty()) {
         return;
     }
-    sockaddr_un to = {};
-    to.sun_family = AF_UNIX;
-    std::copy(address_.begin(), address_.end(), to.sun_path);
-    if (address_[0] == '@') {
-        to.sun_path[0] = '\0';
-    }
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_.size());
-    const ssize_t sent = sendto(fd_.get(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                                reinterpret_cast<const sockaddr*>(&to), size);
+    const ssize_t sent = send(fd_.get(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent >= 0 || (errno != EAGAIN && errno != EINTR && errno != ENOBUFS)) {
         ready_ = false;
         stopping_ = false;

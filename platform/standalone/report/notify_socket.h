@@ -11,15 +11,16 @@ namespace platform {
 
 class notify_socket {
 public:
-    // Sets the address: a path, or '@' and an abstract name. False when there is none or it is
-    // invalid; all other calls then do nothing.
+    // Connects to the address: a path, or '@' and an abstract name. False when there is none, when
+    // it is invalid or when nobody receives there; all other calls then do nothing.
     bool open(const char* address);
     void close();
     bool is_open() const { return static_cast<bool>(fd_); }
+    int descriptor() const { return fd_.get(); }
 
     // Queue the next notification; texts are printable. Nothing blocks: what the manager cannot
-    // receive waits for the next flush, and a newer status replaces an older one. Whether the
-    // manager exists makes no difference.
+    // receive waits for the next flush, and a newer status replaces an older one. A manager that
+    // has ended makes no difference.
     void queue_status(std::string_view text);
     void queue_ready(std::string_view text);
     void queue_stopping();
@@ -29,9 +30,8 @@ private:
     std::string message() const;
 
     unique_fd fd_;
-    std::string address_; // as the kernel takes it
-    std::string status_;  // waiting; empty: none
-    bool ready_ = false;  // waiting
+    std::string status_; // waiting; empty: none
+    bool ready_ = false; // waiting
     bool stopping_ = false;
 };
 

@@ -203,6 +203,16 @@ void note_lost_messages(uint64_t now_us)
     the_log().look_for_room(now_us);
 }
 
+int log_folder()
+{
+    return the_log().folder();
+}
+
+std::vector<std::string> kept_log_files()
+{
+    return {log_name, old_log_name};
+}
+
 void release_standard_error()
 {
     erase_progress_line();

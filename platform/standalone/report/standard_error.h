@@ -8,7 +8,9 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace platform {
 
@@ -22,6 +24,10 @@ void draw_progress_line(std::string_view text);
 
 // Records in the log what was lost while the disk was full, when there is room again.
 void note_lost_messages(uint64_t now_us);
+
+// The descriptor of the log's folder, -1 without a log, and the files that are renamed in it.
+int log_folder();
+std::vector<std::string> kept_log_files();
 
 // Closes the log, erases the progress line and restores stderr. For the end and for tests; may run
 // twice.

@@ -83,9 +83,9 @@ bool status_channel_is_file()
     return host.is_file();
 }
 
-bool has_service_manager()
+int connect_service_manager()
 {
-    return known_service_manager().is_open();
+    return known_service_manager().descriptor();
 }
 
 void flush_status()

@@ -14,8 +14,8 @@ bool open_status_channel(int fd);
 // Whether the host's channel is a regular file.
 bool status_channel_is_file();
 
-// Whether there is a service manager to notify. Its socket is open from then on.
-bool has_service_manager();
+// Connects to the service manager, unless that has been done. The descriptor, -1 without a manager.
+int connect_service_manager();
 
 // Writes what a slow host or service manager has not accepted yet. Never blocks.
 void flush_status();

@@ -100,7 +100,7 @@ TEST_F(ClientsFrames, WorkerKeepsNoDescriptorItSent)
         client.close();
         pump();
     }
-    EXPECT_EQ(open_descriptors(), before + 2); // epoll and the listening socket
+    EXPECT_EQ(open_descriptors(), before + 3); // epoll, the listening socket and its folder
 }
 
 TEST_F(ClientsFrames, MissingDescriptorIsReportedAndRetried)

@@ -80,16 +80,6 @@ TEST(ConfinementFileRules, SocketFolderAllowsRemovalOnly)
         (file_rule{.path = "/run/s/", .rights = LANDLOCK_ACCESS_FS_REMOVE_FILE, .needed = true}));
 }
 
-TEST(ConfinementFileRules, DomainFolderMayBeRecreatedAndAllowsItsRegistry)
-{
-    const std::vector<file_rule> rules = file_rules({.domain_folder = "/run/stillimage/cnb/d"});
-    EXPECT_EQ(rights_of(rules, "/run/stillimage/cnb") & to_write_anything,
-              LANDLOCK_ACCESS_FS_WRITE_FILE | LANDLOCK_ACCESS_FS_MAKE_REG |
-                  LANDLOCK_ACCESS_FS_MAKE_DIR | truncate_right);
-    EXPECT_EQ(rights_of(rules, "/run/stillimage"), LANDLOCK_ACCESS_FS_READ_DIR);
-    EXPECT_EQ(rights_of(rules, "/run"), 0U);
-}
-
 TEST(ConfinementFileRules, OtherPlacesMayOnlyBeRead)
 {
     const std::vector<file_rule> rules = file_rules({.memory_groups = {"/groups/a", "/groups"}});
@@ -175,8 +165,7 @@ protected:
     {
         return {.picture = picture.get(),
                 .metadata_folder = metadata.get(),
-                .socket_folder = folder.path("run/"),
-                .domain_folder = folder.path("run/stillimage/cnb/default")};
+                .socket_folder = folder.path("run/")};
     }
 
     // Runs `work` in a restricted child and returns its exit status; a failed expectation gives
@@ -184,7 +173,7 @@ protected:
     int restricted(const std::function<void()>& work) const
     {
         return run_in_child([&] {
-            EXPECT_TRUE(platform::restrict_files(file_rules(places()), false));
+            EXPECT_TRUE(platform::restrict_files(file_rules(places())));
             work();
             return testing::Test::HasFailure() ? 1 : 0;
         });
@@ -291,7 +280,7 @@ TEST_F(ConfinementFiles, CoreFolderAllowsNewFilesThatCannotBeRead)
     platform::item_places with_cores = places();
     with_cores.core_folder = folder.path("cores");
     EXPECT_EQ(run_in_child([&] {
-                  EXPECT_TRUE(platform::restrict_files(file_rules(with_cores), false));
+                  EXPECT_TRUE(platform::restrict_files(file_rules(with_cores)));
                   EXPECT_EQ(error_of_opening_ours("cores/core", O_WRONLY | O_CREAT | O_EXCL), 0);
                   EXPECT_EQ(error_of_opening_ours("cores/core", O_RDONLY), EACCES);
                   EXPECT_EQ(error_of_opening_ours("cores/letter", O_RDONLY), EACCES);
@@ -302,14 +291,16 @@ TEST_F(ConfinementFiles, CoreFolderAllowsNewFilesThatCannotBeRead)
               0);
 }
 
-TEST_F(ConfinementFiles, DomainFolderCanBeRecreated)
+TEST_F(ConfinementFiles, DomainsAreOutOfReach)
 {
+    folder.write("run/stillimage/cnb/default/registry", "");
     EXPECT_EQ(restricted([this] {
-                  const std::string domain = folder.path("run/stillimage/cnb/again");
-                  EXPECT_EQ(mkdir(domain.c_str(), 0700), 0);
-                  EXPECT_EQ(error_of_opening(domain, O_RDONLY | O_DIRECTORY), 0);
-                  EXPECT_EQ(error_of_opening(domain + "/registry", O_RDWR | O_CREAT), 0);
-                  EXPECT_EQ(error_of_opening_ours("run/stillimage", O_RDONLY | O_DIRECTORY), 0);
+                  const std::string domains = folder.path("run/stillimage/cnb");
+                  EXPECT_EQ(mkdir((domains + "/new").c_str(), 0700), -1);
+                  EXPECT_EQ(error_of_opening(domains, O_RDONLY | O_DIRECTORY), EACCES);
+                  EXPECT_EQ(error_of_opening(domains + "/default/registry", O_RDWR), EACCES);
+                  EXPECT_EQ(error_of_opening(domains + "/default/registry", O_RDONLY), EACCES);
+                  EXPECT_EQ(error_of_opening(domains + "/default/new", O_RDWR | O_CREAT), EACCES);
               }),
               0);
 }
@@ -352,14 +343,14 @@ TEST_F(ConfinementFiles, NothingIsInForceWhenARequiredRuleFails)
     EXPECT_EQ(run_in_child([this] {
                   platform::item_places broken = places();
                   broken.socket_folder = folder.path("missing/");
-                  EXPECT_FALSE(platform::restrict_files(file_rules(broken), false));
+                  EXPECT_FALSE(platform::restrict_files(file_rules(broken)));
                   broken = places();
                   broken.picture = 999;
-                  EXPECT_FALSE(platform::restrict_files(file_rules(broken), false));
+                  EXPECT_FALSE(platform::restrict_files(file_rules(broken)));
                   EXPECT_EQ(error_of_opening_ours("foreign/file", O_RDONLY), 0);
                   broken = places();
                   broken.memory_groups = {folder.path("missing")};
-                  EXPECT_TRUE(platform::restrict_files(file_rules(broken), false));
+                  EXPECT_TRUE(platform::restrict_files(file_rules(broken)));
                   EXPECT_EQ(error_of_opening_ours("foreign/file", O_RDONLY), EACCES);
                   return testing::Test::HasFailure() ? 1 : 0;
               }),
@@ -400,7 +391,7 @@ TEST_F(ConfinementFiles, SignalsReachOnlyTheProcessItselfAndItsChildren)
               0);
 }
 
-TEST_F(ConfinementFiles, AbstractSocketsAreReachableOnlyWhenNeeded)
+TEST_F(ConfinementFiles, AbstractSocketsAreReachableWhenConnectedBefore)
 {
     if (interface_version() < 6) {
         GTEST_SKIP() << "this kernel has no rules for abstract sockets";
@@ -409,20 +400,18 @@ TEST_F(ConfinementFiles, AbstractSocketsAreReachableOnlyWhenNeeded)
     address.sun_family = AF_UNIX;
     const std::string name = "stillimage-test-" + std::to_string(getpid());
     std::copy(name.begin(), name.end(), address.sun_path + 1);
+    const auto* any = reinterpret_cast<const sockaddr*>(&address);
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
     const unique_fd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(manager.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-    for (const bool wanted : {false, true}) {
-        EXPECT_EQ(run_in_child([&] {
-                      EXPECT_TRUE(platform::restrict_files(file_rules(places()), wanted));
-                      const unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-                      const ssize_t sent = sendto(fd.get(), "x", 1, MSG_DONTWAIT,
-                                                  reinterpret_cast<sockaddr*>(&address), size);
-                      EXPECT_EQ(sent, wanted ? 1 : -1);
-                      return testing::Test::HasFailure() ? 1 : 0;
-                  }),
-                  0);
-    }
+    ASSERT_EQ(bind(manager.get(), any, size), 0);
+    const unique_fd connected(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(connect(connected.get(), any, size), 0);
+    EXPECT_EQ(restricted([&] {
+                  const unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+                  EXPECT_EQ(sendto(fd.get(), "x", 1, MSG_DONTWAIT, any, size), -1);
+                  EXPECT_EQ(send(connected.get(), "x", 1, MSG_DONTWAIT), 1);
+              }),
+              0);
 }
 
 } // namespace

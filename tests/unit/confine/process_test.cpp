@@ -9,6 +9,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -127,6 +128,22 @@ TEST_F(Confinement, KeepsThePictureAndItsMetadataWorking)
                                      0);
                        }),
               0);
+}
+
+TEST_F(Confinement, LogIsStillRotated)
+{
+    EXPECT_EQ(run_in_child([] {
+                  EXPECT_EQ(vexa_redirect_stderr_to_logfile(), 0);
+                  confine_process();
+                  const std::string line(size_t{1} << 20, 'x');
+                  for (int lines = 0; lines < 9; ++lines) {
+                      fprintf(stderr, "%s\n", line.c_str());
+                  }
+                  return 0;
+              }),
+              0);
+    struct stat log = {};
+    EXPECT_EQ(stat((std::string(vexa_file_metadir) + "/log.old").c_str(), &log), 0);
 }
 
 TEST_F(Confinement, AddressSpaceIsLimitedWhenTheOthersAreRefused)

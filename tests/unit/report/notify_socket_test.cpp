@@ -78,17 +78,34 @@ TEST_F(NotifySocket, InvalidAddressesAreIgnored)
         socket.queue_ready("x");
         socket.flush();
     }
-    EXPECT_TRUE(socket.open(("/" + std::string(107, 'x')).c_str()));
+}
+
+TEST_F(NotifySocket, LongestAddressIsAccepted)
+{
+    const std::string longest = "@" + std::string(107, 'x');
+    const service_manager manager(longest);
+    EXPECT_TRUE(socket.open(longest.c_str()));
 }
 
 TEST_F(NotifySocket, MissingManagerIsIgnored)
 {
-    ASSERT_TRUE(socket.open(folder.path("nobody").c_str()));
+    EXPECT_FALSE(socket.open(folder.path("nobody").c_str()));
     socket.queue_ready("x");
     socket.queue_stopping();
     const service_manager manager(folder.path("nobody"));
     socket.flush();
     EXPECT_EQ(manager.next(), "");
+}
+
+TEST_F(NotifySocket, ManagerThatHasEndedIsIgnored)
+{
+    {
+        const service_manager manager(folder.path("notify"));
+        ASSERT_TRUE(socket.open(folder.path("notify").c_str()));
+    }
+    socket.queue_ready("x");
+    socket.flush();
+    socket.queue_stopping();
 }
 
 TEST_F(NotifySocket, SlowManagerGetsTheLatestStateLater)

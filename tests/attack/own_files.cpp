@@ -98,8 +98,8 @@ void with_every_kept_name(Use use)
     }
 }
 
-// Puts the folder of the file in the place of every descriptor, then uses the worker's own names. The
-// file has the name of one of them.
+// Puts the folder of the file in the place of every descriptor, then uses the worker's own names.
+// The file has the name of one of them.
 int swap_folders(const std::string& path)
 {
     const int folder = open(split(path).folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);

@@ -1,7 +1,7 @@
 // Names of files that the process may still remove or rename after it has confined itself. A filter
-// of system calls sees the address of a name, but not its text. So the names are copied to addresses
-// that only they can have, into memory that nobody can write any more, and the filter compares
-// addresses.
+// of system calls sees the address of a name, but not its text. So the names are copied to
+// addresses that only they can have, into memory that nobody can write any more, and the filter
+// compares addresses.
 #pragma once
 
 #include <cstddef>

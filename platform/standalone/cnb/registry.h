@@ -35,14 +35,15 @@ public:
     int open(int folder);
     explicit operator bool() const { return static_cast<bool>(file_); }
 
-    // Takes the lowest free number without any bytes. All that happens to the registry afterwards is
-    // that this number's record is written. NO_ROOM: every number is locked.
+    // Takes the lowest free number without any bytes. All that happens to the registry afterwards
+    // is that this number's record is written. NO_ROOM: every number is locked.
     claim_result reserve_number();
     registry_record own_record() const;
 
-    // Takes the reserved number, or the lowest free one, for a buffer of `bytes` bytes, if all buffers together then have
-    // at most `limit` bytes. Never waits. After NO_ROOM the next calls may return the same without looking, so that polling is cheap whatever the number of
-    // buffers. Only one number can be held at a time; claiming a second one is an error (EBUSY).
+    // Takes the reserved number, or the lowest free one, for a buffer of `bytes` bytes, if all
+    // buffers together then have at most `limit` bytes. Never waits. After NO_ROOM the next calls
+    // may return the same without looking, so that polling is cheap whatever the number of buffers.
+    // Only one number can be held at a time; claiming a second one is an error (EBUSY).
     claim_result claim(uint64_t bytes, uint64_t limit);
 
     uint32_t number() const { return claimed_ ? number_ : 0; } // 0 while nothing is claimed

@@ -52,8 +52,8 @@ void answer(program* code, uint32_t result)
     add(code, BPF_RET | BPF_K, result);
 }
 
-// The next instruction is a jump to the end of the alternative. It is skipped when the comparison of
-// the loaded value has this result.
+// The next instruction is a jump to the end of the alternative. It is skipped when the comparison
+// of the loaded value has this result.
 void go_on_if(program* code, uint16_t comparison, uint32_t value, bool result)
 {
     add(code, static_cast<uint16_t>(BPF_JMP | BPF_K | comparison), value, result ? 1 : 0,

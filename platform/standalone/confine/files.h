@@ -44,8 +44,8 @@ std::string core_folder(std::string_view pattern, uint64_t size_limit,
 int landlock_version();
 
 // Applies the rules to this process and its children. Where the kernel supports it, TCP, abstract
-// sockets of others to which it is not connected, and signals to others are forbidden, too. False with errno when the kernel cannot do this or does not permit it, and when a
-// required rule fails;
+// sockets of others to which it is not connected, and signals to others are forbidden, too. False
+// with errno when the kernel cannot do this or does not permit it, and when a required rule fails;
 // nothing is in force then.
 bool restrict_files(const std::vector<file_rule>& rules);
 

@@ -1,6 +1,6 @@
-// What a captured worker must not do to others although a worker does it to its own files: remove and
-// rename them, write its record of the domain, notify its manager. The calls are tied to these files
-// by the number of a descriptor and by the address of a name.
+// What a captured worker must not do to others although a worker does it to its own files: remove
+// and rename them, write its record of the domain, notify its manager. The calls are tied to these
+// files by the number of a descriptor and by the address of a name.
 #pragma once
 
 #include <cstdint>

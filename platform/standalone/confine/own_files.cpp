@@ -52,8 +52,8 @@ bool restrict_to_own_files()
 {
     kept_rights rights;
     const registry_record record = record_in_domain();
-    // A worker that does not serve has no buffer. One that serves without a number still has to find
-    // one.
+    // A worker that does not serve has no buffer. One that serves without a number still has to
+    // find one.
     if (!mode_serves() || record.offset != 0) {
         rights.registry = record.file;
         rights.registry_offset = record.offset;

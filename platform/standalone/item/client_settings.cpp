@@ -246,7 +246,7 @@ setting_state keep(std::string_view name, const std::string& value)
     return state_of(kept->second);
 }
 
-// --- writing the item's file ----------------------------------------------------------------------
+// --- writing the item's file ---------------------------------------------------------------------
 
 // All waiting settings, for a write. What is set from now on goes into another pending file.
 item_settings take_waiting()

@@ -107,7 +107,7 @@ update_progress stored_update::take_lock(uint64_t now_us)
     return refuse("its lock cannot be taken: " + error_text(errno));
 }
 
-// --- the text -------------------------------------------------------------------------------------
+// --- the text ------------------------------------------------------------------------------------
 
 // The settings that dead processes left are merged first, in their order.
 void stored_update::take_abandoned()
@@ -280,7 +280,7 @@ update_progress stored_update::again(uint64_t /*now_us*/)
     return update_progress::WORKED;
 }
 
-// --- the disk -------------------------------------------------------------------------------------
+// --- the disk ------------------------------------------------------------------------------------
 
 update_progress stored_update::wait_for_disk(uint64_t now_us)
 {

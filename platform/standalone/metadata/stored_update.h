@@ -1,10 +1,10 @@
 // Sets entries of the item in the metadata file, and keeps everything else in it as another process
-// may have written it: under the lock, the file is copied with the new entries and replaced. Nothing
-// is written when nothing changes. Settings that dead processes left in pending files are merged
-// first. A damaged file is left for the next start to set aside.
+// may have written it: under the lock, the file is copied with the new entries and replaced.
+// Nothing is written when nothing changes. Settings that dead processes left in pending files are
+// merged first. A damaged file is left for the next start to set aside.
 //
-// This is done in steps, so that a process with one thread does other work in between. No step takes
-// longer than copying a small part of the file, or than one sync of it.
+// This is done in steps, so that a process with one thread does other work in between. No step
+// takes longer than copying a small part of the file, or than one sync of it.
 #pragma once
 
 #include <cstdint>
@@ -41,8 +41,8 @@ public:
 
     update_progress step(uint64_t now_us);
 
-    // Waits no longer than this for the lock from now on, and not at all for the disk. For the end of
-    // the process.
+    // Waits no longer than this for the lock from now on, and not at all for the disk. For the end
+    // of the process.
     void hurry(uint64_t lock_limit_us, uint64_t now_us);
 
     // Why it has failed.

@@ -1,5 +1,5 @@
-// The shown entries are the first ones of the list. An entry that stops fitting loses its value, and
-// is shown again only after it has been set again.
+// The shown entries are the first ones of the list. An entry that stops fitting loses its value,
+// and is shown again only after it has been set again.
 #include "platform/standalone/report/document_entries.h"
 
 #include <algorithm>

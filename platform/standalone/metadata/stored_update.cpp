@@ -23,6 +23,7 @@ constexpr int max_attempts = 5;                // when the file changes meanwhil
 std::vector<std::string> names_of(const std::vector<pending_file>& files)
 {
     std::vector<std::string> names;
+    names.reserve(files.size());
     for (const pending_file& file : files) {
         names.push_back(file.name);
     }

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include "tests/gst/gst_fixture.h"
+#include "tests/support/signals.h"
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -17,18 +18,23 @@ namespace {
 
 class GstAdversity : public GstFixture {
 protected:
-    // The process that serves the picture at its default socket.
+    // The process that serves the picture at its default socket; waits for one that is started.
     static pid_t worker_of(const std::string& picture)
     {
-        stillimage_client* client = nullptr;
-        EXPECT_EQ(stillimage_connect_picture(picture.c_str(), 0, 30'000, &client), STILLIMAGE_OK);
-        const pid_t pid = stillimage_worker_pid(client);
-        stillimage_close(client);
+        pid_t pid = 0;
+        EXPECT_TRUE(eventually([&] {
+            stillimage_client* client = nullptr;
+            if (stillimage_connect_picture(picture.c_str(), 0, 30'000, &client) == STILLIMAGE_OK) {
+                pid = stillimage_worker_pid(client);
+            }
+            stillimage_close(client);
+            return pid > 0;
+        }));
         return pid;
     }
     static void end_process(pid_t pid)
     {
-        kill(pid, SIGKILL);
+        send_signal(pid, SIGKILL);
         EXPECT_TRUE(eventually([&] { return kill(pid, 0) != 0 && errno == ESRCH; }));
     }
     static size_t own_descriptors()
@@ -152,7 +158,7 @@ TEST_F(GstAdversity, StreamSurvivesWorkersKilledAtAnyMoment)
     for (int i = 0; i < 12; ++i) {
         const GstClockTime then = time_shown(sink.get());
         ASSERT_TRUE(eventually([&] { return time_shown(sink.get()) > then; })) << error_text();
-        kill(worker_of(picture), SIGKILL);
+        send_signal(worker_of(picture), SIGKILL);
     }
     EXPECT_EQ(played.wait(GST_MESSAGE_ERROR, 0), nullptr);
 }

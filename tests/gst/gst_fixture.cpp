@@ -6,6 +6,7 @@
 
 #include "tests/support/child_process.h"
 #include "tests/support/file_contents.h"
+#include "tests/support/signals.h"
 
 namespace {
 
@@ -175,7 +176,7 @@ GstFixture::~GstFixture()
         if (stillimage_socket_of(picture.c_str(), socket, sizeof socket) == STILLIMAGE_OK &&
             access(socket, F_OK) == 0 &&
             stillimage_connect(socket, 1000, &client) == STILLIMAGE_OK) {
-            kill(stillimage_worker_pid(client), SIGKILL);
+            send_signal(stillimage_worker_pid(client), SIGKILL);
         }
         stillimage_close(client);
     }

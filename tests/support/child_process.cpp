@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/support/signals.h"
+
 child_process::child_process(const std::function<int()>& work)
 {
     fflush(nullptr);
@@ -42,7 +44,7 @@ int child_process::wait()
 
 void child_process::kill_now()
 {
-    kill(pid_, SIGKILL);
+    send_signal(pid_, SIGKILL);
 }
 
 int run_in_child(const std::function<int()>& work)

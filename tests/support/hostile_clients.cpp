@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tests/support/packet_client.h"
+#include "tests/support/signals.h"
 
 using namespace comm_protocol;
 
@@ -284,7 +285,7 @@ hostile_process::hostile_process(const hostile_client& client, const std::string
 
 hostile_process::~hostile_process()
 {
-    kill(pid_, SIGKILL);
+    send_signal(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
     munmap(steps_, sizeof(std::atomic<unsigned>));
 }

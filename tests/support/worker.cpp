@@ -18,6 +18,7 @@
 
 #include "client/stillimage_client.h"
 #include "tests/support/file_contents.h"
+#include "tests/support/signals.h"
 
 namespace {
 
@@ -206,7 +207,7 @@ void worker::start(const worker_home& home, const setting& how)
 worker::~worker()
 {
     if (pid_ > 0 && end_ == no_end) {
-        kill(pid_, SIGKILL);
+        send_signal(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
 }
@@ -261,7 +262,7 @@ int worker::wait_end(int timeout_ms)
 
 void worker::send(int signal) const
 {
-    kill(pid_, signal);
+    send_signal(pid_, signal);
 }
 
 std::string worker::printed() const
@@ -322,7 +323,7 @@ started_client::started_client(const worker_home& home, const std::vector<std::s
 started_client::~started_client()
 {
     if (pid_ > 0 && end_ == worker::no_end) {
-        kill(pid_, SIGKILL);
+        send_signal(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
 }

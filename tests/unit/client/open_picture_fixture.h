@@ -13,6 +13,7 @@
 #include "client/stillimage_client.h"
 #include "tests/support/environment.h"
 #include "tests/support/file_contents.h"
+#include "tests/support/signals.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"
@@ -31,7 +32,7 @@ protected:
     ~OpenPicture() override
     {
         for (const pid_t pid : started) {
-            kill(pid, SIGKILL);
+            send_signal(pid, SIGKILL);
         }
     }
 
@@ -56,7 +57,7 @@ protected:
     void end_worker()
     {
         const pid_t pid = stillimage_worker_pid(client.get());
-        kill(pid, SIGKILL);
+        send_signal(pid, SIGKILL);
         ASSERT_TRUE(eventually([&] { return kill(pid, 0) != 0 && errno == ESRCH; }));
     }
 

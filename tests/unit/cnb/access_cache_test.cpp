@@ -59,14 +59,15 @@ protected:
         return (entry >> 63) != 0;
     }
 
-    static int mappings_of_process()
+    // Of buffers only: a sanitizer makes and removes mappings of its own.
+    static int mappings_of_buffers()
     {
         std::ifstream maps("/proc/self/maps");
-        int lines = 0;
+        int found = 0;
         for (std::string line; std::getline(maps, line);) {
-            ++lines;
+            found += line.find("/memfd:") != std::string::npos ? 1 : 0;
         }
-        return lines;
+        return found;
     }
 
     vexa_global_access_cache* cache;
@@ -179,12 +180,13 @@ TEST_F(AccessCache, AnyNumberOfRequestsKeepOneMapping)
 {
     load(4'000'000);
     fetch(0, 1000, access_write);
-    const int before = mappings_of_process();
+    const int before = mappings_of_buffers();
+    EXPECT_GT(before, 0);
     for (uint64_t offset = 0; offset + 3000 < 4'000'000; offset += 17) {
         ASSERT_NE(fetch(offset, 3000, offset % 2 == 0 ? access_read : access_write), nullptr);
         vexa_global_access_cache_cleanup_idle(cache);
     }
-    EXPECT_EQ(mappings_of_process(), before);
+    EXPECT_EQ(mappings_of_buffers(), before);
 }
 
 TEST_F(AccessCache, WriteRequestMakesItsPagesPresent)

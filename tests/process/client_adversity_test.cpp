@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "client/stillimage_client.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/support/worker.h"
 #include "tests/support/worker_client.h"
 
@@ -98,16 +99,6 @@ size_t own_descriptors()
 {
     const std::filesystem::directory_iterator folder("/proc/self/fd");
     return static_cast<size_t>(std::distance(begin(folder), end(folder)));
-}
-
-size_t own_mappings_of_buffers()
-{
-    std::ifstream maps("/proc/self/maps");
-    size_t count = 0;
-    for (std::string line; std::getline(maps, line);) {
-        count += line.find("memfd:") != std::string::npos ? 1 : 0;
-    }
-    return count;
 }
 
 class ClientAdversity : public testing::Test {
@@ -208,7 +199,7 @@ TEST_F(ClientAdversity, WorkersKilledAtAnyMomentLeakNothing)
 {
     constexpr int rounds = 60;
     const size_t descriptors = own_descriptors();
-    const size_t mappings = own_mappings_of_buffers();
+    const size_t mappings = mappings_of_memory_files();
     std::mt19937 random(1);
     for (int round = 0; round < rounds; ++round) {
         worker served(home, picture);
@@ -228,7 +219,7 @@ TEST_F(ClientAdversity, WorkersKilledAtAnyMomentLeakNothing)
         killer.join();
     }
     EXPECT_EQ(own_descriptors(), descriptors);
-    EXPECT_EQ(own_mappings_of_buffers(), mappings);
+    EXPECT_EQ(mappings_of_memory_files(), mappings);
 }
 
 TEST_F(ClientAdversity, FramesStayReadableWhenTheWorkerIsKilled)
@@ -242,7 +233,7 @@ TEST_F(ClientAdversity, FramesStayReadableWhenTheWorkerIsKilled)
         stillimage_free(file);
         return bytes;
     };
-    const size_t mappings = own_mappings_of_buffers();
+    const size_t mappings = mappings_of_memory_files();
     {
         held_frame whole;
         held_frame level;
@@ -264,9 +255,9 @@ TEST_F(ClientAdversity, FramesStayReadableWhenTheWorkerIsKilled)
         }
         EXPECT_TRUE(png_of(whole) == expected);
         EXPECT_TRUE(png_of(level) == expected_level);
-        EXPECT_EQ(own_mappings_of_buffers(), mappings + 1); // shared by both frames
+        EXPECT_EQ(mappings_of_memory_files(), mappings + 1); // shared by both frames
     }
-    EXPECT_EQ(own_mappings_of_buffers(), mappings);
+    EXPECT_EQ(mappings_of_memory_files(), mappings);
 }
 
 TEST_F(ClientAdversity, ReconnectFindsARestartedWorkerAndOldFramesStay)

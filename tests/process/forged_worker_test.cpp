@@ -19,16 +19,6 @@ namespace {
 constexpr int patience_ms = 10'000; // never reached
 constexpr int silence_ms = 40;      // for what is never answered
 
-size_t mappings_of_memory_files()
-{
-    std::ifstream maps("/proc/self/maps");
-    size_t count = 0;
-    for (std::string line; std::getline(maps, line);) {
-        count += line.find("memfd:") != std::string::npos ? 1 : 0;
-    }
-    return count;
-}
-
 void expect_usable(const stillimage_frame* frame)
 {
     const stillimage_picture& picture = *stillimage_frame_picture(frame);

@@ -94,21 +94,6 @@ void add_memory(conditions* all, uint32_t end)
 
 // --- descriptors --------------------------------------------------------------------------------
 
-// A number of these always stands for the same open file.
-std::vector<int> fixed_descriptors(const kept_rights& rights)
-{
-    std::vector<int> all;
-    for (const kept_places& places : rights.folders) {
-        all.insert(all.end(), places.descriptors.begin(), places.descriptors.end());
-    }
-    for (const int descriptor : {rights.registry, rights.manager}) {
-        if (descriptor >= 0) {
-            all.push_back(descriptor);
-        }
-    }
-    return all;
-}
-
 // The same open file must not get a second number, which no condition would know.
 std::vector<int> single_descriptors(const kept_rights& rights)
 {
@@ -117,6 +102,16 @@ std::vector<int> single_descriptors(const kept_rights& rights)
         if (descriptor >= 0) {
             all.push_back(descriptor);
         }
+    }
+    return all;
+}
+
+// A number of these always stands for the same open file.
+std::vector<int> fixed_descriptors(const kept_rights& rights)
+{
+    std::vector<int> all = single_descriptors(rights);
+    for (const kept_places& places : rights.folders) {
+        all.insert(all.end(), places.descriptors.begin(), places.descriptors.end());
     }
     return all;
 }

@@ -1,15 +1,13 @@
 #include "platform/standalone/confine/limits.h"
 
 #include <cerrno>
-#include <charconv>
-#include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
+
+#include "platform/standalone/base/open_descriptors.h"
 
 namespace platform {
 
@@ -22,20 +20,6 @@ constexpr unsigned long refuse_new_code = 1;
 constexpr int set_write_execute_rule = PR_SET_MDWE;
 constexpr unsigned long refuse_new_code = PR_MDWE_REFUSE_EXEC_GAIN;
 #endif
-
-std::vector<int> open_descriptors(DIR* folder)
-{
-    std::vector<int> found;
-    while (const dirent* entry = readdir(folder)) {
-        int fd = -1;
-        const char* end = entry->d_name + strlen(entry->d_name);
-        const auto read = std::from_chars(entry->d_name, end, fd);
-        if (read.ec == std::errc() && fd > STDERR_FILENO) {
-            found.push_back(fd);
-        }
-    }
-    return found;
-}
 
 } // namespace
 
@@ -62,17 +46,14 @@ int forbid_new_code()
 // The worker's own descriptors, including the duplicate of the status channel, are close-on-exec.
 bool close_inherited_descriptors()
 {
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc/self/fd"), closedir);
-    if (!folder) {
-        return false;
-    }
-    for (const int fd : open_descriptors(folder.get())) {
-        const int flags = fcntl(fd, F_GETFD);
+    const std::vector<int> descriptors = open_descriptors();
+    for (const int fd : descriptors) {
+        const int flags = fd > STDERR_FILENO ? fcntl(fd, F_GETFD) : -1;
         if (flags != -1 && (flags & FD_CLOEXEC) == 0) {
             close(fd);
         }
     }
-    return true;
+    return !descriptors.empty();
 }
 
 } // namespace platform

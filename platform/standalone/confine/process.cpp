@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -175,14 +176,13 @@ refusal take_measures()
     return first;
 }
 
-bool is_in_force(const char* name)
+// Null before the measures were taken.
+shown_measure* find_measure(const char* name)
 {
-    for (const shown_measure& each : in_force) {
-        if (strcmp(each.name, name) == 0) {
-            return each.in_force;
-        }
-    }
-    return false;
+    const auto found =
+        std::find_if(in_force.begin(), in_force.end(),
+                     [name](const shown_measure& each) { return strcmp(each.name, name) == 0; });
+    return found != in_force.end() ? &*found : nullptr;
 }
 
 void show_measures()
@@ -212,13 +212,10 @@ int confine_process()
 
 void confine_daemon()
 {
-    if (!is_in_force("system calls") || !restrict_calls_of_daemon()) {
+    const shown_measure* calls = find_measure("system calls");
+    if (calls == nullptr || !calls->in_force || !restrict_calls_of_daemon()) {
         return;
     }
-    for (shown_measure& each : in_force) {
-        if (strcmp(each.name, "no processes") == 0) {
-            each.in_force = forbid_processes();
-        }
-    }
+    find_measure("no processes")->in_force = forbid_processes();
     show_measures();
 }

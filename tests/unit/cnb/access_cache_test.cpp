@@ -13,6 +13,7 @@
 #include "platform/standalone/cnb/access_cache.h"
 #include "platform/standalone/cnb/default_buffer.h"
 #include "platform/standalone/cnb/domain.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/unit/cnb/cnb_fixture.h"
 
 using cnb_test::failing;
@@ -57,17 +58,6 @@ protected:
         uint64_t entry = 0;
         EXPECT_EQ(platform::pread_fully(pagemap.get(), &entry, 8, address / page_size * 8), 8);
         return (entry >> 63) != 0;
-    }
-
-    // Of buffers only: a sanitizer makes and removes mappings of its own.
-    static int mappings_of_buffers()
-    {
-        std::ifstream maps("/proc/self/maps");
-        int found = 0;
-        for (std::string line; std::getline(maps, line);) {
-            found += line.find("/memfd:") != std::string::npos ? 1 : 0;
-        }
-        return found;
     }
 
     vexa_global_access_cache* cache;
@@ -180,13 +170,13 @@ TEST_F(AccessCache, AnyNumberOfRequestsKeepOneMapping)
 {
     load(4'000'000);
     fetch(0, 1000, access_write);
-    const int before = mappings_of_buffers();
-    EXPECT_GT(before, 0);
+    const size_t before = mappings_of_memory_files();
+    EXPECT_GT(before, 0U);
     for (uint64_t offset = 0; offset + 3000 < 4'000'000; offset += 17) {
         ASSERT_NE(fetch(offset, 3000, offset % 2 == 0 ? access_read : access_write), nullptr);
         vexa_global_access_cache_cleanup_idle(cache);
     }
-    EXPECT_EQ(mappings_of_buffers(), before);
+    EXPECT_EQ(mappings_of_memory_files(), before);
 }
 
 TEST_F(AccessCache, WriteRequestMakesItsPagesPresent)
